@@ -1,0 +1,62 @@
+# Provides Abseil, its logging library included, as imported targets absl::…
+#
+# A system Abseil with absl/log is used when there is one. Debian 12's is too
+# old for that, so otherwise the libraries that we use are built from the source
+# which scripts/setup put into the cache, once for each compiler and sanitizer,
+# since code under a sanitizer must not be mixed with code that is not.
+
+set(ORVANE_CACHE_DIR "$ENV{ORVANE_CACHE_DIR}" CACHE PATH
+    "Where sources and builds of dependencies are kept between build trees")
+if(NOT ORVANE_CACHE_DIR)
+  if(DEFINED ENV{XDG_CACHE_HOME})
+    set(ORVANE_CACHE_DIR "$ENV{XDG_CACHE_HOME}/orvane")
+  else()
+    set(ORVANE_CACHE_DIR "$ENV{HOME}/.cache/orvane")
+  endif()
+endif()
+
+find_path(ORVANE_SYSTEM_ABSL_LOG absl/log/log.h)
+mark_as_advanced(ORVANE_SYSTEM_ABSL_LOG)
+if(ORVANE_SYSTEM_ABSL_LOG)
+  find_package(absl CONFIG REQUIRED)
+  message(STATUS "Abseil: the system's, ${absl_DIR}")
+  return()
+endif()
+
+set(abseil_source_dir "${ORVANE_CACHE_DIR}/abseil-20240722.0/source")
+if(NOT EXISTS "${abseil_source_dir}/CMakeLists.txt")
+  message(FATAL_ERROR
+    "Abseil with its logging library is missing: neither the system has it nor "
+    "${abseil_source_dir}; scripts/setup fetches it.")
+endif()
+
+file(SHA256 "${CMAKE_CURRENT_LIST_DIR}/abseil/CMakeLists.txt" abseil_recipe)
+string(SHA256 abseil_variant
+  "${CMAKE_CXX_COMPILER_ID} ${CMAKE_CXX_COMPILER_VERSION} ${CMAKE_CXX_FLAGS} ${abseil_recipe}")
+string(SUBSTRING "${abseil_variant}" 0 12 abseil_variant)
+set(abseil_variant "${ORVANE_CACHE_DIR}/abseil-20240722.0/${CMAKE_CXX_COMPILER_ID}-${abseil_variant}")
+
+if(NOT EXISTS "${abseil_variant}/complete")
+  message(STATUS "Abseil: building in ${abseil_variant}, once, about a minute")
+  # Two build trees may be configured at the same time.
+  file(LOCK "${abseil_variant}.lock" GUARD FILE)
+  if(NOT EXISTS "${abseil_variant}/complete")
+    foreach(step IN ITEMS
+        "-S;${CMAKE_CURRENT_LIST_DIR}/abseil;-B;${abseil_variant}/build;-G;${CMAKE_GENERATOR};-DCMAKE_BUILD_TYPE=Release;-DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER};-DCMAKE_CXX_FLAGS=${CMAKE_CXX_FLAGS};-DCMAKE_INSTALL_PREFIX=${abseil_variant};-DABSEIL_SOURCE_DIR=${abseil_source_dir}"
+        "--build;${abseil_variant}/build;--target;needed"
+        "--install;${abseil_variant}/build")
+      execute_process(COMMAND "${CMAKE_COMMAND}" ${step}
+        OUTPUT_FILE "${abseil_variant}.log" ERROR_FILE "${abseil_variant}.log" RESULT_VARIABLE failed)
+      if(failed)
+        message(FATAL_ERROR "Abseil did not build; see ${abseil_variant}.log")
+      endif()
+    endforeach()
+    file(REMOVE_RECURSE "${abseil_variant}/build")
+    file(TOUCH "${abseil_variant}/complete")
+  endif()
+  file(LOCK "${abseil_variant}.lock" RELEASE)
+endif()
+
+set(absl_DIR "${abseil_variant}/lib/cmake/absl" CACHE PATH "Abseil's CMake package" FORCE)
+find_package(absl CONFIG REQUIRED)
+message(STATUS "Abseil: our build, ${abseil_variant}")

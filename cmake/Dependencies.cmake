@@ -1,0 +1,22 @@
+# Everything that we build on. scripts/setup installs it on Debian.
+find_package(Threads REQUIRED)
+include(Abseil)
+
+# Protobuf's own package where there is one (it brings its Abseil along), else
+# CMake's finder, which knows Debian 12's.
+find_package(Protobuf CONFIG QUIET)
+if(NOT Protobuf_FOUND)
+  find_package(Protobuf 3.21 MODULE REQUIRED)
+endif()
+
+find_package(GTest CONFIG REQUIRED)
+find_package(benchmark CONFIG REQUIRED)
+
+# Standalone Asio is headers only. It stays behind our .cc files; without
+# exceptions it asks for a throw hook, which transport/asio.h provides.
+find_path(ORVANE_ASIO_INCLUDE_DIR asio.hpp REQUIRED)
+mark_as_advanced(ORVANE_ASIO_INCLUDE_DIR)
+add_library(orvane_asio INTERFACE)
+target_include_directories(orvane_asio SYSTEM INTERFACE "${ORVANE_ASIO_INCLUDE_DIR}")
+target_compile_definitions(orvane_asio INTERFACE ASIO_STANDALONE ASIO_NO_EXCEPTIONS ASIO_NO_DEPRECATED)
+target_link_libraries(orvane_asio INTERFACE Threads::Threads)

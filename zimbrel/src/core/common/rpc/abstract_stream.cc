@@ -1,0 +1,20 @@
+#include "zimbrel/src/core/common/rpc/abstract_stream.h"
+
+#include <utility>
+
+namespace orvane {
+
+AbstractStream::AbstractStream(StreamChannel channel)
+    : channel_(std::move(channel)) {}
+
+AbstractStream::~AbstractStream() = default;
+
+absl::Status AbstractStream::Send(const rpc::transport::StreamMessage& frame) {
+  return channel_.endpoint_->Send(frame);
+}
+
+EventLoop& AbstractStream::loop() const { return channel_.endpoint_->loop(); }
+
+void AbstractStream::Complete() { channel_.endpoint_->Complete(); }
+
+}  // namespace orvane

@@ -1,0 +1,60 @@
+// The base of every server-side stream.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_ABSTRACT_STREAM_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_ABSTRACT_STREAM_H_
+
+#include "absl/status/status.h"
+
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/stream_channel.h"
+
+namespace orvane {
+
+class EventLoop;
+
+// The widget's side of one stream that a host has opened.
+//
+// The transport owns it. It calls OnNext and OnError any number of times, then
+// OnCompleted at most once, then nothing but the destructor. It must call
+// OnCompleted before it destroys a stream that received frames: destructors
+// leave the process-wide registries alone.
+//
+// Thread: the service thread, for everything; calls of different streams must
+// not overlap either.
+class AbstractStream {
+ public:
+  explicit AbstractStream(StreamChannel channel);
+  AbstractStream(const AbstractStream&) = delete;
+  AbstractStream& operator=(const AbstractStream&) = delete;
+  virtual ~AbstractStream();
+
+  // A data frame from the peer. `frame` is borrowed for the call.
+  virtual void OnNext(rpc::transport::StreamMessage* frame) = 0;
+
+  // The peer reports a failure: of the call `frame->call_id()` where the stream
+  // has calls. The stream goes on. `frame` is borrowed for the call.
+  virtual void OnError(rpc::transport::StreamMessage* frame) = 0;
+
+  // The peer has ended the stream, or is gone. Ends with Complete(), which may
+  // destroy the stream.
+  virtual void OnCompleted() = 0;
+
+  // Sends `payload` and `call_id` of `frame` to the peer, without blocking. An
+  // error means that nothing was sent.
+  absl::Status Send(const rpc::transport::StreamMessage& frame);
+
+  // The loop on which the stream lives. Outlives the stream.
+  EventLoop& loop() const;
+
+ protected:
+  // Tells the peer that this end is finished. The last thing that a stream does
+  // with itself: the transport is free to destroy it inside this call.
+  void Complete();
+
+ private:
+  StreamChannel channel_;
+};
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_ABSTRACT_STREAM_H_

@@ -1,0 +1,21 @@
+// What Asio wants when exceptions are off. Every file that includes Asio
+// includes this header first.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_ASIO_HOOK_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_ASIO_HOOK_H_
+
+#include "absl/log/log.h"
+#include "asio/detail/throw_exception.hpp"
+
+namespace asio::detail {
+
+// Only operations without an error_code come here, and only when the system
+// refuses what every loop needs, such as a descriptor for its own wake-ups.
+template <typename Exception>
+void throw_exception(const Exception& exception) {
+  LOG(FATAL) << "Asio: " << exception.what();
+}
+
+}  // namespace asio::detail
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_ASIO_HOOK_H_

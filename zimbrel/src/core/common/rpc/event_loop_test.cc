@@ -1,0 +1,156 @@
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+
+#include <csignal>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+namespace orvane {
+namespace {
+
+using ::testing::ElementsAre;
+
+TEST(EventLoop, RunsTasksInOrderAndNotInsidePost) {
+  EventLoop loop;
+  std::vector<int> ran;
+  loop.Post([&] { ran.push_back(1); });
+  loop.Post([&] { ran.push_back(2); });
+  EXPECT_TRUE(ran.empty());
+  loop.RunUntilIdle();
+  EXPECT_THAT(ran, ElementsAre(1, 2));
+}
+
+TEST(EventLoop, StopEndsRunAndALaterRunWorksAgain) {
+  EventLoop loop;
+  int runs = 0;
+  for (int i = 0; i < 2; ++i) {
+    loop.Post([&] {
+      ++runs;
+      loop.Stop();
+    });
+    loop.Run();
+  }
+  EXPECT_EQ(runs, 2);
+}
+
+TEST(EventLoop, TasksFromOtherThreadsRunOnTheLoopsThread) {
+  EventLoop loop;
+  std::thread::id ran_on;
+  std::thread other([&] {
+    loop.Post([&] {
+      ran_on = std::this_thread::get_id();
+      loop.Stop();
+    });
+  });
+  loop.Run();
+  other.join();
+  EXPECT_EQ(ran_on, std::this_thread::get_id());
+}
+
+TEST(EventLoop, RunUntilReturnsWhenTheConditionHolds) {
+  EventLoop loop;
+  int count = 0;
+  for (int i = 0; i < 5; ++i) loop.Post([&] { ++count; });
+  EXPECT_TRUE(loop.RunUntil([&] { return count == 3; }));
+  EXPECT_EQ(count, 3);
+}
+
+TEST(EventLoop, RunUntilInsideATaskRunsTheOthers) {
+  EventLoop loop;
+  bool inner = false;
+  bool outer = false;
+  loop.Post([&] {
+    EXPECT_TRUE(loop.RunUntil([&] { return inner; }));
+    outer = true;
+  });
+  loop.Post([&] { inner = true; });
+  EXPECT_TRUE(loop.RunUntil([&] { return outer; }));
+}
+
+TEST(EventLoop, RunUntilGivesUpWhenTheLoopIsStopped) {
+  EventLoop loop;
+  loop.Post([&] { loop.Stop(); });
+  EXPECT_FALSE(loop.RunUntil([] { return false; }));
+}
+
+TEST(EventLoop, TimersRunInOrderOfTheirTimes) {
+  EventLoop loop;
+  std::vector<int> ran;
+  const auto late = loop.RunAfter(absl::Milliseconds(2), [&] { ran.push_back(2); });
+  const auto soon = loop.RunAfter(absl::ZeroDuration(), [&] { ran.push_back(1); });
+  EXPECT_TRUE(loop.RunUntil([&] { return ran.size() == 2; }));
+  EXPECT_THAT(ran, ElementsAre(1, 2));
+}
+
+TEST(EventLoop, ADroppedTimerNeverRunsAndReleasesItsTask) {
+  EventLoop loop;
+  bool ran = false;
+  const auto held = std::make_shared<int>(0);
+  auto timer = loop.RunAfter(absl::ZeroDuration(), [&ran, held] { ran = true; });
+  timer.reset();
+  EXPECT_EQ(held.use_count(), 1);
+  loop.RunUntilIdle();
+  EXPECT_FALSE(ran);
+}
+
+TEST(EventLoop, ATimerMayBeDroppedInsideItsOwnTask) {
+  EventLoop loop;
+  bool ran = false;
+  std::unique_ptr<EventLoop::Timer> timer;
+  timer = loop.RunAfter(absl::ZeroDuration(), [&] {
+    timer.reset();
+    ran = true;
+  });
+  EXPECT_TRUE(loop.RunUntil([&] { return ran; }));
+}
+
+TEST(EventLoop, AnEndlessDelayIsNoTime) {
+  EventLoop loop;
+  const auto never = loop.RunAfter(absl::InfiniteDuration(), [] { FAIL(); });
+  loop.RunUntilIdle();
+}
+
+TEST(EventLoop, TheMailboxOutlivesTheLoopAndThenDropsTasks) {
+  auto loop = std::make_unique<EventLoop>();
+  const std::shared_ptr<Mailbox> mailbox = loop->mailbox();
+  bool ran = false;
+  EXPECT_TRUE(mailbox->Post([&] { ran = true; }));
+  loop->RunUntilIdle();
+  EXPECT_TRUE(ran);
+  loop.reset();
+  const auto held = std::make_shared<int>(0);
+  EXPECT_FALSE(mailbox->Post([held] { FAIL(); }));
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(EventLoop, TasksStillQueuedAtTheEndAreDestroyedUnrun) {
+  auto loop = std::make_unique<EventLoop>();
+  const auto held = std::make_shared<int>(0);
+  loop->Post([held] { FAIL(); });
+  loop.reset();
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(EventLoop, KnowsWhetherItRunsOnThisThread) {
+  EventLoop loop;
+  EXPECT_FALSE(loop.IsRunningHere());
+  bool inside = false;
+  loop.Post([&] { inside = loop.IsRunningHere(); });
+  loop.RunUntilIdle();
+  EXPECT_TRUE(inside);
+}
+
+TEST(EventLoop, ASignalBecomesATask) {
+  EventLoop loop;
+  bool told = false;
+  loop.OnSignal({SIGUSR1}, [&] { told = true; });
+  std::raise(SIGUSR1);
+  EXPECT_TRUE(loop.RunUntil([&] { return told; }));
+}
+
+}  // namespace
+}  // namespace orvane

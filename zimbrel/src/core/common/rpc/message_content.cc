@@ -1,0 +1,62 @@
+#include "zimbrel/src/core/common/rpc/message_content.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "absl/hash/hash.h"
+#include "google/protobuf/io/coded_stream.h"
+#include "google/protobuf/io/zero_copy_stream_impl_lite.h"
+
+namespace orvane {
+namespace {
+
+using google::protobuf::Message;
+
+// The deterministic serialisation of one message, on the stack if it is small.
+class Content {
+ public:
+  // `size` is what the message's ByteSizeLong() has just returned.
+  Content(const Message& message, std::size_t size) : size_(size) {
+    std::uint8_t* bytes = small_.data();
+    if (size > small_.size()) {
+      large_ = std::make_unique_for_overwrite<std::uint8_t[]>(size);
+      bytes = large_.get();
+    }
+    bytes_ = bytes;
+    google::protobuf::io::ArrayOutputStream array(bytes, static_cast<int>(size));
+    google::protobuf::io::CodedOutputStream out(&array);
+    out.SetSerializationDeterministic(true);
+    message.SerializeWithCachedSizes(&out);
+  }
+
+  explicit Content(const Message& message) : Content(message, message.ByteSizeLong()) {}
+
+  std::string_view bytes() const {
+    return {reinterpret_cast<const char*>(bytes_), size_};
+  }
+
+ private:
+  std::array<std::uint8_t, 256> small_;
+  std::unique_ptr<std::uint8_t[]> large_;
+  const std::uint8_t* bytes_;
+  std::size_t size_;
+};
+
+}  // namespace
+
+std::size_t MessageHash::operator()(const Message* message) const {
+  const Content content(*message);
+  return absl::HashOf(message->GetDescriptor(), content.bytes());
+}
+
+bool MessageEqual::operator()(const Message* left, const Message* right) const {
+  if (left == right) return true;
+  if (left->GetDescriptor() != right->GetDescriptor()) return false;
+  const std::size_t size = left->ByteSizeLong();
+  if (right->ByteSizeLong() != size) return false;
+  return Content(*left, size).bytes() == Content(*right, size).bytes();
+}
+
+}  // namespace orvane
