@@ -51,7 +51,7 @@ function(orvane_test name)
   set_property(TEST ${name} PROPERTY ENVIRONMENT
     "ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1"
     "UBSAN_OPTIONS=print_stacktrace=1"
-    "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/cmake/leaks.supp:print_suppressions=0"
+    "LSAN_OPTIONS=suppressions='${PROJECT_SOURCE_DIR}/cmake/leaks.supp':print_suppressions=0"
     "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1")
   foreach(source IN LISTS arg_SOURCES)
     cmake_path(ABSOLUTE_PATH source)

@@ -22,7 +22,8 @@ inline constexpr Severity kInfo = 0;
 inline constexpr Severity kWarning = 1;
 inline constexpr Severity kError = 2;
 
-// Whether a record of this severity would reach anyone. Ask before building one.
+// Whether a record of this severity would reach anyone. Ask before building
+// one.
 bool ShouldCreateLogMessage(Severity severity);
 
 // One record, written when the object is destroyed. `file` is stored as given:

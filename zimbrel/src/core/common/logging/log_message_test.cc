@@ -49,7 +49,8 @@ TEST_F(LogMessageTest, WarningsAreWantedByDefault) {
 }
 
 TEST_F(LogMessageTest, NothingBelowTheMinimumSeverityIsWanted) {
-  const absl::log_internal::ScopedMinLogLevel only_errors(absl::LogSeverityAtLeast::kError);
+  const absl::log_internal::ScopedMinLogLevel only_errors(
+      absl::LogSeverityAtLeast::kError);
   EXPECT_FALSE(ShouldCreateLogMessage(kInfo));
   EXPECT_FALSE(ShouldCreateLogMessage(kWarning));
   EXPECT_TRUE(ShouldCreateLogMessage(kError));

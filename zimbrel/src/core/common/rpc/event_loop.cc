@@ -51,7 +51,8 @@ class AsioTimer final : public EventLoop::Timer {
 struct EventLoop::State {
   // One thread runs it: Asio then leaves out what several would need.
   asio::io_context io{1};
-  asio::executor_work_guard<asio::io_context::executor_type> stay{io.get_executor()};
+  asio::executor_work_guard<asio::io_context::executor_type> stay{
+      io.get_executor()};
   std::optional<asio::signal_set> signals;
 };
 
@@ -100,7 +101,8 @@ bool EventLoop::RunUntil(absl::AnyInvocable<bool()> done) {
 
 void EventLoop::Post(Task task) { PostTo(state_->io, std::move(task)); }
 
-std::unique_ptr<EventLoop::Timer> EventLoop::RunAfter(absl::Duration delay, Task task) {
+std::unique_ptr<EventLoop::Timer> EventLoop::RunAfter(absl::Duration delay,
+                                                      Task task) {
   return std::make_unique<AsioTimer>(state_->io, delay, std::move(task));
 }
 
@@ -110,9 +112,10 @@ void EventLoop::OnSignal(std::initializer_list<int> signals, Task task) {
     asio::error_code refused;  // Only numbers that are no signals are.
     state_->signals->add(signal, refused);
   }
-  state_->signals->async_wait([task = std::move(task)](asio::error_code error, int) mutable {
-    if (!error) std::move(task)();
-  });
+  state_->signals->async_wait(
+      [task = std::move(task)](asio::error_code error, int) mutable {
+        if (!error) std::move(task)();
+      });
 }
 
 std::shared_ptr<Mailbox> EventLoop::mailbox() { return mailbox_; }

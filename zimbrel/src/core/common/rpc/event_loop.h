@@ -34,10 +34,10 @@ class Mailbox {
 // Run. That thread is the service thread: handlers, streams, publishing and
 // calling belong to it, and Post is the way there from any other.
 //
-// Thread: Post and Stop from any, the rest from the service thread, which before
-// Run is whichever thread made the loop. Lifetime: the loop outlives everything
-// that was given a pointer to it. What is still queued when it is destroyed is
-// destroyed unrun.
+// Thread: Post and Stop from any, the rest from the service thread, which
+// before Run is whichever thread made the loop. Lifetime: the loop outlives
+// everything that was given a pointer to it. What is still queued when it is
+// destroyed is destroyed unrun.
 class EventLoop {
  public:
   // A task that waits for its time. Destroying the handle before then drops the
@@ -74,7 +74,8 @@ class EventLoop {
 
   // Runs `task` once, `delay` from now at the earliest. A delay that is not
   // positive means as soon as possible, but never inside this call.
-  [[nodiscard]] std::unique_ptr<Timer> RunAfter(absl::Duration delay, Task task);
+  [[nodiscard]] std::unique_ptr<Timer> RunAfter(absl::Duration delay,
+                                                Task task);
 
   // Runs `task` at the first of these signals to arrive, once, instead of what
   // the process would do. Later ones are ignored while the loop lives. At most

@@ -80,8 +80,10 @@ TEST(EventLoop, RunUntilGivesUpWhenTheLoopIsStopped) {
 TEST(EventLoop, TimersRunInOrderOfTheirTimes) {
   EventLoop loop;
   std::vector<int> ran;
-  const auto late = loop.RunAfter(absl::Milliseconds(2), [&] { ran.push_back(2); });
-  const auto soon = loop.RunAfter(absl::ZeroDuration(), [&] { ran.push_back(1); });
+  const auto late =
+      loop.RunAfter(absl::Milliseconds(2), [&] { ran.push_back(2); });
+  const auto soon =
+      loop.RunAfter(absl::ZeroDuration(), [&] { ran.push_back(1); });
   EXPECT_TRUE(loop.RunUntil([&] { return ran.size() == 2; }));
   EXPECT_THAT(ran, ElementsAre(1, 2));
 }
@@ -90,7 +92,8 @@ TEST(EventLoop, ADroppedTimerNeverRunsAndReleasesItsTask) {
   EventLoop loop;
   bool ran = false;
   const auto held = std::make_shared<int>(0);
-  auto timer = loop.RunAfter(absl::ZeroDuration(), [&ran, held] { ran = true; });
+  auto timer =
+      loop.RunAfter(absl::ZeroDuration(), [&ran, held] { ran = true; });
   timer.reset();
   EXPECT_EQ(held.use_count(), 1);
   loop.RunUntilIdle();

@@ -16,7 +16,8 @@ namespace orvane {
 //
 // Both functors read the messages only, but protobuf caches sizes inside them:
 // do not use one message from two threads at once. Nothing is allocated for
-// messages whose serialisation fits 256 bytes, maps aside, which protobuf sorts.
+// messages whose serialisation fits 256 bytes, maps aside, which protobuf
+// sorts.
 
 // Not noexcept, on purpose: libstdc++ then keeps each key's hash in its node
 // instead of serialising stored keys again during look-ups.

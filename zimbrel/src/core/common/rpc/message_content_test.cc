@@ -27,9 +27,11 @@ using testdata::Twin;
 // Equal in both directions, and so of equal hash.
 bool Same(const Message& left, const Message& right) {
   const bool equal = MessageEqual()(&left, &right);
-  EXPECT_EQ(equal, MessageEqual()(&right, &left)) << "equality is not symmetric";
+  EXPECT_EQ(equal, MessageEqual()(&right, &left))
+      << "equality is not symmetric";
   if (equal) {
-    EXPECT_EQ(MessageHash()(&left), MessageHash()(&right)) << "equal, of different hash";
+    EXPECT_EQ(MessageHash()(&left), MessageHash()(&right))
+        << "equal, of different hash";
   }
   return equal;
 }
@@ -57,7 +59,9 @@ TEST(MessageContent, DifferentValuesDiffer) {
             MessageHash()(std::make_unique<Small>(MakeSmall(8)).get()));
 }
 
-TEST(MessageContent, EmptyMessagesOfOneTypeAreEqual) { EXPECT_TRUE(Same(Small(), Small())); }
+TEST(MessageContent, EmptyMessagesOfOneTypeAreEqual) {
+  EXPECT_TRUE(Same(Small(), Small()));
+}
 
 TEST(MessageContent, TypesOfTheSameBytesDiffer) {
   Twin twin;
@@ -120,8 +124,10 @@ TEST(MessageContent, MapsInsideMapsAreComparedTheSameWay) {
   Everything up;
   Everything down;
   for (int i = 0; i < 50; ++i) {
-    (*(*up.mutable_by_number())[3].mutable_by_name())["key" + std::to_string(i)] = i;
-    (*(*down.mutable_by_number())[3].mutable_by_name())["key" + std::to_string(49 - i)] = 49 - i;
+    (*(*up.mutable_by_number())[3]
+          .mutable_by_name())["key" + std::to_string(i)] = i;
+    (*(*down.mutable_by_number())[3]
+          .mutable_by_name())["key" + std::to_string(49 - i)] = 49 - i;
   }
   EXPECT_TRUE(Same(up, down));
 }
@@ -163,9 +169,10 @@ TEST(MessageContent, ExtensionsCount) {
 
 TEST(MessageContent, DynamicMessagesEqualGeneratedOnesOfTheSameDescriptor) {
   google::protobuf::DynamicMessageFactory factory;
-  const std::unique_ptr<Message> dynamic(factory.GetPrototype(Small::descriptor())->New());
-  dynamic->GetReflection()->SetInt64(dynamic.get(), Small::descriptor()->FindFieldByName("value"),
-                                     7);
+  const std::unique_ptr<Message> dynamic(
+      factory.GetPrototype(Small::descriptor())->New());
+  dynamic->GetReflection()->SetInt64(
+      dynamic.get(), Small::descriptor()->FindFieldByName("value"), 7);
   EXPECT_TRUE(Same(*dynamic, MakeSmall(7)));
   EXPECT_TRUE(SameAsItsCopy(*dynamic));
 }

@@ -15,8 +15,8 @@ namespace orvane {
 
 class EventLoop;
 
-// What a transport puts behind a channel: its end of one open stream. Written by
-// transports, used through StreamChannel and AbstractStream only.
+// What a transport puts behind a channel: its end of one open stream. Written
+// by transports, used through StreamChannel and AbstractStream only.
 //
 // Thread: the service thread. The destructor runs when the stream is destroyed,
 // whether or not it was completed; no other operation follows it.
