@@ -1,0 +1,16 @@
+// Service code of a proto with one service, linked with message code of a proto
+// of the same name with none.
+
+#include "empty_service/empty_service.rpc.h"
+#include "gtest/gtest.h"
+
+namespace testdata {
+namespace {
+
+TEST(FewerServicesThanGenerated, TheDescriptorIsNull) {
+  EXPECT_EQ(EmptyService::descriptor(), nullptr);
+  EXPECT_EQ(EmptyService().GetDescriptor(), nullptr);
+}
+
+}  // namespace
+}  // namespace testdata

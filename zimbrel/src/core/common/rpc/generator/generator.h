@@ -1,0 +1,39 @@
+// From proto files to service classes.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_GENERATOR_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_GENERATOR_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "google/protobuf/compiler/code_generator.h"
+
+namespace orvane::generator {
+
+// Writes DIR/x.rpc.h and DIR/x.rpc.cc for each DIR/x.proto that declares
+// services, and nothing for other protos. The output depends on the proto, its
+// imports and the parameter alone.
+//
+// The parameter is empty or "log_path_prefix=PATH": where the output lies in
+// its tree, for the source path that fatal log entries name.
+//
+// Either everything is written, or nothing is and the error lists all that is
+// wrong, one finding on each line.
+class Generator : public google::protobuf::compiler::CodeGenerator {
+ public:
+  bool Generate(const google::protobuf::FileDescriptor* file,
+                const std::string& parameter,
+                google::protobuf::compiler::GeneratorContext* context,
+                std::string* error) const override;
+  bool GenerateAll(
+      const std::vector<const google::protobuf::FileDescriptor*>& files,
+      const std::string& parameter,
+      google::protobuf::compiler::GeneratorContext* context,
+      std::string* error) const override;
+  std::uint64_t GetSupportedFeatures() const override;
+};
+
+}  // namespace orvane::generator
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_GENERATOR_H_

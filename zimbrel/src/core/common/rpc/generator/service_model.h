@@ -1,0 +1,56 @@
+// What the printers need to know of a proto file, and no more.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_SERVICE_MODEL_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_SERVICE_MODEL_H_
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "google/protobuf/descriptor.h"
+
+namespace orvane::generator {
+
+enum class MethodKind { kUnary, kEventStream, kCallbackStream };
+
+struct MethodModel {
+  int index;  // Within its service.
+  MethodKind kind;
+  std::string proto_name;  // As the proto spells it.
+  std::string name;        // In C++.
+  std::string request;     // C++ types, as spelled inside the class.
+  std::string response;
+  std::vector<std::string> comment;  // Lines of text, empty if there are none.
+};
+
+struct ServiceModel {
+  int index;              // Within its file.
+  std::string full_name;  // In the proto.
+  std::string name;       // In C++.
+  std::vector<std::string> comment;
+  std::vector<MethodModel> methods;  // In the order of the proto.
+
+  bool Has(MethodKind kind) const;
+};
+
+struct FileModel {
+  std::string path;          // As imported: "rpc/browser/browser_widget.proto".
+  std::string stem;          // The path without ".proto".
+  std::string mangled_path;  // The path as a part of protobuf's identifiers.
+  std::string log_path;      // What fatal log entries name as their source.
+  std::string cpp_namespace;  // "a::b", or empty.
+  std::vector<ServiceModel> services;
+};
+
+// The kind of a method, or nothing if it is none of the three.
+std::optional<MethodKind> KindOf(
+    const google::protobuf::MethodDescriptor& method);
+
+// `file` breaks no rule (rules.h). A prefix that is not empty goes before the
+// log path, with a slash between.
+FileModel ReadFile(const google::protobuf::FileDescriptor& file,
+                   const std::string& log_path_prefix);
+
+}  // namespace orvane::generator
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_SERVICE_MODEL_H_
