@@ -1,0 +1,157 @@
+// What a continuation may do: anything.
+
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "absl/status/status.h"
+#include "absl/time/time.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "zimbrel/src/core/common/rpc/stream/call.h"
+#include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/stream/testing/call_fixture.h"
+#include "zimbrel/src/core/common/rpc/stream/testing/event_host.h"
+#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+
+namespace orvane {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+using CallContinuationTest = CallFixture;
+
+TEST_F(CallContinuationTest, AContinuationMayCallAgain) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(
+      Ask(kBrowser, "a", [&] { EXPECT_TRUE(Ask(kBrowser, "b").ok()); }).ok());
+  host.Answer(kBrowser, host.last_id(), Text("1"));
+  loop.RunUntilIdle();
+  host.Answer(kBrowser, host.last_id(), Text("2"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("a 1", "b 2"));
+}
+
+TEST_F(CallContinuationTest,
+       CallingAgainOnEveryFailureIsOverWhenNobodyServesAnyLonger) {
+  absl::Status last;
+  std::function<void()> again = [&] {
+    last = Ask(kBrowser, "again", again).status();
+  };
+  host.Subscribe(kBrowser);
+  again();
+  for (int i = 0; i < 3; ++i) {
+    host.Fail(kBrowser, host.last_id());
+    loop.RunUntilIdle();
+  }
+  EXPECT_EQ(ends.size(), 3u);
+  host.End();
+  loop.RunUntilIdle();
+  EXPECT_EQ(ends.size(), 4u);
+  EXPECT_EQ(last.code(), absl::StatusCode::kNotFound);
+  EXPECT_EQ(host.received().size(), 4u);
+}
+
+TEST_F(CallContinuationTest,
+       CallingAgainOnEveryFailureLeavesOtherTasksTheirTurn) {
+  absl::Status last;
+  std::function<void()> again = [&] {
+    last = Ask(kBrowser, "again", again, {.timeout = absl::ZeroDuration()})
+               .status();
+  };
+  host.Subscribe(kBrowser);
+  again();
+  RunUntilEnds(100);
+  EXPECT_TRUE(last.ok());
+  bool other = false;
+  loop.Post([&other] { other = true; });
+  EXPECT_TRUE(loop.RunUntil([&other] { return other; }));
+}
+
+TEST_F(CallContinuationTest, AContinuationMayPublish) {
+  EventHost<rpc::TooltipChanged> watcher(&loop, &service);
+  watcher.Subscribe(7);
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "a", [&] {
+                Publish(kBrowser, rpc::TooltipChanged());
+              }).ok());
+  host.Answer(kBrowser, host.last_id(), Text("1"));
+  loop.RunUntilIdle();
+  EXPECT_EQ(watcher.received.size(), 1u);
+  watcher.Leave();
+}
+
+TEST_F(CallContinuationTest, AContinuationMayUnsubscribeItsKey) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "a", [&] { host.Unsubscribe(kBrowser); }).ok());
+  ASSERT_TRUE(Ask(kBrowser, "b").ok());
+  host.Answer(kBrowser, host.received()[0].id, Text("1"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("a 1", StartsWith("b CANCELLED")));
+}
+
+TEST_F(CallContinuationTest, AContinuationMayCancelOtherCalls) {
+  host.Subscribe(kBrowser);
+  auto other = Ask(kBrowser, "b");
+  ASSERT_TRUE(other.ok());
+  ASSERT_TRUE(Ask(kBrowser, "a", [&] { other->Cancel(); }).ok());
+  host.Answer(kBrowser, host.last_id(), Text("1"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("a 1", StartsWith("b CANCELLED")));
+}
+
+TEST_F(CallContinuationTest, AContinuationMayEndItsStream) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "a", [&] { host.End(); }).ok());
+  ASSERT_TRUE(Ask(kBrowser, "b").ok());
+  host.Answer(kBrowser, host.received()[0].id, Text("1"));
+  loop.RunUntilIdle();
+  EXPECT_FALSE(host.is_open());
+  EXPECT_THAT(ends, ElementsAre("a 1", StartsWith("b CANCELLED")));
+}
+
+TEST_F(CallContinuationTest,
+       AContinuationMayDestroyTheServiceAndEveryStreamOfIt) {
+  struct Server {
+    explicit Server(EventLoop* loop)
+        : first(loop, &service), second(loop, &service) {}
+    rpc::BrowserWidgetRpc service;
+    Host first;
+    ScriptedHost<rpc::TakeFocus> second;
+  };
+  auto server = std::make_unique<Server>(&loop);
+  server->first.Subscribe(kBrowser);
+  server->second.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "a", [&] { server.reset(); }).ok());
+  ASSERT_TRUE(Ask(kBrowser, "b").ok());
+  server->first.Fail(kBrowser, server->first.received()[0].id);
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends,
+              ElementsAre(StartsWith("a UNKNOWN"), StartsWith("b CANCELLED")));
+}
+
+TEST_F(CallContinuationTest,
+       WhatAContinuationHoldsMayEndTheStreamWhenItIsDestroyed) {
+  std::shared_ptr<void> ender(nullptr, [&](void*) {
+    ends.push_back("released");
+    host.End();
+  });
+  host.Subscribe(kBrowser);
+  // Only the continuation that does not run holds it in the end.
+  ASSERT_TRUE(Call<rpc::CreateWebDialog>(
+                  kBrowser, {}, [ender](rpc::CreateWebDialogResponse) {},
+                  [&](const absl::Status&) { ends.push_back("failed"); })
+                  .ok());
+  ender.reset();
+  host.Fail(kBrowser, host.last_id());
+  EXPECT_THAT(ends, IsEmpty());
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("failed", "released"));
+  EXPECT_FALSE(host.is_open());
+}
+
+}  // namespace
+}  // namespace orvane

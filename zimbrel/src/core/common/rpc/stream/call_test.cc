@@ -1,0 +1,384 @@
+#include "zimbrel/src/core/common/rpc/stream/call.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "absl/strings/str_cat.h"
+#include "absl/time/time.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "zimbrel/src/core/common/rpc/stream/testing/call_fixture.h"
+#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+
+namespace orvane {
+namespace {
+
+using rpc::CreateWebDialog;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+static_assert(CallMessage<rpc::CreateWebDialog> &&
+              CallMessage<rpc::UpdateSurface> &&
+              CallMessage<rpc::UpdateLayer> && CallMessage<rpc::ShowDropdown> &&
+              CallMessage<rpc::TakeFocus> &&
+              CallMessage<rpc::AccessibilityRequestFocus>);
+
+using CallTest = CallFixture;
+
+// Making a call -------------------------------------------------------------
+
+TEST_F(CallTest, ReachesTheHostWithTheKeyTheCallAndItsId) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "name?").ok());
+  ASSERT_EQ(host.received().size(), 1u);
+  const CreateWebDialog& message = host.received()[0].message;
+  EXPECT_EQ(message.browser_id().value(), kBrowser.value());
+  EXPECT_EQ(message.call().prompt().message(), "name?");
+  EXPECT_THAT(host.stream().pending_calls_, ::testing::SizeIs(1));
+  EXPECT_EQ(host.stream().CallsOf(kBrowser).second.begin()->first,
+            host.last_id());
+}
+
+TEST_F(CallTest, TakesAnIdThatNoOtherCallHas) {
+  Host second(&loop, &service);
+  host.Subscribe(kBrowser);
+  second.Subscribe(kOther);
+  ASSERT_TRUE(Ask(kBrowser, "a").ok());
+  ASSERT_TRUE(Ask(kBrowser, "b").ok());
+  ASSERT_TRUE(Ask(kOther, "c").ok());
+  EXPECT_NE(host.received()[0].id, host.received()[1].id);
+  EXPECT_NE(host.received()[1].id, second.received()[0].id);
+}
+
+TEST_F(CallTest, IsAnErrorAtOnceWhenNobodyServesTheKey) {
+  host.Subscribe(kOther);
+  const auto call = Ask(kBrowser, "a");
+  EXPECT_EQ(call.status().code(), absl::StatusCode::kNotFound);
+  EXPECT_THAT(call.status().message(),
+              AllOf(HasSubstr("no host serves rpc.CreateWebDialog"),
+                    HasSubstr(kBrowser.ShortDebugString())));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, IsEmpty());
+  EXPECT_THAT(host.received(), IsEmpty());
+}
+
+TEST_F(CallTest, IsAnErrorAtOnceWhenTheFrameCannotBeSent) {
+  host.Subscribe(kBrowser);
+  host.send_result = absl::ResourceExhaustedError("too slow");
+  EXPECT_EQ(Ask(kBrowser, "a").status(), host.send_result);
+  EXPECT_THAT(host.stream().pending_calls_, IsEmpty());
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, IsEmpty());
+  host.send_result = absl::OkStatus();
+  EXPECT_TRUE(Ask(kBrowser, "a").ok());
+}
+
+// How a call ends -----------------------------------------------------------
+
+TEST_F(CallTest, EndsWithTheAnswerAfterTheFrameWasHandled) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "name?").ok());
+  host.Answer(kBrowser, host.last_id(), Text("Ada"));
+  EXPECT_THAT(host.stream().pending_calls_, IsEmpty());
+  EXPECT_THAT(ends, IsEmpty()) << "ran inside the handler";
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("name? Ada"));
+}
+
+TEST_F(CallTest, IgnoresASecondAnswerAndAnswersThatNobodyAskedFor) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "name?").ok());
+  host.Answer(kBrowser, host.last_id() + 1, Text("wrong id"));
+  host.Answer(kOther, host.last_id(), Text("wrong key"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, IsEmpty());
+  host.Answer(kBrowser, host.last_id(), Text("Ada"));
+  host.Answer(kBrowser, host.last_id(), Text("Bob"));
+  host.Fail(kBrowser, host.last_id());
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("name? Ada"));
+}
+
+TEST_F(CallTest, EndsWhenTheHostAnswersWithAnError) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "a").ok());
+  host.Fail(kBrowser, host.last_id());
+  EXPECT_THAT(ends, IsEmpty()) << "ran inside the handler";
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("a UNKNOWN: the host answered with an error"));
+}
+
+TEST_F(CallTest, EndsWhenItsTimeIsOver) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(
+      Ask(kBrowser, "a", nullptr, {.timeout = absl::Milliseconds(2)}).ok());
+  ASSERT_TRUE(Ask(kBrowser, "b", nullptr, {.timeout = absl::Hours(1)}).ok());
+  EXPECT_EQ(host.stream().CallsOf(kBrowser).second.size(), 2u);
+  RunUntilEnds(1);
+  EXPECT_THAT(
+      ends,
+      ElementsAre("a DEADLINE_EXCEEDED: the host did not answer within 2ms"));
+  EXPECT_EQ(host.stream().CallsOf(kBrowser).second.size(), 1u);
+  host.Answer(kBrowser, host.received()[0].id, Text("late"));
+  host.Answer(kBrowser, host.received()[1].id, Text("in time"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends,
+              ElementsAre(StartsWith("a DEADLINE_EXCEEDED"), "b in time"));
+}
+
+TEST_F(CallTest, WithoutTimeEndsAsSoonAsTheLoopRunsButNotInsideTheCall) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "a", nullptr, {.timeout = absl::Seconds(-1)}).ok());
+  EXPECT_THAT(ends, IsEmpty());
+  RunUntilEnds(1);
+  EXPECT_THAT(ends, ElementsAre(StartsWith("a DEADLINE_EXCEEDED")));
+  EXPECT_THAT(host.stream().pending_calls_, IsEmpty());
+}
+
+TEST_F(CallTest, AnAnswerInTimeLeavesNothingForTheDeadline) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(
+      Ask(kBrowser, "a", nullptr, {.timeout = absl::ZeroDuration()}).ok());
+  host.Answer(kBrowser, host.last_id(), Text("yes"));
+  bool later = false;
+  const auto timer =
+      loop.RunAfter(absl::Milliseconds(2), [&later] { later = true; });
+  EXPECT_TRUE(loop.RunUntil([&later] { return later; }));
+  EXPECT_THAT(ends, ElementsAre("a yes"));
+}
+
+TEST_F(CallTest, EndsWhenTheHostUnsubscribesTheKey) {
+  host.Subscribe(kBrowser);
+  host.Subscribe(kOther);
+  ASSERT_TRUE(Ask(kBrowser, "a").ok());
+  ASSERT_TRUE(Ask(kOther, "b").ok());
+  host.Unsubscribe(kBrowser);
+  EXPECT_THAT(ends, IsEmpty()) << "ran inside the handler";
+  loop.RunUntilIdle();
+  EXPECT_THAT(
+      ends,
+      ElementsAre("a CANCELLED: the host unsubscribed the browser or ended the "
+                  "stream before it answered"));
+}
+
+TEST_F(CallTest, EndsWhenTheStreamIsCompletedInTheOrderOfTheCalls) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "a").ok());
+  ASSERT_TRUE(Ask(kBrowser, "b").ok());
+  host.End();
+  EXPECT_THAT(ends, IsEmpty()) << "ran inside the handler";
+  loop.RunUntilIdle();
+  EXPECT_THAT(
+      ends, ElementsAre(StartsWith("a CANCELLED"), StartsWith("b CANCELLED")));
+}
+
+TEST_F(CallTest, EndsWhenTheStreamIsDestroyedWithoutBeingCompleted) {
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "a", nullptr, {.timeout = absl::Hours(1)}).ok());
+  EXPECT_EQ(host.Vanish(), 1u);
+  EXPECT_THAT(ends, IsEmpty()) << "ran inside the destructor";
+  loop.RunUntilIdle();
+  EXPECT_THAT(
+      ends,
+      ElementsAre(
+          "a CANCELLED: the stream was destroyed before the host answered"));
+  RemoveRegistration<CreateWebDialog>(kBrowser);
+}
+
+TEST_F(CallTest, EndsAsCancelledWhenItIsAddedBehindTheWalkThatCancelsItsKey) {
+  host.Subscribe(kBrowser);
+  host.stream().CallsOf(kBrowser).second.emplace(
+      INT64_MAX, Stream::StreamCall{[](CreateWebDialog&) { FAIL(); },
+                                    [&](StreamCallFailure) {
+                                      EXPECT_TRUE(Ask(kBrowser, "a").ok());
+                                    }});
+  host.stream().CancelPendingRequests(kBrowser);
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre(StartsWith("a CANCELLED")));
+}
+
+TEST_F(CallTest, WaitsOnWhenAnotherStreamTakesTheKeyOver) {
+  Host second(&loop, &service);
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "old").ok());
+  second.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "new").ok());
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, IsEmpty());
+  ASSERT_EQ(host.received().size(), 1u);
+  ASSERT_EQ(second.received().size(), 1u);
+  second.Answer(kBrowser, host.last_id(), Text("from the wrong host"));
+  host.Answer(kBrowser, host.last_id(), Text("from the first"));
+  second.Answer(kBrowser, second.last_id(), Text("from the second"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("old from the first", "new from the second"));
+}
+
+TEST_F(CallTest,
+       WaitsOnWhenAnotherStreamUnsubscribesTheKeyWhichNobodyServesThen) {
+  Host second(&loop, &service);
+  host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "old").ok());
+  second.Unsubscribe(kBrowser);
+  EXPECT_EQ(Ask(kBrowser, "new").status().code(), absl::StatusCode::kNotFound);
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, IsEmpty());
+  host.Answer(kBrowser, host.last_id(), Text("yes"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("old yes"));
+}
+
+TEST_F(CallTest, DestroysBothContinuationsUnrunWithTheLoop) {
+  const auto held = std::make_shared<int>(0);
+  auto own_loop = std::make_unique<EventLoop>();
+  Host own_host(own_loop.get(), &service);
+  own_host.Subscribe(kBrowser);
+  ASSERT_TRUE(Ask(kBrowser, "a", [held] { FAIL(); }).ok());
+  own_host.End();
+  EXPECT_GT(held.use_count(), 1);
+  own_loop.reset();
+  EXPECT_EQ(held.use_count(), 1);
+  EXPECT_THAT(ends, IsEmpty());
+}
+
+// Streams that are gone -----------------------------------------------------
+
+TEST_F(CallTest, NeverTouchesADestroyedStreamThatTheRegistryStillNames) {
+  host.Subscribe(kBrowser);
+  host.Vanish();
+  EXPECT_EQ(Stream::stream_map_.size(), 1u);
+  EXPECT_EQ(Ask(kBrowser, "a").status().code(), absl::StatusCode::kNotFound);
+  RemoveRegistration<CreateWebDialog>(kBrowser);
+}
+
+// Streams of one address after another, and how many frames they sent.
+class StreamsInOnePlace {
+ public:
+  StreamsInOnePlace(EventLoop* loop, rpc::BrowserWidgetRpc* service)
+      : loop_(loop), service_(service) {}
+
+  CallbackStream<CreateWebDialog>& Open() {
+    return stream_.emplace(service_, ScriptedHost<CreateWebDialog>::Method(),
+                           StreamChannel(std::make_unique<Endpoint>(this)));
+  }
+
+  int sent = 0;
+
+ private:
+  struct Endpoint final : StreamEndpoint {
+    explicit Endpoint(StreamsInOnePlace* all) : owner(all) {}
+    absl::Status Send(const rpc::transport::StreamMessage&) override {
+      ++owner->sent;
+      return absl::OkStatus();
+    }
+    void Complete() override {}
+    EventLoop& loop() override { return *owner->loop_; }
+    StreamsInOnePlace* const owner;
+  };
+
+  EventLoop* const loop_;
+  rpc::BrowserWidgetRpc* const service_;
+  std::optional<CallbackStream<CreateWebDialog>> stream_;
+};
+
+TEST_F(CallTest, NeverReachesAStreamThatOnlyHasTheAddressOfOneThatSubscribed) {
+  StreamsInOnePlace streams(&loop, &service);
+  streams.Open().Subscribe(kBrowser);
+  const Stream& second = streams.Open();
+  EXPECT_EQ(Serving(kBrowser), &second);
+  EXPECT_EQ(Ask(kBrowser, "a").status().code(), absl::StatusCode::kNotFound);
+  EXPECT_EQ(streams.sent, 0);
+  RemoveRegistration<CreateWebDialog>(kBrowser);
+}
+
+TEST_F(CallTest, ReachesAStreamThatSubscribesAsOneOfItsAddressDidBefore) {
+  StreamsInOnePlace streams(&loop, &service);
+  streams.Open().Subscribe(kBrowser);
+  Stream& second = streams.Open();
+  second.Subscribe(kBrowser);
+  EXPECT_TRUE(Ask(kBrowser, "a").ok());
+  EXPECT_EQ(streams.sent, 1);
+  second.OnCompleted();
+}
+
+// Cancelling ----------------------------------------------------------------
+
+TEST_F(CallTest, IsCancelledByItsHandleOnce) {
+  host.Subscribe(kBrowser);
+  auto call = Ask(kBrowser, "a", nullptr, {.timeout = absl::Hours(1)});
+  ASSERT_TRUE(call.ok());
+  call->Cancel();
+  call->Cancel();
+  EXPECT_THAT(ends, IsEmpty()) << "ran inside Cancel";
+  EXPECT_THAT(host.stream().pending_calls_, IsEmpty());
+  host.Answer(kBrowser, host.last_id(), Text("late"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("a CANCELLED: cancelled by the caller"));
+}
+
+TEST_F(CallTest, CancellingLeavesTheOtherCallsOfTheKey) {
+  host.Subscribe(kBrowser);
+  auto first = Ask(kBrowser, "a");
+  ASSERT_TRUE(first.ok());
+  ASSERT_TRUE(Ask(kBrowser, "b").ok());
+  first->Cancel();
+  host.Answer(kBrowser, host.last_id(), Text("yes"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre(StartsWith("a CANCELLED"), "b yes"));
+}
+
+TEST_F(CallTest, OutlivesItsHandle) {
+  host.Subscribe(kBrowser);
+  { const auto call = Ask(kBrowser, "a"); }
+  host.Answer(kBrowser, host.last_id(), Text("yes"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("a yes"));
+}
+
+TEST_F(CallTest, CancellingAfterTheEndDoesNothing) {
+  host.Subscribe(kBrowser);
+  auto call = Ask(kBrowser, "a");
+  ASSERT_TRUE(call.ok());
+  host.Answer(kBrowser, host.last_id(), Text("yes"));
+  call->Cancel();
+  loop.RunUntilIdle();
+  call->Cancel();
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("a yes"));
+}
+
+TEST_F(CallTest, CancellingAfterTheStreamIsGoneDoesNothing) {
+  host.Subscribe(kBrowser);
+  auto call = Ask(kBrowser, "a");
+  ASSERT_TRUE(call.ok());
+  host.End();
+  call->Cancel();
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre(StartsWith("a CANCELLED: the host")));
+}
+
+TEST_F(CallTest, ACallableOfTheTableMayCancelACallThatTheSameHandlerEnded) {
+  host.Subscribe(kBrowser);
+  auto call = Ask(kBrowser, "a");
+  ASSERT_TRUE(call.ok());
+  host.stream().CallsOf(kBrowser).second.emplace(
+      INT64_MAX,
+      Stream::StreamCall{[](CreateWebDialog&) { FAIL(); },
+                         [&](StreamCallFailure) { call->Cancel(); }});
+  host.Unsubscribe(kBrowser);
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre(StartsWith("a CANCELLED: the host")));
+}
+
+}  // namespace
+}  // namespace orvane

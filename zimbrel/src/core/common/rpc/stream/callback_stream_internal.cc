@@ -1,0 +1,34 @@
+#include "zimbrel/src/core/common/rpc/stream/callback_stream_internal.h"
+
+#include "zimbrel/src/core/common/logging/log_message.h"
+
+namespace orvane::internal {
+
+using google::protobuf::Message;
+
+std::unique_ptr<Message> ReadPayload(
+    const Message& prototype, const rpc::transport::StreamMessage& frame) {
+  std::unique_ptr<Message> message(prototype.New(nullptr));
+  // The result is ignored: a payload counts as far as it parsed.
+  static_cast<void>(message->ParseFromString(frame.payload()));
+  return message;
+}
+
+const Message* CopyKey(const Message& key) {
+  Message* const copy = key.New(nullptr);
+  copy->CopyFrom(key);
+  return copy;
+}
+
+void WarnOfTakeover(const Message& key) {
+  if (!logging::ShouldCreateLogMessage(logging::kWarning)) return;
+  // The place by which this record has always been known.
+  logging::LogMessage(
+      "../../zimbrel/src/core/common/rpc/stream/callback_stream", 204,
+      logging::kWarning)
+          .stream()
+      << "The subscriber is already associated with another stream. "
+      << key.ShortDebugString();
+}
+
+}  // namespace orvane::internal

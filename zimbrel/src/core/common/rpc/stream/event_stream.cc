@@ -1,0 +1,22 @@
+#include "zimbrel/src/core/common/rpc/stream/event_stream.h"
+
+namespace orvane::internal {
+
+using google::protobuf::Message;
+
+const rpc::EventSubscription& ReadSubscription(
+    const Service& service, const google::protobuf::MethodDescriptor* method,
+    const rpc::transport::StreamMessage& frame) {
+  Message* const request = service.GetRequestPrototype(method).New(nullptr);
+  // Whatever could be read is acted on.
+  static_cast<void>(request->ParseFromString(frame.payload()));
+  return static_cast<const rpc::EventSubscription&>(*request);
+}
+
+const Message* CopyEventKey(const Message& key) {
+  Message* const copy = key.New(nullptr);
+  copy->CopyFrom(key);
+  return copy;
+}
+
+}  // namespace orvane::internal

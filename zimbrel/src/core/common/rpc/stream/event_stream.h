@@ -1,0 +1,180 @@
+// The widget's side of an event stream, and the registry of who wants to hear
+// of what. To tell the hosts that something happened, see publish.h.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_EVENT_STREAM_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_EVENT_STREAM_H_
+
+#include <concepts>
+#include <cstddef>
+#include <set>
+#include <type_traits>
+#include <unordered_map>
+#include <utility>
+
+#include "google/protobuf/descriptor.h"
+#include "google/protobuf/message.h"
+
+#include "rpc/event_subscription.pb.h"
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/abstract_stream.h"
+#include "zimbrel/src/core/common/rpc/message_content.h"
+#include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/stream/registrations.h"
+
+namespace orvane {
+
+// A message that can be an event: any generated one.
+template <typename T>
+concept EventMessage = std::same_as<T, std::remove_cv_t<T>> &&
+    std::derived_from<T, google::protobuf::Message> &&
+    std::default_initializable<T>;
+
+// A host opens such a stream and sends rpc::EventSubscription frames on it,
+// each of which subscribes the stream to one key or unsubscribes it again. What
+// then becomes of the stream in the entry of a key:
+//
+//           | subscribe | unsubscribe | OnCompleted          | destroyed
+//   --------+-----------+-------------+----------------------+-------------
+//   absent  | listed    | absent      | absent               | absent
+//   listed  | listed    | absent      | alone: absent        | stays listed
+//           |           |             | else:  stays listed  |
+//
+// So the registry may list streams that have completed or are gone, under keys
+// that they shared. A transport that wants it exact unsubscribes a stream from
+// all that is left before it calls OnCompleted. Publish reaches the right ones
+// either way.
+//
+// T gives each kind of event its own registry; streams differ in nothing else.
+//
+// Thread: the service thread. Lifetime: as AbstractStream tells. Memory: every
+// frame leaves one small request message behind for the rest of the process,
+// since Unsubscribe may destroy a part of it.
+template <EventMessage T>
+class EventStream : public AbstractStream {
+ public:
+  // By content; each entry owns its key, a heap message. Streams are not owned.
+  // No entry is empty. Keys that are left when the process ends are not
+  // destroyed.
+  using Registry =
+      std::unordered_map<const google::protobuf::Message*,
+                         std::set<EventStream*>, MessageHash, MessageEqual>;
+
+  // `service` and `method` outlive the stream. Registers nothing.
+  EventStream(Service* service,
+              const google::protobuf::MethodDescriptor* method,
+              StreamChannel channel);
+  // Leaves the registry alone.
+  ~EventStream() override;
+
+  void OnNext(rpc::transport::StreamMessage* frame) override;
+  // Does nothing, and does not look at `frame`.
+  void OnError(rpc::transport::StreamMessage* frame) override;
+  // Erases the entries that list this stream alone, in the order of their keys'
+  // addresses, then ends the stream. Walks the whole registry.
+  void OnCompleted() override;
+
+  // Lists this stream under `key`, of which a new entry keeps a copy. A second
+  // time changes nothing.
+  void Subscribe(const google::protobuf::Message& key);
+
+  // Takes this stream out of the entry of `key`, if it is there, and erases the
+  // entry if nobody is left, which destroys its key.
+  //
+  // If there is no such entry, it is `key` itself that is destroyed. So `key`
+  // is the entry's own or a heap message that is given away with this call.
+  void Unsubscribe(const google::protobuf::Message& key);
+
+  // The one registry of T. To be read by others; written by streams alone.
+  // References into it are good until a stream's next operation.
+  static inline Registry stream_map_;
+
+ private:
+  Service* service_;
+  const google::protobuf::MethodDescriptor* method_;
+};
+
+namespace internal {
+
+// Makes the request that `frame` carries, as far as it parses, by the prototype
+// of `method`. It stays for the rest of the process.
+const rpc::EventSubscription& ReadSubscription(
+    const Service& service, const google::protobuf::MethodDescriptor* method,
+    const rpc::transport::StreamMessage& frame);
+
+// A heap copy of `key`, for a registry to own.
+const google::protobuf::Message* CopyEventKey(
+    const google::protobuf::Message& key);
+
+}  // namespace internal
+
+// ---------------------------------------------------------------------------
+
+template <EventMessage T>
+EventStream<T>::EventStream(Service* service,
+                            const google::protobuf::MethodDescriptor* method,
+                            StreamChannel channel)
+    : AbstractStream(std::move(channel)), service_(service), method_(method) {}
+
+template <EventMessage T>
+EventStream<T>::~EventStream() {
+  internal::Registrations::Get().Forget(this);
+  method_ = nullptr;
+  service_ = nullptr;
+}
+
+template <EventMessage T>
+void EventStream<T>::OnNext(rpc::transport::StreamMessage* frame) {
+  const rpc::EventSubscription& request =
+      internal::ReadSubscription(*service_, method_, *frame);
+  switch (request.action_case()) {
+    case rpc::EventSubscription::kSubscribe:
+      Subscribe(request.subscribe());
+      break;
+    case rpc::EventSubscription::kUnsubscribe:
+      Unsubscribe(request.unsubscribe());
+      break;
+    default:
+      break;
+  }
+}
+
+template <EventMessage T>
+void EventStream<T>::OnError(rpc::transport::StreamMessage*) {}
+
+template <EventMessage T>
+void EventStream<T>::OnCompleted() {
+  std::set<const google::protobuf::Message*> held_alone;
+  for (const auto& [key, streams] : stream_map_) {
+    const std::size_t others = streams.size() - streams.count(this);
+    if (others == 0) held_alone.insert(key);
+  }
+  for (const auto* key : held_alone) Unsubscribe(*key);
+  internal::Registrations::Get().Forget(this);
+  Complete();
+}
+
+template <EventMessage T>
+void EventStream<T>::Subscribe(const google::protobuf::Message& key) {
+  auto entry = stream_map_.find(&key);
+  if (entry == stream_map_.end()) {
+    entry = stream_map_.try_emplace(internal::CopyEventKey(key)).first;
+  }
+  entry->second.insert(this);
+  internal::Registrations::Get().Add(this, entry->first);
+}
+
+template <EventMessage T>
+void EventStream<T>::Unsubscribe(const google::protobuf::Message& key) {
+  const auto entry = stream_map_.try_emplace(&key).first;
+  const google::protobuf::Message* const own_key = entry->first;
+  entry->second.erase(this);
+  internal::Registrations::Get().Remove(this, own_key);
+  if (entry->second.empty()) {
+    stream_map_.erase(entry);
+    delete own_key;
+  }
+}
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_EVENT_STREAM_H_

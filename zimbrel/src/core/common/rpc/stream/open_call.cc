@@ -1,0 +1,91 @@
+#include "zimbrel/src/core/common/rpc/stream/open_call.h"
+#include "zimbrel/src/core/common/rpc/stream/call.h"
+
+#include <utility>
+
+#include "absl/strings/str_cat.h"
+
+#include "rpc/transport/stream_message.pb.h"
+
+namespace orvane::internal {
+
+using google::protobuf::Message;
+
+OpenCall::OpenCall(Place place, OnEnd on_end)
+    : place_(place), loop_(place.stream->loop()), on_end_(std::move(on_end)) {}
+
+OpenCall::~OpenCall() {
+  End(absl::CancelledError(
+      "the stream was destroyed before the host answered"));
+}
+
+void OpenCall::End(Outcome outcome) {
+  if (on_end_ == nullptr) return;
+  loop_.Post([on_end = std::exchange(on_end_, nullptr),
+              outcome = std::move(outcome)]() mutable {
+    std::move(on_end)(std::move(outcome));
+  });
+}
+
+void OpenCall::Withdraw(absl::Status why) {
+  if (on_end_ == nullptr) return;
+  End(std::move(why));
+  place_.drop(place_.stream, *place_.key, place_.id);
+}
+
+void OpenCall::EndAfter(absl::Duration timeout) {
+  deadline_ = loop_.RunAfter(timeout, [this, timeout] {
+    Withdraw(absl::DeadlineExceededError(absl::StrCat(
+        "the host did not answer within ", absl::FormatDuration(timeout))));
+  });
+}
+
+std::int64_t NextCallId() {
+  static std::int64_t last = 0;
+  return ++last;
+}
+
+absl::Status SendCall(AbstractStream& stream, std::int64_t id,
+                      const Message& message) {
+  rpc::transport::StreamMessage frame;
+  frame.set_call_id(id);
+  if (!message.SerializeToString(frame.mutable_payload())) {
+    return absl::InvalidArgumentError(
+        absl::StrCat("a call of ", message.ByteSizeLong(),
+                     " bytes; protobuf's limit is 2147483647"));
+  }
+  return stream.Send(frame);
+}
+
+absl::Status NobodyServes(const Message& key,
+                          const google::protobuf::Descriptor& type) {
+  return absl::NotFoundError(absl::StrCat("no host serves ", type.full_name(),
+                                          " for {", key.ShortDebugString(),
+                                          "}"));
+}
+
+absl::Status ToStatus(StreamCallFailure why) {
+  switch (why) {
+    case StreamCallFailure::kRemoteError:
+      return absl::UnknownError("the host answered with an error");
+    case StreamCallFailure::kCancelled:
+      break;
+  }
+  return absl::CancelledError(
+      "the host unsubscribed the browser or ended the stream before it "
+      "answered");
+}
+
+}  // namespace orvane::internal
+
+namespace orvane {
+
+CallHandle::CallHandle(std::weak_ptr<internal::OpenCall> call)
+    : call_(std::move(call)) {}
+
+void CallHandle::Cancel() {
+  if (const auto call = call_.lock())
+    call->Withdraw(absl::CancelledError("cancelled by the caller"));
+}
+
+}  // namespace orvane

@@ -1,0 +1,82 @@
+// What Call keeps of a call until it ends. Used by call.h only.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_OPEN_CALL_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_OPEN_CALL_H_
+
+#include <cstdint>
+#include <memory>
+
+#include "absl/functional/any_invocable.h"
+#include "absl/status/status.h"
+#include "absl/status/statusor.h"
+#include "absl/time/time.h"
+#include "google/protobuf/descriptor.h"
+#include "google/protobuf/message.h"
+
+#include "zimbrel/src/core/common/rpc/abstract_stream.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/stream/callback_stream.h"
+
+namespace orvane::internal {
+
+// One call, from the departure of its frame to its one end. Owned by the
+// callables that are listed for it in a stream's table, so it lives as long as
+// the call is listed there. While it has not ended, then, its stream is alive
+// and may be touched; and a call that is dropped unanswered, for whatever
+// reason, ends in the destructor.
+//
+// Thread: the service thread.
+class OpenCall {
+ public:
+  // The host's message, of the type that the call was made with, or the reason
+  // why there is none.
+  using Outcome = absl::StatusOr<std::unique_ptr<google::protobuf::Message>>;
+  using OnEnd = absl::AnyInvocable<void(Outcome) &&>;
+
+  // Where the call is listed.
+  struct Place {
+    AbstractStream* stream;
+    const google::protobuf::Message* key;  // The table's own.
+    std::int64_t id;
+    // Takes the call out of the table of `stream`.
+    void (*drop)(AbstractStream* stream, const google::protobuf::Message& key,
+                 std::int64_t id);
+  };
+
+  OpenCall(Place place, OnEnd on_end);
+  OpenCall(const OpenCall&) = delete;
+  OpenCall& operator=(const OpenCall&) = delete;
+  ~OpenCall();
+
+  // Posts `on_end` to the stream's loop, the first time; then does nothing.
+  void End(Outcome outcome);
+
+  // Ends the call, unless it has ended, and takes it out of the table, which
+  // destroys this object.
+  void Withdraw(absl::Status why);
+
+  // Withdraws the call as late after `timeout`. At most once.
+  void EndAfter(absl::Duration timeout);
+
+ private:
+  const Place place_;
+  EventLoop& loop_;
+  OnEnd on_end_;  // Empty once the call has ended.
+  std::unique_ptr<EventLoop::Timer> deadline_;
+};
+
+// A new id for each call of the process.
+std::int64_t NextCallId();
+
+// Sends `message` as the call `id`.
+absl::Status SendCall(AbstractStream& stream, std::int64_t id,
+                      const google::protobuf::Message& message);
+
+absl::Status NobodyServes(const google::protobuf::Message& key,
+                          const google::protobuf::Descriptor& type);
+
+absl::Status ToStatus(StreamCallFailure why);
+
+}  // namespace orvane::internal
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_OPEN_CALL_H_

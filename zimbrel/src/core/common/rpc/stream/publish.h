@@ -1,0 +1,81 @@
+// Publishing: tells every host that asked, with one call, that something
+// happened.
+//
+//   rpc::CursorChanged event;
+//   *event.mutable_browser_id() = browser;
+//   event.mutable_cursor()->set_type(rpc::CURSOR_TYPE_POINTER);
+//   orvane::Publish<rpc::CursorChanged>(browser, event);
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_PUBLISH_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_PUBLISH_H_
+
+#include <cstddef>
+
+#include "google/protobuf/message.h"
+
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/stream/event_stream.h"
+#include "zimbrel/src/core/common/rpc/stream/registrations.h"
+
+namespace orvane {
+
+// Sends `event` to the streams that are subscribed to `key` (compared by
+// content), in the order of EventStream<T>::stream_map_. Returns how many took
+// it, which may be ignored: 0 if nobody asked.
+//
+// What a publisher may rely on:
+//   - A stream receives the event once if it has subscribed to `key` and since
+//     then has not unsubscribed, completed or been destroyed; else not at all.
+//     That the registry still lists it, or its address, makes no difference.
+//   - A stream whose transport refuses the frame is passed over. The stream
+//     stays subscribed; a peer that is gone or too slow is for the transport to
+//     deal with.
+//   - Events reach one stream in the order in which they were published.
+//   - When it returns, frames have been handed to the transport, not delivered.
+//     Nothing has run meanwhile: no handler, no callback, no destructor.
+//
+// The event is serialised once, however many receive it, into a buffer that is
+// kept for the next. An event beyond protobuf's limit of 2 GiB reaches nobody.
+//
+// `key` and `event` are borrowed for the call. Naming T, as above, lets the
+// compiler notice when they are swapped.
+//
+// Thread: the service thread; EventLoop::Post leads there from any other. May
+// be called from anywhere on it (handlers, continuations, tasks), but not from
+// inside StreamEndpoint::Send.
+template <EventMessage T>
+std::size_t Publish(const google::protobuf::Message& key, const T& event);
+
+namespace internal {
+
+// A frame that carries `event`, good until the next call. Null if the event is
+// too large.
+const rpc::transport::StreamMessage* MakeEventFrame(
+    const google::protobuf::Message& event);
+
+}  // namespace internal
+
+// ---------------------------------------------------------------------------
+
+template <EventMessage T>
+std::size_t Publish(const google::protobuf::Message& key, const T& event) {
+  const auto entry = EventStream<T>::stream_map_.find(&key);
+  if (entry == EventStream<T>::stream_map_.end()) return 0;
+  const auto& [own_key, streams] = *entry;
+
+  const rpc::transport::StreamMessage* const frame =
+      internal::MakeEventFrame(event);
+  if (frame == nullptr) return 0;
+
+  const internal::Registrations& registrations = internal::Registrations::Get();
+  std::size_t reached = 0;
+  for (EventStream<T>* const stream : streams) {
+    if (!registrations.Has(stream, own_key)) continue;
+    if (stream->Send(*frame).ok()) ++reached;
+  }
+  return reached;
+}
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_PUBLISH_H_

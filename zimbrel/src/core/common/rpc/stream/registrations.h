@@ -1,0 +1,46 @@
+// Which living stream asked for which entry of a registry.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_REGISTRATIONS_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_REGISTRATIONS_H_
+
+#include <unordered_map>
+#include <unordered_set>
+
+#include "google/protobuf/message.h"
+
+#include "zimbrel/src/core/common/rpc/abstract_stream.h"
+
+namespace orvane::internal {
+
+// The streams' registries may name a stream that was destroyed without being
+// completed, and whose address another stream has by now. Whoever is about to
+// touch a stream that a registry names asks here first. An entry is known by
+// its key's address, which is its own for as long as the entry lives.
+//
+// Thread: the service thread.
+class Registrations {
+ public:
+  // The one for all registries of the process. Never destroyed.
+  static Registrations& Get();
+
+  void Add(const AbstractStream* stream, const google::protobuf::Message* key);
+
+  // Neither an unknown stream nor an unknown key is an error.
+  void Remove(const AbstractStream* stream,
+              const google::protobuf::Message* key);
+
+  // Called by every stream's destructor.
+  void Forget(const AbstractStream* stream);
+
+  bool Has(const AbstractStream* stream,
+           const google::protobuf::Message* key) const;
+
+ private:
+  std::unordered_map<const AbstractStream*,
+                     std::unordered_set<const google::protobuf::Message*>>
+      keys_;
+};
+
+}  // namespace orvane::internal
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_REGISTRATIONS_H_
