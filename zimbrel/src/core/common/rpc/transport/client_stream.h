@@ -1,0 +1,75 @@
+// The host's side of one stream.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_STREAM_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_STREAM_H_
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "absl/functional/any_invocable.h"
+#include "absl/status/status.h"
+#include "google/protobuf/message_lite.h"
+
+#include "rpc/transport/stream_message.pb.h"
+
+namespace orvane {
+
+// Where the frames of an open stream are sent. Implemented by SocketClient.
+// Once the stream has ended, for whatever reason, sending fails with
+// kUnavailable.
+//
+// Thread: the service thread.
+class ClientStreamSender {
+ public:
+  virtual ~ClientStreamSender() = default;
+
+  // Sends a message of the type that the method declares for this direction. On
+  // a callback stream `call_id` is that of the call which it answers, if any.
+  virtual absl::Status Next(const google::protobuf::MessageLite& message,
+                            std::int64_t call_id) = 0;
+
+  // Fails the widget's call `call_id`. Of `message` only `browser_id` counts.
+  // The text is for people who read the frames: the widget's code learns only
+  // that the call has failed.
+  virtual absl::Status Error(const google::protobuf::MessageLite& message,
+                             std::int64_t call_id, const std::string& text) = 0;
+};
+
+// What a stream tells its host. Handlers run on the service thread, one at a
+// time, and may do anything, destroying the stream or its client included; but
+// a blocking call inside one fails.
+struct ClientStreamHandlers {
+  // A message has arrived. The frame is borrowed for the call.
+  absl::AnyInvocable<void(rpc::transport::StreamMessage&)> on_next;
+
+  // The stream has ended: OK if the widget has completed it, kUnavailable if
+  // the connection is gone, else why the widget refused it or what was sent on
+  // it. Runs once, and nothing runs after it. May be empty.
+  absl::AnyInvocable<void(const absl::Status&) &&> on_end;
+};
+
+// An open stream. Destroying it ends the stream; no handler runs from then on.
+// May outlive its client.
+//
+// Thread: the service thread.
+class ClientStream {
+ public:
+  // For clients; `close` is called once, by the destructor.
+  ClientStream(std::shared_ptr<ClientStreamSender> sender,
+               absl::AnyInvocable<void() &&> close);
+  ClientStream(const ClientStream&) = delete;
+  ClientStream& operator=(const ClientStream&) = delete;
+  ~ClientStream();
+
+  // To send from code that may outlive the stream.
+  const std::shared_ptr<ClientStreamSender>& sender() const { return sender_; }
+
+ private:
+  const std::shared_ptr<ClientStreamSender> sender_;
+  absl::AnyInvocable<void() &&> close_;
+};
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_STREAM_H_

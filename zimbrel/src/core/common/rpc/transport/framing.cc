@@ -1,0 +1,101 @@
+#include "zimbrel/src/core/common/rpc/transport/framing.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include "absl/strings/str_cat.h"
+#include "google/protobuf/io/coded_stream.h"
+#include "google/protobuf/wire_format_lite.h"
+
+namespace orvane {
+namespace {
+
+using google::protobuf::MessageLite;
+using google::protobuf::internal::WireFormatLite;
+using google::protobuf::io::CodedOutputStream;
+using rpc::transport::StreamMessage;
+
+std::size_t ReadLength(std::string_view bytes) {
+  std::uint32_t length = 0;
+  for (std::size_t i = 0; i < kFrameLengthBytes; ++i) {
+    length |= std::uint32_t{static_cast<unsigned char>(bytes[i])} << (8 * i);
+  }
+  return length;
+}
+
+absl::Status TooLong(std::size_t length, std::size_t limit) {
+  return absl::ResourceExhaustedError(
+      absl::StrCat("frame of ", length, " bytes; the limit is ", limit));
+}
+
+// Serialised messages put one behind the other are one message, so the payload
+// need not be copied into the header first. `write_payload` puts its bytes
+// where it is told.
+template <typename WritePayload>
+absl::Status Append(const StreamMessage& header, std::size_t payload_bytes,
+                    std::size_t max_frame_bytes, ByteBuffer* out,
+                    WritePayload write_payload) {
+  const std::uint32_t tag =
+      WireFormatLite::MakeTag(StreamMessage::kPayloadFieldNumber,
+                              WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
+  std::size_t length = header.ByteSizeLong();
+  if (payload_bytes > 0) {
+    length += CodedOutputStream::VarintSize32(tag) +
+              CodedOutputStream::VarintSize64(payload_bytes) + payload_bytes;
+  }
+  if (length > max_frame_bytes) return TooLong(length, max_frame_bytes);
+
+  char* const begin = out->Reserve(kFrameLengthBytes + length);
+  auto* to = reinterpret_cast<std::uint8_t*>(begin);
+  to = CodedOutputStream::WriteLittleEndian32ToArray(
+      static_cast<std::uint32_t>(length), to);
+  to = header.SerializeWithCachedSizesToArray(to);
+  if (payload_bytes > 0) {
+    to = CodedOutputStream::WriteTagToArray(tag, to);
+    to = CodedOutputStream::WriteVarint64ToArray(payload_bytes, to);
+    write_payload(to);
+  }
+  out->Commit(kFrameLengthBytes + length);
+  return absl::OkStatus();
+}
+
+}  // namespace
+
+char* FrameReader::Space() {
+  received_.Consume(handed_out_);
+  handed_out_ = 0;
+  // One byte is what there must be; how much there is follows from how the
+  // buffer grows.
+  return received_.Reserve(1);
+}
+
+absl::StatusOr<std::optional<std::string_view>> FrameReader::Next() {
+  received_.Consume(handed_out_);
+  handed_out_ = 0;
+  const std::string_view bytes = received_.content();
+  if (bytes.size() < kFrameLengthBytes) return std::nullopt;
+  const std::size_t length = ReadLength(bytes);
+  if (length > max_frame_bytes_) return TooLong(length, max_frame_bytes_);
+  if (bytes.size() - kFrameLengthBytes < length) return std::nullopt;
+  handed_out_ = kFrameLengthBytes + length;
+  return bytes.substr(kFrameLengthBytes, length);
+}
+
+absl::Status AppendFrame(const StreamMessage& header,
+                         const MessageLite& payload,
+                         std::size_t max_frame_bytes, ByteBuffer* out) {
+  return Append(header, payload.ByteSizeLong(), max_frame_bytes, out,
+                [&payload](std::uint8_t* to) {
+                  payload.SerializeWithCachedSizesToArray(to);
+                });
+}
+
+absl::Status AppendFrame(const StreamMessage& header, std::string_view payload,
+                         std::size_t max_frame_bytes, ByteBuffer* out) {
+  return Append(header, payload.size(), max_frame_bytes, out,
+                [payload](std::uint8_t* to) {
+                  std::memcpy(to, payload.data(), payload.size());
+                });
+}
+
+}  // namespace orvane

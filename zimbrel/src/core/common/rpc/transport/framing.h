@@ -1,0 +1,66 @@
+// Frames on a byte stream: each a serialised rpc.transport.StreamMessage behind
+// its length, 32 bits little-endian, which does not count itself.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_FRAMING_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_FRAMING_H_
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+#include "absl/status/status.h"
+#include "absl/status/statusor.h"
+#include "google/protobuf/message_lite.h"
+
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/transport/byte_buffer.h"
+
+namespace orvane {
+
+inline constexpr std::size_t kFrameLengthBytes = 4;
+
+// What one frame may take by default, its length not counted.
+inline constexpr std::size_t kDefaultMaxFrameBytes = std::size_t{4} << 20;
+
+// The smallest limit that can be set: room for a header and an error in words.
+inline constexpr std::size_t kMinMaxFrameBytes = std::size_t{4} << 10;
+
+// Cuts received bytes into frames. Any split of the same bytes gives the same
+// frames. Memory grows with the bytes that have arrived, not with the length
+// that a frame announces.
+class FrameReader {
+ public:
+  explicit FrameReader(std::size_t max_frame_bytes)
+      : max_frame_bytes_(max_frame_bytes) {}
+
+  // Where to put the next bytes: `room()` of them at the most, at least one.
+  // Received says how many there were.
+  char* Space();
+  std::size_t room() const { return received_.room(); }
+  void Received(std::size_t bytes) { received_.Commit(bytes); }
+
+  // The next whole frame, without its length; nullopt if more bytes are needed.
+  // Valid until the next call of Next or Space. An error, in words, means that
+  // the rest of the stream cannot be read.
+  absl::StatusOr<std::optional<std::string_view>> Next();
+
+ private:
+  const std::size_t max_frame_bytes_;
+  ByteBuffer received_;
+  std::size_t handed_out_ = 0;  // Bytes of the frame that Next returned last.
+};
+
+// Appends one frame: `header`, with `payload` as its payload: serialised in
+// place, or bytes that were serialised before. `header` has no payload of its
+// own unless that is empty. An error says that the frame would be longer than
+// `max_frame_bytes`; nothing was appended.
+absl::Status AppendFrame(const rpc::transport::StreamMessage& header,
+                         const google::protobuf::MessageLite& payload,
+                         std::size_t max_frame_bytes, ByteBuffer* out);
+absl::Status AppendFrame(const rpc::transport::StreamMessage& header,
+                         std::string_view payload, std::size_t max_frame_bytes,
+                         ByteBuffer* out);
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_FRAMING_H_

@@ -1,0 +1,79 @@
+// For tests of the transport: the other end of a connection, scripted.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_RAW_PEER_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_RAW_PEER_H_
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "gtest/gtest.h"
+
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/transport/byte_buffer.h"
+#include "zimbrel/src/core/common/rpc/transport/framing.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+namespace orvane {
+
+// One end of a connection that says just what a test tells it to, byte by byte.
+class RawPeer {
+ public:
+  explicit RawPeer(OwnedDescriptor descriptor)
+      : descriptor_(std::move(descriptor)) {}
+
+  // All at once; waits if the socket is full.
+  void SendBytes(const std::string& bytes) {
+    ASSERT_EQ(
+        ::send(descriptor_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+        static_cast<ssize_t>(bytes.size()));
+  }
+
+  static std::string Bytes(const rpc::transport::StreamMessage& frame) {
+    ByteBuffer bytes;
+    EXPECT_TRUE(AppendFrame(frame, "", kDefaultMaxFrameBytes, &bytes).ok());
+    return std::string(bytes.content());
+  }
+
+  void Send(const rpc::transport::StreamMessage& frame) {
+    SendBytes(Bytes(frame));
+  }
+
+  void FinishSending() { ::shutdown(descriptor_.get(), SHUT_WR); }
+
+  // Takes what has arrived, without waiting.
+  void Receive() {
+    while (true) {
+      char* const space = reader_.Space();
+      const ssize_t got =
+          ::recv(descriptor_.get(), space, reader_.room(), MSG_DONTWAIT);
+      if (got == 0 || (got < 0 && errno != EAGAIN)) closed = true;
+      if (got <= 0) break;
+      reader_.Received(static_cast<std::size_t>(got));
+      TakeFrames();
+    }
+  }
+
+  std::vector<rpc::transport::StreamMessage> frames;
+  bool closed = false;
+
+ private:
+  void TakeFrames() {
+    while (true) {
+      const auto next = reader_.Next();
+      ASSERT_TRUE(next.ok()) << next.status();
+      if (!next->has_value()) return;
+      ASSERT_TRUE(frames.emplace_back().ParseFromString(std::string(**next)));
+    }
+  }
+
+  OwnedDescriptor descriptor_;
+  FrameReader reader_{kDefaultMaxFrameBytes};
+};
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_RAW_PEER_H_

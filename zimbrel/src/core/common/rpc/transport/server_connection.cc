@@ -1,0 +1,189 @@
+#include "zimbrel/src/core/common/rpc/transport/server_connection.h"
+
+#include <string>
+#include <utility>
+
+#include "absl/strings/str_cat.h"
+#include "google/protobuf/descriptor.h"
+
+#include "zimbrel/src/core/common/rpc/transport/server_call.h"
+
+namespace orvane {
+
+using google::protobuf::MethodDescriptor;
+using google::protobuf::ServiceDescriptor;
+using rpc::transport::StreamMessage;
+
+namespace {
+
+// Words for people need no more, and always fit a frame.
+constexpr std::size_t kMaxErrorTextBytes = 2048;
+
+bool IsStream(const MethodDescriptor& method) {
+  return method.client_streaming() || method.server_streaming();
+}
+
+// The method of that index if it is of that kind, or words why not. Past this
+// check the service trusts its method.
+absl::StatusOr<const MethodDescriptor*> FindMethod(
+    const ServiceDescriptor& service, std::uint32_t index, bool stream) {
+  if (index >= static_cast<std::uint32_t>(service.method_count())) {
+    return absl::UnimplementedError(
+        absl::StrCat("no method ", index, " in ", service.full_name(),
+                     ", which has ", service.method_count()));
+  }
+  const MethodDescriptor* const method =
+      service.method(static_cast<int>(index));
+  if (IsStream(*method) == stream) return method;
+  return absl::InvalidArgumentError(absl::StrCat(
+      method->full_name(), stream ? " is no stream and cannot be opened"
+                                  : " is a stream and cannot be called"));
+}
+
+}  // namespace
+
+ServerConnection::ServerConnection(EventLoop* loop, Service* service,
+                                   const ServerOptions& options,
+                                   FrameSocket::Socket socket,
+                                   absl::AnyInvocable<void() &&> on_end)
+    : loop_(loop),
+      service_(service),
+      mailbox_(loop->mailbox()),
+      socket_(std::make_shared<FrameSocket>(std::move(socket),
+                                            options.max_frame_bytes, this)),
+      on_end_(std::move(on_end)) {
+  socket_->Start();
+}
+
+ServerConnection::~ServerConnection() {
+  streams_.clear();
+  socket_->Close();
+  // Abandoning a call may run a handler's closure, which may do anything.
+  for (const auto& [id, call] : std::exchange(calls_, {})) call->Abandon();
+}
+
+void ServerConnection::OnFrame(StreamMessage& frame) {
+  switch (frame.kind()) {
+    case StreamMessage::KIND_CALL:
+      return BeginCall(frame);
+    case StreamMessage::KIND_CANCEL:
+      return CancelCall(frame.stream_id());
+    case StreamMessage::KIND_OPEN:
+      return OpenStream(frame);
+    case StreamMessage::KIND_NEXT:
+    case StreamMessage::KIND_ERROR:
+      return Deliver(frame);
+    case StreamMessage::KIND_COMPLETE:
+      return CompleteStream(frame.stream_id());
+    default:
+      return ThrowOut(absl::InvalidArgumentError(absl::StrCat(
+          "frame of kind ", frame.kind(), ", which a host never sends")));
+  }
+}
+
+void ServerConnection::OnBroken(const absl::Status& why) { ThrowOut(why); }
+
+bool ServerConnection::TakeId(std::uint64_t id) {
+  if (id > last_id_) {
+    last_id_ = id;
+    return true;
+  }
+  ThrowOut(absl::InvalidArgumentError(
+      absl::StrCat("stream id ", id, " after ", last_id_,
+                   "; each must be greater than the last")));
+  return false;
+}
+
+void ServerConnection::BeginCall(const StreamMessage& frame) {
+  const std::uint64_t id = frame.stream_id();
+  if (!TakeId(id)) return;
+  const absl::StatusOr<const MethodDescriptor*> found =
+      FindMethod(*service_->GetDescriptor(), frame.method(), /*stream=*/false);
+  if (!found.ok()) return SendError(id, found.status());
+  const MethodDescriptor* const method = *found;
+
+  auto call = std::make_unique<ServerCall>(
+      id, this, mailbox_, service_->GetRequestPrototype(method),
+      service_->GetResponsePrototype(method));
+  if (!call->request().ParseFromString(frame.payload())) {
+    return SendError(
+        id, absl::InvalidArgumentError(absl::StrCat(
+                "the request is no ", method->input_type()->full_name())));
+  }
+  calls_.emplace(id, call.get());
+  ServerCall* const handed_over = call.release();
+  service_->CallMethod(method, handed_over, &handed_over->request(),
+                       &handed_over->response(), handed_over);
+  // The handler may have destroyed this object.
+}
+
+void ServerConnection::Finish(const ServerCall& call) {
+  calls_.erase(call.id());
+  if (absl::Status outcome = call.outcome(); !outcome.ok())
+    return SendError(call.id(), outcome);
+  StreamMessage header;
+  header.set_kind(StreamMessage::KIND_REPLY);
+  header.set_stream_id(call.id());
+  if (absl::Status sent = socket_->Send(header, call.response()); !sent.ok()) {
+    SendError(call.id(), sent);
+  }
+}
+
+void ServerConnection::CancelCall(std::uint64_t id) {
+  const auto node = calls_.extract(id);
+  if (!node.empty()) node.mapped()->Abandon();
+}
+
+void ServerConnection::OpenStream(const StreamMessage& frame) {
+  const std::uint64_t id = frame.stream_id();
+  if (!TakeId(id)) return;
+  const absl::StatusOr<const MethodDescriptor*> found =
+      FindMethod(*service_->GetDescriptor(), frame.method(), /*stream=*/true);
+  if (!found.ok()) return SendError(id, found.status());
+  streams_.emplace(
+      id, std::make_unique<ServerStream>(loop_, service_, *found, id, socket_));
+}
+
+void ServerConnection::Deliver(StreamMessage& frame) {
+  // Read before delivery: the frame is the stream's to change.
+  const std::uint64_t id = frame.stream_id();
+  const auto stream = streams_.find(id);
+  if (stream == streams_.end()) {
+    return SendError(
+        id, absl::NotFoundError(absl::StrCat("stream ", id, " is not open")));
+  }
+  const absl::Status delivered = frame.kind() == StreamMessage::KIND_NEXT
+                                     ? stream->second->Next(frame)
+                                     : stream->second->Error(frame);
+  if (delivered.ok()) return;
+  SendError(id, delivered);
+  streams_.erase(stream);
+}
+
+void ServerConnection::CompleteStream(std::uint64_t id) {
+  if (streams_.erase(id) == 0) {
+    SendError(id,
+              absl::NotFoundError(absl::StrCat("stream ", id, " is not open")));
+  }
+}
+
+void ServerConnection::SendError(std::uint64_t id, const absl::Status& why) {
+  StreamMessage error;
+  error.set_kind(StreamMessage::KIND_ERROR);
+  error.set_stream_id(id);
+  error.set_error_code(static_cast<int>(why.code()));
+  error.set_error_text(
+      std::string(why.message().substr(0, kMaxErrorTextBytes)));
+  socket_->Send(error)
+      .IgnoreError();  // Fails only if the connection has ended.
+}
+
+void ServerConnection::ThrowOut(const absl::Status& why) {
+  if (!why.ok()) SendError(0, why);
+  socket_->Close();
+  // Out of this object before it runs, since it destroys this object.
+  auto on_end = std::move(on_end_);
+  std::move(on_end)();
+}
+
+}  // namespace orvane

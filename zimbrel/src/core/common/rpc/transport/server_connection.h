@@ -1,0 +1,72 @@
+// One host's connection to a server, with its calls and streams. Private to the
+// transport.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_CONNECTION_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_CONNECTION_H_
+
+#include <cstdint>
+#include <memory>
+
+#include "absl/container/flat_hash_map.h"
+#include "absl/functional/any_invocable.h"
+#include "absl/status/status.h"
+
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/transport/frame_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/server_stream.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+
+namespace orvane {
+
+class ServerCall;
+
+// Thread: the service thread. Lifetime: loop and service outlive it. Destroying
+// it completes the streams, tells the host so and closes the connection; calls
+// whose handlers have not answered yet are cancelled and left to them.
+class ServerConnection final : public FrameSocket::Receiver {
+ public:
+  // `on_end` runs once when the host has left or has been thrown out, from
+  // inside this object, which it may destroy.
+  ServerConnection(EventLoop* loop, Service* service,
+                   const ServerOptions& options, FrameSocket::Socket socket,
+                   absl::AnyInvocable<void() &&> on_end);
+  ServerConnection(const ServerConnection&) = delete;
+  ServerConnection& operator=(const ServerConnection&) = delete;
+  ~ServerConnection() override;
+
+  // A handler has answered: sends the answer and forgets the call.
+  void Finish(const ServerCall& call);
+
+ private:
+  void OnFrame(rpc::transport::StreamMessage& frame) override;
+  void OnBroken(const absl::Status& why) override;
+
+  // The host begins a call or a stream: false if its number is out of order,
+  // which has then ended the connection.
+  bool TakeId(std::uint64_t id);
+  void BeginCall(const rpc::transport::StreamMessage& frame);
+  void CancelCall(std::uint64_t id);
+  void OpenStream(const rpc::transport::StreamMessage& frame);
+  void Deliver(rpc::transport::StreamMessage& frame);
+  void CompleteStream(std::uint64_t id);
+  void SendError(std::uint64_t id, const absl::Status& why);
+  // Tells the host why, and ends the connection.
+  void ThrowOut(const absl::Status& why);
+
+  EventLoop* const loop_;
+  Service* const service_;
+  // For calls that are answered elsewhere.
+  const std::shared_ptr<Mailbox> mailbox_;
+  const std::shared_ptr<FrameSocket> socket_;
+  absl::AnyInvocable<void() &&> on_end_;
+  // Not answered yet. Each is owned by its handler, through `done`.
+  absl::flat_hash_map<std::uint64_t, ServerCall*> calls_;
+  absl::flat_hash_map<std::uint64_t, std::unique_ptr<ServerStream>> streams_;
+  std::uint64_t last_id_ = 0;  // The latest that the host has begun.
+};
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_CONNECTION_H_

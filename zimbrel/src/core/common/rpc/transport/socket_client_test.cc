@@ -1,0 +1,446 @@
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "google/protobuf/stubs/common.h"
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.rpc.h"
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
+#include "zimbrel/src/core/common/rpc/transport/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+namespace orvane {
+namespace {
+
+using google::protobuf::Closure;
+using google::protobuf::MethodDescriptor;
+using ::rpc::transport::StreamMessage;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+// Runs a function once and deletes itself.
+class Then final : public Closure {
+ public:
+  explicit Then(std::function<void()> what) : what_(std::move(what)) {}
+  void Run() override {
+    const std::unique_ptr<Then> self(this);
+    what_();
+  }
+
+ private:
+  std::function<void()> what_;
+};
+
+// The client against a scripted widget. All calls are of
+// GetChromiumWindowHandle.
+class SocketClientTest : public ::testing::Test {
+ protected:
+  // A call and all that it borrows.
+  struct PendingCall {
+    ClientController controller;
+    BrowserId request;
+    rpc::WindowHandle response;
+    int ended = 0;
+  };
+
+  SocketClientTest() {
+    auto pair = ConnectedPair();
+    widget.emplace(std::move(pair->first));
+    client = *SocketClient::Adopt(&loop, pair->second.Release());
+  }
+
+  static const MethodDescriptor* Method() {
+    return rpc::BrowserWidgetRpc::descriptor()->FindMethodByName(
+        "GetChromiumWindowHandle");
+  }
+
+  void Begin(
+      PendingCall* call, std::function<void()> then = [] {}) {
+    client->CallMethod(Method(), &call->controller, &call->request,
+                       &call->response,
+                       new Then([call, then = std::move(then)] {
+                         ++call->ended;
+                         then();
+                       }));
+  }
+
+  void Wait(PendingCall* call) {
+    client->CallMethod(Method(), &call->controller, &call->request,
+                       &call->response, nullptr);
+  }
+
+  void Settle() {
+    loop.RunUntilIdle();
+    widget->Receive();
+  }
+
+  void Reply(std::uint64_t id, std::uint64_t handle) {
+    rpc::WindowHandle response;
+    response.set_handle(handle);
+    StreamMessage frame;
+    frame.set_kind(StreamMessage::KIND_REPLY);
+    frame.set_stream_id(id);
+    frame.set_payload(response.SerializeAsString());
+    widget->Send(frame);
+  }
+
+  void Fail(std::uint64_t id, absl::StatusCode code, const std::string& text) {
+    StreamMessage frame;
+    frame.set_kind(StreamMessage::KIND_ERROR);
+    frame.set_stream_id(id);
+    frame.set_error_code(static_cast<int>(code));
+    frame.set_error_text(text);
+    widget->Send(frame);
+  }
+
+  EventLoop loop;
+  std::optional<RawPeer> widget;
+  std::unique_ptr<SocketClient> client;
+};
+
+TEST_F(SocketClientTest, SendsTheMethodsIndexAndTheRequest) {
+  PendingCall call;
+  call.request.set_value(77);
+  Begin(&call);
+  Settle();
+  ASSERT_THAT(widget->frames, SizeIs(1));
+  const StreamMessage& frame = widget->frames[0];
+  EXPECT_EQ(frame.kind(), StreamMessage::KIND_CALL);
+  EXPECT_EQ(frame.stream_id(), 1u);
+  EXPECT_EQ(frame.method(), 11u);
+  EXPECT_EQ(frame.payload(), call.request.SerializeAsString());
+  client.reset();
+}
+
+TEST_F(SocketClientTest, EndsACallWithItsResponse) {
+  PendingCall call;
+  Begin(&call);
+  Settle();
+  EXPECT_EQ(call.ended, 0);
+  Reply(1, 5);
+  Settle();
+  EXPECT_EQ(call.ended, 1);
+  EXPECT_FALSE(call.controller.Failed());
+  EXPECT_EQ(call.response.handle(), 5u);
+}
+
+TEST_F(SocketClientTest, AnswersMayComeInAnyOrder) {
+  PendingCall first;
+  PendingCall second;
+  std::vector<int> order;
+  Begin(&first, [&] { order.push_back(1); });
+  Begin(&second, [&] { order.push_back(2); });
+  Settle();
+  Reply(2, 0);
+  Reply(1, 0);
+  Settle();
+  EXPECT_THAT(order, ElementsAre(2, 1));
+}
+
+TEST_F(SocketClientTest, ABlockingCallReturnsWhenItHasEnded) {
+  PendingCall call;
+  loop.Post([this] { Reply(1, 6); });
+  Wait(&call);
+  EXPECT_TRUE(call.controller.status().ok()) << call.controller.status();
+  EXPECT_EQ(call.response.handle(), 6u);
+}
+
+TEST_F(SocketClientTest, AFailedCallCarriesCodeAndWords) {
+  PendingCall call;
+  Begin(&call);
+  Fail(1, absl::StatusCode::kUnimplemented, "no such thing");
+  Settle();
+  EXPECT_EQ(call.ended, 1);
+  EXPECT_TRUE(call.controller.Failed());
+  EXPECT_EQ(call.controller.ErrorText(), "no such thing");
+  EXPECT_EQ(call.controller.status(),
+            absl::UnimplementedError("no such thing"));
+}
+
+TEST_F(SocketClientTest, AnErrorWithoutACodeIsAnErrorStill) {
+  PendingCall call;
+  Begin(&call);
+  Fail(1, absl::StatusCode::kOk, "words");
+  Settle();
+  EXPECT_EQ(call.controller.status(), absl::UnknownError("words"));
+}
+
+TEST_F(SocketClientTest, AResponseThatCannotBeParsedFailsItsCall) {
+  PendingCall call;
+  Begin(&call);
+  StreamMessage frame;
+  frame.set_kind(StreamMessage::KIND_REPLY);
+  frame.set_stream_id(1);
+  frame.set_payload("\xff\xff");
+  widget->Send(frame);
+  Settle();
+  EXPECT_EQ(call.controller.status(),
+            absl::InternalError("the response is no rpc.WindowHandle"));
+}
+
+TEST_F(SocketClientTest, AnAnswerToACallThatIsNotThereIsIgnored) {
+  PendingCall call;
+  Begin(&call);
+  Reply(99, 1);
+  Reply(1, 2);
+  Reply(1, 3);
+  Settle();
+  EXPECT_EQ(call.ended, 1);
+  EXPECT_EQ(call.response.handle(), 2u);
+}
+
+TEST_F(SocketClientTest, AControllerServesOneCallAfterTheOther) {
+  PendingCall call;
+  Begin(&call);
+  Fail(1, absl::StatusCode::kUnknown, "once");
+  Settle();
+  Begin(&call);
+  Reply(2, 4);
+  Settle();
+  EXPECT_EQ(call.ended, 2);
+  EXPECT_FALSE(call.controller.Failed());
+}
+
+TEST_F(SocketClientTest, AnotherKindOfControllerLearnsOfFailure) {
+  class Plain final : public google::protobuf::RpcController {
+   public:
+    void Reset() override {}
+    bool Failed() const override { return !text.empty(); }
+    std::string ErrorText() const override { return text; }
+    void StartCancel() override {}
+    void SetFailed(const std::string& reason) override { text = reason; }
+    bool IsCanceled() const override { return false; }
+    void NotifyOnCancel(Closure*) override {}
+    std::string text;
+  } controller;
+  BrowserId request;
+  rpc::WindowHandle response;
+  loop.Post([this] { Fail(1, absl::StatusCode::kUnknown, "words"); });
+  client->CallMethod(Method(), &controller, &request, &response, nullptr);
+  EXPECT_EQ(controller.text, "words");
+}
+
+// Deadlines and cancellation.
+
+TEST_F(SocketClientTest, ACallThatTakesTooLongFailsAndTheWidgetIsTold) {
+  PendingCall call;
+  call.controller.set_timeout(absl::Milliseconds(1));
+  Wait(&call);
+  EXPECT_EQ(call.controller.status(),
+            absl::DeadlineExceededError("no answer within 1ms"));
+  Settle();
+  ASSERT_THAT(widget->frames, SizeIs(2));
+  EXPECT_EQ(widget->frames[1].kind(), StreamMessage::KIND_CANCEL);
+  EXPECT_EQ(widget->frames[1].stream_id(), 1u);
+}
+
+TEST_F(SocketClientTest, AnAnswerAfterTheDeadlineIsDropped) {
+  PendingCall call;
+  call.controller.set_timeout(absl::Milliseconds(1));
+  Begin(&call);
+  loop.RunUntil([&] { return call.ended == 1; });
+  Reply(1, 9);
+  Settle();
+  EXPECT_EQ(call.ended, 1);
+  EXPECT_TRUE(absl::IsDeadlineExceeded(call.controller.status()));
+}
+
+TEST_F(SocketClientTest, ACallWithoutTimeIsNotSent) {
+  PendingCall call;
+  call.controller.set_timeout(absl::ZeroDuration());
+  Wait(&call);
+  EXPECT_TRUE(absl::IsDeadlineExceeded(call.controller.status()));
+  Settle();
+  EXPECT_THAT(widget->frames, IsEmpty());
+}
+
+TEST_F(SocketClientTest,
+       CancellingEndsTheCallSoonButNotInsideAndTellsTheWidget) {
+  PendingCall call;
+  Begin(&call);
+  call.controller.StartCancel();
+  EXPECT_EQ(call.ended, 0);
+  Settle();
+  EXPECT_EQ(call.ended, 1);
+  EXPECT_TRUE(call.controller.IsCanceled());
+  ASSERT_THAT(widget->frames, SizeIs(2));
+  EXPECT_EQ(widget->frames[1].kind(), StreamMessage::KIND_CANCEL);
+}
+
+TEST_F(SocketClientTest, CancellingTwiceOrWithoutACallIsHarmless) {
+  PendingCall call;
+  call.controller.StartCancel();
+  Begin(&call);
+  call.controller.StartCancel();
+  call.controller.StartCancel();
+  Settle();
+  call.controller.StartCancel();
+  Settle();
+  EXPECT_EQ(call.ended, 1);
+  EXPECT_THAT(widget->frames, SizeIs(2));
+}
+
+TEST_F(SocketClientTest, StoppingTheLoopCancelsABlockingCall) {
+  PendingCall call;
+  loop.Post([this] { loop.Stop(); });
+  Wait(&call);
+  EXPECT_EQ(call.controller.status(),
+            absl::CancelledError("the loop was stopped"));
+}
+
+// The connection's end.
+
+TEST_F(SocketClientTest, WhenTheWidgetGoesEveryCallFailsInTheOrderOfTheCalls) {
+  PendingCall calls[3];
+  std::vector<int> order;
+  for (int i = 0; i < 3; ++i)
+    Begin(&calls[i], [&order, i] { order.push_back(i); });
+  Settle();
+  widget.reset();
+  loop.RunUntilIdle();
+  EXPECT_THAT(order, ElementsAre(0, 1, 2));
+  for (const PendingCall& call : calls) {
+    EXPECT_EQ(call.controller.status(),
+              absl::UnavailableError("the widget closed the connection"));
+  }
+  EXPECT_TRUE(absl::IsUnavailable(client->status()));
+}
+
+TEST_F(SocketClientTest, ACallAfterTheConnectionsEndFailsButNotInsideTheCall) {
+  widget.reset();
+  loop.RunUntilIdle();
+  PendingCall call;
+  Begin(&call);
+  EXPECT_EQ(call.ended, 0);
+  loop.RunUntilIdle();
+  EXPECT_EQ(call.ended, 1);
+  EXPECT_TRUE(absl::IsUnavailable(call.controller.status()));
+}
+
+TEST_F(SocketClientTest, ABlockingCallAfterTheConnectionsEndFails) {
+  widget.reset();
+  loop.RunUntilIdle();
+  PendingCall call;
+  Wait(&call);
+  EXPECT_TRUE(absl::IsUnavailable(call.controller.status()));
+}
+
+TEST_F(SocketClientTest, TheWidgetsReasonForEndingTheConnectionIsPassedOn) {
+  PendingCall call;
+  Begin(&call);
+  Fail(0, absl::StatusCode::kInvalidArgument, "nonsense");
+  Settle();
+  EXPECT_EQ(
+      call.controller.status(),
+      absl::UnavailableError("the widget ended the connection: nonsense"));
+}
+
+TEST_F(SocketClientTest, AFrameThatWidgetsDoNotSendEndsTheConnection) {
+  PendingCall call;
+  Begin(&call);
+  StreamMessage frame;
+  frame.set_kind(StreamMessage::KIND_CALL);
+  frame.set_stream_id(1);
+  widget->Send(frame);
+  Settle();
+  EXPECT_EQ(call.controller.status(),
+            absl::UnavailableError("the widget sent a frame of kind 1"));
+}
+
+TEST_F(SocketClientTest, BytesThatAreNoFrameEndTheConnection) {
+  PendingCall call;
+  Begin(&call);
+  widget->SendBytes(std::string("\x01\0\0\0\xff", 5));
+  Settle();
+  EXPECT_THAT(call.controller.ErrorText(),
+              HasSubstr("that is no StreamMessage"));
+  EXPECT_TRUE(absl::IsUnavailable(call.controller.status()));
+}
+
+TEST_F(SocketClientTest, ARequestThatFitsNoFrameFailsAndTheConnectionGoesOn) {
+  PendingCall call;
+  rpc::Display request;
+  request.GetReflection()->MutableUnknownFields(&request)->AddLengthDelimited(
+      1000, std::string(kDefaultMaxFrameBytes, 'x'));
+  google::protobuf::Empty response;
+  client->CallMethod(Method(), &call.controller, &request, &response, nullptr);
+  EXPECT_TRUE(absl::IsResourceExhausted(call.controller.status()))
+      << call.controller.status();
+  loop.Post([this] { Reply(2, 1); });
+  Wait(&call);
+  EXPECT_TRUE(call.controller.status().ok());
+}
+
+// What may be done inside `done`.
+
+TEST_F(SocketClientTest, DestroyingTheClientFailsItsCalls) {
+  PendingCall call;
+  Begin(&call);
+  client.reset();
+  EXPECT_EQ(call.ended, 1);
+  EXPECT_EQ(call.controller.status(),
+            absl::CancelledError("the client was destroyed"));
+}
+
+TEST_F(SocketClientTest, DoneMayDestroyTheClient) {
+  PendingCall first;
+  PendingCall second;
+  Begin(&first, [this] { client.reset(); });
+  Begin(&second);
+  Reply(1, 0);
+  Reply(2, 0);
+  Settle();
+  EXPECT_EQ(first.ended, 1);
+  EXPECT_EQ(second.ended, 1);
+  EXPECT_TRUE(absl::IsCancelled(second.controller.status()));
+}
+
+TEST_F(SocketClientTest, DoneMayDestroyTheClientWhenTheConnectionEnds) {
+  PendingCall first;
+  PendingCall second;
+  Begin(&first, [this] { client.reset(); });
+  Begin(&second);
+  widget.reset();
+  loop.RunUntilIdle();
+  EXPECT_EQ(first.ended, 1);
+  EXPECT_EQ(second.ended, 1);
+}
+
+TEST_F(SocketClientTest, DoneMayCallAgain) {
+  PendingCall first;
+  PendingCall second;
+  Begin(&first, [&] { Begin(&second); });
+  Reply(1, 0);
+  Settle();
+  Reply(2, 0);
+  Settle();
+  EXPECT_EQ(second.ended, 1);
+}
+
+TEST_F(SocketClientTest, ABlockingCallInsideDoneIsRefused) {
+  PendingCall first;
+  PendingCall second;
+  Begin(&first, [&] { Wait(&second); });
+  Reply(1, 0);
+  Settle();
+  EXPECT_TRUE(absl::IsFailedPrecondition(second.controller.status()));
+}
+
+TEST_F(SocketClientTest, ConnectingWhereNobodyListensIsUnavailable) {
+  EXPECT_TRUE(absl::IsUnavailable(
+      SocketClient::Connect(&loop, ::testing::TempDir() + "nobody").status()));
+}
+
+}  // namespace
+}  // namespace orvane

@@ -1,0 +1,113 @@
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+
+#include <optional>
+#include <utility>
+
+#include "zimbrel/src/core/common/rpc/asio_hook.h"
+
+#include "absl/container/flat_hash_map.h"
+#include "absl/strings/str_cat.h"
+#include "absl/time/time.h"
+#include "asio/io_context.hpp"
+#include "asio/local/stream_protocol.hpp"
+
+#include "zimbrel/src/core/common/rpc/transport/server_connection.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+namespace orvane {
+
+using asio::local::stream_protocol;
+
+// The acceptor's handlers hold this weakly: they may still be queued when the
+// server is gone.
+class SocketServer::Impl {
+ public:
+  Impl(EventLoop* loop, Service* service, const ServerOptions& options)
+      : loop_(loop), service_(service), options_(options) {}
+
+  absl::Status Listen(const std::string& path) {
+    if (acceptor_.has_value())
+      return absl::FailedPreconditionError("listening already");
+    absl::StatusOr<ListeningSocket> listening = ListeningSocket::Open(path);
+    if (!listening.ok()) return listening.status();
+    stream_protocol::acceptor acceptor(loop_->io_context());
+    asio::error_code error;
+    acceptor.assign(stream_protocol(), listening->ReleaseDescriptor(), error);
+    if (error) return absl::InternalError(error.message());
+    listening_.emplace(*std::move(listening));
+    acceptor_.emplace(std::move(acceptor));
+    Accept();
+    return absl::OkStatus();
+  }
+
+  absl::Status Adopt(OwnedDescriptor descriptor) {
+    if (absl::Status status = CheckPeerIsThisUser(descriptor.get());
+        !status.ok())
+      return status;
+    stream_protocol::socket socket(loop_->io_context());
+    asio::error_code error;
+    socket.assign(stream_protocol(), descriptor.get(), error);
+    if (error) return absl::InvalidArgumentError(error.message());
+    descriptor.Release();
+    Serve(std::move(socket));
+    return absl::OkStatus();
+  }
+
+  std::size_t connections() const { return connections_.size(); }
+
+ private:
+  void Accept() {
+    acceptor_->async_accept(
+        [this, alive = std::weak_ptr(alive_)](asio::error_code error,
+                                              stream_protocol::socket socket) {
+          if (alive.expired()) return;
+          if (error) {
+            // Out of descriptors, most likely, and no error that time cannot
+            // cure. The host stays in the queue meanwhile.
+            retry_ = loop_->RunAfter(kAcceptRetry, [this] { Accept(); });
+            return;
+          }
+          if (CheckPeerIsThisUser(socket.native_handle()).ok())
+            Serve(std::move(socket));
+          Accept();
+        });
+  }
+
+  void Serve(stream_protocol::socket socket) {
+    const int id = next_id_++;
+    connections_.emplace(id, std::make_unique<ServerConnection>(
+                                 loop_, service_, options_, std::move(socket),
+                                 [this, id] { connections_.extract(id); }));
+  }
+
+  static constexpr absl::Duration kAcceptRetry = absl::Milliseconds(100);
+
+  EventLoop* const loop_;
+  Service* const service_;
+  const ServerOptions options_;
+  const std::shared_ptr<char> alive_ = std::make_shared<char>();
+  std::optional<ListeningSocket>
+      listening_;  // Removes the file, after the acceptor is closed.
+  std::optional<stream_protocol::acceptor> acceptor_;
+  std::unique_ptr<EventLoop::Timer> retry_;
+  int next_id_ = 0;
+  absl::flat_hash_map<int, std::unique_ptr<ServerConnection>> connections_;
+};
+
+SocketServer::SocketServer(EventLoop* loop, Service* service,
+                           ServerOptions options)
+    : impl_(std::make_unique<Impl>(loop, service, options)) {}
+
+SocketServer::~SocketServer() = default;
+
+absl::Status SocketServer::Listen(const std::string& path) {
+  return impl_->Listen(path);
+}
+
+absl::Status SocketServer::Adopt(int descriptor) {
+  return impl_->Adopt(OwnedDescriptor(descriptor));
+}
+
+std::size_t SocketServer::connections() const { return impl_->connections(); }
+
+}  // namespace orvane

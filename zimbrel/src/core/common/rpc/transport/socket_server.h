@@ -1,0 +1,68 @@
+// Serves one service to the hosts that connect to a Unix-domain socket.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_SERVER_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_SERVER_H_
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "absl/status/status.h"
+
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/transport/framing.h"
+
+namespace orvane {
+
+struct ServerOptions {
+  // The longest frame that is sent or accepted, its length field not counted.
+  // Less than kMinMaxFrameBytes counts as that.
+  std::size_t max_frame_bytes = kDefaultMaxFrameBytes;
+};
+
+// Carries calls between hosts and a service. Calls of one host reach the
+// service's handlers in the order in which they were sent, each on the service
+// thread. A handler may run `done` at once, later, or from another thread, also
+// when the host, the server or the loop are gone by then: the answer then goes
+// nowhere. The controller tells a handler that asks whether its host still
+// waits; it and the messages live until `done` has run. A handler that never
+// runs `done` leaks the call.
+//
+// A host that calls what there is not, or sends what cannot be read, is told so
+// in words; where its bytes make no sense as frames its connection ends. Other
+// hosts notice nothing.
+//
+// Thread: the service thread. Lifetime: loop and service outlive the server.
+// May be destroyed at any time, also by a handler.
+class SocketServer {
+ public:
+  SocketServer(EventLoop* loop, Service* service, ServerOptions options = {});
+  SocketServer(const SocketServer&) = delete;
+  SocketServer& operator=(const SocketServer&) = delete;
+
+  // Stops listening, removes the socket file and closes every connection.
+  ~SocketServer();
+
+  // Accepts hosts at `path`, whose folder must be private to this user and is
+  // made if only it is missing. Replaces a socket file that nobody listens at;
+  // refuses one of a server that is alive. At most once. On error, in words,
+  // nothing has changed.
+  absl::Status Listen(const std::string& path);
+
+  // Serves the host at the other end of a connected stream socket, such as one
+  // of a socketpair() or an inherited one. Takes the descriptor over, also if
+  // it fails: because the peer runs as another user, or it is no such socket.
+  absl::Status Adopt(int descriptor);
+
+  // Hosts that are connected.
+  std::size_t connections() const;
+
+ private:
+  class Impl;
+  const std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_SERVER_H_

@@ -1,0 +1,205 @@
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+namespace orvane {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+
+constexpr uid_t kNobody = 65534;
+
+class UnixSocketTest : public ::testing::Test {
+ protected:
+  UnixSocketTest() {
+    std::string pattern = ::testing::TempDir() + "orvane.XXXXXX";
+    folder_ = ::mkdtemp(pattern.data());
+  }
+  ~UnixSocketTest() override { std::filesystem::remove_all(folder_); }
+
+  std::string Path(const std::string& name) const {
+    return folder_ + "/" + name;
+  }
+
+  static std::string ErrorOf(const std::string& path) {
+    const absl::StatusOr<ListeningSocket> socket = ListeningSocket::Open(path);
+    return socket.ok() ? "no error" : std::string(socket.status().message());
+  }
+
+  static unsigned ModeOf(const std::string& path) {
+    struct stat info {};
+    EXPECT_EQ(::lstat(path.c_str(), &info), 0);
+    return info.st_mode & 0777;
+  }
+
+  static bool Exists(const std::string& path) {
+    return std::filesystem::exists(path);
+  }
+
+  std::string folder_;
+};
+
+TEST_F(UnixSocketTest, ListensAndIsConnectedTo) {
+  const auto listening = ListeningSocket::Open(Path("s"));
+  ASSERT_TRUE(listening.ok()) << listening.status();
+  EXPECT_TRUE(ConnectTo(Path("s")).ok());
+}
+
+TEST_F(UnixSocketTest, TheSocketIsItsOwnersAlone) {
+  const auto listening = ListeningSocket::Open(Path("s"));
+  ASSERT_TRUE(listening.ok()) << listening.status();
+  EXPECT_EQ(ModeOf(Path("s")), 0600u);
+}
+
+TEST_F(UnixSocketTest, MakesItsFolderPrivate) {
+  const auto listening = ListeningSocket::Open(Path("new/s"));
+  ASSERT_TRUE(listening.ok()) << listening.status();
+  EXPECT_EQ(ModeOf(Path("new")), 0700u);
+}
+
+TEST_F(UnixSocketTest, MakesNoMoreThanTheLastFolder) {
+  EXPECT_THAT(ErrorOf(Path("a/b/s")),
+              AllOf(HasSubstr("cannot make the socket's folder"),
+                    HasSubstr(Path("a/b"))));
+}
+
+TEST_F(UnixSocketTest, RefusesAFolderThatOthersCanEnter) {
+  ASSERT_EQ(::chmod(folder_.c_str(), 0755), 0);
+  EXPECT_THAT(ErrorOf(Path("s")),
+              AllOf(HasSubstr("has mode 755"), HasSubstr("must be 700")));
+}
+
+TEST_F(UnixSocketTest, RefusesAFolderOfSomebodyElse) {
+  if (::geteuid() != 0)
+    GTEST_SKIP() << "only root can make a folder of another user";
+  ASSERT_EQ(::chown(folder_.c_str(), kNobody, kNobody), 0);
+  EXPECT_THAT(ErrorOf(Path("s")), HasSubstr("belongs to user 65534"));
+}
+
+TEST_F(UnixSocketTest, RefusesALinkInPlaceOfTheFolder) {
+  std::filesystem::create_directory(Path("real"));
+  std::filesystem::create_symlink(Path("real"), Path("link"));
+  EXPECT_THAT(ErrorOf(Path("link/s")), HasSubstr("is no folder"));
+}
+
+TEST_F(UnixSocketTest, ReplacesASocketThatNobodyListensAt) {
+  {
+    auto listening = ListeningSocket::Open(Path("s"));
+    ASSERT_TRUE(listening.ok()) << listening.status();
+    // As after a crash: the descriptor is closed, the file stays.
+    ::close(listening->ReleaseDescriptor());
+    std::filesystem::create_hard_link(Path("s"), Path("kept"));
+  }
+  std::filesystem::rename(Path("kept"), Path("s"));
+  const auto again = ListeningSocket::Open(Path("s"));
+  EXPECT_TRUE(again.ok()) << again.status();
+  EXPECT_TRUE(ConnectTo(Path("s")).ok());
+}
+
+TEST_F(UnixSocketTest, RefusesASocketOfALiveServer) {
+  const auto first = ListeningSocket::Open(Path("s"));
+  ASSERT_TRUE(first.ok()) << first.status();
+  EXPECT_THAT(ErrorOf(Path("s")),
+              HasSubstr("a server listens at " + Path("s") + " already"));
+  EXPECT_TRUE(ConnectTo(Path("s")).ok()) << "the first server lost its socket";
+}
+
+TEST_F(UnixSocketTest, RefusesAFileThatIsNoSocketAndLeavesIt) {
+  std::ofstream(Path("s")) << "precious";
+  EXPECT_THAT(ErrorOf(Path("s")), HasSubstr("no socket"));
+  EXPECT_TRUE(Exists(Path("s")));
+}
+
+TEST_F(UnixSocketTest, RefusesAPathThatDoesNotFitAnAddress) {
+  const std::string longest = Path(std::string(107 - folder_.size() - 1, 'x'));
+  EXPECT_TRUE(ListeningSocket::Open(longest).ok());
+  EXPECT_THAT(ErrorOf(longest + "x"), HasSubstr("108 bytes; the limit is 107"));
+  EXPECT_THAT(ConnectTo(longest + "x").status().message(),
+              HasSubstr("the limit is 107"));
+}
+
+TEST_F(UnixSocketTest, RemovesItsFileAtTheEnd) {
+  { EXPECT_TRUE(ListeningSocket::Open(Path("s")).ok()); }
+  EXPECT_FALSE(Exists(Path("s")));
+}
+
+TEST_F(UnixSocketTest, LeavesAFileThatHasTakenItsPlace) {
+  {
+    const auto listening = ListeningSocket::Open(Path("s"));
+    ASSERT_TRUE(listening.ok()) << listening.status();
+    std::filesystem::remove(Path("s"));
+    std::ofstream(Path("s")) << "somebody else's";
+  }
+  EXPECT_TRUE(Exists(Path("s")));
+}
+
+TEST_F(UnixSocketTest, ConnectingToNobodyNamesThePath) {
+  const auto connected = ConnectTo(Path("s"));
+  EXPECT_TRUE(absl::IsUnavailable(connected.status()));
+  EXPECT_THAT(connected.status().message(),
+              HasSubstr("no server listens at " + Path("s")));
+}
+
+TEST_F(UnixSocketTest, APeerOfThisUserIsAccepted) {
+  const auto pair = ConnectedPair();
+  ASSERT_TRUE(pair.ok()) << pair.status();
+  EXPECT_TRUE(CheckPeerIsThisUser(pair->first.get()).ok());
+}
+
+TEST_F(UnixSocketTest, APeerOfAnotherUserIsRefusedWithBothIds) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  ASSERT_EQ(::chown(folder_.c_str(), kNobody, kNobody), 0);
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t server = ::fork();
+  ASSERT_GE(server, 0);
+  if (server == 0) {
+    if (::setuid(kNobody) != 0) ::_exit(1);
+    const auto listening = ListeningSocket::Open(Path("s"));
+    const char told = listening.ok() ? 'y' : 'n';
+    if (::write(ready[1], &told, 1) != 1) ::_exit(1);
+    ::pause();
+    ::_exit(0);
+  }
+  char told = 0;
+  ASSERT_EQ(::read(ready[0], &told, 1), 1);
+  ASSERT_EQ(told, 'y');
+  const auto connected = ConnectTo(Path("s"));
+  ASSERT_TRUE(connected.ok()) << connected.status();
+  EXPECT_EQ(CheckPeerIsThisUser(connected->get()),
+            absl::PermissionDeniedError(
+                "the peer runs as user 65534, and this process as user 0"));
+  ::kill(server, SIGKILL);
+  ::waitpid(server, nullptr, 0);
+  ::close(ready[0]);
+  ::close(ready[1]);
+}
+
+TEST_F(UnixSocketTest, TheDefaultPathIsInTheRuntimeFolder) {
+  const char* const before = std::getenv("XDG_RUNTIME_DIR");
+  const std::optional<std::string> kept =
+      before == nullptr ? std::nullopt : std::optional<std::string>(before);
+  ::setenv("XDG_RUNTIME_DIR", "/run/user/7", 1);
+  EXPECT_EQ(DefaultSocketPath("widget"), "/run/user/7/orvane/widget.sock");
+  ::unsetenv("XDG_RUNTIME_DIR");
+  EXPECT_EQ(DefaultSocketPath("widget"),
+            "/tmp/orvane-" + std::to_string(::geteuid()) + "/widget.sock");
+  if (kept.has_value()) ::setenv("XDG_RUNTIME_DIR", kept->c_str(), 1);
+}
+
+}  // namespace
+}  // namespace orvane
