@@ -1,0 +1,35 @@
+// The whole program that it takes to serve a method.
+
+#include <csignal>
+#include <iostream>
+#include <string>
+
+#include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+class HelloWidget final : public rpc::BrowserWidgetRpc {
+  void Show(google::protobuf::RpcController*, const BrowserId* request,
+            google::protobuf::Empty*,
+            google::protobuf::Closure* done) override {
+    std::cout << "Hello from browser " << request->value() << std::endl;
+    done->Run();
+  }
+};
+
+int main(int argc, char** argv) {
+  const std::string path =
+      argc > 1 ? argv[1] : orvane::DefaultSocketPath("widget");
+
+  orvane::EventLoop loop;
+  loop.OnSignal({SIGINT, SIGTERM}, [&loop] { loop.Stop(); });
+  HelloWidget widget;
+  orvane::SocketServer server(&loop, &widget);
+  if (const absl::Status status = server.Listen(path); !status.ok()) {
+    std::cerr << status.message() << std::endl;
+    return 1;
+  }
+  std::cout << "hello_server listens at " << path << std::endl;
+  loop.Run();
+}

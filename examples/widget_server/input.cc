@@ -1,0 +1,274 @@
+#include "examples/widget_server/input.h"
+
+#include <utility>
+
+#include "absl/strings/str_cat.h"
+
+#include "examples/widget_server/x11.h"
+
+namespace widget_server {
+namespace {
+
+using TouchPoints = google::protobuf::RepeatedPtrField<rpc::TouchPoint>;
+
+// Along both axes, in DIPs from the corner of the view.
+constexpr double kPictureBegin = 16;
+constexpr double kPictureEnd = 80;
+
+bool IsOnPicture(const rpc::PointDip& position) {
+  return position.x() >= kPictureBegin && position.x() < kPictureEnd &&
+         position.y() >= kPictureBegin && position.y() < kPictureEnd;
+}
+
+absl::Status CheckKey(const rpc::Key& key) {
+  if (!key.key().empty() || key.windows_key_code() != 0)
+    return absl::OkStatus();
+  return absl::InvalidArgumentError(
+      "the key is not given; it needs `key` or `windows_key_code`");
+}
+
+// The same at press and release. What the key means comes last, for modifiers
+// may have changed that in between.
+std::string NameOf(const rpc::Key& key) {
+  if (key.code().empty() && key.windows_key_code() != 0) {
+    return absl::StrCat("code ", key.windows_key_code(), " at location ",
+                        static_cast<int>(key.location()));
+  }
+  std::string name(key.code().empty() ? key.key() : key.code());
+  return name;
+}
+
+absl::Status CheckButton(rpc::MouseButton button) {
+  if (button != rpc::MOUSE_BUTTON_UNSPECIFIED &&
+      rpc::MouseButton_IsValid(button)) {
+    return absl::OkStatus();
+  }
+  return absl::InvalidArgumentError(absl::StrCat(
+      "button ", static_cast<int>(button),
+      " is none; those of a mouse are 1 (primary) to 5 (forward)"));
+}
+
+absl::Status CheckPointIsGiven(const TouchPoints& points) {
+  if (!points.empty()) return absl::OkStatus();
+  return absl::InvalidArgumentError(
+      "no point is given; `changed_points` takes at least one");
+}
+
+absl::Status FingerIsNotDown(std::int32_t finger) {
+  return absl::FailedPreconditionError(absl::StrCat(
+      "finger ", finger, " is not down; ForwardTouchStart comes first"));
+}
+
+std::string At(const rpc::PointDip& position) {
+  return absl::StrCat(" at ", position.x(), ", ", position.y());
+}
+
+std::string ListOf(const TouchPoints& points) {
+  std::string list;
+  for (const rpc::TouchPoint& point : points)
+    absl::StrAppend(&list, " ", point.id());
+  return list;
+}
+
+}  // namespace
+
+absl::Status Input::KeyPress(const rpc::KeyPressRequest& event) {
+  if (absl::Status status = CheckKey(event.key()); !status.ok()) return status;
+  const std::string key = NameOf(event.key());
+  held_keys_.insert(key);
+  return Accept("KeyPress " + key);
+}
+
+absl::Status Input::KeyRelease(const rpc::KeyReleaseRequest& event) {
+  if (absl::Status status = CheckKey(event.key()); !status.ok()) return status;
+  const std::string key = NameOf(event.key());
+  held_keys_.erase(key);
+  return Accept("KeyRelease " + key);
+}
+
+absl::Status Input::KeyType(const rpc::KeyTypeRequest& event) {
+  if (event.text().empty()) {
+    return absl::InvalidArgumentError(
+        "the text is empty; a key that produces none is not typed");
+  }
+  return Accept(absl::StrCat("KeyType ", event.text()));
+}
+
+absl::Status Input::MousePress(const rpc::MousePressRequest& event) {
+  if (absl::Status status = CheckButton(event.button()); !status.ok())
+    return status;
+  if (event.button() == rpc::MOUSE_BUTTON_PRIMARY)
+    is_picture_pressed_ = IsOnPicture(event.pointer().position());
+  return AcceptPointer("MousePress", event.pointer());
+}
+
+absl::Status Input::MouseRelease(const rpc::MouseReleaseRequest& event) {
+  if (absl::Status status = CheckButton(event.button()); !status.ok())
+    return status;
+  if (event.button() == rpc::MOUSE_BUTTON_PRIMARY) is_picture_pressed_ = false;
+  return AcceptPointer("MouseRelease", event.pointer());
+}
+
+absl::Status Input::MouseEnter(const rpc::MouseEnterRequest& event) {
+  is_pointer_inside_ = true;
+  return AcceptPointer("MouseEnter", event.pointer());
+}
+
+absl::Status Input::MouseExit(const rpc::MouseExitRequest& event) {
+  is_pointer_inside_ = false;
+  return AcceptPointer("MouseExit", event.pointer());
+}
+
+absl::Status Input::MouseDrag(const rpc::MouseDragRequest& event) {
+  if (event.pointer().buttons() == 0) {
+    return absl::InvalidArgumentError(
+        "no button is held; the pointer moves by ForwardMouseMove then");
+  }
+  if (is_picture_pressed_) {
+    is_picture_pressed_ = false;  // No release follows.
+    is_drag_over_ = true;
+    has_drag_begun_in_page_ = true;
+  }
+  return AcceptPointer("MouseDrag", event.pointer());
+}
+
+absl::Status Input::MouseMove(const rpc::MouseMoveRequest& event) {
+  return AcceptPointer("MouseMove", event.pointer());
+}
+
+absl::Status Input::MouseWheel(const rpc::MouseWheelRequest& event) {
+  return AcceptPointer("MouseWheel", event.pointer());
+}
+
+absl::Status Input::NativeKeyEvent(const rpc::NativeKeyEventRequest& event) {
+  return AcceptNative("NativeKeyEvent", event.event());
+}
+
+absl::Status Input::NativeMouseEvent(
+    const rpc::NativeMouseEventRequest& event) {
+  return AcceptNative("NativeMouseEvent", event.event());
+}
+
+absl::Status Input::NativeTouchEvent(
+    const rpc::NativeTouchEventRequest& event) {
+  return AcceptNative("NativeTouchEvent", event.event());
+}
+
+absl::Status Input::TouchStart(const rpc::TouchStartRequest& event) {
+  if (absl::Status status = CheckPointIsGiven(event.changed_points());
+      !status.ok()) {
+    return status;
+  }
+  std::set<std::int32_t> fingers = fingers_;
+  for (const rpc::TouchPoint& point : event.changed_points()) {
+    if (!fingers.insert(point.id()).second) {
+      return absl::FailedPreconditionError(absl::StrCat(
+          "finger ", point.id(),
+          " is down already; ForwardTouchEnd or ForwardTouchCancel comes "
+          "first"));
+    }
+  }
+  fingers_ = std::move(fingers);
+  return Accept("TouchStart" + ListOf(event.changed_points()));
+}
+
+absl::Status Input::TouchMove(const rpc::TouchMoveRequest& event) {
+  if (absl::Status status = CheckPointIsGiven(event.changed_points());
+      !status.ok()) {
+    return status;
+  }
+  for (const rpc::TouchPoint& point : event.changed_points()) {
+    if (!fingers_.contains(point.id())) return FingerIsNotDown(point.id());
+  }
+  return Accept("TouchMove" + ListOf(event.changed_points()));
+}
+
+absl::Status Input::TouchEnd(const rpc::TouchEndRequest& event) {
+  if (absl::Status status = LiftFingers(event.changed_points()); !status.ok())
+    return status;
+  return Accept("TouchEnd" + ListOf(event.changed_points()));
+}
+
+absl::Status Input::TouchCancel(const rpc::TouchCancelRequest& event) {
+  if (absl::Status status = LiftFingers(event.changed_points()); !status.ok())
+    return status;
+  return Accept("TouchCancel" + ListOf(event.changed_points()));
+}
+
+absl::Status Input::DragEnter(const rpc::DragEnterRequest& event) {
+  if (is_drag_over_) {
+    return absl::FailedPreconditionError(
+        "a drag is over the view already; ForwardDragLeave or ForwardDragDrop "
+        "comes first");
+  }
+  is_drag_over_ = true;
+  return Accept("DragEnter" + At(event.position()));
+}
+
+absl::Status Input::DragOver(const rpc::DragOverRequest& event) {
+  if (absl::Status status = CheckDragIsOver(); !status.ok()) return status;
+  return Accept("DragOver" + At(event.position()));
+}
+
+absl::Status Input::DragLeave(const rpc::DragLeaveRequest&) {
+  if (absl::Status status = CheckDragIsOver(); !status.ok()) return status;
+  is_drag_over_ = false;
+  return Accept("DragLeave");
+}
+
+absl::Status Input::DragDrop(const rpc::DragDropRequest& event) {
+  if (absl::Status status = CheckDragIsOver(); !status.ok()) return status;
+  is_drag_over_ = false;
+  return Accept("DragDrop" + At(event.position()));
+}
+
+absl::Status Input::DragEnd(const rpc::DragEndRequest& event) {
+  if (!has_drag_begun_in_page_) {
+    return absl::FailedPreconditionError(
+        "no drag began in the page; one from elsewhere ends by "
+        "ForwardDragLeave or ForwardDragDrop");
+  }
+  has_drag_begun_in_page_ = false;
+  is_drag_over_ = false;
+  held_buttons_ = 0;  // No release follows.
+  return Accept("DragEnd" + At(event.position()));
+}
+
+absl::Status Input::LiftFingers(const TouchPoints& points) {
+  if (absl::Status status = CheckPointIsGiven(points); !status.ok())
+    return status;
+  std::set<std::int32_t> fingers = fingers_;
+  for (const rpc::TouchPoint& point : points) {
+    if (fingers.erase(point.id()) == 0) return FingerIsNotDown(point.id());
+  }
+  fingers_ = std::move(fingers);
+  return absl::OkStatus();
+}
+
+absl::Status Input::CheckDragIsOver() const {
+  if (is_drag_over_) return absl::OkStatus();
+  return absl::FailedPreconditionError(
+      "no drag is over the view; ForwardDragEnter comes first");
+}
+
+absl::Status Input::AcceptNative(absl::string_view kind,
+                                 const rpc::NativeEvent& event) {
+  if (absl::Status status = CheckNativeEvent(event); !status.ok())
+    return status;
+  return Accept(absl::StrCat(kind, " of ", event.payload().size(), " bytes"));
+}
+
+absl::Status Input::AcceptPointer(absl::string_view kind,
+                                  const rpc::PointerState& pointer) {
+  held_buttons_ = pointer.buttons();
+  return Accept(absl::StrCat(kind, At(pointer.position())));
+}
+
+absl::Status Input::Accept(std::string event) {
+  ++event_count_;
+  recent_events_.push_back(std::move(event));
+  if (recent_events_.size() > kRecentEvents) recent_events_.pop_front();
+  return absl::OkStatus();
+}
+
+}  // namespace widget_server

@@ -1,0 +1,382 @@
+#include "examples/widget_server/input.h"
+
+#include <string>
+
+#include "absl/strings/str_cat.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "examples/testing/text.h"
+
+namespace widget_server {
+namespace {
+
+using ::example_testing::Parsed;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+// Events in protobuf's text format.
+class InputTest : public ::testing::Test {
+ protected:
+  absl::Status PressKey(const std::string& key) {
+    return input_.KeyPress(
+        Parsed<rpc::KeyPressRequest>(absl::StrCat("key { ", key, " }")));
+  }
+  absl::Status ReleaseKey(const std::string& key) {
+    return input_.KeyRelease(
+        Parsed<rpc::KeyReleaseRequest>(absl::StrCat("key { ", key, " }")));
+  }
+
+  absl::Status Press(const std::string& event) {
+    return input_.MousePress(Parsed<rpc::MousePressRequest>(event));
+  }
+  absl::Status Release(const std::string& event) {
+    return input_.MouseRelease(Parsed<rpc::MouseReleaseRequest>(event));
+  }
+  absl::Status MoveHolding(int buttons) {
+    return input_.MouseDrag(Parsed<rpc::MouseDragRequest>(
+        absl::StrCat("pointer { buttons: ", buttons, " }")));
+  }
+  void DragThePicture() {
+    ASSERT_EQ(Press(kPressOnPicture), absl::OkStatus());
+    ASSERT_EQ(MoveHolding(rpc::MOUSE_BUTTON_FLAG_PRIMARY), absl::OkStatus());
+    ASSERT_TRUE(input_.has_drag_begun_in_page());
+  }
+
+  absl::Status Start(const std::string& points) {
+    return input_.TouchStart(Parsed<rpc::TouchStartRequest>(points));
+  }
+  absl::Status Move(const std::string& points) {
+    return input_.TouchMove(Parsed<rpc::TouchMoveRequest>(points));
+  }
+  absl::Status End(const std::string& points) {
+    return input_.TouchEnd(Parsed<rpc::TouchEndRequest>(points));
+  }
+  absl::Status Cancel(const std::string& points) {
+    return input_.TouchCancel(Parsed<rpc::TouchCancelRequest>(points));
+  }
+
+  static constexpr char kPressOnPicture[] =
+      "button: MOUSE_BUTTON_PRIMARY"
+      " pointer { position { x: 16 y: 79 } buttons: 1 }";
+
+  Input input_;
+};
+
+// Keys
+
+TEST_F(InputTest, AKeyIsHeldFromItsPressToItsRelease) {
+  EXPECT_EQ(PressKey("key: 'a' code: 'KeyA'"), absl::OkStatus());
+  EXPECT_THAT(input_.held_keys(), ElementsAre("KeyA"));
+  EXPECT_EQ(ReleaseKey("key: 'a' code: 'KeyA'"), absl::OkStatus());
+  EXPECT_THAT(input_.held_keys(), IsEmpty());
+}
+
+TEST_F(InputTest, ARepeatedKeyIsHeldOnce) {
+  ASSERT_EQ(PressKey("code: 'KeyA' key: 'a'"), absl::OkStatus());
+  ASSERT_EQ(PressKey("code: 'KeyA' key: 'a'"), absl::OkStatus());
+  EXPECT_THAT(input_.held_keys(), SizeIs(1));
+}
+
+TEST_F(InputTest, AReleaseFindsItsKeyThoughTheModifiersHaveChanged) {
+  ASSERT_EQ(PressKey("key: 'A' code: 'KeyA'"), absl::OkStatus());
+  EXPECT_EQ(ReleaseKey("key: 'a' code: 'KeyA'"), absl::OkStatus());
+  EXPECT_THAT(input_.held_keys(), IsEmpty());
+}
+
+TEST_F(InputTest, KeysOfOneCodeAreToldApartByTheirLocation) {
+  ASSERT_EQ(PressKey("windows_key_code: 16 location: KEY_LOCATION_LEFT"),
+            absl::OkStatus());
+  ASSERT_EQ(PressKey("windows_key_code: 16 location: KEY_LOCATION_RIGHT"),
+            absl::OkStatus());
+  ASSERT_EQ(ReleaseKey("windows_key_code: 16 location: KEY_LOCATION_LEFT"),
+            absl::OkStatus());
+  EXPECT_THAT(input_.held_keys(), ElementsAre("code 16 at location 3"));
+}
+
+TEST_F(InputTest, AKeyMayBeKnownByItsMeaningAlone) {
+  ASSERT_EQ(PressKey("key: 'Enter'"), absl::OkStatus());
+  EXPECT_THAT(input_.held_keys(), ElementsAre("Enter"));
+}
+
+TEST_F(InputTest, ReleasingAKeyThatIsNotHeldIsHarmless) {
+  EXPECT_EQ(ReleaseKey("key: 'a'"), absl::OkStatus());
+}
+
+TEST_F(InputTest, AKeyMustBeGiven) {
+  const absl::Status refusal = absl::InvalidArgumentError(
+      "the key is not given; it needs `key` or `windows_key_code`");
+  EXPECT_EQ(PressKey("code: 'KeyA'"), refusal);
+  EXPECT_EQ(ReleaseKey(""), refusal);
+  EXPECT_THAT(input_.held_keys(), IsEmpty());
+}
+
+TEST_F(InputTest, TypedTextMustNotBeEmpty) {
+  EXPECT_EQ(input_.KeyType(Parsed<rpc::KeyTypeRequest>("text: 'é'")),
+            absl::OkStatus());
+  EXPECT_EQ(input_.KeyType(Parsed<rpc::KeyTypeRequest>("key { key: 'a' }")),
+            absl::InvalidArgumentError(
+                "the text is empty; a key that produces none is not typed"));
+}
+
+// Mouse
+
+TEST_F(InputTest, ButtonsAreHeldAsTheLatestEventHasThem) {
+  ASSERT_EQ(Press("button: MOUSE_BUTTON_PRIMARY pointer { buttons: 1 }"),
+            absl::OkStatus());
+  EXPECT_EQ(input_.held_buttons(), 1U);
+  ASSERT_EQ(Press("button: MOUSE_BUTTON_SECONDARY pointer { buttons: 3 }"),
+            absl::OkStatus());
+  EXPECT_EQ(input_.held_buttons(), 3U);
+  ASSERT_EQ(Release("button: MOUSE_BUTTON_PRIMARY pointer { buttons: 2 }"),
+            absl::OkStatus());
+  EXPECT_EQ(input_.held_buttons(), 2U);
+}
+
+TEST_F(InputTest, AButtonMustBeGiven) {
+  const absl::Status refusal = absl::InvalidArgumentError(
+      "button 0 is none; those of a mouse are 1 (primary) to 5 (forward)");
+  EXPECT_EQ(Press("pointer { buttons: 1 }"), refusal);
+  EXPECT_EQ(Release(""), refusal);
+  EXPECT_EQ(input_.held_buttons(), 0U);
+}
+
+TEST_F(InputTest, AButtonMustBeOneOfAMouse) {
+  rpc::MousePressRequest event;
+  event.set_button(static_cast<rpc::MouseButton>(6));
+  EXPECT_EQ(input_.MousePress(event).message(),
+            "button 6 is none; those of a mouse are 1 (primary) to 5 "
+            "(forward)");
+}
+
+TEST_F(InputTest, ThePointerIsInsideFromEnterToExit) {
+  EXPECT_FALSE(input_.is_pointer_inside());
+  ASSERT_EQ(input_.MouseEnter({}), absl::OkStatus());
+  EXPECT_TRUE(input_.is_pointer_inside());
+  ASSERT_EQ(input_.MouseExit({}), absl::OkStatus());
+  EXPECT_FALSE(input_.is_pointer_inside());
+}
+
+TEST_F(InputTest, MovingWithAButtonNeedsOneThatIsHeld) {
+  EXPECT_EQ(MoveHolding(0),
+            absl::InvalidArgumentError("no button is held; the pointer moves "
+                                       "by ForwardMouseMove then"));
+  EXPECT_EQ(MoveHolding(rpc::MOUSE_BUTTON_FLAG_AUXILIARY), absl::OkStatus());
+}
+
+TEST_F(InputTest, MovesAndWheelTurnsAreTaken) {
+  EXPECT_EQ(input_.MouseMove(Parsed<rpc::MouseMoveRequest>(
+                "pointer { position { x: 3 y: -4.5 } }")),
+            absl::OkStatus());
+  EXPECT_EQ(input_.MouseWheel(Parsed<rpc::MouseWheelRequest>("delta_y: 120")),
+            absl::OkStatus());
+  EXPECT_THAT(input_.recent_events(),
+              ElementsAre("MouseMove at 3, -4.5", "MouseWheel at 0, 0"));
+}
+
+// Events in the platform's own layout
+
+TEST_F(InputTest, NativeEventsOfThePlatformAreTaken) {
+  rpc::NativeEvent event;
+  event.set_platform(rpc::PLATFORM_X11);
+  event.set_payload(std::string(192, '\0'));
+  rpc::NativeKeyEventRequest key;
+  *key.mutable_event() = event;
+  rpc::NativeMouseEventRequest mouse;
+  *mouse.mutable_event() = event;
+  rpc::NativeTouchEventRequest touch;
+  *touch.mutable_event() = event;
+  EXPECT_EQ(input_.NativeKeyEvent(key), absl::OkStatus());
+  EXPECT_EQ(input_.NativeMouseEvent(mouse), absl::OkStatus());
+  EXPECT_EQ(input_.NativeTouchEvent(touch), absl::OkStatus());
+  EXPECT_THAT(input_.recent_events(),
+              ElementsAre("NativeKeyEvent of 192 bytes",
+                          "NativeMouseEvent of 192 bytes",
+                          "NativeTouchEvent of 192 bytes"));
+}
+
+TEST_F(InputTest, NativeEventsOfAnotherPlatformAreRefused) {
+  EXPECT_EQ(input_.NativeKeyEvent(Parsed<rpc::NativeKeyEventRequest>(
+                "event { platform: PLATFORM_WINDOWS }")),
+            absl::InvalidArgumentError("the event is of PLATFORM_WINDOWS; this "
+                                       "widget runs on PLATFORM_X11"));
+}
+
+TEST_F(InputTest, NativeEventsThatAreTooShortAreRefused) {
+  EXPECT_EQ(input_.NativeTouchEvent(Parsed<rpc::NativeTouchEventRequest>(
+                "event { platform: PLATFORM_X11 payload: '12345' }")),
+            absl::InvalidArgumentError(
+                "the event has 5 bytes; the shortest of X11 has 184"));
+}
+
+// Touch
+
+TEST_F(InputTest, FingersAreDownFromStartToEndOrCancel) {
+  ASSERT_EQ(Start("changed_points { id: 4 } changed_points { id: 7 }"),
+            absl::OkStatus());
+  ASSERT_EQ(Start("changed_points { id: 0 }"), absl::OkStatus());
+  EXPECT_THAT(input_.fingers(), ElementsAre(0, 4, 7));
+  ASSERT_EQ(End("changed_points { id: 4 }"), absl::OkStatus());
+  EXPECT_THAT(input_.fingers(), ElementsAre(0, 7));
+  ASSERT_EQ(Cancel("changed_points { id: 7 } changed_points { id: 0 }"),
+            absl::OkStatus());
+  EXPECT_THAT(input_.fingers(), IsEmpty());
+}
+
+TEST_F(InputTest, FingersThatAreDownMayMove) {
+  ASSERT_EQ(Start("changed_points { id: 4 }"), absl::OkStatus());
+  EXPECT_EQ(Move("changed_points { id: 4 }"), absl::OkStatus());
+  EXPECT_THAT(input_.fingers(), ElementsAre(4));
+}
+
+TEST_F(InputTest, ATouchNeedsAPoint) {
+  const absl::Status refusal = absl::InvalidArgumentError(
+      "no point is given; `changed_points` takes at least one");
+  EXPECT_EQ(Start("active_points { id: 1 }"), refusal);
+  EXPECT_EQ(Move(""), refusal);
+  EXPECT_EQ(End(""), refusal);
+  EXPECT_EQ(Cancel(""), refusal);
+}
+
+TEST_F(InputTest, AFingerThatIsDownCannotComeDown) {
+  ASSERT_EQ(Start("changed_points { id: 4 }"), absl::OkStatus());
+  EXPECT_EQ(Start("changed_points { id: 5 } changed_points { id: 4 }"),
+            absl::FailedPreconditionError(
+                "finger 4 is down already; ForwardTouchEnd or "
+                "ForwardTouchCancel comes first"));
+  EXPECT_THAT(input_.fingers(), ElementsAre(4));
+}
+
+TEST_F(InputTest, AFingerCannotComeDownTwiceInOneEvent) {
+  EXPECT_EQ(Start("changed_points { id: 4 } changed_points { id: 4 }").code(),
+            absl::StatusCode::kFailedPrecondition);
+  EXPECT_THAT(input_.fingers(), IsEmpty());
+}
+
+TEST_F(InputTest, AFingerThatIsNotDownCannotMoveOrGo) {
+  ASSERT_EQ(Start("changed_points { id: 4 }"), absl::OkStatus());
+  const std::string points =
+      "changed_points { id: 4 } changed_points { id: 5 }";
+  const absl::Status refusal = absl::FailedPreconditionError(
+      "finger 5 is not down; ForwardTouchStart comes first");
+  EXPECT_EQ(Move(points), refusal);
+  EXPECT_EQ(End(points), refusal);
+  EXPECT_EQ(Cancel(points), refusal);
+  EXPECT_THAT(input_.fingers(), ElementsAre(4));
+}
+
+// Drag and drop
+
+TEST_F(InputTest, ADragIsOverTheViewFromEnterToLeave) {
+  ASSERT_EQ(input_.DragEnter({}), absl::OkStatus());
+  EXPECT_TRUE(input_.is_drag_over());
+  ASSERT_EQ(input_.DragOver({}), absl::OkStatus());
+  EXPECT_TRUE(input_.is_drag_over());
+  ASSERT_EQ(input_.DragLeave({}), absl::OkStatus());
+  EXPECT_FALSE(input_.is_drag_over());
+}
+
+TEST_F(InputTest, ADropEndsTheDragOverTheView) {
+  ASSERT_EQ(input_.DragEnter({}), absl::OkStatus());
+  ASSERT_EQ(input_.DragDrop({}), absl::OkStatus());
+  EXPECT_FALSE(input_.is_drag_over());
+}
+
+TEST_F(InputTest, ASecondDragCannotComeOverTheView) {
+  ASSERT_EQ(input_.DragEnter({}), absl::OkStatus());
+  EXPECT_EQ(input_.DragEnter({}),
+            absl::FailedPreconditionError(
+                "a drag is over the view already; ForwardDragLeave or "
+                "ForwardDragDrop comes first"));
+}
+
+TEST_F(InputTest, WithoutADragOverTheViewNoneMovesLeavesOrDrops) {
+  const absl::Status refusal = absl::FailedPreconditionError(
+      "no drag is over the view; ForwardDragEnter comes first");
+  EXPECT_EQ(input_.DragOver({}), refusal);
+  EXPECT_EQ(input_.DragLeave({}), refusal);
+  EXPECT_EQ(input_.DragDrop({}), refusal);
+}
+
+TEST_F(InputTest, ADragOfThePictureBeginsOverTheView) {
+  DragThePicture();
+  EXPECT_TRUE(input_.is_drag_over());
+  EXPECT_EQ(input_.DragOver({}), absl::OkStatus());
+}
+
+TEST_F(InputTest, OnlyThePrimaryButtonDragsThePicture) {
+  ASSERT_EQ(Press("button: MOUSE_BUTTON_SECONDARY"
+                  " pointer { position { x: 20 y: 20 } buttons: 2 }"),
+            absl::OkStatus());
+  ASSERT_EQ(MoveHolding(2), absl::OkStatus());
+  EXPECT_FALSE(input_.has_drag_begun_in_page());
+}
+
+TEST_F(InputTest, NoDragBeginsBesideThePicture) {
+  for (const char* const position :
+       {"x: 15.9 y: 20", "x: 80 y: 20", "x: 20 y: 15.9", "x: 20 y: 80"}) {
+    ASSERT_EQ(Press(absl::StrCat("button: MOUSE_BUTTON_PRIMARY pointer {"
+                                 " position { ",
+                                 position, " } buttons: 1 }")),
+              absl::OkStatus());
+    ASSERT_EQ(MoveHolding(1), absl::OkStatus());
+    EXPECT_FALSE(input_.has_drag_begun_in_page()) << position;
+  }
+}
+
+TEST_F(InputTest, NoDragBeginsOnceThePictureWasReleased) {
+  ASSERT_EQ(Press(kPressOnPicture), absl::OkStatus());
+  ASSERT_EQ(Release("button: MOUSE_BUTTON_PRIMARY"), absl::OkStatus());
+  ASSERT_EQ(MoveHolding(1), absl::OkStatus());
+  EXPECT_FALSE(input_.has_drag_begun_in_page());
+}
+
+TEST_F(InputTest, TheEndOfThePagesDragStandsForTheReleaseOfTheButton) {
+  DragThePicture();
+  ASSERT_EQ(input_.DragLeave({}), absl::OkStatus());
+  EXPECT_EQ(input_.held_buttons(), 1U);
+  EXPECT_EQ(input_.DragEnd({}), absl::OkStatus());
+  EXPECT_EQ(input_.held_buttons(), 0U);
+  EXPECT_FALSE(input_.has_drag_begun_in_page());
+}
+
+TEST_F(InputTest, APagesDragThatEndsOverTheViewIsOverItNoLonger) {
+  DragThePicture();
+  ASSERT_EQ(input_.DragEnd({}), absl::OkStatus());
+  EXPECT_FALSE(input_.is_drag_over());
+}
+
+TEST_F(InputTest, ADragFromElsewhereHasNoEndInThePage) {
+  ASSERT_EQ(input_.DragEnter({}), absl::OkStatus());
+  EXPECT_EQ(input_.DragEnd({}),
+            absl::FailedPreconditionError(
+                "no drag began in the page; one from elsewhere ends by "
+                "ForwardDragLeave or ForwardDragDrop"));
+  EXPECT_TRUE(input_.is_drag_over());
+}
+
+TEST_F(InputTest, APagesDragEndsOnce) {
+  DragThePicture();
+  ASSERT_EQ(input_.DragEnd({}), absl::OkStatus());
+  EXPECT_EQ(input_.DragEnd({}).code(), absl::StatusCode::kFailedPrecondition);
+}
+
+// The record
+
+TEST_F(InputTest, TheLatestEventsAreKeptInOrder) {
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(MoveHolding(1), absl::OkStatus());
+  ASSERT_EQ(PressKey("key: 'a'"), absl::OkStatus());
+  EXPECT_EQ(input_.event_count(), 21U);
+  ASSERT_THAT(input_.recent_events(), SizeIs(Input::kRecentEvents));
+  EXPECT_EQ(input_.recent_events().front(), "MouseDrag at 0, 0");
+  EXPECT_EQ(input_.recent_events().back(), "KeyPress a");
+}
+
+TEST_F(InputTest, ARefusedEventIsNotCounted) {
+  EXPECT_FALSE(MoveHolding(0).ok());
+  EXPECT_EQ(input_.event_count(), 0U);
+}
+
+}  // namespace
+}  // namespace widget_server

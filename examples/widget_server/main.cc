@@ -1,0 +1,30 @@
+// A widget process without a browser engine: serves widgets in memory to the
+// hosts that connect, until SIGINT or SIGTERM.
+
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+
+#include "absl/status/status.h"
+
+#include "examples/widget_server/options.h"
+#include "examples/widget_server/widget_service.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+
+int main(int argc, char** argv) {
+  const auto options = widget_server::ParseOptions(argc, argv);
+
+  // Each outlives those below it.
+  orvane::EventLoop loop;
+  loop.OnSignal({SIGINT, SIGTERM}, [&loop] { loop.Stop(); });
+  widget_server::WidgetService service(options.browsers);
+  orvane::SocketServer server(&loop, &service);
+  if (const absl::Status status = server.Listen(options.socket); !status.ok()) {
+    std::cerr << "widget_server: " << status.message() << "\n";
+    return EXIT_FAILURE;
+  }
+  std::cout << "widget_server listens at " << options.socket << std::endl;
+  loop.Run();
+  return EXIT_SUCCESS;
+}

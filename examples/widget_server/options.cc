@@ -1,0 +1,83 @@
+#include "examples/widget_server/options.h"
+
+#include <getopt.h>
+
+#include <cstdlib>
+#include <iostream>
+
+#include "absl/strings/numbers.h"
+#include "absl/strings/str_cat.h"
+#include "absl/strings/string_view.h"
+
+namespace widget_server {
+namespace {
+
+constexpr int kExitUsage = 2;
+
+void PrintHelp() {
+  const Options defaults;
+  std::cout << "Usage: widget_server [OPTION]...\n"
+               "Serves browser widgets that are in memory only.\n"
+               "\n"
+               "  --socket PATH  listen at PATH, in a folder private to you\n"
+               "                 (default "
+            << defaults.socket << ")\n"
+            << "  --browsers N   serve the browsers 1 to N, at most "
+            << kMaxBrowsers << " (default " << defaults.browsers << ")\n"
+            << "  --help         print this and exit\n"
+               "\n"
+               "Exit code: 0 after SIGINT or SIGTERM, 1 if it cannot listen,\n"
+               "2 for wrong usage.\n";
+}
+
+[[noreturn]] void RefuseUsage() {
+  std::cerr << "See widget_server --help.\n";
+  std::exit(kExitUsage);
+}
+
+[[noreturn]] void RefuseUsage(absl::string_view what) {
+  std::cerr << "widget_server: " << what << "\n";
+  RefuseUsage();
+}
+
+int ParseBrowsers(absl::string_view text) {
+  int browsers = 0;
+  if (absl::SimpleAtoi(text, &browsers) && browsers >= 1 &&
+      browsers <= kMaxBrowsers) {
+    return browsers;
+  }
+  RefuseUsage(absl::StrCat("--browsers takes a number from 1 to ", kMaxBrowsers,
+                           ", not '", text, "'"));
+}
+
+}  // namespace
+
+Options ParseOptions(int argc, char** argv) {
+  const option known[] = {{"socket", required_argument, nullptr, 's'},
+                          {"browsers", required_argument, nullptr, 'b'},
+                          {"help", no_argument, nullptr, 'h'},
+                          {}};
+  Options options;
+  int found = 0;
+  while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
+    switch (found) {
+      case 's':
+        options.socket = optarg;
+        break;
+      case 'b':
+        options.browsers = ParseBrowsers(optarg);
+        break;
+      case 'h':
+        PrintHelp();
+        std::exit(EXIT_SUCCESS);
+      default:
+        RefuseUsage();  // getopt_long has said what is wrong.
+    }
+  }
+  if (optind < argc) {
+    RefuseUsage(absl::StrCat("'", argv[optind], "' is no option"));
+  }
+  return options;
+}
+
+}  // namespace widget_server

@@ -1,0 +1,80 @@
+// A widget in memory: one browser, and what its host has told it.
+
+#ifndef EXAMPLES_WIDGET_SERVER_WIDGET_H_
+#define EXAMPLES_WIDGET_SERVER_WIDGET_H_
+
+#include <cstdint>
+#include <optional>
+
+#include "absl/status/status.h"
+#include "absl/status/statusor.h"
+#include "google/protobuf/wrappers.pb.h"
+
+#include "examples/widget_server/view.h"
+#include "rpc/browser/accessibility.pb.h"
+#include "rpc/browser/display.pb.h"
+#include "rpc/browser/window.pb.h"
+
+namespace widget_server {
+
+// Lives as long as its browser; the view in it only while it is attached. Wrong
+// use is refused in words that a host can show, and changes nothing.
+class Widget {
+ public:
+  explicit Widget(std::uint64_t browser) : browser_(browser) {}
+
+  // Fills `result`, which may say that the widget cannot do what was asked.
+  absl::Status Attach(const rpc::AttachRequest& request,
+                      rpc::AttachResult* result);
+
+  // Both are harmless while there is no view.
+  absl::Status Detach();
+  absl::Status Unfocus();
+
+  // The view, valid until Detach; an error if the browser is not attached.
+  absl::StatusOr<View*> view();
+
+  absl::Status AssignHostWindow(const rpc::AssignHostWindowRequest& request);
+  absl::Status SetDisplay(const rpc::Display& display);
+  absl::Status SetDpiAware(const rpc::SetDpiAwareRequest& request);
+  absl::Status SetForcedScaleFactor(
+      const rpc::SetForcedScaleFactorRequest& request);
+
+  // Turns the page's accessibility on, for good.
+  absl::Status GetAccessibilityToken(rpc::AccessibilityToken* token);
+  absl::Status SetParentAccessibilityNodes(
+      const rpc::SetParentAccessibilityNodesRequest& request);
+
+  // The same for all widgets, since X11 joins trees by tokens, not by windows.
+  static absl::Status AttachAccessibleWindow(
+      const rpc::AttachAccessibleWindowRequest& request,
+      google::protobuf::BoolValue* is_joined);
+
+  // Pixels per DIP in use: the forced ones; else those of the display if it is
+  // known and the browser DPI aware; else 1.
+  double scale_factor() const;
+
+  // The handle is 0 without a host window.
+  const rpc::WindowHandle& host_window() const { return host_window_; }
+
+  bool is_accessibility_on() const { return is_accessibility_on_; }
+
+  // Their tokens are empty while the page's tree hangs nowhere.
+  const rpc::AccessibilityToken& parent_node() const { return parent_node_; }
+  const rpc::AccessibilityToken& window_node() const { return window_node_; }
+
+ private:
+  const std::uint64_t browser_;
+  std::optional<View> view_;
+  rpc::WindowHandle host_window_;
+  rpc::Display display_;
+  bool is_dpi_aware_ = true;
+  std::optional<double> forced_scale_factor_;
+  bool is_accessibility_on_ = false;
+  rpc::AccessibilityToken parent_node_;
+  rpc::AccessibilityToken window_node_;
+};
+
+}  // namespace widget_server
+
+#endif  // EXAMPLES_WIDGET_SERVER_WIDGET_H_

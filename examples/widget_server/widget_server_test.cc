@@ -1,0 +1,159 @@
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "examples/testing/call.h"
+#include "examples/testing/child_process.h"
+#include "examples/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+
+namespace {
+
+using ::example_testing::Call;
+using ::example_testing::ChildProcess;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+// Runs the program itself, whose path is WIDGET_SERVER.
+class WidgetServerTest : public ::testing::Test {
+ protected:
+  static std::unique_ptr<ChildProcess> Start(
+      const std::vector<std::string>& arguments) {
+    std::vector<std::string> command = {WIDGET_SERVER};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return std::make_unique<ChildProcess>(std::move(command));
+  }
+
+  static ChildProcess::Result Run(const std::vector<std::string>& arguments) {
+    return Start(arguments)->Wait();
+  }
+
+  // Starts a server and waits until it listens.
+  std::unique_ptr<ChildProcess> Serve(std::vector<std::string> arguments = {}) {
+    arguments.push_back("--socket=" + socket_);
+    auto server = Start(arguments);
+    EXPECT_EQ(server->ReadLine(), "widget_server listens at " + socket_);
+    return server;
+  }
+
+  std::unique_ptr<orvane::SocketClient> Connect() {
+    auto client = orvane::SocketClient::Connect(&loop_, socket_);
+    EXPECT_TRUE(client.ok()) << client.status();
+    return *std::move(client);
+  }
+
+  orvane::EventLoop loop_;
+  const example_testing::TemporaryFolder folder_;
+  const std::string socket_ = folder_.path() + "/widget.sock";
+};
+
+TEST_F(WidgetServerTest, ServesCalls) {
+  const auto server = Serve();
+  const auto client = Connect();
+  EXPECT_EQ(Call(client.get(), "Show", "value: 3").message(),
+            "browser 3 is not attached; Attach comes first");
+  EXPECT_EQ(Call(client.get(), "Unfocus", "value: 3"), absl::OkStatus());
+}
+
+TEST_F(WidgetServerTest, ServesTheSameWidgetsToEveryHost) {
+  const auto server = Serve();
+  const auto first = Connect();
+  const auto second = Connect();
+  ASSERT_EQ(Call(first.get(), "Attach", "browser_id { value: 1 }"),
+            absl::OkStatus());
+  EXPECT_EQ(Call(second.get(), "Show", "value: 1"), absl::OkStatus());
+}
+
+TEST_F(WidgetServerTest, ServesAsManyBrowsersAsItIsTold) {
+  const auto server = Serve({"--browsers", "2"});
+  const auto client = Connect();
+  EXPECT_EQ(Call(client.get(), "Unfocus", "value: 2"), absl::OkStatus());
+  EXPECT_EQ(Call(client.get(), "Unfocus", "value: 3").message(),
+            "browser 3 does not exist; there are 1 and 2");
+}
+
+TEST_F(WidgetServerTest, EndsInOrderAtASignal) {
+  for (const int signal : {SIGTERM, SIGINT}) {
+    const auto server = Serve();
+    const auto client = Connect();
+    ASSERT_EQ(Call(client.get(), "Unfocus", "value: 1"), absl::OkStatus());
+    EXPECT_TRUE(std::filesystem::exists(socket_));
+    server->Signal(signal);
+    const ChildProcess::Result result = server->Wait();
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_THAT(result.output, IsEmpty());
+    EXPECT_THAT(result.errors, IsEmpty());
+    EXPECT_FALSE(std::filesystem::exists(socket_));
+    EXPECT_EQ(Call(client.get(), "Unfocus", "value: 1").code(),
+              absl::StatusCode::kUnavailable);
+  }
+}
+
+TEST_F(WidgetServerTest, LeavesASocketAloneThatAnotherServerListensAt) {
+  const auto server = Serve();
+  const ChildProcess::Result second = Run({"--socket", socket_});
+  EXPECT_EQ(second.exit_code, 1);
+  EXPECT_EQ(second.errors,
+            "widget_server: a server listens at " + socket_ + " already\n");
+  EXPECT_EQ(Call(Connect().get(), "Unfocus", "value: 1"), absl::OkStatus());
+}
+
+TEST_F(WidgetServerTest, ListensInTheUsersRuntimeFolderByDefault) {
+  ASSERT_EQ(::setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1), 0);
+  const auto server = Start({});
+  EXPECT_EQ(server->ReadLine(), "widget_server listens at " + folder_.path() +
+                                    "/orvane/widget.sock");
+}
+
+TEST_F(WidgetServerTest, HelpTellsTheOptions) {
+  const ChildProcess::Result result = Run({"--help"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_THAT(result.output, StartsWith("Usage: widget_server "));
+  EXPECT_THAT(result.output, HasSubstr("--socket PATH"));
+  EXPECT_THAT(result.output, HasSubstr("--browsers N"));
+  EXPECT_THAT(result.errors, IsEmpty());
+}
+
+TEST_F(WidgetServerTest, RefusesAnOptionThatThereIsNot) {
+  const ChildProcess::Result result = Run({"--colour"});
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_THAT(result.errors, HasSubstr("unrecognized option '--colour'"));
+  EXPECT_THAT(result.errors, EndsWith("See widget_server --help.\n"));
+  EXPECT_THAT(result.output, IsEmpty());
+}
+
+TEST_F(WidgetServerTest, RefusesAnOptionWithoutItsValue) {
+  const ChildProcess::Result result = Run({"--socket"});
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_THAT(result.errors, HasSubstr("'--socket' requires an argument"));
+}
+
+TEST_F(WidgetServerTest, RefusesANumberOfBrowsersOutOfRange) {
+  for (const std::string number : {"0", "101", "-1", "two", "", "3x"}) {
+    const ChildProcess::Result result = Run({"--browsers", number});
+    EXPECT_EQ(result.exit_code, 2) << number;
+    EXPECT_EQ(result.errors,
+              "widget_server: --browsers takes a number from 1 to 100, not '" +
+                  number + "'\nSee widget_server --help.\n");
+  }
+}
+
+TEST_F(WidgetServerTest, RefusesWhatIsNoOption) {
+  const ChildProcess::Result result = Run({"widget.sock"});
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_EQ(result.errors,
+            "widget_server: 'widget.sock' is no option\n"
+            "See widget_server --help.\n");
+}
+
+}  // namespace

@@ -1,0 +1,314 @@
+#include "examples/widget_server/widget_service.h"
+
+#include <string>
+#include <vector>
+
+#include "absl/strings/str_cat.h"
+#include "absl/strings/str_join.h"
+
+namespace widget_server {
+
+WidgetService::WidgetService(int browsers) {
+  for (int browser = 1; browser <= browsers; ++browser)
+    widgets_.try_emplace(browser, browser);
+}
+
+absl::StatusOr<Widget*> WidgetService::FindWidget(const BrowserId& browser_id) {
+  const auto found = widgets_.find(browser_id.value());
+  if (found != widgets_.end()) return &found->second;
+
+  std::vector<std::uint64_t> others;
+  for (const auto& [browser, widget] : widgets_) others.push_back(browser);
+  const std::uint64_t last = others.back();
+  others.pop_back();
+  return absl::NotFoundError(absl::StrCat(
+      "browser ", browser_id.value(), " does not exist; there ",
+      others.empty()
+          ? "is only "
+          : absl::StrCat("are ", absl::StrJoin(others, ", "), " and "),
+      last));
+}
+
+void WidgetService::ServeWidget(
+    Controller* controller, const BrowserId& browser_id, Closure* done,
+    absl::FunctionRef<absl::Status(Widget&)> serve) {
+  const absl::StatusOr<Widget*> widget = FindWidget(browser_id);
+  const absl::Status status = widget.ok() ? serve(**widget) : widget.status();
+  if (!status.ok()) controller->SetFailed(std::string(status.message()));
+  done->Run();
+}
+
+void WidgetService::ServeView(Controller* controller,
+                              const BrowserId& browser_id, Closure* done,
+                              absl::FunctionRef<absl::Status(View&)> serve) {
+  ServeWidget(controller, browser_id, done, [&](Widget& widget) {
+    const absl::StatusOr<View*> view = widget.view();
+    return view.ok() ? serve(**view) : view.status();
+  });
+}
+
+template <typename Event>
+void WidgetService::ServeInput(Controller* controller, const Event& event,
+                               Closure* done,
+                               absl::Status (Input::*take)(const Event&)) {
+  ServeView(controller, event.browser_id(), done,
+            [&](View& view) { return (view.input().*take)(event); });
+}
+
+void WidgetService::Focus(Controller* controller,
+                          const rpc::FocusRequest* request, Empty*,
+                          Closure* done) {
+  ServeView(controller, request->browser_id(), done, &View::Focus);
+}
+
+void WidgetService::Unfocus(Controller* controller, const BrowserId* request,
+                            Empty*, Closure* done) {
+  ServeWidget(controller, *request, done, &Widget::Unfocus);
+}
+
+void WidgetService::Attach(Controller* controller,
+                           const rpc::AttachRequest* request,
+                           rpc::AttachResult* response, Closure* done) {
+  ServeWidget(controller, request->browser_id(), done, [&](Widget& widget) {
+    return widget.Attach(*request, response);
+  });
+}
+
+void WidgetService::Detach(Controller* controller, const BrowserId* request,
+                           Empty*, Closure* done) {
+  ServeWidget(controller, *request, done, &Widget::Detach);
+}
+
+void WidgetService::AssignHostWindow(
+    Controller* controller, const rpc::AssignHostWindowRequest* request, Empty*,
+    Closure* done) {
+  ServeWidget(controller, request->browser_id(), done, [&](Widget& widget) {
+    return widget.AssignHostWindow(*request);
+  });
+}
+
+void WidgetService::Show(Controller* controller, const BrowserId* request,
+                         Empty*, Closure* done) {
+  ServeView(controller, *request, done, &View::Show);
+}
+
+void WidgetService::Hide(Controller* controller, const BrowserId* request,
+                         Empty*, Closure* done) {
+  ServeView(controller, *request, done, &View::Hide);
+}
+
+void WidgetService::Minimize(Controller* controller, const BrowserId* request,
+                             Empty*, Closure* done) {
+  ServeView(controller, *request, done, &View::Minimize);
+}
+
+void WidgetService::Restore(Controller* controller, const BrowserId* request,
+                            Empty*, Closure* done) {
+  ServeView(controller, *request, done, &View::Restore);
+}
+
+void WidgetService::SetDisplay(Controller* controller,
+                               const rpc::Display* request, Empty*,
+                               Closure* done) {
+  ServeWidget(controller, request->browser_id(), done,
+              [&](Widget& widget) { return widget.SetDisplay(*request); });
+}
+
+void WidgetService::SetViewBounds(Controller* controller,
+                                  const rpc::ViewBounds* request, Empty*,
+                                  Closure* done) {
+  ServeView(controller, request->browser_id(), done,
+            [&](View& view) { return view.SetBounds(*request); });
+}
+
+void WidgetService::GetChromiumWindowHandle(Controller* controller,
+                                            const BrowserId* request,
+                                            rpc::WindowHandle* response,
+                                            Closure* done) {
+  ServeView(controller, *request, done, [&](View& view) {
+    *response = view.engine_window();
+    return absl::OkStatus();
+  });
+}
+
+void WidgetService::ForwardKeyPress(Controller* controller,
+                                    const rpc::KeyPressRequest* request, Empty*,
+                                    Closure* done) {
+  ServeInput(controller, *request, done, &Input::KeyPress);
+}
+
+void WidgetService::ForwardKeyRelease(Controller* controller,
+                                      const rpc::KeyReleaseRequest* request,
+                                      Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::KeyRelease);
+}
+
+void WidgetService::ForwardKeyType(Controller* controller,
+                                   const rpc::KeyTypeRequest* request, Empty*,
+                                   Closure* done) {
+  ServeInput(controller, *request, done, &Input::KeyType);
+}
+
+void WidgetService::ForwardMousePress(Controller* controller,
+                                      const rpc::MousePressRequest* request,
+                                      Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::MousePress);
+}
+
+void WidgetService::ForwardMouseRelease(Controller* controller,
+                                        const rpc::MouseReleaseRequest* request,
+                                        Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::MouseRelease);
+}
+
+void WidgetService::ForwardMouseEnter(Controller* controller,
+                                      const rpc::MouseEnterRequest* request,
+                                      Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::MouseEnter);
+}
+
+void WidgetService::ForwardMouseExit(Controller* controller,
+                                     const rpc::MouseExitRequest* request,
+                                     Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::MouseExit);
+}
+
+void WidgetService::ForwardMouseDrag(Controller* controller,
+                                     const rpc::MouseDragRequest* request,
+                                     Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::MouseDrag);
+}
+
+void WidgetService::ForwardMouseMove(Controller* controller,
+                                     const rpc::MouseMoveRequest* request,
+                                     Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::MouseMove);
+}
+
+void WidgetService::ForwardMouseWheel(Controller* controller,
+                                      const rpc::MouseWheelRequest* request,
+                                      Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::MouseWheel);
+}
+
+void WidgetService::ForwardNativeKeyEvent(
+    Controller* controller, const rpc::NativeKeyEventRequest* request, Empty*,
+    Closure* done) {
+  ServeInput(controller, *request, done, &Input::NativeKeyEvent);
+}
+
+void WidgetService::ForwardNativeMouseEvent(
+    Controller* controller, const rpc::NativeMouseEventRequest* request, Empty*,
+    Closure* done) {
+  ServeInput(controller, *request, done, &Input::NativeMouseEvent);
+}
+
+void WidgetService::ForwardNativeTouchEvent(
+    Controller* controller, const rpc::NativeTouchEventRequest* request, Empty*,
+    Closure* done) {
+  ServeInput(controller, *request, done, &Input::NativeTouchEvent);
+}
+
+void WidgetService::GetAccessibilityToken(Controller* controller,
+                                          const BrowserId* request,
+                                          rpc::AccessibilityToken* response,
+                                          Closure* done) {
+  ServeWidget(controller, *request, done, [&](Widget& widget) {
+    return widget.GetAccessibilityToken(response);
+  });
+}
+
+void WidgetService::SetParentAccessibilityNodes(
+    Controller* controller,
+    const rpc::SetParentAccessibilityNodesRequest* request, Empty*,
+    Closure* done) {
+  ServeWidget(controller, request->browser_id(), done, [&](Widget& widget) {
+    return widget.SetParentAccessibilityNodes(*request);
+  });
+}
+
+void WidgetService::AttachAccessibleWindow(
+    Controller* controller, const rpc::AttachAccessibleWindowRequest* request,
+    google::protobuf::BoolValue* response, Closure* done) {
+  ServeWidget(controller, request->browser_id(), done, [&](Widget& widget) {
+    return widget.AttachAccessibleWindow(*request, response);
+  });
+}
+
+void WidgetService::ForwardTouchStart(Controller* controller,
+                                      const rpc::TouchStartRequest* request,
+                                      Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::TouchStart);
+}
+
+void WidgetService::ForwardTouchMove(Controller* controller,
+                                     const rpc::TouchMoveRequest* request,
+                                     Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::TouchMove);
+}
+
+void WidgetService::ForwardTouchEnd(Controller* controller,
+                                    const rpc::TouchEndRequest* request, Empty*,
+                                    Closure* done) {
+  ServeInput(controller, *request, done, &Input::TouchEnd);
+}
+
+void WidgetService::ForwardTouchCancel(Controller* controller,
+                                       const rpc::TouchCancelRequest* request,
+                                       Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::TouchCancel);
+}
+
+void WidgetService::ForwardDragEnter(Controller* controller,
+                                     const rpc::DragEnterRequest* request,
+                                     Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::DragEnter);
+}
+
+void WidgetService::ForwardDragOver(Controller* controller,
+                                    const rpc::DragOverRequest* request, Empty*,
+                                    Closure* done) {
+  ServeInput(controller, *request, done, &Input::DragOver);
+}
+
+void WidgetService::ForwardDragLeave(Controller* controller,
+                                     const rpc::DragLeaveRequest* request,
+                                     Empty*, Closure* done) {
+  ServeInput(controller, *request, done, &Input::DragLeave);
+}
+
+void WidgetService::ForwardDragDrop(Controller* controller,
+                                    const rpc::DragDropRequest* request, Empty*,
+                                    Closure* done) {
+  ServeInput(controller, *request, done, &Input::DragDrop);
+}
+
+void WidgetService::ForwardDragEnd(Controller* controller,
+                                   const rpc::DragEndRequest* request, Empty*,
+                                   Closure* done) {
+  ServeInput(controller, *request, done, &Input::DragEnd);
+}
+
+void WidgetService::NotifyParentWindowChanged(Controller* controller,
+                                              const rpc::AttachRequest* request,
+                                              Empty*, Closure* done) {
+  ServeView(controller, request->browser_id(), done,
+            [&](View& view) { return view.MoveTo(*request); });
+}
+
+void WidgetService::SetDpiAware(Controller* controller,
+                                const rpc::SetDpiAwareRequest* request, Empty*,
+                                Closure* done) {
+  ServeWidget(controller, request->browser_id(), done,
+              [&](Widget& widget) { return widget.SetDpiAware(*request); });
+}
+
+void WidgetService::SetForcedScaleFactor(
+    Controller* controller, const rpc::SetForcedScaleFactorRequest* request,
+    Empty*, Closure* done) {
+  ServeWidget(controller, request->browser_id(), done, [&](Widget& widget) {
+    return widget.SetForcedScaleFactor(*request);
+  });
+}
+
+}  // namespace widget_server

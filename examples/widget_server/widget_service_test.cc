@@ -1,0 +1,305 @@
+#include "examples/widget_server/widget_service.h"
+
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/strings/match.h"
+#include "absl/strings/str_cat.h"
+#include "absl/strings/strip.h"
+#include "gmock/gmock.h"
+#include "google/protobuf/descriptor.h"
+#include "gtest/gtest.h"
+
+#include "examples/testing/call.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+namespace widget_server {
+namespace {
+
+using ::google::protobuf::MethodDescriptor;
+using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
+
+constexpr char kAttach[] =
+    "browser_id { value: 2 }"
+    "parent_window { platform: PLATFORM_X11 handle: 5 }"
+    "bounds { width: 100 height: 50 }";
+
+std::vector<const MethodDescriptor*> UnaryMethods() {
+  const auto* const service = rpc::BrowserWidgetRpc::descriptor();
+  std::vector<const MethodDescriptor*> unary;
+  for (int i = 0; i < service->method_count(); ++i) {
+    if (!service->method(i)->client_streaming())
+      unary.push_back(service->method(i));
+  }
+  return unary;
+}
+
+// A request that says which browser it is about, and nothing else.
+std::string About(int browser, const MethodDescriptor& method) {
+  const std::string value = absl::StrCat("value: ", browser);
+  return method.input_type() == BrowserId::descriptor()
+             ? value
+             : absl::StrCat("browser_id { ", value, " }");
+}
+
+// A host and the service, joined by a connected pair of sockets.
+class WidgetServiceTest : public ::testing::Test {
+ protected:
+  WidgetServiceTest() {
+    auto pair = orvane::ConnectedPair();
+    EXPECT_TRUE(pair.ok());
+    EXPECT_EQ(server_.Adopt(pair->first.Release()), absl::OkStatus());
+    auto client = orvane::SocketClient::Adopt(&loop_, pair->second.Release());
+    EXPECT_TRUE(client.ok());
+    client_ = *std::move(client);
+  }
+
+  absl::Status Call(const std::string& method, const std::string& request,
+                    google::protobuf::Message* response = nullptr) {
+    return example_testing::Call(client_.get(), method, request, response);
+  }
+  std::string Failure(const MethodDescriptor& method,
+                      const std::string& request) {
+    return std::string(Call(std::string(method.name()), request).message());
+  }
+
+  const View& view() {
+    BrowserId id;
+    id.set_value(2);
+    return **(*service_.FindWidget(id))->view();
+  }
+
+  orvane::EventLoop loop_;
+  WidgetService service_{3};
+  orvane::SocketServer server_{&loop_, &service_};
+  std::unique_ptr<orvane::SocketClient> client_;
+};
+
+TEST_F(WidgetServiceTest, ServesEveryUnaryMethod) {
+  ASSERT_EQ(UnaryMethods().size(), 40U);
+  for (const MethodDescriptor* const method : UnaryMethods()) {
+    EXPECT_NE(Failure(*method, About(1, *method)),
+              absl::StrCat("Method ", method->name(), "() not implemented."));
+  }
+}
+
+TEST_F(WidgetServiceTest, EveryMethodNamesTheBrowserThatDoesNotExist) {
+  for (const MethodDescriptor* const method : UnaryMethods()) {
+    EXPECT_EQ(Failure(*method, About(7, *method)),
+              "browser 7 does not exist; there are 1, 2 and 3")
+        << method->name();
+  }
+}
+
+TEST_F(WidgetServiceTest, ARequestThatNamesNoBrowserMeansBrowser0) {
+  for (const MethodDescriptor* const method : UnaryMethods()) {
+    EXPECT_EQ(Failure(*method, ""),
+              "browser 0 does not exist; there are 1, 2 and 3")
+        << method->name();
+  }
+}
+
+TEST(WidgetService, NamesTheOnlyBrowserThatThereIs) {
+  BrowserId none;
+  EXPECT_EQ(WidgetService(1).FindWidget(none).status().message(),
+            "browser 0 does not exist; there is only 1");
+}
+
+TEST_F(WidgetServiceTest, AllButTheseNeedAnAttachedBrowser) {
+  std::vector<std::string> free;
+  for (const MethodDescriptor* const method : UnaryMethods()) {
+    if (Failure(*method, About(2, *method)) !=
+        "browser 2 is not attached; Attach comes first") {
+      free.emplace_back(method->name());
+    }
+    ASSERT_EQ(Call("Detach", "value: 2"), absl::OkStatus());
+  }
+  EXPECT_THAT(
+      free, UnorderedElementsAre(
+                "Unfocus", "Attach", "Detach", "AssignHostWindow", "SetDisplay",
+                "SetParentAccessibilityNodes", "AttachAccessibleWindow",
+                "SetDpiAware", "SetForcedScaleFactor"));
+}
+
+TEST_F(WidgetServiceTest, EachInputMethodReachesItsOperation) {
+  const std::string native_event =
+      absl::StrCat("event { platform: PLATFORM_X11 payload: '",
+                   std::string(184, 'x'), "' }");
+  const std::vector<std::pair<std::string, std::string>> events = {
+      {"ForwardKeyPress", "key { key: 'a' }"},
+      {"ForwardKeyRelease", "key { key: 'a' }"},
+      {"ForwardKeyType", "text: 'a'"},
+      {"ForwardMousePress",
+       "button: MOUSE_BUTTON_PRIMARY"
+       " pointer { position { x: 20 y: 20 } buttons: 1 }"},
+      {"ForwardMouseRelease", "button: MOUSE_BUTTON_SECONDARY"},
+      {"ForwardMouseEnter", ""},
+      {"ForwardMouseExit", ""},
+      {"ForwardMouseMove", ""},
+      {"ForwardMouseWheel", ""},
+      {"ForwardNativeKeyEvent", native_event},
+      {"ForwardNativeMouseEvent", native_event},
+      {"ForwardNativeTouchEvent", native_event},
+      {"ForwardTouchStart",
+       "changed_points { id: 1 } changed_points { id: 2 }"},
+      {"ForwardTouchMove", "changed_points { id: 1 }"},
+      {"ForwardTouchEnd", "changed_points { id: 1 }"},
+      {"ForwardTouchCancel", "changed_points { id: 2 }"},
+      {"ForwardDragEnter", ""},
+      {"ForwardDragOver", ""},
+      {"ForwardDragLeave", ""},
+      {"ForwardMouseDrag", "pointer { buttons: 1 }"},
+      {"ForwardDragDrop", ""},
+      {"ForwardDragEnd", ""},
+  };
+  std::set<std::string> tried;
+  ASSERT_EQ(Call("Attach", kAttach), absl::OkStatus());
+  for (const auto& [method, event] : events) {
+    EXPECT_EQ(Call(method, absl::StrCat("browser_id { value: 2 } ", event)),
+              absl::OkStatus())
+        << method;
+    EXPECT_THAT(view().input().recent_events().back(),
+                StartsWith(absl::StripPrefix(method, "Forward")));
+    tried.insert(method);
+  }
+  for (const MethodDescriptor* const method : UnaryMethods()) {
+    const std::string name(method->name());
+    EXPECT_EQ(tried.count(name) > 0, absl::StartsWith(name, "Forward")) << name;
+  }
+}
+
+TEST_F(WidgetServiceTest, AttachAnswersWithTheResult) {
+  rpc::AttachResult result;
+  EXPECT_EQ(Call("Attach", kAttach, &result), absl::OkStatus());
+  EXPECT_TRUE(result.attached());
+  EXPECT_EQ(result.size().width(), 100);
+}
+
+TEST_F(WidgetServiceTest, ABrowserIsNotAttachedTwice) {
+  ASSERT_EQ(Call("Attach", kAttach), absl::OkStatus());
+  EXPECT_EQ(Call("Attach", kAttach).message(),
+            "browser 2 is attached already; Detach comes first");
+}
+
+TEST_F(WidgetServiceTest, EachBrowserIsAttachedByItself) {
+  ASSERT_EQ(Call("Attach", kAttach), absl::OkStatus());
+  EXPECT_EQ(Call("Show", "value: 2"), absl::OkStatus());
+  EXPECT_EQ(Call("Show", "value: 1").message(),
+            "browser 1 is not attached; Attach comes first");
+}
+
+TEST_F(WidgetServiceTest, DetachMakesRoomForAnotherAttach) {
+  ASSERT_EQ(Call("Attach", kAttach), absl::OkStatus());
+  EXPECT_EQ(Call("Detach", "value: 2"), absl::OkStatus());
+  EXPECT_EQ(Call("Attach", kAttach), absl::OkStatus());
+}
+
+TEST_F(WidgetServiceTest, TheViewIsDrawnAsTheHostSays) {
+  ASSERT_EQ(Call("Attach", kAttach), absl::OkStatus());
+  EXPECT_FALSE(view().is_drawn());
+  EXPECT_EQ(Call("Show", "value: 2"), absl::OkStatus());
+  EXPECT_TRUE(view().is_drawn());
+  EXPECT_EQ(Call("Minimize", "value: 2"), absl::OkStatus());
+  EXPECT_FALSE(view().is_drawn());
+  EXPECT_EQ(Call("Restore", "value: 2"), absl::OkStatus());
+  EXPECT_TRUE(view().is_drawn());
+  EXPECT_EQ(Call("Hide", "value: 2"), absl::OkStatus());
+  EXPECT_FALSE(view().is_drawn());
+}
+
+TEST_F(WidgetServiceTest, TheFocusComesAndGoes) {
+  ASSERT_EQ(Call("Attach", kAttach), absl::OkStatus());
+  EXPECT_EQ(Call("Focus", "browser_id { value: 2 }"), absl::OkStatus());
+  EXPECT_TRUE(view().has_focus());
+  EXPECT_EQ(Call("Unfocus", "value: 2"), absl::OkStatus());
+  EXPECT_FALSE(view().has_focus());
+}
+
+TEST_F(WidgetServiceTest, TheViewMovesWithinItsWindowAndToAnother) {
+  ASSERT_EQ(Call("Attach", kAttach), absl::OkStatus());
+  EXPECT_EQ(Call("SetViewBounds", "browser_id { value: 2 } bounds { x: 3 }"),
+            absl::OkStatus());
+  EXPECT_EQ(view().bounds().x(), 3);
+  EXPECT_EQ(Call("NotifyParentWindowChanged",
+                 "browser_id { value: 2 }"
+                 "parent_window { platform: PLATFORM_X11 handle: 6 }"),
+            absl::OkStatus());
+  EXPECT_EQ(view().parent_window().handle(), 6U);
+}
+
+TEST_F(WidgetServiceTest, TheEnginesWindowIsTheOneOfTheView) {
+  ASSERT_EQ(Call("Attach", kAttach), absl::OkStatus());
+  rpc::WindowHandle window;
+  EXPECT_EQ(Call("GetChromiumWindowHandle", "value: 2", &window),
+            absl::OkStatus());
+  EXPECT_EQ(window.platform(), rpc::PLATFORM_X11);
+  EXPECT_EQ(window.handle(), view().engine_window().handle());
+  EXPECT_NE(window.handle(), 0U);
+}
+
+TEST_F(WidgetServiceTest, ScaleFactorsDecideAtWhichTheBrowserIsAttached) {
+  const auto scale_factor = [this] {
+    rpc::AttachResult result;
+    EXPECT_EQ(Call("Attach", kAttach, &result), absl::OkStatus());
+    EXPECT_EQ(Call("Detach", "value: 2"), absl::OkStatus());
+    return result.scale_factor();
+  };
+  EXPECT_EQ(Call("SetDisplay",
+                 "browser_id { value: 2 } scale_factor: 2"
+                 " bounds { width: 800 height: 600 }"),
+            absl::OkStatus());
+  EXPECT_EQ(scale_factor(), 2);
+  EXPECT_EQ(Call("SetDpiAware", "browser_id { value: 2 } dpi_aware: false"),
+            absl::OkStatus());
+  EXPECT_EQ(scale_factor(), 1);
+  EXPECT_EQ(
+      Call("SetForcedScaleFactor", "browser_id { value: 2 } scale_factor: 4"),
+      absl::OkStatus());
+  EXPECT_EQ(scale_factor(), 4);
+}
+
+TEST_F(WidgetServiceTest, AScaleOf0IsRefused) {
+  EXPECT_EQ(
+      Call("SetForcedScaleFactor", "browser_id { value: 2 } scale_factor: 0")
+          .message(),
+      "`scale_factor` is 0; it must be from 0.25 to 8, or absent");
+}
+
+TEST_F(WidgetServiceTest, AccessibilityTreesAreJoinedByTokensNotByWindow) {
+  ASSERT_EQ(Call("Attach", kAttach), absl::OkStatus());
+  rpc::AccessibilityToken token;
+  EXPECT_EQ(Call("GetAccessibilityToken", "value: 2", &token),
+            absl::OkStatus());
+  EXPECT_EQ(token.token(), ":1.2:/org/a11y/atspi/accessible/root");
+  EXPECT_EQ(Call("SetParentAccessibilityNodes",
+                 "browser_id { value: 2 } parent_node {"
+                 " platform: PLATFORM_X11 token: ':1.9:/view' }"),
+            absl::OkStatus());
+  google::protobuf::BoolValue is_joined;
+  EXPECT_EQ(Call("AttachAccessibleWindow",
+                 "browser_id { value: 2 }"
+                 " window { platform: PLATFORM_X11 handle: 5 }",
+                 &is_joined),
+            absl::OkStatus());
+  EXPECT_FALSE(is_joined.value());
+}
+
+TEST_F(WidgetServiceTest, AHostWindowIsAssigned) {
+  EXPECT_EQ(Call("AssignHostWindow",
+                 "browser_id { value: 2 }"
+                 " host_window { platform: PLATFORM_X11 handle: 8 }"),
+            absl::OkStatus());
+  BrowserId id;
+  id.set_value(2);
+  EXPECT_EQ((*service_.FindWidget(id))->host_window().handle(), 8U);
+}
+
+}  // namespace
+}  // namespace widget_server

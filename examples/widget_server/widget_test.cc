@@ -1,0 +1,352 @@
+#include "examples/widget_server/widget.h"
+
+#include <limits>
+#include <string>
+
+#include "absl/strings/str_cat.h"
+#include "gtest/gtest.h"
+
+#include "examples/testing/text.h"
+
+namespace widget_server {
+namespace {
+
+using ::example_testing::Parsed;
+
+constexpr char kParentWindow[] =
+    "parent_window { platform: PLATFORM_X11 handle: 5 }";
+
+class WidgetTest : public ::testing::Test {
+ protected:
+  absl::Status Attach(const std::string& request,
+                      rpc::AttachResult* result = nullptr) {
+    rpc::AttachResult unused;
+    return widget_.Attach(Parsed<rpc::AttachRequest>(request),
+                          result != nullptr ? result : &unused);
+  }
+  rpc::AttachResult ResultOfAttach(const std::string& request) {
+    rpc::AttachResult result;
+    EXPECT_EQ(Attach(request, &result), absl::OkStatus());
+    return result;
+  }
+
+  absl::Status SetDisplay(const std::string& display) {
+    return widget_.SetDisplay(Parsed<rpc::Display>(display));
+  }
+  absl::Status ForceScaleFactor(double factor) {
+    rpc::SetForcedScaleFactorRequest request;
+    request.set_scale_factor(factor);
+    return widget_.SetForcedScaleFactor(request);
+  }
+  absl::Status SetParentNodes(const std::string& request) {
+    return widget_.SetParentAccessibilityNodes(
+        Parsed<rpc::SetParentAccessibilityNodesRequest>(request));
+  }
+
+  Widget widget_{2};
+};
+
+// Attaching
+
+TEST_F(WidgetTest, HasNoViewUntilItIsAttached) {
+  EXPECT_EQ(widget_.view().status(),
+            absl::FailedPreconditionError(
+                "browser 2 is not attached; Attach comes first"));
+  ASSERT_EQ(Attach(kParentWindow), absl::OkStatus());
+  ASSERT_TRUE(widget_.view().ok());
+  EXPECT_EQ((*widget_.view())->parent_window().handle(), 5U);
+}
+
+TEST_F(WidgetTest, AttachTellsModeSizeAndScaleInUse) {
+  ASSERT_EQ(ForceScaleFactor(1.5), absl::OkStatus());
+  const rpc::AttachResult result = ResultOfAttach(
+      absl::StrCat(kParentWindow, " bounds { width: 100.5 height: 50 }"));
+  EXPECT_TRUE(result.attached());
+  EXPECT_EQ(result.refusal(), "");
+  EXPECT_EQ(result.rendering_mode(), rpc::RENDERING_MODE_WINDOWED);
+  EXPECT_EQ(result.scale_factor(), 1.5);
+  EXPECT_EQ(result.size().width(), 151 / 1.5);  // 150.75 pixels, rounded.
+  EXPECT_EQ(result.size().height(), 50);
+}
+
+TEST_F(WidgetTest, WithoutAParentWindowTheModeLeftOpenIsOffScreen) {
+  EXPECT_EQ(ResultOfAttach("").rendering_mode(),
+            rpc::RENDERING_MODE_OFF_SCREEN);
+}
+
+TEST_F(WidgetTest, WindowedTheEngineHasAWindow) {
+  ASSERT_EQ(Attach(kParentWindow), absl::OkStatus());
+  const rpc::WindowHandle window = (*widget_.view())->engine_window();
+  EXPECT_EQ(window.platform(), rpc::PLATFORM_X11);
+  EXPECT_NE(window.handle(), 0U);
+}
+
+TEST_F(WidgetTest, OffScreenTheEngineHasNone) {
+  ASSERT_EQ(Attach(absl::StrCat(kParentWindow,
+                                " rendering_mode: RENDERING_MODE_OFF_SCREEN")),
+            absl::OkStatus());
+  EXPECT_EQ((*widget_.view())->engine_window().handle(), 0U);
+}
+
+TEST_F(WidgetTest, IsNotAttachedTwice) {
+  ASSERT_EQ(Attach(kParentWindow), absl::OkStatus());
+  EXPECT_EQ(Attach(kParentWindow),
+            absl::FailedPreconditionError(
+                "browser 2 is attached already; Detach comes first"));
+}
+
+TEST_F(WidgetTest, AModeThatIsNotKnownIsARefusalAndNoFailure) {
+  rpc::AttachRequest request = Parsed<rpc::AttachRequest>(kParentWindow);
+  request.set_rendering_mode(static_cast<rpc::RenderingMode>(3));
+  rpc::AttachResult result;
+  EXPECT_EQ(widget_.Attach(request, &result), absl::OkStatus());
+  EXPECT_FALSE(result.attached());
+  EXPECT_EQ(result.refusal(),
+            "rendering mode 3 is not known here; 1 (windowed) and 2 "
+            "(off-screen) are");
+  EXPECT_FALSE(widget_.view().ok());
+}
+
+TEST_F(WidgetTest, IsNotAttachedToAWindowThatDoesNotExist) {
+  EXPECT_EQ(Attach("parent_window { platform: PLATFORM_WINDOWS handle: 5 }"),
+            absl::NotFoundError(
+                "window 5 of PLATFORM_WINDOWS does not exist; a window here is "
+                "one of PLATFORM_X11, from 1 to 536870911"));
+  EXPECT_FALSE(widget_.view().ok());
+}
+
+TEST_F(WidgetTest, IsNotAttachedWithANegativeSize) {
+  EXPECT_EQ(Attach(absl::StrCat(kParentWindow, " bounds { width: -1 }")).code(),
+            absl::StatusCode::kInvalidArgument);
+  EXPECT_FALSE(widget_.view().ok());
+}
+
+TEST_F(WidgetTest, DetachEndsTheViewAndAllThatCameWithIt) {
+  ASSERT_EQ(Attach(kParentWindow), absl::OkStatus());
+  View* const view = *widget_.view();
+  ASSERT_EQ(view->Show(), absl::OkStatus());
+  ASSERT_EQ(view->Focus(), absl::OkStatus());
+  ASSERT_EQ(view->input().DragEnter({}), absl::OkStatus());
+  EXPECT_EQ(widget_.Detach(), absl::OkStatus());
+  EXPECT_FALSE(widget_.view().ok());
+
+  ASSERT_EQ(Attach(kParentWindow), absl::OkStatus());
+  EXPECT_FALSE((*widget_.view())->is_drawn());
+  EXPECT_FALSE((*widget_.view())->has_focus());
+  EXPECT_FALSE((*widget_.view())->input().is_drag_over());
+}
+
+TEST_F(WidgetTest, DetachAndUnfocusAreHarmlessWithoutAView) {
+  EXPECT_EQ(widget_.Detach(), absl::OkStatus());
+  EXPECT_EQ(widget_.Unfocus(), absl::OkStatus());
+}
+
+TEST_F(WidgetTest, UnfocusTakesTheFocusFromTheView) {
+  ASSERT_EQ(Attach(kParentWindow), absl::OkStatus());
+  ASSERT_EQ((*widget_.view())->Focus(), absl::OkStatus());
+  EXPECT_EQ(widget_.Unfocus(), absl::OkStatus());
+  EXPECT_FALSE((*widget_.view())->has_focus());
+}
+
+// Host window
+
+TEST_F(WidgetTest, HasTheHostWindowThatItWasAssigned) {
+  EXPECT_EQ(widget_.AssignHostWindow(Parsed<rpc::AssignHostWindowRequest>(
+                "host_window { platform: PLATFORM_X11 handle: 8 }")),
+            absl::OkStatus());
+  EXPECT_EQ(widget_.host_window().handle(), 8U);
+}
+
+TEST_F(WidgetTest, LosesItsHostWindowWithoutANewOne) {
+  ASSERT_EQ(widget_.AssignHostWindow(Parsed<rpc::AssignHostWindowRequest>(
+                "host_window { platform: PLATFORM_X11 handle: 8 }")),
+            absl::OkStatus());
+  EXPECT_EQ(widget_.AssignHostWindow({}), absl::OkStatus());
+  EXPECT_EQ(widget_.host_window().handle(), 0U);
+}
+
+TEST_F(WidgetTest, AHostWindowMustExist) {
+  ASSERT_EQ(widget_.AssignHostWindow(Parsed<rpc::AssignHostWindowRequest>(
+                "host_window { platform: PLATFORM_X11 handle: 8 }")),
+            absl::OkStatus());
+  EXPECT_EQ(widget_
+                .AssignHostWindow(Parsed<rpc::AssignHostWindowRequest>(
+                    "host_window { platform: PLATFORM_X11 handle: 0 }"))
+                .message(),
+            "window 0 of PLATFORM_X11 does not exist; a window here is one of "
+            "PLATFORM_X11, from 1 to 536870911");
+  EXPECT_EQ(widget_.host_window().handle(), 8U);
+}
+
+// Scale
+
+TEST_F(WidgetTest, DrawsOnePixelPerDipUnlessToldOtherwise) {
+  EXPECT_EQ(widget_.scale_factor(), 1);
+}
+
+TEST_F(WidgetTest, DrawsAtTheScaleOfItsDisplay) {
+  EXPECT_EQ(SetDisplay("bounds { width: 800 height: 600 } scale_factor: 2"),
+            absl::OkStatus());
+  EXPECT_EQ(widget_.scale_factor(), 2);
+}
+
+TEST_F(WidgetTest, NotDpiAwareItDrawsOnePixelPerDip) {
+  ASSERT_EQ(SetDisplay("bounds { width: 800 height: 600 } scale_factor: 2"),
+            absl::OkStatus());
+  ASSERT_EQ(widget_.SetDpiAware({}), absl::OkStatus());
+  EXPECT_EQ(widget_.scale_factor(), 1);
+  ASSERT_EQ(
+      widget_.SetDpiAware(Parsed<rpc::SetDpiAwareRequest>("dpi_aware: true")),
+      absl::OkStatus());
+  EXPECT_EQ(widget_.scale_factor(), 2);
+}
+
+TEST_F(WidgetTest, AForcedScaleCountsWhateverTheDisplaySays) {
+  ASSERT_EQ(SetDisplay("bounds { width: 800 height: 600 } scale_factor: 2"),
+            absl::OkStatus());
+  ASSERT_EQ(ForceScaleFactor(3), absl::OkStatus());
+  EXPECT_EQ(widget_.scale_factor(), 3);
+  ASSERT_EQ(widget_.SetForcedScaleFactor({}), absl::OkStatus());
+  EXPECT_EQ(widget_.scale_factor(), 2);
+}
+
+TEST_F(WidgetTest, AForcedScaleIsFromAQuarterToEight) {
+  EXPECT_EQ(ForceScaleFactor(0.25), absl::OkStatus());
+  EXPECT_EQ(ForceScaleFactor(8), absl::OkStatus());
+  EXPECT_EQ(ForceScaleFactor(0),
+            absl::InvalidArgumentError("`scale_factor` is 0; it must be from "
+                                       "0.25 to 8, or absent"));
+  for (const double factor :
+       {0.24, 8.01, -1.0, std::numeric_limits<double>::quiet_NaN(),
+        std::numeric_limits<double>::infinity()}) {
+    EXPECT_EQ(ForceScaleFactor(factor).code(),
+              absl::StatusCode::kInvalidArgument)
+        << factor;
+  }
+  EXPECT_EQ(widget_.scale_factor(), 8);
+}
+
+TEST_F(WidgetTest, ADisplayIsNotEmpty) {
+  EXPECT_EQ(SetDisplay("bounds { width: 800 height: 0 } scale_factor: 1"),
+            absl::InvalidArgumentError(
+                "`bounds` are 800 by 0 DIPs; both must be above 0"));
+  EXPECT_EQ(SetDisplay("bounds { height: 600 } scale_factor: 1").code(),
+            absl::StatusCode::kInvalidArgument);
+}
+
+TEST_F(WidgetTest, ADisplayHasAScale) {
+  ASSERT_EQ(SetDisplay("bounds { width: 800 height: 600 } scale_factor: 2"),
+            absl::OkStatus());
+  EXPECT_EQ(
+      SetDisplay("bounds { width: 800 height: 600 }"),
+      absl::InvalidArgumentError("`scale_factor` is 0; it must be above 0"));
+  EXPECT_EQ(
+      SetDisplay("bounds { width: 800 height: 600 } scale_factor: nan").code(),
+      absl::StatusCode::kInvalidArgument);
+  EXPECT_EQ(widget_.scale_factor(), 2);
+}
+
+// Accessibility
+
+TEST_F(WidgetTest, AskingForItsTokenTurnsAccessibilityOn) {
+  ASSERT_EQ(Attach(kParentWindow), absl::OkStatus());
+  EXPECT_FALSE(widget_.is_accessibility_on());
+  rpc::AccessibilityToken token;
+  EXPECT_EQ(widget_.GetAccessibilityToken(&token), absl::OkStatus());
+  EXPECT_TRUE(widget_.is_accessibility_on());
+  EXPECT_EQ(token.platform(), rpc::PLATFORM_X11);
+  EXPECT_EQ(token.token(), ":1.2:/org/a11y/atspi/accessible/root");
+}
+
+TEST_F(WidgetTest, HasNoTokenUntilItIsAttached) {
+  rpc::AccessibilityToken token;
+  EXPECT_EQ(widget_.GetAccessibilityToken(&token),
+            absl::FailedPreconditionError(
+                "browser 2 is not attached; Attach comes first"));
+  EXPECT_FALSE(widget_.is_accessibility_on());
+}
+
+TEST_F(WidgetTest, HangsBelowTheNodesOfTheHost) {
+  EXPECT_EQ(SetParentNodes(
+                "parent_node { platform: PLATFORM_X11 token: ':1.9:/view' }"
+                "window_node { platform: PLATFORM_X11 token: ':1.9:/window' }"),
+            absl::OkStatus());
+  EXPECT_EQ(widget_.parent_node().token(), ":1.9:/view");
+  EXPECT_EQ(widget_.window_node().token(), ":1.9:/window");
+}
+
+TEST_F(WidgetTest, TheParentNodeStandsForTheWindowsToo) {
+  ASSERT_EQ(SetParentNodes(
+                "parent_node { platform: PLATFORM_X11 token: ':1.9:/view' }"),
+            absl::OkStatus());
+  EXPECT_EQ(widget_.window_node().token(), ":1.9:/view");
+}
+
+TEST_F(WidgetTest, WithoutNodesItHangsNowhere) {
+  ASSERT_EQ(SetParentNodes(
+                "parent_node { platform: PLATFORM_X11 token: ':1.9:/view' }"),
+            absl::OkStatus());
+  EXPECT_EQ(SetParentNodes(""), absl::OkStatus());
+  EXPECT_EQ(widget_.parent_node().token(), "");
+  EXPECT_EQ(widget_.window_node().token(), "");
+}
+
+TEST_F(WidgetTest, ANodeMustBeOfThePlatform) {
+  EXPECT_EQ(SetParentNodes("parent_node { platform: PLATFORM_MACOS }"),
+            absl::InvalidArgumentError("the token is of PLATFORM_MACOS; this "
+                                       "widget runs on PLATFORM_X11"));
+}
+
+TEST_F(WidgetTest, APlatformWithoutANameIsToldByItsNumber) {
+  rpc::SetParentAccessibilityNodesRequest request;
+  request.mutable_parent_node()->set_platform(static_cast<rpc::Platform>(9));
+  EXPECT_EQ(widget_.SetParentAccessibilityNodes(request).message(),
+            "the token is of platform 9; this widget runs on PLATFORM_X11");
+}
+
+TEST_F(WidgetTest, ATokenMustNameANode) {
+  for (const char* const token : {"", "nonsense", ":/view"}) {
+    EXPECT_EQ(
+        SetParentNodes(absl::StrCat(
+            "parent_node { platform: PLATFORM_X11 token: '", token, "' }")),
+        absl::InvalidArgumentError(absl::StrCat(
+            "token \"", token,
+            "\" names no node; it takes a bus name, a colon and an "
+            "object path")));
+  }
+}
+
+TEST_F(WidgetTest, AWindowNodeIsCheckedLikeAParentNode) {
+  EXPECT_EQ(SetParentNodes(
+                "parent_node { platform: PLATFORM_X11 token: ':1.9:/view' }"
+                "window_node { platform: PLATFORM_X11 token: '\\377' }")
+                .message(),
+            "token \"\\377\" names no node; it takes a bus name, a colon and "
+            "an object path");
+  EXPECT_EQ(widget_.parent_node().token(), "");
+}
+
+TEST_F(WidgetTest, JoinsNoTreeToAWindow) {
+  google::protobuf::BoolValue is_joined;
+  EXPECT_EQ(widget_.AttachAccessibleWindow(
+                Parsed<rpc::AttachAccessibleWindowRequest>(
+                    "window { platform: PLATFORM_X11 handle: 5 }"),
+                &is_joined),
+            absl::OkStatus());
+  EXPECT_FALSE(is_joined.value());
+  EXPECT_EQ(widget_.AttachAccessibleWindow({}, &is_joined), absl::OkStatus());
+}
+
+TEST_F(WidgetTest, AnAccessibleWindowMustExist) {
+  google::protobuf::BoolValue is_joined;
+  EXPECT_EQ(widget_
+                .AttachAccessibleWindow(
+                    Parsed<rpc::AttachAccessibleWindowRequest>(
+                        "window { platform: PLATFORM_MACOS handle: 5 }"),
+                    &is_joined)
+                .code(),
+            absl::StatusCode::kNotFound);
+}
+
+}  // namespace
+}  // namespace widget_server

@@ -1,0 +1,31 @@
+// What a service offers, for people who want to call it from a terminal.
+
+#ifndef TOOLS_WIDGETCTL_DESCRIBE_H_
+#define TOOLS_WIDGETCTL_DESCRIBE_H_
+
+#include <string>
+
+#include "absl/status/statusor.h"
+#include "absl/strings/string_view.h"
+#include "google/protobuf/descriptor.h"
+
+namespace widgetctl {
+
+// All methods, one a line: index, name, kind, request and response.
+std::string ListMethods(const google::protobuf::ServiceDescriptor& service);
+
+// The service and its methods in the words of their comments.
+std::string DescribeService(const google::protobuf::ServiceDescriptor& service);
+
+// A method, message or enum by its name, and every type that one has to know to
+// write it as JSON, each once. Types of the service's package may be named
+// without it. kNotFound, with the nearest names, if there is no such thing.
+//
+// Comments are there if the descriptors have them, which those of the generated
+// pool have not.
+absl::StatusOr<std::string> DescribeNamed(
+    const google::protobuf::ServiceDescriptor& service, absl::string_view name);
+
+}  // namespace widgetctl
+
+#endif  // TOOLS_WIDGETCTL_DESCRIBE_H_

@@ -1,0 +1,65 @@
+#include "tools/widgetctl/json.h"
+
+#include "absl/status/status.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_id.pb.h"
+#include "rpc/browser/display.pb.h"
+#include "rpc/browser/window.pb.h"
+
+namespace widgetctl {
+namespace {
+
+using ::testing::AnyOf;
+using ::testing::HasSubstr;
+
+TEST(Json, ReadsBothNumbersAndStringsAs64Bits) {
+  BrowserId id;
+  ASSERT_TRUE(FromJson(R"({"value": 7})", &id).ok());
+  EXPECT_EQ(id.value(), 7);
+  ASSERT_TRUE(FromJson(R"({"value": "18446744073709551615"})", &id).ok());
+  EXPECT_EQ(id.value(), 18446744073709551615u);
+}
+
+TEST(Json, ReplacesWhatTheMessageHeld) {
+  BrowserId id;
+  id.set_value(7);
+  ASSERT_TRUE(FromJson("{}", &id).ok());
+  EXPECT_EQ(id.value(), 0);
+}
+
+TEST(Json, TellsWhereTheTextIsWrong) {
+  BrowserId id;
+  const absl::Status status = FromJson(R"({"value" 7})", &id);
+  EXPECT_TRUE(absl::IsInvalidArgument(status));
+  // Some releases of protobuf point at the place, others count to it.
+  EXPECT_THAT(status.message(), AnyOf(HasSubstr("^"), HasSubstr("near 1:")));
+}
+
+TEST(Json, TellsWhichFieldIsUnknown) {
+  BrowserId id;
+  EXPECT_THAT(FromJson(R"({"valeu": 7})", &id).message(), HasSubstr("valeu"));
+}
+
+TEST(Json, TellsWhichFieldHasAWrongValue) {
+  rpc::Display display;
+  EXPECT_THAT(FromJson(R"({"rotationDeg": "much"})", &display).message(),
+              HasSubstr("rotation_deg"));
+  rpc::AttachRequest request;
+  EXPECT_THAT(FromJson(R"({"renderingMode": "LARGE"})", &request).message(),
+              HasSubstr("rendering_mode"));
+}
+
+TEST(Json, IsWrittenOnOneLineInLowerCamelCaseWithoutDefaults) {
+  rpc::AttachRequest request;
+  request.mutable_browser_id()->set_value(7);
+  request.mutable_bounds()->set_x(0);
+  request.set_rendering_mode(rpc::RENDERING_MODE_WINDOWED);
+  EXPECT_EQ(ToJson(request),
+            R"({"browserId":{"value":"7"},)"
+            R"("renderingMode":"RENDERING_MODE_WINDOWED","bounds":{}})");
+}
+
+}  // namespace
+}  // namespace widgetctl

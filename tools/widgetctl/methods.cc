@@ -1,0 +1,90 @@
+#include "tools/widgetctl/methods.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <numeric>
+#include <utility>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "absl/strings/ascii.h"
+#include "absl/strings/match.h"
+#include "absl/strings/str_cat.h"
+
+namespace widgetctl {
+
+using google::protobuf::MethodDescriptor;
+using google::protobuf::ServiceDescriptor;
+
+namespace {
+
+constexpr std::size_t kMaxSuggestions = 3;
+
+// How many letters have to be inserted, removed or replaced to turn one word
+// into the other (Levenshtein).
+std::size_t EditDistance(absl::string_view from, absl::string_view to) {
+  std::vector<std::size_t> row(to.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 0; i < from.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < to.size(); ++j) {
+      const std::size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
+    }
+  }
+  return row.back();
+}
+
+}  // namespace
+
+bool IsUnary(const MethodDescriptor& method) {
+  return !method.client_streaming() && !method.server_streaming();
+}
+
+absl::string_view KindOf(const MethodDescriptor& method) {
+  if (IsUnary(method)) return "unary";
+  return method.input_type() == method.output_type() ? "callback stream"
+                                                     : "event stream";
+}
+
+absl::StatusOr<const MethodDescriptor*> FindMethod(
+    const ServiceDescriptor& service, absl::string_view name) {
+  const MethodDescriptor* const method =
+      service.FindMethodByName(std::string(name));
+  if (method != nullptr) return method;
+  std::set<std::string> names;
+  for (int i = 0; i < service.method_count(); ++i) {
+    names.emplace(service.method(i)->name());
+  }
+  return absl::NotFoundError(absl::StrCat("no method ", name, " in ",
+                                          service.full_name(),
+                                          DidYouMean(name, names)));
+}
+
+std::string DidYouMean(absl::string_view name,
+                       const std::set<std::string>& candidates) {
+  const std::string typed = absl::AsciiStrToLower(name);
+  std::vector<std::pair<std::size_t, std::string>> ranked;
+  for (const std::string& candidate : candidates) {
+    const std::string lower = absl::AsciiStrToLower(candidate);
+    const std::size_t distance = EditDistance(typed, lower);
+    // A part of the name helps as much as a typing error, if it is no accident.
+    const bool is_part = typed.size() >= 3 && absl::StrContains(lower, typed);
+    if (is_part || distance <= std::max<std::size_t>(2, typed.size() / 3)) {
+      ranked.emplace_back(distance, candidate);
+    }
+  }
+  if (ranked.empty()) return "";
+  std::sort(ranked.begin(), ranked.end());
+  ranked.resize(std::min(ranked.size(), kMaxSuggestions));
+
+  std::string suggestions = ranked[0].second;
+  for (std::size_t i = 1; i < ranked.size(); ++i) {
+    absl::StrAppend(&suggestions, i + 1 < ranked.size() ? ", " : " or ",
+                    ranked[i].second);
+  }
+  return absl::StrCat("; did you mean ", suggestions, "?");
+}
+
+}  // namespace widgetctl

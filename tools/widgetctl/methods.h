@@ -1,0 +1,33 @@
+// Finding the methods of a service by what people type.
+
+#ifndef TOOLS_WIDGETCTL_METHODS_H_
+#define TOOLS_WIDGETCTL_METHODS_H_
+
+#include <set>
+#include <string>
+
+#include "absl/status/statusor.h"
+#include "absl/strings/string_view.h"
+#include "google/protobuf/descriptor.h"
+
+namespace widgetctl {
+
+// "unary", "event stream" or "callback stream". A callback stream has one
+// message type for both directions.
+absl::string_view KindOf(const google::protobuf::MethodDescriptor& method);
+
+bool IsUnary(const google::protobuf::MethodDescriptor& method);
+
+// kNotFound, with the nearest names, if the service has no such method. Names
+// are case-sensitive.
+absl::StatusOr<const google::protobuf::MethodDescriptor*> FindMethod(
+    const google::protobuf::ServiceDescriptor& service, absl::string_view name);
+
+// "; did you mean A, B or C?" with those of `candidates` that look most like
+// `name`, the most similar first, or nothing if none does. Case does not count.
+std::string DidYouMean(absl::string_view name,
+                       const std::set<std::string>& candidates);
+
+}  // namespace widgetctl
+
+#endif  // TOOLS_WIDGETCTL_METHODS_H_

@@ -1,0 +1,62 @@
+#include "tools/widgetctl/methods.h"
+
+#include "absl/status/status.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.rpc.h"
+
+namespace widgetctl {
+namespace {
+
+const google::protobuf::ServiceDescriptor& Service() {
+  return *rpc::BrowserWidgetRpc::descriptor();
+}
+
+TEST(KindOf, TellsTheThreeKindsApart) {
+  EXPECT_EQ(KindOf(*Service().FindMethodByName("Show")), "unary");
+  EXPECT_EQ(KindOf(*Service().FindMethodByName("WhenCursorChanged")),
+            "event stream");
+  EXPECT_EQ(KindOf(*Service().FindMethodByName("OnTakeFocus")),
+            "callback stream");
+}
+
+TEST(FindMethod, FindsAMethodByItsName) {
+  const auto found = FindMethod(Service(), "Detach");
+  ASSERT_TRUE(found.ok()) << found.status();
+  EXPECT_EQ((*found)->index(), 3);
+}
+
+TEST(FindMethod, NamesTheNearestMethodsOfAnUnknownName) {
+  const auto found = FindMethod(Service(), "Shwo");
+  EXPECT_EQ(found.status(),
+            absl::NotFoundError(
+                "no method Shwo in rpc.BrowserWidgetRpc; did you mean Show?"));
+}
+
+TEST(DidYouMean, HasNothingToSayIfNothingIsNear) {
+  EXPECT_EQ(DidYouMean("Teleport", {"Show", "Hide"}), "");
+}
+
+TEST(DidYouMean, PutsTheNearestFirst) {
+  EXPECT_EQ(DidYouMean("Attachedd", {"Attach", "Attached", "Hide"}),
+            "; did you mean Attached or Attach?");
+}
+
+TEST(DidYouMean, IgnoresCase) {
+  EXPECT_EQ(DidYouMean("setdpiaware", {"SetDpiAware", "SetDisplay"}),
+            "; did you mean SetDpiAware?");
+}
+
+TEST(DidYouMean, KnowsAPartOfAName) {
+  EXPECT_EQ(DidYouMean("Wheel", {"ForwardMouseWheel", "ForwardMouseMove"}),
+            "; did you mean ForwardMouseWheel?");
+}
+
+TEST(DidYouMean, NamesThreeAtMost) {
+  EXPECT_EQ(DidYouMean("Touch", {"TouchA", "TouchB", "TouchC", "TouchD"}),
+            "; did you mean TouchA, TouchB or TouchC?");
+}
+
+}  // namespace
+}  // namespace widgetctl

@@ -1,0 +1,418 @@
+// The program itself, run against a server in this process.
+
+#include <fstream>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "absl/strings/str_cat.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "examples/testing/child_process.h"
+#include "examples/testing/temporary_folder.h"
+#include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+
+namespace {
+
+using example_testing::ChildProcess;
+using google::protobuf::Closure;
+using google::protobuf::Empty;
+using google::protobuf::RpcController;
+using ::testing::ContainsRegex;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// One method for each way in which a call may end.
+class ScriptedWidget final : public rpc::BrowserWidgetRpc {
+ public:
+  ~ScriptedWidget() override {
+    for (Closure* const done : unanswered_) done->Run();
+  }
+
+  void Show(RpcController*, const BrowserId*, Empty*, Closure* done) override {
+    done->Run();
+  }
+
+  void GetChromiumWindowHandle(RpcController*, const BrowserId* request,
+                               rpc::WindowHandle* response,
+                               Closure* done) override {
+    response->set_handle(request->value() * 100);
+    done->Run();
+  }
+
+  void Hide(RpcController* controller, const BrowserId* request, Empty*,
+            Closure* done) override {
+    controller->SetFailed(
+        absl::StrCat("browser ", request->value(), " will not hide "));
+    done->Run();
+  }
+
+  void Minimize(RpcController*, const BrowserId*, Empty*,
+                Closure* done) override {
+    unanswered_.push_back(done);
+  }
+
+  void Detach(RpcController*, const BrowserId*, Empty*,
+              Closure* done) override {
+    server.reset();
+    done->Run();
+  }
+
+  std::optional<orvane::SocketServer> server;
+
+ private:
+  std::vector<Closure*> unanswered_;
+};
+
+class WidgetctlTest : public testing::Test {
+ protected:
+  WidgetctlTest() {
+    widget_.server.emplace(&loop_, &widget_);
+    const absl::Status listens = widget_.server->Listen(socket_);
+    EXPECT_TRUE(listens.ok()) << listens;
+    service_thread_ = std::thread([this] { loop_.Run(); });
+  }
+
+  ~WidgetctlTest() override {
+    loop_.Stop();
+    service_thread_.join();
+  }
+
+  ChildProcess::Result Widgetctl(std::vector<std::string> arguments) const {
+    std::vector<std::string> command = {WIDGETCTL, "--socket", socket_};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return ChildProcess(command).Wait();
+  }
+
+  ChildProcess::Result WidgetctlReading(
+      const std::string& input, std::vector<std::string> arguments) const {
+    std::vector<std::string> command = {"/bin/sh",
+                                        "-c",
+                                        R"(exec "$@" <"$0")",
+                                        File("input", input),
+                                        WIDGETCTL,
+                                        "--socket",
+                                        socket_};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return ChildProcess(command).Wait();
+  }
+
+  std::string File(const std::string& name, const std::string& text) const {
+    const std::string path = absl::StrCat(folder_.path(), "/", name);
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  std::string Path(const std::string& name) const {
+    return absl::StrCat(folder_.path(), "/", name);
+  }
+
+ private:
+  const example_testing::TemporaryFolder folder_;
+  const std::string socket_ = Path("widget.sock");
+  orvane::EventLoop loop_;
+  ScriptedWidget widget_;
+  std::thread service_thread_;
+};
+
+MATCHER_P(Succeeds, output, "") {
+  *result_listener << "exit code " << arg.exit_code << ", errors "
+                   << arg.errors;
+  return arg.exit_code == 0 && arg.errors.empty() &&
+         ExplainMatchResult(output, arg.output, result_listener);
+}
+
+MATCHER_P2(Fails, exit_code, errors, "") {
+  *result_listener << "exit code " << arg.exit_code << ", errors "
+                   << arg.errors;
+  return arg.exit_code == exit_code && arg.output.empty() &&
+         ExplainMatchResult(errors, arg.errors, result_listener);
+}
+
+TEST_F(WidgetctlTest, ListNeedsNoServer) {
+  EXPECT_THAT(Widgetctl({"list", "--socket", Path("nobody.sock")}),
+              Succeeds(ContainsRegex("^ 0  Focus .*\n")));
+}
+
+TEST_F(WidgetctlTest, DescribeHasTheCommentsOfTheProtos) {
+  EXPECT_THAT(
+      Widgetctl({"describe", "Unfocus", "--socket", Path("nobody.sock")}),
+      Succeeds(AllOf(StartsWith("// Takes the keyboard focus from"),
+                     HasSubstr("\nrpc Unfocus(BrowserId) returns"),
+                     HasSubstr("\n// Names one browser."),
+                     HasSubstr("  value: uint64\n"))));
+}
+
+TEST_F(WidgetctlTest, DescribeWithoutANameTellsTheService) {
+  EXPECT_THAT(Widgetctl({"describe"}),
+              Succeeds(AllOf(StartsWith("// Drives the browser widgets"),
+                             HasSubstr("\nservice rpc.BrowserWidgetRpc {\n"),
+                             HasSubstr("  // Makes the view visible"))));
+}
+
+TEST_F(WidgetctlTest, DescribeOfAnUnknownNameIsWrongUsage) {
+  EXPECT_THAT(Widgetctl({"describe", "Shwo"}),
+              Fails(2,
+                    "widgetctl: no method, message or enum Shwo in "
+                    "rpc.BrowserWidgetRpc; did you mean Show?\n"));
+}
+
+TEST_F(WidgetctlTest, CallPrintsTheResponseOnOneLine) {
+  EXPECT_THAT(Widgetctl({"call", "GetChromiumWindowHandle", R"({"value": 7})"}),
+              Succeeds("{\"handle\":\"700\"}\n"));
+}
+
+TEST_F(WidgetctlTest, CallWithoutJsonSendsAnEmptyRequest) {
+  EXPECT_THAT(Widgetctl({"call", "GetChromiumWindowHandle"}), Succeeds("{}\n"));
+}
+
+TEST_F(WidgetctlTest, CallReadsTheRequestFromStdin) {
+  EXPECT_THAT(WidgetctlReading("{\n\"value\": 7\n}\n",
+                               {"call", "GetChromiumWindowHandle", "-"}),
+              Succeeds("{\"handle\":\"700\"}\n"));
+}
+
+TEST_F(WidgetctlTest, CallTellsTheTextOfAFailedCall) {
+  EXPECT_THAT(Widgetctl({"call", "Hide", R"({"value": 7})"}),
+              Fails(1, "widgetctl: Hide failed: browser 7 will not hide \n"));
+  EXPECT_THAT(Widgetctl({"call", "Unfocus"}),
+              Fails(1,
+                    "widgetctl: Unfocus failed: "
+                    "Method Unfocus() not implemented.\n"));
+}
+
+TEST_F(WidgetctlTest, CallGivesUpAfterTheTimeout) {
+  EXPECT_THAT(Widgetctl({"--timeout", "0.05", "call", "Minimize"}),
+              Fails(1, "widgetctl: Minimize failed: no answer within 50ms\n"));
+}
+
+TEST_F(WidgetctlTest, CallTellsThatTheConnectionWasLost) {
+  EXPECT_THAT(Widgetctl({"call", "Detach"}),
+              Fails(3,
+                    "widgetctl: Detach failed: "
+                    "the widget closed the connection\n"));
+}
+
+TEST_F(WidgetctlTest, CallAndRunTellThatNobodyListens) {
+  const std::string nobody = Path("nobody.sock");
+  const auto tells =
+      Fails(3, StartsWith("widgetctl: no server listens at " + nobody + ": "));
+  EXPECT_THAT(Widgetctl({"--socket", nobody, "call", "Show"}), tells);
+  EXPECT_THAT(
+      Widgetctl({"--socket", nobody, "run", File("calls", "Show {} => {}\n")}),
+      tells);
+}
+
+TEST_F(WidgetctlTest, OptionsMayFollowTheCommand) {
+  EXPECT_THAT(Widgetctl({"call", "Minimize", "{}", "--timeout=0.05"}),
+              Fails(1, HasSubstr("no answer within 50ms")));
+}
+
+struct Misuse {
+  const char* name;
+  std::vector<std::string> arguments;
+  std::string errors;
+};
+
+class WidgetctlMisuseTest : public WidgetctlTest,
+                            public testing::WithParamInterface<Misuse> {};
+
+TEST_P(WidgetctlMisuseTest, IsToldAndLeavesTheServerAlone) {
+  EXPECT_THAT(Widgetctl(GetParam().arguments),
+              Fails(2, HasSubstr(GetParam().errors)));
+  EXPECT_THAT(Widgetctl({"call", "Show"}), Succeeds("{}\n"));
+}
+
+const Misuse kMisuses[] = {
+    {"UnknownMethod",
+     {"call", "SetDpi"},
+     "no method SetDpi in rpc.BrowserWidgetRpc; did you mean SetDpiAware?\n"},
+    {"EventStream",
+     {"call", "WhenCursorChanged"},
+     "WhenCursorChanged cannot be called: it is of kind event stream, not "
+     "unary\n"},
+    {"CallbackStream",
+     {"call", "OnTakeFocus"},
+     "OnTakeFocus cannot be called: it is of kind callback stream, not "
+     "unary\n"},
+    {"MalformedJson",
+     {"call", "Show", "{\"value\" 1}"},
+     "the request of Show is no JSON of BrowserId: "},
+    {"NoJson", {"call", "Show", ""}, "is no JSON of BrowserId: "},
+    {"UnknownField", {"call", "Show", "{\"valeu\": 1}"}, "valeu"},
+    {"WrongValue",
+     {"call", "SetDisplay", "{\"rotationDeg\": \"much\"}"},
+     "rotation_deg"},
+    {"UnknownCommand", {"cal"}, "no command cal; did you mean call?\n"},
+    {"NoCommand", {}, "a command is missing\nSee widgetctl --help.\n"},
+    {"NoMethod", {"call"}, "the command is call METHOD [JSON]\n"},
+    {"TooMuch", {"call", "Show", "{}", "{}"}, "call METHOD [JSON]\n"},
+    {"ArgumentOfList", {"list", "Show"}, "the command is list\n"},
+    {"UnknownOption", {"list", "--fast"}, "'--fast'\nSee widgetctl --help.\n"},
+    {"OptionWithoutValue", {"list", "--timeout"}, "requires an argument\n"},
+    {"TimeoutOfZero",
+     {"--timeout", "0", "call", "Show"},
+     "--timeout takes a number of seconds above 0, not '0'\n"},
+    {"TimeoutTooSmallToTell", {"--timeout", "1e-300", "list"}, "not '1e-300'"},
+    {"NegativeTimeout", {"--timeout", "-1", "list"}, "not '-1'"},
+    {"TimeoutInWords", {"--timeout", "soon", "list"}, "not 'soon'"},
+    {"TimeoutWithUnit", {"--timeout", "5s", "list"}, "not '5s'"},
+    {"EndlessTimeout", {"--timeout", "inf", "list"}, "not 'inf'"},
+    {"TimeoutOfNoNumber", {"--timeout", "nan", "list"}, "not 'nan'"},
+    {"MissingSession",
+     {"run", "/nowhere/calls"},
+     "cannot read /nowhere/calls: No such file or directory\n"},
+    {"SessionThatIsAFolder", {"run", "/"}, "cannot read /: Is a directory\n"},
+};
+
+INSTANTIATE_TEST_SUITE_P(All, WidgetctlMisuseTest, testing::ValuesIn(kMisuses),
+                         [](const auto& misuse) {
+                           return std::string(misuse.param.name);
+                         });
+
+TEST_F(WidgetctlTest, HelpTellsCommandsOptionsAndExitCodes) {
+  EXPECT_THAT(
+      Widgetctl({"--help"}),
+      Succeeds(AllOf(
+          StartsWith("Usage: widgetctl "), HasSubstr("\n  call METHOD [JSON] "),
+          HasSubstr("\n  --timeout SECONDS "), HasSubstr("\nExit code: "))));
+}
+
+TEST_F(WidgetctlTest, EachCommandHasHelpOfItsOwn) {
+  for (const std::string command : {"list", "describe", "call", "run"}) {
+    EXPECT_THAT(
+        Widgetctl({command, "--help"}),
+        Succeeds(StartsWith("Usage: widgetctl [OPTION]... " + command)));
+  }
+}
+
+TEST_F(WidgetctlTest, RunPrintsATranscriptOfASessionThatIsAsExpected) {
+  const std::string session = File("calls",
+                                   "# Two calls.\n"
+                                   "Show {\"value\": 1} => {}\n"
+                                   "# The second one fails.\n"
+                                   "Hide {\"value\": 1} => "
+                                   "error: browser 1 will not hide \n");
+  EXPECT_THAT(Widgetctl({"run", session}),
+              Succeeds(ContainsRegex(
+                  "^# Two calls.\n"
+                  "ok +[0-9.]+ ms  Show \\{\"value\":\"1\"\\} => \\{\\}\n"
+                  "\n"
+                  "# The second one fails.\n"
+                  "ok +[0-9.]+ ms  Hide \\{\"value\":\"1\"\\} => "
+                  "error: browser 1 will not hide \n"
+                  "\n"
+                  "2 calls in [0-9.]+ ms: all as expected\n$")));
+}
+
+TEST_F(WidgetctlTest, RunPutsTheAnswerBelowALongCall) {
+  const std::string zeros(70, '0');
+  const std::string session =
+      File("calls",
+           "Show {\"value\": 1} => {}\n"
+           "ForwardKeyType {\"text\": \"" +
+               zeros +
+               "\"} => "
+               "error: Method ForwardKeyType() not implemented.\n");
+  EXPECT_THAT(Widgetctl({"run", session}),
+              Succeeds(HasSubstr(
+                  "  ForwardKeyType {\"text\":\"" + zeros +
+                  "\"}\n"
+                  "                     => error: Method ForwardKeyType()")));
+}
+
+TEST_F(WidgetctlTest, RunReadsTheSessionFromStdin) {
+  EXPECT_THAT(WidgetctlReading("Show {} => {}\n", {"run", "-"}),
+              Succeeds(HasSubstr("\n1 call in ")));
+}
+
+TEST_F(WidgetctlTest, RunComparesMessagesAndNotTheirTexts) {
+  const std::string session =
+      File("calls",
+           "GetChromiumWindowHandle {\"value\": 7} => "
+           "{ \"platform\": \"PLATFORM_UNSPECIFIED\", \"handle\": 700 }\n");
+  EXPECT_EQ(Widgetctl({"run", session}).exit_code, 0);
+}
+
+TEST_F(WidgetctlTest, RunTellsWhatDiffersAndGoesOn) {
+  const std::string session = File("calls",
+                                   "# Three that differ, one that does not.\n"
+                                   "GetChromiumWindowHandle {\"value\": 7} => "
+                                   "{\"handle\": 701}\n"
+                                   "Show {} => error: no\n"
+                                   "Show {} => {}\n"
+                                   "Hide {} => {}\n");
+  const ChildProcess::Result result = Widgetctl({"run", session});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_EQ(result.errors, "");
+  EXPECT_THAT(
+      result.output,
+      AllOf(HasSubstr("  line 2, expected: {\"handle\":\"701\"}\n"
+                      "  line 2, actual:   {\"handle\":\"700\"}\n"),
+            HasSubstr("  line 3, expected: error: no\n"
+                      "  line 3, actual:   {}\n"),
+            HasSubstr("Show {} => {}\n"),
+            HasSubstr("  line 5, expected: {}\n"
+                      "  line 5, actual:   error: browser 0 will not hide \n"),
+            ContainsRegex("\n4 calls in .* ms: 3 not as expected\n$")));
+}
+
+TEST_F(WidgetctlTest, RunWantsTheTextOfAnErrorToTheLetter) {
+  const std::string session =
+      File("calls", "Hide {\"value\": 1} => error: browser 1 will not hide\n");
+  EXPECT_EQ(Widgetctl({"run", session}).exit_code, 1);
+}
+
+TEST_F(WidgetctlTest, RunHoldsEachCallAgainstTheTimeout) {
+  const std::string session =
+      File("calls", "Minimize {} => {}\nShow {} => {}\n");
+  const ChildProcess::Result result =
+      Widgetctl({"run", session, "--timeout", "0.05"});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.output,
+              AllOf(HasSubstr("actual:   error: no answer within 50ms\n"),
+                    HasSubstr("Show {} => {}\n")));
+}
+
+TEST_F(WidgetctlTest, RunStopsWhenTheConnectionIsLost) {
+  const std::string session = File("calls", "Detach {} => {}\nShow {} => {}\n");
+  const ChildProcess::Result result = Widgetctl({"run", session});
+  EXPECT_EQ(result.exit_code, 3);
+  EXPECT_EQ(result.errors, "widgetctl: the widget closed the connection\n");
+  EXPECT_THAT(
+      result.output,
+      EndsWith("actual:   error: the widget closed the connection\n"
+               "\nthe connection is gone; no further calls are made\n"));
+}
+
+TEST_F(WidgetctlTest, RunMakesNoCallsIfALineIsWrong) {
+  const auto complaint = [this](const std::string& line) {
+    const ChildProcess::Result result =
+        Widgetctl({"run", File("calls", "Show {} => {}\n" + line + "\n")});
+    EXPECT_EQ(result.exit_code, 2);
+    EXPECT_EQ(result.output, "");
+    return result.errors;
+  };
+  const std::string where = "widgetctl: " + Path("calls") + ", line 2: ";
+  EXPECT_EQ(complaint("Hide {}"), where + "a call lacks its `=>` and answer\n");
+  EXPECT_EQ(complaint("Hied {} => {}"),
+            where +
+                "no method Hied in rpc.BrowserWidgetRpc; "
+                "did you mean Hide?\n");
+  EXPECT_THAT(complaint("WhenCursorChanged {} => {}"),
+              StartsWith(where + "WhenCursorChanged cannot be called"));
+  EXPECT_THAT(
+      complaint("Hide {\"value\" 1} => {}"),
+      StartsWith(where + "the request of Hide is no JSON of BrowserId"));
+  EXPECT_THAT(complaint("Hide {} => {\"value\": 1}"),
+              StartsWith(where + "the response of Hide is no JSON of "
+                                 "google.protobuf.Empty"));
+}
+
+}  // namespace
