@@ -1,7 +1,5 @@
 #include "tools/widgetctl/documented.h"
 
-#include <string>
-
 #include "absl/log/log.h"
 #include "google/protobuf/descriptor.pb.h"
 
@@ -35,7 +33,7 @@ const DescriptorPool& DocumentedPool() {
 }  // namespace
 
 const ServiceDescriptor& WithComments(const ServiceDescriptor& service) {
-  const std::string name(service.full_name());
+  const auto& name = service.full_name();
   const ServiceDescriptor* const documented =
       DocumentedPool().FindServiceByName(name);
   if (documented == nullptr) LOG(FATAL) << name << " is not among the protos";

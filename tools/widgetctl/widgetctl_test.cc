@@ -104,7 +104,7 @@ class WidgetctlTest : public testing::Test {
   }
 
   std::string File(const std::string& name, const std::string& text) const {
-    const std::string path = absl::StrCat(folder_.path(), "/", name);
+    std::string path = Path(name);
     std::ofstream(path) << text;
     return path;
   }
@@ -242,12 +242,12 @@ const Misuse kMisuses[] = {
      "OnTakeFocus cannot be called: it is of kind callback stream, not "
      "unary\n"},
     {"MalformedJson",
-     {"call", "Show", "{\"value\" 1}"},
+     {"call", "Show", R"({"value" 1})"},
      "the request of Show is no JSON of BrowserId: "},
     {"NoJson", {"call", "Show", ""}, "is no JSON of BrowserId: "},
-    {"UnknownField", {"call", "Show", "{\"valeu\": 1}"}, "valeu"},
+    {"UnknownField", {"call", "Show", R"({"valeu": 1})"}, "valeu"},
     {"WrongValue",
-     {"call", "SetDisplay", "{\"rotationDeg\": \"much\"}"},
+     {"call", "SetDisplay", R"({"rotationDeg": "much"})"},
      "rotation_deg"},
     {"UnknownCommand", {"cal"}, "no command cal; did you mean call?\n"},
     {"NoCommand", {}, "a command is missing\nSee widgetctl --help.\n"},
@@ -371,13 +371,14 @@ TEST_F(WidgetctlTest, RunWantsTheTextOfAnErrorToTheLetter) {
 
 TEST_F(WidgetctlTest, RunHoldsEachCallAgainstTheTimeout) {
   const std::string session =
-      File("calls", "Minimize {} => {}\nShow {} => {}\n");
+      File("calls", "Minimize {} => {}\nMinimize {} => {}\n");
   const ChildProcess::Result result =
       Widgetctl({"run", session, "--timeout", "0.05"});
   EXPECT_EQ(result.exit_code, 1);
   EXPECT_THAT(result.output,
-              AllOf(HasSubstr("actual:   error: no answer within 50ms\n"),
-                    HasSubstr("Show {} => {}\n")));
+              AllOf(HasSubstr("line 1, actual:   error: no answer within 50ms"),
+                    HasSubstr("line 2, actual:   error: no answer within 50ms"),
+                    ContainsRegex("\n2 calls in .* ms: 2 not as expected\n$")));
 }
 
 TEST_F(WidgetctlTest, RunStopsWhenTheConnectionIsLost) {

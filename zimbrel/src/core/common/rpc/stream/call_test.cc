@@ -367,17 +367,46 @@ TEST_F(CallTest, CancellingAfterTheStreamIsGoneDoesNothing) {
   EXPECT_THAT(ends, ElementsAre(StartsWith("a CANCELLED: the host")));
 }
 
-TEST_F(CallTest, ACallableOfTheTableMayCancelACallThatTheSameHandlerEnded) {
+// What a call that was listed by hand holds is destroyed where a call that Call
+// made may be half gone. Its handle is safe even there.
+
+TEST_F(CallTest, CancellingInsideTheHandlerThatEndedTheCallDoesNothing) {
   host.Subscribe(kBrowser);
   auto call = Ask(kBrowser, "a");
   ASSERT_TRUE(call.ok());
-  host.stream().CallsOf(kBrowser).second.emplace(
-      INT64_MAX,
-      Stream::StreamCall{[](CreateWebDialog&) { FAIL(); },
-                         [&](StreamCallFailure) { call->Cancel(); }});
+  List(host, kBrowser, INT64_MAX, [&] { call->Cancel(); });
   host.Unsubscribe(kBrowser);
   loop.RunUntilIdle();
-  EXPECT_THAT(ends, ElementsAre(StartsWith("a CANCELLED: the host")));
+  EXPECT_THAT(ends, ElementsAre("9223372036854775807 cancelled",
+                                StartsWith("a CANCELLED: the host")));
+}
+
+TEST_F(CallTest, MayBeCancelledWhileItsStreamIsBeingDestroyed) {
+  host.Subscribe(kBrowser);
+  auto call = Ask(kBrowser, "a");
+  ASSERT_TRUE(call.ok());
+  std::shared_ptr<void> canceller(nullptr, [&](void*) { call->Cancel(); });
+  List(host, kBrowser, INT64_MAX, [canceller] { FAIL(); });
+  canceller.reset();
+  host.Vanish();
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre(StartsWith("a CANCELLED")));
+  RemoveRegistration<CreateWebDialog>(kBrowser);
+}
+
+TEST_F(CallTest, MayBeCancelledWhileItsEntryIsBeingErased) {
+  host.Subscribe(kBrowser);
+  List(host, kOther, 1);  // So that there is something to look up among.
+  std::optional<absl::StatusOr<CallHandle>> call;
+  std::shared_ptr<void> canceller(nullptr, [&](void*) { (*call)->Cancel(); });
+  // Behind the walk, so that the call is dropped without being told.
+  List(host, kBrowser, INT64_MAX,
+       [&, canceller] { call = Ask(kBrowser, "a"); });
+  canceller.reset();
+  host.stream().CancelPendingRequests(kBrowser);
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("9223372036854775807 cancelled",
+                                StartsWith("a CANCELLED")));
 }
 
 }  // namespace

@@ -58,13 +58,14 @@ enum class StreamCallFailure : std::int32_t {
 // at a time: the latest to have subscribed. To make a call, use Call (call.h).
 //
 // What a host's frame does, by the oneof case of its T:
-//   subscribe true    this stream serves the key from now on;
-//   subscribe false   no stream serves the key any longer, whichever did, and
-//                     the calls of the key that wait on this one are cancelled;
-//   response          the call of the frame's key and id ends, if it waits
-//   here; anything else     the process ends at once. Frames from outside are
-//   to be
-//                     checked before they come here.
+//
+// - subscribe, true: this stream serves the key from now on.
+// - subscribe, false: no stream serves the key any longer, whichever did, and
+//   the calls of the key that wait on this one are cancelled.
+// - response: the call of the frame's key and id ends, if it waits here.
+// - anything else: the process ends at once. Frames from outside are to be
+//   checked before they come here.
+//
 // An error frame ends the call of its key and id; its oneof does not matter. A
 // payload that does not parse counts as far as it was read.
 //
@@ -160,6 +161,9 @@ CallbackStream<T>::CallbackStream(
 template <CallbackMessage T>
 CallbackStream<T>::~CallbackStream() {
   internal::Registrations::Get().Forget(this);
+  // Emptied before the calls are destroyed: what they hold may be foreign code,
+  // which may look into the table once more.
+  const PendingCalls dropped = std::exchange(pending_calls_, {});
 }
 
 template <CallbackMessage T>

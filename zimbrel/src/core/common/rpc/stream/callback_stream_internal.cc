@@ -14,12 +14,6 @@ std::unique_ptr<Message> ReadPayload(
   return message;
 }
 
-const Message* CopyKey(const Message& key) {
-  Message* const copy = key.New(nullptr);
-  copy->CopyFrom(key);
-  return copy;
-}
-
 void WarnOfTakeover(const Message& key) {
   if (!logging::ShouldCreateLogMessage(logging::kWarning)) return;
   // The place by which this record has always been known.

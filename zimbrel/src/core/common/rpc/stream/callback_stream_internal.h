@@ -16,16 +16,15 @@ std::unique_ptr<google::protobuf::Message> ReadPayload(
     const google::protobuf::Message& prototype,
     const rpc::transport::StreamMessage& frame);
 
-// A heap copy of `key`, for a table to own.
-const google::protobuf::Message* CopyKey(const google::protobuf::Message& key);
-
-// Erases the entry of `key`, if there is one, from a table that owns its keys;
-// `key` may be that entry's own. The table is whole again before the entry's
-// content is destroyed, since that may be foreign code.
+// Erases the entry of `key`, which there must be, from a table that owns its
+// keys; `key` may be that entry's own. The entry's content is destroyed when
+// the table is whole again and while the key still exists: its destructors may
+// be foreign code, which may come back here.
 template <typename Table>
 void EraseEntry(Table& table, const google::protobuf::Message& key) {
+  std::unique_ptr<const google::protobuf::Message> own_key;
   const auto entry = table.extract(&key);
-  if (!entry.empty()) delete entry.key();
+  own_key.reset(entry.key());
 }
 
 // Another stream than the one subscribing now serves `key`.

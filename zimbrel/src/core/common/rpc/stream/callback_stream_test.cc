@@ -252,15 +252,16 @@ TEST_F(CallbackStreamTest, TheCallableThatDidNotRunIsDestroyedWithTheOther) {
 }
 
 TEST_F(CallbackStreamTest, AnAnswerMayBeMovedFromWithItsKey) {
-  CreateWebDialog kept;
+  std::string text;
+  const auto take = [&](CreateWebDialog& reply) {
+    const CreateWebDialog taken(std::move(reply));
+    EXPECT_EQ(taken.browser_id().value(), kBrowser.value());
+    text = taken.response().text();
+  };
   host.stream().CallsOf(kBrowser).second.emplace(
-      1, Stream::StreamCall{[&](CreateWebDialog& reply) {
-                              CreateWebDialog(std::move(reply)).Swap(&kept);
-                            },
-                            [](StreamCallFailure) { FAIL(); }});
-  host.Answer(kBrowser, 1, Text("kept"));
-  EXPECT_EQ(kept.response().text(), "kept");
-  EXPECT_EQ(kept.browser_id().value(), kBrowser.value());
+      1, Stream::StreamCall{take, [](StreamCallFailure) { FAIL(); }});
+  host.Answer(kBrowser, 1, Text("moved"));
+  EXPECT_EQ(text, "moved");
   EXPECT_THAT(host.stream().pending_calls_, IsEmpty());
 }
 

@@ -13,10 +13,4 @@ const rpc::EventSubscription& ReadSubscription(
   return static_cast<const rpc::EventSubscription&>(*request);
 }
 
-const Message* CopyEventKey(const Message& key) {
-  Message* const copy = key.New(nullptr);
-  copy->CopyFrom(key);
-  return copy;
-}
-
 }  // namespace orvane::internal

@@ -101,10 +101,6 @@ const rpc::EventSubscription& ReadSubscription(
     const Service& service, const google::protobuf::MethodDescriptor* method,
     const rpc::transport::StreamMessage& frame);
 
-// A heap copy of `key`, for a registry to own.
-const google::protobuf::Message* CopyEventKey(
-    const google::protobuf::Message& key);
-
 }  // namespace internal
 
 // ---------------------------------------------------------------------------
@@ -157,7 +153,7 @@ template <EventMessage T>
 void EventStream<T>::Subscribe(const google::protobuf::Message& key) {
   auto entry = stream_map_.find(&key);
   if (entry == stream_map_.end()) {
-    entry = stream_map_.try_emplace(internal::CopyEventKey(key)).first;
+    entry = stream_map_.try_emplace(internal::CopyKey(key)).first;
   }
   entry->second.insert(this);
   internal::Registrations::Get().Add(this, entry->first);

@@ -112,7 +112,7 @@ void BM_LookUp(benchmark::State& state) {
   const auto keys = static_cast<std::size_t>(state.range(0));
   const auto& registry = MapOf<Stream::Registry>(
       keys, [](Stream::Registry& map, const BrowserId& key) {
-        map.try_emplace(internal::CopyEventKey(key));
+        map.try_emplace(internal::CopyKey(key));
       });
   const std::vector<BrowserId> probes = Probes(keys);
   std::size_t i = 0;

@@ -1,5 +1,4 @@
 #include "zimbrel/src/core/common/rpc/stream/open_call.h"
-#include "zimbrel/src/core/common/rpc/stream/call.h"
 
 #include <utility>
 
@@ -28,7 +27,6 @@ void OpenCall::End(Outcome outcome) {
 }
 
 void OpenCall::Withdraw(absl::Status why) {
-  if (on_end_ == nullptr) return;
   End(std::move(why));
   place_.drop(place_.stream, *place_.key, place_.id);
 }
@@ -77,15 +75,3 @@ absl::Status ToStatus(StreamCallFailure why) {
 }
 
 }  // namespace orvane::internal
-
-namespace orvane {
-
-CallHandle::CallHandle(std::weak_ptr<internal::OpenCall> call)
-    : call_(std::move(call)) {}
-
-void CallHandle::Cancel() {
-  if (const auto call = call_.lock())
-    call->Withdraw(absl::CancelledError("cancelled by the caller"));
-}
-
-}  // namespace orvane

@@ -20,9 +20,9 @@
 namespace orvane::internal {
 
 // One call, from the departure of its frame to its one end. Owned by the
-// callables that are listed for it in a stream's table, so it lives as long as
-// the call is listed there. While it has not ended, then, its stream is alive
-// and may be touched; and a call that is dropped unanswered, for whatever
+// callables that are listed for it in a stream's table, so it lives no longer
+// than its entry there, with its key, and than the stream. Both may be touched,
+// then, while it lives; and a call that is dropped unanswered, for whatever
 // reason, ends in the destructor.
 //
 // Thread: the service thread.
@@ -51,8 +51,8 @@ class OpenCall {
   // Posts `on_end` to the stream's loop, the first time; then does nothing.
   void End(Outcome outcome);
 
-  // Ends the call, unless it has ended, and takes it out of the table, which
-  // destroys this object.
+  // Ends the call, unless it has ended, and takes it out of the table if it is
+  // still there. That may destroy this object.
   void Withdraw(absl::Status why);
 
   // Withdraws the call as late after `timeout`. At most once.

@@ -30,4 +30,10 @@ bool Registrations::Has(const AbstractStream* stream,
   return keys != keys_.end() && keys->second.contains(key);
 }
 
+const Message* CopyKey(const Message& key) {
+  Message* const copy = key.New(nullptr);
+  copy->CopyFrom(key);
+  return copy;
+}
+
 }  // namespace orvane::internal

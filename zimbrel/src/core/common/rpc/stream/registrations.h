@@ -41,6 +41,9 @@ class Registrations {
       keys_;
 };
 
+// A heap copy of `key`, for a table to own.
+const google::protobuf::Message* CopyKey(const google::protobuf::Message& key);
+
 }  // namespace orvane::internal
 
 #endif  // ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_REGISTRATIONS_H_

@@ -30,14 +30,15 @@ class ClientController final : public google::protobuf::RpcController {
   void set_timeout(absl::Duration timeout) { timeout_ = timeout; }
   absl::Duration timeout() const { return timeout_; }
 
-  // How the call ended. OK while it is in progress. The codes:
-  //   kUnknown           the handler failed the call, or the widget does not
-  //   serve it kUnimplemented     the service at the other end has no such
-  //   method kInvalidArgument   the method is a stream, or the request could
-  //   not be read kResourceExhausted the request or the response is too long
-  //   for a frame kDeadlineExceeded, kCancelled kUnavailable       the
-  //   connection is gone; whether the call was served is unknown kInternal the
-  //   response could not be read
+  // How the call ended; OK while it is in progress.
+  //
+  // - kUnknown: the handler failed the call, or the widget does not serve it.
+  // - kUnimplemented: the service at the other end has no such method.
+  // - kInvalidArgument: the method is a stream, or the request was unreadable.
+  // - kResourceExhausted: the request or the response does not fit a frame.
+  // - kDeadlineExceeded, kCancelled: the call was given up, here.
+  // - kUnavailable: the connection is gone; the call may have been served.
+  // - kInternal: the response was unreadable.
   const absl::Status& status() const { return status_; }
 
   bool Failed() const override { return !status_.ok(); }

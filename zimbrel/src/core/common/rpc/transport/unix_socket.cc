@@ -178,11 +178,14 @@ absl::StatusOr<OwnedDescriptor> ConnectTo(const std::string& path) {
   do {
     result = ::connect(descriptor->get(), AsGeneric(*address), sizeof *address);
   } while (result != 0 && errno == EINTR);
-  if (result != 0) {
-    return absl::UnavailableError(absl::StrCat("no server listens at ", path,
-                                               ": ", std::strerror(errno)));
-  }
-  return descriptor;
+  if (result == 0) return descriptor;
+  const int error = errno;
+  const std::string reason = absl::StrCat(path, ": ", std::strerror(error));
+  return error == EACCES || error == EPERM
+             ? absl::PermissionDeniedError(
+                   absl::StrCat("not allowed to connect to ", reason))
+             : absl::UnavailableError(
+                   absl::StrCat("no server listens at ", reason));
 }
 
 absl::StatusOr<std::pair<OwnedDescriptor, OwnedDescriptor>> ConnectedPair() {

@@ -189,6 +189,26 @@ TEST_F(UnixSocketTest, APeerOfAnotherUserIsRefusedWithBothIds) {
   ::close(ready[1]);
 }
 
+TEST_F(UnixSocketTest, ConnectingToAnotherUsersSocketIsDenied) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  const auto listening = ListeningSocket::Open(Path("s"));
+  ASSERT_TRUE(listening.ok()) << listening.status();
+  const pid_t stranger = ::fork();
+  ASSERT_GE(stranger, 0);
+  if (stranger == 0) {
+    if (::setuid(kNobody) != 0) ::_exit(1);
+    ::_exit(ConnectTo(Path("s")).status() ==
+                    absl::PermissionDeniedError("not allowed to connect to " +
+                                                Path("s") +
+                                                ": Permission denied")
+                ? 0
+                : 2);
+  }
+  int ended = 0;
+  ASSERT_EQ(::waitpid(stranger, &ended, 0), stranger);
+  EXPECT_EQ(ended, 0);
+}
+
 TEST_F(UnixSocketTest, TheDefaultPathIsInTheRuntimeFolder) {
   const char* const before = std::getenv("XDG_RUNTIME_DIR");
   const std::optional<std::string> kept =

@@ -161,10 +161,13 @@ class ScriptedHost {
   std::vector<SentCall<T>> received_;
 };
 
-// Erases what a destroyed stream left in the registry under `browser`.
+// Erases what a destroyed stream left in the registry under `browser`, if it
+// left anything.
 template <CallMessage T>
 void RemoveRegistration(const BrowserId& browser) {
-  internal::EraseEntry(CallbackStream<T>::stream_map_, browser);
+  if (CallbackStream<T>::stream_map_.contains(&browser)) {
+    internal::EraseEntry(CallbackStream<T>::stream_map_, browser);
+  }
 }
 
 // A service, a loop, and no registration before or after a test.
