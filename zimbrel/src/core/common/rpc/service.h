@@ -14,7 +14,7 @@ class AbstractStream;
 
 // What generated classes ask of the runtime. It grows when classes that were
 // generated before no longer fit, so that they fail to compile with a sentence.
-inline constexpr int kGeneratedCodeVersion = 1;
+inline constexpr int kGeneratedCodeVersion = 2;
 
 // A protobuf service whose methods may also be streams. Unary methods go
 // through CallMethod, streaming methods through OpenStream; calling either with

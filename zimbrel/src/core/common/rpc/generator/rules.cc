@@ -112,7 +112,8 @@ void CheckOptions(const FileDescriptor& file, Findings* findings) {
   }
 }
 
-// The two members of a callback type by which a stream routes its frames.
+// What calling a host through a stream of the type takes: by the key and the
+// stage a stream routes its frames.
 void CheckCallbackType(const MethodDescriptor& method, Findings* findings) {
   const Descriptor& type = *method.input_type();
   const std::string type_name(type.full_name());
@@ -127,15 +128,18 @@ void CheckCallbackType(const MethodDescriptor& method, Findings* findings) {
   }
 
   const FieldDescriptor* subscribe = type.FindFieldByName("subscribe");
-  const FieldDescriptor* response = type.FindFieldByName("response");
-  if (subscribe == nullptr || response == nullptr ||
-      subscribe->type() != FieldDescriptor::TYPE_BOOL ||
-      response->cpp_type() != FieldDescriptor::CPPTYPE_MESSAGE ||
-      subscribe->real_containing_oneof() == nullptr ||
-      subscribe->real_containing_oneof() != response->real_containing_oneof()) {
+  const auto is_stage = [&](const char* name) {
+    const FieldDescriptor* field = type.FindFieldByName(name);
+    return field != nullptr &&
+           field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE &&
+           field->real_containing_oneof() == subscribe->real_containing_oneof();
+  };
+  if (subscribe == nullptr || subscribe->type() != FieldDescriptor::TYPE_BOOL ||
+      subscribe->real_containing_oneof() == nullptr || !is_stage("call") ||
+      !is_stage("response")) {
     findings->Add(method, "the callback type " + type_name +
                               " must have one oneof with a bool `subscribe` "
-                              "and a message `response`");
+                              "and messages `call` and `response`");
   }
 }
 

@@ -45,13 +45,24 @@ std::vector<std::string> CommentOf(const Descriptor& descriptor) {
 
 MethodModel ReadMethod(const MethodDescriptor& method) {
   const std::string name(method.name());
-  return {.index = method.index(),
-          .kind = *KindOf(method),
-          .proto_name = name,
-          .name = Identifier(name),
-          .request = TypeName(*method.input_type(), *method.service()),
-          .response = TypeName(*method.output_type(), *method.service()),
-          .comment = CommentOf(method)};
+  MethodModel model = {
+      .index = method.index(),
+      .kind = *KindOf(method),
+      .proto_name = name,
+      .name = Identifier(name),
+      .request = TypeName(*method.input_type(), *method.service()),
+      .response = TypeName(*method.output_type(), *method.service()),
+      .stream = "",
+      .accessor = "",
+      .comment = CommentOf(method)};
+  if (model.kind == MethodKind::kEventStream) {
+    model.stream = "orvane::EventStream<" + model.response + ">";
+    model.accessor = "orvane::Publisher<" + model.response + ">";
+  } else if (model.kind == MethodKind::kCallbackStream) {
+    model.stream = "orvane::CallbackStream<" + model.response + ">";
+    model.accessor = "orvane::Caller<" + model.response + ">";
+  }
+  return model;
 }
 
 ServiceModel ReadService(const ServiceDescriptor& service) {
@@ -71,6 +82,20 @@ bool ServiceModel::Has(MethodKind kind) const {
   return std::any_of(
       methods.begin(), methods.end(),
       [kind](const MethodModel& method) { return method.kind == kind; });
+}
+
+bool ServiceModel::HasStreams() const {
+  return Has(MethodKind::kEventStream) || Has(MethodKind::kCallbackStream);
+}
+
+bool FileModel::Has(MethodKind kind) const {
+  return std::any_of(
+      services.begin(), services.end(),
+      [kind](const ServiceModel& service) { return service.Has(kind); });
+}
+
+bool FileModel::HasStreams() const {
+  return Has(MethodKind::kEventStream) || Has(MethodKind::kCallbackStream);
 }
 
 std::optional<MethodKind> KindOf(const MethodDescriptor& method) {

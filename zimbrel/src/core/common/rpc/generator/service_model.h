@@ -20,6 +20,8 @@ struct MethodModel {
   std::string name;        // In C++.
   std::string request;     // C++ types, as spelled inside the class.
   std::string response;
+  std::string stream;    // The same: its stream, and what its accessor returns.
+  std::string accessor;  // Empty for a unary method.
   std::vector<std::string> comment;  // Lines of text, empty if there are none.
 };
 
@@ -31,6 +33,7 @@ struct ServiceModel {
   std::vector<MethodModel> methods;  // In the order of the proto.
 
   bool Has(MethodKind kind) const;
+  bool HasStreams() const;
 };
 
 struct FileModel {
@@ -40,6 +43,9 @@ struct FileModel {
   std::string log_path;      // What fatal log entries name as their source.
   std::string cpp_namespace;  // "a::b", or empty.
   std::vector<ServiceModel> services;
+
+  bool Has(MethodKind kind) const;
+  bool HasStreams() const;
 };
 
 // The kind of a method, or nothing if it is none of the three.

@@ -20,11 +20,12 @@ void PrintTop(const FileModel& file, Printer* out) {
 #include <array>
 #include <iterator>
 #include <mutex>
-
+$utility$
 #include "absl/log/log.h"
 #include "google/protobuf/generated_message_reflection.h"
 )",
-             "path", file.path, "stem", file.stem);
+             "path", file.path, "stem", file.stem, "utility",
+             file.HasStreams() ? "#include <utility>\n" : "");
 }
 
 void PrintBinding(const FileModel& file, Printer* out) {
@@ -201,16 +202,16 @@ void PrintOpenCase(const MethodModel& method, Printer* out) {
 )");
     return;
   }
-  out->Print(
-      R"(      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
-)");
+  out->PrintRaw(Call(6, "return new " + method.stream,
+                     {"this", "method", "std::move(channel)"}) +
+                "\n");
 }
 
 void PrintOpenStream(const ServiceModel& service, Printer* out) {
-  out->PrintRaw(
-      Definition(service, "orvane::AbstractStream*", "OpenStream",
-                 {"const google::protobuf::MethodDescriptor* method",
-                  "orvane::StreamChannel" + Named("channel", false)}));
+  out->PrintRaw(Definition(
+      service, "orvane::AbstractStream*", "OpenStream",
+      {"const google::protobuf::MethodDescriptor* method",
+       "orvane::StreamChannel" + Named("channel", service.HasStreams())}));
   out->PrintRaw("\n  switch (method->index()) {\n");
   for (const MethodModel& method : service.methods) PrintOpenCase(method, out);
   PrintBadIndex(out);
@@ -244,7 +245,7 @@ $head$
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 )",
-             "head", Definition(service, "void", method.name, {}));
+             "head", Definition(service, method.accessor, method.name, {}));
 }
 
 void PrintDefaultBody(const ServiceModel& service, const MethodModel& method,

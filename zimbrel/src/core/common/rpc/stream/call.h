@@ -12,10 +12,9 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_CALL_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_CALL_H_
 
-#include <concepts>
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <type_traits>
 #include <utility>
 
 #include "absl/functional/any_invocable.h"
@@ -26,23 +25,9 @@
 
 #include "zimbrel/src/core/common/rpc/stream/callback_stream.h"
 #include "zimbrel/src/core/common/rpc/stream/open_call.h"
+#include "zimbrel/src/core/common/rpc/stream_messages.h"
 
 namespace orvane {
-
-// A callback message whose oneof also holds a message `call`, which carries a
-// call to the host. What it is about, what it asks and what is answered:
-template <typename T>
-concept CallMessage = CallbackMessage<T> && requires(T message) {
-  requires std::same_as<decltype(T::kCall), decltype(T::kResponse)>;
-  *message.mutable_call() = std::remove_cvref_t<decltype(message.call())>();
-  *message.mutable_browser_id() = message.browser_id();
-};
-template <CallMessage T>
-using KeyOf = std::remove_cvref_t<decltype(std::declval<T>().browser_id())>;
-template <CallMessage T>
-using CallOf = std::remove_cvref_t<decltype(std::declval<T>().call())>;
-template <CallMessage T>
-using ResponseOf = std::remove_cvref_t<decltype(std::declval<T>().response())>;
 
 struct CallOptions {
   // How long the host may take to answer. Not positive: no time at all.
@@ -102,6 +87,13 @@ template <CallMessage T>
     absl::AnyInvocable<void(ResponseOf<T>) &&> on_response,
     absl::AnyInvocable<void(absl::Status) &&> on_failure,
     CallOptions options = {});
+
+// Calling T as a value: Call<T>, or a function that does something before it.
+template <CallMessage T>
+using Caller = std::function<absl::StatusOr<CallHandle>(
+    const KeyOf<T>& key, CallOf<T> call,
+    absl::AnyInvocable<void(ResponseOf<T>) &&> on_response,
+    absl::AnyInvocable<void(absl::Status) &&> on_failure, CallOptions options)>;
 
 // ---------------------------------------------------------------------------
 

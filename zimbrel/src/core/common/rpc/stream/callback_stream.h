@@ -3,13 +3,11 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_CALLBACK_STREAM_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_CALLBACK_STREAM_H_
 
-#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <set>
-#include <type_traits>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -23,27 +21,10 @@
 #include "zimbrel/src/core/common/rpc/service.h"
 #include "zimbrel/src/core/common/rpc/stream/callback_stream_internal.h"
 #include "zimbrel/src/core/common/rpc/stream/registrations.h"
+#include "zimbrel/src/core/common/rpc/stream_channel.h"
+#include "zimbrel/src/core/common/rpc/stream_messages.h"
 
 namespace orvane {
-
-// A message that can travel on a callback stream, in both directions: a field
-// `browser_id`, and a oneof with a bool `subscribe` and a message `response`.
-template <typename T>
-concept CallbackMessage =
-    std::derived_from<T, google::protobuf::Message> &&
-    std::default_initializable<T> && !std::is_const_v<T> &&
-    requires(const T& message) {
-  requires std::derived_from<
-      std::remove_cvref_t<decltype(message.browser_id())>,
-      google::protobuf::Message>;
-  { message.has_subscribe() } -> std::same_as<bool>;
-  { message.subscribe() } -> std::same_as<bool>;
-  { message.has_response() } -> std::same_as<bool>;
-  requires std::derived_from<std::remove_cvref_t<decltype(message.response())>,
-                             google::protobuf::Message>;
-  // Their case numbers are of one type only if they belong to one oneof.
-  requires std::same_as<decltype(T::kSubscribe), decltype(T::kResponse)>;
-};
 
 // Why a call ended without a reply.
 enum class StreamCallFailure : std::int32_t {

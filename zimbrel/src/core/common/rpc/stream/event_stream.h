@@ -4,10 +4,8 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_EVENT_STREAM_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_EVENT_STREAM_H_
 
-#include <concepts>
 #include <cstddef>
 #include <set>
-#include <type_traits>
 #include <unordered_map>
 #include <utility>
 
@@ -20,14 +18,10 @@
 #include "zimbrel/src/core/common/rpc/message_content.h"
 #include "zimbrel/src/core/common/rpc/service.h"
 #include "zimbrel/src/core/common/rpc/stream/registrations.h"
+#include "zimbrel/src/core/common/rpc/stream_channel.h"
+#include "zimbrel/src/core/common/rpc/stream_messages.h"
 
 namespace orvane {
-
-// A message that can be an event: any generated one.
-template <typename T>
-concept EventMessage = std::same_as<T, std::remove_cv_t<T>> &&
-    std::derived_from<T, google::protobuf::Message> &&
-    std::default_initializable<T>;
 
 // A host opens such a stream and sends rpc::EventSubscription frames on it,
 // each of which subscribes the stream to one key or unsubscribes it again. What

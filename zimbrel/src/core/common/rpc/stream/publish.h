@@ -10,12 +10,14 @@
 #define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_PUBLISH_H_
 
 #include <cstddef>
+#include <functional>
 
 #include "google/protobuf/message.h"
 
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/stream/event_stream.h"
 #include "zimbrel/src/core/common/rpc/stream/registrations.h"
+#include "zimbrel/src/core/common/rpc/stream_messages.h"
 
 namespace orvane {
 
@@ -45,6 +47,12 @@ namespace orvane {
 // inside StreamEndpoint::Send.
 template <EventMessage T>
 std::size_t Publish(const google::protobuf::Message& key, const T& event);
+
+// Publishing T as a value: Publish<T>, or a function that does something before
+// it.
+template <EventMessage T>
+using Publisher = std::function<std::size_t(
+    const google::protobuf::Message& key, const T& event)>;
 
 namespace internal {
 

@@ -40,12 +40,14 @@ class ClientStreamSender {
 // time, and may do anything, destroying the stream or its client included; but
 // a blocking call inside one fails.
 struct ClientStreamHandlers {
-  // A message has arrived. The frame is borrowed for the call.
-  absl::AnyInvocable<void(rpc::transport::StreamMessage&)> on_next;
+  // A message has arrived. The frame is borrowed for the call. An error ends
+  // the stream: the widget is told that it is over, and `on_end` why.
+  absl::AnyInvocable<absl::Status(rpc::transport::StreamMessage&)> on_next;
 
   // The stream has ended: OK if the widget has completed it, kUnavailable if
   // the connection is gone, else why the widget refused it or what was sent on
-  // it. Runs once, and nothing runs after it. May be empty.
+  // it, or what `on_next` returned. Runs once, and nothing runs after it. May
+  // be empty.
   absl::AnyInvocable<void(const absl::Status&) &&> on_end;
 };
 

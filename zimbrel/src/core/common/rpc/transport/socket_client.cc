@@ -62,8 +62,8 @@ class HostStream final : public ClientStreamSender {
                 absl::UnknownError(text));
   }
 
-  void Receive(StreamMessage& frame) {
-    if (is_wanted_) handlers_.on_next(frame);
+  absl::Status Receive(StreamMessage& frame) {
+    return is_wanted_ ? handlers_.on_next(frame) : absl::OkStatus();
   }
 
   void End(const absl::Status& why) {
@@ -286,10 +286,14 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
   }
 
   void Deliver(StreamMessage& frame) {
-    const auto found = streams_.find(frame.stream_id());
+    const std::uint64_t id = frame.stream_id();
+    const auto found = streams_.find(id);
     if (found == streams_.end()) return;  // Ended; this was on its way.
     const std::shared_ptr<HostStream> stream = found->second;
-    stream->Receive(frame);
+    const absl::Status received = stream->Receive(frame);
+    if (received.ok() || !stream->is_open()) return;
+    Complete(id);
+    stream->End(received);
   }
 
   void EndStream(std::uint64_t id, const absl::Status& why) {

@@ -6,6 +6,7 @@
 #include <array>
 #include <iterator>
 #include <mutex>
+#include <utility>
 
 #include "absl/log/log.h"
 #include "google/protobuf/generated_message_reflection.h"
@@ -122,12 +123,14 @@ void CallbackStreams::RefuseCall(int index) {
 
 orvane::AbstractStream* CallbackStreams::OpenStream(
     const google::protobuf::MethodDescriptor* method,
-    orvane::StreamChannel /*channel*/) {
+    orvane::StreamChannel channel) {
   switch (method->index()) {
     case 0:  // OnRing
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::CallbackStream<testdata::Ring>(this, method,
+                                                        std::move(channel));
     case 1:  // OnKnock
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::CallbackStream<testdata::Knock>(this, method,
+                                                         std::move(channel));
     default:
       LOG(FATAL).AtLocation(kSourcePath, __LINE__)
           << "Bad method index; this should never happen.";
@@ -136,11 +139,11 @@ orvane::AbstractStream* CallbackStreams::OpenStream(
 
 // Methods that are not overridden ---------------------------------------------
 
-void CallbackStreams::OnRing() {
+orvane::Caller<testdata::Ring> CallbackStreams::OnRing() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void CallbackStreams::OnKnock() {
+orvane::Caller<testdata::Knock> CallbackStreams::OnKnock() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 

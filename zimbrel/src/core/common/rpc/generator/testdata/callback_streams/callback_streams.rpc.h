@@ -10,8 +10,9 @@
 
 #include "callback_streams/callback_streams.pb.h"
 #include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/stream/call.h"
 
-static_assert(orvane::kGeneratedCodeVersion == 1,
+static_assert(orvane::kGeneratedCodeVersion == 2,
               "written for another version of the runtime; generate it again");
 
 namespace testdata {
@@ -20,9 +21,12 @@ namespace testdata {
 //
 // To serve it, derive from this class and override the methods that you serve.
 //
-// A streaming method is opened by OpenStream, and its stream does the rest. Its
-// accessor, the member of the same name, is a hook for your own use: nothing
-// here calls it, and unless overridden it ends the process.
+// A streaming method is served by its stream, without your doing. Its accessor,
+// the member of the same name, is for the rest of your program: where a part of
+// it holds this service and wants to publish or call, it does so through what
+// the accessor returns. Override it to return orvane::Publish<T> or
+// orvane::Call<T>, or a function of your own that first filters, counts or
+// logs. Nothing here calls it, and unless overridden it ends the process.
 class CallbackStreams : public orvane::Service {
  public:
   ~CallbackStreams() override;
@@ -50,10 +54,10 @@ class CallbackStreams : public orvane::Service {
   // Callback streams ----------------------------------------------------------
 
   // Calls when somebody rings.
-  virtual void OnRing();
+  virtual orvane::Caller<testdata::Ring> OnRing();
 
   // Calls when somebody knocks.
-  virtual void OnKnock();
+  virtual orvane::Caller<testdata::Knock> OnKnock();
 
  private:
   // Ends the process: `index` is not that of a unary method. Apart, so that the

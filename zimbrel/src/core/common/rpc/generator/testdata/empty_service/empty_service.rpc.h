@@ -11,7 +11,7 @@
 #include "empty_service/empty_service.pb.h"
 #include "zimbrel/src/core/common/rpc/service.h"
 
-static_assert(orvane::kGeneratedCodeVersion == 1,
+static_assert(orvane::kGeneratedCodeVersion == 2,
               "written for another version of the runtime; generate it again");
 
 namespace testdata {

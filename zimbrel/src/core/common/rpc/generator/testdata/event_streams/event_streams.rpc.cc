@@ -6,6 +6,7 @@
 #include <array>
 #include <iterator>
 #include <mutex>
+#include <utility>
 
 #include "absl/log/log.h"
 #include "google/protobuf/generated_message_reflection.h"
@@ -128,14 +129,17 @@ void EventStreams::RefuseCall(int index) {
 
 orvane::AbstractStream* EventStreams::OpenStream(
     const google::protobuf::MethodDescriptor* method,
-    orvane::StreamChannel /*channel*/) {
+    orvane::StreamChannel channel) {
   switch (method->index()) {
     case 0:  // WhenTicked
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::EventStream<testdata::Tick>(this, method,
+                                                     std::move(channel));
     case 1:  // WhenChimed
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::EventStream<testdata::Chime>(this, method,
+                                                      std::move(channel));
     case 2:  // WhenSubscribed
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::EventStream<rpc::EventSubscription>(
+          this, method, std::move(channel));
     default:
       LOG(FATAL).AtLocation(kSourcePath, __LINE__)
           << "Bad method index; this should never happen.";
@@ -144,15 +148,15 @@ orvane::AbstractStream* EventStreams::OpenStream(
 
 // Methods that are not overridden ---------------------------------------------
 
-void EventStreams::WhenTicked() {
+orvane::Publisher<testdata::Tick> EventStreams::WhenTicked() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void EventStreams::WhenChimed() {
+orvane::Publisher<testdata::Chime> EventStreams::WhenChimed() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void EventStreams::WhenSubscribed() {
+orvane::Publisher<rpc::EventSubscription> EventStreams::WhenSubscribed() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 

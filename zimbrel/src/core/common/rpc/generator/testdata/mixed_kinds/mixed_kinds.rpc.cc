@@ -6,6 +6,7 @@
 #include <array>
 #include <iterator>
 #include <mutex>
+#include <utility>
 
 #include "absl/log/log.h"
 #include "google/protobuf/generated_message_reflection.h"
@@ -145,10 +146,11 @@ void MixedKinds::RefuseCall(int index) {
 
 orvane::AbstractStream* MixedKinds::OpenStream(
     const google::protobuf::MethodDescriptor* method,
-    orvane::StreamChannel /*channel*/) {
+    orvane::StreamChannel channel) {
   switch (method->index()) {
     case 0:  // WhenMoved
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::EventStream<testdata::Moved>(this, method,
+                                                      std::move(channel));
     case 1:  // Move
       LOG(FATAL).AtLocation(kSourcePath, __LINE__)
           << "Cannot open a stream for a non-streaming method.";
@@ -156,7 +158,8 @@ orvane::AbstractStream* MixedKinds::OpenStream(
       LOG(FATAL).AtLocation(kSourcePath, __LINE__)
           << "Cannot open a stream for a non-streaming method.";
     case 3:  // OnAsk
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::CallbackStream<testdata::Ask>(this, method,
+                                                       std::move(channel));
     case 4:  // Go
       LOG(FATAL).AtLocation(kSourcePath, __LINE__)
           << "Cannot open a stream for a non-streaming method.";
@@ -168,7 +171,7 @@ orvane::AbstractStream* MixedKinds::OpenStream(
 
 // Methods that are not overridden ---------------------------------------------
 
-void MixedKinds::WhenMoved() {
+orvane::Publisher<testdata::Moved> MixedKinds::WhenMoved() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
@@ -188,7 +191,7 @@ void MixedKinds::Stop(google::protobuf::RpcController* controller,
   done->Run();
 }
 
-void MixedKinds::OnAsk() {
+orvane::Caller<testdata::Ask> MixedKinds::OnAsk() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 

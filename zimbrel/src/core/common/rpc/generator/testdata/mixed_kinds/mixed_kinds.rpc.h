@@ -10,8 +10,10 @@
 
 #include "mixed_kinds/mixed_kinds.pb.h"
 #include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/stream/call.h"
+#include "zimbrel/src/core/common/rpc/stream/publish.h"
 
-static_assert(orvane::kGeneratedCodeVersion == 1,
+static_assert(orvane::kGeneratedCodeVersion == 2,
               "written for another version of the runtime; generate it again");
 
 namespace testdata {
@@ -26,9 +28,12 @@ namespace testdata {
 // calls CallMethod. Unless overridden, it fails with "Method Name() not
 // implemented.".
 //
-// A streaming method is opened by OpenStream, and its stream does the rest. Its
-// accessor, the member of the same name, is a hook for your own use: nothing
-// here calls it, and unless overridden it ends the process.
+// A streaming method is served by its stream, without your doing. Its accessor,
+// the member of the same name, is for the rest of your program: where a part of
+// it holds this service and wants to publish or call, it does so through what
+// the accessor returns. Override it to return orvane::Publish<T> or
+// orvane::Call<T>, or a function of your own that first filters, counts or
+// logs. Nothing here calls it, and unless overridden it ends the process.
 class MixedKinds : public orvane::Service {
  public:
   ~MixedKinds() override;
@@ -55,7 +60,7 @@ class MixedKinds : public orvane::Service {
 
   // Event streams -------------------------------------------------------------
 
-  virtual void WhenMoved();
+  virtual orvane::Publisher<testdata::Moved> WhenMoved();
 
   // Unary methods -------------------------------------------------------------
 
@@ -69,7 +74,7 @@ class MixedKinds : public orvane::Service {
 
   // Callback streams ----------------------------------------------------------
 
-  virtual void OnAsk();
+  virtual orvane::Caller<testdata::Ask> OnAsk();
 
   // Unary methods -------------------------------------------------------------
 

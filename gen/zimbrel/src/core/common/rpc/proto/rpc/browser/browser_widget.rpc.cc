@@ -6,6 +6,7 @@
 #include <array>
 #include <iterator>
 #include <mutex>
+#include <utility>
 
 #include "absl/log/log.h"
 #include "google/protobuf/generated_message_reflection.h"
@@ -545,7 +546,7 @@ void BrowserWidgetRpc::RefuseCall(int index) {
 
 orvane::AbstractStream* BrowserWidgetRpc::OpenStream(
     const google::protobuf::MethodDescriptor* method,
-    orvane::StreamChannel /*channel*/) {
+    orvane::StreamChannel channel) {
   switch (method->index()) {
     case 0:  // Focus
       LOG(FATAL).AtLocation(kSourcePath, __LINE__)
@@ -668,29 +669,41 @@ orvane::AbstractStream* BrowserWidgetRpc::OpenStream(
       LOG(FATAL).AtLocation(kSourcePath, __LINE__)
           << "Cannot open a stream for a non-streaming method.";
     case 40:  // WhenCursorChanged
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::EventStream<rpc::CursorChanged>(this, method,
+                                                         std::move(channel));
     case 41:  // WhenTooltipChanged
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::EventStream<rpc::TooltipChanged>(this, method,
+                                                          std::move(channel));
     case 42:  // WhenDropDownCreated
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::EventStream<rpc::DropDownCreated>(this, method,
+                                                           std::move(channel));
     case 43:  // WhenDropDownDeleted
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::EventStream<rpc::DropDownDeleted>(this, method,
+                                                           std::move(channel));
     case 44:  // WhenDragCursorUpdated
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::EventStream<rpc::DragCursorUpdated>(
+          this, method, std::move(channel));
     case 45:  // WhenAriaLiveRegionChanged
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::EventStream<rpc::AriaLiveRegionChanged>(
+          this, method, std::move(channel));
     case 46:  // OnCreateWebDialog
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::CallbackStream<rpc::CreateWebDialog>(
+          this, method, std::move(channel));
     case 47:  // OnUpdateSurface
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::CallbackStream<rpc::UpdateSurface>(this, method,
+                                                            std::move(channel));
     case 48:  // OnUpdateLayer
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::CallbackStream<rpc::UpdateLayer>(this, method,
+                                                          std::move(channel));
     case 49:  // OnShowDropdown
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::CallbackStream<rpc::ShowDropdown>(this, method,
+                                                           std::move(channel));
     case 50:  // OnTakeFocus
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::CallbackStream<rpc::TakeFocus>(this, method,
+                                                        std::move(channel));
     case 51:  // OnAccessibilityRequestFocus
-      LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
+      return new orvane::CallbackStream<rpc::AccessibilityRequestFocus>(
+          this, method, std::move(channel));
     default:
       LOG(FATAL).AtLocation(kSourcePath, __LINE__)
           << "Bad method index; this should never happen.";
@@ -1019,51 +1032,56 @@ void BrowserWidgetRpc::SetForcedScaleFactor(
   done->Run();
 }
 
-void BrowserWidgetRpc::WhenCursorChanged() {
+orvane::Publisher<rpc::CursorChanged> BrowserWidgetRpc::WhenCursorChanged() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::WhenTooltipChanged() {
+orvane::Publisher<rpc::TooltipChanged> BrowserWidgetRpc::WhenTooltipChanged() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::WhenDropDownCreated() {
+orvane::Publisher<rpc::DropDownCreated>
+BrowserWidgetRpc::WhenDropDownCreated() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::WhenDropDownDeleted() {
+orvane::Publisher<rpc::DropDownDeleted>
+BrowserWidgetRpc::WhenDropDownDeleted() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::WhenDragCursorUpdated() {
+orvane::Publisher<rpc::DragCursorUpdated>
+BrowserWidgetRpc::WhenDragCursorUpdated() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::WhenAriaLiveRegionChanged() {
+orvane::Publisher<rpc::AriaLiveRegionChanged>
+BrowserWidgetRpc::WhenAriaLiveRegionChanged() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::OnCreateWebDialog() {
+orvane::Caller<rpc::CreateWebDialog> BrowserWidgetRpc::OnCreateWebDialog() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::OnUpdateSurface() {
+orvane::Caller<rpc::UpdateSurface> BrowserWidgetRpc::OnUpdateSurface() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::OnUpdateLayer() {
+orvane::Caller<rpc::UpdateLayer> BrowserWidgetRpc::OnUpdateLayer() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::OnShowDropdown() {
+orvane::Caller<rpc::ShowDropdown> BrowserWidgetRpc::OnShowDropdown() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::OnTakeFocus() {
+orvane::Caller<rpc::TakeFocus> BrowserWidgetRpc::OnTakeFocus() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 
-void BrowserWidgetRpc::OnAccessibilityRequestFocus() {
+orvane::Caller<rpc::AccessibilityRequestFocus>
+BrowserWidgetRpc::OnAccessibilityRequestFocus() {
   LOG(FATAL).AtLocation(kSourcePath, __LINE__) << "Not implemented.";
 }
 

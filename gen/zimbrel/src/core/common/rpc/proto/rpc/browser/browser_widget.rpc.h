@@ -10,8 +10,10 @@
 
 #include "rpc/browser/browser_widget.pb.h"
 #include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/stream/call.h"
+#include "zimbrel/src/core/common/rpc/stream/publish.h"
 
-static_assert(orvane::kGeneratedCodeVersion == 1,
+static_assert(orvane::kGeneratedCodeVersion == 2,
               "written for another version of the runtime; generate it again");
 
 namespace rpc {
@@ -44,9 +46,12 @@ namespace rpc {
 // calls CallMethod. Unless overridden, it fails with "Method Name() not
 // implemented.".
 //
-// A streaming method is opened by OpenStream, and its stream does the rest. Its
-// accessor, the member of the same name, is a hook for your own use: nothing
-// here calls it, and unless overridden it ends the process.
+// A streaming method is served by its stream, without your doing. Its accessor,
+// the member of the same name, is for the rest of your program: where a part of
+// it holds this service and wants to publish or call, it does so through what
+// the accessor returns. Override it to return orvane::Publish<T> or
+// orvane::Call<T>, or a function of your own that first filters, counts or
+// logs. Nothing here calls it, and unless overridden it ends the process.
 class BrowserWidgetRpc : public orvane::Service {
  public:
   ~BrowserWidgetRpc() override;
@@ -411,27 +416,28 @@ class BrowserWidgetRpc : public orvane::Service {
 
   // Sends an event when the pointer over the view is to look different. A
   // stream that subscribes late learns the cursor at its next change.
-  virtual void WhenCursorChanged();
+  virtual orvane::Publisher<rpc::CursorChanged> WhenCursorChanged();
 
   // Sends an event when a tooltip is to be shown, replaced or hidden.
-  virtual void WhenTooltipChanged();
+  virtual orvane::Publisher<rpc::TooltipChanged> WhenTooltipChanged();
 
   // Sends an event when the page has opened a drop-down, before the call or the
   // picture that shows it.
-  virtual void WhenDropDownCreated();
+  virtual orvane::Publisher<rpc::DropDownCreated> WhenDropDownCreated();
 
   // Sends an event when a drop-down has closed, exactly once for each that was
   // created.
-  virtual void WhenDropDownDeleted();
+  virtual orvane::Publisher<rpc::DropDownDeleted> WhenDropDownDeleted();
 
   // Sends an event when it has changed what a drop at the drag's present
   // position would do. One comes at least after each ForwardDragEnter, and when
   // the page begins a drag of its own.
-  virtual void WhenDragCursorUpdated();
+  virtual orvane::Publisher<rpc::DragCursorUpdated> WhenDragCursorUpdated();
 
   // Sends an event when an ARIA live region has changed. None comes while the
   // page's accessibility is off; GetAccessibilityToken turns it on.
-  virtual void WhenAriaLiveRegionChanged();
+  virtual orvane::Publisher<rpc::AriaLiveRegionChanged>
+  WhenAriaLiveRegionChanged();
 
   // Callback streams ----------------------------------------------------------
 
@@ -439,35 +445,36 @@ class BrowserWidgetRpc : public orvane::Service {
   // once it is closed. If nobody serves the browser or the call fails, the
   // widget leaves the page on a before-unload dialog, and takes any other one
   // as declined.
-  virtual void OnCreateWebDialog();
+  virtual orvane::Caller<rpc::CreateWebDialog> OnCreateWebDialog();
 
   // Calls the host when a picture of the view or of a popup is ready; the host
   // draws it and gives the memory back by its answer. Serve it in the
   // off-screen mode. If nobody serves the browser or the call fails, the
   // picture counts as discarded.
-  virtual void OnUpdateSurface();
+  virtual orvane::Caller<rpc::UpdateSurface> OnUpdateSurface();
 
   // Calls the host when a layer over the view's picture is added, changed or
   // removed; the host applies the change and answers. Serve it beside
   // OnUpdateSurface: if nobody does, the widget draws such content into the
   // view's picture. If the call fails, the picture counts as discarded.
-  virtual void OnUpdateLayer();
+  virtual orvane::Caller<rpc::UpdateLayer> OnUpdateLayer();
 
   // Calls the host when the page opens a drop-down; the host shows the list and
   // answers once it is closed. If nobody serves the browser, the engine draws
   // the list itself. If the call fails, the page keeps its choice.
-  virtual void OnShowDropdown();
+  virtual orvane::Caller<rpc::ShowDropdown> OnShowDropdown();
 
   // Calls the host when focus has run past the page's last or first element;
   // the host focuses a control of its own, calls Unfocus and answers, or
   // declines. If nobody serves the browser or the call fails, focus starts over
   // at the page's other end.
-  virtual void OnTakeFocus();
+  virtual orvane::Caller<rpc::TakeFocus> OnTakeFocus();
 
   // Calls the host when the accessibility focus is to move to a node of the
   // page; the host moves it or declines. If nobody serves the browser or the
   // call fails, it stays where it is.
-  virtual void OnAccessibilityRequestFocus();
+  virtual orvane::Caller<rpc::AccessibilityRequestFocus>
+  OnAccessibilityRequestFocus();
 
  private:
   // Ends the process: `index` is not that of a unary method. Apart, so that the
