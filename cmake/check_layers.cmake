@@ -35,5 +35,5 @@ allow(${rpc}/stream "${rpc}/stream/[a-z_]+\\.h" "${contracts}" "${protos}" "${lo
 allow(${rpc}/transport "${rpc}/transport/[a-z_]+\\.h" "${contracts}" "rpc/transport/[a-z_]+\\.pb\\.h"
       "rpc/event_subscription.pb.h")
 allow(${rpc}/generator "${rpc}/generator/[a-z_]+\\.h")
-allow(gen/${rpc}/proto/rpc/browser "rpc/browser/[a-z_]+\\.rpc\\.h" "${contracts}" "${protos}"
-      "${rpc}/stream/[a-z_]+\\.h")
+allow(gen/${rpc}/proto/rpc/browser "rpc/browser/[a-z_]+\\.(rpc|client)\\.h" "${contracts}" "${protos}"
+      "${rpc}/stream/[a-z_]+\\.h" "${rpc}/transport/typed_client\\.h")

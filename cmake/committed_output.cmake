@@ -18,7 +18,8 @@ foreach(proto IN LISTS PROTOS)
     file(WRITE "${SCRATCH}/${stem}.error.txt" "${errors}")
   endif()
 
-  foreach(file IN ITEMS "${stem}.rpc.h" "${stem}.rpc.cc" "${stem}.error.txt")
+  foreach(file IN ITEMS "${stem}.rpc.h" "${stem}.rpc.cc" "${stem}.client.h" "${stem}.client.cc"
+                        "${stem}.error.txt")
     if(UPDATE AND EXISTS "${SCRATCH}/${file}")
       file(COPY_FILE "${SCRATCH}/${file}" "${DIRECTORY}/${file}" ONLY_IF_DIFFERENT)
     elseif(UPDATE)

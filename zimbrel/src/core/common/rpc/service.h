@@ -6,15 +6,12 @@
 #include "google/protobuf/descriptor.h"
 #include "google/protobuf/service.h"
 
+#include "zimbrel/src/core/common/rpc/generated_code_version.h"
 #include "zimbrel/src/core/common/rpc/stream_channel.h"
 
 namespace orvane {
 
 class AbstractStream;
-
-// What generated classes ask of the runtime. It grows when classes that were
-// generated before no longer fit, so that they fail to compile with a sentence.
-inline constexpr int kGeneratedCodeVersion = 2;
 
 // A protobuf service whose methods may also be streams. Unary methods go
 // through CallMethod, streaming methods through OpenStream; calling either with

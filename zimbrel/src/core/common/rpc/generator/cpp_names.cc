@@ -71,6 +71,10 @@ bool IsHidden(const std::string& outer, const FileDescriptor& file) {
   return false;
 }
 
+std::string ClientName(const ServiceDescriptor& service) {
+  return std::string(service.name()) + "Client";
+}
+
 std::string TypeName(const Descriptor& type, const ServiceDescriptor& service) {
   const std::string name =
       google::protobuf::compiler::cpp::QualifiedClassName(&type).substr(2);

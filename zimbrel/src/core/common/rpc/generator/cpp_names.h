@@ -23,6 +23,9 @@ std::string NamespaceOf(const google::protobuf::FileDescriptor& file);
 bool IsHidden(const std::string& outer,
               const google::protobuf::FileDescriptor& file);
 
+// The class of a service's client.
+std::string ClientName(const google::protobuf::ServiceDescriptor& service);
+
 // The class of a message as spelled inside the class of `service`. It begins
 // with "::" only if it needs to.
 std::string TypeName(const google::protobuf::Descriptor& type,

@@ -7,6 +7,7 @@
 #include "google/protobuf/io/printer.h"
 #include "google/protobuf/io/zero_copy_stream.h"
 
+#include "zimbrel/src/core/common/rpc/generator/client_printer.h"
 #include "zimbrel/src/core/common/rpc/generator/header_printer.h"
 #include "zimbrel/src/core/common/rpc/generator/rules.h"
 #include "zimbrel/src/core/common/rpc/generator/service_model.h"
@@ -72,6 +73,8 @@ bool Generator::GenerateAll(const std::vector<const FileDescriptor*>& files,
     const FileModel model = ReadFile(*file, log_path_prefix);
     Write(model, model.stem + ".rpc.h", PrintHeader, context);
     Write(model, model.stem + ".rpc.cc", PrintSource, context);
+    Write(model, model.stem + ".client.h", PrintClientHeader, context);
+    Write(model, model.stem + ".client.cc", PrintClientSource, context);
   }
   return true;
 }

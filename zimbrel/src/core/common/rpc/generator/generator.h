@@ -11,9 +11,10 @@
 
 namespace orvane::generator {
 
-// Writes DIR/x.rpc.h and DIR/x.rpc.cc for each DIR/x.proto that declares
-// services, and nothing for other protos. The output depends on the proto, its
-// imports and the parameter alone.
+// Writes for each DIR/x.proto that declares services their classes, into
+// DIR/x.rpc.h and DIR/x.rpc.cc, and their clients, into DIR/x.client.h and
+// DIR/x.client.cc. Nothing for other protos. The output depends on the proto,
+// its imports and the parameter alone.
 //
 // The parameter is empty or "log_path_prefix=PATH": where the output lies in
 // its tree, for the source path that fatal log entries name.

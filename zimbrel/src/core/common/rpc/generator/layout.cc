@@ -75,8 +75,12 @@ std::string Declaration(std::size_t indent, const std::string& type,
   if (Fit(behind)) return Join(behind);
   if (head.size() <= kMargin && !parameters.empty())
     return Join(FillBelow(indent, head, parameters, close));
+  const std::string lower_head = blanks + name + "(";
+  const Lines behind_lower = Fill(lower_head, parameters, close);
   return Join(Below(blanks + type,
-                    FillBelow(indent, blanks + name + "(", parameters, close)));
+                    Fit(behind_lower)
+                        ? behind_lower
+                        : FillBelow(indent, lower_head, parameters, close)));
 }
 
 std::string Call(std::size_t indent, const std::string& function,

@@ -15,6 +15,7 @@ namespace orvane::generator {
 namespace {
 
 using google::protobuf::Descriptor;
+using google::protobuf::DescriptorPool;
 using google::protobuf::FieldDescriptor;
 using google::protobuf::FileDescriptor;
 using google::protobuf::FileDescriptorProto;
@@ -24,7 +25,7 @@ using google::protobuf::ServiceDescriptor;
 using google::protobuf::SourceLocation;
 
 // Namespaces that the generated code names.
-constexpr const char* kNamespaces[] = {"google", "orvane", "std"};
+constexpr const char* kNamespaces[] = {"absl", "google", "orvane", "std"};
 
 // Names that the generated members use for themselves.
 constexpr const char* kMemberNames[] = {"descriptor",
@@ -41,7 +42,16 @@ constexpr const char* kMemberNames[] = {"descriptor",
                                         "request",
                                         "response",
                                         "done",
-                                        "channel"};
+                                        "channel",
+                                        "connection",
+                                        "connection_",
+                                        "timeout",
+                                        "on_answer",
+                                        "key",
+                                        "on_event",
+                                        "on_call",
+                                        "on_end",
+                                        "MethodAt"};
 
 class Findings {
  public:
@@ -176,6 +186,12 @@ void CheckName(const MethodDescriptor& method, Names* names,
                   "a method cannot have the name of its service, which in C++ "
                   "is that of the constructor");
   }
+  if (cpp_name == ClientName(*method.service())) {
+    findings->Add(
+        method,
+        "a method cannot have the name of its service's client, which "
+        "in C++ is that of the constructor");
+  }
   if (std::find(std::begin(kMemberNames), std::end(kMemberNames), cpp_name) !=
       std::end(kMemberNames)) {
     findings->Add(method, "the generated class uses the name " + cpp_name +
@@ -189,7 +205,26 @@ void CheckName(const MethodDescriptor& method, Names* names,
   }
 }
 
+// The client's class stands beside those of the package's messages, enums and
+// services.
+void CheckClientName(const ServiceDescriptor& service, Findings* findings) {
+  const std::string name = ClientName(service);
+  const std::string package(service.file()->package());
+  const std::string full_name = package.empty() ? name : package + "." + name;
+  const DescriptorPool& pool = *service.file()->pool();
+  if (pool.FindMessageTypeByName(full_name) == nullptr &&
+      pool.FindEnumTypeByName(full_name) == nullptr &&
+      pool.FindServiceByName(full_name) == nullptr) {
+    return;
+  }
+  findings->Add({FileDescriptorProto::kServiceFieldNumber, service.index()},
+                std::string(service.name()) + ": its client is called " + name +
+                    ", which is already the name of something else in this "
+                    "package");
+}
+
 void CheckService(const ServiceDescriptor& service, Findings* findings) {
+  CheckClientName(service, findings);
   Names names;
   for (int i = 0; i < service.method_count(); ++i) {
     CheckName(*service.method(i), &names, findings);

@@ -43,6 +43,12 @@ std::vector<std::string> CommentOf(const Descriptor& descriptor) {
   return lines;
 }
 
+// The class of a message that the method's requests have in a field.
+std::string TypeOfField(const MethodDescriptor& method, const char* field) {
+  return TypeName(*method.input_type()->FindFieldByName(field)->message_type(),
+                  *method.service());
+}
+
 MethodModel ReadMethod(const MethodDescriptor& method) {
   const std::string name(method.name());
   MethodModel model = {
@@ -54,13 +60,16 @@ MethodModel ReadMethod(const MethodDescriptor& method) {
       .response = TypeName(*method.output_type(), *method.service()),
       .stream = "",
       .accessor = "",
+      .key = "",
       .comment = CommentOf(method)};
   if (model.kind == MethodKind::kEventStream) {
     model.stream = "orvane::EventStream<" + model.response + ">";
     model.accessor = "orvane::Publisher<" + model.response + ">";
+    model.key = TypeOfField(method, "subscribe");
   } else if (model.kind == MethodKind::kCallbackStream) {
     model.stream = "orvane::CallbackStream<" + model.response + ">";
     model.accessor = "orvane::Caller<" + model.response + ">";
+    model.key = TypeOfField(method, "browser_id");
   }
   return model;
 }
@@ -69,6 +78,7 @@ ServiceModel ReadService(const ServiceDescriptor& service) {
   ServiceModel model = {.index = service.index(),
                         .full_name = std::string(service.full_name()),
                         .name = Identifier(std::string(service.name())),
+                        .client_name = ClientName(service),
                         .comment = CommentOf(service),
                         .methods = {}};
   for (int i = 0; i < service.method_count(); ++i)

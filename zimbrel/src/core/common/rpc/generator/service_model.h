@@ -20,15 +20,19 @@ struct MethodModel {
   std::string name;        // In C++.
   std::string request;     // C++ types, as spelled inside the class.
   std::string response;
-  std::string stream;    // The same: its stream, and what its accessor returns.
-  std::string accessor;  // Empty for a unary method.
+  // The same, empty for a unary method: its stream, what its accessor returns,
+  // and what a host subscribes to.
+  std::string stream;
+  std::string accessor;
+  std::string key;
   std::vector<std::string> comment;  // Lines of text, empty if there are none.
 };
 
 struct ServiceModel {
-  int index;              // Within its file.
-  std::string full_name;  // In the proto.
-  std::string name;       // In C++.
+  int index;                // Within its file.
+  std::string full_name;    // In the proto.
+  std::string name;         // In C++.
+  std::string client_name;  // Its client's.
   std::vector<std::string> comment;
   std::vector<MethodModel> methods;  // In the order of the proto.
 

@@ -1,0 +1,25 @@
+// A host and a widget in one process: for tests, with real sockets in between.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_IN_PROCESS_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_IN_PROCESS_H_
+
+#include <memory>
+
+#include "absl/status/statusor.h"
+
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+
+namespace orvane {
+
+// A client of `server`, connected to it by a pair of sockets. `loop` may be the
+// server's own: a blocking call then runs the server too. If it is another
+// loop, call this on the server's thread. Errors are the system's, such as no
+// descriptor left.
+absl::StatusOr<std::unique_ptr<SocketClient>> ConnectInProcess(
+    EventLoop* loop, SocketServer* server, ClientOptions options = {});
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_IN_PROCESS_H_
