@@ -171,7 +171,7 @@ TEST_F(WidgetServiceTest, EachInputMethodReachesItsOperation) {
   }
   for (const MethodDescriptor* const method : UnaryMethods()) {
     const std::string name(method->name());
-    EXPECT_EQ(tried.count(name) > 0, absl::StartsWith(name, "Forward")) << name;
+    EXPECT_EQ(tried.contains(name), absl::StartsWith(name, "Forward")) << name;
   }
 }
 

@@ -96,7 +96,7 @@ TEST_F(WidgetTest, IsNotAttachedTwice) {
 }
 
 TEST_F(WidgetTest, AModeThatIsNotKnownIsARefusalAndNoFailure) {
-  rpc::AttachRequest request = Parsed<rpc::AttachRequest>(kParentWindow);
+  auto request = Parsed<rpc::AttachRequest>(kParentWindow);
   request.set_rendering_mode(static_cast<rpc::RenderingMode>(3));
   rpc::AttachResult result;
   EXPECT_EQ(widget_.Attach(request, &result), absl::OkStatus());
