@@ -1,5 +1,7 @@
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -79,6 +81,25 @@ absl::Status EnsurePrivate(const std::string& folder) {
   return absl::OkStatus();
 }
 
+// Claims `path` among servers, for as long as the result lives. Of two that
+// start at once over a stale socket, one would otherwise remove what the other
+// has just made. The file stays behind, since removing it would let two in.
+absl::StatusOr<OwnedDescriptor> Lock(const std::string& path) {
+  const std::string lock_path = path + ".lock";
+  OwnedDescriptor lock(::open(lock_path.c_str(),
+                              O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+                              S_IRUSR | S_IWUSR));
+  if (lock.get() < 0) {
+    return SystemError(absl::StrCat("cannot open the lock ", lock_path));
+  }
+  if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return lock;
+  if (errno != EWOULDBLOCK) {
+    return SystemError(absl::StrCat("cannot take the lock ", lock_path));
+  }
+  return absl::AlreadyExistsError(
+      absl::StrCat("a server listens at ", path, " already"));
+}
+
 // Removes a socket file that nobody listens at.
 absl::Status RemoveStale(const std::string& path, const sockaddr_un& address) {
   struct stat info {};
@@ -121,6 +142,8 @@ absl::StatusOr<ListeningSocket> ListeningSocket::Open(const std::string& path) {
   if (!address.ok()) return address.status();
   if (absl::Status status = EnsurePrivate(FolderOf(path)); !status.ok())
     return status;
+  absl::StatusOr<OwnedDescriptor> lock = Lock(path);
+  if (!lock.ok()) return lock.status();
   absl::StatusOr<OwnedDescriptor> descriptor = NewSocket();
   if (!descriptor.ok()) return descriptor.status();
 
@@ -134,7 +157,7 @@ absl::StatusOr<ListeningSocket> ListeningSocket::Open(const std::string& path) {
       return status;
     if (!bind()) return SystemError(absl::StrCat("cannot bind ", path));
   }
-  ListeningSocket listening(*std::move(descriptor), path);
+  ListeningSocket listening(*std::move(descriptor), *std::move(lock), path);
   // The folder already keeps everybody else out.
   if (::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0) {
     return SystemError(absl::StrCat("cannot make ", path, " private"));
@@ -145,8 +168,11 @@ absl::StatusOr<ListeningSocket> ListeningSocket::Open(const std::string& path) {
   return listening;
 }
 
-ListeningSocket::ListeningSocket(OwnedDescriptor descriptor, std::string path)
-    : descriptor_(std::move(descriptor)), path_(std::move(path)) {
+ListeningSocket::ListeningSocket(OwnedDescriptor descriptor,
+                                 OwnedDescriptor lock, std::string path)
+    : lock_(std::move(lock)),
+      descriptor_(std::move(descriptor)),
+      path_(std::move(path)) {
   struct stat info {};
   if (::lstat(path_.c_str(), &info) == 0) {
     device_ = info.st_dev;
@@ -155,7 +181,8 @@ ListeningSocket::ListeningSocket(OwnedDescriptor descriptor, std::string path)
 }
 
 ListeningSocket::ListeningSocket(ListeningSocket&& other) noexcept
-    : descriptor_(std::move(other.descriptor_)),
+    : lock_(std::move(other.lock_)),
+      descriptor_(std::move(other.descriptor_)),
       path_(std::exchange(other.path_, {})),
       device_(other.device_),
       inode_(other.inode_) {}

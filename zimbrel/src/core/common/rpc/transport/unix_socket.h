@@ -39,9 +39,9 @@ class ListeningSocket {
  public:
   // Listens at `path`. The folder must be private to this user (mode 0700); it
   // is made if only it is missing. A socket file that nobody listens at is
-  // replaced. Errors say what is wrong with which path: among them a server
-  // that is alive there, a folder that others can enter, a path that is too
-  // long.
+  // replaced, under a lock: the file `path`.lock, which stays. Errors say what
+  // is wrong with which path: among them a server that is alive there, a folder
+  // that others can enter, a path that is too long.
   static absl::StatusOr<ListeningSocket> Open(const std::string& path);
 
   ListeningSocket(ListeningSocket&& other) noexcept;
@@ -52,8 +52,10 @@ class ListeningSocket {
   int ReleaseDescriptor() { return descriptor_.Release(); }
 
  private:
-  ListeningSocket(OwnedDescriptor descriptor, std::string path);
+  ListeningSocket(OwnedDescriptor descriptor, OwnedDescriptor lock,
+                  std::string path);
 
+  OwnedDescriptor lock_;  // Held until the file is removed.
   OwnedDescriptor descriptor_;
   std::string path_;  // Empty once moved from.
   // Tells our file from one that another server has put in its place.

@@ -1,5 +1,7 @@
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,6 +13,7 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -116,6 +119,63 @@ TEST_F(UnixSocketTest, RefusesASocketOfALiveServer) {
   EXPECT_THAT(ErrorOf(Path("s")),
               HasSubstr("a server listens at " + Path("s") + " already"));
   EXPECT_TRUE(ConnectTo(Path("s")).ok()) << "the first server lost its socket";
+}
+
+TEST_F(UnixSocketTest, RefusesAPathThatAnotherServerHasClaimed) {
+  // As while that one is about to replace a stale socket.
+  OwnedDescriptor lock(
+      ::open(Path("s.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
+  EXPECT_THAT(ErrorOf(Path("s")),
+              HasSubstr("a server listens at " + Path("s") + " already"));
+  EXPECT_FALSE(Exists(Path("s")));
+}
+
+// Tries to listen at `path` in a process of its own, once `gate` is closed, and
+// keeps the socket until `end` is. Exits with 0 if it listens.
+pid_t StartServer(const std::string& path, const int (&gate)[2],
+                  const int (&end)[2], int told) {
+  const pid_t server = ::fork();
+  if (server != 0) return server;
+  ::close(gate[1]);
+  ::close(end[1]);
+  char byte = 0;
+  static_cast<void>(!::read(gate[0], &byte, 1));
+  const auto listening = ListeningSocket::Open(path);
+  if (::write(told, &byte, 1) != 1) ::_exit(2);
+  static_cast<void>(!::read(end[0], &byte, 1));
+  ::_exit(listening.ok() ? 0 : 1);
+}
+
+TEST_F(UnixSocketTest, OfServersThatStartAtOnceOverAStaleSocketOneListens) {
+  constexpr int kServers = 8;
+  for (int round = 0; round < 20; ++round) {
+    int gate[2];
+    int end[2];
+    int told[2];
+    ASSERT_EQ(::pipe(gate) + ::pipe(end) + ::pipe(told), 0);
+    std::vector<pid_t> servers(kServers);
+    for (pid_t& server : servers)
+      server = StartServer(Path("s"), gate, end, told[1]);
+    ::close(gate[1]);
+    for (int i = 0; i < kServers; ++i) {
+      char byte = 0;
+      ASSERT_EQ(::read(told[0], &byte, 1), 1);
+    }
+    EXPECT_TRUE(ConnectTo(Path("s")).ok());
+    ::close(end[1]);
+    int listened = 0;
+    for (const pid_t server : servers) {
+      int status = 0;
+      ASSERT_EQ(::waitpid(server, &status, 0), server);
+      if (status == 0) ++listened;
+    }
+    EXPECT_EQ(listened, 1);
+    // They went without tidying up: the next round finds a stale socket.
+    EXPECT_TRUE(Exists(Path("s")));
+    for (const int descriptor : {gate[0], end[0], told[0], told[1]})
+      ::close(descriptor);
+  }
 }
 
 TEST_F(UnixSocketTest, RefusesAFileThatIsNoSocketAndLeavesIt) {
