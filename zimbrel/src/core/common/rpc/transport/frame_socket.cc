@@ -107,10 +107,18 @@ void FrameSocket::Read() {
 void FrameSocket::OnRead(std::size_t bytes) {
   reader_.Received(bytes);
   in_batch_ = true;
-  while (true) {
+  HandOutFrames();
+  in_batch_ = false;
+  if (receiver_ == nullptr) return;
+  Flush();
+  Read();
+}
+
+void FrameSocket::HandOutFrames() {
+  while (receiver_ != nullptr) {
     const absl::StatusOr<std::optional<std::string_view>> next = reader_.Next();
     if (!next.ok()) return receiver_->OnBroken(next.status());
-    if (!next->has_value()) break;
+    if (!next->has_value()) return;
     const std::string_view content = **next;
     if (!frame_.ParseFromArray(content.data(),
                                static_cast<int>(content.size()))) {
@@ -118,11 +126,7 @@ void FrameSocket::OnRead(std::size_t bytes) {
           "frame of ", content.size(), " bytes that is no StreamMessage")));
     }
     receiver_->OnFrame(frame_);
-    if (receiver_ == nullptr) return;
   }
-  in_batch_ = false;
-  Flush();
-  Read();
 }
 
 }  // namespace orvane

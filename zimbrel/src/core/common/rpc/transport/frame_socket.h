@@ -75,6 +75,8 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
                      const Payload& payload);
   void Read();
   void OnRead(std::size_t bytes);
+  // Every frame that is complete, or until the receiver closes the socket.
+  void HandOutFrames();
   void ScheduleFlush();
 
   Socket socket_;

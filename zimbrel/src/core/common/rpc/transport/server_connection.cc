@@ -1,5 +1,6 @@
 #include "zimbrel/src/core/common/rpc/transport/server_connection.h"
 
+#include <set>
 #include <string>
 #include <utility>
 
@@ -40,6 +41,10 @@ absl::StatusOr<const MethodDescriptor*> FindMethod(
                                   : " is a stream and cannot be called"));
 }
 
+absl::Status NotOpen(std::uint64_t id) {
+  return absl::NotFoundError(absl::StrCat("stream ", id, " is not open"));
+}
+
 }  // namespace
 
 ServerConnection::ServerConnection(EventLoop* loop, Service* service,
@@ -56,10 +61,13 @@ ServerConnection::ServerConnection(EventLoop* loop, Service* service,
 }
 
 ServerConnection::~ServerConnection() {
-  streams_.clear();
+  while (!streams_.empty()) EndStream(streams_.begin()->first);
   socket_->Close();
-  // Abandoning a call may run a handler's closure, which may do anything.
-  for (const auto& [id, call] : std::exchange(calls_, {})) call->Abandon();
+  // Abandoning a call may run a handler's closure, which may do anything, such
+  // as to answer the others.
+  std::set<std::uint64_t> ids;
+  for (const auto& [id, call] : calls_) ids.insert(id);
+  for (const std::uint64_t id : ids) CancelCall(id);
 }
 
 void ServerConnection::OnFrame(StreamMessage& frame) {
@@ -148,23 +156,22 @@ void ServerConnection::Deliver(StreamMessage& frame) {
   // Read before delivery: the frame is the stream's to change.
   const std::uint64_t id = frame.stream_id();
   const auto stream = streams_.find(id);
-  if (stream == streams_.end()) {
-    return SendError(
-        id, absl::NotFoundError(absl::StrCat("stream ", id, " is not open")));
-  }
+  if (stream == streams_.end()) return SendError(id, NotOpen(id));
   const absl::Status delivered = frame.kind() == StreamMessage::KIND_NEXT
                                      ? stream->second->Next(frame)
                                      : stream->second->Error(frame);
   if (delivered.ok()) return;
   SendError(id, delivered);
-  streams_.erase(stream);
+  EndStream(id);
 }
 
 void ServerConnection::CompleteStream(std::uint64_t id) {
-  if (streams_.erase(id) == 0) {
-    SendError(id,
-              absl::NotFoundError(absl::StrCat("stream ", id, " is not open")));
-  }
+  if (!EndStream(id)) SendError(id, NotOpen(id));
+}
+
+bool ServerConnection::EndStream(std::uint64_t id) {
+  // Out of the table first: a stream's end may look at the connection again.
+  return !streams_.extract(id).empty();
 }
 
 void ServerConnection::SendError(std::uint64_t id, const absl::Status& why) {

@@ -5,6 +5,7 @@
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_CONNECTION_H_
 
 #include <cstdint>
+#include <map>
 #include <memory>
 
 #include "absl/container/flat_hash_map.h"
@@ -51,6 +52,8 @@ class ServerConnection final : public FrameSocket::Receiver {
   void OpenStream(const rpc::transport::StreamMessage& frame);
   void Deliver(rpc::transport::StreamMessage& frame);
   void CompleteStream(std::uint64_t id);
+  // False if there is no such stream.
+  bool EndStream(std::uint64_t id);
   void SendError(std::uint64_t id, const absl::Status& why);
   // Tells the host why, and ends the connection.
   void ThrowOut(const absl::Status& why);
@@ -63,7 +66,8 @@ class ServerConnection final : public FrameSocket::Receiver {
   absl::AnyInvocable<void() &&> on_end_;
   // Not answered yet. Each is owned by its handler, through `done`.
   absl::flat_hash_map<std::uint64_t, ServerCall*> calls_;
-  absl::flat_hash_map<std::uint64_t, std::unique_ptr<ServerStream>> streams_;
+  // In the order in which they were opened, which is that of their ends.
+  std::map<std::uint64_t, std::unique_ptr<ServerStream>> streams_;
   std::uint64_t last_id_ = 0;  // The latest that the host has begun.
 };
 

@@ -48,7 +48,10 @@ class HostStream final : public ClientStreamSender {
  public:
   HostStream(std::uint64_t id, std::shared_ptr<FrameSocket> socket,
              ClientStreamHandlers handlers)
-      : id_(id), socket_(std::move(socket)), handlers_(std::move(handlers)) {}
+      : id_(id),
+        socket_(std::move(socket)),
+        handlers_(std::make_shared<ClientStreamHandlers>(std::move(handlers))) {
+  }
 
   bool is_open() const { return is_open_; }
 
@@ -63,20 +66,26 @@ class HostStream final : public ClientStreamSender {
   }
 
   absl::Status Receive(StreamMessage& frame) {
-    return is_wanted_ ? handlers_.on_next(frame) : absl::OkStatus();
+    // Lives until it returns, though it may close the stream.
+    const std::shared_ptr<ClientStreamHandlers> handlers = handlers_;
+    return handlers->on_next(frame);
   }
 
   void End(const absl::Status& why) {
     is_open_ = false;
-    if (!is_wanted_ || !handlers_.on_end) return;
-    std::exchange(handlers_.on_end, nullptr)(why);
+    const auto handlers = std::exchange(handlers_, nullptr);
+    if (handlers != nullptr && handlers->on_end)
+      std::move(handlers->on_end)(why);
   }
 
   // Nothing is sent from now on; End tells why.
   void Shut() { is_open_ = false; }
 
-  // The handle is gone. A handler may be running; it is destroyed later.
-  void Close() { is_wanted_ = is_open_ = false; }
+  // The handle is gone, and the handlers with it.
+  void Close() {
+    is_open_ = false;
+    handlers_.reset();
+  }
 
  private:
   absl::Status Send(StreamMessage::Kind kind, const MessageLite& message,
@@ -93,9 +102,8 @@ class HostStream final : public ClientStreamSender {
 
   const std::uint64_t id_;
   const std::shared_ptr<FrameSocket> socket_;
-  ClientStreamHandlers handlers_;
+  std::shared_ptr<ClientStreamHandlers> handlers_;  // Null once it is over.
   bool is_open_ = true;
-  bool is_wanted_ = true;
 };
 
 }  // namespace
@@ -152,10 +160,9 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
       loop_->Post([stream, sent] { stream->End(sent); });
     }
     return std::make_unique<ClientStream>(stream, [this, id, stream] {
-      // The client outlives what is open.
-      const bool was_open = stream->is_open();
+      // The client outlives what is open, but perhaps not its handlers.
+      if (stream->is_open()) Complete(id);
       stream->Close();
-      if (was_open) Complete(id);
     });
   }
 

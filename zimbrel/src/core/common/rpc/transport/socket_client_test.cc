@@ -368,6 +368,16 @@ TEST_F(SocketClientTest, BytesThatAreNoFrameEndTheConnection) {
   EXPECT_TRUE(absl::IsUnavailable(call.controller.status()));
 }
 
+// It used to be refused as if it were made inside a callback.
+TEST_F(SocketClientTest, ABlockingCallAfterBytesThatAreNoFrameIsUnavailable) {
+  widget->SendBytes(std::string("\x01\0\0\0\xff", 5));
+  loop.RunUntilIdle();
+  PendingCall call;
+  Wait(&call);
+  EXPECT_TRUE(absl::IsUnavailable(call.controller.status()))
+      << call.controller.status();
+}
+
 TEST_F(SocketClientTest, ARequestThatFitsNoFrameFailsAndTheConnectionGoesOn) {
   PendingCall call;
   rpc::Display request;

@@ -312,6 +312,35 @@ TEST_F(SocketServerTest, AHandlerLearnsThatItsHostHasGone) {
   EXPECT_EQ(told, 1);
 }
 
+// Each of them used to be touched again after it had been answered.
+TEST_F(SocketServerTest, WhoLearnsThatItsHostHasGoneMayAnswerAllItsCalls) {
+  std::optional<RawPeer> host = ConnectRaw();
+  for (std::uint64_t id = 1; id <= 5; ++id) host->Send(Call(id, kHide));
+  loop.RunUntilIdle();
+  ASSERT_THAT(widget.held, SizeIs(5));
+  int answered = 0;
+  struct AnswerAll final : Closure {
+    AnswerAll(std::vector<HeldCall>* calls, int* count)
+        : held(calls), answered(count) {}
+    void Run() override {
+      const std::unique_ptr<AnswerAll> self(this);
+      for (const HeldCall& call : std::exchange(*held, {})) {
+        ++*answered;
+        call.done->Run();
+      }
+    }
+    std::vector<HeldCall>* const held;
+    int* const answered;
+  };
+  const std::vector<HeldCall> calls = widget.held;
+  for (const HeldCall& call : calls)
+    call.controller->NotifyOnCancel(new AnswerAll(&widget.held, &answered));
+  host.reset();
+  loop.RunUntilIdle();
+  EXPECT_EQ(answered, 5);
+  ExpectServerLives();
+}
+
 TEST_F(SocketServerTest,
        AHandlerLearnsThatItsCallIsCancelledAndNoAnswerIsSent) {
   RawPeer host = ConnectRaw();

@@ -1,0 +1,285 @@
+// After a stream's handle is gone its handlers never run again, and what
+// handlers may destroy.
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/client_stream_fixture.h"
+
+namespace orvane {
+namespace {
+
+using ::rpc::transport::StreamMessage;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+using ClientStreamHandleTest = ClientStreamFixture;
+
+TEST_F(ClientStreamHandleTest, DestroyingItTellsTheWidgetAndNobodyElse) {
+  Open();
+  stream.reset();
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "COMPLETE 1"));
+  Say(CompleteFrame(1));
+  EXPECT_THAT(Settle(), IsEmpty());
+  EXPECT_THAT(told, IsEmpty());
+}
+
+TEST_F(ClientStreamHandleTest, WhatWasOnItsWayIsDropped) {
+  Open();
+  SayAtOnce({Event("a"), Event("b"), CompleteFrame(1)});
+  stream.reset();
+  loop.RunUntilIdle();
+  EXPECT_THAT(told, IsEmpty());
+}
+
+TEST_F(ClientStreamHandleTest, AnErrorThatWasOnItsWayIsDropped) {
+  Open();
+  Say(Refusal(absl::StatusCode::kNotFound, "words"));
+  stream.reset();
+  loop.RunUntilIdle();
+  EXPECT_THAT(told, IsEmpty());
+}
+
+TEST_F(ClientStreamHandleTest, OnNextMayDestroyItAndTheRestIsDropped) {
+  Open();
+  on_next = [this] {
+    stream.reset();
+    return absl::OkStatus();
+  };
+  SayAtOnce({Event("a"), Event("b"), CompleteFrame(1)});
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "COMPLETE 1"));
+  EXPECT_THAT(told, ElementsAre("next a"));
+}
+
+TEST_F(ClientStreamHandleTest, OnNextMayDestroyItAndFail) {
+  Open();
+  on_next = [this] {
+    stream.reset();
+    return absl::InternalError("too late");
+  };
+  Say(Event("a"));
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "COMPLETE 1"));
+  EXPECT_THAT(told, ElementsAre("next a"));
+}
+
+TEST_F(ClientStreamHandleTest, OnEndMayDestroyIt) {
+  Open();
+  on_end = [this] { stream.reset(); };
+  Say(CompleteFrame(1));
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1"));
+  EXPECT_THAT(told, ElementsAre("end OK"));
+}
+
+TEST_F(ClientStreamHandleTest, OnEndMayDestroyItWhenTheConnectionIsLost) {
+  Open();
+  on_end = [this] { stream.reset(); };
+  widget.reset();
+  loop.RunUntilIdle();
+  EXPECT_THAT(told,
+              ElementsAre("end UNAVAILABLE: the widget closed the connection"));
+}
+
+TEST_F(ClientStreamHandleTest, OneStreamsHandlerMayDestroyAnothersHandle) {
+  Open();
+  std::unique_ptr<ClientStream> other =
+      client->OpenStream(Method(kWhenTooltipChanged), Handlers());
+  on_next = [&other] {
+    other.reset();
+    return absl::OkStatus();
+  };
+  SayAtOnce({Event("a", 1), Event("b", 2), Event("c", 1)});
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "OPEN 2", "COMPLETE 2"));
+  EXPECT_THAT(told, ElementsAre("next a", "next c"));
+}
+
+TEST_F(ClientStreamHandleTest, OneStreamsEndMayDestroyAnothersHandle) {
+  Open();
+  std::unique_ptr<ClientStream> other =
+      client->OpenStream(Method(kWhenTooltipChanged), Handlers());
+  on_end = [&other] { other.reset(); };
+  widget.reset();
+  loop.RunUntilIdle();
+  EXPECT_THAT(told,
+              ElementsAre("end UNAVAILABLE: the widget closed the connection"));
+}
+
+// A host that answers later keeps the sender, which must not keep alive what
+// the handlers hold.
+TEST_F(ClientStreamHandleTest, TheHandlersAreDestroyedWithIt) {
+  const auto held = std::make_shared<int>();
+  stream =
+      client->OpenStream(Method(kWhenTooltipChanged),
+                         {[held](StreamMessage&) { return absl::OkStatus(); },
+                          [held](const absl::Status&) {}});
+  const std::shared_ptr<ClientStreamSender> sender = stream->sender();
+  EXPECT_EQ(held.use_count(), 3);
+  stream.reset();
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST_F(ClientStreamHandleTest, TheHandlersAreDestroyedAfterTheStreamsEnd) {
+  const auto held = std::make_shared<int>();
+  stream =
+      client->OpenStream(Method(kWhenTooltipChanged),
+                         {[held](StreamMessage&) { return absl::OkStatus(); },
+                          [held](const absl::Status&) {}});
+  Say(CompleteFrame(1));
+  loop.RunUntilIdle();
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST_F(ClientStreamHandleTest, WhatAHandlerHoldsLivesWhileItRuns) {
+  const auto held = std::make_shared<int>(3);
+  int seen = 0;
+  stream = client->OpenStream(Method(kWhenTooltipChanged),
+                              {[this, held, &seen](StreamMessage&) {
+                                 stream.reset();
+                                 seen = *held;
+                                 return absl::OkStatus();
+                               },
+                               nullptr});
+  Say(Event("a"));
+  loop.RunUntilIdle();
+  EXPECT_EQ(seen, 3);
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST_F(ClientStreamHandleTest, AHandlerMayHoldTheClient) {
+  std::shared_ptr<SocketClient> shared = std::move(client);
+  stream = shared->OpenStream(
+      Method(kWhenTooltipChanged),
+      {[shared](StreamMessage&) { return absl::OkStatus(); }, nullptr});
+  shared.reset();
+  stream.reset();
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "COMPLETE 1"));
+  EXPECT_TRUE(widget->closed);
+}
+
+// The client.
+
+TEST_F(ClientStreamHandleTest, OnNextMayDestroyTheClient) {
+  Open();
+  on_next = [this] {
+    client.reset();
+    return absl::OkStatus();
+  };
+  SayAtOnce({Event("a"), Event("b")});
+  loop.RunUntilIdle();
+  EXPECT_THAT(told,
+              ElementsAre("next a", "end CANCELLED: the client was destroyed"));
+}
+
+TEST_F(ClientStreamHandleTest, OnNextMayDestroyTheClientAndFail) {
+  Open();
+  on_next = [this] {
+    client.reset();
+    return absl::InternalError("too late");
+  };
+  Say(Event("a"));
+  loop.RunUntilIdle();
+  EXPECT_THAT(told,
+              ElementsAre("next a", "end CANCELLED: the client was destroyed"));
+}
+
+TEST_F(ClientStreamHandleTest, OnNextMayDestroyBothHandleFirst) {
+  Open();
+  on_next = [this] {
+    stream.reset();
+    client.reset();
+    return absl::OkStatus();
+  };
+  SayAtOnce({Event("a"), Event("b")});
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "COMPLETE 1"));
+  EXPECT_THAT(told, ElementsAre("next a"));
+}
+
+TEST_F(ClientStreamHandleTest, OnNextMayDestroyBothClientFirst) {
+  Open();
+  on_next = [this] {
+    client.reset();
+    stream.reset();
+    return absl::OkStatus();
+  };
+  SayAtOnce({Event("a"), Event("b")});
+  loop.RunUntilIdle();
+  EXPECT_THAT(told,
+              ElementsAre("next a", "end CANCELLED: the client was destroyed"));
+}
+
+TEST_F(ClientStreamHandleTest, OnEndMayDestroyTheClient) {
+  Open();
+  const auto other =
+      client->OpenStream(Method(kWhenTooltipChanged), Handlers());
+  on_end = [this] { client.reset(); };
+  Say(CompleteFrame(1));
+  loop.RunUntilIdle();
+  EXPECT_THAT(told,
+              ElementsAre("end OK", "end CANCELLED: the client was destroyed"));
+}
+
+TEST_F(ClientStreamHandleTest, OnEndMayDestroyTheClientWhenTheConnectionEnds) {
+  Open();
+  const auto other =
+      client->OpenStream(Method(kWhenTooltipChanged), Handlers());
+  on_end = [this] { client.reset(); };
+  widget.reset();
+  loop.RunUntilIdle();
+  EXPECT_THAT(told,
+              ElementsAre("end UNAVAILABLE: the widget closed the connection",
+                          "end UNAVAILABLE: the widget closed the connection"));
+}
+
+TEST_F(ClientStreamHandleTest, TheHandleMayOutliveTheClient) {
+  Open();
+  client.reset();
+  told.clear();
+  stream.reset();
+  EXPECT_THAT(told, IsEmpty());
+}
+
+// What else handlers may do.
+
+TEST_F(ClientStreamHandleTest, OnNextMaySend) {
+  Open();
+  on_next = [this] { return stream->sender()->Next(Answer(7, "Ada"), 5); };
+  Say(Event("a"));
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "NEXT 1"));
+}
+
+TEST_F(ClientStreamHandleTest, OnEndMayOpenTheNextStream) {
+  Open();
+  std::unique_ptr<ClientStream> next;
+  on_end = [&] {
+    next = client->OpenStream(Method(kWhenTooltipChanged), Handlers());
+  };
+  SayAtOnce({CompleteFrame(1), Event("a", 2)});
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "OPEN 2"));
+  EXPECT_THAT(told, ElementsAre("end OK", "next a"));
+}
+
+TEST_F(ClientStreamHandleTest, ABlockingCallInsideOnNextIsRefused) {
+  Open();
+  ClientController controller;
+  on_next = [&] {
+    BrowserId request;
+    google::protobuf::Empty response;
+    client->CallMethod(Method(kShow), &controller, &request, &response,
+                       nullptr);
+    return absl::OkStatus();
+  };
+  Say(Event("a"));
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1"));
+  EXPECT_TRUE(absl::IsFailedPrecondition(controller.status()));
+}
+
+}  // namespace
+}  // namespace orvane
