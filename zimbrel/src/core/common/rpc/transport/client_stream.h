@@ -36,9 +36,11 @@ class ClientStreamSender {
                              std::int64_t call_id, const std::string& text) = 0;
 };
 
-// What a stream tells its host. Handlers run on the service thread, one at a
-// time, and may do anything, destroying the stream or its client included; but
-// a blocking call inside one fails.
+// What a stream tells its host. Handlers run on the service thread and may do
+// anything, destroying the stream or its client included; but a blocking call
+// inside one fails. No handler runs inside another, but for the `on_end` of
+// streams whose client is destroyed there. Both are destroyed when the stream
+// has ended or its handle is gone, though not while one of them runs.
 struct ClientStreamHandlers {
   // A message has arrived. The frame is borrowed for the call. An error ends
   // the stream: the widget is told that it is over, and `on_end` why.

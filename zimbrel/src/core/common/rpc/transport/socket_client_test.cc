@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "gmock/gmock.h"
-#include "google/protobuf/stubs/common.h"
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
@@ -16,6 +15,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 #include "zimbrel/src/core/common/rpc/transport/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane {
@@ -28,19 +28,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
-
-// Runs a function once and deletes itself.
-class Then final : public Closure {
- public:
-  explicit Then(std::function<void()> what) : what_(std::move(what)) {}
-  void Run() override {
-    const std::unique_ptr<Then> self(this);
-    what_();
-  }
-
- private:
-  std::function<void()> what_;
-};
 
 // The client against a scripted widget. All calls are of
 // GetChromiumWindowHandle.

@@ -21,17 +21,22 @@ struct ServerOptions {
   std::size_t max_frame_bytes = kDefaultMaxFrameBytes;
 };
 
-// Carries calls between hosts and a service. Calls of one host reach the
-// service's handlers in the order in which they were sent, each on the service
-// thread. A handler may run `done` at once, later, or from another thread, also
-// when the host, the server or the loop are gone by then: the answer then goes
-// nowhere. The controller tells a handler that asks whether its host still
-// waits; it and the messages live until `done` has run. A handler that never
-// runs `done` leaks the call.
+// Carries calls and streams between hosts and a service. What one host sends is
+// handled in the order in which it was sent, calls and streams together, on the
+// service thread. A handler may run `done` at once, later, or from another
+// thread, also when the host, the server or the loop are gone by then: the
+// answer then goes nowhere. The controller tells a handler that asks whether
+// its host still waits; it and the messages live until `done` has run. A
+// handler that never runs `done` leaks the call.
 //
-// A host that calls what there is not, or sends what cannot be read, is told so
-// in words; where its bytes make no sense as frames its connection ends. Other
-// hosts notice nothing.
+// The server owns the streams that hosts open. When one ends, or its host is
+// gone, the server unsubscribes it from every key that it is subscribed to,
+// completes it, which cancels the calls that it has not answered, and destroys
+// it.
+//
+// A host that calls or opens what there is not, or sends what cannot be read,
+// is told so in words, and the call or stream ends; where its bytes make no
+// sense as frames its connection ends. Other hosts notice nothing.
 //
 // Thread: the service thread. Lifetime: loop and service outlive the server.
 // May be destroyed at any time, also by a handler.
@@ -41,7 +46,8 @@ class SocketServer {
   SocketServer(const SocketServer&) = delete;
   SocketServer& operator=(const SocketServer&) = delete;
 
-  // Stops listening, removes the socket file and closes every connection.
+  // Stops listening, removes the socket file, and ends every connection: its
+  // streams are completed, which the host is told, and its calls cancelled.
   ~SocketServer();
 
   // Accepts hosts at `path`, whose folder must be private to this user and is

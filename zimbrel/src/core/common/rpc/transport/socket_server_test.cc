@@ -27,6 +27,7 @@
 #include "zimbrel/src/core/common/rpc/transport/framing.h"
 #include "zimbrel/src/core/common/rpc/transport/raw_peer.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane {
@@ -319,22 +320,15 @@ TEST_F(SocketServerTest, WhoLearnsThatItsHostHasGoneMayAnswerAllItsCalls) {
   loop.RunUntilIdle();
   ASSERT_THAT(widget.held, SizeIs(5));
   int answered = 0;
-  struct AnswerAll final : Closure {
-    AnswerAll(std::vector<HeldCall>* calls, int* count)
-        : held(calls), answered(count) {}
-    void Run() override {
-      const std::unique_ptr<AnswerAll> self(this);
-      for (const HeldCall& call : std::exchange(*held, {})) {
-        ++*answered;
-        call.done->Run();
-      }
-    }
-    std::vector<HeldCall>* const held;
-    int* const answered;
-  };
   const std::vector<HeldCall> calls = widget.held;
-  for (const HeldCall& call : calls)
-    call.controller->NotifyOnCancel(new AnswerAll(&widget.held, &answered));
+  for (const HeldCall& call : calls) {
+    call.controller->NotifyOnCancel(new Then([this, &answered] {
+      for (const HeldCall& each : std::exchange(widget.held, {})) {
+        ++answered;
+        each.done->Run();
+      }
+    }));
+  }
   host.reset();
   loop.RunUntilIdle();
   EXPECT_EQ(answered, 5);
