@@ -13,6 +13,12 @@ absl::Status AbstractStream::Send(const rpc::transport::StreamMessage& frame) {
   return channel_.endpoint_->Send(frame);
 }
 
+absl::Status AbstractStream::SendEvent(
+    const rpc::transport::StreamMessage& frame,
+    const google::protobuf::Message& key) {
+  return channel_.endpoint_->SendEvent(frame, key);
+}
+
 EventLoop& AbstractStream::loop() const { return channel_.endpoint_->loop(); }
 
 void AbstractStream::Complete() { channel_.endpoint_->Complete(); }

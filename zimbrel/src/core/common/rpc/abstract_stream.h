@@ -43,6 +43,10 @@ class AbstractStream {
   // error means that nothing was sent.
   absl::Status Send(const rpc::transport::StreamMessage& frame);
 
+  // The same for an event about `key`; see StreamEndpoint.
+  absl::Status SendEvent(const rpc::transport::StreamMessage& frame,
+                         const google::protobuf::Message& key);
+
   // The loop on which the stream lives. Outlives the stream.
   EventLoop& loop() const;
 

@@ -4,6 +4,12 @@
 
 namespace orvane {
 
+absl::Status StreamEndpoint::SendEvent(
+    const rpc::transport::StreamMessage& frame,
+    const google::protobuf::Message& /*key*/) {
+  return Send(frame);
+}
+
 StreamChannel::StreamChannel(std::unique_ptr<StreamEndpoint> endpoint)
     : endpoint_(std::move(endpoint)) {}
 

@@ -7,6 +7,10 @@
 
 #include "absl/status/status.h"
 
+namespace google::protobuf {
+class Message;
+}  // namespace google::protobuf
+
 namespace rpc::transport {
 class StreamMessage;
 }  // namespace rpc::transport
@@ -31,6 +35,12 @@ class StreamEndpoint {
   // in the rest. An error means that nothing was sent: the peer is gone, or too
   // slow. Never blocks, and calls nothing back before it returns.
   virtual absl::Status Send(const rpc::transport::StreamMessage& frame) = 0;
+
+  // The same for an event about `key`. Where the method's `slow_host` option
+  // allows it, the event may take the place of one about the same key that
+  // still waits for a slow peer. `key` is borrowed for the call.
+  virtual absl::Status SendEvent(const rpc::transport::StreamMessage& frame,
+                                 const google::protobuf::Message& key);
 
   // Tells the peer that the stream has ended. May destroy the stream, this
   // endpoint with it.

@@ -94,7 +94,7 @@ std::string Call(std::size_t indent, const std::string& function,
 std::string Assignment(std::size_t indent, const std::string& left,
                        const std::string& right) {
   const std::string start = std::string(indent, ' ') + left + " =";
-  const std::string line = start + " " + right + ";";
+  std::string line = start + " " + right + ";";
   if (line.size() <= kMargin) return line;
   return start + "\n" + std::string(indent + kContinuationIndent, ' ') + right +
          ";";

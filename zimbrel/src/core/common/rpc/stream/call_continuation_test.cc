@@ -136,14 +136,14 @@ TEST_F(CallContinuationTest,
 TEST_F(CallContinuationTest,
        WhatAContinuationHoldsMayEndTheStreamWhenItIsDestroyed) {
   std::shared_ptr<void> ender(nullptr, [&](void*) {
-    ends.push_back("released");
+    ends.emplace_back("released");
     host.End();
   });
   host.Subscribe(kBrowser);
   // Only the continuation that does not run holds it in the end.
   ASSERT_TRUE(Call<rpc::CreateWebDialog>(
                   kBrowser, {}, [ender](rpc::CreateWebDialogResponse) {},
-                  [&](const absl::Status&) { ends.push_back("failed"); })
+                  [&](const absl::Status&) { ends.emplace_back("failed"); })
                   .ok());
   ender.reset();
   host.Fail(kBrowser, host.last_id());

@@ -32,7 +32,9 @@ namespace orvane {
 //   - A stream whose transport refuses the frame is passed over. The stream
 //     stays subscribed; a peer that is gone or too slow is for the transport to
 //     deal with.
-//   - Events reach one stream in the order in which they were published.
+//   - Events reach one stream in the order in which they were published. Where
+//     the method's `slow_host` option says so, a host that does not keep up
+//     gets the latest event of a key only.
 //   - When it returns, frames have been handed to the transport, not delivered.
 //     Nothing has run meanwhile: no handler, no callback, no destructor.
 //
@@ -79,7 +81,7 @@ std::size_t Publish(const google::protobuf::Message& key, const T& event) {
   std::size_t reached = 0;
   for (EventStream<T>* const stream : streams) {
     if (!registrations.Has(stream, own_key)) continue;
-    if (stream->Send(*frame).ok()) ++reached;
+    if (stream->SendEvent(*frame, key).ok()) ++reached;
   }
   return reached;
 }

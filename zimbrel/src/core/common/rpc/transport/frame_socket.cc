@@ -1,12 +1,14 @@
 #include "zimbrel/src/core/common/rpc/transport/frame_socket.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <optional>
 #include <string_view>
 #include <utility>
 
 #include "absl/status/statusor.h"
 #include "absl/strings/str_cat.h"
+#include "absl/time/time.h"
 #include "asio/buffer.hpp"
 #include "asio/error.hpp"
 #include "asio/post.hpp"
@@ -16,12 +18,29 @@ namespace orvane {
 using google::protobuf::MessageLite;
 using rpc::transport::StreamMessage;
 
-FrameSocket::FrameSocket(Socket socket, std::size_t max_frame_bytes,
+namespace {
+
+constexpr std::size_t kEnoughToWrite = std::size_t{128} << 10;
+
+FrameLimits AtLeastUsable(FrameLimits limits) {
+  limits.max_frame_bytes = std::max(limits.max_frame_bytes, kMinMaxFrameBytes);
+  return limits;
+}
+
+absl::Status Closed() {
+  return absl::UnavailableError("the connection is closed");
+}
+
+}  // namespace
+
+FrameSocket::FrameSocket(Socket socket, const FrameLimits& limits,
                          Receiver* receiver)
     : socket_(std::move(socket)),
-      max_frame_bytes_(std::max(max_frame_bytes, kMinMaxFrameBytes)),
+      limits_(AtLeastUsable(limits)),
       receiver_(receiver),
-      reader_(max_frame_bytes_) {
+      reader_(limits_.max_frame_bytes),
+      outbox_(limits_),
+      frame_timer_(socket_.get_executor()) {
   asio::error_code refused;  // If so, the first read or write says why.
   socket_.non_blocking(true, refused);
 }
@@ -30,24 +49,36 @@ void FrameSocket::Start() { Read(); }
 
 absl::Status FrameSocket::Send(const StreamMessage& header,
                                const MessageLite& payload) {
-  return Queue(header, payload);
+  if (receiver_ == nullptr) return Closed();
+  return Queued(outbox_.Add(header, payload));
 }
 
 absl::Status FrameSocket::Send(const StreamMessage& header,
                                std::string_view payload) {
-  return Queue(header, payload);
+  if (receiver_ == nullptr) return Closed();
+  return Queued(outbox_.Add(header, payload));
 }
 
-template <typename Payload>
-absl::Status FrameSocket::Queue(const StreamMessage& header,
-                                const Payload& payload) {
-  if (receiver_ == nullptr) {
-    return absl::UnavailableError("the connection is closed");
+absl::Status FrameSocket::SendLatest(const StreamMessage& header,
+                                     std::string_view payload,
+                                     absl::FunctionRef<Outbox::Slot()> slot) {
+  if (receiver_ == nullptr) return Closed();
+  return Queued(awaiting_room_ ? outbox_.Replace(header, payload, slot())
+                               : outbox_.Add(header, payload));
+}
+
+absl::Status FrameSocket::Queued(absl::Status added) {
+  if (added.ok()) {
+    // What one task has to say need not wait in memory for its end.
+    if (outbox_.size() >= kEnoughToWrite) Flush();
+    ScheduleFlush();
+  } else if (outbox_.has_overflowed() && !has_told_full_) {
+    has_told_full_ = true;
+    asio::post(socket_.get_executor(), [self = shared_from_this(), added] {
+      if (self->receiver_ != nullptr) self->receiver_->OnFull(added);
+    });
   }
-  absl::Status appended =
-      AppendFrame(header, payload, max_frame_bytes_, &outbox_);
-  if (appended.ok()) ScheduleFlush();
-  return appended;
+  return added;
 }
 
 void FrameSocket::ScheduleFlush() {
@@ -61,8 +92,9 @@ void FrameSocket::ScheduleFlush() {
 
 void FrameSocket::Flush() {
   if (awaiting_room_) return;
-  while (!outbox_.empty()) {
-    const std::string_view bytes = outbox_.content();
+  while (true) {
+    const std::string_view bytes = outbox_.Front();
+    if (bytes.empty()) return;
     asio::error_code error;
     const std::size_t written = socket_.write_some(
         asio::const_buffer(bytes.data(), bytes.size()), error);
@@ -85,6 +117,7 @@ void FrameSocket::Close() {
   if (receiver_ == nullptr) return;
   Flush();
   receiver_ = nullptr;
+  frame_timer_.cancel();
   asio::error_code ignored;  // The descriptor is gone in any case.
   socket_.close(ignored);
 }
@@ -111,6 +144,7 @@ void FrameSocket::OnRead(std::size_t bytes) {
   in_batch_ = false;
   if (receiver_ == nullptr) return;
   Flush();
+  WatchUnfinishedFrame();
   Read();
 }
 
@@ -119,6 +153,7 @@ void FrameSocket::HandOutFrames() {
     const absl::StatusOr<std::optional<std::string_view>> next = reader_.Next();
     if (!next.ok()) return receiver_->OnBroken(next.status());
     if (!next->has_value()) return;
+    ++whole_frames_;
     const std::string_view content = **next;
     if (!frame_.ParseFromArray(content.data(),
                                static_cast<int>(content.size()))) {
@@ -127,6 +162,40 @@ void FrameSocket::HandOutFrames() {
     }
     receiver_->OnFrame(frame_);
   }
+}
+
+void FrameSocket::WatchUnfinishedFrame() {
+  if (reader_.unfinished_bytes() == 0 ||
+      limits_.max_frame_time == absl::InfiniteDuration()) {
+    return;
+  }
+  const std::uint64_t frame = whole_frames_ + 1;
+  if (watched_frame_ == frame) return;
+  watched_frame_ = frame;
+  unfinished_since_ = std::chrono::steady_clock::now();
+  if (!is_timer_set_) CheckUnfinishedFrameLater();
+}
+
+void FrameSocket::CheckUnfinishedFrameLater() {
+  is_timer_set_ = true;
+  const auto due =
+      unfinished_since_ + absl::ToChronoNanoseconds(limits_.max_frame_time);
+  frame_timer_.expires_at(due);
+  frame_timer_.async_wait([self = shared_from_this(), due](asio::error_code) {
+    self->is_timer_set_ = false;
+    if (self->receiver_ == nullptr || self->reader_.unfinished_bytes() == 0)
+      return;
+    if (self->watched_frame_ != self->whole_frames_ + 1) return;
+    if (self->unfinished_since_ +
+            absl::ToChronoNanoseconds(self->limits_.max_frame_time) >
+        due) {
+      return self->CheckUnfinishedFrameLater();
+    }
+    self->receiver_->OnBroken(absl::DeadlineExceededError(absl::StrCat(
+        "frame not finished within ",
+        absl::FormatDuration(self->limits_.max_frame_time), "; ",
+        self->reader_.unfinished_bytes(), " bytes of it have come")));
+  });
 }
 
 }  // namespace orvane

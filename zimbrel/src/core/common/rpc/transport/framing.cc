@@ -1,5 +1,6 @@
 #include "zimbrel/src/core/common/rpc/transport/framing.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -12,6 +13,7 @@ namespace {
 
 using google::protobuf::MessageLite;
 using google::protobuf::internal::WireFormatLite;
+using google::protobuf::io::CodedInputStream;
 using google::protobuf::io::CodedOutputStream;
 using rpc::transport::StreamMessage;
 
@@ -96,6 +98,14 @@ absl::Status AppendFrame(const StreamMessage& header, std::string_view payload,
                 [payload](std::uint8_t* to) {
                   std::memcpy(to, payload.data(), payload.size());
                 });
+}
+
+bool ParsePayload(std::string_view payload, int max_depth,
+                  MessageLite* message) {
+  CodedInputStream input(reinterpret_cast<const std::uint8_t*>(payload.data()),
+                         static_cast<int>(payload.size()));
+  input.SetRecursionLimit(std::min(max_depth, kMaxMessageDepth));
+  return message->ParseFromCodedStream(&input) && input.ConsumedEntireMessage();
 }
 
 }  // namespace orvane

@@ -10,6 +10,7 @@
 
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
+#include "absl/time/time.h"
 #include "google/protobuf/message_lite.h"
 
 #include "rpc/transport/stream_message.pb.h"
@@ -24,6 +25,16 @@ inline constexpr std::size_t kDefaultMaxFrameBytes = std::size_t{4} << 20;
 
 // The smallest limit that can be set: room for a header and an error in words.
 inline constexpr std::size_t kMinMaxFrameBytes = std::size_t{4} << 10;
+
+// How deep messages in a frame may be nested at the most: protobuf's default.
+inline constexpr int kMaxMessageDepth = 100;
+
+// What a connection holds for its peer at the most; see ServerLimits.
+struct FrameLimits {
+  std::size_t max_frame_bytes = kDefaultMaxFrameBytes;
+  std::size_t max_queued_bytes = std::size_t{16} << 20;
+  absl::Duration max_frame_time = absl::Seconds(10);
+};
 
 // Cuts received bytes into frames. Any split of the same bytes gives the same
 // frames. Memory grows with the bytes that have arrived, not with the length
@@ -44,6 +55,11 @@ class FrameReader {
   // the rest of the stream cannot be read.
   absl::StatusOr<std::optional<std::string_view>> Next();
 
+  // The bytes of a frame that has begun but is not whole yet.
+  std::size_t unfinished_bytes() const {
+    return received_.content().size() - handed_out_;
+  }
+
  private:
   const std::size_t max_frame_bytes_;
   ByteBuffer received_;
@@ -60,6 +76,11 @@ absl::Status AppendFrame(const rpc::transport::StreamMessage& header,
 absl::Status AppendFrame(const rpc::transport::StreamMessage& header,
                          std::string_view payload, std::size_t max_frame_bytes,
                          ByteBuffer* out);
+
+// Reads a payload, whose messages may be nested `max_depth` deep. False if it
+// cannot be read as far as its end.
+bool ParsePayload(std::string_view payload, int max_depth,
+                  google::protobuf::MessageLite* message);
 
 }  // namespace orvane
 

@@ -234,7 +234,7 @@ class SmallFramesCallbackStreamTest : public ServerCallbackStreamTest {
  protected:
   SmallFramesCallbackStreamTest()
       : ServerCallbackStreamTest(
-            ServerOptions{.max_frame_bytes = kMinMaxFrameBytes}) {}
+            ServerLimits{.max_frame_bytes = kMinMaxFrameBytes}) {}
 };
 
 TEST_F(SmallFramesCallbackStreamTest,

@@ -4,7 +4,9 @@
 #include <string>
 #include <utility>
 
+#include "absl/log/log.h"
 #include "absl/strings/str_cat.h"
+#include "asio/buffer.hpp"
 #include "google/protobuf/descriptor.h"
 
 #include "zimbrel/src/core/common/rpc/transport/server_call.h"
@@ -41,6 +43,22 @@ absl::StatusOr<const MethodDescriptor*> FindMethod(
                                   : " is a stream and cannot be called"));
 }
 
+absl::Status TooMany(absl::string_view what, std::size_t there_are,
+                     std::size_t limit) {
+  return absl::ResourceExhaustedError(
+      absl::StrCat(there_are, " ", what, "; the limit is ", limit));
+}
+
+StreamMessage ErrorFrame(std::uint64_t id, const absl::Status& why) {
+  StreamMessage error;
+  error.set_kind(StreamMessage::KIND_ERROR);
+  error.set_stream_id(id);
+  error.set_error_code(static_cast<int>(why.code()));
+  error.set_error_text(
+      std::string(why.message().substr(0, kMaxErrorTextBytes)));
+  return error;
+}
+
 absl::Status NotOpen(std::uint64_t id) {
   return absl::NotFoundError(absl::StrCat("stream ", id, " is not open"));
 }
@@ -48,26 +66,45 @@ absl::Status NotOpen(std::uint64_t id) {
 }  // namespace
 
 ServerConnection::ServerConnection(EventLoop* loop, Service* service,
-                                   const ServerOptions& options,
+                                   const ServerLimits& limits,
+                                   ServerCounters* counters,
                                    FrameSocket::Socket socket,
                                    absl::AnyInvocable<void() &&> on_end)
-    : loop_(loop),
-      service_(service),
+    : home_{.loop = loop,
+            .service = service,
+            .socket = std::make_shared<FrameSocket>(
+                std::move(socket),
+                FrameLimits{.max_frame_bytes = limits.max_frame_bytes,
+                            .max_queued_bytes = limits.max_queued_bytes,
+                            .max_frame_time = limits.max_frame_time},
+                this),
+            .limits = limits,
+            .counters = counters},
       mailbox_(loop->mailbox()),
-      socket_(std::make_shared<FrameSocket>(std::move(socket),
-                                            options.max_frame_bytes, this)),
       on_end_(std::move(on_end)) {
-  socket_->Start();
+  home_.socket->Start();
 }
 
 ServerConnection::~ServerConnection() {
   while (!streams_.empty()) EndStream(streams_.begin()->first);
-  socket_->Close();
+  home_.socket->Close();
   // Abandoning a call may run a handler's closure, which may do anything, such
   // as to answer the others.
   std::set<std::uint64_t> ids;
   for (const auto& [id, call] : calls_) ids.insert(id);
   for (const std::uint64_t id : ids) CancelCall(id);
+}
+
+void ServerConnection::Refuse(FrameSocket::Socket socket,
+                              const absl::Status& why) {
+  ByteBuffer words;
+  // Fits: so short are the words.
+  AppendFrame(ErrorFrame(0, why), "", kMinMaxFrameBytes, &words).IgnoreError();
+  asio::error_code ignored;  // A host that has gone needs no words.
+  socket.non_blocking(true, ignored);
+  socket.write_some(
+      asio::const_buffer(words.content().data(), words.content().size()),
+      ignored);
 }
 
 void ServerConnection::OnFrame(StreamMessage& frame) {
@@ -91,6 +128,8 @@ void ServerConnection::OnFrame(StreamMessage& frame) {
 
 void ServerConnection::OnBroken(const absl::Status& why) { ThrowOut(why); }
 
+void ServerConnection::OnFull(const absl::Status& why) { ThrowOut(why); }
+
 bool ServerConnection::TakeId(std::uint64_t id) {
   if (id > last_id_) {
     last_id_ = id;
@@ -105,23 +144,29 @@ bool ServerConnection::TakeId(std::uint64_t id) {
 void ServerConnection::BeginCall(const StreamMessage& frame) {
   const std::uint64_t id = frame.stream_id();
   if (!TakeId(id)) return;
-  const absl::StatusOr<const MethodDescriptor*> found =
-      FindMethod(*service_->GetDescriptor(), frame.method(), /*stream=*/false);
+  const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
+      *home_.service->GetDescriptor(), frame.method(), /*stream=*/false);
   if (!found.ok()) return SendError(id, found.status());
+  if (calls_.size() >= home_.limits.max_calls) {
+    return SendError(id, TooMany("calls in progress", calls_.size(),
+                                 home_.limits.max_calls));
+  }
   const MethodDescriptor* const method = *found;
 
   auto call = std::make_unique<ServerCall>(
-      id, this, mailbox_, service_->GetRequestPrototype(method),
-      service_->GetResponsePrototype(method));
-  if (!call->request().ParseFromString(frame.payload())) {
+      id, this, mailbox_, home_.service->GetRequestPrototype(method),
+      home_.service->GetResponsePrototype(method));
+  if (!ParsePayload(frame.payload(), home_.limits.max_message_depth,
+                    &call->request())) {
     return SendError(
         id, absl::InvalidArgumentError(absl::StrCat(
-                "the request is no ", method->input_type()->full_name())));
+                "the request is no ", method->input_type()->full_name(),
+                ", or nested deeper than ", home_.limits.max_message_depth)));
   }
   calls_.emplace(id, call.get());
   ServerCall* const handed_over = call.release();
-  service_->CallMethod(method, handed_over, &handed_over->request(),
-                       &handed_over->response(), handed_over);
+  home_.service->CallMethod(method, handed_over, &handed_over->request(),
+                            &handed_over->response(), handed_over);
   // The handler may have destroyed this object.
 }
 
@@ -132,7 +177,8 @@ void ServerConnection::Finish(const ServerCall& call) {
   StreamMessage header;
   header.set_kind(StreamMessage::KIND_REPLY);
   header.set_stream_id(call.id());
-  if (absl::Status sent = socket_->Send(header, call.response()); !sent.ok()) {
+  if (absl::Status sent = home_.socket->Send(header, call.response());
+      !sent.ok()) {
     SendError(call.id(), sent);
   }
 }
@@ -145,11 +191,14 @@ void ServerConnection::CancelCall(std::uint64_t id) {
 void ServerConnection::OpenStream(const StreamMessage& frame) {
   const std::uint64_t id = frame.stream_id();
   if (!TakeId(id)) return;
-  const absl::StatusOr<const MethodDescriptor*> found =
-      FindMethod(*service_->GetDescriptor(), frame.method(), /*stream=*/true);
+  const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
+      *home_.service->GetDescriptor(), frame.method(), /*stream=*/true);
   if (!found.ok()) return SendError(id, found.status());
-  streams_.emplace(
-      id, std::make_unique<ServerStream>(loop_, service_, *found, id, socket_));
+  if (streams_.size() >= home_.limits.max_streams) {
+    return SendError(
+        id, TooMany("streams open", streams_.size(), home_.limits.max_streams));
+  }
+  streams_.emplace(id, std::make_unique<ServerStream>(&home_, *found, id));
 }
 
 void ServerConnection::Deliver(StreamMessage& frame) {
@@ -175,19 +224,17 @@ bool ServerConnection::EndStream(std::uint64_t id) {
 }
 
 void ServerConnection::SendError(std::uint64_t id, const absl::Status& why) {
-  StreamMessage error;
-  error.set_kind(StreamMessage::KIND_ERROR);
-  error.set_stream_id(id);
-  error.set_error_code(static_cast<int>(why.code()));
-  error.set_error_text(
-      std::string(why.message().substr(0, kMaxErrorTextBytes)));
-  socket_->Send(error)
-      .IgnoreError();  // Fails only if the connection has ended.
+  // Fails only if the connection has ended, or is about to.
+  home_.socket->Send(ErrorFrame(id, why)).IgnoreError();
 }
 
 void ServerConnection::ThrowOut(const absl::Status& why) {
-  if (!why.ok()) SendError(0, why);
-  socket_->Close();
+  if (!why.ok()) {
+    ++home_.counters->thrown_out;
+    LOG_EVERY_N_SEC(WARNING, 1) << "a host was thrown out: " << why.message();
+    SendError(0, why);
+  }
+  home_.socket->Close();
   // Out of this object before it runs, since it destroys this object.
   auto on_end = std::move(on_end_);
   std::move(on_end)();

@@ -16,26 +16,32 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/service.h"
 #include "zimbrel/src/core/common/rpc/transport/frame_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/server_limits.h"
 #include "zimbrel/src/core/common/rpc/transport/server_stream.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
 namespace orvane {
 
 class ServerCall;
 
-// Thread: the service thread. Lifetime: loop and service outlive it. Destroying
-// it completes the streams, tells the host so and closes the connection; calls
-// whose handlers have not answered yet are cancelled and left to them.
+// Thread: the service thread. Lifetime: all that is passed outlives it.
+// Destroying it completes the streams, tells the host so and closes the
+// connection; calls whose handlers have not answered yet are cancelled and left
+// to them.
 class ServerConnection final : public FrameSocket::Receiver {
  public:
   // `on_end` runs once when the host has left or has been thrown out, from
   // inside this object, which it may destroy.
   ServerConnection(EventLoop* loop, Service* service,
-                   const ServerOptions& options, FrameSocket::Socket socket,
+                   const ServerLimits& limits, ServerCounters* counters,
+                   FrameSocket::Socket socket,
                    absl::AnyInvocable<void() &&> on_end);
   ServerConnection(const ServerConnection&) = delete;
   ServerConnection& operator=(const ServerConnection&) = delete;
   ~ServerConnection() override;
+
+  // Tells the host at the other end why there will be no connection, and closes
+  // it.
+  static void Refuse(FrameSocket::Socket socket, const absl::Status& why);
 
   // A handler has answered: sends the answer and forgets the call.
   void Finish(const ServerCall& call);
@@ -43,6 +49,7 @@ class ServerConnection final : public FrameSocket::Receiver {
  private:
   void OnFrame(rpc::transport::StreamMessage& frame) override;
   void OnBroken(const absl::Status& why) override;
+  void OnFull(const absl::Status& why) override;
 
   // The host begins a call or a stream: false if its number is out of order,
   // which has then ended the connection.
@@ -58,11 +65,9 @@ class ServerConnection final : public FrameSocket::Receiver {
   // Tells the host why, and ends the connection.
   void ThrowOut(const absl::Status& why);
 
-  EventLoop* const loop_;
-  Service* const service_;
+  StreamHome home_;
   // For calls that are answered elsewhere.
   const std::shared_ptr<Mailbox> mailbox_;
-  const std::shared_ptr<FrameSocket> socket_;
   absl::AnyInvocable<void() &&> on_end_;
   // Not answered yet. Each is owned by its handler, through `done`.
   absl::flat_hash_map<std::uint64_t, ServerCall*> calls_;

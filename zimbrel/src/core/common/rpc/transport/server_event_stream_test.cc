@@ -243,7 +243,7 @@ class SmallFramesEventStreamTest : public ServerEventStreamTest {
  protected:
   SmallFramesEventStreamTest()
       : ServerEventStreamTest(
-            ServerOptions{.max_frame_bytes = kMinMaxFrameBytes}) {}
+            ServerLimits{.max_frame_bytes = kMinMaxFrameBytes}) {}
 };
 
 TEST_F(SmallFramesEventStreamTest,

@@ -4,6 +4,8 @@
 
 #include "absl/strings/str_cat.h"
 
+#include "rpc/stream_options.pb.h"
+
 namespace orvane {
 
 using google::protobuf::FieldDescriptor;
@@ -15,29 +17,49 @@ namespace {
 
 class Endpoint final : public StreamEndpoint {
  public:
-  Endpoint(EventLoop* loop, std::uint64_t id,
-           std::shared_ptr<FrameSocket> socket)
-      : loop_(loop), socket_(std::move(socket)) {
+  Endpoint(StreamHome* home, const MethodDescriptor& method, std::uint64_t id)
+      : home_(home),
+        keeps_latest_(method.options().GetExtension(rpc::slow_host) ==
+                      rpc::SLOW_HOST_KEEP_LATEST) {
     header_.set_stream_id(id);
   }
 
   absl::Status Send(const StreamMessage& frame) override {
-    header_.set_kind(StreamMessage::KIND_NEXT);
-    header_.set_call_id(frame.call_id());
-    return socket_->Send(header_, frame.payload());
+    return socket().Send(NextHeader(frame), frame.payload());
+  }
+
+  absl::Status SendEvent(const StreamMessage& frame,
+                         const Message& key) override {
+    if (!keeps_latest_) return Send(frame);
+    const std::uint64_t replaced = socket().replaced();
+    absl::Status sent =
+        socket().SendLatest(NextHeader(frame), frame.payload(), [&] {
+          return Outbox::Slot{header_.stream_id(), key.SerializeAsString()};
+        });
+    home_->counters->replaced_events += socket().replaced() - replaced;
+    return sent;
   }
 
   void Complete() override {
+    socket().DropSlots(header_.stream_id());
     header_.set_kind(StreamMessage::KIND_COMPLETE);
     header_.clear_call_id();
-    socket_->Send(header_).IgnoreError();  // Without a connection nobody waits.
+    socket().Send(header_).IgnoreError();  // Without a connection nobody waits.
   }
 
-  EventLoop& loop() override { return *loop_; }
+  EventLoop& loop() override { return *home_->loop; }
 
  private:
-  EventLoop* const loop_;
-  const std::shared_ptr<FrameSocket> socket_;
+  FrameSocket& socket() { return *home_->socket; }
+
+  const StreamMessage& NextHeader(const StreamMessage& frame) {
+    header_.set_kind(StreamMessage::KIND_NEXT);
+    header_.set_call_id(frame.call_id());
+    return header_;
+  }
+
+  StreamHome* const home_;
+  const bool keeps_latest_;
   StreamMessage header_;
 };
 
@@ -45,23 +67,25 @@ bool IsEventStream(const MethodDescriptor& method) {
   return method.input_type() == rpc::EventSubscription::descriptor();
 }
 
-absl::Status NotA(const Message& message) {
+absl::Status NotA(const Message& message, int max_depth) {
   return absl::InvalidArgumentError(
-      absl::StrCat("the payload is no ", message.GetTypeName()));
+      absl::StrCat("the payload is no ", message.GetTypeName(),
+                   ", or nested deeper than ", max_depth));
 }
 
 }  // namespace
 
-ServerStream::ServerStream(EventLoop* loop, Service* service,
-                           const MethodDescriptor* method, std::uint64_t id,
-                           std::shared_ptr<FrameSocket> socket)
-    : is_event_stream_(IsEventStream(*method)),
-      stream_(
-          service->OpenStream(method, StreamChannel(std::make_unique<Endpoint>(
-                                          loop, id, std::move(socket))))),
-      callback_(is_event_stream_
-                    ? nullptr
-                    : service->GetResponsePrototype(method).New(nullptr)) {}
+ServerStream::ServerStream(StreamHome* home, const MethodDescriptor* method,
+                           std::uint64_t id)
+    : home_(home),
+      is_event_stream_(IsEventStream(*method)),
+      stream_(home->service->OpenStream(
+          method,
+          StreamChannel(std::make_unique<Endpoint>(home, *method, id)))),
+      callback_(
+          is_event_stream_
+              ? nullptr
+              : home->service->GetResponsePrototype(method).New(nullptr)) {}
 
 ServerStream::~ServerStream() {
   Withdraw();
@@ -86,24 +110,41 @@ absl::Status ServerStream::Error(StreamMessage& frame) {
 }
 
 absl::Status ServerStream::CheckSubscription(const std::string& payload) {
-  if (!subscription_.ParseFromString(payload)) return NotA(subscription_);
+  if (!ParsePayload(payload, home_->limits.max_message_depth, &subscription_))
+    return NotA(subscription_, home_->limits.max_message_depth);
   switch (subscription_.action_case()) {
     case rpc::EventSubscription::kSubscribe:
-      keys_.insert(subscription_.subscribe().SerializeAsString());
-      break;
+      return AddKey(subscription_.subscribe().SerializeAsString());
     case rpc::EventSubscription::kUnsubscribe:
-      keys_.erase(subscription_.unsubscribe().SerializeAsString());
-      break;
+      RemoveKey(subscription_.unsubscribe().SerializeAsString());
+      return absl::OkStatus();
     case rpc::EventSubscription::ACTION_NOT_SET:
-      return absl::InvalidArgumentError(
-          "a subscription frame that asks for nothing");
+      break;
   }
+  return absl::InvalidArgumentError(
+      "a subscription frame that asks for nothing");
+}
+
+absl::Status ServerStream::AddKey(std::string key) {
+  if (keys_.contains(key)) return absl::OkStatus();
+  if (home_->subscriptions >= home_->limits.max_subscriptions) {
+    return absl::ResourceExhaustedError(
+        absl::StrCat("subscription ", home_->subscriptions + 1,
+                     "; the limit is ", home_->limits.max_subscriptions));
+  }
+  keys_.insert(std::move(key));
+  ++home_->subscriptions;
   return absl::OkStatus();
 }
 
+void ServerStream::RemoveKey(const std::string& key) {
+  home_->subscriptions -= keys_.erase(key);
+}
+
 absl::Status ServerStream::ParseCallback(const std::string& payload) {
-  return callback_->ParseFromString(payload) ? absl::OkStatus()
-                                             : NotA(*callback_);
+  return ParsePayload(payload, home_->limits.max_message_depth, callback_.get())
+             ? absl::OkStatus()
+             : NotA(*callback_, home_->limits.max_message_depth);
 }
 
 absl::Status ServerStream::CheckCallbackFrame(const std::string& payload) {
@@ -119,6 +160,7 @@ absl::Status ServerStream::CheckCallbackFrame(const std::string& payload) {
 }
 
 void ServerStream::Withdraw() {
+  home_->subscriptions -= keys_.size();
   for (const std::string& key : std::exchange(keys_, {})) {
     // Parses: it was serialised from the same type.
     subscription_.mutable_unsubscribe()->ParseFromString(key);

@@ -4,6 +4,7 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_STREAM_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_STREAM_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -19,8 +20,21 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/service.h"
 #include "zimbrel/src/core/common/rpc/transport/frame_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/server_limits.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
 namespace orvane {
+
+// What the streams of one connection share. Loop, service and limits outlive
+// it.
+struct StreamHome {
+  EventLoop* loop;
+  Service* service;
+  std::shared_ptr<FrameSocket> socket;
+  const ServerLimits& limits;
+  ServerCounters* counters;
+  std::size_t subscriptions = 0;  // Of all event streams together.
+};
 
 // Owns a stream of the service and stands between it and the host: what the
 // stream takes for impossible, since it would end the process, is refused here
@@ -31,10 +45,10 @@ namespace orvane {
 // Thread: the service thread.
 class ServerStream {
  public:
-  // `method` is a streaming method of `service`.
-  ServerStream(EventLoop* loop, Service* service,
+  // `method` is a streaming method of the service. `home` outlives the stream.
+  ServerStream(StreamHome* home,
                const google::protobuf::MethodDescriptor* method,
-               std::uint64_t id, std::shared_ptr<FrameSocket> socket);
+               std::uint64_t id);
   ServerStream(const ServerStream&) = delete;
   ServerStream& operator=(const ServerStream&) = delete;
 
@@ -49,10 +63,13 @@ class ServerStream {
 
  private:
   absl::Status CheckSubscription(const std::string& payload);
+  absl::Status AddKey(std::string key);
+  void RemoveKey(const std::string& key);
   absl::Status CheckCallbackFrame(const std::string& payload);
   absl::Status ParseCallback(const std::string& payload);
   void Withdraw();
 
+  StreamHome* const home_;
   const bool is_event_stream_;
   const std::unique_ptr<AbstractStream> stream_;
 

@@ -255,7 +255,7 @@ TEST_F(ServerStreamRefusalsTest, ASubscriptionWithoutAnAction) {
 TEST_F(ServerStreamRefusalsTest, ASubscriptionThatCannotBeParsed) {
   EXPECT_THAT(ToldAfter(kWhenTooltipChanged, "\xff\xff"),
               ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
-                          "rpc.EventSubscription",
+                          "rpc.EventSubscription, or nested deeper than 100",
                           "COMPLETE 1"));
   ExpectConnected();
 }
@@ -350,7 +350,7 @@ TEST_F(ServerStreamRefusalsTest, AResponseThatACallReplacesIsACall) {
 TEST_F(ServerStreamRefusalsTest, ACallbackFrameThatCannotBeParsed) {
   EXPECT_THAT(ToldAfter(kOnCreateWebDialog, "\xff\xff"),
               ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
-                          "rpc.CreateWebDialog",
+                          "rpc.CreateWebDialog, or nested deeper than 100",
                           "COMPLETE 1"));
   ExpectConnected();
 }
@@ -359,7 +359,7 @@ TEST_F(ServerStreamRefusalsTest, ACallbackFrameThatCanBeParsedInPart) {
   EXPECT_THAT(
       ToldAfter(kOnCreateWebDialog, Serve(9).SerializeAsString() + "\xff"),
       ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
-                  "rpc.CreateWebDialog",
+                  "rpc.CreateWebDialog, or nested deeper than 100",
                   "COMPLETE 1"));
   EXPECT_TRUE(absl::IsNotFound(Ask(9, "?").status()));
   ExpectConnected();
@@ -383,9 +383,10 @@ TEST_F(ServerStreamRefusalsTest, AnErrorThatCannotBeParsed) {
   Open(kOnCreateWebDialog);
   host.Send(NextFrame(1, Serve(9)));
   host.Send(Frame(StreamMessage::KIND_ERROR, 1, "\xff\xff"));
-  EXPECT_THAT(Told(), ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
-                                  "rpc.CreateWebDialog",
-                                  "COMPLETE 1"));
+  EXPECT_THAT(Told(),
+              ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
+                          "rpc.CreateWebDialog, or nested deeper than 100",
+                          "COMPLETE 1"));
   EXPECT_TRUE(absl::IsNotFound(Ask(9, "?").status()));
   ExpectConnected();
 }

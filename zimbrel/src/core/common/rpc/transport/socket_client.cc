@@ -113,8 +113,12 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
   Impl(EventLoop* loop, FrameSocket::Socket socket,
        const ClientOptions& options)
       : loop_(loop),
-        socket_(std::make_shared<FrameSocket>(std::move(socket),
-                                              options.max_frame_bytes, this)) {
+        socket_(std::make_shared<FrameSocket>(
+            std::move(socket),
+            FrameLimits{.max_frame_bytes = options.max_frame_bytes,
+                        .max_queued_bytes = options.max_queued_bytes,
+                        .max_frame_time = absl::InfiniteDuration()},
+            this)) {
     socket_->Start();
   }
 
@@ -313,6 +317,9 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
                    : absl::UnavailableError(absl::StrCat(
                          "the connection broke: ", why.message())));
   }
+
+  // Whoever wanted to send has been told.
+  void OnFull(const absl::Status& /*why*/) override {}
 
   void Break(absl::Status why) {
     status_ = std::move(why);

@@ -21,6 +21,10 @@ struct ClientOptions {
   // The longest frame that is sent or accepted, its length field not counted.
   // Less than kMinMaxFrameBytes counts as that.
   std::size_t max_frame_bytes = kDefaultMaxFrameBytes;
+
+  // Once this many bytes wait for the widget to read them, calls and messages
+  // on streams fail with kResourceExhausted.
+  std::size_t max_queued_bytes = std::size_t{64} << 20;
 };
 
 // Calls the unary methods of the service at the other end of a Unix-domain

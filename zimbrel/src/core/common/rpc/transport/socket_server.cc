@@ -6,6 +6,7 @@
 #include "zimbrel/src/core/common/rpc/asio_hook.h"
 
 #include "absl/container/flat_hash_map.h"
+#include "absl/log/log.h"
 #include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
 #include "asio/io_context.hpp"
@@ -22,8 +23,8 @@ using asio::local::stream_protocol;
 // server is gone.
 class SocketServer::Impl {
  public:
-  Impl(EventLoop* loop, Service* service, const ServerOptions& options)
-      : loop_(loop), service_(service), options_(options) {}
+  Impl(EventLoop* loop, Service* service, const ServerLimits& limits)
+      : loop_(loop), service_(service), limits_(limits) {}
 
   absl::Status Listen(const std::string& path) {
     if (acceptor_.has_value())
@@ -49,11 +50,11 @@ class SocketServer::Impl {
     socket.assign(stream_protocol(), descriptor.get(), error);
     if (error) return absl::InvalidArgumentError(error.message());
     descriptor.Release();
-    Serve(std::move(socket));
-    return absl::OkStatus();
+    return Serve(std::move(socket));
   }
 
   std::size_t connections() const { return connections_.size(); }
+  const ServerCounters& counters() const { return counters_; }
 
  private:
   void Accept() {
@@ -67,24 +68,39 @@ class SocketServer::Impl {
             retry_ = loop_->RunAfter(kAcceptRetry, [this] { Accept(); });
             return;
           }
-          if (CheckPeerIsThisUser(socket.native_handle()).ok())
-            Serve(std::move(socket));
+          absl::Status served = CheckPeerIsThisUser(socket.native_handle());
+          if (served.ok()) served = Serve(std::move(socket));
+          if (!served.ok()) {
+            ++counters_.thrown_out;
+            LOG_EVERY_N_SEC(WARNING, 1)
+                << "a host was not let in: " << served.message();
+          }
           Accept();
         });
   }
 
-  void Serve(stream_protocol::socket socket) {
+  absl::Status Serve(stream_protocol::socket socket) {
+    if (connections_.size() >= limits_.max_connections) {
+      absl::Status why = absl::ResourceExhaustedError(absl::StrCat(
+          connections_.size(), " hosts are connected; the limit is ",
+          limits_.max_connections));
+      ServerConnection::Refuse(std::move(socket), why);
+      return why;
+    }
     const int id = next_id_++;
-    connections_.emplace(id, std::make_unique<ServerConnection>(
-                                 loop_, service_, options_, std::move(socket),
-                                 [this, id] { connections_.extract(id); }));
+    connections_.emplace(
+        id, std::make_unique<ServerConnection>(
+                loop_, service_, limits_, &counters_, std::move(socket),
+                [this, id] { connections_.extract(id); }));
+    return absl::OkStatus();
   }
 
   static constexpr absl::Duration kAcceptRetry = absl::Milliseconds(100);
 
   EventLoop* const loop_;
   Service* const service_;
-  const ServerOptions options_;
+  const ServerLimits limits_;
+  ServerCounters counters_;
   const std::shared_ptr<char> alive_ = std::make_shared<char>();
   std::optional<ListeningSocket>
       listening_;  // Removes the file, after the acceptor is closed.
@@ -95,8 +111,8 @@ class SocketServer::Impl {
 };
 
 SocketServer::SocketServer(EventLoop* loop, Service* service,
-                           ServerOptions options)
-    : impl_(std::make_unique<Impl>(loop, service, options)) {}
+                           ServerLimits limits)
+    : impl_(std::make_unique<Impl>(loop, service, limits)) {}
 
 SocketServer::~SocketServer() = default;
 
@@ -109,5 +125,9 @@ absl::Status SocketServer::Adopt(int descriptor) {
 }
 
 std::size_t SocketServer::connections() const { return impl_->connections(); }
+
+const ServerCounters& SocketServer::counters() const {
+  return impl_->counters();
+}
 
 }  // namespace orvane

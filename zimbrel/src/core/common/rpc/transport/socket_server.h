@@ -4,6 +4,7 @@
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_SERVER_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -11,14 +12,18 @@
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/service.h"
-#include "zimbrel/src/core/common/rpc/transport/framing.h"
+#include "zimbrel/src/core/common/rpc/transport/server_limits.h"
 
 namespace orvane {
 
-struct ServerOptions {
-  // The longest frame that is sent or accepted, its length field not counted.
-  // Less than kMinMaxFrameBytes counts as that.
-  std::size_t max_frame_bytes = kDefaultMaxFrameBytes;
+struct ServerCounters {
+  // Connections that the server ended: because of what their hosts sent, a
+  // limit, or another user's id. The log has the reasons, one a second at most.
+  std::uint64_t thrown_out = 0;
+
+  // Events that gave their places to later ones, since their hosts did not read
+  // (see SLOW_HOST_KEEP_LATEST).
+  std::uint64_t replaced_events = 0;
 };
 
 // Carries calls and streams between hosts and a service. What one host sends is
@@ -42,7 +47,7 @@ struct ServerOptions {
 // May be destroyed at any time, also by a handler.
 class SocketServer {
  public:
-  SocketServer(EventLoop* loop, Service* service, ServerOptions options = {});
+  SocketServer(EventLoop* loop, Service* service, ServerLimits limits = {});
   SocketServer(const SocketServer&) = delete;
   SocketServer& operator=(const SocketServer&) = delete;
 
@@ -58,11 +63,15 @@ class SocketServer {
 
   // Serves the host at the other end of a connected stream socket, such as one
   // of a socketpair() or an inherited one. Takes the descriptor over, also if
-  // it fails: because the peer runs as another user, or it is no such socket.
+  // it fails: because the peer runs as another user, too many hosts are
+  // connected, or it is no such socket.
   absl::Status Adopt(int descriptor);
 
   // Hosts that are connected.
   std::size_t connections() const;
+
+  // What has gone wrong with hosts so far.
+  const ServerCounters& counters() const;
 
  private:
   class Impl;

@@ -112,9 +112,9 @@ StreamMessage Call(std::uint64_t id, std::uint32_t method,
 
 class SocketServerTest : public ::testing::Test {
  protected:
-  SocketServerTest() : SocketServerTest(ServerOptions{}) {}
-  explicit SocketServerTest(ServerOptions options) {
-    server.emplace(&loop, &widget, options);
+  SocketServerTest() : SocketServerTest(ServerLimits{}) {}
+  explicit SocketServerTest(ServerLimits limits) {
+    server.emplace(&loop, &widget, limits);
   }
 
   RawPeer ConnectRaw() {
@@ -436,7 +436,8 @@ TEST_F(SocketServerTest, ARequestThatCannotBeParsedIsAnErrorThatNamesItsType) {
   call.set_payload("\xff\xff\xff");
   host.Send(call);
   Settle(&host);
-  EXPECT_EQ(OnlyError(host), "1/3: the request is no rpc.Display");
+  EXPECT_EQ(OnlyError(host),
+            "1/3: the request is no rpc.Display, or nested deeper than 100");
   ExpectServerLives();
 }
 
@@ -537,7 +538,7 @@ class SmallFramesServerTest : public SocketServerTest {
   static constexpr std::size_t kLimit = kMinMaxFrameBytes;
 
   SmallFramesServerTest()
-      : SocketServerTest(ServerOptions{.max_frame_bytes = kLimit}) {}
+      : SocketServerTest(ServerLimits{.max_frame_bytes = kLimit}) {}
 };
 
 TEST_F(SmallFramesServerTest,

@@ -85,9 +85,9 @@ class StreamingWidget final : public rpc::BrowserWidgetRpc {
 // Fails a test that leaves a key in a registry.
 class StreamFixture : public ::testing::Test {
  protected:
-  explicit StreamFixture(ServerOptions options = {}) {
+  explicit StreamFixture(ServerLimits limits = {}) {
     EXPECT_EQ(RegisteredKeys(), 0u);
-    server.emplace(&loop, &widget, options);
+    server.emplace(&loop, &widget, limits);
   }
   ~StreamFixture() override {
     server.reset();

@@ -1,0 +1,310 @@
+// What a host may take, at each limit, one below and one above it.
+
+#include "zimbrel/src/core/common/rpc/transport/server_limits.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/strings/str_cat.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
+
+namespace orvane {
+namespace {
+
+using rpc::transport::StreamMessage;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class ServerLimitsTest : public StreamFixture {
+ protected:
+  ServerLimitsTest() = default;
+  explicit ServerLimitsTest(const ServerLimits& limits)
+      : StreamFixture(limits) {}
+
+  // A host at another connection is served as ever.
+  void ExpectOthersAreServed() {
+    RawPeer other = ConnectRaw();
+    other.Send(CallFrame(1, kShow));
+    EXPECT_THAT(Settle(&other), ElementsAre("REPLY 1"));
+  }
+};
+
+// Calls ----------------------------------------------------------------------
+
+class CallLimit : public ServerLimitsTest {
+ protected:
+  CallLimit() : ServerLimitsTest(ServerLimits{.max_calls = 2}) {}
+  ~CallLimit() override {
+    for (const auto& call : std::exchange(widget.held, {})) call.done->Run();
+  }
+};
+
+TEST_F(CallLimit, AsManyAsItMayWait) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(1, kHide));
+  host.Send(CallFrame(2, kHide));
+  EXPECT_THAT(Settle(&host), IsEmpty());
+  EXPECT_EQ(widget.held.size(), 2u);
+}
+
+TEST_F(CallLimit, OneMoreFailsAlone) {
+  RawPeer host = ConnectRaw();
+  for (const std::uint64_t id : {1, 2, 3}) host.Send(CallFrame(id, kHide));
+  EXPECT_THAT(
+      Settle(&host),
+      ElementsAre("ERROR 3 RESOURCE_EXHAUSTED: 2 calls in progress; the "
+                  "limit is 2"));
+  EXPECT_EQ(widget.held.size(), 2u);
+  ExpectOthersAreServed();
+}
+
+TEST_F(CallLimit, AnAnswerMakesRoom) {
+  RawPeer host = ConnectRaw();
+  for (const std::uint64_t id : {1, 2}) host.Send(CallFrame(id, kHide));
+  Settle(&host);
+  widget.held.back().done->Run();
+  widget.held.pop_back();
+  host.Send(CallFrame(3, kHide));
+  EXPECT_THAT(Settle(&host), ElementsAre("REPLY 2"));
+  EXPECT_EQ(widget.held.size(), 2u);
+}
+
+// Streams --------------------------------------------------------------------
+
+class StreamLimit : public ServerLimitsTest {
+ protected:
+  StreamLimit() : ServerLimitsTest(ServerLimits{.max_streams = 2}) {}
+};
+
+TEST_F(StreamLimit, AsManyAsItMayBeOpen) {
+  RawPeer host = ConnectRaw();
+  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  host.Send(OpenFrame(2, kOnCreateWebDialog));
+  EXPECT_THAT(Settle(&host), IsEmpty());
+}
+
+TEST_F(StreamLimit, OneMoreIsRefusedAlone) {
+  RawPeer host = ConnectRaw();
+  for (const std::uint64_t id : {1, 2, 3})
+    host.Send(OpenFrame(id, kWhenTooltipChanged));
+  host.Send(NextFrame(1, Subscribe(7)));
+  EXPECT_THAT(
+      Settle(&host),
+      ElementsAre(
+          "ERROR 3 RESOURCE_EXHAUSTED: 2 streams open; the limit is 2"));
+  EXPECT_EQ(ListedForTooltips(7), 1u);
+  ExpectOthersAreServed();
+}
+
+TEST_F(StreamLimit, AnEndMakesRoom) {
+  RawPeer host = ConnectRaw();
+  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  host.Send(OpenFrame(2, kWhenTooltipChanged));
+  host.Send(CompleteFrame(1));
+  host.Send(OpenFrame(3, kWhenTooltipChanged));
+  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 1"));
+}
+
+// Subscriptions --------------------------------------------------------------
+
+class SubscriptionLimit : public ServerLimitsTest {
+ protected:
+  SubscriptionLimit()
+      : ServerLimitsTest(ServerLimits{.max_subscriptions = 3}) {}
+};
+
+TEST_F(SubscriptionLimit, AsManyAsItMayStandOnAllStreamsTogether) {
+  RawPeer host = ConnectRaw();
+  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  host.Send(OpenFrame(2, kWhenTooltipChanged));
+  host.Send(NextFrame(1, Subscribe(1)));
+  host.Send(NextFrame(1, Subscribe(2)));
+  host.Send(NextFrame(2, Subscribe(1)));
+  // A second time is no further subscription.
+  host.Send(NextFrame(2, Subscribe(1)));
+  EXPECT_THAT(Settle(&host), IsEmpty());
+}
+
+TEST_F(SubscriptionLimit, OneMoreEndsItsStreamAlone) {
+  RawPeer host = ConnectRaw();
+  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  host.Send(OpenFrame(2, kWhenTooltipChanged));
+  for (const std::uint64_t browser : {1, 2, 3})
+    host.Send(NextFrame(1, Subscribe(browser)));
+  host.Send(NextFrame(2, Subscribe(4)));
+  EXPECT_THAT(
+      Settle(&host),
+      ElementsAre("ERROR 2 RESOURCE_EXHAUSTED: subscription 4; the limit "
+                  "is 3",
+                  "COMPLETE 2"));
+  EXPECT_EQ(ListedForTooltips(3), 1u);
+  EXPECT_EQ(ListedForTooltips(4), 0u);
+  ExpectOthersAreServed();
+}
+
+TEST_F(SubscriptionLimit, UnsubscribingAndEndingMakeRoom) {
+  RawPeer host = ConnectRaw();
+  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  host.Send(OpenFrame(2, kWhenTooltipChanged));
+  host.Send(NextFrame(1, Subscribe(1)));
+  host.Send(NextFrame(2, Subscribe(2)));
+  host.Send(NextFrame(2, Subscribe(3)));
+  host.Send(NextFrame(1, Unsubscribe(1)));
+  host.Send(NextFrame(1, Subscribe(4)));
+  host.Send(CompleteFrame(2));
+  host.Send(NextFrame(1, Subscribe(5)));
+  host.Send(NextFrame(1, Subscribe(6)));
+  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 2"));
+}
+
+// Connections ----------------------------------------------------------------
+
+class ConnectionLimit : public ServerLimitsTest {
+ protected:
+  ConnectionLimit() : ServerLimitsTest(ServerLimits{.max_connections = 2}) {}
+};
+
+TEST_F(ConnectionLimit, AsManyAsItAreServed) {
+  RawPeer first = ConnectRaw();
+  RawPeer second = ConnectRaw();
+  second.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&second), ElementsAre("REPLY 1"));
+}
+
+TEST_F(ConnectionLimit, OneMoreIsToldAndClosed) {
+  RawPeer first = ConnectRaw();
+  RawPeer second = ConnectRaw();
+  auto pair = ConnectedPair();
+  ASSERT_TRUE(pair.ok()) << pair.status();
+  EXPECT_TRUE(absl::IsResourceExhausted(server->Adopt(pair->first.Release())));
+  RawPeer third(std::move(pair->second));
+  EXPECT_THAT(Settle(&third),
+              ElementsAre("ERROR 0 RESOURCE_EXHAUSTED: 2 hosts are connected; "
+                          "the limit is 2"));
+  EXPECT_TRUE(third.closed);
+  first.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&first), ElementsAre("REPLY 1"));
+}
+
+TEST_F(ConnectionLimit, AHostThatLeavesMakesRoom) {
+  RawPeer first = ConnectRaw();
+  { RawPeer second = ConnectRaw(); }
+  loop.RunUntilIdle();
+  RawPeer third = ConnectRaw();
+  third.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&third), ElementsAre("REPLY 1"));
+}
+
+// Nesting --------------------------------------------------------------------
+
+// A BrowserId with an unknown group in it, in which are groups, `depth` deep.
+std::string Nested(int depth) {
+  const std::string begin("\x7b", 1);  // Field 15, start of a group.
+  const std::string end("\x7c", 1);
+  std::string bytes;
+  for (int i = 0; i < depth; ++i) bytes += begin;
+  for (int i = 0; i < depth; ++i) bytes += end;
+  return bytes;
+}
+
+StreamMessage NestedCall(std::uint64_t id, int depth) {
+  StreamMessage frame = CallFrame(id, kShow);
+  frame.set_payload(Nested(depth));
+  return frame;
+}
+
+class DepthLimit : public ServerLimitsTest {
+ protected:
+  DepthLimit() : ServerLimitsTest(ServerLimits{.max_message_depth = 10}) {}
+};
+
+TEST_F(DepthLimit, MessagesMayBeNestedAsDeepAsItAndNotDeeper) {
+  RawPeer host = ConnectRaw();
+  for (const int depth : {9, 10, 11})
+    host.Send(NestedCall(static_cast<std::uint64_t>(depth), depth));
+  EXPECT_THAT(Settle(&host),
+              ElementsAre("REPLY 9", "REPLY 10",
+                          "ERROR 11 INVALID_ARGUMENT: the request is no "
+                          "BrowserId, or nested deeper than 10"));
+  ExpectOthersAreServed();
+}
+
+TEST_F(DepthLimit, HoldsOnStreamsToo) {
+  RawPeer host = ConnectRaw();
+  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  host.Send(Frame(StreamMessage::KIND_NEXT, 1, Nested(11)));
+  host.Send(OpenFrame(2, kOnCreateWebDialog));
+  host.Send(Frame(StreamMessage::KIND_NEXT, 2, Nested(11)));
+  EXPECT_THAT(Settle(&host),
+              ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
+                          "rpc.EventSubscription, or nested deeper than 10",
+                          "COMPLETE 1",
+                          "ERROR 2 INVALID_ARGUMENT: the payload is no "
+                          "rpc.CreateWebDialog, or nested deeper than 10",
+                          "COMPLETE 2"));
+}
+
+class BoundlessDepth : public ServerLimitsTest {
+ protected:
+  BoundlessDepth()
+      : ServerLimitsTest(ServerLimits{.max_message_depth = 1000000}) {}
+};
+
+TEST_F(BoundlessDepth, StaysWithinWhatStreamsCanRead) {
+  RawPeer host = ConnectRaw();
+  for (const int depth : {99, 100, 101})
+    host.Send(NestedCall(static_cast<std::uint64_t>(depth), depth));
+  EXPECT_THAT(Settle(&host),
+              ElementsAre("REPLY 99", "REPLY 100",
+                          StartsWith("ERROR 101 INVALID_ARGUMENT")));
+}
+
+// Time -----------------------------------------------------------------------
+
+class FrameTimeLimit : public ServerLimitsTest {
+ protected:
+  FrameTimeLimit()
+      : ServerLimitsTest(
+            ServerLimits{.max_frame_time = absl::Milliseconds(20)}) {}
+};
+
+TEST_F(FrameTimeLimit, AFrameThatIsNotFinishedInTimeEndsTheConnection) {
+  RawPeer host = ConnectRaw();
+  host.SendBytes(RawPeer::Bytes(CallFrame(1, kShow)).substr(0, 5));
+  loop.RunUntil([&] { return server->connections() == 0; });
+  EXPECT_THAT(
+      Settle(&host),
+      ElementsAre("ERROR 0 DEADLINE_EXCEEDED: frame not finished within "
+                  "20ms; 5 bytes of it have come"));
+  EXPECT_TRUE(host.closed);
+  EXPECT_EQ(server->counters().thrown_out, 1u);
+  ExpectOthersAreServed();
+}
+
+TEST_F(FrameTimeLimit, TheTimeBetweenFramesDoesNotCount) {
+  RawPeer host = ConnectRaw();
+  bool passed = false;
+  // The first frame's time is up when the second has begun a moment ago.
+  const std::string bytes = RawPeer::Bytes(CallFrame(1, kShow));
+  host.SendBytes(bytes.substr(0, 5));
+  loop.RunUntilIdle();
+  host.SendBytes(bytes.substr(5));
+  const auto later = loop.RunAfter(absl::Milliseconds(30), [&] {
+    host.SendBytes(RawPeer::Bytes(CallFrame(2, kShow)).substr(0, 5));
+    passed = true;
+  });
+  loop.RunUntil([&] { return passed; });
+  host.SendBytes(RawPeer::Bytes(CallFrame(2, kShow)).substr(5));
+  EXPECT_THAT(Settle(&host), ElementsAre("REPLY 1", "REPLY 2"));
+}
+
+}  // namespace
+}  // namespace orvane
