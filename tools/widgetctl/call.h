@@ -16,11 +16,14 @@
 
 namespace widgetctl {
 
+// What comes of a call, whoever makes it: the response, or an error whose text
+// is that of the failed call.
+using Answer = absl::StatusOr<std::unique_ptr<google::protobuf::Message>>;
+
 // A call that is ready to be made.
 struct UnaryCall {
   const google::protobuf::MethodDescriptor* method;
   std::unique_ptr<google::protobuf::Message> request;
-  std::unique_ptr<google::protobuf::Message> response;  // Empty at first.
 };
 
 // Finds the method in `service`, which is one of the generated pool, and reads
@@ -31,8 +34,8 @@ absl::StatusOr<UnaryCall> PrepareCall(
 
 // Makes the call and waits for its end. The text of an error is that of the
 // handler, if it was the handler that failed the call.
-absl::Status MakeCall(const UnaryCall& call, absl::Duration timeout,
-                      orvane::SocketClient& client);
+Answer MakeCall(const UnaryCall& call, absl::Duration timeout,
+                orvane::SocketClient& client);
 
 }  // namespace widgetctl
 

@@ -16,7 +16,9 @@
 #include "tools/widgetctl/describe.h"
 #include "tools/widgetctl/documented.h"
 #include "tools/widgetctl/json.h"
+#include "tools/widgetctl/session.h"
 #include "tools/widgetctl/session_runner.h"
+#include "tools/widgetctl/stream_commands.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
@@ -26,11 +28,6 @@ using orvane::EventLoop;
 using orvane::SocketClient;
 
 namespace {
-
-ExitCode Fail(ExitCode code, absl::string_view why) {
-  std::cerr << "widgetctl: " << why << '\n';
-  return code;
-}
 
 // All of a file, or of stdin if the path is "-".
 absl::StatusOr<std::string> ReadAll(const std::string& path) {
@@ -84,12 +81,12 @@ ExitCode Call(const Options& options,
   const absl::StatusOr<std::unique_ptr<SocketClient>> client =
       SocketClient::Connect(&loop, options.socket);
   if (!client.ok()) return Fail(kNoConnection, client.status().message());
-  if (const absl::Status ended = MakeCall(*call, options.timeout, **client);
-      !ended.ok()) {
+  const Answer answer = MakeCall(*call, options.timeout, **client);
+  if (!answer.ok()) {
     return Fail((*client)->status().ok() ? kFailed : kNoConnection,
-                absl::StrCat(method, " failed: ", ended.message()));
+                absl::StrCat(method, " failed: ", answer.status().message()));
   }
-  std::cout << ToJson(*call->response) << '\n';
+  std::cout << ToJson(**answer) << '\n';
   return kOk;
 }
 
@@ -97,8 +94,8 @@ ExitCode Run(const Options& options, const std::vector<std::string>& file) {
   const std::string& path = file[0];
   const absl::StatusOr<std::string> text = ReadAll(path);
   if (!text.ok()) return Fail(kUsage, text.status().message());
-  const absl::StatusOr<SessionRunner> session =
-      SessionRunner::Load(*options.service, *text);
+  const absl::StatusOr<std::vector<SessionStep>> session =
+      LoadSession(*options.service, *text);
   if (!session.ok()) {
     return Fail(kUsage, absl::StrCat(path == "-" ? "stdin" : path, ", ",
                                      session.status().message()));
@@ -108,17 +105,18 @@ ExitCode Run(const Options& options, const std::vector<std::string>& file) {
   const absl::StatusOr<std::unique_ptr<SocketClient>> client =
       SocketClient::Connect(&loop, options.socket);
   if (!client.ok()) return Fail(kNoConnection, client.status().message());
-  if (session->Run(options.timeout, **client, std::cout)) return kOk;
+  if (RunSession(*session, options.timeout, loop, **client, std::cout))
+    return kOk;
   const absl::Status& connection = (*client)->status();
   return connection.ok() ? kFailed : Fail(kNoConnection, connection.message());
 }
 
 constexpr Command kCommands[] = {
-    {"list", "", 0, 0, "lists the methods of the service",
+    {"list", "", "", 0, 0, "lists the methods of the service",
      "One method a line: index, name, kind, request -> response. Needs no "
      "server.\n",
      &List},
-    {"describe", "[METHOD|MESSAGE|ENUM]", 0, 1,
+    {"describe", "[METHOD|MESSAGE|ENUM]", "", 0, 1,
      "tells what methods and types are for",
      R"(Without a name: every method of the service. With one: that method, message or
 enum and the types that it needs. Fields have the names that they have in JSON.
@@ -128,26 +126,70 @@ In JSON an enum value is its name, bytes are base64, and a 64-bit number is a
 string (a plain number is read as well). What is left out has its default.
 )",
      &Describe},
-    {"call", "METHOD [JSON]", 1, 2, "calls a unary method",
+    {"call", "METHOD [JSON]", "", 1, 2, "calls a unary method",
      R"(The request is JSON, read from stdin if it is `-`, {} if it is left out. The
 response is printed as JSON on one line.
 
   widgetctl call Show '{"value": 1}'
 )",
      &Call},
-    {"run", "FILE", 1, 1, "replays a recorded session",
-     R"(Makes the calls of FILE, or of stdin if it is `-`, and holds each answer
-against the one that the file expects. Each line is a call, with its response or
-the exact text of its error, or a remark, or blank:
+    {"watch", "METHOD KEY", "[--count N]", 2, 2,
+     "prints the events of a browser",
+     R"(Prints each event as JSON on one line, until SIGINT or SIGTERM. The key is a
+BrowserId as JSON, or its bare number. With --count it ends after N events, and
+fails if they have not come within the timeout.
+
+  widgetctl watch WhenCursorChanged 1
+)",
+     &Watch},
+    {"serve", "METHOD KEY",
+     "(--reply JSON | --fail TEXT | --command COMMAND) [--count N]", 2, 2,
+     "answers the calls of a browser",
+     R"(Prints each call as JSON on one line and answers it, until SIGINT or SIGTERM.
+The key is a BrowserId as JSON, or its bare number. The answer to each call is
+
+  --reply JSON       this response
+  --fail TEXT        an error
+  --command COMMAND  what COMMAND prints as JSON; it is run by /bin/sh and reads
+                     the printed line from its stdin. If it fails or prints no
+                     response, so does the call.
+
+Calls wait for their commands side by side. With --count it ends after N answers,
+and fails if they have not been given within the timeout.
+
+  widgetctl serve OnTakeFocus 1 --reply '{"taken": true}'
+)",
+     &Serve},
+    {"run", "FILE", "", 1, 1, "replays a recorded session",
+     R"(Does what the lines of FILE say, or of stdin if it is `-`, and holds what comes
+of it against what the file expects. A line is blank, a remark, or one of these:
 
   # Browser 7 was never created.
-  Show {"value": 1} => {}
   Show {"value": 7} => error: browser 7 does not exist
+  Show {"value": 1} => {}
+
+  watch WhenCursorChanged 1
+  event WhenCursorChanged {"browserId": {"value": 1}}
+  end WhenCursorChanged 1
+
+  serve OnTakeFocus 1 => {"taken": true}
+  called OnTakeFocus {"browserId": {"value": 1}, "call": {}}
+  end OnTakeFocus 1
+
+Calls end with their response or with the exact text of their error, and so do
+those that are served. `event` and `called` wait for the next of their method
+that arrives. What arrives and is not expected by the end is as wrong as what
+differs.
 )",
      &Run},
 };
 
 }  // namespace
+
+ExitCode Fail(ExitCode code, absl::string_view why) {
+  std::cerr << "widgetctl: " << why << '\n';
+  return code;
+}
 
 absl::Span<const Command> Commands() { return kCommands; }
 

@@ -4,6 +4,7 @@
 #define TOOLS_WIDGETCTL_COMMANDS_H_
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,21 +20,31 @@ namespace widgetctl {
 // What the program exits with.
 enum ExitCode : int {
   kOk = 0,
-  kFailed = 1,  // A call failed, or a session was not as expected.
+  kFailed = 1,  // A call or a stream failed, or a session was not as expected.
   kUsage = 2,   // Unknown names, wrong JSON and unreadable files among it.
-  kNoConnection = 3,
+  kNoConnection = 3,  // Or the widget has ended it, or the stream.
 };
+
+// Tells stderr why, and returns the code.
+ExitCode Fail(ExitCode code, absl::string_view why);
 
 struct Options {
   // The service to talk about and to, of the generated pool.
   const google::protobuf::ServiceDescriptor* service;
   std::string socket = orvane::DefaultSocketPath("widget");
-  absl::Duration timeout = absl::Seconds(5);  // Of each call; above 0.
+  absl::Duration timeout = absl::Seconds(5);  // Of each wait; above 0.
+
+  // Of `watch` and `serve`.
+  std::optional<int> count = std::nullopt;  // Above 0.
+  std::optional<std::string> reply = std::nullopt;
+  std::optional<std::string> fail = std::nullopt;
+  std::optional<std::string> command = std::nullopt;
 };
 
 struct Command {
   absl::string_view name;
   absl::string_view arguments;  // Their names, as help shows them.
+  absl::string_view options;    // Those that not all have, as help shows them.
   std::size_t min_arguments;
   std::size_t max_arguments;
   absl::string_view summary;

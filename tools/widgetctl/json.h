@@ -4,9 +4,12 @@
 #ifndef TOOLS_WIDGETCTL_JSON_H_
 #define TOOLS_WIDGETCTL_JSON_H_
 
+#include <memory>
 #include <string>
 
 #include "absl/status/status.h"
+#include "absl/strings/string_view.h"
+#include "google/protobuf/descriptor.h"
 #include "google/protobuf/message.h"
 
 namespace widgetctl {
@@ -16,6 +19,15 @@ namespace widgetctl {
 // type; unknown fields count as wrong. The message is unspecified then.
 absl::Status FromJson(const std::string& json,
                       google::protobuf::Message* message);
+
+// The same, and an error tells what the JSON was to be: "the request of Show is
+// no JSON of BrowserId: …" where `what` is "the request of Show".
+absl::Status ReadJson(absl::string_view what, const std::string& json,
+                      google::protobuf::Message* message);
+
+// An empty message of a type of the generated pool.
+std::unique_ptr<google::protobuf::Message> NewMessage(
+    const google::protobuf::Descriptor* type);
 
 // One line, without fields that have their default value.
 std::string ToJson(const google::protobuf::Message& message);

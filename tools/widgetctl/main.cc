@@ -4,10 +4,13 @@
 
 #include <cmath>
 #include <iostream>
+#include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "absl/strings/match.h"
 #include "absl/strings/numbers.h"
 #include "absl/strings/str_cat.h"
 #include "absl/strings/str_format.h"
@@ -37,19 +40,28 @@ std::string Help(const Options& defaults) {
       "                     (default ",
       defaults.socket,
       ")\n"
-      "  --timeout SECONDS  give each call this long, such as 0.5 (default ",
+      "  --timeout SECONDS  wait this long, such as 0.5, for an answer, for what\n"
+      "                     a session expects, and for a count (default ",
       absl::ToInt64Seconds(defaults.timeout),
       ")\n"
+      "  --count N          watch, serve: end after N events or answers\n"
+      "  --reply JSON       serve: answer with this response\n"
+      "  --fail TEXT        serve: fail each call with this text\n"
+      "  --command COMMAND  serve: answer with what this prints\n"
       "  --help             print this, or more about a command, and exit\n"
       "\n"
-      "Exit code: 0 if all went well, 1 if a call failed or a session was not\n"
-      "as expected, 2 for wrong usage (with unknown names, wrong JSON and\n"
-      "unreadable files), 3 without a connection to the widget.\n");
+      "Exit code: 0 if all went well, 1 if a call or a stream failed or a\n"
+      "session was not as expected, 2 for wrong usage (with unknown names, "
+      "wrong\n"
+      "JSON and unreadable files), 3 without a connection to the widget, or "
+      "when\n"
+      "the widget has ended it.\n");
   return help;
 }
 
 std::string Help(const Command& command) {
-  return absl::StrCat("Usage: widgetctl [OPTION]... ", Synopsis(command), "\n",
+  return absl::StrCat("Usage: widgetctl [OPTION]... ", Synopsis(command),
+                      command.options.empty() ? "" : " ", command.options, "\n",
                       command.details);
 }
 
@@ -72,6 +84,24 @@ bool ParseTimeout(const char* text, absl::Duration* timeout) {
   return *timeout > absl::ZeroDuration();
 }
 
+bool ParseCount(const char* text, std::optional<int>* count) {
+  return absl::SimpleAtoi(text, &count->emplace()) && **count > 0;
+}
+
+// The first option that was given and is not this command's, or none.
+absl::string_view ForeignOption(const Command& command,
+                                const Options& options) {
+  const std::pair<absl::string_view, bool> given[] = {
+      {"--count", options.count.has_value()},
+      {"--reply", options.reply.has_value()},
+      {"--fail", options.fail.has_value()},
+      {"--command", options.command.has_value()}};
+  for (const auto& [name, is_given] : given) {
+    if (is_given && !absl::StrContains(command.options, name)) return name;
+  }
+  return "";
+}
+
 ExitCode RunCommand(const Options& options, const std::string& name,
                     const std::vector<std::string>& arguments,
                     bool wants_help) {
@@ -89,6 +119,10 @@ ExitCode RunCommand(const Options& options, const std::string& name,
         arguments.size() > command.max_arguments) {
       return RefuseUsage(absl::StrCat("the command is ", Synopsis(command)));
     }
+    if (const absl::string_view foreign = ForeignOption(command, options);
+        !foreign.empty()) {
+      return RefuseUsage(absl::StrCat(name, " takes no ", foreign));
+    }
     return command.run(options, arguments);
   }
   return RefuseUsage(
@@ -98,6 +132,10 @@ ExitCode RunCommand(const Options& options, const std::string& name,
 ExitCode Main(int argc, char** argv) {
   const option known[] = {{"socket", required_argument, nullptr, 's'},
                           {"timeout", required_argument, nullptr, 't'},
+                          {"count", required_argument, nullptr, 'n'},
+                          {"reply", required_argument, nullptr, 'r'},
+                          {"fail", required_argument, nullptr, 'f'},
+                          {"command", required_argument, nullptr, 'c'},
                           {"help", no_argument, nullptr, 'h'},
                           {}};
   const Options defaults{rpc::BrowserWidgetRpc::descriptor()};
@@ -115,6 +153,21 @@ ExitCode Main(int argc, char** argv) {
               absl::StrCat("--timeout takes a number of seconds above 0, not '",
                            optarg, "'"));
         }
+        break;
+      case 'n':
+        if (!ParseCount(optarg, &options.count)) {
+          return RefuseUsage(absl::StrCat(
+              "--count takes a whole number above 0, not '", optarg, "'"));
+        }
+        break;
+      case 'r':
+        options.reply = optarg;
+        break;
+      case 'f':
+        options.fail = optarg;
+        break;
+      case 'c':
+        options.command = optarg;
         break;
       case 'h':
         wants_help = true;

@@ -43,9 +43,9 @@ bool IsUnary(const MethodDescriptor& method) {
 }
 
 absl::string_view KindOf(const MethodDescriptor& method) {
-  if (IsUnary(method)) return "unary";
-  return method.input_type() == method.output_type() ? "callback stream"
-                                                     : "event stream";
+  if (IsUnary(method)) return kUnary;
+  return method.input_type() == method.output_type() ? kCallbackStream
+                                                     : kEventStream;
 }
 
 absl::StatusOr<const MethodDescriptor*> FindMethod(
@@ -60,6 +60,17 @@ absl::StatusOr<const MethodDescriptor*> FindMethod(
   return absl::NotFoundError(absl::StrCat("no method ", name, " in ",
                                           service.full_name(),
                                           DidYouMean(name, names)));
+}
+
+absl::StatusOr<const MethodDescriptor*> FindMethodOfKind(
+    const ServiceDescriptor& service, absl::string_view name,
+    absl::string_view kind, absl::string_view use) {
+  const absl::StatusOr<const MethodDescriptor*> found =
+      FindMethod(service, name);
+  if (!found.ok() || KindOf(**found) == kind) return found;
+  return absl::InvalidArgumentError(
+      absl::StrCat(name, " cannot be ", use, ": it is of kind ",
+                   KindOf(**found), ", not ", kind));
 }
 
 std::string DidYouMean(absl::string_view name,

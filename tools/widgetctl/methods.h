@@ -12,8 +12,12 @@
 
 namespace widgetctl {
 
-// "unary", "event stream" or "callback stream". A callback stream has one
-// message type for both directions.
+inline constexpr absl::string_view kUnary = "unary";
+inline constexpr absl::string_view kEventStream = "event stream";
+inline constexpr absl::string_view kCallbackStream = "callback stream";
+
+// One of these three. A callback stream has one message type for both
+// directions.
 absl::string_view KindOf(const google::protobuf::MethodDescriptor& method);
 
 bool IsUnary(const google::protobuf::MethodDescriptor& method);
@@ -22,6 +26,12 @@ bool IsUnary(const google::protobuf::MethodDescriptor& method);
 // are case-sensitive.
 absl::StatusOr<const google::protobuf::MethodDescriptor*> FindMethod(
     const google::protobuf::ServiceDescriptor& service, absl::string_view name);
+
+// The same, and kInvalidArgument if the method is of another kind: "Show cannot
+// be watched: it is of kind unary, not event stream". `use` is "watched" there.
+absl::StatusOr<const google::protobuf::MethodDescriptor*> FindMethodOfKind(
+    const google::protobuf::ServiceDescriptor& service, absl::string_view name,
+    absl::string_view kind, absl::string_view use);
 
 // "; did you mean A, B or C?" with those of `candidates` that look most like
 // `name`, the most similar first, or nothing if none does. Case does not count.

@@ -34,6 +34,25 @@ TEST(FindMethod, NamesTheNearestMethodsOfAnUnknownName) {
                 "no method Shwo in rpc.BrowserWidgetRpc; did you mean Show?"));
 }
 
+TEST(FindMethodOfKind, FindsOneOfThatKind) {
+  const auto found =
+      FindMethodOfKind(Service(), "OnTakeFocus", kCallbackStream, "served");
+  ASSERT_TRUE(found.ok()) << found.status();
+  EXPECT_EQ((*found)->name(), "OnTakeFocus");
+}
+
+TEST(FindMethodOfKind, TellsWhichKindAnotherIsOf) {
+  EXPECT_EQ(
+      FindMethodOfKind(Service(), "Show", kEventStream, "watched").status(),
+      absl::InvalidArgumentError("Show cannot be watched: it is of kind "
+                                 "unary, not event stream"));
+}
+
+TEST(FindMethodOfKind, NamesTheNearestMethodsOfAnUnknownName) {
+  EXPECT_EQ(FindMethodOfKind(Service(), "Shwo", kUnary, "called").status(),
+            FindMethod(Service(), "Shwo").status());
+}
+
 TEST(DidYouMean, HasNothingToSayIfNothingIsNear) {
   EXPECT_EQ(DidYouMean("Teleport", {"Show", "Hide"}), "");
 }

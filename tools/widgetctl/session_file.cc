@@ -1,6 +1,7 @@
 #include "tools/widgetctl/session_file.h"
 
 #include <cstddef>
+#include <utility>
 
 #include "absl/status/status.h"
 #include "absl/strings/ascii.h"
@@ -12,6 +13,7 @@ namespace widgetctl {
 namespace {
 
 constexpr absl::string_view kArrow = "=>";
+constexpr absl::string_view kServe = "serve";
 
 // Where the first arrow stands that is not inside a string of the JSON.
 std::size_t FindArrow(absl::string_view text) {
@@ -28,14 +30,26 @@ std::size_t FindArrow(absl::string_view text) {
   return absl::string_view::npos;
 }
 
-absl::StatusOr<RecordedCall> ParseCall(absl::string_view line) {
+// The first word and what follows it, without the blanks around both.
+std::pair<absl::string_view, absl::string_view> SplitWord(
+    absl::string_view text) {
+  const std::pair<absl::string_view, absl::string_view> parts =
+      absl::StrSplit(absl::StripAsciiWhitespace(text),
+                     absl::MaxSplits(absl::ByAnyChar(" \t"), 1));
+  return {parts.first, absl::StripLeadingAsciiWhitespace(parts.second)};
+}
+
+// `subject` is what the line is, such as "a call"; `request` stands between its
+// method and the arrow.
+absl::StatusOr<RecordedCall> ParseAnswered(absl::string_view line,
+                                           absl::string_view subject,
+                                           absl::string_view request) {
   const std::size_t arrow = FindArrow(line);
   if (arrow == absl::string_view::npos) {
-    return absl::InvalidArgumentError("a call lacks its `=>` and answer");
+    return absl::InvalidArgumentError(
+        absl::StrCat(subject, " lacks its `=>` and answer"));
   }
-  const std::pair<absl::string_view, absl::string_view> call =
-      absl::StrSplit(absl::StripAsciiWhitespace(line.substr(0, arrow)),
-                     absl::MaxSplits(absl::ByAnyChar(" \t"), 1));
+  const auto call = SplitWord(line.substr(0, arrow));
   absl::string_view answer =
       absl::StripLeadingAsciiWhitespace(line.substr(arrow + kArrow.size()));
   const auto outcome = absl::ConsumePrefix(&answer, "error:")
@@ -51,17 +65,62 @@ absl::StatusOr<RecordedCall> ParseCall(absl::string_view line) {
     return absl::InvalidArgumentError("no method in front of `=>`");
   }
   if (call.second.empty()) {
-    return absl::InvalidArgumentError(absl::StrCat(
-        call.first, " lacks its request; an empty one is written {}"));
+    return absl::InvalidArgumentError(
+        absl::StrCat(call.first, " lacks its ", request));
   }
   if (answer.empty() && outcome == RecordedCall::Outcome::kResponse) {
     return absl::InvalidArgumentError(absl::StrCat(
         call.first, " lacks its answer; an empty response is written {}"));
   }
-  return RecordedCall{
-      std::string(call.first),
-      std::string(absl::StripLeadingAsciiWhitespace(call.second)), outcome,
-      std::string(answer)};
+  return RecordedCall{std::string(call.first), std::string(call.second),
+                      outcome, std::string(answer)};
+}
+
+struct VerbWords {
+  absl::string_view word;
+  RecordedStep::Verb verb;
+  absl::string_view json;  // What it takes behind the method.
+};
+
+constexpr VerbWords kVerbs[] = {
+    {"watch", RecordedStep::Verb::kWatch, "key"},
+    {"event", RecordedStep::Verb::kEvent, "event"},
+    {"called", RecordedStep::Verb::kCalled, "call"},
+    {"end", RecordedStep::Verb::kEnd, "key"},
+};
+
+absl::StatusOr<RecordedStep> ParseStep(const VerbWords& verb,
+                                       absl::string_view rest) {
+  const auto [method, json] = SplitWord(rest);
+  if (method.empty()) {
+    return absl::InvalidArgumentError(
+        absl::StrCat(verb.word, " lacks its method"));
+  }
+  if (json.empty()) {
+    return absl::InvalidArgumentError(
+        absl::StrCat(verb.word, " ", method, " lacks its ", verb.json));
+  }
+  return RecordedStep{verb.verb, std::string(method), std::string(json)};
+}
+
+// `line` is neither blank nor a remark.
+absl::StatusOr<SessionLine> ParseLine(int number, absl::string_view line) {
+  const auto [word, rest] = SplitWord(line);
+  for (const VerbWords& verb : kVerbs) {
+    if (verb.word != word) continue;
+    absl::StatusOr<RecordedStep> step = ParseStep(verb, rest);
+    if (!step.ok()) return step.status();
+    return SessionLine{number, *std::move(step)};
+  }
+  // Not `rest`: the text of an error may end in blanks.
+  const bool is_serve = word == kServe;
+  absl::StatusOr<RecordedCall> call =
+      is_serve ? ParseAnswered(line.substr(kServe.size()), kServe, "key")
+               : ParseAnswered(line, "a call",
+                               "request; an empty one is written {}");
+  if (!call.ok()) return call.status();
+  if (is_serve) return SessionLine{number, RecordedServe{*std::move(call)}};
+  return SessionLine{number, *std::move(call)};
 }
 
 }  // namespace
@@ -78,12 +137,12 @@ absl::StatusOr<std::vector<SessionLine>> ParseSession(absl::string_view text) {
                                    absl::StripTrailingAsciiWhitespace(line))}});
       continue;
     }
-    absl::StatusOr<RecordedCall> call = ParseCall(line);
-    if (!call.ok()) {
+    absl::StatusOr<SessionLine> parsed = ParseLine(number, line);
+    if (!parsed.ok()) {
       return absl::InvalidArgumentError(
-          absl::StrCat("line ", number, ": ", call.status().message()));
+          absl::StrCat("line ", number, ": ", parsed.status().message()));
     }
-    lines.push_back({number, *std::move(call)});
+    lines.push_back(*std::move(parsed));
   }
   return lines;
 }

@@ -1,12 +1,30 @@
-// Recorded sessions: calls in a text file, each with the answer it must get.
+// Recorded sessions: what a host does, in a text file, and what must come of
+// it.
 //
 //   # The host shows a view that exists, and one that does not.
 //   Show {"value": 1} => {}
 //   Show {"value": 7} => error: browser 7 does not exist
 //
-// A line is a call, a remark behind `#`, or blank. A call is a method, its
-// request as JSON, `=>`, and then either the response as JSON, or `error: ` and
-// the whole text of the error up to the end of the line, to the letter.
+//   # It follows the cursor, and takes the focus when it is asked to.
+//   watch WhenCursorChanged 1
+//   serve OnTakeFocus 1 => {"taken": true}
+//   ForwardKeyPress {"browserId": {"value": 1}, "key": {"key": "Tab"}} => {}
+//   called OnTakeFocus {"browserId": {"value": 1}, "call": {}}
+//   end OnTakeFocus 1
+//
+// A line is blank, a remark behind `#`, or one of these:
+//
+//   METHOD JSON => ANSWER        calls the method with this request
+//   watch METHOD KEY             opens an event stream for the browser KEY
+//   event METHOD JSON            the next event of this method is this one
+//   serve METHOD KEY => ANSWER   opens a callback stream for the browser KEY
+//                                and answers each of its calls
+//   called METHOD JSON           the next call of this method was this one
+//   end METHOD KEY               ends the stream that was opened so
+//
+// An ANSWER is the response as JSON, or `error: ` and the whole text of the
+// error up to the end of the line, to the letter. A KEY is a BrowserId as JSON,
+// or its bare number.
 
 #ifndef TOOLS_WIDGETCTL_SESSION_FILE_H_
 #define TOOLS_WIDGETCTL_SESSION_FILE_H_
@@ -20,7 +38,7 @@
 
 namespace widgetctl {
 
-// Words between the calls.
+// Words between the lines that do something.
 struct Remark {
   std::string text;  // With its `#`.
 };
@@ -35,9 +53,23 @@ struct RecordedCall {
   std::string answer;  // The response, or the text of the error.
 };
 
+// `serve`: as a call, with the key for a request.
+struct RecordedServe {
+  RecordedCall call;
+};
+
+// The lines without an answer.
+struct RecordedStep {
+  enum class Verb { kWatch, kEvent, kCalled, kEnd };
+
+  Verb verb;
+  std::string method;
+  std::string json;  // The key, the event or the call.
+};
+
 struct SessionLine {
   int number;  // From 1.
-  std::variant<Remark, RecordedCall> content;
+  std::variant<Remark, RecordedCall, RecordedServe, RecordedStep> content;
 };
 
 // The lines that are not blank. kInvalidArgument names the first line that is

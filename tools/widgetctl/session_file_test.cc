@@ -16,8 +16,20 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// "3 Show {} = {}" for a response, "3 Show {} ! text" for an error, and
-// "3 # text" for a remark.
+std::string Words(const RecordedCall& call) {
+  const bool is_error = call.outcome == RecordedCall::Outcome::kError;
+  return absl::StrCat(call.method, " ", call.request, is_error ? " ! " : " = ",
+                      call.answer);
+}
+
+std::string Words(const RecordedStep& step) {
+  constexpr absl::string_view kVerbs[] = {"watch", "event", "called", "end"};
+  return absl::StrCat(kVerbs[static_cast<int>(step.verb)], ": ", step.method,
+                      " ", step.json);
+}
+
+// "3 Show {} = {}" for a response, "3 Show {} ! text" for an error, "3 # text"
+// for a remark, and "3 watch: WhenDone 1" for what has a verb.
 std::vector<std::string> Lines(absl::string_view text) {
   const absl::StatusOr<std::vector<SessionLine>> lines = ParseSession(text);
   EXPECT_TRUE(lines.ok()) << lines.status();
@@ -28,10 +40,14 @@ std::vector<std::string> Lines(absl::string_view text) {
       words.push_back(absl::StrCat(line.number, " ", remark->text));
     }
     if (const auto* const call = std::get_if<RecordedCall>(&line.content)) {
-      const bool is_error = call->outcome == RecordedCall::Outcome::kError;
-      words.push_back(absl::StrCat(line.number, " ", call->method, " ",
-                                   call->request, is_error ? " ! " : " = ",
-                                   call->answer));
+      words.push_back(absl::StrCat(line.number, " ", Words(*call)));
+    }
+    if (const auto* const serve = std::get_if<RecordedServe>(&line.content)) {
+      words.push_back(
+          absl::StrCat(line.number, " serve: ", Words(serve->call)));
+    }
+    if (const auto* const step = std::get_if<RecordedStep>(&line.content)) {
+      words.push_back(absl::StrCat(line.number, " ", Words(*step)));
     }
   }
   return words;
@@ -108,6 +124,61 @@ TEST(SessionFile, RefusesACallWithoutARequest) {
 TEST(SessionFile, RefusesACallWithoutAMethod) {
   EXPECT_EQ(Complaint("Show {} => {}\n => {}\n"),
             "line 2: no method in front of `=>`");
+}
+
+TEST(SessionFile, WatchesAndEndsByKey) {
+  EXPECT_THAT(Lines("watch WhenDone {\"value\": 1}\n"
+                    "\twatch  WhenDone \t 1 \n"
+                    "end WhenDone 1\n"),
+              ElementsAre("1 watch: WhenDone {\"value\": 1}",
+                          "2 watch: WhenDone 1", "3 end: WhenDone 1"));
+}
+
+TEST(SessionFile, ExpectsEventsAndCalls) {
+  EXPECT_THAT(Lines("event WhenDone {\"text\": \"a => b\"}\n"
+                    "called OnAsk {\"call\": {}}\n"),
+              ElementsAre("1 event: WhenDone {\"text\": \"a => b\"}",
+                          "2 called: OnAsk {\"call\": {}}"));
+}
+
+TEST(SessionFile, ServesWithAResponseOrAnError) {
+  EXPECT_THAT(Lines("serve OnAsk {\"value\": 1} => {\"yes\": true}\n"
+                    "serve OnAsk 2=>error: not now \n"),
+              ElementsAre("1 serve: OnAsk {\"value\": 1} = {\"yes\": true}",
+                          "2 serve: OnAsk 2 ! not now "));
+}
+
+TEST(SessionFile, TakesAMethodThatBeginsLikeAVerbForAMethod) {
+  EXPECT_THAT(Lines("watches {} => {}\nserver {} => {}\n"),
+              ElementsAre("1 watches {} = {}", "2 server {} = {}"));
+}
+
+TEST(SessionFile, RefusesAVerbWithoutAMethod) {
+  EXPECT_EQ(Complaint("watch\n"), "line 1: watch lacks its method");
+  EXPECT_EQ(Complaint("event \n"), "line 1: event lacks its method");
+  EXPECT_EQ(Complaint("called\t\n"), "line 1: called lacks its method");
+  EXPECT_EQ(Complaint("end"), "line 1: end lacks its method");
+  EXPECT_EQ(Complaint("serve => {}"), "line 1: no method in front of `=>`");
+}
+
+TEST(SessionFile, RefusesAStreamWithoutAKey) {
+  EXPECT_EQ(Complaint("watch WhenDone"),
+            "line 1: watch WhenDone lacks its key");
+  EXPECT_EQ(Complaint("end WhenDone "), "line 1: end WhenDone lacks its key");
+  EXPECT_EQ(Complaint("serve OnAsk => {}"), "line 1: OnAsk lacks its key");
+}
+
+TEST(SessionFile, RefusesToExpectNothingInParticular) {
+  EXPECT_EQ(Complaint("event WhenDone"),
+            "line 1: event WhenDone lacks its event");
+  EXPECT_EQ(Complaint("called OnAsk"), "line 1: called OnAsk lacks its call");
+}
+
+TEST(SessionFile, RefusesToServeWithoutAnAnswer) {
+  EXPECT_EQ(Complaint("serve OnAsk 1"),
+            "line 1: serve lacks its `=>` and answer");
+  EXPECT_EQ(Complaint("serve OnAsk 1 =>"),
+            "line 1: OnAsk lacks its answer; an empty response is written {}");
 }
 
 }  // namespace

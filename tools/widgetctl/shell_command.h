@@ -1,0 +1,51 @@
+// Programs that answer calls.
+
+#ifndef TOOLS_WIDGETCTL_SHELL_COMMAND_H_
+#define TOOLS_WIDGETCTL_SHELL_COMMAND_H_
+
+#include <memory>
+#include <string>
+
+#include "absl/functional/any_invocable.h"
+#include "absl/status/statusor.h"
+#include "absl/strings/string_view.h"
+
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+
+namespace widgetctl {
+
+// A command that runs beside the loop, by /bin/sh. What it writes to stderr
+// goes where ours does.
+//
+// Thread: the service thread. Lifetime: the loop outlives it.
+class ShellCommand {
+ public:
+  // Runs once, when the command has exited and its stdout is closed: with what
+  // it printed, or with words on how it failed. May destroy the command.
+  using EndHandler =
+      absl::AnyInvocable<void(absl::StatusOr<std::string> printed) &&>;
+
+  // Starts the command with `input` to read from its stdin. On error, in words,
+  // nothing has been started.
+  static absl::StatusOr<std::unique_ptr<ShellCommand>> Start(
+      orvane::EventLoop* loop, const std::string& command,
+      absl::string_view input, EndHandler on_end);
+
+  ShellCommand(const ShellCommand&) = delete;
+  ShellCommand& operator=(const ShellCommand&) = delete;
+
+  // Asks the shell to terminate if it has not, and does not wait for that.
+  // `on_end` does not run any more.
+  ~ShellCommand();
+
+ private:
+  class Process;
+
+  explicit ShellCommand(std::shared_ptr<Process> process);
+
+  const std::shared_ptr<Process> process_;
+};
+
+}  // namespace widgetctl
+
+#endif  // TOOLS_WIDGETCTL_SHELL_COMMAND_H_

@@ -1,0 +1,212 @@
+#include "tools/widgetctl/stream_commands.h"
+
+#include <csignal>
+#include <cstdint>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "absl/status/status.h"
+#include "absl/status/statusor.h"
+#include "absl/strings/str_cat.h"
+#include "absl/strings/string_view.h"
+#include "absl/time/time.h"
+#include "google/protobuf/message.h"
+
+#include "tools/widgetctl/call.h"
+#include "tools/widgetctl/json.h"
+#include "tools/widgetctl/shell_command.h"
+#include "tools/widgetctl/streams.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/client_stream.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+
+namespace widgetctl {
+
+using google::protobuf::Message;
+using google::protobuf::MethodDescriptor;
+using orvane::ClientStream;
+using orvane::EventLoop;
+using orvane::SocketClient;
+
+namespace {
+
+// Flushed, since whoever reads this wants to know now.
+void PrintLine(absl::string_view line) { std::cout << line << std::endl; }
+
+// Counts what a stream brings, up to the end of the command.
+class Progress {
+ public:
+  // `unit` is what is counted, in the plural.
+  Progress(const Options& options, absl::string_view method,
+           absl::string_view unit)
+      : options_(options), method_(method), unit_(unit) {}
+
+  void CountOne() { ++counted_; }
+  bool is_complete() const { return counted_ == options_.count; }
+
+  EndHandler OnEnd() {
+    return [this](const absl::Status& why) { end_ = why; };
+  }
+
+  // Runs the loop until the count is complete, a signal asks for the end, the
+  // stream has ended or it takes too long. Called once.
+  ExitCode Run(EventLoop& loop, const SocketClient& client) {
+    loop.OnSignal({SIGINT, SIGTERM}, [this] { is_interrupted_ = true; });
+    std::unique_ptr<EventLoop::Timer> deadline;
+    if (options_.count.has_value()) {
+      deadline = loop.RunAfter(options_.timeout, [this] { is_late_ = true; });
+    }
+    loop.RunUntil([this] {
+      return is_complete() || is_interrupted_ || end_.has_value() || is_late_;
+    });
+    if (is_complete() || is_interrupted_) return kOk;
+    if (end_.has_value()) return FailBecauseOf(*end_, client);
+    return Fail(kFailed, absl::StrCat(method_, " failed: ", counted_, " of ",
+                                      *options_.count, " ", unit_, " within ",
+                                      absl::FormatDuration(options_.timeout)));
+  }
+
+ private:
+  ExitCode FailBecauseOf(const absl::Status& end,
+                         const SocketClient& client) const {
+    if (end.ok()) {
+      return Fail(kNoConnection,
+                  absl::StrCat(method_, " ended: the widget completed it"));
+    }
+    return Fail(client.status().ok() ? kFailed : kNoConnection,
+                absl::StrCat(method_, " failed: ", end.message()));
+  }
+
+  const Options& options_;
+  const absl::string_view method_;
+  const absl::string_view unit_;
+  int counted_ = 0;
+  bool is_interrupted_ = false;
+  bool is_late_ = false;
+  std::optional<absl::Status> end_;
+};
+
+absl::Status CheckThereIsOneAnswer(const Options& options) {
+  const int answers = (options.reply.has_value() ? 1 : 0) +
+                      (options.fail.has_value() ? 1 : 0) +
+                      (options.command.has_value() ? 1 : 0);
+  if (answers == 1) return absl::OkStatus();
+  return absl::InvalidArgumentError(
+      answers == 0 ? "serve needs --reply JSON, --fail TEXT or "
+                     "--command COMMAND"
+                   : "serve takes only one of --reply, --fail and --command");
+}
+
+// The message has its browser, if not more.
+std::string ToLine(const WidgetCall& call) {
+  const std::string json = ToJson(call.message());
+  return absl::StrCat("{\"callId\":\"", call.id(), "\",", json.substr(1));
+}
+
+// Answers calls with what a command prints, each as soon as it has.
+class CommandAnswers {
+ public:
+  CommandAnswers(EventLoop* loop, const MethodDescriptor* method,
+                 const Options& options, Progress* progress)
+      : loop_(loop), method_(method), options_(options), progress_(progress) {}
+
+  void Begin(WidgetCall call, const std::string& line) {
+    const auto waiting = std::make_shared<const WidgetCall>(std::move(call));
+    absl::StatusOr<std::unique_ptr<ShellCommand>> started = ShellCommand::Start(
+        loop_, *options_.command, absl::StrCat(line, "\n"),
+        [this, waiting](const absl::StatusOr<std::string>& printed) {
+          const auto ended = running_.extract(waiting->id());
+          Give(*waiting, printed);
+        });
+    if (!started.ok()) return Give(*waiting, started.status());
+    running_.emplace(waiting->id(), *std::move(started));
+  }
+
+ private:
+  void Give(const WidgetCall& call,
+            const absl::StatusOr<std::string>& printed) {
+    const Answer answer = printed.ok() ? ReadResponse(*method_, *printed)
+                                       : Answer(printed.status());
+    if (!answer.ok()) {
+      std::cerr << "widgetctl: call " << call.id()
+                << " failed: " << answer.status().message() << std::endl;
+    }
+    call.Give(answer);
+    progress_->CountOne();
+  }
+
+  EventLoop* const loop_;
+  const MethodDescriptor* const method_;
+  const Options& options_;
+  Progress* const progress_;
+  std::map<std::int64_t, std::unique_ptr<ShellCommand>> running_;
+};
+
+}  // namespace
+
+ExitCode Watch(const Options& options,
+               const std::vector<std::string>& method_and_key) {
+  const absl::StatusOr<Subscription> watch =
+      PrepareWatch(*options.service, method_and_key[0], method_and_key[1]);
+  if (!watch.ok()) return Fail(kUsage, watch.status().message());
+
+  EventLoop loop;
+  const absl::StatusOr<std::unique_ptr<SocketClient>> client =
+      SocketClient::Connect(&loop, options.socket);
+  if (!client.ok()) return Fail(kNoConnection, client.status().message());
+  Progress progress(options, method_and_key[0], "events");
+  const std::unique_ptr<ClientStream> stream = OpenWatch(
+      *watch, **client,
+      [&progress](const std::unique_ptr<Message>& event) {
+        if (progress.is_complete()) return;
+        PrintLine(ToJson(*event));
+        progress.CountOne();
+      },
+      progress.OnEnd());
+  return progress.Run(loop, **client);
+}
+
+ExitCode Serve(const Options& options,
+               const std::vector<std::string>& method_and_key) {
+  const absl::StatusOr<Subscription> serve =
+      PrepareServe(*options.service, method_and_key[0], method_and_key[1]);
+  if (!serve.ok()) return Fail(kUsage, serve.status().message());
+  if (const absl::Status checked = CheckThereIsOneAnswer(options);
+      !checked.ok()) {
+    return Fail(kUsage, checked.message());
+  }
+  std::optional<Answer> fixed;  // Unless a command decides.
+  if (options.reply.has_value()) {
+    fixed = ReadResponse(*serve->method, *options.reply);
+    if (!fixed->ok()) return Fail(kUsage, fixed->status().message());
+  } else if (options.fail.has_value()) {
+    fixed = absl::UnknownError(*options.fail);
+  }
+
+  EventLoop loop;
+  const absl::StatusOr<std::unique_ptr<SocketClient>> client =
+      SocketClient::Connect(&loop, options.socket);
+  if (!client.ok()) return Fail(kNoConnection, client.status().message());
+  Progress progress(options, method_and_key[0], "calls");
+  CommandAnswers answers(&loop, serve->method, options, &progress);
+  int begun = 0;
+  const std::unique_ptr<ClientStream> stream = OpenServe(
+      *serve, **client,
+      [&](WidgetCall call) {
+        // One too many: it is cancelled when the stream ends.
+        if (begun == options.count) return;
+        ++begun;
+        const std::string line = ToLine(call);
+        PrintLine(line);
+        if (!fixed.has_value()) return answers.Begin(std::move(call), line);
+        call.Give(*fixed);
+        progress.CountOne();
+      },
+      progress.OnEnd());
+  return progress.Run(loop, **client);
+}
+
+}  // namespace widgetctl
