@@ -1,5 +1,7 @@
 #include "tools/widgetctl/json.h"
 
+#include <string>
+
 #include "absl/status/status.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -11,8 +13,10 @@
 namespace widgetctl {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::AnyOf;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 TEST(Json, ReadsBothNumbersAndStringsAs64Bits) {
   BrowserId id;
@@ -49,6 +53,16 @@ TEST(Json, TellsWhichFieldHasAWrongValue) {
   rpc::AttachRequest request;
   EXPECT_THAT(FromJson(R"({"renderingMode": "LARGE"})", &request).message(),
               HasSubstr("rendering_mode"));
+}
+
+TEST(Json, TellsWhatItWasToBe) {
+  BrowserId id;
+  EXPECT_TRUE(ReadJson("the key of Show", "{}", &id).ok());
+  const absl::Status status =
+      ReadJson("the key of Show", R"({"valeu": 7})", &id);
+  EXPECT_THAT(std::string(status.message()),
+              AllOf(StartsWith("the key of Show is no JSON of BrowserId: "),
+                    HasSubstr("valeu")));
 }
 
 TEST(Json, IsWrittenOnOneLineInLowerCamelCaseWithoutDefaults) {

@@ -40,7 +40,8 @@ std::string Help(const Options& defaults) {
       "                     (default ",
       defaults.socket,
       ")\n"
-      "  --timeout SECONDS  wait this long, such as 0.5, for an answer, for what\n"
+      "  --timeout SECONDS  wait this long, such as 0.5, for an answer, for "
+      "what\n"
       "                     a session expects, and for a count (default ",
       absl::ToInt64Seconds(defaults.timeout),
       ")\n"

@@ -130,11 +130,10 @@ class CommandAnswers {
             const absl::StatusOr<std::string>& printed) {
     const Answer answer = printed.ok() ? ReadResponse(*method_, *printed)
                                        : Answer(printed.status());
-    if (!answer.ok()) {
+    if (const absl::Status given = call.Give(answer); !given.ok()) {
       std::cerr << "widgetctl: call " << call.id()
-                << " failed: " << answer.status().message() << std::endl;
+                << " failed: " << given.message() << std::endl;
     }
-    call.Give(answer);
     progress_->CountOne();
   }
 
@@ -202,7 +201,7 @@ ExitCode Serve(const Options& options,
         const std::string line = ToLine(call);
         PrintLine(line);
         if (!fixed.has_value()) return answers.Begin(std::move(call), line);
-        call.Give(*fixed);
+        call.Give(*fixed).IgnoreError();  // An error is what --fail wants.
         progress.CountOne();
       },
       progress.OnEnd());

@@ -23,8 +23,7 @@ using rpc::transport::StreamMessage;
 
 namespace {
 
-// The fields that every callback type has, and EventSubscription's only one of
-// use here.
+// The fields of every callback type; an EventSubscription has the second one.
 constexpr char kBrowserId[] = "browser_id";
 constexpr char kSubscribe[] = "subscribe";
 constexpr char kCall[] = "call";
@@ -114,21 +113,21 @@ WidgetCall::WidgetCall(std::int64_t id, std::unique_ptr<Message> message,
                        std::weak_ptr<ClientStreamSender> sender)
     : id_(id), message_(std::move(message)), sender_(std::move(sender)) {}
 
-void WidgetCall::Give(const Answer& answer) const {
+absl::Status WidgetCall::Give(const Answer& answer) const {
   const std::shared_ptr<ClientStreamSender> sender = sender_.lock();
-  if (sender == nullptr) return;
-  const std::unique_ptr<Message> failure(message_->New());
-  Mutable(failure.get(), kBrowserId)->CopyFrom(Get(*message_, kBrowserId));
+  if (sender == nullptr) return absl::UnavailableError("the stream has ended");
+  const std::unique_ptr<Message> reply(message_->New());
+  Mutable(reply.get(), kBrowserId)->CopyFrom(Get(*message_, kBrowserId));
   absl::Status given = answer.status();
   if (given.ok()) {
-    const std::unique_ptr<Message> reply(failure->New());
-    reply->CopyFrom(*failure);
     Mutable(reply.get(), kResponse)->CopyFrom(**answer);
     given = sender->Next(*reply, id_);
   }
-  if (given.ok()) return;
+  if (given.ok()) return given;
+  reply->GetReflection()->ClearField(reply.get(), Field(*reply, kResponse));
   // Fails only if the stream has ended.
-  sender->Error(*failure, id_, std::string(given.message())).IgnoreError();
+  sender->Error(*reply, id_, std::string(given.message())).IgnoreError();
+  return given;
 }
 
 std::unique_ptr<ClientStream> OpenWatch(

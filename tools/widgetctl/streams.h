@@ -62,9 +62,10 @@ class WidgetCall {
     return std::move(message_);
   }
 
-  // Responds, or fails the call with the text of the error. A response that is
-  // too long to send fails the call as well.
-  void Give(const Answer& answer) const;
+  // Responds, or fails the call with the text of the error, as does a response
+  // that is too long to send. Returns the error, if that was the end of the
+  // call.
+  absl::Status Give(const Answer& answer) const;
 
  private:
   std::int64_t id_;

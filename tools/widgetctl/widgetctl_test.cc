@@ -1,22 +1,20 @@
 // The program itself, run against a server in this process.
 
-#include <fstream>
 #include <optional>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
-#include "absl/status/status.h"
 #include "absl/strings/str_cat.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
 #include "examples/testing/child_process.h"
-#include "examples/testing/temporary_folder.h"
 #include "rpc/browser/browser_widget.rpc.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "tools/widgetctl/program_test.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
+namespace widgetctl {
 namespace {
 
 using example_testing::ChildProcess;
@@ -70,70 +68,17 @@ class ScriptedWidget final : public rpc::BrowserWidgetRpc {
   std::vector<Closure*> unanswered_;
 };
 
-class WidgetctlTest : public testing::Test {
+class WidgetctlTest : public ProgramTest<ScriptedWidget> {
  protected:
-  WidgetctlTest() {
-    widget_.server.emplace(&loop_, &widget_);
-    const absl::Status listens = widget_.server->Listen(socket_);
-    EXPECT_TRUE(listens.ok()) << listens;
-    service_thread_ = std::thread([this] { loop_.Run(); });
-  }
-
-  ~WidgetctlTest() override {
-    loop_.Stop();
-    service_thread_.join();
-  }
-
-  ChildProcess::Result Widgetctl(std::vector<std::string> arguments) const {
-    std::vector<std::string> command = {WIDGETCTL, "--socket", socket_};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return ChildProcess(command).Wait();
-  }
-
   ChildProcess::Result WidgetctlReading(
       const std::string& input, std::vector<std::string> arguments) const {
-    std::vector<std::string> command = {"/bin/sh",
-                                        "-c",
-                                        R"(exec "$@" <"$0")",
-                                        File("input", input),
-                                        WIDGETCTL,
-                                        "--socket",
-                                        socket_};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return ChildProcess(command).Wait();
+    const std::vector<std::string> command = Command(std::move(arguments));
+    std::vector<std::string> shell = {"/bin/sh", "-c", R"(exec "$@" <"$0")",
+                                      File("input", input)};
+    shell.insert(shell.end(), command.begin(), command.end());
+    return ChildProcess(shell).Wait();
   }
-
-  std::string File(const std::string& name, const std::string& text) const {
-    std::string path = Path(name);
-    std::ofstream(path) << text;
-    return path;
-  }
-
-  std::string Path(const std::string& name) const {
-    return absl::StrCat(folder_.path(), "/", name);
-  }
-
- private:
-  const example_testing::TemporaryFolder folder_;
-  const std::string socket_ = Path("widget.sock");
-  orvane::EventLoop loop_;
-  ScriptedWidget widget_;
-  std::thread service_thread_;
 };
-
-MATCHER_P(Succeeds, output, "") {
-  *result_listener << "exit code " << arg.exit_code << ", errors "
-                   << arg.errors;
-  return arg.exit_code == 0 && arg.errors.empty() &&
-         ExplainMatchResult(output, arg.output, result_listener);
-}
-
-MATCHER_P2(Fails, exit_code, errors, "") {
-  *result_listener << "exit code " << arg.exit_code << ", errors "
-                   << arg.errors;
-  return arg.exit_code == exit_code && arg.output.empty() &&
-         ExplainMatchResult(errors, arg.errors, result_listener);
-}
 
 TEST_F(WidgetctlTest, ListNeedsNoServer) {
   EXPECT_THAT(Widgetctl({"list", "--socket", Path("nobody.sock")}),
@@ -199,7 +144,7 @@ TEST_F(WidgetctlTest, CallTellsThatTheConnectionWasLost) {
                     "the widget closed the connection\n"));
 }
 
-TEST_F(WidgetctlTest, CallAndRunTellThatNobodyListens) {
+TEST_F(WidgetctlTest, CommandsThatConnectTellThatNobodyListens) {
   const std::string nobody = Path("nobody.sock");
   const auto tells =
       Fails(3, StartsWith("widgetctl: no server listens at " + nobody + ": "));
@@ -207,6 +152,12 @@ TEST_F(WidgetctlTest, CallAndRunTellThatNobodyListens) {
   EXPECT_THAT(
       Widgetctl({"--socket", nobody, "run", File("calls", "Show {} => {}\n")}),
       tells);
+  EXPECT_THAT(
+      Widgetctl({"--socket", nobody, "watch", "WhenCursorChanged", "1"}),
+      tells);
+  EXPECT_THAT(Widgetctl({"--socket", nobody, "serve", "OnTakeFocus", "1",
+                         "--reply", "{}"}),
+              tells);
 }
 
 TEST_F(WidgetctlTest, OptionsMayFollowTheCommand) {
@@ -265,6 +216,66 @@ const Misuse kMisuses[] = {
     {"TimeoutWithUnit", {"--timeout", "5s", "list"}, "not '5s'"},
     {"EndlessTimeout", {"--timeout", "inf", "list"}, "not 'inf'"},
     {"TimeoutOfNoNumber", {"--timeout", "nan", "list"}, "not 'nan'"},
+    {"WatchOfAUnaryMethod",
+     {"watch", "Show", "1"},
+     "Show cannot be watched: it is of kind unary, not event stream\n"},
+    {"WatchOfACallbackStream",
+     {"watch", "OnTakeFocus", "1"},
+     "OnTakeFocus cannot be watched: it is of kind callback stream, not event "
+     "stream\n"},
+    {"WatchOfAnUnknownMethod",
+     {"watch", "WhenCursorChange", "1"},
+     "did you mean WhenCursorChanged?\n"},
+    {"WatchWithoutKey",
+     {"watch", "WhenCursorChanged"},
+     "the command is watch METHOD KEY\n"},
+    {"WatchOfAKeyInWords",
+     {"watch", "WhenCursorChanged", "one"},
+     "the key of WhenCursorChanged is no JSON of BrowserId: "},
+    {"WatchOfATooLargeKey",
+     {"watch", "WhenCursorChanged", "18446744073709551616"},
+     "the key of WhenCursorChanged is no JSON of BrowserId: "},
+    {"WatchOfAKeyWithAnUnknownField",
+     {"watch", "WhenCursorChanged", R"({"valeu": 1})"},
+     "valeu"},
+    {"WatchWithAnAnswer",
+     {"watch", "WhenCursorChanged", "1", "--reply", "{}"},
+     "watch takes no --reply\nSee widgetctl --help.\n"},
+    {"ServeOfAUnaryMethod",
+     {"serve", "Show", "1", "--reply", "{}"},
+     "Show cannot be served: it is of kind unary, not callback stream\n"},
+    {"ServeOfAnEventStream",
+     {"serve", "WhenCursorChanged", "1", "--reply", "{}"},
+     "WhenCursorChanged cannot be served: it is of kind event stream, not "
+     "callback stream\n"},
+    {"ServeWithoutKey",
+     {"serve", "OnTakeFocus", "--reply", "{}"},
+     "the command is serve METHOD KEY\n"},
+    {"ServeOfAKeyInWords",
+     {"serve", "OnTakeFocus", "one", "--reply", "{}"},
+     "the key of OnTakeFocus is no JSON of BrowserId: "},
+    {"ServeWithoutAnswer",
+     {"serve", "OnTakeFocus", "1"},
+     "serve needs --reply JSON, --fail TEXT or --command COMMAND\n"},
+    {"ServeWithTwoAnswers",
+     {"serve", "OnTakeFocus", "1", "--reply", "{}", "--fail", "no"},
+     "serve takes only one of --reply, --fail and --command\n"},
+    {"ServeWithAReplyThatDoesNotFit",
+     {"serve", "OnTakeFocus", "1", "--reply", R"({"took": true})"},
+     "the response of OnTakeFocus is no JSON of rpc.TakeFocusResponse: "},
+    {"CountOfZero",
+     {"watch", "WhenCursorChanged", "1", "--count", "0"},
+     "--count takes a whole number above 0, not '0'\n"},
+    {"CountInWords",
+     {"watch", "WhenCursorChanged", "1", "--count", "two"},
+     "not 'two'"},
+    {"CountOfCalls",
+     {"call", "Show", "--count", "2"},
+     "call takes no --count\n"},
+    {"FailingCall", {"call", "Show", "--fail", "no"}, "call takes no --fail\n"},
+    {"CommandOfASession",
+     {"run", "-", "--command", "true"},
+     "run takes no --command\n"},
     {"MissingSession",
      {"run", "/nowhere/calls"},
      "cannot read /nowhere/calls: No such file or directory\n"},
@@ -281,11 +292,16 @@ TEST_F(WidgetctlTest, HelpTellsCommandsOptionsAndExitCodes) {
       Widgetctl({"--help"}),
       Succeeds(AllOf(
           StartsWith("Usage: widgetctl "), HasSubstr("\n  call METHOD [JSON] "),
-          HasSubstr("\n  --timeout SECONDS "), HasSubstr("\nExit code: "))));
+          HasSubstr("\n  watch METHOD KEY "),
+          HasSubstr("\n  serve METHOD KEY "),
+          HasSubstr("\n  --timeout SECONDS "), HasSubstr("\n  --count N "),
+          HasSubstr("\n  --reply JSON "), HasSubstr("\n  --fail TEXT "),
+          HasSubstr("\n  --command COMMAND "), HasSubstr("\nExit code: "))));
 }
 
 TEST_F(WidgetctlTest, EachCommandHasHelpOfItsOwn) {
-  for (const std::string command : {"list", "describe", "call", "run"}) {
+  for (const std::string command :
+       {"list", "describe", "call", "watch", "serve", "run"}) {
     EXPECT_THAT(
         Widgetctl({command, "--help"}),
         Succeeds(StartsWith("Usage: widgetctl [OPTION]... " + command)));
@@ -414,6 +430,9 @@ TEST_F(WidgetctlTest, RunMakesNoCallsIfALineIsWrong) {
   EXPECT_THAT(complaint("Hide {} => {\"value\": 1}"),
               StartsWith(where + "the response of Hide is no JSON of "
                                  "google.protobuf.Empty"));
+  EXPECT_EQ(complaint("event WhenCursorChanged {}"),
+            where + "WhenCursorChanged was not watched before\n");
 }
 
 }  // namespace
+}  // namespace widgetctl
