@@ -20,7 +20,7 @@ absl::Status FromJson(const std::string& json, Message* message) {
 
 absl::Status ReadJson(absl::string_view what, const std::string& json,
                       Message* message) {
-  const absl::Status read = FromJson(json, message);
+  absl::Status read = FromJson(json, message);
   if (read.ok()) return read;
   return absl::InvalidArgumentError(absl::StrCat(
       what, " is no JSON of ", message->GetTypeName(), ": ", read.message()));

@@ -65,8 +65,7 @@ absl::StatusOr<const MethodDescriptor*> FindMethod(
 absl::StatusOr<const MethodDescriptor*> FindMethodOfKind(
     const ServiceDescriptor& service, absl::string_view name,
     absl::string_view kind, absl::string_view use) {
-  const absl::StatusOr<const MethodDescriptor*> found =
-      FindMethod(service, name);
+  absl::StatusOr<const MethodDescriptor*> found = FindMethod(service, name);
   if (!found.ok() || KindOf(**found) == kind) return found;
   return absl::InvalidArgumentError(
       absl::StrCat(name, " cannot be ", use, ": it is of kind ",

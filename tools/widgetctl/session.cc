@@ -37,7 +37,7 @@ class Loader {
   }
 
  private:
-  absl::StatusOr<Action> Take(const Remark& remark) { return remark; }
+  static absl::StatusOr<Action> Take(const Remark& remark) { return remark; }
 
   absl::StatusOr<Action> Take(const RecordedCall& recorded) {
     absl::StatusOr<UnaryCall> call =

@@ -1,7 +1,6 @@
 #include "tools/widgetctl/stream_commands.h"
 
 #include <csignal>
-#include <cstdint>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -100,10 +99,10 @@ absl::Status CheckThereIsOneAnswer(const Options& options) {
                    : "serve takes only one of --reply, --fail and --command");
 }
 
-// The message has its browser, if not more.
+// The JSON of the message is never empty: it has the call.
 std::string ToLine(const WidgetCall& call) {
   const std::string json = ToJson(call.message());
-  return absl::StrCat("{\"callId\":\"", call.id(), "\",", json.substr(1));
+  return absl::StrCat(R"({"callId":")", call.id(), R"(",)", json.substr(1));
 }
 
 // Answers calls with what a command prints, each as soon as it has.
@@ -118,11 +117,11 @@ class CommandAnswers {
     absl::StatusOr<std::unique_ptr<ShellCommand>> started = ShellCommand::Start(
         loop_, *options_.command, absl::StrCat(line, "\n"),
         [this, waiting](const absl::StatusOr<std::string>& printed) {
-          const auto ended = running_.extract(waiting->id());
+          const auto ended = running_.extract(waiting.get());
           Give(*waiting, printed);
         });
     if (!started.ok()) return Give(*waiting, started.status());
-    running_.emplace(waiting->id(), *std::move(started));
+    running_.emplace(waiting.get(), *std::move(started));
   }
 
  private:
@@ -141,7 +140,7 @@ class CommandAnswers {
   const MethodDescriptor* const method_;
   const Options& options_;
   Progress* const progress_;
-  std::map<std::int64_t, std::unique_ptr<ShellCommand>> running_;
+  std::map<const WidgetCall*, std::unique_ptr<ShellCommand>> running_;
 };
 
 }  // namespace
