@@ -27,8 +27,9 @@ class Loader {
 
   absl::StatusOr<SessionStep> Load(const SessionLine& line) {
     line_ = line.number;
-    absl::StatusOr<Action> action = std::visit(
-        [this](const auto& content) { return Take(content); }, line.content);
+    absl::StatusOr<Action> action =
+        std::visit([this](const auto& content) { return this->Take(content); },
+                   line.content);
     if (!action.ok()) {
       return absl::InvalidArgumentError(
           absl::StrCat("line ", line_, ": ", action.status().message()));
