@@ -52,6 +52,14 @@ TEST_F(ClientStreamTest, AFailedCallCarriesTheMessageTheIdAndWords) {
   EXPECT_EQ(widget->frames[1].call_id(), 99);
 }
 
+TEST_F(ClientStreamTest, WhatFitsNoFrameIsRefusedAndTheStreamGoesOn) {
+  Open();
+  EXPECT_TRUE(absl::IsResourceExhausted(stream->sender()->Next(
+      Answer(7, std::string(kDefaultMaxFrameBytes, 'x')), 1)));
+  EXPECT_TRUE(stream->sender()->Next(Answer(7, "Ada"), 1).ok());
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "NEXT 1"));
+}
+
 TEST_F(ClientStreamTest, EventsArriveInOrder) {
   Open();
   SayAtOnce({Event("a"), Event("b"), Event("c")});

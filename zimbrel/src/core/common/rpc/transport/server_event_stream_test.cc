@@ -237,6 +237,51 @@ TEST_F(ServerEventStreamTest, AHandlerMayDestroyTheServerWhileStreamsAreOpen) {
   EXPECT_EQ(RegisteredKeys(), 0u);
 }
 
+// A host that does not read.
+
+class StalledHostTest : public ServerEventStreamTest {
+ protected:
+  StalledHostTest() {
+    // More than a socket takes.
+    for (int i = 0; i < 16; ++i) PublishTo(7, std::string(1 << 20, 'x'));
+    loop.RunUntilIdle();
+  }
+
+  std::optional<RawPeer> stalled = WatchingHost();
+};
+
+TEST_F(StalledHostTest, HoldsUpNobodyElse) {
+  RawPeer host = WatchingHost();
+  PublishTo(7, "tip");
+  EXPECT_THAT(Settle(&host), ElementsAre("NEXT 1"));
+}
+
+TEST_F(StalledHostTest, MissesNothingOnceItReads) {
+  PublishTo(7, "last");
+  std::size_t received = 0;
+  while (received < 17) {
+    const std::size_t more = Settle(&*stalled).size();
+    received += more;
+  }
+  EXPECT_EQ(stalled->frames.back().payload(),
+            Tooltip("last").SerializeAsString());
+}
+
+TEST_F(StalledHostTest, VanishesLikeAnyOther) {
+  stalled.reset();
+  loop.RunUntilIdle();
+  EXPECT_EQ(server->connections(), 0u);
+  EXPECT_EQ(RegisteredKeys(), 0u);
+}
+
+TEST_F(StalledHostTest, DoesNotKeepTheServer) {
+  server.reset();
+  loop.RunUntilIdle();
+  EXPECT_EQ(RegisteredKeys(), 0u);
+  stalled->Receive();
+  EXPECT_TRUE(stalled->closed);
+}
+
 // Large events.
 
 class SmallFramesEventStreamTest : public ServerEventStreamTest {
