@@ -33,7 +33,8 @@ struct ServeStep {
   Answer answer;  // To every call.
 };
 
-// An event, or a call of the widget, that must be the next of its method.
+// What the next event, or call of the widget, of a method must have; it may have
+// more, such as times and names that are never the same twice.
 struct ArrivalStep {
   const google::protobuf::MethodDescriptor* method;
   std::unique_ptr<google::protobuf::Message> expected;

@@ -16,10 +16,10 @@
 //
 //   METHOD JSON => ANSWER        calls the method with this request
 //   watch METHOD KEY             opens an event stream for the browser KEY
-//   event METHOD JSON            the next event of this method is this one
+//   event METHOD JSON            the next event of this method has these fields
 //   serve METHOD KEY => ANSWER   opens a callback stream for the browser KEY
 //                                and answers each of its calls
-//   called METHOD JSON           the next call of this method was this one
+//   called METHOD JSON           the next call of this method had these fields
 //   end METHOD KEY               ends the stream that was opened so
 //
 // An ANSWER is the response as JSON, or `error: ` and the whole text of the
