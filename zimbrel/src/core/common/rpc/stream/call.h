@@ -50,6 +50,14 @@ class CallHandle {
   std::weak_ptr<internal::OpenCall> call_;
 };
 
+// Whether a stream serves `key`, so that Call would send to it: for callers that
+// do something else, or need not prepare, if nobody does. Good until the service
+// thread goes on to other work.
+//
+// Thread: the service thread.
+template <CallMessage T>
+bool IsServed(const KeyOf<T>& key);
+
 // Calls the host that serves `key`.
 //
 // An error means that there was no call, and neither continuation runs:
@@ -99,6 +107,17 @@ using Caller = std::function<absl::StatusOr<CallHandle>(
 
 namespace internal {
 
+// The living stream that serves `key`, or null.
+template <CallMessage T>
+CallbackStream<T>* FindServing(const KeyOf<T>& key) {
+  const auto served = CallbackStream<T>::stream_map_.find(&key);
+  if (served == CallbackStream<T>::stream_map_.end() ||
+      !Registrations::Get().Has(served->second, served->first)) {
+    return nullptr;
+  }
+  return served->second;
+}
+
 template <CallMessage T>
 void Drop(AbstractStream* stream, const google::protobuf::Message& key,
           std::int64_t id) {
@@ -108,16 +127,18 @@ void Drop(AbstractStream* stream, const google::protobuf::Message& key,
 }  // namespace internal
 
 template <CallMessage T>
+bool IsServed(const KeyOf<T>& key) {
+  return internal::FindServing<T>(key) != nullptr;
+}
+
+template <CallMessage T>
 absl::StatusOr<CallHandle> Call(
     const KeyOf<T>& key, CallOf<T> call,
     absl::AnyInvocable<void(ResponseOf<T>) &&> on_response,
     absl::AnyInvocable<void(absl::Status) &&> on_failure, CallOptions options) {
-  const auto served = CallbackStream<T>::stream_map_.find(&key);
-  if (served == CallbackStream<T>::stream_map_.end() ||
-      !internal::Registrations::Get().Has(served->second, served->first)) {
-    return internal::NobodyServes(key, *T::descriptor());
-  }
-  CallbackStream<T>& stream = *served->second;
+  CallbackStream<T>* const serving = internal::FindServing<T>(key);
+  if (serving == nullptr) return internal::NobodyServes(key, *T::descriptor());
+  CallbackStream<T>& stream = *serving;
 
   T message;
   *message.mutable_browser_id() = key;

@@ -83,6 +83,23 @@ TEST_F(CallTest, IsAnErrorAtOnceWhenTheFrameCannotBeSent) {
   EXPECT_TRUE(Ask(kBrowser, "a").ok());
 }
 
+TEST_F(CallTest, IsServedWhileALivingStreamServesTheKey) {
+  EXPECT_FALSE(IsServed<CreateWebDialog>(kBrowser));
+  host.Subscribe(kBrowser);
+  EXPECT_TRUE(IsServed<CreateWebDialog>(kBrowser));
+  EXPECT_FALSE(IsServed<CreateWebDialog>(kOther));
+  EXPECT_FALSE(IsServed<rpc::TakeFocus>(kBrowser));
+  host.Unsubscribe(kBrowser);
+  EXPECT_FALSE(IsServed<CreateWebDialog>(kBrowser));
+}
+
+TEST_F(CallTest, IsNotServedByAStreamThatVanished) {
+  host.Subscribe(kBrowser);
+  host.Vanish();
+  EXPECT_FALSE(IsServed<CreateWebDialog>(kBrowser));
+  RemoveRegistration<CreateWebDialog>(kBrowser);
+}
+
 // How a call ends -----------------------------------------------------------
 
 TEST_F(CallTest, EndsWithTheAnswerAfterTheFrameWasHandled) {
