@@ -4,6 +4,7 @@
 
 #include "absl/strings/str_cat.h"
 
+#include "examples/widget_server/page_layout.h"
 #include "examples/widget_server/x11.h"
 
 namespace widget_server {
@@ -11,13 +12,8 @@ namespace {
 
 using TouchPoints = google::protobuf::RepeatedPtrField<rpc::TouchPoint>;
 
-// Along both axes, in DIPs from the corner of the view.
-constexpr double kPictureBegin = 16;
-constexpr double kPictureEnd = 80;
-
 bool IsOnPicture(const rpc::PointDip& position) {
-  return position.x() >= kPictureBegin && position.x() < kPictureEnd &&
-         position.y() >= kPictureBegin && position.y() < kPictureEnd;
+  return GetElement(ElementId::kPicture).place.Contains(position);
 }
 
 absl::Status CheckKey(const rpc::Key& key) {

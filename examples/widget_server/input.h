@@ -25,8 +25,7 @@ namespace widget_server {
 // Takes one event by each operation and keeps what is held, touched and dragged
 // since. An event that cannot be is refused in words and changes nothing.
 //
-// The page that gets the input is imagined: text, and one picture that can be
-// dragged, 64 by 64 DIPs, 16 from the left and from the top of the view.
+// Of the page that gets the input it knows that its picture can be dragged.
 class Input {
  public:
   static constexpr std::size_t kRecentEvents = 8;

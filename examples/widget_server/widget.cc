@@ -27,6 +27,9 @@ double RoundToPixels(double dips, double scale_factor) {
 
 }  // namespace
 
+Widget::Widget(std::uint64_t browser, rpc::BrowserWidgetRpc* service)
+    : browser_(browser), page_(std::make_shared<Page>(browser, service)) {}
+
 absl::Status Widget::Attach(const rpc::AttachRequest& request,
                             rpc::AttachResult* result) {
   if (view_.has_value()) {
@@ -149,6 +152,25 @@ absl::Status Widget::AttachAccessibleWindow(
   }
   is_joined->set_value(false);
   return absl::OkStatus();
+}
+
+void Widget::UpdatePage(absl::FunctionRef<void(Page&)> react) {
+  Viewport viewport;
+  viewport.is_accessibility_on = is_accessibility_on_;
+  viewport.scale_factor = scale_factor();
+  if (view_.has_value()) {
+    viewport.is_attached = true;
+    viewport.is_drawn_off_screen =
+        view_->rendering_mode() == rpc::RENDERING_MODE_OFF_SCREEN &&
+        view_->is_drawn();
+    viewport.has_focus = view_->has_focus();
+    viewport.has_drag_begun_in_page = view_->input().has_drag_begun_in_page();
+    viewport.width = view_->bounds().width();
+    viewport.height = view_->bounds().height();
+  }
+  page_->SetViewport(viewport);
+  react(*page_);
+  page_->Draw();
 }
 
 double Widget::scale_factor() const {

@@ -4,24 +4,30 @@
 #define EXAMPLES_WIDGET_SERVER_WIDGET_H_
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 
+#include "absl/functional/function_ref.h"
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
 #include "google/protobuf/wrappers.pb.h"
 
+#include "examples/widget_server/page.h"
 #include "examples/widget_server/view.h"
 #include "rpc/browser/accessibility.pb.h"
+#include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/browser/display.pb.h"
 #include "rpc/browser/window.pb.h"
 
 namespace widget_server {
 
-// Lives as long as its browser; the view in it only while it is attached. Wrong
+// Lives as long as its browser, as the page does; the view in it only while it
+// is attached. Wrong
 // use is refused in words that a host can show, and changes nothing.
 class Widget {
  public:
-  explicit Widget(std::uint64_t browser) : browser_(browser) {}
+  // The page publishes and calls through `service`, which outlives the widget.
+  Widget(std::uint64_t browser, rpc::BrowserWidgetRpc* service);
 
   // Fills `result`, which may say that the widget cannot do what was asked.
   absl::Status Attach(const rpc::AttachRequest& request,
@@ -50,6 +56,10 @@ class Widget {
       const rpc::AttachAccessibleWindowRequest& request,
       google::protobuf::BoolValue* is_joined);
 
+  // Tells the page what has become of the view, then has it `react`.
+  void UpdatePage(absl::FunctionRef<void(Page&)> react);
+  const Page& page() const { return *page_; }
+
   // Pixels per DIP in use: the forced ones; else those of the display if it is
   // known and the browser DPI aware; else 1.
   double scale_factor() const;
@@ -65,6 +75,7 @@ class Widget {
 
  private:
   const std::uint64_t browser_;
+  const std::shared_ptr<Page> page_;
   std::optional<View> view_;
   rpc::WindowHandle host_window_;
   rpc::Display display_;

@@ -10,7 +10,7 @@ namespace widget_server {
 
 WidgetService::WidgetService(int browsers) {
   for (int browser = 1; browser <= browsers; ++browser)
-    widgets_.try_emplace(browser, browser);
+    widgets_.try_emplace(browser, browser, this);
 }
 
 absl::StatusOr<Widget*> WidgetService::FindWidget(const BrowserId& browser_id) {
@@ -29,22 +29,28 @@ absl::StatusOr<Widget*> WidgetService::FindWidget(const BrowserId& browser_id) {
       last));
 }
 
-void WidgetService::ServeWidget(
-    Controller* controller, const BrowserId& browser_id, Closure* done,
-    absl::FunctionRef<absl::Status(Widget&)> serve) {
+void WidgetService::ServeWidget(Controller* controller,
+                                const BrowserId& browser_id, Closure* done,
+                                absl::FunctionRef<absl::Status(Widget&)> serve,
+                                absl::FunctionRef<void(Page&)> react) {
   const absl::StatusOr<Widget*> widget = FindWidget(browser_id);
   const absl::Status status = widget.ok() ? serve(**widget) : widget.status();
   if (!status.ok()) controller->SetFailed(std::string(status.message()));
   done->Run();
+  if (status.ok()) (*widget)->UpdatePage(react);
 }
 
 void WidgetService::ServeView(Controller* controller,
                               const BrowserId& browser_id, Closure* done,
-                              absl::FunctionRef<absl::Status(View&)> serve) {
-  ServeWidget(controller, browser_id, done, [&](Widget& widget) {
-    const absl::StatusOr<View*> view = widget.view();
-    return view.ok() ? serve(**view) : view.status();
-  });
+                              absl::FunctionRef<absl::Status(View&)> serve,
+                              absl::FunctionRef<void(Page&)> react) {
+  ServeWidget(
+      controller, browser_id, done,
+      [&](Widget& widget) {
+        const absl::StatusOr<View*> view = widget.view();
+        return view.ok() ? serve(**view) : view.status();
+      },
+      react);
 }
 
 template <typename Event>
@@ -55,10 +61,24 @@ void WidgetService::ServeInput(Controller* controller, const Event& event,
             [&](View& view) { return (view.input().*take)(event); });
 }
 
+template <typename Event>
+void WidgetService::ServeInput(Controller* controller, const Event& event,
+                               Closure* done,
+                               absl::Status (Input::*take)(const Event&),
+                               void (Page::*react)(const Event&)) {
+  const Event kept = event;  // For the page, which reacts after the reply.
+  ServeView(
+      controller, event.browser_id(), done,
+      [&](View& view) { return (view.input().*take)(event); },
+      [&](Page& page) { (page.*react)(kept); });
+}
+
 void WidgetService::Focus(Controller* controller,
                           const rpc::FocusRequest* request, Empty*,
                           Closure* done) {
-  ServeView(controller, request->browser_id(), done, &View::Focus);
+  const rpc::FocusRequest kept = *request;
+  ServeView(controller, request->browser_id(), done, &View::Focus,
+            [&](Page& page) { page.Focus(kept); });
 }
 
 void WidgetService::Unfocus(Controller* controller, const BrowserId* request,
@@ -134,7 +154,7 @@ void WidgetService::GetChromiumWindowHandle(Controller* controller,
 void WidgetService::ForwardKeyPress(Controller* controller,
                                     const rpc::KeyPressRequest* request, Empty*,
                                     Closure* done) {
-  ServeInput(controller, *request, done, &Input::KeyPress);
+  ServeInput(controller, *request, done, &Input::KeyPress, &Page::KeyPress);
 }
 
 void WidgetService::ForwardKeyRelease(Controller* controller,
@@ -146,43 +166,44 @@ void WidgetService::ForwardKeyRelease(Controller* controller,
 void WidgetService::ForwardKeyType(Controller* controller,
                                    const rpc::KeyTypeRequest* request, Empty*,
                                    Closure* done) {
-  ServeInput(controller, *request, done, &Input::KeyType);
+  ServeInput(controller, *request, done, &Input::KeyType, &Page::KeyType);
 }
 
 void WidgetService::ForwardMousePress(Controller* controller,
                                       const rpc::MousePressRequest* request,
                                       Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MousePress);
+  ServeInput(controller, *request, done, &Input::MousePress, &Page::MousePress);
 }
 
 void WidgetService::ForwardMouseRelease(Controller* controller,
                                         const rpc::MouseReleaseRequest* request,
                                         Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MouseRelease);
+  ServeInput(controller, *request, done, &Input::MouseRelease,
+             &Page::MouseRelease);
 }
 
 void WidgetService::ForwardMouseEnter(Controller* controller,
                                       const rpc::MouseEnterRequest* request,
                                       Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MouseEnter);
+  ServeInput(controller, *request, done, &Input::MouseEnter, &Page::MouseEnter);
 }
 
 void WidgetService::ForwardMouseExit(Controller* controller,
                                      const rpc::MouseExitRequest* request,
                                      Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MouseExit);
+  ServeInput(controller, *request, done, &Input::MouseExit, &Page::MouseExit);
 }
 
 void WidgetService::ForwardMouseDrag(Controller* controller,
                                      const rpc::MouseDragRequest* request,
                                      Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MouseDrag);
+  ServeInput(controller, *request, done, &Input::MouseDrag, &Page::MouseDrag);
 }
 
 void WidgetService::ForwardMouseMove(Controller* controller,
                                      const rpc::MouseMoveRequest* request,
                                      Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MouseMove);
+  ServeInput(controller, *request, done, &Input::MouseMove, &Page::MouseMove);
 }
 
 void WidgetService::ForwardMouseWheel(Controller* controller,
@@ -262,13 +283,13 @@ void WidgetService::ForwardTouchCancel(Controller* controller,
 void WidgetService::ForwardDragEnter(Controller* controller,
                                      const rpc::DragEnterRequest* request,
                                      Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::DragEnter);
+  ServeInput(controller, *request, done, &Input::DragEnter, &Page::DragEnter);
 }
 
 void WidgetService::ForwardDragOver(Controller* controller,
                                     const rpc::DragOverRequest* request, Empty*,
                                     Closure* done) {
-  ServeInput(controller, *request, done, &Input::DragOver);
+  ServeInput(controller, *request, done, &Input::DragOver, &Page::DragOver);
 }
 
 void WidgetService::ForwardDragLeave(Controller* controller,
@@ -280,7 +301,7 @@ void WidgetService::ForwardDragLeave(Controller* controller,
 void WidgetService::ForwardDragDrop(Controller* controller,
                                     const rpc::DragDropRequest* request, Empty*,
                                     Closure* done) {
-  ServeInput(controller, *request, done, &Input::DragDrop);
+  ServeInput(controller, *request, done, &Input::DragDrop, &Page::DragDrop);
 }
 
 void WidgetService::ForwardDragEnd(Controller* controller,
@@ -309,6 +330,57 @@ void WidgetService::SetForcedScaleFactor(
   ServeWidget(controller, request->browser_id(), done, [&](Widget& widget) {
     return widget.SetForcedScaleFactor(*request);
   });
+}
+
+orvane::Publisher<rpc::CursorChanged> WidgetService::WhenCursorChanged() {
+  return orvane::Publish<rpc::CursorChanged>;
+}
+
+orvane::Publisher<rpc::TooltipChanged> WidgetService::WhenTooltipChanged() {
+  return orvane::Publish<rpc::TooltipChanged>;
+}
+
+orvane::Publisher<rpc::DropDownCreated> WidgetService::WhenDropDownCreated() {
+  return orvane::Publish<rpc::DropDownCreated>;
+}
+
+orvane::Publisher<rpc::DropDownDeleted> WidgetService::WhenDropDownDeleted() {
+  return orvane::Publish<rpc::DropDownDeleted>;
+}
+
+orvane::Publisher<rpc::DragCursorUpdated>
+WidgetService::WhenDragCursorUpdated() {
+  return orvane::Publish<rpc::DragCursorUpdated>;
+}
+
+orvane::Publisher<rpc::AriaLiveRegionChanged>
+WidgetService::WhenAriaLiveRegionChanged() {
+  return orvane::Publish<rpc::AriaLiveRegionChanged>;
+}
+
+orvane::Caller<rpc::CreateWebDialog> WidgetService::OnCreateWebDialog() {
+  return orvane::Call<rpc::CreateWebDialog>;
+}
+
+orvane::Caller<rpc::UpdateSurface> WidgetService::OnUpdateSurface() {
+  return orvane::Call<rpc::UpdateSurface>;
+}
+
+orvane::Caller<rpc::UpdateLayer> WidgetService::OnUpdateLayer() {
+  return orvane::Call<rpc::UpdateLayer>;
+}
+
+orvane::Caller<rpc::ShowDropdown> WidgetService::OnShowDropdown() {
+  return orvane::Call<rpc::ShowDropdown>;
+}
+
+orvane::Caller<rpc::TakeFocus> WidgetService::OnTakeFocus() {
+  return orvane::Call<rpc::TakeFocus>;
+}
+
+orvane::Caller<rpc::AccessibilityRequestFocus>
+WidgetService::OnAccessibilityRequestFocus() {
+  return orvane::Call<rpc::AccessibilityRequestFocus>;
 }
 
 }  // namespace widget_server

@@ -1,5 +1,4 @@
-// The service as this example serves it: every unary method, over widgets in
-// memory.
+// The service as this example serves it: every method, over widgets in memory.
 
 #ifndef EXAMPLES_WIDGET_SERVER_WIDGET_SERVICE_H_
 #define EXAMPLES_WIDGET_SERVER_WIDGET_SERVICE_H_
@@ -19,7 +18,8 @@ namespace widget_server {
 
 // Hands each call to the widget that it is about, and answers it before the
 // handler returns: by what the widget filled in, or by what it has to say
-// against it.
+// against it. Then the widget's page reacts, so that the reply precedes what
+// follows from the call.
 //
 // Thread: the service thread.
 class WidgetService final : public rpc::BrowserWidgetRpc {
@@ -148,21 +148,48 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
                             const rpc::SetForcedScaleFactorRequest* request,
                             Empty* response, Closure* done) override;
 
+  // Plain publishing and calling, for the pages.
+  orvane::Publisher<rpc::CursorChanged> WhenCursorChanged() override;
+  orvane::Publisher<rpc::TooltipChanged> WhenTooltipChanged() override;
+  orvane::Publisher<rpc::DropDownCreated> WhenDropDownCreated() override;
+  orvane::Publisher<rpc::DropDownDeleted> WhenDropDownDeleted() override;
+  orvane::Publisher<rpc::DragCursorUpdated> WhenDragCursorUpdated() override;
+  orvane::Publisher<rpc::AriaLiveRegionChanged> WhenAriaLiveRegionChanged()
+      override;
+  orvane::Caller<rpc::CreateWebDialog> OnCreateWebDialog() override;
+  orvane::Caller<rpc::UpdateSurface> OnUpdateSurface() override;
+  orvane::Caller<rpc::UpdateLayer> OnUpdateLayer() override;
+  orvane::Caller<rpc::ShowDropdown> OnShowDropdown() override;
+  orvane::Caller<rpc::TakeFocus> OnTakeFocus() override;
+  orvane::Caller<rpc::AccessibilityRequestFocus> OnAccessibilityRequestFocus()
+      override;
+
  private:
+  static void DoNotReact(Page&) {}
+
   // Fails the call if there is no such browser or `serve` says so; completes it
-  // in any case.
+  // in any case, which ends the life of what the handler was given. If nothing
+  // failed, the page then learns what has become of its view, and reacts.
   void ServeWidget(Controller* controller, const BrowserId& browser_id,
                    Closure* done,
-                   absl::FunctionRef<absl::Status(Widget&)> serve);
+                   absl::FunctionRef<absl::Status(Widget&)> serve,
+                   absl::FunctionRef<void(Page&)> react = DoNotReact);
 
   // The same, and the browser must be attached.
   void ServeView(Controller* controller, const BrowserId& browser_id,
-                 Closure* done, absl::FunctionRef<absl::Status(View&)> serve);
+                 Closure* done, absl::FunctionRef<absl::Status(View&)> serve,
+                 absl::FunctionRef<void(Page&)> react = DoNotReact);
 
   // The same for an event, which the view's input takes.
   template <typename Event>
   void ServeInput(Controller* controller, const Event& event, Closure* done,
                   absl::Status (Input::*take)(const Event&));
+
+  // The same for an event that the page reacts to.
+  template <typename Event>
+  void ServeInput(Controller* controller, const Event& event, Closure* done,
+                  absl::Status (Input::*take)(const Event&),
+                  void (Page::*react)(const Event&));
 
   std::map<std::uint64_t, Widget> widgets_;  // By browser.
 };

@@ -43,7 +43,8 @@ class WidgetTest : public ::testing::Test {
         Parsed<rpc::SetParentAccessibilityNodesRequest>(request));
   }
 
-  Widget widget_{2};
+  rpc::BrowserWidgetRpc service_;
+  Widget widget_{2, &service_};
 };
 
 // Attaching

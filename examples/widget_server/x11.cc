@@ -76,11 +76,16 @@ rpc::WindowHandle EngineWindow(std::uint64_t browser) {
 }
 
 rpc::AccessibilityToken RootNode(std::uint64_t browser) {
-  rpc::AccessibilityToken root;
-  root.set_platform(rpc::PLATFORM_X11);
-  root.set_token(
-      absl::StrCat(":1.", browser, ":/org/a11y/atspi/accessible/root"));
-  return root;
+  return ElementNode(browser, "root");
+}
+
+rpc::AccessibilityToken ElementNode(std::uint64_t browser,
+                                    absl::string_view element) {
+  rpc::AccessibilityToken node;
+  node.set_platform(rpc::PLATFORM_X11);
+  node.set_token(
+      absl::StrCat(":1.", browser, ":/org/a11y/atspi/accessible/", element));
+  return node;
 }
 
 }  // namespace widget_server

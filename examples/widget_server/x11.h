@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "absl/status/status.h"
+#include "absl/strings/string_view.h"
 
 #include "rpc/browser/accessibility.pb.h"
 #include "rpc/browser/native_input.pb.h"
@@ -29,8 +30,10 @@ absl::Status CheckNativeEvent(const rpc::NativeEvent& event);
 // The window that the engine draws a browser into.
 rpc::WindowHandle EngineWindow(std::uint64_t browser);
 
-// The root of the accessibility tree of a browser's page.
+// The root of the accessibility tree of a browser's page, and an element in it.
 rpc::AccessibilityToken RootNode(std::uint64_t browser);
+rpc::AccessibilityToken ElementNode(std::uint64_t browser,
+                                    absl::string_view element);
 
 }  // namespace widget_server
 

@@ -1,0 +1,134 @@
+// The page that a browser shows: imagined, but it behaves as a page would.
+
+#ifndef EXAMPLES_WIDGET_SERVER_PAGE_H_
+#define EXAMPLES_WIDGET_SERVER_PAGE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "absl/strings/string_view.h"
+
+#include "examples/widget_server/frame_sender.h"
+#include "examples/widget_server/page_layout.h"
+#include "rpc/browser/browser_widget.rpc.h"
+
+namespace widget_server {
+
+// What the page knows of the view that shows it.
+struct Viewport {
+  bool is_attached = false;
+  bool is_drawn_off_screen = false;  // Its picture goes to the host.
+  bool has_focus = false;
+  bool is_accessibility_on = false;
+  bool has_drag_begun_in_page = false;
+  double width = 0;  // In DIPs.
+  double height = 0;
+  double scale_factor = 1;
+};
+
+// Reacts to input by publishing events and calling the host, through the
+// accessors of the service. It trusts its input: that was checked before.
+//
+// The page takes keys while the view has the focus, and neither keys nor clicks
+// while a dialog of its is open. It has one dialog and one list open at a time.
+//
+// Thread: the service thread. Lifetime: `service` outlives the page; calls to
+// the host may outlive both. Made by std::make_shared.
+class Page : public std::enable_shared_from_this<Page> {
+ public:
+  Page(std::uint64_t browser, rpc::BrowserWidgetRpc* service);
+
+  // Comes before the event that led to it. A list that is open closes with its
+  // view; the rest of the page stays as it is while it is not attached.
+  void SetViewport(const Viewport& viewport);
+
+  void Focus(const rpc::FocusRequest& event);
+  void KeyPress(const rpc::KeyPressRequest& event);
+  void KeyType(const rpc::KeyTypeRequest& event);
+  void MousePress(const rpc::MousePressRequest& event);
+  void MouseRelease(const rpc::MouseReleaseRequest& event);
+  void MouseEnter(const rpc::MouseEnterRequest& event);
+  void MouseExit(const rpc::MouseExitRequest& event);
+  void MouseMove(const rpc::MouseMoveRequest& event);
+  void MouseDrag(const rpc::MouseDragRequest& event);
+  void DragEnter(const rpc::DragEnterRequest& event);
+  void DragOver(const rpc::DragOverRequest& event);
+  void DragDrop(const rpc::DragDropRequest& event);
+
+  // Brings what has changed to be seen to the host, if the view is off-screen.
+  // Comes after each of the above; answers of the host need no such call.
+  void Draw();
+
+  const std::string& text() const { return text_; }  // Of the field.
+  std::size_t option() const { return option_; }     // Index of kOptions.
+  const std::optional<ElementId>& focused() const { return focused_; }
+
+ private:
+  struct OpenList {
+    std::uint64_t id;
+    bool is_shown_by_host;
+  };
+
+  // The live regions of the page.
+  enum class Region : std::uint64_t { kDialog = 1, kChoice = 2, kText = 3 };
+
+  // Calls the host and then, if the page still lives, runs `then` with the page
+  // and a pointer to the answer; a null one if there is none, at once where
+  // nobody serves the call.
+  template <typename T, typename Then>
+  void Ask(const orvane::Caller<T>& caller, orvane::CallOf<T> call, Then then);
+
+  // For events, each of which names the browser.
+  template <typename T>
+  T New() const;
+
+  // Null: over nothing that has a cursor or a tooltip of its own.
+  void ShowCursor(const Element* under_pointer);
+  void ShowTooltip(const Element* under_pointer);
+  void PointAt(const rpc::PointDip& position);
+
+  void Click(ElementId element);
+  void OpenDialog();
+  void OpenTheList();
+  void CloseList(std::optional<std::size_t> choice);
+
+  void InsertText(absl::string_view text);
+  void Announce(Region region, absl::string_view text,
+                rpc::AriaLivePoliteness politeness,
+                rpc::AriaRelevantFlag relevant);
+
+  void FocusElement(ElementId element);
+  void MoveFocus(rpc::FocusDirection direction);
+  void LeavePage(rpc::FocusDirection direction);
+
+  // Says what a drop would do, if that is news or `is_due` in any case.
+  void UpdateDrag(const rpc::PointDip& position,
+                  std::uint32_t allowed_operations, bool is_due);
+
+  const BrowserId browser_;
+  rpc::BrowserWidgetRpc* const service_;
+  const std::shared_ptr<FrameSender> frames_;
+  Viewport viewport_;
+
+  std::string text_;
+  std::string button_label_ = "Your name";
+  std::size_t option_ = 0;
+  std::optional<ElementId> focused_;
+
+  rpc::CursorType cursor_ = rpc::CURSOR_TYPE_DEFAULT;
+  absl::string_view tooltip_;  // Empty: none is shown.
+  std::optional<ElementId> pressed_;
+  bool is_dialog_open_ = false;
+  std::optional<OpenList> open_list_;
+  std::uint64_t last_list_ = 0;
+  bool is_focus_offered_ = false;  // To the host, which has not answered.
+  bool is_own_drag_announced_ = false;
+  rpc::DragOperation drag_operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
+};
+
+}  // namespace widget_server
+
+#endif  // EXAMPLES_WIDGET_SERVER_PAGE_H_
