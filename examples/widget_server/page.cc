@@ -14,6 +14,7 @@ namespace {
 constexpr char kOrigin[] = "https://example.com";
 constexpr char kLanguage[] = "en";
 constexpr std::uint32_t kWindowsTab = 9;
+constexpr char kEnter[] = "\r";
 
 BrowserId IdOf(std::uint64_t browser) {
   BrowserId id;
@@ -260,10 +261,20 @@ void Page::CloseList(std::optional<std::size_t> choice) {
 // Text
 
 void Page::KeyType(const rpc::KeyTypeRequest& event) {
-  if (viewport_.has_focus && !is_dialog_open_ &&
-      focused_ == ElementId::kField) {
+  if (!viewport_.has_focus || is_dialog_open_ || focused_ != ElementId::kField)
+    return;
+  if (event.text() == kEnter) {
+    SendText();
+  } else {
     InsertText(event.text());
   }
+}
+
+void Page::SendText() {
+  if (text_.empty()) return;
+  text_.clear();
+  Announce(Region::kText, "", rpc::ARIA_LIVE_POLITENESS_POLITE,
+           rpc::ARIA_RELEVANT_FLAG_REMOVALS);
 }
 
 void Page::InsertText(absl::string_view text) {
@@ -271,7 +282,7 @@ void Page::InsertText(absl::string_view text) {
   std::size_t characters = CharactersIn(text_);
   for (const char byte : text) {
     const auto value = static_cast<unsigned char>(byte);
-    if (value < 0x20 || value == 0x7F) continue;  // Enter, for one.
+    if (value < 0x20 || value == 0x7F) continue;  // No text.
     characters += CharactersIn({&byte, 1});
     if (characters > kFieldCharacters) break;
     text_ += byte;

@@ -96,6 +96,7 @@ class Page : public std::enable_shared_from_this<Page> {
   void CloseList(std::optional<std::size_t> choice);
 
   void InsertText(absl::string_view text);
+  void SendText();  // To nobody, but the field is empty then.
   void Announce(Region region, absl::string_view text,
                 rpc::AriaLivePoliteness politeness,
                 rpc::AriaRelevantFlag relevant);

@@ -152,10 +152,22 @@ TEST_F(PageTextTest, WithoutFocusNothingIsTyped) {
 
 TEST_F(PageTextTest, ControlCharactersAreNotText) {
   Press(Middle(ElementId::kField));
-  Type("\r");
+  Type("\x1b");
   Type("\x7f");
   EXPECT_EQ(page_->text(), "");
   EXPECT_THAT(service_.Published(), IsEmpty());
+}
+
+TEST_F(PageTextTest, EnterEmptiesTheField) {
+  Press(Middle(ElementId::kField));
+  Type("\r");
+  EXPECT_THAT(service_.Published(), IsEmpty());
+  Type("a");
+  service_.Published();
+  Type("\r");
+  EXPECT_EQ(page_->text(), "");
+  EXPECT_THAT(service_.Published(),
+              ElementsAre("ARIA_LIVE_POLITENESS_POLITE '' 2"));
 }
 
 TEST_F(PageTextTest, AFullFieldTakesNoMoreCharacters) {

@@ -1,0 +1,66 @@
+#include "examples/host/options.h"
+
+#include <getopt.h>
+
+#include <cstdlib>
+#include <iostream>
+
+namespace host {
+namespace {
+
+constexpr int kExitUsage = 2;
+
+void PrintHelp() {
+  std::cout << "Usage: host [OPTION]...\n"
+               "Drives browser 1 of a widget_server as a user would, and tells "
+               "what happens.\n"
+               "\n"
+               "  --socket PATH    connect to the widget that listens at PATH\n"
+               "                   (default "
+            << Options().socket
+            << ")\n"
+               "  --save FILE.ppm  write the last picture of the view there\n"
+               "  --help           print this and exit\n"
+               "\n"
+               "Exit code: 0 if all went well, 1 if the widget is not there, "
+               "dies or\n"
+               "refuses something, 2 for wrong usage.\n";
+}
+
+[[noreturn]] void RefuseUsage() {
+  std::cerr << "See host --help.\n";
+  std::exit(kExitUsage);
+}
+
+}  // namespace
+
+Options ParseOptions(int argc, char** argv) {
+  const option known[] = {{"socket", required_argument, nullptr, 's'},
+                          {"save", required_argument, nullptr, 'f'},
+                          {"help", no_argument, nullptr, 'h'},
+                          {}};
+  Options options;
+  int found = 0;
+  while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
+    switch (found) {
+      case 's':
+        options.socket = optarg;
+        break;
+      case 'f':
+        options.save = optarg;
+        break;
+      case 'h':
+        PrintHelp();
+        std::exit(EXIT_SUCCESS);
+      default:
+        RefuseUsage();  // getopt_long has said what is wrong.
+    }
+  }
+  if (optind < argc) {
+    std::cerr << "host: '" << argv[optind] << "' is no option\n";
+    RefuseUsage();
+  }
+  return options;
+}
+
+}  // namespace host
