@@ -24,45 +24,43 @@ namespace {
 
 using example_testing::ChildProcess;
 using ::testing::ElementsAreArray;
-using ::testing::Ge;
 using ::testing::SizeIs;
 
-const std::string kUnarySession = absl::StrCat(SESSIONS, "/unary.session");
+const std::string kWidgetSession = absl::StrCat(SESSIONS, "/widget.session");
 
-std::vector<RecordedCall> CallsOf(const std::string& path) {
+// The methods that succeed in a session: a call that gets a response, a watch
+// with an event, and a serve with a call.
+std::set<std::string> UsedBy(const std::string& path) {
   std::stringstream text;
   text << std::ifstream(path).rdbuf();
   const absl::StatusOr<std::vector<SessionLine>> lines =
       ParseSession(text.str());
   EXPECT_TRUE(lines.ok()) << lines.status();
-  std::vector<RecordedCall> calls;
-  if (!lines.ok()) return calls;
+  std::set<std::string> used;
+  if (!lines.ok()) return used;
   for (const SessionLine& line : *lines) {
-    if (const auto* const call = std::get_if<RecordedCall>(&line.content))
-      calls.push_back(*call);
+    const auto* const call = std::get_if<RecordedCall>(&line.content);
+    const auto* const step = std::get_if<RecordedStep>(&line.content);
+    if (call != nullptr && call->outcome == RecordedCall::Outcome::kResponse)
+      used.insert(call->method);
+    if (step != nullptr && (step->verb == RecordedStep::Verb::kEvent ||
+                            step->verb == RecordedStep::Verb::kCalled)) {
+      used.insert(step->method);
+    }
   }
-  return calls;
+  return used;
 }
 
-TEST(UnarySession, CallsEveryUnaryMethodWithSuccess) {
-  std::set<std::string> unary;
+TEST(WidgetSession, UsesEveryMethodWithSuccess) {
+  std::set<std::string> all;
   const auto& service = *rpc::BrowserWidgetRpc::descriptor();
-  for (int i = 0; i < service.method_count(); ++i) {
-    if (IsUnary(*service.method(i))) unary.emplace(service.method(i)->name());
-  }
-  ASSERT_THAT(unary, SizeIs(40));
-
-  const std::vector<RecordedCall> calls = CallsOf(kUnarySession);
-  std::set<std::string> succeeding;
-  for (const RecordedCall& call : calls) {
-    if (call.outcome == RecordedCall::Outcome::kResponse)
-      succeeding.insert(call.method);
-  }
-  EXPECT_THAT(calls, SizeIs(Ge(40)));
-  EXPECT_THAT(succeeding, ElementsAreArray(unary));
+  for (int i = 0; i < service.method_count(); ++i)
+    all.emplace(service.method(i)->name());
+  ASSERT_THAT(all, SizeIs(52));
+  EXPECT_THAT(UsedBy(kWidgetSession), ElementsAreArray(all));
 }
 
-TEST(UnarySession, IsWhatTheWidgetServerAnswers) {
+TEST(WidgetSession, IsWhatTheWidgetServerAnswers) {
   const example_testing::TemporaryFolder folder;
   const std::string socket = absl::StrCat(folder.path(), "/widget.sock");
   ChildProcess server({WIDGET_SERVER, "--socket", socket});
@@ -70,7 +68,7 @@ TEST(UnarySession, IsWhatTheWidgetServerAnswers) {
             absl::StrCat("widget_server listens at ", socket));
 
   const ChildProcess::Result session =
-      ChildProcess({WIDGETCTL, "--socket", socket, "run", kUnarySession})
+      ChildProcess({WIDGETCTL, "--socket", socket, "run", kWidgetSession})
           .Wait();
   EXPECT_EQ(session.exit_code, 0) << session.output << session.errors;
 

@@ -128,8 +128,11 @@ void FrameSocket::Read() {
       asio::mutable_buffer(space, reader_.room()),
       [self = shared_from_this()](asio::error_code error, std::size_t bytes) {
         if (self->receiver_ == nullptr) return;
-        if (error == asio::error::eof)
+        // A peer that leaves without having read everything resets it.
+        if (error == asio::error::eof ||
+            error == asio::error::connection_reset) {
           return self->receiver_->OnBroken(absl::OkStatus());
+        }
         if (error)
           return self->receiver_->OnBroken(
               absl::UnavailableError(error.message()));
