@@ -41,6 +41,10 @@ constexpr int kLives = 25;           // Of each host.
 constexpr int kCalls = 8;            // In each life, one after the other.
 constexpr int kUnansweredCalls = 3;  // Which each life ends with.
 
+// Of the server's end.
+constexpr int kRounds = 40;
+constexpr int kCallsAtOnce = 30;
+
 // Hands every call of Hide to whichever thread takes it.
 class HandingWidget final : public rpc::BrowserWidgetRpc {
  public:
@@ -217,7 +221,9 @@ TEST_F(AnsweringThreadsTest, MeetHostsThatComeAndDie) {
   std::latch start(kHosts + kWorkers);
   std::atomic<int> living = kHosts;
   std::vector<std::thread> workers;
+  workers.reserve(kWorkers);
   std::vector<std::thread> hosts;
+  hosts.reserve(kHosts);
   for (int i = 0; i < kWorkers; ++i) {
     workers.emplace_back([this, &start] {
       start.arrive_and_wait();
@@ -250,8 +256,6 @@ TEST_F(AnsweringThreadsTest, MeetHostsThatComeAndDie) {
 
 // The answers come while the server goes, and in every other round its loop.
 TEST(AnsweringThreads, MeetTheEndOfServerAndLoop) {
-  constexpr int kRounds = 40;
-  constexpr int kCallsAtOnce = 30;
   for (int round = 0; round < kRounds; ++round) {
     HandingWidget widget;
     std::optional<EventLoop> loop(std::in_place);

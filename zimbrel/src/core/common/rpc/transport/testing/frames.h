@@ -126,7 +126,7 @@ inline std::string InWords(const rpc::transport::StreamMessage& frame) {
   using rpc::transport::StreamMessage;
   const std::string kind =
       StreamMessage::Kind_Name(frame.kind()).substr(sizeof "KIND_" - 1);
-  const std::string what = absl::StrCat(kind, " ", frame.stream_id());
+  std::string what = absl::StrCat(kind, " ", frame.stream_id());
   if (frame.kind() != StreamMessage::KIND_ERROR) return what;
   const auto code = static_cast<absl::StatusCode>(frame.error_code());
   return absl::StrCat(what, " ", absl::StatusCodeToString(code), ": ",
