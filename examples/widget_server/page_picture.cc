@@ -17,13 +17,14 @@ constexpr Color kButtonFace = {225, 225, 225};
 constexpr double kMaxSidePixels = 16384;
 constexpr std::int64_t kMaxBytes = std::int64_t{1} << 30;
 
-// Text as it looks from afar: a bar for each character.
+// Text as it looks from afar: a bar for each character that fits the line.
 void AddText(absl::string_view text, double x, const Rect& line, Color color,
              std::vector<Box>* boxes) {
   constexpr double kBarWidth = 5;
   constexpr double kBarHeight = 9;
   for (const char byte : text) {
     if (CharactersIn({&byte, 1}) == 0) continue;  // Part of the one before.
+    if (x + kBarWidth > line.x + line.width) return;
     if (byte != ' ') {
       boxes->push_back(
           {{x, line.y + (line.height - kBarHeight) / 2, kBarWidth, kBarHeight},

@@ -125,6 +125,13 @@ TEST(PagePicture, TextGrowsByABarForEachCharacter) {
   EXPECT_EQ(Page({.text = "\u00c5 \u20ac"}).boxes.size(), empty + 2);
 }
 
+TEST(PagePicture, TextEndsWhereItsElementDoes) {
+  const std::size_t full =
+      Page({.button_label = std::string(10, 'a')}).boxes.size();
+  EXPECT_EQ(Page({.button_label = std::string(100, 'a')}).boxes.size(),
+            full + 1);
+}
+
 TEST(PagePicture, TheCaretStandsBehindTheText) {
   const Rect caret = CaretPlace(2);
   const auto x = static_cast<std::int64_t>(caret.x);
