@@ -1,9 +1,11 @@
 # cmake -DROOT=dir -P check_readme.cmake
 #
-# The program that the README shows is the one that the build compiles.
+# The programs that the README shows are those that the build compiles.
 file(READ "${ROOT}/README.md" readme)
-file(READ "${ROOT}/examples/hello_server.cc" program)
-string(FIND "${readme}" "```cpp\n${program}```\n" at)
-if(at EQUAL -1)
-  message(FATAL_ERROR "README.md does not show examples/hello_server.cc as it is")
-endif()
+foreach(program IN ITEMS hello_server hello_host)
+  file(READ "${ROOT}/examples/${program}.cc" text)
+  string(FIND "${readme}" "```cpp\n${text}```\n" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "README.md does not show examples/${program}.cc as it is")
+  endif()
+endforeach()

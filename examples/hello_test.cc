@@ -1,6 +1,7 @@
 #include <csignal>
 #include <string>
 
+#include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
 #include "examples/testing/call.h"
@@ -13,7 +14,7 @@ namespace {
 
 using ::example_testing::Call;
 
-// Runs the program itself, whose path is HELLO_SERVER.
+// Runs the programs themselves, whose paths are HELLO_SERVER and HELLO_HOST.
 TEST(HelloServer, ServesShowAndNothingElse) {
   const example_testing::TemporaryFolder folder;
   const std::string socket = folder.path() + "/hello.sock";
@@ -30,6 +31,29 @@ TEST(HelloServer, ServesShowAndNothingElse) {
 
   server.Signal(SIGTERM);
   EXPECT_EQ(server.Wait().exit_code, 0);
+}
+
+TEST(HelloHost, ShowsABrowserAndStaysUntilTheWidgetGoes) {
+  const example_testing::TemporaryFolder folder;
+  const std::string socket = folder.path() + "/hello.sock";
+  example_testing::ChildProcess server({HELLO_SERVER, socket});
+  ASSERT_EQ(server.ReadLine(), "hello_server listens at " + socket);
+
+  example_testing::ChildProcess host({HELLO_HOST, socket});
+  EXPECT_EQ(server.ReadLine(), "Hello from browser 7");
+  EXPECT_EQ(host.ReadLine(), "browser 7 is shown");
+  server.Signal(SIGTERM);
+  EXPECT_EQ(host.ReadLine(), "the widget has gone: OK");
+  EXPECT_EQ(host.Wait().exit_code, 0);
+}
+
+TEST(HelloHost, SaysThatNobodyListens) {
+  const example_testing::TemporaryFolder folder;
+  const example_testing::ChildProcess::Result host =
+      example_testing::ChildProcess({HELLO_HOST, folder.path() + "/none"})
+          .Wait();
+  EXPECT_EQ(host.exit_code, 1);
+  EXPECT_THAT(host.errors, testing::HasSubstr("no server listens at"));
 }
 
 }  // namespace

@@ -1,0 +1,42 @@
+// The whole program that it takes to call a method and to watch events.
+
+#include <csignal>
+#include <iostream>
+#include <string>
+
+#include "rpc/browser/browser_widget.client.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+int main(int argc, char** argv) {
+  const std::string path =
+      argc > 1 ? argv[1] : orvane::DefaultSocketPath("widget");
+
+  orvane::EventLoop loop;
+  loop.OnSignal({SIGINT, SIGTERM}, [&loop] { loop.Stop(); });
+  const auto connection = orvane::SocketClient::Connect(&loop, path);
+  if (!connection.ok()) {
+    std::cerr << connection.status().message() << std::endl;
+    return 1;
+  }
+  rpc::BrowserWidgetRpcClient widget(connection->get());
+  BrowserId browser;
+  browser.set_value(7);
+
+  const auto cursors = widget.WhenCursorChanged(
+      browser,
+      [](const rpc::CursorChanged& event) {
+        std::cout << rpc::CursorType_Name(event.cursor().type()) << std::endl;
+      },
+      [&loop](const absl::Status& why) {
+        std::cout << "the widget has gone: " << why << std::endl;
+        loop.Stop();
+      });
+  if (const auto shown = widget.Show(browser); !shown.ok()) {
+    std::cerr << shown.status().message() << std::endl;
+    return 1;
+  }
+  std::cout << "browser 7 is shown" << std::endl;
+  loop.Run();
+}
