@@ -137,7 +137,7 @@ TEST_F(HostTest, TellsWhatHappensOnThePageInOrder) {
 
 TEST_F(HostTest, CanBeRunAgainWithTheSameWidget) {
   const auto server = Serve();
-  for (int run = 0; run < 4; ++run) {
+  for (int run = 0; run < 3; ++run) {
     const ChildProcess::Result result = Run({"--socket", socket_});
     EXPECT_THAT(result.output, EndsWith("\ndetached\n"));
     EXPECT_EQ(result.exit_code, 0) << result.errors;

@@ -24,8 +24,8 @@ struct Image {
 // Copies the pixels of a frame, so that it can be given back at once. An error,
 // in words, if the frame breaks the rules of PixelFrame, if its memory is not
 // there, or if its format is none that this host draws. A widget that shortens
-// its memory during the copy ends this process; hosts that do not trust theirs
-// copy in another one.
+// its memory during the copy ends this process; a host that does not trust its
+// widget copies in a process of its own.
 absl::StatusOr<Image> ReadFrame(const rpc::PixelFrame& frame);
 
 // "#rrggbb"; the image has at least one pixel.

@@ -100,8 +100,10 @@ bool FrameSender::SendCaret() {
   const Picture* picture = nullptr;
   if (wanted_.caret.has_value()) {
     *call.mutable_bounds() = wanted_.caret->place.ToProto();
-    if (!before.has_value() || before->picture != wanted_.caret->picture)
+    if (std::exchange(is_picture_lost_, false) || !before.has_value() ||
+        before->picture != wanted_.caret->picture) {
       picture = &wanted_.caret->picture;
+    }
   } else {
     call.set_is_removed(true);
   }
@@ -129,19 +131,23 @@ bool FrameSender::Send(const orvane::Caller<T>& caller, orvane::CallOf<T> call,
     if (pixels == nullptr) return false;
     call.mutable_frame()->set_frame_id(++last_frame_);
   }
-  // Both keep the pixels until the call has ended. Whether the host has
-  // presented the picture makes no difference: all of the next one counts as
-  // changed anyway.
-  const auto on_end = [pixels, weak = weak_from_this()] {
+  // Both continuations keep the pixels until the call has ended. A picture that
+  // was not shown is not sent again, but all of the next one counts as changed.
+  const auto on_end = [pixels, weak = weak_from_this()](bool is_shown) {
     if (const auto self = weak.lock()) {
+      if (pixels != nullptr && !is_shown) self->is_picture_lost_ = true;
       self->is_call_waiting_ = false;
       self->SendNext();
     }
   };
   return caller(
              browser_, std::move(call),
-             [on_end](const orvane::ResponseOf<T>&) { on_end(); },
-             [on_end](const absl::Status&) { on_end(); }, {.timeout = kTimeout})
+             [on_end](const orvane::ResponseOf<T>& response) {
+               on_end(response.receipt().outcome() ==
+                      rpc::FRAME_OUTCOME_PRESENTED);
+             },
+             [on_end](const absl::Status&) { on_end(false); },
+             {.timeout = kTimeout})
       .ok();
 }
 

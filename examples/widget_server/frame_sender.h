@@ -70,6 +70,9 @@ class FrameSender : public std::enable_shared_from_this<FrameSender> {
   Scene wanted_;
   Scene shown_;  // As far as the host took it.
   bool is_call_waiting_ = false;
+  // A picture did not get to be shown; if it was the caret's, the next call
+  // about that has to bring it again.
+  bool is_picture_lost_ = false;
   std::uint64_t last_frame_ = 0;
 };
 

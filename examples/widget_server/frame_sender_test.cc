@@ -73,8 +73,11 @@ class FrameSenderTest : public ::testing::Test {
   }
 
   template <typename T>
-  void Answer(ScriptedHost<T>& host) {
-    host.Answer(kBrowser, host.last_id());
+  void Answer(ScriptedHost<T>& host,
+              rpc::FrameOutcome outcome = rpc::FRAME_OUTCOME_PRESENTED) {
+    orvane::ResponseOf<T> response;
+    response.mutable_receipt()->set_outcome(outcome);
+    host.Answer(kBrowser, host.last_id(), response);
     loop_.RunUntilIdle();
   }
 
@@ -230,6 +233,21 @@ TEST_F(FrameSenderTest, ALayerThatMovesNeedsNoNewPicture) {
   sender_->Show(CaretAt(6));
   ASSERT_EQ(layers_.received().size(), 2u);
   EXPECT_EQ(Calls(layers_).back().bounds().x(), 6);
+  EXPECT_FALSE(Calls(layers_).back().has_frame());
+}
+
+TEST_F(FrameSenderTest, ALayerWhosePictureWasLostGetsItWithItsNextMove) {
+  sender_->Show(CaretAt(5));
+  Answer(layers_, rpc::FRAME_OUTCOME_DISCARDED);
+  sender_->Show(CaretAt(6));
+  EXPECT_TRUE(Calls(layers_).back().has_frame());
+  layers_.Fail(kBrowser, layers_.last_id());
+  loop_.RunUntilIdle();
+  EXPECT_EQ(layers_.received().size(), 2u);
+  sender_->Show(CaretAt(7));
+  EXPECT_TRUE(Calls(layers_).back().has_frame());
+  Answer(layers_);
+  sender_->Show(CaretAt(8));
   EXPECT_FALSE(Calls(layers_).back().has_frame());
 }
 
