@@ -150,9 +150,10 @@ void PrintClass(const ServiceModel& service, Printer* out) {
   }
   out->Print(R"(
  private:
-  orvane::SocketClient* connection_;
+  $unused$orvane::SocketClient* connection_;
 };
-)");
+)",
+             "unused", service.methods.empty() ? "[[maybe_unused]] " : "");
 }
 
 // The source -----------------------------------------------------------------

@@ -35,7 +35,7 @@ class EmptyServiceClient {
       : connection_(connection) {}
 
  private:
-  orvane::SocketClient* connection_;
+  [[maybe_unused]] orvane::SocketClient* connection_;
 };
 
 }  // namespace testdata

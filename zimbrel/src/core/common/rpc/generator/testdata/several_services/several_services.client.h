@@ -116,7 +116,7 @@ class ThirdClient {
       : connection_(connection) {}
 
  private:
-  orvane::SocketClient* connection_;
+  [[maybe_unused]] orvane::SocketClient* connection_;
 };
 
 }  // namespace testdata
