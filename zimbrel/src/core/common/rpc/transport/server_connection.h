@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <unordered_map>
 
-#include "absl/container/flat_hash_map.h"
 #include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
 
@@ -70,7 +70,7 @@ class ServerConnection final : public FrameSocket::Receiver {
   const std::shared_ptr<Mailbox> mailbox_;
   absl::AnyInvocable<void() &&> on_end_;
   // Not answered yet. Each is owned by its handler, through `done`.
-  absl::flat_hash_map<std::uint64_t, ServerCall*> calls_;
+  std::unordered_map<std::uint64_t, ServerCall*> calls_;
   // In the order in which they were opened, which is that of their ends.
   std::map<std::uint64_t, std::unique_ptr<ServerStream>> streams_;
   std::uint64_t last_id_ = 0;  // The latest that the host has begun.

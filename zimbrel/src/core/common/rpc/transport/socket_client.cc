@@ -2,11 +2,11 @@
 
 #include <cstdint>
 #include <map>
+#include <unordered_map>
 #include <utility>
 
 #include "zimbrel/src/core/common/rpc/asio_hook.h"
 
-#include "absl/container/flat_hash_map.h"
 #include "absl/memory/memory.h"
 #include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
@@ -358,8 +358,8 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
   const std::shared_ptr<FrameSocket> socket_;
   absl::Status status_;
   std::uint64_t last_id_ = 0;
-  absl::flat_hash_map<std::uint64_t, PendingCall> calls_;
-  absl::flat_hash_map<std::uint64_t, std::shared_ptr<HostStream>> streams_;
+  std::unordered_map<std::uint64_t, PendingCall> calls_;
+  std::unordered_map<std::uint64_t, std::shared_ptr<HostStream>> streams_;
 };
 
 absl::StatusOr<std::unique_ptr<SocketClient>> SocketClient::Connect(

@@ -1,11 +1,11 @@
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
 #include <optional>
+#include <unordered_map>
 #include <utility>
 
 #include "zimbrel/src/core/common/rpc/asio_hook.h"
 
-#include "absl/container/flat_hash_map.h"
 #include "absl/log/log.h"
 #include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
@@ -107,7 +107,7 @@ class SocketServer::Impl {
   std::optional<stream_protocol::acceptor> acceptor_;
   std::unique_ptr<EventLoop::Timer> retry_;
   int next_id_ = 0;
-  absl::flat_hash_map<int, std::unique_ptr<ServerConnection>> connections_;
+  std::unordered_map<int, std::unique_ptr<ServerConnection>> connections_;
 };
 
 SocketServer::SocketServer(EventLoop* loop, Service* service,
