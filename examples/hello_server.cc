@@ -23,9 +23,11 @@ int main(int argc, char** argv) {
       argc > 1 ? argv[1] : orvane::DefaultSocketPath("widget");
 
   orvane::EventLoop loop;
-  loop.OnSignal({SIGINT, SIGTERM}, [&loop] { loop.Stop(); });
   HelloWidget widget;
   orvane::SocketServer server(&loop, &widget);
+  loop.OnSignal({SIGINT, SIGTERM}, [&] {
+    server.Shutdown(absl::Seconds(2), [&loop] { loop.Stop(); });
+  });
   if (const absl::Status status = server.Listen(path); !status.ok()) {
     std::cerr << status.message() << std::endl;
     return 1;

@@ -6,9 +6,9 @@
 
 #include "examples/testing/call.h"
 #include "examples/testing/child_process.h"
-#include "examples/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ using ::example_testing::Call;
 
 // Runs the programs themselves, whose paths are HELLO_SERVER and HELLO_HOST.
 TEST(HelloServer, ServesShowAndNothingElse) {
-  const example_testing::TemporaryFolder folder;
+  const orvane::TemporaryFolder folder;
   const std::string socket = folder.path() + "/hello.sock";
   example_testing::ChildProcess server({HELLO_SERVER, socket});
   ASSERT_EQ(server.ReadLine(), "hello_server listens at " + socket);
@@ -34,7 +34,7 @@ TEST(HelloServer, ServesShowAndNothingElse) {
 }
 
 TEST(HelloHost, ShowsABrowserAndStaysUntilTheWidgetGoes) {
-  const example_testing::TemporaryFolder folder;
+  const orvane::TemporaryFolder folder;
   const std::string socket = folder.path() + "/hello.sock";
   example_testing::ChildProcess server({HELLO_SERVER, socket});
   ASSERT_EQ(server.ReadLine(), "hello_server listens at " + socket);
@@ -48,7 +48,7 @@ TEST(HelloHost, ShowsABrowserAndStaysUntilTheWidgetGoes) {
 }
 
 TEST(HelloHost, SaysThatNobodyListens) {
-  const example_testing::TemporaryFolder folder;
+  const orvane::TemporaryFolder folder;
   const example_testing::ChildProcess::Result host =
       example_testing::ChildProcess({HELLO_HOST, folder.path() + "/none"})
           .Wait();

@@ -13,10 +13,10 @@
 #include "gtest/gtest.h"
 
 #include "examples/testing/child_process.h"
-#include "examples/testing/temporary_folder.h"
 #include "rpc/browser/browser_widget.rpc.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 
 namespace {
 
@@ -122,7 +122,7 @@ class HostTest : public ::testing::Test {
     return server;
   }
 
-  const example_testing::TemporaryFolder folder_;
+  const orvane::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
 };
 

@@ -13,8 +13,8 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/temporary_folder.h"
 #include "examples/testing/text.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace host {
@@ -158,7 +158,7 @@ TEST(Image, TheAverageIsInRedGreenAndBlue) {
 }
 
 TEST(Image, ASavedImageIsAPixmapOfRedGreenAndBlue) {
-  const example_testing::TemporaryFolder folder;
+  const orvane::TemporaryFolder folder;
   const std::string path = folder.path() + "/image.ppm";
   ASSERT_EQ(SavePpm({2, 1, {'b', 'g', 'r', 'a', 'B', 'G', 'R', 'A'}}, path),
             absl::OkStatus());

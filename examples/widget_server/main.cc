@@ -6,20 +6,30 @@
 #include <iostream>
 
 #include "absl/status/status.h"
+#include "absl/time/time.h"
 
 #include "examples/widget_server/options.h"
 #include "examples/widget_server/widget_service.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
+namespace {
+
+// What hosts have to read the last replies.
+constexpr absl::Duration kShutdownBound = absl::Seconds(2);
+
+}  // namespace
+
 int main(int argc, char** argv) {
   const auto options = widget_server::ParseOptions(argc, argv);
 
   // Each outlives those below it.
   orvane::EventLoop loop;
-  loop.OnSignal({SIGINT, SIGTERM}, [&loop] { loop.Stop(); });
   widget_server::WidgetService service(options.browsers);
   orvane::SocketServer server(&loop, &service);
+  loop.OnSignal({SIGINT, SIGTERM}, [&loop, &server] {
+    server.Shutdown(kShutdownBound, [&loop] { loop.Stop(); });
+  });
   if (const absl::Status status = server.Listen(options.socket); !status.ok()) {
     std::cerr << "widget_server: " << status.message() << "\n";
     return EXIT_FAILURE;

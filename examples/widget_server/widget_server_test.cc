@@ -11,9 +11,9 @@
 
 #include "examples/testing/call.h"
 #include "examples/testing/child_process.h"
-#include "examples/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 
 namespace {
 
@@ -53,7 +53,7 @@ class WidgetServerTest : public ::testing::Test {
   }
 
   orvane::EventLoop loop_;
-  const example_testing::TemporaryFolder folder_;
+  const orvane::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
 };
 

@@ -16,9 +16,9 @@
 #include "gtest/gtest.h"
 
 #include "examples/testing/child_process.h"
-#include "examples/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 
 namespace widgetctl {
 
@@ -66,7 +66,7 @@ class ProgramTest : public testing::Test {
   Widget& widget() { return widget_; }
 
  private:
-  const example_testing::TemporaryFolder folder_;
+  const orvane::TemporaryFolder folder_;
   const std::string socket_ = Path("widget.sock");
   orvane::EventLoop loop_;
   Widget widget_;

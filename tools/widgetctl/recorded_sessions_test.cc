@@ -14,10 +14,10 @@
 #include "gtest/gtest.h"
 
 #include "examples/testing/child_process.h"
-#include "examples/testing/temporary_folder.h"
 #include "rpc/browser/browser_widget.rpc.h"
 #include "tools/widgetctl/methods.h"
 #include "tools/widgetctl/session_file.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 
 namespace widgetctl {
 namespace {
@@ -61,7 +61,7 @@ TEST(WidgetSession, UsesEveryMethodWithSuccess) {
 }
 
 TEST(WidgetSession, IsWhatTheWidgetServerAnswers) {
-  const example_testing::TemporaryFolder folder;
+  const orvane::TemporaryFolder folder;
   const std::string socket = absl::StrCat(folder.path(), "/widget.sock");
   ChildProcess server({WIDGET_SERVER, "--socket", socket});
   ASSERT_EQ(server.ReadLine(),

@@ -16,12 +16,12 @@
 #include "gtest/gtest.h"
 
 #include "examples/testing/child_process.h"
-#include "examples/testing/temporary_folder.h"
 #include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/event_subscription.pb.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "tools/widgetctl/program_test.h"
-#include "zimbrel/src/core/common/rpc/transport/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace widgetctl {
@@ -104,7 +104,7 @@ class WidgetctlFramesTest : public testing::Test {
   }
 
  private:
-  const example_testing::TemporaryFolder folder_;
+  const orvane::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
 
  protected:

@@ -94,7 +94,7 @@ void FrameSocket::Flush() {
   if (awaiting_room_) return;
   while (true) {
     const std::string_view bytes = outbox_.Front();
-    if (bytes.empty()) return;
+    if (bytes.empty()) return OnAllWritten();
     asio::error_code error;
     const std::size_t written = socket_.write_some(
         asio::const_buffer(bytes.data(), bytes.size()), error);
@@ -111,6 +111,18 @@ void FrameSocket::Flush() {
     // same, after what the peer had said before it went.
     outbox_.Consume(error ? bytes.size() : written);
   }
+}
+
+void FrameSocket::FinishWriting() {
+  is_finishing_ = true;
+  Flush();
+}
+
+void FrameSocket::OnAllWritten() {
+  if (!is_finishing_) return;
+  asio::post(socket_.get_executor(), [self = shared_from_this()] {
+    if (self->receiver_ != nullptr) self->receiver_->OnBroken(absl::OkStatus());
+  });
 }
 
 void FrameSocket::Close() {
@@ -147,12 +159,13 @@ void FrameSocket::OnRead(std::size_t bytes) {
   in_batch_ = false;
   if (receiver_ == nullptr) return;
   Flush();
+  if (is_finishing_) return;
   WatchUnfinishedFrame();
   Read();
 }
 
 void FrameSocket::HandOutFrames() {
-  while (receiver_ != nullptr) {
+  while (receiver_ != nullptr && !is_finishing_) {
     const absl::StatusOr<std::optional<std::string_view>> next = reader_.Next();
     if (!next.ok()) return receiver_->OnBroken(next.status());
     if (!next->has_value()) return;

@@ -82,6 +82,13 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   // arrive before that returns.
   bool in_batch() const { return in_batch_; }
 
+  // Hands out no more frames, and calls OnBroken (OK) once all that is queued
+  // has been written, as a task of its own.
+  void FinishWriting();
+
+  // False after Close.
+  bool is_open() const { return receiver_ != nullptr; }
+
   // Writes what the socket still takes, then closes it. The receiver is not
   // called again. Closing twice is harmless.
   void Close();
@@ -89,6 +96,7 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
  private:
   // Has queued frames written, or the receiver told if there is no room.
   absl::Status Queued(absl::Status added);
+  void OnAllWritten();
   void Read();
   void OnRead(std::size_t bytes);
   // Every frame that is complete, or until the receiver closes the socket.
@@ -105,6 +113,7 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   rpc::transport::StreamMessage frame_;  // Reused, so that its memory is too.
   Outbox outbox_;
   bool has_told_full_ = false;
+  bool is_finishing_ = false;
 
   // The frame that is not whole yet: its number, and when its first bytes came.
   std::uint64_t whole_frames_ = 0;

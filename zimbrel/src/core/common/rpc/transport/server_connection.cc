@@ -9,12 +9,14 @@
 #include "asio/buffer.hpp"
 #include "google/protobuf/descriptor.h"
 
+#include "zimbrel/src/core/common/rpc/transport/handshake.h"
 #include "zimbrel/src/core/common/rpc/transport/server_call.h"
 
 namespace orvane {
 
 using google::protobuf::MethodDescriptor;
 using google::protobuf::ServiceDescriptor;
+using rpc::transport::Hello;
 using rpc::transport::StreamMessage;
 
 namespace {
@@ -59,6 +61,10 @@ StreamMessage ErrorFrame(std::uint64_t id, const absl::Status& why) {
   return error;
 }
 
+absl::Status ShuttingDown() {
+  return absl::UnavailableError("the widget is shutting down");
+}
+
 absl::Status NotOpen(std::uint64_t id) {
   return absl::NotFoundError(absl::StrCat("stream ", id, " is not open"));
 }
@@ -95,6 +101,15 @@ ServerConnection::~ServerConnection() {
   for (const std::uint64_t id : ids) CancelCall(id);
 }
 
+void ServerConnection::ShutDown() {
+  is_shutting_down_ = true;
+  // What a stream's end tells may destroy this object.
+  const std::shared_ptr<FrameSocket> socket = home_.socket;
+  while (socket->is_open() && !streams_.empty())
+    EndStream(streams_.begin()->first);
+  if (socket->is_open()) EndIfAllIsAnswered();
+}
+
 void ServerConnection::Refuse(FrameSocket::Socket socket,
                               const absl::Status& why) {
   ByteBuffer words;
@@ -108,6 +123,7 @@ void ServerConnection::Refuse(FrameSocket::Socket socket,
 }
 
 void ServerConnection::OnFrame(StreamMessage& frame) {
+  if (!has_met_) return Meet(frame);
   switch (frame.kind()) {
     case StreamMessage::KIND_CALL:
       return BeginCall(frame);
@@ -120,10 +136,28 @@ void ServerConnection::OnFrame(StreamMessage& frame) {
       return Deliver(frame);
     case StreamMessage::KIND_COMPLETE:
       return CompleteStream(frame.stream_id());
+    case StreamMessage::KIND_HELLO:
+      return ThrowOut(absl::InvalidArgumentError("a second hello"));
     default:
       return ThrowOut(absl::InvalidArgumentError(absl::StrCat(
           "frame of kind ", frame.kind(), ", which a host never sends")));
   }
+}
+
+void ServerConnection::Meet(const StreamMessage& frame) {
+  Hello host;
+  if (frame.kind() != StreamMessage::KIND_HELLO ||
+      !ParsePayload(frame.payload(), kMaxMessageDepth, &host)) {
+    return ThrowOut(absl::InvalidArgumentError(
+        "a connection begins with a hello, which tells the host's version"));
+  }
+  const Hello widget = Introduce(*home_.service->GetDescriptor());
+  StreamMessage header;
+  header.set_kind(StreamMessage::KIND_HELLO);
+  absl::Status met = home_.socket->Send(header, widget);
+  if (met.ok()) met = CheckFit(host, widget);
+  if (!met.ok()) return ThrowOut(met);
+  has_met_ = true;
 }
 
 void ServerConnection::OnBroken(const absl::Status& why) { ThrowOut(why); }
@@ -144,6 +178,7 @@ bool ServerConnection::TakeId(std::uint64_t id) {
 void ServerConnection::BeginCall(const StreamMessage& frame) {
   const std::uint64_t id = frame.stream_id();
   if (!TakeId(id)) return;
+  if (is_shutting_down_) return SendError(id, ShuttingDown());
   const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
       *home_.service->GetDescriptor(), frame.method(), /*stream=*/false);
   if (!found.ok()) return SendError(id, found.status());
@@ -172,25 +207,32 @@ void ServerConnection::BeginCall(const StreamMessage& frame) {
 
 void ServerConnection::Finish(const ServerCall& call) {
   calls_.erase(call.id());
-  if (absl::Status outcome = call.outcome(); !outcome.ok())
-    return SendError(call.id(), outcome);
-  StreamMessage header;
-  header.set_kind(StreamMessage::KIND_REPLY);
-  header.set_stream_id(call.id());
-  if (absl::Status sent = home_.socket->Send(header, call.response());
-      !sent.ok()) {
-    SendError(call.id(), sent);
+  absl::Status outcome = call.outcome();
+  if (outcome.ok()) {
+    StreamMessage header;
+    header.set_kind(StreamMessage::KIND_REPLY);
+    header.set_stream_id(call.id());
+    outcome = home_.socket->Send(header, call.response());
   }
+  if (!outcome.ok()) SendError(call.id(), outcome);
+  EndIfAllIsAnswered();
+}
+
+void ServerConnection::EndIfAllIsAnswered() {
+  if (is_shutting_down_ && calls_.empty()) home_.socket->FinishWriting();
 }
 
 void ServerConnection::CancelCall(std::uint64_t id) {
   const auto node = calls_.extract(id);
-  if (!node.empty()) node.mapped()->Abandon();
+  if (node.empty()) return;
+  EndIfAllIsAnswered();
+  node.mapped()->Abandon();
 }
 
 void ServerConnection::OpenStream(const StreamMessage& frame) {
   const std::uint64_t id = frame.stream_id();
   if (!TakeId(id)) return;
+  if (is_shutting_down_) return SendError(id, ShuttingDown());
   const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
       *home_.service->GetDescriptor(), frame.method(), /*stream=*/true);
   if (!found.ok()) return SendError(id, found.status());

@@ -43,6 +43,10 @@ class ServerConnection final : public FrameSocket::Receiver {
   // it.
   static void Refuse(FrameSocket::Socket socket, const absl::Status& why);
 
+  // Ends the streams and lets nothing new begin. Once every call has been
+  // answered and all is written the connection ends, as if the host had left.
+  void ShutDown();
+
   // A handler has answered: sends the answer and forgets the call.
   void Finish(const ServerCall& call);
 
@@ -51,6 +55,8 @@ class ServerConnection final : public FrameSocket::Receiver {
   void OnBroken(const absl::Status& why) override;
   void OnFull(const absl::Status& why) override;
 
+  // The host's first frame.
+  void Meet(const rpc::transport::StreamMessage& frame);
   // The host begins a call or a stream: false if its number is out of order,
   // which has then ended the connection.
   bool TakeId(std::uint64_t id);
@@ -61,6 +67,7 @@ class ServerConnection final : public FrameSocket::Receiver {
   void CompleteStream(std::uint64_t id);
   // False if there is no such stream.
   bool EndStream(std::uint64_t id);
+  void EndIfAllIsAnswered();
   void SendError(std::uint64_t id, const absl::Status& why);
   // Tells the host why, and ends the connection.
   void ThrowOut(const absl::Status& why);
@@ -69,6 +76,8 @@ class ServerConnection final : public FrameSocket::Receiver {
   // For calls that are answered elsewhere.
   const std::shared_ptr<Mailbox> mailbox_;
   absl::AnyInvocable<void() &&> on_end_;
+  bool has_met_ = false;
+  bool is_shutting_down_ = false;
   // Not answered yet. Each is owned by its handler, through `done`.
   std::unordered_map<std::uint64_t, ServerCall*> calls_;
   // In the order in which they were opened, which is that of their ends.

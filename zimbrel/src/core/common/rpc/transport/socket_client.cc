@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 
@@ -17,6 +18,7 @@
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 #include "zimbrel/src/core/common/rpc/transport/frame_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/handshake.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane {
@@ -26,6 +28,8 @@ using google::protobuf::Message;
 using google::protobuf::MessageLite;
 using google::protobuf::MethodDescriptor;
 using google::protobuf::RpcController;
+using google::protobuf::ServiceDescriptor;
+using rpc::transport::Hello;
 using rpc::transport::StreamMessage;
 
 namespace {
@@ -156,7 +160,8 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
     frame.set_kind(StreamMessage::KIND_OPEN);
     frame.set_stream_id(id);
     frame.set_method(static_cast<std::uint32_t>(method.index()));
-    const absl::Status sent = status_.ok() ? socket_->Send(frame) : status_;
+    absl::Status sent = SpeakOf(*method.service());
+    if (sent.ok()) sent = socket_->Send(frame);
     if (sent.ok()) {
       streams_.emplace(id, stream);
     } else {
@@ -208,9 +213,36 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
     return id;
   }
 
+  // What a connection is first used for is what it is for: says hello, at that
+  // time, and finds out whether the widget fits if it has said hello already.
+  absl::Status SpeakOf(const ServiceDescriptor& service) {
+    if (!status_.ok() || service_ == &service) return status_;
+    if (service_ != nullptr) {
+      return absl::InvalidArgumentError(
+          absl::StrCat("a connection for ", service_->full_name(),
+                       " is used for ", service.full_name()));
+    }
+    StreamMessage header;
+    header.set_kind(StreamMessage::KIND_HELLO);
+    if (absl::Status sent = socket_->Send(header, Introduce(service));
+        !sent.ok()) {
+      return sent;
+    }
+    service_ = &service;
+    status_ = CheckWidget();
+    if (!status_.ok()) socket_->Close();  // Nothing is in progress yet.
+    return status_;
+  }
+
+  // OK unless both ends are known and do not fit.
+  absl::Status CheckWidget() const {
+    if (service_ == nullptr || !widget_.has_value()) return absl::OkStatus();
+    return CheckFit(Introduce(*service_), *widget_);
+  }
+
   absl::Status SendRequest(std::uint64_t id, const MethodDescriptor& method,
                            const Message& request, absl::Duration timeout) {
-    if (!status_.ok()) return status_;
+    if (absl::Status fit = SpeakOf(*method.service()); !fit.ok()) return fit;
     if (timeout <= absl::ZeroDuration()) {
       return absl::DeadlineExceededError("the call had no time at all");
     }
@@ -261,11 +293,17 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
   // Whoever is told of a frame may destroy this object.
   void OnFrame(StreamMessage& frame) override {
     const std::uint64_t id = frame.stream_id();
+    const bool ends_all = frame.kind() == StreamMessage::KIND_ERROR && id == 0;
+    if (widget_.has_value() == (frame.kind() == StreamMessage::KIND_HELLO) &&
+        !ends_all) {
+      return Break(absl::UnavailableError(
+          "the widget's first frame, and only that, has to be a hello"));
+    }
     switch (frame.kind()) {
       case StreamMessage::KIND_REPLY:
         return EndCall(id, frame);
       case StreamMessage::KIND_ERROR:
-        if (id == 0) {
+        if (ends_all) {
           return Break(absl::UnavailableError(absl::StrCat(
               "the widget ended the connection: ", frame.error_text())));
         }
@@ -275,10 +313,19 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
         return Deliver(frame);
       case StreamMessage::KIND_COMPLETE:
         return EndStream(id, absl::OkStatus());
+      case StreamMessage::KIND_HELLO:
+        return Meet(frame);
       default:
         return Break(absl::UnavailableError(
             absl::StrCat("the widget sent a frame of kind ", frame.kind())));
     }
+  }
+
+  void Meet(const StreamMessage& frame) {
+    if (!widget_.emplace().ParseFromString(frame.payload())) {
+      return Break(absl::UnavailableError("the widget's hello is no Hello"));
+    }
+    if (absl::Status fit = CheckWidget(); !fit.ok()) Break(fit);
   }
 
   void EndCall(std::uint64_t id, const StreamMessage& frame) {
@@ -357,6 +404,8 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
   EventLoop* const loop_;
   const std::shared_ptr<FrameSocket> socket_;
   absl::Status status_;
+  const ServiceDescriptor* service_ = nullptr;  // Known from its first use.
+  std::optional<Hello> widget_;                 // Once it has said hello.
   std::uint64_t last_id_ = 0;
   std::unordered_map<std::uint64_t, PendingCall> calls_;
   std::unordered_map<std::uint64_t, std::shared_ptr<HostStream>> streams_;

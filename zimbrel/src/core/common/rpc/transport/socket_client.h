@@ -28,11 +28,16 @@ struct ClientOptions {
 };
 
 // Calls the unary methods of the service at the other end of a Unix-domain
-// socket, and opens its streams. Calls and what is sent on streams reach the
-// widget in the order in which they are made; answers come in any order.
+// socket, and opens its streams: one service, that of the method used first.
+// Calls and what is sent on streams reach the widget in the order in which they
+// are made; answers come in any order.
 //
 // When the connection ends, for whatever reason, every call in progress and
-// every stream ends with kUnavailable, and so does each later one. A client
+// every stream ends with kUnavailable, and so does each later one; with
+// kFailedPrecondition if the widget has another service there, or a version of
+// it that does not fit, which no later try will mend. A widget may have more
+// methods than this end knows of, or fewer: then those that it lacks fail with
+// kUnimplemented. A client
 // does not reconnect: the widget at the other end would be another one.
 //
 // Thread: the service thread of its loop. Lifetime: the loop outlives the

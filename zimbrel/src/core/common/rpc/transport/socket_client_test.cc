@@ -14,7 +14,7 @@
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
-#include "zimbrel/src/core/common/rpc/transport/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 

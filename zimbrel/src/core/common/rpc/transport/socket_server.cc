@@ -3,6 +3,7 @@
 #include <optional>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "zimbrel/src/core/common/rpc/asio_hook.h"
 
@@ -27,6 +28,7 @@ class SocketServer::Impl {
       : loop_(loop), service_(service), limits_(limits) {}
 
   absl::Status Listen(const std::string& path) {
+    if (is_shutting_down_) return ShutDownAlready();
     if (acceptor_.has_value())
       return absl::FailedPreconditionError("listening already");
     absl::StatusOr<ListeningSocket> listening = ListeningSocket::Open(path);
@@ -42,6 +44,7 @@ class SocketServer::Impl {
   }
 
   absl::Status Adopt(OwnedDescriptor descriptor) {
+    if (is_shutting_down_) return ShutDownAlready();
     if (absl::Status status = CheckPeerIsThisUser(descriptor.get());
         !status.ok())
       return status;
@@ -53,6 +56,26 @@ class SocketServer::Impl {
     return Serve(std::move(socket));
   }
 
+  void Shutdown(absl::Duration within, Task done) {
+    if (is_shutting_down_) return;
+    is_shutting_down_ = true;
+    done_ = std::move(done);
+    retry_.reset();
+    acceptor_.reset();
+    listening_.reset();
+    cut_off_ = loop_->RunAfter(within, [this] { CutOff(); });
+    std::vector<int> ids;
+    for (const auto& [id, connection] : connections_) ids.push_back(id);
+    // What the end of a stream tells may end other connections, and the server.
+    const std::weak_ptr<char> alive = alive_;
+    for (const int id : ids) {
+      const auto connection = connections_.find(id);
+      if (connection != connections_.end()) connection->second->ShutDown();
+      if (alive.expired()) return;
+    }
+    FinishIfAllHaveLeft();
+  }
+
   std::size_t connections() const { return connections_.size(); }
   const ServerCounters& counters() const { return counters_; }
 
@@ -61,7 +84,7 @@ class SocketServer::Impl {
     acceptor_->async_accept(
         [this, alive = std::weak_ptr(alive_)](asio::error_code error,
                                               stream_protocol::socket socket) {
-          if (alive.expired()) return;
+          if (alive.expired() || is_shutting_down_) return;
           if (error) {
             // Out of descriptors, most likely, and no error that time cannot
             // cure. The host stays in the queue meanwhile.
@@ -91,8 +114,31 @@ class SocketServer::Impl {
     connections_.emplace(
         id, std::make_unique<ServerConnection>(
                 loop_, service_, limits_, &counters_, std::move(socket),
-                [this, id] { connections_.extract(id); }));
+                [this, id, alive = std::weak_ptr(alive_)] {
+                  connections_.extract(id);
+                  if (!alive.expired()) FinishIfAllHaveLeft();
+                }));
     return absl::OkStatus();
+  }
+
+  static absl::Status ShutDownAlready() {
+    return absl::UnavailableError("the server has been shut down");
+  }
+
+  // The rest has had its time.
+  void CutOff() {
+    const std::weak_ptr<char> alive = alive_;
+    std::exchange(connections_, {}).clear();
+    if (!alive.expired()) FinishIfAllHaveLeft();
+  }
+
+  void FinishIfAllHaveLeft() {
+    if (!connections_.empty() || !done_) return;
+    cut_off_.reset();
+    loop_->Post([alive = std::weak_ptr(alive_),
+                 done = std::exchange(done_, nullptr)]() mutable {
+      if (!alive.expired()) std::move(done)();
+    });
   }
 
   static constexpr absl::Duration kAcceptRetry = absl::Milliseconds(100);
@@ -106,6 +152,9 @@ class SocketServer::Impl {
       listening_;  // Removes the file, after the acceptor is closed.
   std::optional<stream_protocol::acceptor> acceptor_;
   std::unique_ptr<EventLoop::Timer> retry_;
+  bool is_shutting_down_ = false;
+  std::unique_ptr<EventLoop::Timer> cut_off_;
+  Task done_;  // Null but while it is to come.
   int next_id_ = 0;
   std::unordered_map<int, std::unique_ptr<ServerConnection>> connections_;
 };
@@ -122,6 +171,10 @@ absl::Status SocketServer::Listen(const std::string& path) {
 
 absl::Status SocketServer::Adopt(int descriptor) {
   return impl_->Adopt(OwnedDescriptor(descriptor));
+}
+
+void SocketServer::Shutdown(absl::Duration within, Task done) {
+  impl_->Shutdown(within, std::move(done));
 }
 
 std::size_t SocketServer::connections() const { return impl_->connections(); }

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "absl/status/status.h"
+#include "absl/time/time.h"
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/service.h"
@@ -43,6 +44,9 @@ struct ServerCounters {
 // is told so in words, and the call or stream ends; where its bytes make no
 // sense as frames its connection ends. Other hosts notice nothing.
 //
+// An orderly end is Shutdown, then the destructor; the destructor alone is an
+// abrupt one.
+//
 // Thread: the service thread. Lifetime: loop and service outlive the server.
 // May be destroyed at any time, also by a handler.
 class SocketServer {
@@ -66,6 +70,16 @@ class SocketServer {
   // it fails: because the peer runs as another user, too many hosts are
   // connected, or it is no such socket.
   absl::Status Adopt(int descriptor);
+
+  // Stops listening, removes the socket file, completes every stream, which the
+  // host is told, and lets no call begin. A connection ends when its calls have
+  // been answered and its host has read all that it was sent, or when `within`
+  // is over: what is not answered then has failed for its host.
+  //
+  // `done` runs as a task of its own when no connection is left, so a little
+  // after `within` at the latest; never if the server is destroyed before. At
+  // most once: a later call does nothing, whose `done` never runs.
+  void Shutdown(absl::Duration within, Task done);
 
   // Hosts that are connected.
   std::size_t connections() const;

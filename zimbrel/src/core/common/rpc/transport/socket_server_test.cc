@@ -1,6 +1,7 @@
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,8 +26,9 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 #include "zimbrel/src/core/common/rpc/transport/framing.h"
-#include "zimbrel/src/core/common/rpc/transport/raw_peer.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
@@ -565,20 +567,10 @@ TEST_F(SmallFramesServerTest, AFailuresTextIsCutSoThatItFitsAFrame) {
 
 class ListeningServerTest : public SocketServerTest {
  protected:
-  ListeningServerTest() {
-    std::string pattern = ::testing::TempDir() + "orvane.XXXXXX";
-    folder_ = ::mkdtemp(pattern.data());
-    path = folder_ + "/s";
-  }
-  ~ListeningServerTest() override {
-    server.reset();
-    std::filesystem::remove_all(folder_);
-  }
+  ~ListeningServerTest() override { server.reset(); }
 
-  std::string path;
-
- private:
-  std::string folder_;
+  const TemporaryFolder folder;
+  const std::string path = folder.path() + "/s";
 };
 
 TEST_F(ListeningServerTest, ServesSeveralHostsAtItsPath) {
@@ -615,6 +607,39 @@ TEST_F(ListeningServerTest, TheSecondServerAtAPathIsRefused) {
   ASSERT_TRUE(server->Listen(path).ok());
   SocketServer second(&loop, &widget);
   EXPECT_THAT(second.Listen(path).message(), HasSubstr("already"));
+}
+
+// The process may open no further descriptors while this lives.
+class NoDescriptorsLeft {
+ public:
+  NoDescriptorsLeft() {
+    EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &before_), 0);
+    const int next = ::dup(STDIN_FILENO);
+    EXPECT_GE(next, 0);
+    ::close(next);
+    rlimit none = before_;
+    none.rlim_cur = static_cast<rlim_t>(next);
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  }
+  NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
+  NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
+  ~NoDescriptorsLeft() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_;
+};
+
+TEST_F(ListeningServerTest, AHostThatComesWhenNoDescriptorIsLeftIsServedLater) {
+  ASSERT_TRUE(server->Listen(path).ok());
+  const auto host = SocketClient::Connect(&loop, path);
+  ASSERT_TRUE(host.ok());
+  {
+    const NoDescriptorsLeft none;
+    // Comes to an end, so it does not try again and again.
+    loop.RunUntilIdle();
+    EXPECT_EQ(server->connections(), 0u);
+  }
+  EXPECT_TRUE(loop.RunUntil([this] { return server->connections() == 1; }));
 }
 
 TEST_F(SocketServerTest, AdoptRefusesWhatIsNoSocketAndClosesIt) {

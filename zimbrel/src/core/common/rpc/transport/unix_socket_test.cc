@@ -18,6 +18,8 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+
 namespace orvane {
 namespace {
 
@@ -28,14 +30,8 @@ constexpr uid_t kNobody = 65534;
 
 class UnixSocketTest : public ::testing::Test {
  protected:
-  UnixSocketTest() {
-    std::string pattern = ::testing::TempDir() + "orvane.XXXXXX";
-    folder_ = ::mkdtemp(pattern.data());
-  }
-  ~UnixSocketTest() override { std::filesystem::remove_all(folder_); }
-
   std::string Path(const std::string& name) const {
-    return folder_ + "/" + name;
+    return folder_.path() + "/" + name;
   }
 
   static std::string ErrorOf(const std::string& path) {
@@ -53,7 +49,7 @@ class UnixSocketTest : public ::testing::Test {
     return std::filesystem::exists(path);
   }
 
-  std::string folder_;
+  const TemporaryFolder folder_;
 };
 
 TEST_F(UnixSocketTest, ListensAndIsConnectedTo) {
@@ -81,7 +77,7 @@ TEST_F(UnixSocketTest, MakesNoMoreThanTheLastFolder) {
 }
 
 TEST_F(UnixSocketTest, RefusesAFolderThatOthersCanEnter) {
-  ASSERT_EQ(::chmod(folder_.c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
   EXPECT_THAT(ErrorOf(Path("s")),
               AllOf(HasSubstr("has mode 755"), HasSubstr("must be 700")));
 }
@@ -89,7 +85,7 @@ TEST_F(UnixSocketTest, RefusesAFolderThatOthersCanEnter) {
 TEST_F(UnixSocketTest, RefusesAFolderOfSomebodyElse) {
   if (::geteuid() != 0)
     GTEST_SKIP() << "only root can make a folder of another user";
-  ASSERT_EQ(::chown(folder_.c_str(), kNobody, kNobody), 0);
+  ASSERT_EQ(::chown(folder_.path().c_str(), kNobody, kNobody), 0);
   EXPECT_THAT(ErrorOf(Path("s")), HasSubstr("belongs to user 65534"));
 }
 
@@ -185,7 +181,8 @@ TEST_F(UnixSocketTest, RefusesAFileThatIsNoSocketAndLeavesIt) {
 }
 
 TEST_F(UnixSocketTest, RefusesAPathThatDoesNotFitAnAddress) {
-  const std::string longest = Path(std::string(107 - folder_.size() - 1, 'x'));
+  const std::string longest =
+      Path(std::string(107 - folder_.path().size() - 1, 'x'));
   EXPECT_TRUE(ListeningSocket::Open(longest).ok());
   EXPECT_THAT(ErrorOf(longest + "x"), HasSubstr("108 bytes; the limit is 107"));
   EXPECT_THAT(ConnectTo(longest + "x").status().message(),
@@ -222,7 +219,7 @@ TEST_F(UnixSocketTest, APeerOfThisUserIsAccepted) {
 
 TEST_F(UnixSocketTest, APeerOfAnotherUserIsRefusedWithBothIds) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  ASSERT_EQ(::chown(folder_.c_str(), kNobody, kNobody), 0);
+  ASSERT_EQ(::chown(folder_.path().c_str(), kNobody, kNobody), 0);
   int ready[2];
   ASSERT_EQ(::pipe(ready), 0);
   const pid_t server = ::fork();

@@ -21,6 +21,7 @@ inline constexpr std::uint32_t kShow = 5;
 inline constexpr std::uint32_t kHide = 6;
 inline constexpr std::uint32_t kFirstStream = 40;
 inline constexpr std::uint32_t kWhenTooltipChanged = 41;
+inline constexpr std::uint32_t kWhenLiveRegionChanged = 45;
 inline constexpr std::uint32_t kFirstCallbackStream = 46;
 inline constexpr std::uint32_t kOnCreateWebDialog = 46;
 inline constexpr std::uint32_t kMethods = 52;

@@ -1,29 +1,47 @@
 // For tests of the transport: the other end of a connection, scripted.
 
-#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_RAW_PEER_H_
-#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_RAW_PEER_H_
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_TESTING_RAW_PEER_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_TESTING_RAW_PEER_H_
 
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "gtest/gtest.h"
 
+#include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/byte_buffer.h"
 #include "zimbrel/src/core/common/rpc/transport/framing.h"
+#include "zimbrel/src/core/common/rpc/transport/handshake.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane {
 
-// One end of a connection that says just what a test tells it to, byte by byte.
+// One end of a connection that says hello, and then just what a test tells it
+// to, byte by byte.
 class RawPeer {
  public:
   explicit RawPeer(OwnedDescriptor descriptor)
-      : descriptor_(std::move(descriptor)) {}
+      : RawPeer(std::move(descriptor),
+                Introduce(*rpc::BrowserWidgetRpc::descriptor())) {}
+
+  // With a hello of the test's choice, or none.
+  RawPeer(OwnedDescriptor descriptor,
+          const std::optional<rpc::transport::Hello>& greeting)
+      : descriptor_(std::move(descriptor)) {
+    if (!greeting.has_value()) return;
+    rpc::transport::StreamMessage frame;
+    frame.set_kind(rpc::transport::StreamMessage::KIND_HELLO);
+    frame.set_payload(greeting->SerializeAsString());
+    // The other end may have refused the connection already.
+    const std::string bytes = Bytes(frame);
+    ::send(descriptor_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  }
 
   // All at once; waits if the socket is full.
   void SendBytes(const std::string& bytes) {
@@ -57,7 +75,9 @@ class RawPeer {
     }
   }
 
+  // All but the hello of the other end.
   std::vector<rpc::transport::StreamMessage> frames;
+  std::optional<rpc::transport::Hello> hello;
   bool closed = false;
 
  private:
@@ -66,7 +86,14 @@ class RawPeer {
       const auto next = reader_.Next();
       ASSERT_TRUE(next.ok()) << next.status();
       if (!next->has_value()) return;
-      ASSERT_TRUE(frames.emplace_back().ParseFromString(std::string(**next)));
+      rpc::transport::StreamMessage frame;
+      ASSERT_TRUE(frame.ParseFromString(std::string(**next)));
+      if (frame.kind() == rpc::transport::StreamMessage::KIND_HELLO) {
+        ASSERT_FALSE(hello.has_value());
+        ASSERT_TRUE(hello.emplace().ParseFromString(frame.payload()));
+      } else {
+        frames.push_back(std::move(frame));
+      }
     }
   }
 
@@ -76,4 +103,4 @@ class RawPeer {
 
 }  // namespace orvane
 
-#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_RAW_PEER_H_
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_TESTING_RAW_PEER_H_

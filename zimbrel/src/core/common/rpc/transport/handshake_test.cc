@@ -1,0 +1,333 @@
+#include "zimbrel/src/core/common/rpc/transport/handshake.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "gmock/gmock.h"
+#include "google/protobuf/descriptor.pb.h"
+#include "google/protobuf/empty.pb.h"
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.rpc.h"
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+namespace orvane {
+namespace {
+
+using google::protobuf::ServiceDescriptor;
+using rpc::transport::Hello;
+using rpc::transport::StreamMessage;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+const ServiceDescriptor& Widget() {
+  return *rpc::BrowserWidgetRpc::descriptor();
+}
+
+Hello WithMethods(Hello hello, int count) {
+  while (hello.methods_size() < count) hello.add_methods(0x1234);
+  hello.mutable_methods()->Truncate(count);
+  return hello;
+}
+
+Hello WithProtocols(std::uint32_t oldest, std::uint32_t newest) {
+  Hello hello = Introduce(Widget());
+  hello.set_oldest_protocol(oldest);
+  hello.set_newest_protocol(newest);
+  return hello;
+}
+
+Hello WithAnotherMethod(int index) {
+  Hello hello = Introduce(Widget());
+  hello.set_methods(index, hello.methods(index) + 1);
+  return hello;
+}
+
+// A service of two methods, whose messages are those that are compiled in.
+class Lines {
+ public:
+  Lines() : pool_(google::protobuf::DescriptorPool::generated_pool()) {
+    google::protobuf::FileDescriptorProto file;
+    file.set_name("lines.proto");
+    file.add_dependency(google::protobuf::Empty::descriptor()->file()->name());
+    file.add_dependency(BrowserId::descriptor()->file()->name());
+    file.add_service()->set_name("Lines");
+    Add("Ask", /*stream=*/false, file.mutable_service(0)->add_method());
+    Add("Watch", /*stream=*/true, file.mutable_service(0)->add_method());
+    service_ = pool_.BuildFile(file)->service(0);
+  }
+
+  const ServiceDescriptor& service() const { return *service_; }
+
+ private:
+  static void Add(const std::string& name, bool stream,
+                  google::protobuf::MethodDescriptorProto* method) {
+    method->set_name(name);
+    method->set_input_type(".BrowserId");
+    method->set_output_type(".google.protobuf.Empty");
+    method->set_client_streaming(stream);
+    method->set_server_streaming(stream);
+  }
+
+  google::protobuf::DescriptorPool pool_;
+  const ServiceDescriptor* service_;
+};
+
+// The hello ------------------------------------------------------------------
+
+TEST(Introduction, NamesTheServiceAndTheProtocols) {
+  const Hello hello = Introduce(Widget());
+  EXPECT_EQ(hello.service(), "rpc.BrowserWidgetRpc");
+  EXPECT_EQ(hello.oldest_protocol(), 1u);
+  EXPECT_EQ(hello.newest_protocol(), 1u);
+  EXPECT_EQ(hello.methods_size(), 52);
+}
+
+// Reckoned by hand from what the comment in the proto says.
+TEST(Introduction, HashesTheLinesOfTheMethods) {
+  // FNV-1a of "Ask(BrowserId) returns (google.protobuf.Empty)\n", and on with
+  // "Watch(stream BrowserId) returns (stream google.protobuf.Empty)\n".
+  EXPECT_THAT(Introduce(Lines().service()).methods(),
+              ElementsAre(0x60a66a444ab18fafu, 0xa7e8a0d16bda53f5u));
+}
+
+// Who fits -------------------------------------------------------------------
+
+TEST(Fit, TwoOfTheSameVersion) {
+  EXPECT_TRUE(CheckFit(Introduce(Widget()), Introduce(Widget())).ok());
+}
+
+TEST(Fit, AnEndWithMoreMethodsOnEitherSide) {
+  const Hello now = Introduce(Widget());
+  const Hello later = WithMethods(now, 60);
+  EXPECT_TRUE(CheckFit(now, later).ok());
+  EXPECT_TRUE(CheckFit(later, now).ok());
+}
+
+TEST(Fit, AnEndThatSpeaksNewerProtocolsTooOnEitherSide) {
+  const Hello now = Introduce(Widget());
+  EXPECT_TRUE(CheckFit(now, WithProtocols(1, 3)).ok());
+  EXPECT_TRUE(CheckFit(WithProtocols(1, 3), now).ok());
+}
+
+TEST(Misfit, NoProtocolInCommon) {
+  const absl::Status fit = CheckFit(Introduce(Widget()), WithProtocols(2, 3));
+  EXPECT_EQ(fit.code(), absl::StatusCode::kFailedPrecondition);
+  EXPECT_THAT(fit.message(),
+              AllOf(HasSubstr("differ in protocol"),
+                    HasSubstr("the host speaks protocol 1 and"),
+                    HasSubstr("the widget protocols 2 to 3 and")));
+  EXPECT_FALSE(CheckFit(WithProtocols(2, 3), Introduce(Widget())).ok());
+}
+
+TEST(Misfit, AnotherService) {
+  Hello other = WithMethods(Introduce(Widget()), 2);
+  other.set_service("rpc.Other");
+  const absl::Status fit = CheckFit(other, Introduce(Widget()));
+  EXPECT_EQ(fit.code(), absl::StatusCode::kFailedPrecondition);
+  EXPECT_THAT(fit.message(),
+              AllOf(HasSubstr("differ in service"),
+                    HasSubstr("the host speaks protocol 1 and rpc.Other with "
+                              "2 methods ("),
+                    HasSubstr("the widget protocol 1 and rpc.BrowserWidgetRpc "
+                              "with 52 methods (")));
+}
+
+TEST(Misfit, AMethodThatIsNotTheSame) {
+  const absl::Status fit = CheckFit(Introduce(Widget()), WithAnotherMethod(17));
+  EXPECT_EQ(fit.code(), absl::StatusCode::kFailedPrecondition);
+  EXPECT_THAT(fit.message(), HasSubstr("differ in method 17;"));
+}
+
+TEST(Misfit, AMethodThatIsNotTheSameAmongFewer) {
+  EXPECT_FALSE(
+      CheckFit(Introduce(Widget()), WithMethods(WithAnotherMethod(3), 4)).ok());
+}
+
+// A server meets a host ------------------------------------------------------
+
+class ServerMeetsHost : public StreamFixture {
+ protected:
+  RawPeer Connect(const std::optional<Hello>& hello) {
+    auto pair = ConnectedPair();
+    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
+    return RawPeer(std::move(pair->second), hello);
+  }
+};
+
+TEST_F(ServerMeetsHost, AnswersItsHello) {
+  RawPeer host = ConnectRaw();
+  EXPECT_THAT(Settle(&host), IsEmpty());
+  ASSERT_TRUE(host.hello.has_value());
+  EXPECT_EQ(host.hello->SerializeAsString(),
+            Introduce(Widget()).SerializeAsString());
+  EXPECT_FALSE(host.closed);
+}
+
+TEST_F(ServerMeetsHost, SaysNothingBefore) {
+  RawPeer host = Connect(std::nullopt);
+  EXPECT_THAT(Settle(&host), IsEmpty());
+  EXPECT_FALSE(host.hello.has_value());
+  EXPECT_FALSE(host.closed);
+}
+
+TEST_F(ServerMeetsHost, ServesOneThatKnowsMoreMethods) {
+  RawPeer host = Connect(WithMethods(Introduce(Widget()), 60));
+  host.Send(CallFrame(1, kShow));
+  host.Send(CallFrame(2, kMethods));
+  EXPECT_THAT(Settle(&host),
+              ElementsAre("REPLY 1",
+                          "ERROR 2 UNIMPLEMENTED: no method 52 in "
+                          "rpc.BrowserWidgetRpc, which has 52"));
+}
+
+TEST_F(ServerMeetsHost, ServesOneThatKnowsFewerMethods) {
+  RawPeer host = Connect(WithMethods(Introduce(Widget()), 6));
+  host.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&host), ElementsAre("REPLY 1"));
+}
+
+TEST_F(ServerMeetsHost, PartsInWordsFromOneThatDoesNotFit) {
+  int shown = 0;
+  widget.on_show = [&shown](std::uint64_t) { ++shown; };
+  RawPeer host = Connect(WithProtocols(2, 2));
+  host.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&host),
+              ElementsAre(AllOf(HasSubstr("ERROR 0 FAILED_PRECONDITION"),
+                                HasSubstr("the host speaks protocol 2 and"),
+                                HasSubstr("the widget protocol 1 and"))));
+  EXPECT_TRUE(host.hello.has_value());
+  EXPECT_TRUE(host.closed);
+  EXPECT_EQ(shown, 0);
+}
+
+TEST_F(ServerMeetsHost, PartsFromOneThatBeginsWithACall) {
+  RawPeer host = Connect(std::nullopt);
+  host.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&host),
+              ElementsAre("ERROR 0 INVALID_ARGUMENT: a connection begins with "
+                          "a hello, which tells the host's version"));
+  EXPECT_TRUE(host.closed);
+}
+
+TEST_F(ServerMeetsHost, PartsFromOneWhoseHelloCannotBeRead) {
+  RawPeer host = Connect(std::nullopt);
+  host.Send(Frame(StreamMessage::KIND_HELLO, 0, "\xff"));
+  EXPECT_THAT(Settle(&host),
+              ElementsAre(HasSubstr("a connection begins with a hello")));
+}
+
+TEST_F(ServerMeetsHost, PartsFromOneThatSaysHelloTwice) {
+  RawPeer host = ConnectRaw();
+  host.Send(Frame(StreamMessage::KIND_HELLO, 0,
+                  Introduce(Widget()).SerializeAsString()));
+  EXPECT_THAT(Settle(&host),
+              ElementsAre("ERROR 0 INVALID_ARGUMENT: a second hello"));
+}
+
+// A client meets a widget ----------------------------------------------------
+
+class ClientMeetsWidget : public ::testing::Test {
+ protected:
+  void Connect(const std::optional<Hello>& hello) {
+    auto pair = ConnectedPair();
+    widget.emplace(std::move(pair->first), hello);
+    client = *SocketClient::Adopt(&loop, pair->second.Release());
+  }
+
+  // How a call ends, while the widget answers nothing.
+  absl::Status Call(const google::protobuf::MethodDescriptor* method =
+                        Widget().method(kShow)) {
+    ClientController controller;
+    const BrowserId request;
+    google::protobuf::Empty response;
+    client->CallMethod(method, &controller, &request, &response, nullptr);
+    return controller.status();
+  }
+
+  EventLoop loop;
+  std::optional<RawPeer> widget;
+  std::unique_ptr<SocketClient> client;
+};
+
+TEST_F(ClientMeetsWidget, SaysHelloWhenItIsFirstUsed) {
+  Connect(Introduce(Widget()));
+  loop.RunUntilIdle();
+  widget->Receive();
+  EXPECT_FALSE(widget->hello.has_value());
+  const auto stream = client->OpenStream(Widget().method(kFirstStream), {});
+  loop.RunUntilIdle();
+  widget->Receive();
+  ASSERT_TRUE(widget->hello.has_value());
+  EXPECT_EQ(widget->hello->SerializeAsString(),
+            Introduce(Widget()).SerializeAsString());
+}
+
+TEST_F(ClientMeetsWidget, PartsInWordsFromOneThatDoesNotFit) {
+  Connect(WithAnotherMethod(50));
+  const absl::Status why = Call();
+  EXPECT_EQ(why.code(), absl::StatusCode::kFailedPrecondition);
+  EXPECT_THAT(why.message(), HasSubstr("differ in method 50"));
+  EXPECT_EQ(client->status(), why);
+  widget->Receive();
+  EXPECT_TRUE(widget->closed);
+}
+
+TEST_F(ClientMeetsWidget, PartsBeforeItsFirstCallFromOneThatDidNotFitByThen) {
+  Connect(WithProtocols(7, 8));
+  loop.RunUntilIdle();
+  EXPECT_TRUE(client->status().ok());
+  EXPECT_EQ(Call().code(), absl::StatusCode::kFailedPrecondition);
+  widget->Receive();
+  EXPECT_TRUE(widget->closed);
+  EXPECT_THAT(widget->frames, IsEmpty());
+}
+
+TEST_F(ClientMeetsWidget, PartsFromOneThatSaysNoHello) {
+  Connect(std::nullopt);
+  widget->Send(Frame(StreamMessage::KIND_REPLY, 1));
+  const absl::Status why = Call();
+  EXPECT_EQ(why.code(), absl::StatusCode::kUnavailable);
+  EXPECT_THAT(why.message(), HasSubstr("first frame"));
+}
+
+TEST_F(ClientMeetsWidget, PartsFromOneWhoseHelloCannotBeRead) {
+  Connect(std::nullopt);
+  widget->Send(Frame(StreamMessage::KIND_HELLO, 0, "\xff"));
+  EXPECT_THAT(Call().message(), HasSubstr("hello"));
+}
+
+TEST_F(ClientMeetsWidget, TakesARefusalInPlaceOfAHello) {
+  Connect(std::nullopt);
+  StreamMessage refusal = Frame(StreamMessage::KIND_ERROR, 0);
+  refusal.set_error_text("64 hosts are connected");
+  widget->Send(refusal);
+  EXPECT_THAT(Call().message(), HasSubstr("64 hosts are connected"));
+}
+
+TEST_F(ClientMeetsWidget, IsForOneServiceOnly) {
+  Connect(Introduce(Widget()));
+  const auto stream = client->OpenStream(Widget().method(kFirstStream), {});
+  const Lines other;
+  const absl::Status why = Call(other.service().method(0));
+  EXPECT_EQ(why.code(), absl::StatusCode::kInvalidArgument);
+  EXPECT_EQ(why.message(),
+            "a connection for rpc.BrowserWidgetRpc is used for Lines");
+  EXPECT_TRUE(client->status().ok());
+}
+
+}  // namespace
+}  // namespace orvane

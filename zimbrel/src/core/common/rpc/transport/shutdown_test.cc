@@ -1,0 +1,242 @@
+// How a server ends in order, within a bound.
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "absl/time/time.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/then.h"
+
+namespace orvane {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr absl::Duration kLong = absl::Hours(1);
+
+class ShutdownTest : public StreamFixture {
+ protected:
+  ~ShutdownTest() override {
+    for (const auto& call : std::exchange(widget.held, {})) call.done->Run();
+  }
+
+  void Shutdown(absl::Duration within = kLong) {
+    server->Shutdown(within, [this] { ++ended; });
+  }
+
+  int ended = 0;
+};
+
+TEST_F(ShutdownTest, WithoutHostsItEndsAtOnceButNotInsideTheCall) {
+  Shutdown();
+  EXPECT_EQ(ended, 0);
+  loop.RunUntilIdle();
+  EXPECT_EQ(ended, 1);
+}
+
+TEST_F(ShutdownTest, RemovesTheSocketFileAndListensNoMore) {
+  const TemporaryFolder folder;
+  const std::string path = folder.path() + "/s";
+  ASSERT_TRUE(server->Listen(path).ok());
+  const auto host = SocketClient::Connect(&loop, path);
+  ASSERT_TRUE(host.ok());
+  Shutdown();
+  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_EQ(SocketClient::Connect(&loop, path).status().code(),
+            absl::StatusCode::kUnavailable);
+  loop.RunUntilIdle();
+  EXPECT_EQ(ended, 1);
+}
+
+TEST_F(ShutdownTest, TakesNoFurtherHosts) {
+  Shutdown();
+  auto pair = ConnectedPair();
+  EXPECT_EQ(server->Adopt(pair->first.Release()),
+            absl::UnavailableError("the server has been shut down"));
+  const TemporaryFolder folder;
+  const std::string path = folder.path() + "/s";
+  EXPECT_EQ(server->Listen(path),
+            absl::UnavailableError("the server has been shut down"));
+}
+
+TEST_F(ShutdownTest, CompletesStreamsAndTellsTheirHosts) {
+  RawPeer host = ConnectRaw();
+  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  host.Send(NextFrame(1, Subscribe(7)));
+  host.Send(OpenFrame(2, kOnCreateWebDialog));
+  host.Send(NextFrame(2, Serve(7)));
+  Settle(&host);
+  Shutdown();
+  EXPECT_EQ(RegisteredKeys(), 0u);
+  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 1", "COMPLETE 2"));
+  EXPECT_TRUE(host.closed);
+  EXPECT_EQ(ended, 1);
+}
+
+TEST_F(ShutdownTest, FailsTheCallsOfTheWidget) {
+  RawPeer host = ConnectRaw();
+  host.Send(OpenFrame(1, kOnCreateWebDialog));
+  host.Send(NextFrame(1, Serve(7)));
+  Settle(&host);
+  const auto call = Ask(7, "?");
+  Shutdown();
+  loop.RunUntilIdle();
+  EXPECT_THAT(ends, ElementsAre("? CANCELLED"));
+}
+
+TEST_F(ShutdownTest, WaitsForAHandlerThatAnswers) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(1, kHide));
+  Settle(&host);
+  Shutdown();
+  EXPECT_THAT(Settle(&host), IsEmpty());
+  EXPECT_EQ(ended, 0);
+  widget.held[0].done->Run();
+  widget.held.clear();
+  EXPECT_THAT(Settle(&host), ElementsAre("REPLY 1"));
+  EXPECT_TRUE(host.closed);
+  EXPECT_EQ(ended, 1);
+}
+
+TEST_F(ShutdownTest, DoesNotWaitForACallThatItsHostCancels) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(1, kHide));
+  Settle(&host);
+  Shutdown();
+  host.Send(Frame(rpc::transport::StreamMessage::KIND_CANCEL, 1));
+  Settle(&host);
+  EXPECT_EQ(ended, 1);
+}
+
+TEST_F(ShutdownTest, DoesNotWaitForAHostThatLeaves) {
+  std::optional<RawPeer> host = ConnectRaw();
+  host->Send(CallFrame(1, kHide));
+  Settle(&*host);
+  Shutdown();
+  host.reset();
+  loop.RunUntilIdle();
+  EXPECT_EQ(ended, 1);
+}
+
+TEST_F(ShutdownTest, FailsACallThatIsNotAnsweredInTime) {
+  const auto host = Connect();
+  ClientController controller;
+  const BrowserId request;
+  google::protobuf::Empty response;
+  bool answered = false;
+  host->CallMethod(rpc::BrowserWidgetRpc::descriptor()->method(kHide),
+                   &controller, &request, &response,
+                   new Then([&answered] { answered = true; }));
+  loop.RunUntilIdle();
+  ASSERT_EQ(widget.held.size(), 1u);
+  Shutdown(absl::ZeroDuration());
+  ASSERT_TRUE(loop.RunUntil([&] { return ended == 1 && answered; }));
+  EXPECT_EQ(controller.status().code(), absl::StatusCode::kUnavailable);
+  EXPECT_TRUE(widget.held[0].controller->IsCanceled());
+}
+
+TEST_F(ShutdownTest, LetsNothingBeginMeanwhile) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(1, kHide));
+  Settle(&host);
+  Shutdown();
+  host.Send(CallFrame(2, kShow));
+  host.Send(OpenFrame(3, kWhenTooltipChanged));
+  EXPECT_THAT(Settle(&host),
+              ElementsAre("ERROR 2 UNAVAILABLE: the widget is shutting down",
+                          "ERROR 3 UNAVAILABLE: the widget is shutting down"));
+}
+
+// More than a socket takes at once.
+class WithALongQueue : public ShutdownTest {
+ protected:
+  WithALongQueue() : host(ConnectRaw()) {
+    host.Send(OpenFrame(1, kWhenLiveRegionChanged));
+    host.Send(NextFrame(1, Subscribe(7)));
+    Settle(&host);
+    rpc::AriaLiveRegionChanged event;
+    event.set_text(std::string(kEventBytes, 'x'));
+    for (std::size_t i = 0; i < kEvents; ++i)
+      EXPECT_EQ(Publish(Browser(7), event), 1u);
+  }
+
+  static constexpr std::size_t kEvents = 20;
+  static constexpr std::size_t kEventBytes = std::size_t{256} << 10;
+  RawPeer host;
+};
+
+TEST_F(WithALongQueue, LetsAllLeaveThatWasSent) {
+  Shutdown();
+  loop.RunUntilIdle();
+  EXPECT_EQ(ended, 0);
+  host.frames.clear();
+  while (!host.closed) {
+    loop.RunUntilIdle();
+    host.Receive();
+  }
+  ASSERT_EQ(host.frames.size(), kEvents + 1);
+  EXPECT_EQ(InWords(host.frames.back()), "COMPLETE 1");
+  loop.RunUntilIdle();
+  EXPECT_EQ(ended, 1);
+}
+
+TEST_F(WithALongQueue, CutsOffAHostThatDoesNotReadInTime) {
+  RawPeer reads = ConnectRaw();
+  Shutdown(absl::Milliseconds(1));
+  ASSERT_TRUE(loop.RunUntil([this] { return ended == 1; }));
+  EXPECT_EQ(server->connections(), 0u);
+}
+
+TEST_F(ShutdownTest, MayBeAskedForByAHandler) {
+  RawPeer host = ConnectRaw();
+  widget.on_show = [this](std::uint64_t) { Shutdown(); };
+  host.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&host), ElementsAre("REPLY 1"));
+  EXPECT_EQ(ended, 1);
+}
+
+TEST_F(ShutdownTest, TheServerMayBeDestroyedAtItsEnd) {
+  RawPeer host = ConnectRaw();
+  Settle(&host);
+  server->Shutdown(kLong, [this] {
+    server.reset();
+    ++ended;
+  });
+  loop.RunUntilIdle();
+  EXPECT_EQ(ended, 1);
+}
+
+TEST_F(ShutdownTest, TheServerMayBeDestroyedMeanwhile) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(1, kHide));
+  Settle(&host);
+  Shutdown();
+  server.reset();
+  loop.RunUntilIdle();
+  EXPECT_EQ(ended, 0);
+}
+
+TEST_F(ShutdownTest, ASecondOneDoesNothing) {
+  Shutdown();
+  Shutdown();
+  loop.RunUntilIdle();
+  EXPECT_EQ(ended, 1);
+}
+
+}  // namespace
+}  // namespace orvane
