@@ -6,11 +6,13 @@
 #include <utility>
 #include <vector>
 
+#include "absl/time/time.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
 #include "examples/testing/call.h"
 #include "examples/testing/child_process.h"
+#include "rpc/browser/browser_widget.client.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
@@ -97,6 +99,35 @@ TEST_F(WidgetServerTest, EndsInOrderAtASignal) {
     EXPECT_EQ(Call(client.get(), "Unfocus", "value: 1").code(),
               absl::StatusCode::kUnavailable);
   }
+}
+
+TEST_F(WidgetServerTest, WhileItIsStoppedCallsEndAtTheirDeadline) {
+  const auto server = Serve();
+  const auto client = Connect();
+  rpc::BrowserWidgetRpcClient widget(client.get());
+  BrowserId browser;
+  browser.set_value(1);
+  ASSERT_TRUE(widget.Unfocus(browser).ok());
+  server->Signal(SIGSTOP);
+  EXPECT_EQ(widget.Unfocus(browser, absl::Milliseconds(10)).status().code(),
+            absl::StatusCode::kDeadlineExceeded);
+  server->Signal(SIGCONT);
+  EXPECT_TRUE(widget.Unfocus(browser).ok());
+}
+
+TEST_F(WidgetServerTest, ASocketFileThatAKilledOneLeftIsReplaced) {
+  const auto client = [this] {
+    const auto server = Serve();
+    auto connected = Connect();
+    server->Signal(SIGKILL);
+    EXPECT_EQ(server->Wait().exit_code, 128 + SIGKILL);
+    return connected;
+  }();
+  EXPECT_EQ(Call(client.get(), "Unfocus", "value: 1").code(),
+            absl::StatusCode::kUnavailable);
+  EXPECT_TRUE(std::filesystem::exists(socket_));
+  const auto server = Serve();
+  EXPECT_EQ(Call(Connect().get(), "Unfocus", "value: 1"), absl::OkStatus());
 }
 
 TEST_F(WidgetServerTest, LeavesASocketAloneThatAnotherServerListensAt) {

@@ -98,6 +98,7 @@ void FrameSocket::Flush() {
     asio::error_code error;
     const std::size_t written = socket_.write_some(
         asio::const_buffer(bytes.data(), bytes.size()), error);
+    if (error == asio::error::interrupted) continue;
     if (error == asio::error::would_block) {
       awaiting_room_ = true;
       socket_.async_wait(Socket::wait_write,

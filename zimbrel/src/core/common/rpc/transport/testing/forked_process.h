@@ -27,6 +27,14 @@ class ForkedProcess {
   ForkedProcess& operator=(const ForkedProcess&) = delete;
   ~ForkedProcess() { Kill(); }
 
+  // Stops it, and returns when it has stopped.
+  bool Stop() {
+    ::kill(pid_, SIGSTOP);
+    int status = 0;
+    TEMP_FAILURE_RETRY(::waitpid(pid_, &status, WUNTRACED));
+    return WIFSTOPPED(status);
+  }
+
   // Kills it, and returns when it is dead: true if this is what it died of.
   bool Kill() {
     if (pid_ <= 0) return false;

@@ -1,0 +1,84 @@
+// Hosts that come and go leave nothing behind.
+
+#include <cstddef>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <string>
+
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.client.h"
+#include "zimbrel/src/core/common/rpc/stream/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+
+namespace orvane {
+namespace {
+
+constexpr int kVisits = 1000;
+
+std::ptrdiff_t OpenDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                       {});
+}
+
+class ConnectsTest : public StreamFixture {
+ protected:
+  ConnectsTest() { EXPECT_TRUE(server->Listen(path_).ok()); }
+
+  // A host comes, calls, serves callbacks, and goes.
+  void Visit(bool watches) {
+    {
+      const auto client = SocketClient::Connect(&loop, path_);
+      ASSERT_TRUE(client.ok()) << client.status();
+      rpc::BrowserWidgetRpcClient browser_widget(client->get());
+      ASSERT_TRUE(browser_widget.Show(Browser(7)).ok());
+      const auto dialogs = browser_widget.OnCreateWebDialog(
+          Browser(7), [](const auto&, auto) {});
+      const auto tooltips =
+          watches ? browser_widget.WhenTooltipChanged(
+                        Browser(7), [](const rpc::TooltipChanged&) {})
+                  : nullptr;
+      ASSERT_TRUE(browser_widget.Show(Browser(7)).ok());
+    }
+    ASSERT_TRUE(loop.RunUntil([this] { return server->connections() == 0; }));
+    loop.RunUntilIdle();
+  }
+
+  // By how many blocks the heap grows.
+  std::size_t Growth(int visits, bool watches) {
+    const std::size_t before = heap_probe::LiveBlocks();
+    for (int i = 0; i < visits; ++i) Visit(watches);
+    return heap_probe::LiveBlocks() - before;
+  }
+
+ private:
+  const TemporaryFolder folder_;
+  const std::string path_ = folder_.path() + "/s";
+};
+
+TEST_F(ConnectsTest, AThousandInARowLeaveNothing) {
+  Growth(10, /*watches=*/false);  // What is made once and reused.
+  const std::ptrdiff_t descriptors = OpenDescriptors();
+  EXPECT_EQ(Growth(kVisits, /*watches=*/false), 0u);
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+// An event stream keeps each subscription frame: one to begin with, and one
+// when the server withdraws it.
+TEST_F(ConnectsTest, AThousandThatWatchLeaveTheirSubscriptionFrames) {
+  Growth(10, /*watches=*/true);
+  const std::ptrdiff_t descriptors = OpenDescriptors();
+  const std::size_t before = heap_probe::LiveBlocks();
+  auto subscribe = std::make_unique<rpc::EventSubscription>(Subscribe(7));
+  auto unsubscribe = std::make_unique<rpc::EventSubscription>(Unsubscribe(7));
+  const std::size_t kept = heap_probe::LiveBlocks() - before;
+  EXPECT_EQ(Growth(kVisits, /*watches=*/true), kVisits * kept);
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+}  // namespace
+}  // namespace orvane

@@ -1,0 +1,291 @@
+// What becomes of a session when the system does its worst: by count, and for
+// every byte of it.
+
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "absl/status/statusor.h"
+#include "absl/strings/str_cat.h"
+#include "absl/time/time.h"
+#include "gmock/gmock.h"
+#include "google/protobuf/empty.pb.h"
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.client.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/faulty_sockets.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/forked_process.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+namespace orvane {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::UnorderedElementsAre;
+
+// The host's side of a session with a bit of everything: a call that is
+// answered at once, one later, one that fails, events, and a callback.
+class Host {
+ public:
+  Host(EventLoop* loop, int descriptor)
+      : client_(*SocketClient::Adopt(loop, descriptor)),
+        widget_(client_.get()) {}
+
+  void Begin() {
+    widget_.Show(Browser(7), Ends("Show"));
+    widget_.Hide(Browser(7), Ends("Hide"));
+    widget_.Minimize(Browser(7), Ends("Minimize"));
+    events_ = widget_.WhenAriaLiveRegionChanged(
+        Browser(7),
+        [this](const rpc::AriaLiveRegionChanged& event) {
+          told.push_back(absl::StrCat("event ", event.text().size()));
+        },
+        Ended("events"));
+    calls_ = widget_.OnCreateWebDialog(
+        Browser(7),
+        [this](const rpc::CreateWebDialogCall& call,
+               Responder<rpc::CreateWebDialog> responder) {
+          told.push_back("asked " + call.prompt().message());
+          rpc::CreateWebDialogResponse answer;
+          answer.set_text("yes");
+          std::move(responder).Respond(std::move(answer)).IgnoreError();
+        },
+        Ended("calls"));
+  }
+
+  std::vector<std::string> told;
+
+ private:
+  OnAnswer<google::protobuf::Empty> Ends(const std::string& what) {
+    return [this, what](const absl::StatusOr<google::protobuf::Empty>& answer) {
+      told.push_back(absl::StrCat(
+          what, " ", absl::StatusCodeToString(answer.status().code())));
+    };
+  }
+  OnEnd Ended(const std::string& what) {
+    return [this, what](const absl::Status& why) {
+      told.push_back(
+          absl::StrCat(what, " end ", absl::StatusCodeToString(why.code())));
+    };
+  }
+
+  std::unique_ptr<SocketClient> client_;
+  rpc::BrowserWidgetRpcClient widget_;
+  std::unique_ptr<ClientStream> events_;
+  std::unique_ptr<ClientStream> calls_;
+};
+
+class FaultsTest : public StreamFixture {
+ protected:
+  ~FaultsTest() override {
+    SetSocketFaults({});
+    AnswerHeldCalls();
+  }
+
+  // The widget's side of the session, once the host has begun.
+  void ServeTheRest() {
+    loop.RunUntilIdle();
+    rpc::AriaLiveRegionChanged event;
+    event.set_text(std::string(event_bytes_, 'x'));
+    Publish(Browser(7), event);
+    question_ = Ask(7, "Sure?");
+    loop.RunUntilIdle();
+    AnswerHeldCalls();
+    loop.RunUntilIdle();
+  }
+
+  void AnswerHeldCalls() {
+    for (const auto& call : std::exchange(widget.held, {})) call.done->Run();
+  }
+
+  // The whole session under faults, and nothing is different.
+  void ExpectAllAsEver(const SocketFaults& faults) {
+    auto pair = ConnectedPair();
+    ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
+    Host host(&loop, pair->second.Release());
+    SetSocketFaults(faults);
+    host.Begin();
+    ServeTheRest();
+    EXPECT_THAT(host.told, ElementsAre("Show OK", "Minimize UNKNOWN",
+                                       absl::StrCat("event ", event_bytes_),
+                                       "asked Sure?", "Hide OK"));
+    EXPECT_THAT(ends, ElementsAre("Sure? yes"));
+  }
+
+  // What either side of the session says, when all goes well.
+  struct Speeches {
+    std::string of_host;
+    std::string of_widget;
+  };
+  Speeches RecordSession() {
+    auto pair = ConnectedPair();
+    const int widget_end = pair->first.get();
+    const int host_end = pair->second.get();
+    Record(widget_end);
+    Record(host_end);
+    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
+    {
+      Host host(&loop, pair->second.Release());
+      host.Begin();
+      ServeTheRest();
+    }
+    Speeches speeches{Recorded(host_end), Recorded(widget_end)};
+    loop.RunUntilIdle();
+    ends.clear();
+    return speeches;
+  }
+
+  std::size_t event_bytes_ = 10;
+  absl::StatusOr<CallHandle> question_ = absl::UnavailableError("not asked");
+};
+
+// The system's calls ---------------------------------------------------------
+
+TEST_F(FaultsTest, ShortReadsAndWritesChangeNothing) {
+  for (const std::size_t bytes : {1, 2, 3, 5, 64}) {
+    SCOPED_TRACE(bytes);
+    ends.clear();
+    ExpectAllAsEver({.max_bytes = bytes});
+  }
+}
+
+TEST_F(FaultsTest, InterruptedCallsChangeNothing) {
+  for (const int every : {2, 3, 5}) {
+    SCOPED_TRACE(every);
+    ends.clear();
+    ExpectAllAsEver({.interrupt_every = every});
+    EXPECT_GT(InterruptedCalls(), 0);
+  }
+}
+
+TEST_F(FaultsTest, BothTogetherChangeNothing) {
+  ExpectAllAsEver({.max_bytes = 1, .interrupt_every = 2});
+  EXPECT_GT(InterruptedCalls(), 0);
+}
+
+TEST_F(FaultsTest, ASocketThatIsFullTimeAndAgainChangesNothing) {
+  event_bytes_ = std::size_t{2} << 20;  // Ten times what a socket takes.
+  ExpectAllAsEver({});
+}
+
+// An end at every byte -------------------------------------------------------
+
+class CutHostTest : public FaultsTest,
+                    public ::testing::WithParamInterface<bool> {
+ protected:
+  // A host that says the first bytes of `speech`, and goes: with an end of
+  // file, or with a reset, which is how a socket closes on bytes that nobody
+  // has read.
+  void SayPartOf(const std::string& speech, std::size_t bytes) {
+    auto pair = ConnectedPair();
+    ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
+    std::optional<RawPeer> host(std::in_place, std::move(pair->second),
+                                std::nullopt);
+    host->SendBytes(speech.substr(0, bytes));
+    ServeTheRest();
+    const bool is_reset = GetParam();
+    if (!is_reset) host->Receive();
+    host.reset();
+    loop.RunUntilIdle();
+  }
+};
+
+TEST_P(CutHostTest, AHostThatGoesAfterAnyByteLeavesNothing) {
+  const std::string speech = RecordSession().of_host;
+  ASSERT_GT(speech.size(), 500u);
+  for (std::size_t bytes = 0; bytes <= speech.size(); ++bytes) {
+    SCOPED_TRACE(bytes);
+    ends.clear();
+    SayPartOf(speech, bytes);
+    EXPECT_EQ(server->connections(), 0u);
+    EXPECT_EQ(RegisteredKeys(), 0u);
+    EXPECT_EQ(ends.size(), question_.ok() ? 1u : 0u);
+  }
+  ends.clear();
+  ExpectAllAsEver({});
+}
+
+INSTANTIATE_TEST_SUITE_P(, CutHostTest, ::testing::Bool(),
+                         [](const auto& with_reset) {
+                           return with_reset.param ? "Reset" : "EndOfFile";
+                         });
+
+TEST_F(FaultsTest, AWidgetThatGoesAfterAnyByteEndsAllOnceAtItsHost) {
+  const std::string speech = RecordSession().of_widget;
+  ASSERT_GT(speech.size(), 500u);
+  for (std::size_t bytes = 0; bytes < speech.size(); ++bytes) {
+    SCOPED_TRACE(bytes);
+    auto pair = ConnectedPair();
+    Host host(&loop, pair->second.Release());
+    host.Begin();
+    {
+      RawPeer dying(std::move(pair->first), std::nullopt);
+      dying.SendBytes(speech.substr(0, bytes));
+      loop.RunUntilIdle();
+    }
+    loop.RunUntilIdle();
+    std::vector<std::string> ended;
+    for (const std::string& what : host.told) {
+      const std::string name = what.substr(0, what.find(' '));
+      if (name != "event" && name != "asked") ended.push_back(name);
+    }
+    EXPECT_THAT(ended, UnorderedElementsAre("Show", "Hide", "Minimize",
+                                            "events", "calls"));
+  }
+}
+
+// Processes ------------------------------------------------------------------
+
+// A host in a process of its own, which watches browser 7 and is then stopped.
+class StoppedHostTest : public FaultsTest {
+ protected:
+  StoppedHostTest() {
+    auto pair = ConnectedPair();
+    const int host_end = pair->second.get();
+    host_.emplace([host_end] {
+      EventLoop its_loop;
+      Host host(&its_loop, host_end);
+      host.Begin();
+      its_loop.Run();
+    });
+    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
+    loop.RunUntil([this] { return !widget.held.empty(); });
+    loop.RunUntil([] { return RegisteredKeys() == 2; });
+    EXPECT_TRUE(host_->Stop());
+  }
+
+  std::optional<ForkedProcess> host_;
+};
+
+TEST_F(StoppedHostTest, HoldsUpNobodyElse) {
+  ASSERT_TRUE(Ask(7, "Hello?").ok());
+  ExpectAllAsEver({});
+}
+
+TEST_F(StoppedHostTest, IsCutOffAtAShutdown) {
+  bool has_ended = false;
+  server->Shutdown(absl::Milliseconds(1), [&has_ended] { has_ended = true; });
+  EXPECT_TRUE(loop.RunUntil([&has_ended] { return has_ended; }));
+}
+
+TEST_F(StoppedHostTest, LeavesNothingWhenItIsKilled) {
+  ASSERT_TRUE(Ask(7, "Hello?").ok());
+  EXPECT_TRUE(host_->Kill());
+  loop.RunUntil([this] { return server->connections() == 0; });
+  loop.RunUntilIdle();
+  EXPECT_EQ(RegisteredKeys(), 0u);
+  EXPECT_THAT(ends, ElementsAre("Hello? CANCELLED"));
+}
+
+}  // namespace
+}  // namespace orvane

@@ -1,0 +1,85 @@
+#include "zimbrel/src/core/common/rpc/transport/testing/faulty_sockets.h"
+
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+
+namespace orvane {
+namespace {
+
+struct State {
+  SocketFaults faults;
+  int calls = 0;
+  int interrupted = 0;
+  std::map<int, std::string> recorded;
+};
+
+State& TheState() {
+  static State state;
+  return state;
+}
+
+bool IsInterrupted() {
+  State& state = TheState();
+  if (state.faults.interrupt_every == 0) return false;
+  if (++state.calls % state.faults.interrupt_every != 0) return false;
+  ++state.interrupted;
+  return true;
+}
+
+std::size_t Allowed(std::size_t bytes) {
+  return std::min(bytes, TheState().faults.max_bytes);
+}
+
+}  // namespace
+
+void SetSocketFaults(const SocketFaults& faults) {
+  TheState().faults = faults;
+  TheState().calls = 0;
+  TheState().interrupted = 0;
+}
+
+int InterruptedCalls() { return TheState().interrupted; }
+
+void Record(int descriptor) { TheState().recorded[descriptor].clear(); }
+
+std::string Recorded(int descriptor) {
+  return TheState().recorded.extract(descriptor).mapped();
+}
+
+}  // namespace orvane
+
+extern "C" {
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+ssize_t recv(int descriptor, void* bytes, std::size_t size, int flags) {
+  if (orvane::IsInterrupted()) {
+    errno = EINTR;
+    return -1;
+  }
+  return ::syscall(SYS_recvfrom, descriptor, bytes, orvane::Allowed(size),
+                   flags, nullptr, nullptr);
+}
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+ssize_t send(int descriptor, const void* bytes, std::size_t size, int flags) {
+  if (orvane::IsInterrupted()) {
+    errno = EINTR;
+    return -1;
+  }
+  const ssize_t sent = ::syscall(SYS_sendto, descriptor, bytes,
+                                 orvane::Allowed(size), flags, nullptr, 0);
+  auto& recorded = orvane::TheState().recorded;
+  if (const auto to = recorded.find(descriptor);
+      to != recorded.end() && sent > 0) {
+    to->second.append(static_cast<const char*>(bytes),
+                      static_cast<std::size_t>(sent));
+  }
+  return sent;
+}
+
+}  // extern "C"
