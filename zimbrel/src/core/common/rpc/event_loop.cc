@@ -1,6 +1,8 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 
+#include <chrono>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include "zimbrel/src/core/common/rpc/asio_hook.h"
@@ -77,15 +79,30 @@ class EventLoop::SharedMailbox final : public Mailbox {
   asio::io_context* io_ ABSL_GUARDED_BY(mutex_);
 };
 
-EventLoop::EventLoop()
-    : state_(std::make_unique<State>()),
+EventLoop::EventLoop(EventLoopOptions options)
+    : options_(options),
+      state_(std::make_unique<State>()),
       mailbox_(std::make_shared<SharedMailbox>(&state_->io)) {}
 
 EventLoop::~EventLoop() { mailbox_->Close(); }
 
 void EventLoop::Run() {
-  state_->io.run();
+  while (RunOne()) {
+  }
   state_->io.restart();
+}
+
+bool EventLoop::RunOne() {
+  if (options_.spin > absl::ZeroDuration()) {
+    const auto sleep_at = std::chrono::steady_clock::now() +
+                          absl::ToChronoNanoseconds(options_.spin);
+    do {
+      if (state_->io.poll_one() > 0) return true;
+      if (state_->io.stopped()) return false;
+      std::this_thread::yield();
+    } while (std::chrono::steady_clock::now() < sleep_at);
+  }
+  return state_->io.run_one() > 0;
 }
 
 void EventLoop::Stop() { state_->io.stop(); }
@@ -94,7 +111,7 @@ std::size_t EventLoop::RunUntilIdle() { return state_->io.poll(); }
 
 bool EventLoop::RunUntil(absl::AnyInvocable<bool()> done) {
   while (!done()) {
-    if (state_->io.run_one() == 0) return false;
+    if (!RunOne()) return false;
   }
   return true;
 }

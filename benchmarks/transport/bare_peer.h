@@ -1,0 +1,54 @@
+// What a host and a server do with bare frames, however these travel.
+
+#ifndef BENCHMARKS_TRANSPORT_BARE_PEER_H_
+#define BENCHMARKS_TRANSPORT_BARE_PEER_H_
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "benchmarks/transport/bare_frames.h"
+#include "benchmarks/transport/measure.h"
+
+namespace benchmarks {
+
+// Answers hosts, or calls one.
+class BareServer {
+ public:
+  BareServer(const Options& options, Meter& meter);
+
+  void Connected(Link* link) { links_.push_back(link); }
+  void OnFrame(Link& link, const FrameHeader& header, const char* payload);
+
+ private:
+  Meter& meter_;
+  const std::string payload_;
+  std::vector<Link*> links_;
+};
+
+// Calls a server until the meter is done, or answers it.
+class BareHost {
+ public:
+  // Begins with what the figure wants, but for the mouse moves of a storm.
+  BareHost(const Options& options, Meter& meter, std::vector<Link*> links);
+
+  // The next move of a storm, once its time has come.
+  void SendMove();
+
+  void OnFrame(Link& link, const FrameHeader& header, const char* payload);
+
+ private:
+  void Call(Link& link);
+
+  const Options& options_;
+  Meter& meter_;
+  const std::string payload_;
+  const std::vector<Link*> links_;
+  std::size_t moves_ = 0;
+  std::int64_t next_move_ns_;
+  int events_ = 0;  // Of the burst that is arriving.
+};
+
+}  // namespace benchmarks
+
+#endif  // BENCHMARKS_TRANSPORT_BARE_PEER_H_

@@ -1,0 +1,50 @@
+// Loaded into a server before everything else, it counts what the server takes
+// from the heap, whoever takes it: C++, C, or a library.
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+extern "C" {
+
+// The C library's own, under the names that nobody replaces.
+void* __libc_malloc(std::size_t bytes);
+void* __libc_calloc(std::size_t count, std::size_t bytes);
+void* __libc_realloc(void* block, std::size_t bytes);
+
+}  // extern "C"
+
+namespace {
+
+std::atomic<std::atomic<std::uint64_t>*> counter{nullptr};
+
+void Count() {
+  if (auto* const allocations = counter.load(std::memory_order_relaxed))
+    allocations->fetch_add(1, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+extern "C" {
+
+// From now on each allocation adds one to `allocations`.
+void CountAllocationsIn(std::atomic<std::uint64_t>* allocations) {
+  counter = allocations;
+}
+
+void* malloc(std::size_t bytes) {
+  Count();
+  return __libc_malloc(bytes);
+}
+
+void* calloc(std::size_t count, std::size_t bytes) {
+  Count();
+  return __libc_calloc(count, bytes);
+}
+
+void* realloc(void* block, std::size_t bytes) {
+  Count();
+  return __libc_realloc(block, bytes);
+}
+
+}  // extern "C"

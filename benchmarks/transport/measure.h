@@ -1,0 +1,159 @@
+// What the programs that measure have in common, whatever they measure: a
+// command line, two pinned processes, a clock, and one line of figures.
+//
+// Each program is a host that starts itself once more as a server. Both map one
+// Meter, so an operation may begin in one process and end in the other. Standard
+// library only, since every stack is linked with it.
+
+#ifndef BENCHMARKS_TRANSPORT_MEASURE_H_
+#define BENCHMARKS_TRANSPORT_MEASURE_H_
+
+#include <sys/types.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace benchmarks {
+
+enum class Figure {
+  // Calls with `payload_bytes` both ways, `in_flight` at a time.
+  kUnary,
+  // The same with a payload in the request only.
+  kUpload,
+  // Mouse moves, 1,000 a second from each host; each is answered.
+  kStorm,
+  // Events as fast as the hosts take them, one subscription for each host.
+  kEvents,
+  // Calls of the server to the host.
+  kCallback,
+  // Pictures of 1920 x 1080 pixels, from the server's memory to the host's.
+  kSurface,
+};
+
+enum class Pinning {
+  kSame,    // Both processes on one core.
+  kAcross,  // Each on a core of its own.
+};
+
+struct Options {
+  Figure figure = Figure::kUnary;
+  // Which of a library's interfaces, where it has several; see each program.
+  std::string interface;
+  std::size_t payload_bytes = 0;
+  int in_flight = 1;
+  int hosts = 1;  // Connections; all of them in the host process.
+  Pinning pinning = Pinning::kSame;
+  std::chrono::milliseconds duration{500};
+  std::chrono::microseconds spin{0};  // Of both ends, where a stack has it.
+  // Where the server listens: in a folder that is private to this run.
+  std::string socket_path;
+};
+
+// Pixels of a surface update, four bytes each.
+inline constexpr std::size_t kPictureBytes = std::size_t{1920} * 1080 * 4;
+
+// How the hosts of a storm take turns.
+inline constexpr std::int64_t kStormPeriodNs = 1'000'000;
+
+// Events come in bursts that the host asks for, two at a time, so that the
+// server always has some to send and never more than the host can take.
+inline constexpr int kBurst = 256;
+inline constexpr int kBurstsInFlight = 2;
+
+// Nanoseconds of the machine's monotonic clock.
+std::int64_t Now();
+
+// Sleeps until that time.
+void SleepUntil(std::int64_t time_ns);
+
+// Counts operations and their times, from the end of a warm-up until the
+// duration is over. Lies in memory that both processes map.
+//
+// Thread: any, of both processes.
+class Meter {
+ public:
+  // An operation that began at `begun_ns` has ended. False once there have been
+  // enough.
+  bool Ended(std::int64_t begun_ns);
+
+  // The same for many operations whose own times do not count.
+  bool Ended(int operations);
+
+  bool is_done() const { return phase_ == Phase::kDone; }
+
+  // The server listens.
+  void SetReady() { is_ready_ = true; }
+
+  // For Run. In the host, before anything operates:
+  void Start(const Options& options, pid_t server, std::int64_t spawned_ns);
+  bool is_ready() const { return is_ready_; }
+  // In the server:
+  void CountAllocations();
+  // In the host, once it is done:
+  void Print() const;
+
+ private:
+  enum class Phase { kWarmUp, kBeginning, kMeasuring, kEnding, kDone };
+
+  // What the processes have used until then.
+  struct Usage {
+    std::int64_t time_ns;
+    std::int64_t cpu_ns;  // Of both.
+    std::uint64_t server_allocations;
+  };
+
+  Usage UsageNow() const;
+  bool Advance(std::int64_t now, int operations);
+
+  // Set before anything operates.
+  std::atomic<bool> is_ready_;
+  pid_t host_;
+  pid_t server_;
+  std::int64_t spawned_ns_;
+  std::int64_t duration_ns_;
+  bool counts_allocations_;
+
+  std::atomic<std::uint64_t> server_allocations_;
+  std::atomic<std::int64_t> first_ended_ns_;
+  std::atomic<Phase> phase_;
+  // Written in the steps between two phases.
+  Usage begin_;
+  Usage end_;
+  std::int64_t server_private_bytes_;
+
+  std::atomic<std::int64_t> operations_;
+  std::atomic<std::size_t> samples_;
+  std::array<std::uint32_t, std::size_t{1} << 21> sample_ns_;
+};
+
+// The two sides of a stack.
+struct Sides {
+  // Listens, says so with SetReady, and serves until the process is ended. Where
+  // the server is who calls, it ends its process itself when Ended says so.
+  void (*serve)(const Options& options, Meter& meter);
+
+  // Connects and operates until Ended says that it is enough, or, where the
+  // server is who calls, answers until the connection ends.
+  void (*drive)(const Options& options, Meter& meter);
+};
+
+// Runs one figure and prints its values as one line of JSON; `main` of each
+// program. The command line, where all but the figure may be left out:
+//
+//   FIGURE --interface NAME --payload-bytes N --in-flight N --hosts N
+//          --pin same|across --duration-ms N --spin-us N
+//          --count-allocations LIBRARY
+//
+// LIBRARY is the one made of count_allocations.cc.
+int Run(int argc, char** argv, const Sides& sides);
+
+// Ends the process with a sentence.
+[[noreturn]] void Fail(const std::string& why);
+
+}  // namespace benchmarks
+
+#endif  // BENCHMARKS_TRANSPORT_MEASURE_H_
