@@ -41,9 +41,9 @@ function(orvane_program name)
   _orvane_options(${name})
 endfunction()
 
-# Runs the program `name` with the words that follow as a test.
-function(_orvane_add_test name)
-  add_test(NAME ${name} COMMAND ${name} ${ARGN})
+# Runs `program` with the words that follow as the test `name`.
+function(_orvane_add_test name program)
+  add_test(NAME ${name} COMMAND ${program} ${ARGN})
   set_property(TEST ${name} PROPERTY ENVIRONMENT
     "ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1"
     "UBSAN_OPTIONS=print_stacktrace=1"
@@ -65,7 +65,7 @@ function(orvane_test name)
     return()
   endif()
   orvane_program(${name} SOURCES ${arg_SOURCES} DEPENDS ${arg_DEPENDS} GTest::gmock_main)
-  _orvane_add_test(${name} ${arg_ARGUMENTS})
+  _orvane_add_test(${name} ${name} ${arg_ARGUMENTS})
 endfunction()
 
 # orvane_benchmark(NAME [OWN_HEAP] SOURCES file... [DEPENDS target...])
@@ -77,7 +77,7 @@ function(orvane_benchmark name)
     return()
   endif()
   orvane_program(${name} SOURCES ${arg_SOURCES} DEPENDS ${arg_DEPENDS} benchmark::benchmark_main)
-  _orvane_add_test(${name} --benchmark_min_time=0.001)
+  _orvane_add_test(${name} ${name} --benchmark_min_time=0.001)
 endfunction()
 
 # Message code of protos below IMPORT_ROOT, as the library `orvane::NAME`. It is

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -111,8 +112,7 @@ class Driver {
   Driver(const Options& options, Meter& meter)
       : options_(options),
         meter_(meter),
-        payload_(kj::heapArray<capnp::byte>(options.payload_bytes)),
-        failed_(*this) {
+        payload_(kj::heapArray<capnp::byte>(options.payload_bytes)) {
     for (int i = 0; i < options.hosts; ++i) {
       connections_.push_back(std::make_unique<capnp::EzRpcClient>(
           ("unix:" + options.socket_path).c_str(), 0, AnyLength()));
@@ -149,7 +149,6 @@ class Driver {
  private:
   class FailOnError final : public kj::TaskSet::ErrorHandler {
    public:
-    explicit FailOnError(Driver&) {}
     void taskFailed(kj::Exception&& why) override {
       Fail(why.getDescription().cStr());
     }
@@ -193,9 +192,6 @@ class Driver {
       move.initScreenPosition().setX(1321.5);
       move.getScreenPosition().setY(1123.25);
       tasks_.add(call.send().ignoreResult());
-      scope.poll();
-      connections_[0]->getIoProvider();
-      kj::evalLater([] {}).wait(scope);
       scope.poll();
     }
   }

@@ -158,6 +158,7 @@ class Host {
 
   template <typename Answer>
   bool GoesOn(const Answer& answer, std::int64_t begun) {
+    if (meter_.is_done()) return false;  // Others were in flight.
     if (!answer.ok()) Fail(std::string(answer.status().message()));
     if (meter_.Ended(begun)) return true;
     loop_->Stop();
