@@ -29,7 +29,8 @@ void ByteBuffer::Consume(std::size_t bytes) {
   begin_ += bytes;
   if (!empty()) return;
   begin_ = end_ = 0;
-  if (capacity_ > kUsualBytes) {
+  const std::size_t used = std::exchange(used_, 0);
+  if (capacity_ > kUsualBytes && used < capacity_ / 4) {
     bytes_.reset();
     capacity_ = 0;
   }

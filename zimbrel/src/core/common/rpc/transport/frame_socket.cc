@@ -172,12 +172,12 @@ void FrameSocket::HandOutFrames() {
     if (!next->has_value()) return;
     ++whole_frames_;
     const std::string_view content = **next;
-    if (!frame_.ParseFromArray(content.data(),
-                               static_cast<int>(content.size()))) {
+    std::string_view payload;
+    if (!ParseFrame(content, &frame_, &payload)) {
       return receiver_->OnBroken(absl::InvalidArgumentError(absl::StrCat(
           "frame of ", content.size(), " bytes that is no StreamMessage")));
     }
-    receiver_->OnFrame(frame_);
+    receiver_->OnFrame(frame_, payload);
   }
 }
 

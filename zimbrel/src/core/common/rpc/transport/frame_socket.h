@@ -37,9 +37,11 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
    public:
     virtual ~Receiver() = default;
 
-    // `frame` is borrowed for the call, and may be changed. May close the
+    // `frame` and `payload` are borrowed for the call; `frame` may be changed,
+    // and holds the payload only if it is short (see ParseFrame). May close the
     // socket, and may destroy the receiver if it closes the socket first.
-    virtual void OnFrame(rpc::transport::StreamMessage& frame) = 0;
+    virtual void OnFrame(rpc::transport::StreamMessage& frame,
+                         std::string_view payload) = 0;
 
     // The connection cannot go on: the peer has closed it (OK), the system
     // failed, or the bytes were no frames. Nothing follows. Not called after

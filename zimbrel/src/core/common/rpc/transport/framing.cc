@@ -17,6 +17,34 @@ using google::protobuf::io::CodedInputStream;
 using google::protobuf::io::CodedOutputStream;
 using rpc::transport::StreamMessage;
 
+constexpr std::uint32_t kPayloadTag =
+    WireFormatLite::MakeTag(StreamMessage::kPayloadFieldNumber,
+                            WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
+
+// Shorter ones are copied in less time than it takes to look for them.
+constexpr std::size_t kLongPayloadBytes = std::size_t{4} << 10;
+
+// How much of a frame comes before its payload, which is left in `payload`; all
+// of it if that is not long or not the last field.
+std::size_t FindLongPayload(std::string_view frame, std::string_view* payload) {
+  if (frame.size() < kLongPayloadBytes) return frame.size();
+  CodedInputStream input(reinterpret_cast<const std::uint8_t*>(frame.data()),
+                         static_cast<int>(frame.size()));
+  while (true) {
+    const auto header_bytes = static_cast<std::size_t>(input.CurrentPosition());
+    const std::uint32_t tag = input.ReadTag();
+    if (tag == kPayloadTag) {
+      std::uint32_t length = 0;
+      if (!input.ReadVarint32(&length)) return frame.size();
+      *payload =
+          frame.substr(static_cast<std::size_t>(input.CurrentPosition()));
+      return payload->size() == length ? header_bytes : frame.size();
+    }
+    if (tag == 0 || !WireFormatLite::SkipField(&input, tag))
+      return frame.size();
+  }
+}
+
 std::size_t ReadLength(std::string_view bytes) {
   std::uint32_t length = 0;
   for (std::size_t i = 0; i < kFrameLengthBytes; ++i) {
@@ -37,12 +65,9 @@ template <typename WritePayload>
 absl::Status Append(const StreamMessage& header, std::size_t payload_bytes,
                     std::size_t max_frame_bytes, ByteBuffer* out,
                     WritePayload write_payload) {
-  const std::uint32_t tag =
-      WireFormatLite::MakeTag(StreamMessage::kPayloadFieldNumber,
-                              WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
   std::size_t length = header.ByteSizeLong();
   if (payload_bytes > 0) {
-    length += CodedOutputStream::VarintSize32(tag) +
+    length += CodedOutputStream::VarintSize32(kPayloadTag) +
               CodedOutputStream::VarintSize64(payload_bytes) + payload_bytes;
   }
   if (length > max_frame_bytes) return TooLong(length, max_frame_bytes);
@@ -53,7 +78,7 @@ absl::Status Append(const StreamMessage& header, std::size_t payload_bytes,
       static_cast<std::uint32_t>(length), to);
   to = header.SerializeWithCachedSizesToArray(to);
   if (payload_bytes > 0) {
-    to = CodedOutputStream::WriteTagToArray(tag, to);
+    to = CodedOutputStream::WriteTagToArray(kPayloadTag, to);
     to = CodedOutputStream::WriteVarint64ToArray(payload_bytes, to);
     write_payload(to);
   }
@@ -98,6 +123,15 @@ absl::Status AppendFrame(const StreamMessage& header, std::string_view payload,
                 [payload](std::uint8_t* to) {
                   std::memcpy(to, payload.data(), payload.size());
                 });
+}
+
+bool ParseFrame(std::string_view frame, StreamMessage* header,
+                std::string_view* payload) {
+  const std::size_t header_bytes = FindLongPayload(frame, payload);
+  if (!header->ParseFromArray(frame.data(), static_cast<int>(header_bytes)))
+    return false;
+  if (header_bytes == frame.size()) *payload = header->payload();
+  return true;
 }
 
 bool ParsePayload(std::string_view payload, int max_depth,

@@ -77,6 +77,12 @@ absl::Status AppendFrame(const rpc::transport::StreamMessage& header,
                          std::string_view payload, std::size_t max_frame_bytes,
                          ByteBuffer* out);
 
+// Reads a frame. A long payload stays where it is, in `frame`, and `header` has
+// none, unless other fields come behind it; any other is in `header`. `payload`
+// is it in either case. False if the frame cannot be read.
+bool ParseFrame(std::string_view frame, rpc::transport::StreamMessage* header,
+                std::string_view* payload);
+
 // Reads a payload, whose messages may be nested `max_depth` deep. False if it
 // cannot be read as far as its end.
 bool ParsePayload(std::string_view payload, int max_depth,

@@ -130,13 +130,97 @@ TEST(FrameReader, ReadsFramesMuchLongerThanItsBuffer) {
   EXPECT_THAT(Frames(&reader), ElementsAre(content, "next"));
 }
 
-TEST(ByteBuffer, GivesMemoryBackOnceALargeContentIsGone) {
+void Pass(std::size_t bytes, ByteBuffer* buffer) {
+  buffer->Reserve(bytes);
+  buffer->Commit(bytes);
+  buffer->Consume(bytes);
+}
+
+TEST(ByteBuffer, KeepsItsMemoryWhileContentsAreLarge) {
   ByteBuffer buffer;
-  buffer.Reserve(10 * ByteBuffer::kUsualBytes);
-  buffer.Commit(10 * ByteBuffer::kUsualBytes);
-  buffer.Consume(10 * ByteBuffer::kUsualBytes);
+  Pass(10 * ByteBuffer::kUsualBytes, &buffer);
+  Pass(9 * ByteBuffer::kUsualBytes, &buffer);
+  EXPECT_EQ(buffer.room(), 10 * ByteBuffer::kUsualBytes);
+}
+
+TEST(ByteBuffer, GivesMemoryBackOnceASmallContentFollowsALargeOne) {
+  ByteBuffer buffer;
+  Pass(10 * ByteBuffer::kUsualBytes, &buffer);
+  Pass(1, &buffer);
   buffer.Reserve(1);
   EXPECT_EQ(buffer.room(), ByteBuffer::kUsualBytes);
+}
+
+// A frame whose payload is long enough to be left where it is, and what
+// ParseFrame makes of it.
+class LongPayload : public ::testing::Test {
+ protected:
+  LongPayload() {
+    header_.set_kind(StreamMessage::KIND_CALL);
+    header_.set_stream_id(300);
+    header_.set_error_text("before the payload");
+  }
+
+  bool Parse(const std::string& frame) {
+    frame_ = frame;
+    return ParseFrame(frame_, &parsed_, &payload_);
+  }
+  bool is_in_frame() const {
+    return payload_.data() > frame_.data() &&
+           payload_.data() < frame_.data() + frame_.size();
+  }
+  std::string Payload(std::size_t bytes) {
+    StreamMessage message;
+    message.set_payload(std::string(bytes, 'x'));
+    return message.SerializeAsString();
+  }
+
+  StreamMessage header_;
+  std::string frame_;
+  StreamMessage parsed_;
+  std::string_view payload_;
+};
+
+TEST_F(LongPayload, StaysInItsFrame) {
+  ASSERT_TRUE(Parse(header_.SerializeAsString() + Payload(10000)));
+  EXPECT_EQ(parsed_.SerializeAsString(), header_.SerializeAsString());
+  EXPECT_EQ(payload_, std::string(10000, 'x'));
+  EXPECT_TRUE(is_in_frame());
+}
+
+TEST_F(LongPayload, IsCopiedIfOtherFieldsComeBehindIt) {
+  ASSERT_TRUE(Parse(Payload(10000) + header_.SerializeAsString()));
+  EXPECT_EQ(parsed_.stream_id(), 300u);
+  EXPECT_EQ(payload_, std::string(10000, 'x'));
+  EXPECT_FALSE(is_in_frame());
+}
+
+TEST_F(LongPayload, ThatComesTwiceIsTheLastOne) {
+  ASSERT_TRUE(
+      Parse(header_.SerializeAsString() + Payload(10000) + Payload(3)));
+  EXPECT_EQ(payload_, "xxx");
+}
+
+TEST_F(LongPayload, IsFoundBehindFieldsThatAreNotKnown) {
+  const std::string unknown("\xfa\x01\x02zz", 5);  // Field 31: two bytes.
+  ASSERT_TRUE(Parse(unknown + Payload(10000)));
+  EXPECT_TRUE(is_in_frame());
+}
+
+TEST_F(LongPayload, CutShortIsNoFrame) {
+  std::string frame = header_.SerializeAsString() + Payload(10000);
+  frame.pop_back();
+  EXPECT_FALSE(Parse(frame));
+}
+
+TEST_F(LongPayload, BehindAHeaderThatCannotBeReadIsNoFrame) {
+  EXPECT_FALSE(Parse("\x07" + Payload(10000)));
+}
+
+TEST_F(LongPayload, IsNotThereInAShortFrame) {
+  ASSERT_TRUE(Parse(header_.SerializeAsString() + Payload(3)));
+  EXPECT_EQ(parsed_.payload(), "xxx");
+  EXPECT_EQ(payload_, "xxx");
 }
 
 TEST(AppendFrame, WritesTheLengthAndTheSerialisedMessage) {

@@ -122,18 +122,18 @@ void ServerConnection::Refuse(FrameSocket::Socket socket,
       ignored);
 }
 
-void ServerConnection::OnFrame(StreamMessage& frame) {
-  if (!has_met_) return Meet(frame);
+void ServerConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
+  if (!has_met_) return Meet(frame, payload);
   switch (frame.kind()) {
     case StreamMessage::KIND_CALL:
-      return BeginCall(frame);
+      return BeginCall(frame, payload);
     case StreamMessage::KIND_CANCEL:
       return CancelCall(frame.stream_id());
     case StreamMessage::KIND_OPEN:
       return OpenStream(frame);
     case StreamMessage::KIND_NEXT:
     case StreamMessage::KIND_ERROR:
-      return Deliver(frame);
+      return Deliver(frame, payload);
     case StreamMessage::KIND_COMPLETE:
       return CompleteStream(frame.stream_id());
     case StreamMessage::KIND_HELLO:
@@ -144,10 +144,11 @@ void ServerConnection::OnFrame(StreamMessage& frame) {
   }
 }
 
-void ServerConnection::Meet(const StreamMessage& frame) {
+void ServerConnection::Meet(const StreamMessage& frame,
+                            std::string_view payload) {
   Hello host;
   if (frame.kind() != StreamMessage::KIND_HELLO ||
-      !ParsePayload(frame.payload(), kMaxMessageDepth, &host)) {
+      !ParsePayload(payload, kMaxMessageDepth, &host)) {
     return ThrowOut(absl::InvalidArgumentError(
         "a connection begins with a hello, which tells the host's version"));
   }
@@ -175,7 +176,8 @@ bool ServerConnection::TakeId(std::uint64_t id) {
   return false;
 }
 
-void ServerConnection::BeginCall(const StreamMessage& frame) {
+void ServerConnection::BeginCall(const StreamMessage& frame,
+                                 std::string_view payload) {
   const std::uint64_t id = frame.stream_id();
   if (!TakeId(id)) return;
   if (is_shutting_down_) return SendError(id, ShuttingDown());
@@ -191,7 +193,7 @@ void ServerConnection::BeginCall(const StreamMessage& frame) {
   auto call = std::make_unique<ServerCall>(
       id, this, mailbox_, home_.service->GetRequestPrototype(method),
       home_.service->GetResponsePrototype(method));
-  if (!ParsePayload(frame.payload(), home_.limits.max_message_depth,
+  if (!ParsePayload(payload, home_.limits.max_message_depth,
                     &call->request())) {
     return SendError(
         id, absl::InvalidArgumentError(absl::StrCat(
@@ -243,11 +245,12 @@ void ServerConnection::OpenStream(const StreamMessage& frame) {
   streams_.emplace(id, std::make_unique<ServerStream>(&home_, *found, id));
 }
 
-void ServerConnection::Deliver(StreamMessage& frame) {
+void ServerConnection::Deliver(StreamMessage& frame, std::string_view payload) {
   // Read before delivery: the frame is the stream's to change.
   const std::uint64_t id = frame.stream_id();
   const auto stream = streams_.find(id);
   if (stream == streams_.end()) return SendError(id, NotOpen(id));
+  frame.mutable_payload()->assign(payload);
   const absl::Status delivered = frame.kind() == StreamMessage::KIND_NEXT
                                      ? stream->second->Next(frame)
                                      : stream->second->Error(frame);

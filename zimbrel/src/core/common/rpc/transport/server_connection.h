@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <string_view>
 #include <unordered_map>
 
 #include "absl/functional/any_invocable.h"
@@ -51,19 +52,22 @@ class ServerConnection final : public FrameSocket::Receiver {
   void Finish(const ServerCall& call);
 
  private:
-  void OnFrame(rpc::transport::StreamMessage& frame) override;
+  void OnFrame(rpc::transport::StreamMessage& frame,
+               std::string_view payload) override;
   void OnBroken(const absl::Status& why) override;
   void OnFull(const absl::Status& why) override;
 
   // The host's first frame.
-  void Meet(const rpc::transport::StreamMessage& frame);
+  void Meet(const rpc::transport::StreamMessage& frame,
+            std::string_view payload);
   // The host begins a call or a stream: false if its number is out of order,
   // which has then ended the connection.
   bool TakeId(std::uint64_t id);
-  void BeginCall(const rpc::transport::StreamMessage& frame);
+  void BeginCall(const rpc::transport::StreamMessage& frame,
+                 std::string_view payload);
   void CancelCall(std::uint64_t id);
   void OpenStream(const rpc::transport::StreamMessage& frame);
-  void Deliver(rpc::transport::StreamMessage& frame);
+  void Deliver(rpc::transport::StreamMessage& frame, std::string_view payload);
   void CompleteStream(std::uint64_t id);
   // False if there is no such stream.
   bool EndStream(std::uint64_t id);

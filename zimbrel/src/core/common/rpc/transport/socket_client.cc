@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -291,7 +292,7 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
   }
 
   // Whoever is told of a frame may destroy this object.
-  void OnFrame(StreamMessage& frame) override {
+  void OnFrame(StreamMessage& frame, std::string_view payload) override {
     const std::uint64_t id = frame.stream_id();
     const bool ends_all = frame.kind() == StreamMessage::KIND_ERROR && id == 0;
     if (widget_.has_value() == (frame.kind() == StreamMessage::KIND_HELLO) &&
@@ -301,41 +302,44 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
     }
     switch (frame.kind()) {
       case StreamMessage::KIND_REPLY:
-        return EndCall(id, frame);
+        return EndCall(id, frame, payload);
       case StreamMessage::KIND_ERROR:
         if (ends_all) {
           return Break(absl::UnavailableError(absl::StrCat(
               "the widget ended the connection: ", frame.error_text())));
         }
         if (streams_.contains(id)) return EndStream(id, StatusOf(frame));
-        return EndCall(id, frame);
+        return EndCall(id, frame, payload);
       case StreamMessage::KIND_NEXT:
-        return Deliver(frame);
+        return Deliver(frame, payload);
       case StreamMessage::KIND_COMPLETE:
         return EndStream(id, absl::OkStatus());
       case StreamMessage::KIND_HELLO:
-        return Meet(frame);
+        return Meet(payload);
       default:
         return Break(absl::UnavailableError(
             absl::StrCat("the widget sent a frame of kind ", frame.kind())));
     }
   }
 
-  void Meet(const StreamMessage& frame) {
-    if (!widget_.emplace().ParseFromString(frame.payload())) {
+  void Meet(std::string_view payload) {
+    if (!widget_.emplace().ParseFromArray(
+            payload.data(), static_cast<int>(payload.size()))) {
       return Break(absl::UnavailableError("the widget's hello is no Hello"));
     }
     if (absl::Status fit = CheckWidget(); !fit.ok()) Break(fit);
   }
 
-  void EndCall(std::uint64_t id, const StreamMessage& frame) {
+  void EndCall(std::uint64_t id, const StreamMessage& frame,
+               std::string_view payload) {
     auto node = calls_.extract(id);
     if (node.empty()) return;  // Cancelled; the answer was on its way.
     PendingCall& call = node.mapped();
     if (frame.kind() == StreamMessage::KIND_ERROR) {
       return End(call, StatusOf(frame));
     }
-    if (!call.response->ParseFromString(frame.payload())) {
+    if (!call.response->ParseFromArray(payload.data(),
+                                       static_cast<int>(payload.size()))) {
       return End(call,
                  absl::InternalError(absl::StrCat(
                      "the response is no ", call.response->GetTypeName())));
@@ -343,11 +347,12 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
     End(call, absl::OkStatus());
   }
 
-  void Deliver(StreamMessage& frame) {
+  void Deliver(StreamMessage& frame, std::string_view payload) {
     const std::uint64_t id = frame.stream_id();
     const auto found = streams_.find(id);
     if (found == streams_.end()) return;  // Ended; this was on its way.
     const std::shared_ptr<HostStream> stream = found->second;
+    frame.mutable_payload()->assign(payload);
     const absl::Status received = stream->Receive(frame);
     if (received.ok() || !stream->is_open()) return;
     Complete(id);
