@@ -34,6 +34,6 @@ allow(${rpc} "${contracts}" "rpc/transport/stream_message.pb.h" "rpc/event_subsc
 allow(${rpc}/stream "${rpc}/stream/[a-z_]+\\.h" "${contracts}" "${protos}" "${logging}")
 allow(${rpc}/transport "${rpc}/transport/[a-z_]+\\.h" "${contracts}" "rpc/transport/[a-z_]+\\.pb\\.h"
       "rpc/event_subscription.pb.h" "rpc/stream_options.pb.h")
-allow(${rpc}/generator "${rpc}/generator/[a-z_]+\\.h")
+allow(${rpc}/generator "${rpc}/generator/[a-z_]+\\.h" "${rpc}/version\\.h")
 allow(gen/${rpc}/proto/rpc/browser "rpc/browser/[a-z_]+\\.(rpc|client)\\.h" "${contracts}" "${protos}"
       "${rpc}/stream/[a-z_]+\\.h" "${rpc}/transport/typed_client\\.h")

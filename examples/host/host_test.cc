@@ -17,6 +17,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/version.h"
 
 namespace {
 
@@ -204,6 +205,12 @@ TEST_F(HostTest, HelpTellsTheOptions) {
   EXPECT_THAT(result.output, StartsWith("Usage: host "));
   EXPECT_THAT(result.output, HasSubstr("--socket PATH"));
   EXPECT_THAT(result.output, HasSubstr("--save FILE.ppm"));
+}
+
+TEST_F(HostTest, TellsItsVersion) {
+  const ChildProcess::Result result = Run({"--version"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.output, "host " + std::string(orvane::kVersion) + "\n");
 }
 
 TEST_F(HostTest, RefusesWhatIsNoOption) {

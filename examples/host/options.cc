@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "zimbrel/src/core/common/rpc/version.h"
+
 namespace host {
 namespace {
 
@@ -21,6 +23,7 @@ void PrintHelp() {
             << ")\n"
                "  --save FILE.ppm  write the last picture of the view there\n"
                "  --help           print this and exit\n"
+               "  --version        print the version and exit\n"
                "\n"
                "Exit code: 0 if all went well, 1 if the widget is not there, "
                "dies or\n"
@@ -38,6 +41,7 @@ Options ParseOptions(int argc, char** argv) {
   const option known[] = {{"socket", required_argument, nullptr, 's'},
                           {"save", required_argument, nullptr, 'f'},
                           {"help", no_argument, nullptr, 'h'},
+                          {"version", no_argument, nullptr, 'v'},
                           {}};
   Options options;
   int found = 0;
@@ -51,6 +55,9 @@ Options ParseOptions(int argc, char** argv) {
         break;
       case 'h':
         PrintHelp();
+        std::exit(EXIT_SUCCESS);
+      case 'v':
+        std::cout << "host " << orvane::kVersion << "\n";
         std::exit(EXIT_SUCCESS);
       default:
         RefuseUsage();  // getopt_long has said what is wrong.

@@ -14,8 +14,9 @@ struct Options {
   std::string save;  // Empty: no file is written.
 };
 
-// Returns only if there is something to do. After --help it ends the process
-// with exit code 0, after wrong use with 2 and words on the standard error.
+// Returns only if there is something to do. After --help or --version it ends
+// the process with exit code 0, after wrong use with 2 and words on the standard
+// error.
 Options ParseOptions(int argc, char** argv);
 
 }  // namespace host

@@ -9,6 +9,8 @@
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
 
+#include "zimbrel/src/core/common/rpc/version.h"
+
 namespace widget_server {
 namespace {
 
@@ -25,6 +27,7 @@ void PrintHelp() {
             << "  --browsers N   serve the browsers 1 to N, at most "
             << kMaxBrowsers << " (default " << defaults.browsers << ")\n"
             << "  --help         print this and exit\n"
+               "  --version      print the version and exit\n"
                "\n"
                "Exit code: 0 after SIGINT or SIGTERM, 1 if it cannot listen,\n"
                "2 for wrong usage.\n";
@@ -56,6 +59,7 @@ Options ParseOptions(int argc, char** argv) {
   const option known[] = {{"socket", required_argument, nullptr, 's'},
                           {"browsers", required_argument, nullptr, 'b'},
                           {"help", no_argument, nullptr, 'h'},
+                          {"version", no_argument, nullptr, 'v'},
                           {}};
   Options options;
   int found = 0;
@@ -69,6 +73,9 @@ Options ParseOptions(int argc, char** argv) {
         break;
       case 'h':
         PrintHelp();
+        std::exit(EXIT_SUCCESS);
+      case 'v':
+        std::cout << "widget_server " << orvane::kVersion << "\n";
         std::exit(EXIT_SUCCESS);
       default:
         RefuseUsage();  // getopt_long has said what is wrong.

@@ -16,6 +16,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/version.h"
 
 namespace {
 
@@ -153,6 +154,13 @@ TEST_F(WidgetServerTest, HelpTellsTheOptions) {
   EXPECT_THAT(result.output, HasSubstr("--socket PATH"));
   EXPECT_THAT(result.output, HasSubstr("--browsers N"));
   EXPECT_THAT(result.errors, IsEmpty());
+}
+
+TEST_F(WidgetServerTest, TellsItsVersion) {
+  const ChildProcess::Result result = Run({"--version"});
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_EQ(result.output,
+            "widget_server " + std::string(orvane::kVersion) + "\n");
 }
 
 TEST_F(WidgetServerTest, RefusesAnOptionThatThereIsNot) {

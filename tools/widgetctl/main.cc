@@ -20,6 +20,7 @@
 #include "rpc/browser/browser_widget.rpc.h"
 #include "tools/widgetctl/commands.h"
 #include "tools/widgetctl/methods.h"
+#include "zimbrel/src/core/common/rpc/version.h"
 
 namespace widgetctl {
 namespace {
@@ -50,6 +51,7 @@ std::string Help(const Options& defaults) {
       "  --fail TEXT        serve: fail each call with this text\n"
       "  --command COMMAND  serve: answer with what this prints\n"
       "  --help             print this, or more about a command, and exit\n"
+      "  --version          print the version and exit\n"
       "\n"
       "Exit code: 0 if all went well, 1 if a call or a stream failed or a\n"
       "session was not as expected, 2 for wrong usage (with unknown names, "
@@ -138,6 +140,7 @@ ExitCode Main(int argc, char** argv) {
                           {"fail", required_argument, nullptr, 'f'},
                           {"command", required_argument, nullptr, 'c'},
                           {"help", no_argument, nullptr, 'h'},
+                          {"version", no_argument, nullptr, 'v'},
                           {}};
   const Options defaults{rpc::BrowserWidgetRpc::descriptor()};
   Options options = defaults;
@@ -173,6 +176,9 @@ ExitCode Main(int argc, char** argv) {
       case 'h':
         wants_help = true;
         break;
+      case 'v':
+        std::cout << "widgetctl " << orvane::kVersion << '\n';
+        return kOk;
       default:
         return RefuseUsage();  // getopt_long has said what is wrong.
     }

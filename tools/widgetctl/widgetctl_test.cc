@@ -13,6 +13,7 @@
 #include "rpc/browser/browser_widget.rpc.h"
 #include "tools/widgetctl/program_test.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/version.h"
 
 namespace widgetctl {
 namespace {
@@ -297,6 +298,11 @@ TEST_F(WidgetctlTest, HelpTellsCommandsOptionsAndExitCodes) {
           HasSubstr("\n  --timeout SECONDS "), HasSubstr("\n  --count N "),
           HasSubstr("\n  --reply JSON "), HasSubstr("\n  --fail TEXT "),
           HasSubstr("\n  --command COMMAND "), HasSubstr("\nExit code: "))));
+}
+
+TEST_F(WidgetctlTest, TellsItsVersion) {
+  EXPECT_THAT(Widgetctl({"--version"}),
+              Succeeds("widgetctl " + std::string(orvane::kVersion) + "\n"));
 }
 
 TEST_F(WidgetctlTest, EachCommandHasHelpOfItsOwn) {

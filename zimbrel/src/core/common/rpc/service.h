@@ -6,7 +6,6 @@
 #include "google/protobuf/descriptor.h"
 #include "google/protobuf/service.h"
 
-#include "zimbrel/src/core/common/rpc/generated_code_version.h"
 #include "zimbrel/src/core/common/rpc/stream_channel.h"
 
 namespace orvane {

@@ -186,8 +186,8 @@ void PrintClientHeader(const FileModel& file, Printer* out) {
 #include "absl/time/time.h"
 
 #include "$stem$.pb.h"
-#include "zimbrel/src/core/common/rpc/generated_code_version.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"
+#include "zimbrel/src/core/common/rpc/version.h"
 
 )",
              "stem", file.stem, "mangled_path", file.mangled_path);

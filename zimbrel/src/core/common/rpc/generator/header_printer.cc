@@ -32,7 +32,8 @@ void PrintTop(const FileModel& file, Printer* out) {
 
 #include "$stem$.pb.h"
 #include "zimbrel/src/core/common/rpc/service.h"
-$streams$
+$streams$#include "zimbrel/src/core/common/rpc/version.h"
+
 )",
              "stem", file.stem, "mangled_path", file.mangled_path, "streams",
              StreamIncludes(file));
