@@ -1,5 +1,6 @@
 # One function for each kind of thing that we build. Compiler options of ours
 # are set here and nowhere else; sources are listed by hand.
+include(OrvaneGenerate)
 
 set(ORVANE_SANITIZE "" CACHE STRING "Sanitizers to build with: address,undefined or thread")
 if(ORVANE_SANITIZE)
@@ -19,15 +20,21 @@ function(_orvane_options target)
     -fno-exceptions "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
 endfunction()
 
-# orvane_library(NAME SOURCES file... [DEPENDS target...] [PRIVATE_DEPENDS target...])
+# orvane_library(NAME SOURCES file... [HEADERS file...] [DEPENDS target...]
+#                [PRIVATE_DEPENDS target...] [HEADERS_BELOW dir])
 # A static library `orvane_NAME`, linked as `orvane::NAME`. Its headers are
-# included by their path from the top of the tree.
+# included by their path from the top of the tree, or from HEADERS_BELOW. HEADERS
+# are those that users of an installed orvane may include, and what these include.
 function(orvane_library name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS;PRIVATE_DEPENDS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "HEADERS_BELOW" "SOURCES;HEADERS;DEPENDS;PRIVATE_DEPENDS")
+  if(NOT arg_HEADERS_BELOW)
+    set(arg_HEADERS_BELOW "${PROJECT_SOURCE_DIR}")
+  endif()
   add_library(orvane_${name} STATIC ${arg_SOURCES})
   add_library(orvane::${name} ALIAS orvane_${name})
   set_target_properties(orvane_${name} PROPERTIES EXPORT_NAME ${name})
   target_include_directories(orvane_${name} PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>")
+  target_sources(orvane_${name} PUBLIC FILE_SET HEADERS BASE_DIRS "${arg_HEADERS_BELOW}" FILES ${arg_HEADERS})
   target_link_libraries(orvane_${name} PUBLIC ${arg_DEPENDS} PRIVATE ${arg_PRIVATE_DEPENDS})
   _orvane_options(orvane_${name})
 endfunction()
@@ -41,9 +48,10 @@ function(orvane_program name)
   _orvane_options(${name})
 endfunction()
 
-# Runs `program` with the words that follow as the test `name`.
-function(_orvane_add_test name program)
-  add_test(NAME ${name} COMMAND ${program} ${ARGN})
+# orvane_add_test(NAME command...)
+# A test whose programs run under the sanitizers with our settings and suppressions.
+function(orvane_add_test name)
+  add_test(NAME ${name} COMMAND ${ARGN})
   set_property(TEST ${name} PROPERTY ENVIRONMENT
     "ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1"
     "UBSAN_OPTIONS=print_stacktrace=1"
@@ -65,7 +73,7 @@ function(orvane_test name)
     return()
   endif()
   orvane_program(${name} SOURCES ${arg_SOURCES} DEPENDS ${arg_DEPENDS} GTest::gmock_main)
-  _orvane_add_test(${name} ${name} ${arg_ARGUMENTS})
+  orvane_add_test(${name} ${name} ${arg_ARGUMENTS})
 endfunction()
 
 # orvane_benchmark(NAME [OWN_HEAP] SOURCES file... [DEPENDS target...])
@@ -77,46 +85,15 @@ function(orvane_benchmark name)
     return()
   endif()
   orvane_program(${name} SOURCES ${arg_SOURCES} DEPENDS ${arg_DEPENDS} benchmark::benchmark_main)
-  _orvane_add_test(${name} ${name} --benchmark_min_time=0.001)
+  orvane_add_test(${name} ${name} --benchmark_min_time=0.001)
 endfunction()
 
-# Message code of protos below IMPORT_ROOT, as the library `orvane::NAME`. It is
-# made in the build tree, since it belongs to the installed protobuf. DEPENDS are
-# other such libraries, whose protos these may import.
 # orvane_proto_library(NAME IMPORT_ROOT dir PROTOS file... [DEPENDS target...])
+# Message code of protos, as the library `orvane::NAME`.
 function(orvane_proto_library name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "IMPORT_ROOT" "PROTOS;DEPENDS")
-  set(out "${CMAKE_CURRENT_BINARY_DIR}/${name}.pb")
-  set(sources "")
-  set(headers "")
-  set(inputs "")
-  set(roots "${arg_IMPORT_ROOT}")
-  foreach(dependency IN LISTS arg_DEPENDS)
-    get_target_property(needed ${dependency} ORVANE_PROTO_ROOTS)
-    list(APPEND roots ${needed})
-  endforeach()
-  list(REMOVE_DUPLICATES roots)
-  list(TRANSFORM roots PREPEND "-I" OUTPUT_VARIABLE imports)
-  foreach(proto IN LISTS arg_PROTOS)
-    string(REGEX REPLACE "\\.proto$" "" stem "${proto}")
-    list(APPEND sources "${out}/${stem}.pb.cc")
-    list(APPEND headers "${out}/${stem}.pb.h")
-    list(APPEND inputs "${arg_IMPORT_ROOT}/${proto}")
-  endforeach()
-  file(MAKE_DIRECTORY "${out}")
-  add_custom_command(OUTPUT ${sources} ${headers}
-    COMMAND protobuf::protoc ${imports} "--cpp_out=${out}" ${inputs}
-    DEPENDS ${inputs} protobuf::protoc
-    COMMENT "protoc: ${name}" VERBATIM)
-  add_library(orvane_${name} STATIC ${sources})
+  orvane_generate(orvane_${name} ${ARGN} MESSAGES_ONLY)
   add_library(orvane::${name} ALIAS orvane_${name})
-  set_target_properties(orvane_${name} PROPERTIES EXPORT_NAME ${name} CXX_EXTENSIONS OFF
-    ORVANE_PROTO_ROOTS "${roots}")
-  target_compile_features(orvane_${name} PUBLIC cxx_std_20)
-  # Not ours to warn about, neither here nor where it is included.
-  target_compile_options(orvane_${name} PRIVATE -w)
-  target_include_directories(orvane_${name} SYSTEM PUBLIC "$<BUILD_INTERFACE:${out}>")
-  target_link_libraries(orvane_${name} PUBLIC protobuf::libprotobuf ${arg_DEPENDS})
+  set_target_properties(orvane_${name} PROPERTIES EXPORT_NAME ${name})
 endfunction()
 
 # Called last: a test file that nobody registered would silently never run.
