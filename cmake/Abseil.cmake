@@ -3,7 +3,8 @@
 # A system Abseil with absl/log is used when there is one. Debian 12's is too
 # old for that, so otherwise the libraries that we use are built from the source
 # which scripts/setup put into the cache, once for each compiler and sanitizer,
-# since code under a sanitizer must not be mixed with code that is not.
+# since code under a sanitizer must not be mixed with code that is not. Then
+# ORVANE_BUILT_ABSEIL is that build, which packaging/ installs with ours.
 
 set(ORVANE_CACHE_DIR "$ENV{ORVANE_CACHE_DIR}" CACHE PATH
     "Where sources and builds of dependencies are kept between build trees")
@@ -57,6 +58,7 @@ if(NOT EXISTS "${abseil_variant}/complete")
   file(LOCK "${abseil_variant}.lock" RELEASE)
 endif()
 
-set(absl_DIR "${abseil_variant}/lib/cmake/absl" CACHE PATH "Abseil's CMake package" FORCE)
+set(ORVANE_BUILT_ABSEIL "${abseil_variant}")
+set(absl_DIR "${ORVANE_BUILT_ABSEIL}/lib/cmake/absl" CACHE PATH "Abseil's CMake package" FORCE)
 find_package(absl CONFIG REQUIRED)
-message(STATUS "Abseil: our build, ${abseil_variant}")
+message(STATUS "Abseil: our build, ${ORVANE_BUILT_ABSEIL}")
