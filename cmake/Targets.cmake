@@ -102,7 +102,8 @@ function(orvane_check_every_test_is_registered)
   file(GLOB_RECURSE on_disk CONFIGURE_DEPENDS
     "${PROJECT_SOURCE_DIR}/zimbrel/*_test.cc" "${PROJECT_SOURCE_DIR}/gen/*_test.cc"
     "${PROJECT_SOURCE_DIR}/examples/*_test.cc" "${PROJECT_SOURCE_DIR}/tools/*_test.cc"
-    "${PROJECT_SOURCE_DIR}/benchmarks/*_test.cc" "${PROJECT_SOURCE_DIR}/scripts/*_test.cc")
+    "${PROJECT_SOURCE_DIR}/benchmarks/*_test.cc" "${PROJECT_SOURCE_DIR}/docs/*_test.cc"
+    "${PROJECT_SOURCE_DIR}/scripts/*_test.cc")
   foreach(file IN LISTS on_disk)
     if(NOT file IN_LIST registered)
       message(FATAL_ERROR "${file} is not registered with orvane_test, so it would never run")
