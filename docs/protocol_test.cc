@@ -186,7 +186,7 @@ TEST_F(WorkedExample, HasTheBytesThatTravel) {
     Send(exchange.from_host);
     if (auto acts = of_widget.extract(exchange.heading); !acts.empty())
       acts.mapped()();
-    EXPECT_EQ(Hex(Receive()), Hex(exchange.from_widget));
+    ASSERT_EQ(Hex(Receive()), Hex(exchange.from_widget));
   }
   EXPECT_TRUE(of_widget.empty())
       << "the page has no " << of_widget.begin()->first;
