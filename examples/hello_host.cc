@@ -1,4 +1,5 @@
-// The whole program that it takes to call a method and to watch events.
+// examples/hello_host.cc: the whole program that it takes to call a method and
+// to watch events.
 
 #include <csignal>
 #include <iostream>

@@ -1,4 +1,4 @@
-// The whole program that it takes to serve a method.
+// examples/hello_server.cc: the whole program that it takes to serve a method.
 
 #include <csignal>
 #include <iostream>

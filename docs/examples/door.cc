@@ -1,0 +1,60 @@
+// docs/examples/door.cc: a service of one's own and its client, in one process.
+
+#include <iostream>
+#include <string>
+
+#include "docs/examples/door.client.h"
+#include "docs/examples/door.rpc.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/in_process.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+
+class Door final : public building::Door {
+  // Asks the host whether it may.
+  void Open(google::protobuf::RpcController* controller,
+            const BrowserId* request, google::protobuf::Empty*,
+            google::protobuf::Closure* done) override {
+    const auto fail = [controller, done](const absl::Status& why) {
+      controller->SetFailed(std::string(why.message()));
+      done->Run();
+    };
+    const auto asked = orvane::Call<building::Confirm>(
+        *request, {},
+        [controller, request,
+         done](const building::Confirm::Response& response) {
+          building::Moved moved;
+          moved.set_is_open(response.may_open());
+          orvane::Publish<building::Moved>(*request, moved);
+          if (!response.may_open()) controller->SetFailed("it stays shut");
+          done->Run();
+        },
+        fail);
+    if (!asked.ok()) fail(asked.status());
+  }
+};
+
+int main() {
+  orvane::EventLoop loop;
+  Door door;
+  orvane::SocketServer server(&loop, &door);
+  const auto connection = orvane::ConnectInProcess(&loop, &server);
+  if (!connection.ok()) return 1;
+
+  building::DoorClient client(connection->get());
+  BrowserId front_door;
+  front_door.set_value(1);
+  std::cout << client.Open(front_door).status() << std::endl;
+
+  const auto moves =
+      client.WhenMoved(front_door, [](const building::Moved& event) {
+        std::cout << (event.is_open() ? "open" : "shut") << std::endl;
+      });
+  const auto confirms = client.OnConfirm(
+      front_door, [](const building::Confirm::Call&,
+                     orvane::Responder<building::Confirm> responder) {
+        building::Confirm::Response response;
+        response.set_may_open(true);
+        std::move(responder).Respond(response).IgnoreError();
+      });
+  std::cout << client.Open(front_door).status() << std::endl;
+}

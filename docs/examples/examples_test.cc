@@ -1,0 +1,103 @@
+// The programs that the pages show, at work.
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "examples/testing/call.h"
+#include "examples/testing/child_process.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+
+namespace {
+
+using ::example_testing::Call;
+using ::example_testing::ChildProcess;
+using ::testing::HasSubstr;
+
+class Examples : public testing::Test {
+ protected:
+  // One of the programs, which listens when this returns.
+  std::unique_ptr<ChildProcess> Start(const std::string& program,
+                                      const std::string& name) {
+    auto server = std::make_unique<ChildProcess>(
+        std::vector<std::string>{program, socket_});
+    EXPECT_EQ(server->ReadLine(), name + " listens at " + socket_);
+    return server;
+  }
+
+  std::unique_ptr<orvane::SocketClient> Connect() {
+    auto client = orvane::SocketClient::Connect(&loop_, socket_);
+    EXPECT_TRUE(client.ok()) << client.status();
+    return *std::move(client);
+  }
+
+  const orvane::TemporaryFolder folder_;
+  const std::string socket_ = folder_.path() + "/widget.sock";
+  orvane::EventLoop loop_;
+};
+
+TEST_F(Examples, HostAndServiceWorkTogether) {
+  const auto service = Start(SERVICE, "service");
+  ChildProcess host({HOST, socket_});
+  EXPECT_EQ(host.ReadLine(), "tooltip: Shown");
+  EXPECT_EQ(host.ReadLine(), "the page gives the focus away");
+  EXPECT_EQ(host.ReadLine(), "Tab: OK");
+  service->Signal(SIGTERM);
+  EXPECT_EQ(host.ReadLine(), "the widget has gone: OK");
+  EXPECT_EQ(host.Wait().exit_code, 0);
+  EXPECT_EQ(service->Wait().exit_code, 0);
+}
+
+TEST_F(Examples, ServiceAnswersInWordsAndFromAnotherThread) {
+  const auto service = Start(SERVICE, "service");
+  const auto client = Connect();
+  EXPECT_EQ(Call(client.get(), "Show", "").message(), "0 names no browser");
+  EXPECT_EQ(Call(client.get(), "GetAccessibilityToken", "value: 7"),
+            absl::OkStatus());
+  EXPECT_EQ(Call(client.get(), "ForwardKeyPress", "browser_id { value: 7 }"),
+            absl::OkStatus());
+}
+
+TEST_F(Examples, StreamsPublishesWhatAnotherThreadFound) {
+  const auto streams = Start(STREAMS, "streams");
+  ChildProcess host({HOST, socket_});
+  EXPECT_EQ(host.ReadLine(), "tooltip: A picture to drag");
+}
+
+TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {
+  auto operating = Start(OPERATING, "operating");
+  const auto first = Connect();
+  const auto second = Connect();
+  const auto third = Connect();
+  EXPECT_EQ(Call(first.get(), "Show", "").message(),
+            "Method Show() not implemented.");
+  EXPECT_EQ(Call(second.get(), "Show", "").message(),
+            "Method Show() not implemented.");
+  EXPECT_THAT(std::string(Call(third.get(), "Show", "").message()),
+              HasSubstr("2 hosts are connected; the limit is 2"));
+  operating->Signal(SIGTERM);
+  const ChildProcess::Result ended = operating->Wait();
+  EXPECT_EQ(ended.exit_code, 0);
+  EXPECT_THAT(ended.errors,
+              HasSubstr("0 hosts, 0 thrown out, 0 events replaced"));
+  EXPECT_THAT(ended.errors,
+              HasSubstr("a host was not let in: 2 hosts are connected"));
+}
+
+TEST_F(Examples, DoorOpensOnceSomebodyConfirmsIt) {
+  const ChildProcess::Result door = ChildProcess({DOOR}).Wait();
+  EXPECT_EQ(door.exit_code, 0) << door.errors;
+  EXPECT_EQ(door.output,
+            "UNKNOWN: no host serves building.Confirm for {value: 1}\n"
+            "open\n"
+            "OK\n");
+}
+
+}  // namespace

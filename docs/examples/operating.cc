@@ -1,0 +1,62 @@
+// docs/examples/operating.cc: a server with limits of its own, whose log and
+// counters somebody reads.
+
+#include <csignal>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "absl/base/log_severity.h"
+#include "absl/log/globals.h"
+#include "absl/log/initialize.h"
+#include "absl/log/log.h"
+
+#include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+// Logs now, and every minute from now on.
+class Watch {
+ public:
+  Watch(orvane::EventLoop* loop, const orvane::SocketServer* server)
+      : loop_(loop), server_(server) {
+    Look();
+  }
+
+ private:
+  void Look() {
+    LOG(INFO) << server_->connections() << " hosts, "
+              << server_->counters().thrown_out << " thrown out, "
+              << server_->counters().replaced_events << " events replaced";
+    next_ = loop_->RunAfter(absl::Minutes(1), [this] { Look(); });
+  }
+
+  orvane::EventLoop* const loop_;
+  const orvane::SocketServer* const server_;
+  std::unique_ptr<orvane::EventLoop::Timer> next_;
+};
+
+int main(int argc, char** argv) {
+  absl::InitializeLog();
+  // Else warnings stay out of the standard error from here on.
+  absl::SetStderrThreshold(absl::LogSeverityAtLeast::kInfo);
+  orvane::EventLoop loop;
+  rpc::BrowserWidgetRpc widget;
+  orvane::SocketServer server(
+      &loop, &widget,
+      {.max_frame_bytes = 64 << 10, .max_connections = 2, .max_calls = 100});
+  const Watch watch(&loop, &server);
+  // What hosts have to read the last replies.
+  loop.OnSignal({SIGINT, SIGTERM}, [&] {
+    server.Shutdown(absl::Seconds(2), [&loop] { loop.Stop(); });
+  });
+  const std::string path =
+      argc > 1 ? argv[1] : orvane::DefaultSocketPath("widget");
+  if (const absl::Status status = server.Listen(path); !status.ok()) {
+    LOG(ERROR) << status.message();
+    return 1;
+  }
+  std::cout << "operating listens at " << path << std::endl;
+  loop.Run();
+}

@@ -1,0 +1,83 @@
+// docs/examples/service.cc: answers at once, in words, and from another thread;
+// publishes an event; asks the host.
+
+#include <csignal>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+using google::protobuf::Closure;
+using google::protobuf::Empty;
+using google::protobuf::RpcController;
+
+class Widget final : public rpc::BrowserWidgetRpc {
+  // At once. The event leaves behind the reply.
+  void Show(RpcController* controller, const BrowserId* request, Empty*,
+            Closure* done) override {
+    const BrowserId browser = *request;
+    if (browser.value() == 0) {
+      controller->SetFailed("0 names no browser");
+      done->Run();
+      return;
+    }
+    done->Run();  // From here on `request` is gone.
+    rpc::TooltipChanged event;
+    *event.mutable_browser_id() = browser;
+    event.set_text("Shown");
+    orvane::Publish<rpc::TooltipChanged>(browser, event);
+  }
+
+  // Later, from another thread. Controller and messages live until `done` runs.
+  void GetAccessibilityToken(RpcController*, const BrowserId*,
+                             rpc::AccessibilityToken* response,
+                             Closure* done) override {
+    threads_.emplace_back([response, done] {
+      response->set_token("what took a while to find out");
+      done->Run();
+    });
+  }
+
+  // Asks the host, and answers when that has answered.
+  void ForwardKeyPress(RpcController* controller,
+                       const rpc::KeyPressRequest* request, Empty*,
+                       Closure* done) override {
+    rpc::TakeFocusCall call;
+    call.set_direction(rpc::FOCUS_DIRECTION_FORWARD);
+    const auto asked = orvane::Call<rpc::TakeFocus>(
+        request->browser_id(), call,
+        [done](const rpc::TakeFocusResponse&) { done->Run(); },
+        [controller, done](const absl::Status& why) {
+          controller->SetFailed(std::string(why.message()));
+          done->Run();
+        },
+        {.timeout = absl::Seconds(5)});
+    if (!asked.ok())
+      done->Run();  // Nobody serves it: the page keeps the focus.
+  }
+
+  std::vector<std::jthread> threads_;
+};
+
+int main(int argc, char** argv) {
+  // Each outlives those below it.
+  orvane::EventLoop loop;
+  Widget widget;
+  orvane::SocketServer server(&loop, &widget);
+  loop.OnSignal({SIGINT, SIGTERM}, [&] {
+    server.Shutdown(absl::Seconds(2), [&loop] { loop.Stop(); });
+  });
+  const std::string path =
+      argc > 1 ? argv[1] : orvane::DefaultSocketPath("widget");
+  if (const absl::Status status = server.Listen(path); !status.ok()) {
+    std::cerr << status.message() << std::endl;
+    return 1;
+  }
+  std::cout << "service listens at " << path << std::endl;
+  loop.Run();
+}
