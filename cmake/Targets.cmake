@@ -8,6 +8,12 @@ if(ORVANE_SANITIZE)
   string(APPEND CMAKE_CXX_FLAGS
     " -fsanitize=${ORVANE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1")
 endif()
+# Clang brings libFuzzer along, which has most to find where memory is watched.
+set(_orvane_has_libfuzzer FALSE)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND ORVANE_SANITIZE MATCHES "address")
+  set(_orvane_has_libfuzzer TRUE)
+endif()
+set(ORVANE_FUZZ_SECONDS 10 CACHE STRING "How long the test of each fuzzer looks for new inputs")
 
 # Paths in __FILE__ and debug info are those of the tree, wherever it lies.
 function(_orvane_options target)
@@ -17,6 +23,7 @@ function(_orvane_options target)
     -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
     -Wunused -Wconversion -Wno-sign-conversion -Wdouble-promotion -Wextra-semi -Werror
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+    $<$<BOOL:${_orvane_has_libfuzzer}>:-fsanitize=fuzzer-no-link>
     -fno-exceptions "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
 endfunction()
 
@@ -86,6 +93,30 @@ function(orvane_benchmark name)
   endif()
   orvane_program(${name} SOURCES ${arg_SOURCES} DEPENDS ${arg_DEPENDS} benchmark::benchmark_main)
   orvane_add_test(${name} ${name} --benchmark_min_time=0.001)
+endfunction()
+
+# orvane_fuzzer(NAME SOURCES file... [DEPENDS target...] [ARGUMENTS word...])
+# A program with libFuzzer's entry point, and a test of the same name: where
+# there is libFuzzer it starts from corpus/NAME and tries new inputs for a while,
+# with these arguments; elsewhere it plays that folder through.
+function(orvane_fuzzer name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS;ARGUMENTS")
+  set(corpus "${CMAKE_CURRENT_SOURCE_DIR}/corpus/${name}")
+  set(found "${CMAKE_CURRENT_BINARY_DIR}/found/${name}")
+  orvane_program(${name} SOURCES ${arg_SOURCES} initialize.cc
+    DEPENDS ${arg_DEPENDS} absl::log absl::log_initialize GTest::gtest)
+  if(_orvane_has_libfuzzer)
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    # What is new goes to the first folder.
+    file(MAKE_DIRECTORY "${found}")
+    orvane_add_test(${name} ${name} "-max_total_time=${ORVANE_FUZZ_SECONDS}" ${arg_ARGUMENTS}
+      "${found}" "${corpus}")
+    math(EXPR timeout "${ORVANE_FUZZ_SECONDS} + 290")
+    set_property(TEST ${name} PROPERTY TIMEOUT ${timeout})
+  else()
+    target_sources(${name} PRIVATE replay.cc)
+    orvane_add_test(${name} ${name} "${corpus}")
+  endif()
 endfunction()
 
 # orvane_proto_library(NAME IMPORT_ROOT dir PROTOS file... [DEPENDS target...])
