@@ -28,7 +28,10 @@
 
 namespace {
 
+using ::testing::AllOf;
+using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::Field;
 
 // One ```hex block of the page, under its heading.
 struct Exchange {
@@ -179,8 +182,14 @@ TEST_F(WorkedExample, HasTheBytesThatTravel) {
       {"A call of the widget that fails", [this] { LeaveTheLastElement(); }},
       {"A call that is given up", [this] { FinishMinimizing(); }},
   };
-  const std::vector<Exchange> page = ReadPage();
+  std::vector<Exchange> page = ReadPage();
   ASSERT_FALSE(page.empty()) << PROTOCOL_PAGE;
+  // The page opens with a piece of the conversation.
+  const Exchange opening = page.front();
+  page.erase(page.begin());
+  EXPECT_THAT(page, Contains(AllOf(
+                        Field(&Exchange::from_host, opening.from_host),
+                        Field(&Exchange::from_widget, opening.from_widget))));
   for (const Exchange& exchange : page) {
     SCOPED_TRACE(exchange.heading);
     Send(exchange.from_host);
