@@ -16,7 +16,8 @@ namespace orvane {
 // nothing. The defaults are some ten times what a browser widget's host needs.
 struct ServerLimits {
   // The longest frame that is sent or accepted, in bytes, its length field not
-  // counted. Beyond: a call's reply becomes an error; what is received ends the
+  // counted. Beyond: a call's reply becomes an error, an event does not reach
+  // the host, a call to the host is not made; what is received ends the
   // connection. Less than kMinMaxFrameBytes counts as that.
   std::size_t max_frame_bytes = kDefaultMaxFrameBytes;
 

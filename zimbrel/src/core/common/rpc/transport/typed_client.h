@@ -1,6 +1,9 @@
 // What generated clients are made of: calls and streams with the types of their
 // messages. Hosts use the names outside `internal`; the rest is for generated
 // code.
+//
+// Thread: all callables run on the service thread of the client's loop, and are
+// destroyed there. What they are passed by reference is borrowed for the call.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_TYPED_CLIENT_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_TYPED_CLIENT_H_
