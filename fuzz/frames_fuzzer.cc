@@ -316,7 +316,8 @@ class Play {
     host.peer.Send(frame);
   }
 
-  // Also reads what the hosts were sent, so that they know who is left.
+  // Also reads what the hosts were sent, so that they know who is left: nobody,
+  // once a server that shuts down has no call to answer.
   void Settle() {
     loop_.RunUntilIdle();
     CheckBystander();
@@ -328,6 +329,10 @@ class Play {
       }
       host->peer.frames.clear();
       if (host->peer.closed) host.reset();
+    }
+    if (is_shutting_down_ && server_ != nullptr && widget_.held.empty()) {
+      EXPECT_EQ(server_->connections(), 0u);
+      EXPECT_TRUE(has_shut_down_);
     }
   }
 
