@@ -32,11 +32,12 @@ class Mailbox {
 
 struct EventLoopOptions {
   // How long the loop keeps looking for work, once it has run out of it, before
-  // it sleeps; 0 sleeps at once. To wake a sleeping thread on another core takes
-  // longer than to serve a call, so spinning shortens round trips between two
-  // processes that have a core each, if both ends of a connection do it. It
-  // costs that core's time: up to all of it for this long after each step, never
-  // without work in between. The loop offers the core to others while it spins.
+  // it sleeps; 0 sleeps at once. To wake a sleeping thread on another core
+  // takes longer than to serve a call, so spinning shortens round trips between
+  // two processes that have a core each, if both ends of a connection do it. It
+  // costs that core's time: up to all of it for this long after each step,
+  // never without work in between. The loop offers the core to others while it
+  // spins.
   absl::Duration spin = absl::ZeroDuration();
 };
 

@@ -197,8 +197,7 @@ TEST_F(LongPayload, IsCopiedIfOtherFieldsComeBehindIt) {
 }
 
 TEST_F(LongPayload, ThatComesTwiceIsTheLastOne) {
-  ASSERT_TRUE(
-      Parse(header_.SerializeAsString() + Payload(10000) + Payload(3)));
+  ASSERT_TRUE(Parse(header_.SerializeAsString() + Payload(10000) + Payload(3)));
   EXPECT_EQ(payload_, "xxx");
 }
 

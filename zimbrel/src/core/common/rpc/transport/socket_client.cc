@@ -323,8 +323,8 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
   }
 
   void Meet(std::string_view payload) {
-    if (!widget_.emplace().ParseFromArray(
-            payload.data(), static_cast<int>(payload.size()))) {
+    if (!widget_.emplace().ParseFromArray(payload.data(),
+                                          static_cast<int>(payload.size()))) {
       return Break(absl::UnavailableError("the widget's hello is no Hello"));
     }
     if (absl::Status fit = CheckWidget(); !fit.ok()) Break(fit);

@@ -122,11 +122,10 @@ absl::StatusOr<Response> CallAndWait(
   return response;
 }
 
-// The message of type T that the widget sent in `frame`.
+// Reads the message that the widget sent in `frame`.
 template <typename T>
-absl::StatusOr<T> Read(const rpc::transport::StreamMessage& frame) {
-  T message;
-  if (message.ParseFromString(frame.payload())) return message;
+absl::Status Read(const rpc::transport::StreamMessage& frame, T* message) {
+  if (message->ParseFromString(frame.payload())) return absl::OkStatus();
   return absl::InternalError(absl::StrCat("what the widget sent is no ",
                                           T::descriptor()->full_name()));
 }
@@ -136,11 +135,12 @@ std::unique_ptr<ClientStream> Watch(
     SocketClient* client, const google::protobuf::MethodDescriptor* method,
     const EventKey& key, OnEvent<T> on_event, OnEnd on_end) {
   auto stream = client->OpenStream(
-      method, {[on_event = std::move(on_event)](
-                   rpc::transport::StreamMessage& frame) mutable {
-                 const absl::StatusOr<T> event = Read<T>(frame);
-                 if (event.ok()) on_event(*event);
-                 return event.status();
+      method, {[on_event = std::move(on_event),
+                event = T()](rpc::transport::StreamMessage& frame) mutable {
+                 // The same one for all, so that its memory is too.
+                 const absl::Status read = Read(frame, &event);
+                 if (read.ok()) on_event(event);
+                 return read;
                },
                std::move(on_end)});
   rpc::EventSubscription subscription;
@@ -160,13 +160,13 @@ std::unique_ptr<ClientStream> Serve(
       method,
       {[on_call = std::move(on_call),
         sender](rpc::transport::StreamMessage& frame) mutable {
-         absl::StatusOr<T> message = Read<T>(frame);
-         if (!message.ok()) return message.status();
-         if (!message->has_call()) {
+         T message;
+         if (absl::Status read = Read(frame, &message); !read.ok()) return read;
+         if (!message.has_call()) {
            return absl::InternalError("what the widget sent calls for nothing");
          }
-         on_call(std::move(*message->mutable_call()),
-                 Responder<T>(sender->lock(), message->browser_id(),
+         on_call(std::move(*message.mutable_call()),
+                 Responder<T>(sender->lock(), message.browser_id(),
                               frame.call_id()));
          return absl::OkStatus();
        },
