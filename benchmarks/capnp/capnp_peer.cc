@@ -138,8 +138,12 @@ class Driver {
       case Figure::kCallback:
         ConnectHosts(scope);
         // Breaks when the server ends.
-        peers_[0].beginCallingRequest().send().ignoreResult().then(
-            [] {}, [](kj::Exception&&) {}).wait(scope);
+        peers_[0]
+            .beginCallingRequest()
+            .send()
+            .ignoreResult()
+            .then([] {}, [](kj::Exception&&) {})
+            .wait(scope);
         return;
       case Figure::kSurface:
         Fail("a picture goes through Cap'n Proto as an upload");
@@ -234,6 +238,6 @@ void Drive(const Options& options, Meter& meter) {
 }  // namespace benchmarks
 
 int main(int argc, char** argv) {
-  return benchmarks::Run(argc, argv,
-                         {.serve = benchmarks::Serve, .drive = benchmarks::Drive});
+  return benchmarks::Run(
+      argc, argv, {.serve = benchmarks::Serve, .drive = benchmarks::Drive});
 }

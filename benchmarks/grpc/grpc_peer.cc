@@ -1,14 +1,16 @@
 // gRPC over a Unix-domain socket.
 //
-//   --interface sync       blocking stubs and handlers, a thread for each call in
+//   --interface sync       blocking stubs and handlers, a thread for each call
+//   in
 //                          flight
-//   --interface callback   reactors on both sides, and the next call from inside
+//   --interface callback   reactors on both sides, and the next call from
+//   inside
 //                          the end of the one before
 //
 // Events and calls of the server go through streams in both directions, since
 // gRPC's servers call nobody. With `sync` all but the last event of a burst is
-// written with the hint that more follows (and but for the first: a stream whose
-// first write has the hint stands still).
+// written with the hint that more follows (and but for the first: a stream
+// whose first write has the hint stands still).
 
 #include <grpcpp/grpcpp.h>
 
@@ -45,7 +47,8 @@ void CheckOk(const grpc::Status& status) {
   if (!status.ok()) Fail(status.error_message());
 }
 
-// Servers ----------------------------------------------------------------------
+// Servers
+// ----------------------------------------------------------------------
 
 class SyncServer final : public PeerRpc::Service {
  public:
@@ -210,7 +213,8 @@ void Serve(const Options& options, Meter& meter) {
   server->Wait();
 }
 
-// Hosts ------------------------------------------------------------------------
+// Hosts
+// ------------------------------------------------------------------------
 
 using Stub = std::unique_ptr<PeerRpc::Stub>;
 
@@ -261,9 +265,9 @@ class Host {
 
   // Each end of a call begins the next.
   template <typename Response>
-  void CallBack(void (PeerRpc::Stub::async::*call)(grpc::ClientContext*,
-                                                   const Payload*, Response*,
-                                                   std::function<void(grpc::Status)>),
+  void CallBack(void (PeerRpc::Stub::async::*call)(
+                    grpc::ClientContext*, const Payload*, Response*,
+                    std::function<void(grpc::Status)>),
                 Response) {
     struct InFlight {
       std::unique_ptr<grpc::ClientContext> context;
@@ -278,7 +282,8 @@ class Host {
       (stubs_[0]->async()->*call)(one.context.get(), &payload_, &one.response,
                                   [&](grpc::Status status) {
                                     CheckOk(status);
-                                    if (meter_.Ended(one.begun)) return begin(one);
+                                    if (meter_.Ended(one.begun))
+                                      return begin(one);
                                     ended.count_down();
                                   });
     };
@@ -408,6 +413,6 @@ void Drive(const Options& options, Meter& meter) {
 }  // namespace benchmarks
 
 int main(int argc, char** argv) {
-  return benchmarks::Run(argc, argv,
-                         {.serve = benchmarks::Serve, .drive = benchmarks::Drive});
+  return benchmarks::Run(
+      argc, argv, {.serve = benchmarks::Serve, .drive = benchmarks::Drive});
 }

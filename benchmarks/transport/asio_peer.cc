@@ -193,6 +193,6 @@ void Drive(const Options& options, Meter& meter) {
 }  // namespace benchmarks
 
 int main(int argc, char** argv) {
-  return benchmarks::Run(argc, argv,
-                         {.serve = benchmarks::Serve, .drive = benchmarks::Drive});
+  return benchmarks::Run(
+      argc, argv, {.serve = benchmarks::Serve, .drive = benchmarks::Drive});
 }

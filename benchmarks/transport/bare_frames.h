@@ -10,17 +10,17 @@
 
 namespace benchmarks {
 
-// In front of each payload. About as long as the length and the header of one of our
-// own frames.
+// In front of each payload. About as long as the length and the header of one
+// of our own frames.
 struct FrameHeader {
   enum Kind : std::uint16_t {
-    kEcho,        // Answered by a kReply with the same payload,
-    kUpload,      // by an empty one,
-    kMove,        // and this too.
+    kEcho,    // Answered by a kReply with the same payload,
+    kUpload,  // by an empty one,
+    kMove,    // and this too.
     kReply,
-    kAskBurst,    // Answered by kBurst times kEvent, on every connection.
+    kAskBurst,  // Answered by kBurst times kEvent, on every connection.
     kEvent,
-    kServe,       // From now on the server calls, with kEcho.
+    kServe,  // From now on the server calls, with kEcho.
   };
 
   std::uint32_t payload_bytes;

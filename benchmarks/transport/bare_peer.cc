@@ -30,9 +30,9 @@ void BareServer::OnFrame(Link& link, const FrameHeader& header,
   const auto echo_bytes = payload_.size() - kEventBytes;
   switch (header.kind) {
     case FrameHeader::kEcho:
-      return link.Send(Header(FrameHeader::kReply, header.payload_bytes,
-                              header.sent_ns),
-                       payload);
+      return link.Send(
+          Header(FrameHeader::kReply, header.payload_bytes, header.sent_ns),
+          payload);
     case FrameHeader::kMove:
       meter_.Ended(header.sent_ns);
       [[fallthrough]];
@@ -99,9 +99,9 @@ void BareHost::OnFrame(Link& link, const FrameHeader& header,
                        const char* payload) {
   switch (header.kind) {
     case FrameHeader::kEcho:
-      return link.Send(Header(FrameHeader::kReply, header.payload_bytes,
-                              header.sent_ns),
-                       payload);
+      return link.Send(
+          Header(FrameHeader::kReply, header.payload_bytes, header.sent_ns),
+          payload);
     case FrameHeader::kReply:
       if (options_.figure != Figure::kStorm && meter_.Ended(header.sent_ns))
         Call(link);

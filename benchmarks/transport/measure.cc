@@ -126,7 +126,8 @@ CommandLine Parse(int argc, char** argv) {
     if (name == "--interface") {
       options.interface = value;
     } else if (name == "--payload-bytes") {
-      options.payload_bytes = static_cast<std::size_t>(ParseNumber(name, value));
+      options.payload_bytes =
+          static_cast<std::size_t>(ParseNumber(name, value));
     } else if (name == "--in-flight") {
       options.in_flight = std::max(1, ParseNumber(name, value));
     } else if (name == "--hosts") {
@@ -172,9 +173,9 @@ int RunServer(const CommandLine& line, const Sides& sides) {
 pid_t StartServer(int argc, char** argv, const CommandLine& line,
                   int meter_descriptor, int core) {
   std::vector<std::string> words(argv, argv + argc);
-  words.insert(words.end(), {"--meter", std::to_string(meter_descriptor),
-                             "--core", std::to_string(core),
-                             "--socket", line.options.socket_path});
+  words.insert(words.end(),
+               {"--meter", std::to_string(meter_descriptor), "--core",
+                std::to_string(core), "--socket", line.options.socket_path});
   std::vector<char*> arguments;
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
@@ -187,8 +188,8 @@ pid_t StartServer(int argc, char** argv, const CommandLine& line,
   environment.push_back(nullptr);
 
   pid_t server = 0;
-  if (posix_spawn(&server, "/proc/self/exe", nullptr, nullptr,
-                  arguments.data(), environment.data()) != 0)
+  if (posix_spawn(&server, "/proc/self/exe", nullptr, nullptr, arguments.data(),
+                  environment.data()) != 0)
     Fail("the server cannot be started");
   return server;
 }
@@ -239,7 +240,8 @@ std::int64_t Now() {
 }
 
 void SleepUntil(std::int64_t time_ns) {
-  const timespec time{.tv_sec = time_ns / kNsPerS, .tv_nsec = time_ns % kNsPerS};
+  const timespec time{.tv_sec = time_ns / kNsPerS,
+                      .tv_nsec = time_ns % kNsPerS};
   clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, nullptr);
 }
 
@@ -303,16 +305,17 @@ void Meter::CountAllocations() {
 }
 
 void Meter::Print() const {
-  const auto operations = static_cast<double>(std::max<std::int64_t>(1, operations_));
+  const auto operations =
+      static_cast<double>(std::max<std::int64_t>(1, operations_));
   const auto time_ns = static_cast<double>(end_.time_ns - begin_.time_ns);
   const auto cpu_ns = static_cast<double>(end_.cpu_ns - begin_.cpu_ns);
   std::printf("{\"operations\": %lld, \"per_s\": %.1f, \"cpu_us\": %.3f",
-              static_cast<long long>(operations_),
-              operations * 1e9 / time_ns, cpu_ns / operations / 1e3);
+              static_cast<long long>(operations_), operations * 1e9 / time_ns,
+              cpu_ns / operations / 1e3);
   std::vector<std::uint32_t> samples(
       sample_ns_.begin(),
-      sample_ns_.begin() +
-          static_cast<std::ptrdiff_t>(std::min(samples_.load(), sample_ns_.size())));
+      sample_ns_.begin() + static_cast<std::ptrdiff_t>(
+                               std::min(samples_.load(), sample_ns_.size())));
   if (!samples.empty()) {
     std::sort(samples.begin(), samples.end());
     const auto at = [&samples](std::size_t percent) {
@@ -332,8 +335,7 @@ void Meter::Print() const {
 }
 
 void Fail(const std::string& why) {
-  std::fprintf(stderr, "%s: %s\n", program_invocation_short_name,
-               why.c_str());
+  std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, why.c_str());
   std::exit(1);
 }
 

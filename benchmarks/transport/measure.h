@@ -2,8 +2,8 @@
 // command line, two pinned processes, a clock, and one line of figures.
 //
 // Each program is a host that starts itself once more as a server. Both map one
-// Meter, so an operation may begin in one process and end in the other. Standard
-// library only, since every stack is linked with it.
+// Meter, so an operation may begin in one process and end in the other.
+// Standard library only, since every stack is linked with it.
 
 #ifndef BENCHMARKS_TRANSPORT_MEASURE_H_
 #define BENCHMARKS_TRANSPORT_MEASURE_H_
@@ -132,8 +132,9 @@ class Meter {
 
 // The two sides of a stack.
 struct Sides {
-  // Listens, says so with SetReady, and serves until the process is ended. Where
-  // the server is who calls, it ends its process itself when Ended says so.
+  // Listens, says so with SetReady, and serves until the process is ended.
+  // Where the server is who calls, it ends its process itself when Ended says
+  // so.
   void (*serve)(const Options& options, Meter& meter);
 
   // Connects and operates until Ended says that it is enough, or, where the

@@ -99,9 +99,9 @@ class Server final : public PeerRpc {
 void Serve(const Options& options, Meter& meter) {
   orvane::EventLoop loop(LoopOptions(options));
   Server service(options, meter, &loop);
-  orvane::SocketServer server(&loop, &service,
-                              {.max_frame_bytes = kMaxFrameBytes,
-                               .max_connections = kMaxHosts});
+  orvane::SocketServer server(
+      &loop, &service,
+      {.max_frame_bytes = kMaxFrameBytes, .max_connections = kMaxHosts});
   if (const absl::Status listening = server.Listen(options.socket_path);
       !listening.ok())
     Fail(std::string(listening.message()));
@@ -182,8 +182,8 @@ class Host {
     int events = 0;
     const int burst = kBurst * options_.hosts;
     for (PeerRpcClient& client : clients_) {
-      streams.push_back(client.WhenCursorChanged(
-          Browser(), [&](const rpc::CursorChanged&) {
+      streams.push_back(
+          client.WhenCursorChanged(Browser(), [&](const rpc::CursorChanged&) {
             if (++events < burst) return;
             events = 0;
             if (meter_.Ended(burst)) return AskBurst();

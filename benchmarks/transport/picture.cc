@@ -12,10 +12,9 @@ namespace benchmarks {
 namespace {
 
 void* Map(int descriptor, int protection) {
-  void* const memory = descriptor < 0
-                           ? MAP_FAILED
-                           : mmap(nullptr, kPictureBytes, protection,
-                                  MAP_SHARED, descriptor, 0);
+  void* const memory = descriptor < 0 ? MAP_FAILED
+                                      : mmap(nullptr, kPictureBytes, protection,
+                                             MAP_SHARED, descriptor, 0);
   if (memory == MAP_FAILED) Fail("the picture cannot be mapped");
   close(descriptor);
   return memory;

@@ -105,8 +105,8 @@ void Serve(const Options& options, Meter& meter) {
   BareServer server(options, meter);
   Links links;
   while (static_cast<int>(links.size()) < options.hosts) {
-    links.push_back(std::make_unique<BlockingLink>(
-        accept(listening, nullptr, nullptr)));
+    links.push_back(
+        std::make_unique<BlockingLink>(accept(listening, nullptr, nullptr)));
     server.Connected(links.back().get());
   }
   ReceiveFromAll(links, server, meter);
@@ -139,6 +139,6 @@ void Drive(const Options& options, Meter& meter) {
 }  // namespace benchmarks
 
 int main(int argc, char** argv) {
-  return benchmarks::Run(argc, argv,
-                         {.serve = benchmarks::Serve, .drive = benchmarks::Drive});
+  return benchmarks::Run(
+      argc, argv, {.serve = benchmarks::Serve, .drive = benchmarks::Drive});
 }
