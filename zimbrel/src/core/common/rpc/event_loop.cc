@@ -94,13 +94,13 @@ void EventLoop::Run() {
 
 bool EventLoop::RunOne() {
   if (options_.spin > absl::ZeroDuration()) {
-    const auto sleep_at = std::chrono::steady_clock::now() +
-                          absl::ToChronoNanoseconds(options_.spin);
+    const auto idle_since = std::chrono::steady_clock::now();
     do {
       if (state_->io.poll_one() > 0) return true;
       if (state_->io.stopped()) return false;
       std::this_thread::yield();
-    } while (std::chrono::steady_clock::now() < sleep_at);
+    } while (std::chrono::steady_clock::now() - idle_since <
+             absl::ToChronoNanoseconds(options_.spin));
   }
   return state_->io.run_one() > 0;
 }

@@ -155,5 +155,59 @@ TEST(EventLoop, ASignalBecomesATask) {
   EXPECT_TRUE(loop.RunUntil([&] { return told; }));
 }
 
+// A loop that spins does what another does ------------------------------------
+
+constexpr EventLoopOptions kSpinning{.spin = absl::Milliseconds(1)};
+constexpr EventLoopOptions kSpinningForever{.spin = absl::InfiniteDuration()};
+
+TEST(SpinningEventLoop, RunsTasksInOrderAndEndsWhenStopped) {
+  EventLoop loop(kSpinning);
+  std::vector<int> ran;
+  loop.Post([&] { ran.push_back(1); });
+  loop.Post([&] {
+    ran.push_back(2);
+    loop.Stop();
+  });
+  loop.Post([&] { ran.push_back(3); });
+  loop.Run();
+  EXPECT_THAT(ran, ElementsAre(1, 2));
+  loop.Post([&] { loop.Stop(); });
+  loop.Run();
+  EXPECT_THAT(ran, ElementsAre(1, 2, 3));
+}
+
+TEST(SpinningEventLoop, RunsATimerThatIsDueLongAfterItHasGoneToSleep) {
+  EventLoop loop({.spin = absl::Microseconds(1)});
+  bool ran = false;
+  const auto timer = loop.RunAfter(absl::Milliseconds(2), [&] { ran = true; });
+  EXPECT_TRUE(loop.RunUntil([&] { return ran; }));
+}
+
+TEST(SpinningEventLoop, SeesATimerWhileItSpins) {
+  EventLoop loop(kSpinningForever);
+  bool ran = false;
+  const auto timer = loop.RunAfter(absl::Milliseconds(1), [&] { ran = true; });
+  EXPECT_TRUE(loop.RunUntil([&] { return ran; }));
+}
+
+TEST(SpinningEventLoop, SeesTasksOfOtherThreadsWhileItSpins) {
+  EventLoop loop(kSpinningForever);
+  std::thread other([&] { loop.Post([&] { loop.Stop(); }); });
+  loop.Run();
+  other.join();
+}
+
+TEST(SpinningEventLoop, IsStoppedByAnotherThreadWhileItSpins) {
+  EventLoop loop(kSpinningForever);
+  std::thread other([&] { loop.Stop(); });
+  loop.Run();
+  other.join();
+}
+
+TEST(SpinningEventLoop, RunUntilIdleDoesNotSpin) {
+  EventLoop loop(kSpinningForever);
+  EXPECT_EQ(loop.RunUntilIdle(), 0u);
+}
+
 }  // namespace
 }  // namespace orvane
