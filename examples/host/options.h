@@ -15,8 +15,8 @@ struct Options {
 };
 
 // Returns only if there is something to do. After --help or --version it ends
-// the process with exit code 0, after wrong use with 2 and words on the standard
-// error.
+// the process with exit code 0, after wrong use with 2 and words on the
+// standard error.
 Options ParseOptions(int argc, char** argv);
 
 }  // namespace host

@@ -16,9 +16,9 @@ struct Options {
   int browsers = 3;  // From 1 to kMaxBrowsers.
 };
 
-// Returns only if there is something to serve. After --help or --version it ends
-// the process with exit code 0, after wrong use with 2 and words on the standard
-// error.
+// Returns only if there is something to serve. After --help or --version it
+// ends the process with exit code 0, after wrong use with 2 and words on the
+// standard error.
 Options ParseOptions(int argc, char** argv);
 
 }  // namespace widget_server

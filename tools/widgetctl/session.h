@@ -33,8 +33,8 @@ struct ServeStep {
   Answer answer;  // To every call.
 };
 
-// What the next event, or call of the widget, of a method must have; it may have
-// more, such as times and names that are never the same twice.
+// What the next event, or call of the widget, of a method must have; it may
+// have more, such as times and names that are never the same twice.
 struct ArrivalStep {
   const google::protobuf::MethodDescriptor* method;
   std::unique_ptr<google::protobuf::Message> expected;

@@ -50,9 +50,9 @@ class CallHandle {
   std::weak_ptr<internal::OpenCall> call_;
 };
 
-// Whether a stream serves `key`, so that Call would send to it: for callers that
-// do something else, or need not prepare, if nobody does. Good until the service
-// thread goes on to other work.
+// Whether a stream serves `key`, so that Call would send to it: for callers
+// that do something else, or need not prepare, if nobody does. Good until the
+// service thread goes on to other work.
 //
 // Thread: the service thread.
 template <CallMessage T>

@@ -16,9 +16,9 @@
 #include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
