@@ -25,6 +25,7 @@
 #include "zimbrel/src/core/common/rpc/transport/testing/forked_process.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane {
@@ -176,6 +177,19 @@ TEST_F(FaultsTest, BothTogetherChangeNothing) {
 TEST_F(FaultsTest, ASocketThatIsFullTimeAndAgainChangesNothing) {
   event_bytes_ = std::size_t{2} << 20;  // Ten times what a socket takes.
   ExpectAllAsEver({});
+}
+
+TEST_F(FaultsTest, AHostThatComesWhenNoDescriptorIsLeftIsServedLater) {
+  const TemporaryFolder folder;
+  const std::string path = folder.path() + "/s";
+  ASSERT_TRUE(server->Listen(path).ok());
+  SetSocketFaults({.failing_accepts = 2});
+  const auto host = SocketClient::Connect(&loop, path);
+  ASSERT_TRUE(host.ok());
+  // Does not try again and again: then there would be one by now.
+  loop.RunUntilIdle();
+  EXPECT_EQ(server->connections(), 0u);
+  EXPECT_TRUE(loop.RunUntil([this] { return server->connections() == 1; }));
 }
 
 // An end at every byte -------------------------------------------------------

@@ -1,7 +1,6 @@
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -607,39 +606,6 @@ TEST_F(ListeningServerTest, TheSecondServerAtAPathIsRefused) {
   ASSERT_TRUE(server->Listen(path).ok());
   SocketServer second(&loop, &widget);
   EXPECT_THAT(second.Listen(path).message(), HasSubstr("already"));
-}
-
-// The process may open no further descriptors while this lives.
-class NoDescriptorsLeft {
- public:
-  NoDescriptorsLeft() {
-    EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &before_), 0);
-    const int next = ::dup(STDIN_FILENO);
-    EXPECT_GE(next, 0);
-    ::close(next);
-    rlimit none = before_;
-    none.rlim_cur = static_cast<rlim_t>(next);
-    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-  }
-  NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
-  NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
-  ~NoDescriptorsLeft() { ::setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_;
-};
-
-TEST_F(ListeningServerTest, AHostThatComesWhenNoDescriptorIsLeftIsServedLater) {
-  ASSERT_TRUE(server->Listen(path).ok());
-  const auto host = SocketClient::Connect(&loop, path);
-  ASSERT_TRUE(host.ok());
-  {
-    const NoDescriptorsLeft none;
-    // Comes to an end, so it does not try again and again.
-    loop.RunUntilIdle();
-    EXPECT_EQ(server->connections(), 0u);
-  }
-  EXPECT_TRUE(loop.RunUntil([this] { return server->connections() == 1; }));
 }
 
 TEST_F(SocketServerTest, AdoptRefusesWhatIsNoSocketAndClosesIt) {

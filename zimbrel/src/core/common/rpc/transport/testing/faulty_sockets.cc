@@ -82,4 +82,16 @@ ssize_t send(int descriptor, const void* bytes, std::size_t size, int flags) {
   return sent;
 }
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+int accept(int descriptor, sockaddr* address, socklen_t* length) {
+  int& failing = orvane::TheState().faults.failing_accepts;
+  if (failing > 0) {
+    --failing;
+    errno = EMFILE;
+    return -1;
+  }
+  return static_cast<int>(
+      ::syscall(SYS_accept4, descriptor, address, length, 0));
+}
+
 }  // extern "C"

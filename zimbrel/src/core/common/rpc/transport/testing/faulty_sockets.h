@@ -16,6 +16,10 @@ struct SocketFaults {
 
   // Every so-many-th call fails with EINTR; 0: none.
   int interrupt_every = 0;
+
+  // So many times accept fails with EMFILE, as if no descriptor were left. The
+  // sanitizers need some, so they cannot be used up in earnest.
+  int failing_accepts = 0;
 };
 
 // From now on, for all sockets of the process.
