@@ -78,6 +78,16 @@ TEST_F(Examples, StreamsPublishesWhatAnotherThreadFound) {
       UnorderedElementsAre("tooltip: A picture to drag", StartsWith("Tab: ")));
 }
 
+TEST_F(Examples, RoundTripTellsItsTimes) {
+  const auto service = Start(SERVICE, "service");
+  for (const char* const spin : {"0", "50"}) {
+    const ChildProcess::Result result =
+        ChildProcess({ROUND_TRIP, socket_, spin}).Wait();
+    EXPECT_EQ(result.exit_code, 0) << result.errors;
+    EXPECT_THAT(result.output, StartsWith("median "));
+  }
+}
+
 TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {
   auto operating = Start(OPERATING, "operating");
   const auto first = Connect();
