@@ -137,7 +137,7 @@ class WorkedExample : public testing::Test {
     return bytes;
   }
 
-  void ChangeTooltip() {
+  static void ChangeTooltip() {
     rpc::TooltipChanged event;
     *event.mutable_browser_id() = Browser9();
     event.set_text("Hi");
@@ -161,9 +161,9 @@ class WorkedExample : public testing::Test {
   }
 
   void FinishMinimizing() {
-    widget_.happened.push_back(widget_.minimizing.first->IsCanceled()
-                                   ? "Minimize cancelled"
-                                   : "Minimize");
+    widget_.happened.emplace_back(widget_.minimizing.first->IsCanceled()
+                                      ? "Minimize cancelled"
+                                      : "Minimize");
     widget_.minimizing.second->Run();
   }
 

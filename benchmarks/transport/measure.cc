@@ -177,6 +177,7 @@ pid_t StartServer(int argc, char** argv, const CommandLine& line,
                {"--meter", std::to_string(meter_descriptor), "--core",
                 std::to_string(core), "--socket", line.options.socket_path});
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
 
@@ -309,7 +310,7 @@ void Meter::Print() const {
       static_cast<double>(std::max<std::int64_t>(1, operations_));
   const auto time_ns = static_cast<double>(end_.time_ns - begin_.time_ns);
   const auto cpu_ns = static_cast<double>(end_.cpu_ns - begin_.cpu_ns);
-  std::printf("{\"operations\": %lld, \"per_s\": %.1f, \"cpu_us\": %.3f",
+  std::printf(R"({"operations": %lld, "per_s": %.1f, "cpu_us": %.3f)",
               static_cast<long long>(operations_), operations * 1e9 / time_ns,
               cpu_ns / operations / 1e3);
   std::vector<std::uint32_t> samples(
@@ -321,7 +322,7 @@ void Meter::Print() const {
     const auto at = [&samples](std::size_t percent) {
       return samples[(samples.size() - 1) * percent / 100] / 1e3;
     };
-    std::printf(", \"p50_us\": %.2f, \"p99_us\": %.2f", at(50), at(99));
+    std::printf(R"(, "p50_us": %.2f, "p99_us": %.2f)", at(50), at(99));
   }
   if (counts_allocations_) {
     std::printf(", \"allocations\": %.3f",
