@@ -177,7 +177,7 @@ class WorkedExample : public testing::Test {
 TEST_F(WorkedExample, HasTheBytesThatTravel) {
   // What the widget does once the host's bytes under a heading have come.
   std::map<std::string, std::function<void()>> of_widget = {
-      {"An event", [this] { ChangeTooltip(); }},
+      {"An event", [] { ChangeTooltip(); }},
       {"A call of the widget", [this] { LeaveTheLastElement(); }},
       {"A call of the widget that fails", [this] { LeaveTheLastElement(); }},
       {"A call that is given up", [this] { FinishMinimizing(); }},

@@ -247,7 +247,9 @@ void Drive(const Options& options, Meter& meter) {
     connections.push_back(*std::move(connection));
     clients.emplace_back(connections.back().get());
   }
-  Host(options, meter, &loop, std::move(clients)).Run();
+  Host host(options, meter, &loop, std::move(clients));
+  host.Run();
+  connections.clear();  // Tells the host of what is still in flight.
 }
 
 }  // namespace
