@@ -1,4 +1,5 @@
-// Unix-domain sockets that only their owner can reach.
+// Unix-domain sockets that only their owner can reach. Thread: any, an object
+// used by one at a time.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_UNIX_SOCKET_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_UNIX_SOCKET_H_
