@@ -1,12 +1,13 @@
 #include "tools/widgetctl/streams.h"
 
+#include <cstdint>
+#include <string_view>
 #include <utility>
 
 #include "absl/algorithm/container.h"
 #include "absl/strings/ascii.h"
 #include "absl/strings/str_cat.h"
 
-#include "rpc/transport/stream_message.pb.h"
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
 
@@ -19,7 +20,6 @@ using google::protobuf::ServiceDescriptor;
 using orvane::ClientStream;
 using orvane::ClientStreamSender;
 using orvane::SocketClient;
-using rpc::transport::StreamMessage;
 
 namespace {
 
@@ -62,9 +62,10 @@ absl::StatusOr<Subscription> Prepare(
 }
 
 absl::StatusOr<std::unique_ptr<Message>> ReadMessage(
-    const MethodDescriptor& method, const StreamMessage& frame) {
+    const MethodDescriptor& method, std::string_view payload) {
   std::unique_ptr<Message> message = NewMessage(method.output_type());
-  if (!message->ParseFromString(frame.payload())) {
+  if (!message->ParseFromArray(payload.data(),
+                               static_cast<int>(payload.size()))) {
     return absl::InternalError(
         absl::StrCat("the widget sent what is no ", message->GetTypeName()));
   }
@@ -136,8 +137,8 @@ std::unique_ptr<ClientStream> OpenWatch(
     EndHandler on_end) {
   std::unique_ptr<ClientStream> stream = client.OpenStream(
       watch.method, {[method = watch.method, on_event = std::move(on_event)](
-                         StreamMessage& frame) mutable {
-                       auto event = ReadMessage(*method, frame);
+                         std::string_view payload, std::int64_t) mutable {
+                       auto event = ReadMessage(*method, payload);
                        if (!event.ok()) return event.status();
                        on_event(*std::move(event));
                        return absl::OkStatus();
@@ -158,9 +159,9 @@ std::unique_ptr<ClientStream> OpenServe(
   const auto sender = std::make_shared<std::weak_ptr<ClientStreamSender>>();
   std::unique_ptr<ClientStream> stream = client.OpenStream(
       serve.method,
-      {[method = serve.method, sender,
-        on_call = std::move(on_call)](StreamMessage& frame) mutable {
-         auto call = ReadMessage(*method, frame);
+      {[method = serve.method, sender, on_call = std::move(on_call)](
+           std::string_view payload, std::int64_t call_id) mutable {
+         auto call = ReadMessage(*method, payload);
          if (!call.ok()) return call.status();
          if (!(*call)->GetReflection()->HasField(**call,
                                                  Field(**call, kCall))) {
@@ -168,7 +169,7 @@ std::unique_ptr<ClientStream> OpenServe(
                                                    (*call)->GetTypeName(),
                                                    " without a call"));
          }
-         on_call(WidgetCall(frame.call_id(), *std::move(call), *sender));
+         on_call(WidgetCall(call_id, *std::move(call), *sender));
          return absl::OkStatus();
        },
        std::move(on_end)});

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -33,7 +34,6 @@ namespace {
 using google::protobuf::Closure;
 using google::protobuf::Empty;
 using google::protobuf::RpcController;
-using ::rpc::transport::StreamMessage;
 
 constexpr int kHosts = 4;
 constexpr int kWorkers = 3;
@@ -97,20 +97,21 @@ class Host {
  public:
   Host(int descriptor, std::uint64_t browser) : browser_(browser) {
     client_ = *SocketClient::Adopt(&loop_, descriptor);
-    events_ = client_->OpenStream(
-        Method(kWhenTooltipChanged),
-        {[this](StreamMessage& frame) { return ReceiveEvent(frame); },
-         nullptr});
-    EXPECT_TRUE(events_->sender()->Next(Subscribe(7), 0).ok());
-    dialogs_ =
-        client_->OpenStream(Method(kOnCreateWebDialog),
-                            {[this](StreamMessage& frame) {
-                               // Every other call stays unanswered.
-                               if (++asked_ % 2 == 0) return absl::OkStatus();
-                               return dialogs_->sender()->Next(
-                                   Answer(browser_, "yes"), frame.call_id());
+    events_ =
+        client_->OpenStream(Method(kWhenTooltipChanged),
+                            {[this](std::string_view payload, std::int64_t) {
+                               return ReceiveEvent(payload);
                              },
                              nullptr});
+    EXPECT_TRUE(events_->sender()->Next(Subscribe(7), 0).ok());
+    dialogs_ = client_->OpenStream(
+        Method(kOnCreateWebDialog),
+        {[this](std::string_view, std::int64_t call_id) {
+           // Every other call stays unanswered.
+           if (++asked_ % 2 == 0) return absl::OkStatus();
+           return dialogs_->sender()->Next(Answer(browser_, "yes"), call_id);
+         },
+         nullptr});
     EXPECT_TRUE(dialogs_->sender()->Next(Serve(browser_), 0).ok());
   }
 
@@ -145,9 +146,9 @@ class Host {
     return rpc::BrowserWidgetRpc::descriptor()->method(static_cast<int>(index));
   }
 
-  absl::Status ReceiveEvent(const StreamMessage& frame) {
+  absl::Status ReceiveEvent(std::string_view payload) {
     rpc::TooltipChanged event;
-    EXPECT_TRUE(event.ParseFromString(frame.payload()));
+    EXPECT_TRUE(event.ParseFromString(std::string(payload)));
     int number = 0;
     EXPECT_TRUE(absl::SimpleAtoi(event.text(), &number));
     EXPECT_TRUE(events_received_ == 0 || number == last_event_ + 1);

@@ -6,12 +6,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
 #include "google/protobuf/message_lite.h"
-
-#include "rpc/transport/stream_message.pb.h"
 
 namespace orvane {
 
@@ -42,9 +41,14 @@ class ClientStreamSender {
 // streams whose client is destroyed there. Both are destroyed when the stream
 // has ended or its handle is gone, though not while one of them runs.
 struct ClientStreamHandlers {
-  // A message has arrived. The frame is borrowed for the call. An error ends
-  // the stream: the widget is told that it is over, and `on_end` why.
-  absl::AnyInvocable<absl::Status(rpc::transport::StreamMessage&)> on_next;
+  // A message has arrived, of the type that the method declares for this
+  // direction; `payload` is it, serialised, and borrowed for the call. On a
+  // callback stream `call_id` is that of the call which the widget makes, to be
+  // answered with. An error ends the stream: the widget is told that it is
+  // over, and `on_end` why.
+  absl::AnyInvocable<absl::Status(std::string_view payload,
+                                  std::int64_t call_id)>
+      on_next;
 
   // The stream has ended: OK if the widget has completed it, kUnavailable if
   // the connection is gone, else why the widget refused it or what was sent on

@@ -1,10 +1,12 @@
 // After a stream's handle is gone its handlers never run again, and what
 // handlers may destroy.
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -18,7 +20,6 @@
 namespace orvane {
 namespace {
 
-using ::rpc::transport::StreamMessage;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -116,10 +117,10 @@ TEST_F(ClientStreamHandleTest, OneStreamsEndMayDestroyAnothersHandle) {
 // the handlers hold.
 TEST_F(ClientStreamHandleTest, TheHandlersAreDestroyedWithIt) {
   const auto held = std::make_shared<int>();
-  stream =
-      client->OpenStream(Method(kWhenTooltipChanged),
-                         {[held](StreamMessage&) { return absl::OkStatus(); },
-                          [held](const absl::Status&) {}});
+  stream = client->OpenStream(
+      Method(kWhenTooltipChanged),
+      {[held](std::string_view, std::int64_t) { return absl::OkStatus(); },
+       [held](const absl::Status&) {}});
   const std::shared_ptr<ClientStreamSender> sender = stream->sender();
   EXPECT_EQ(held.use_count(), 3);
   stream.reset();
@@ -128,10 +129,10 @@ TEST_F(ClientStreamHandleTest, TheHandlersAreDestroyedWithIt) {
 
 TEST_F(ClientStreamHandleTest, TheHandlersAreDestroyedAfterTheStreamsEnd) {
   const auto held = std::make_shared<int>();
-  stream =
-      client->OpenStream(Method(kWhenTooltipChanged),
-                         {[held](StreamMessage&) { return absl::OkStatus(); },
-                          [held](const absl::Status&) {}});
+  stream = client->OpenStream(
+      Method(kWhenTooltipChanged),
+      {[held](std::string_view, std::int64_t) { return absl::OkStatus(); },
+       [held](const absl::Status&) {}});
   Say(CompleteFrame(1));
   loop.RunUntilIdle();
   EXPECT_EQ(held.use_count(), 1);
@@ -140,13 +141,14 @@ TEST_F(ClientStreamHandleTest, TheHandlersAreDestroyedAfterTheStreamsEnd) {
 TEST_F(ClientStreamHandleTest, WhatAHandlerHoldsLivesWhileItRuns) {
   const auto held = std::make_shared<int>(3);
   int seen = 0;
-  stream = client->OpenStream(Method(kWhenTooltipChanged),
-                              {[this, held, &seen](StreamMessage&) {
-                                 stream.reset();
-                                 seen = *held;
-                                 return absl::OkStatus();
-                               },
-                               nullptr});
+  stream =
+      client->OpenStream(Method(kWhenTooltipChanged),
+                         {[this, held, &seen](std::string_view, std::int64_t) {
+                            stream.reset();
+                            seen = *held;
+                            return absl::OkStatus();
+                          },
+                          nullptr});
   Say(Event("a"));
   loop.RunUntilIdle();
   EXPECT_EQ(seen, 3);
@@ -157,7 +159,8 @@ TEST_F(ClientStreamHandleTest, AHandlerMayHoldTheClient) {
   std::shared_ptr<SocketClient> shared = std::move(client);
   stream = shared->OpenStream(
       Method(kWhenTooltipChanged),
-      {[shared](StreamMessage&) { return absl::OkStatus(); }, nullptr});
+      {[shared](std::string_view, std::int64_t) { return absl::OkStatus(); },
+       nullptr});
   shared.reset();
   stream.reset();
   EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "COMPLETE 1"));

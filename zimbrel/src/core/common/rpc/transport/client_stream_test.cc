@@ -1,7 +1,9 @@
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -70,12 +72,13 @@ TEST_F(ClientStreamTest, EventsArriveInOrder) {
 TEST_F(ClientStreamTest, EachStreamGetsItsOwnEvents) {
   Open();
   std::vector<std::string> others;
-  const auto other = client->OpenStream(Method(kWhenTooltipChanged),
-                                        {[&](StreamMessage& frame) {
-                                           others.push_back(frame.payload());
-                                           return absl::OkStatus();
-                                         },
-                                         nullptr});
+  const auto other =
+      client->OpenStream(Method(kWhenTooltipChanged),
+                         {[&](std::string_view payload, std::int64_t) {
+                            others.emplace_back(payload);
+                            return absl::OkStatus();
+                          },
+                          nullptr});
   SayAtOnce({Event("for the second", 2), Event("for the first", 1)});
   loop.RunUntilIdle();
   EXPECT_THAT(told, ElementsAre("next for the first"));

@@ -38,7 +38,7 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
     virtual ~Receiver() = default;
 
     // `frame` and `payload` are borrowed for the call; `frame` may be changed,
-    // and holds the payload only if it is short (see ParseFrame). May close the
+    // and the payload is hardly ever in it (see ParseFrame). May close the
     // socket, and may destroy the receiver if it closes the socket first.
     virtual void OnFrame(rpc::transport::StreamMessage& frame,
                          std::string_view payload) = 0;

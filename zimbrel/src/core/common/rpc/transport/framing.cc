@@ -17,32 +17,50 @@ using google::protobuf::io::CodedInputStream;
 using google::protobuf::io::CodedOutputStream;
 using rpc::transport::StreamMessage;
 
+constexpr std::uint32_t Varint(int field) {
+  return WireFormatLite::MakeTag(field, WireFormatLite::WIRETYPE_VARINT);
+}
+
 constexpr std::uint32_t kPayloadTag =
     WireFormatLite::MakeTag(StreamMessage::kPayloadFieldNumber,
                             WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
 
-// Shorter ones are copied in less time than it takes to look for them.
-constexpr std::size_t kLongPayloadBytes = std::size_t{4} << 10;
-
-// How much of a frame comes before its payload, which is left in `payload`; all
-// of it if that is not long or not the last field.
-std::size_t FindLongPayload(std::string_view frame, std::string_view* payload) {
-  if (frame.size() < kLongPayloadBytes) return frame.size();
+// Reads a frame of numbers and then, perhaps, a payload, which nearly all are;
+// the payload is left where it is. False for any other, good or bad.
+bool ParseUsualFrame(std::string_view frame, StreamMessage* header,
+                     std::string_view* payload) {
   CodedInputStream input(reinterpret_cast<const std::uint8_t*>(frame.data()),
                          static_cast<int>(frame.size()));
-  while (true) {
-    const auto header_bytes = static_cast<std::size_t>(input.CurrentPosition());
-    const std::uint32_t tag = input.ReadTag();
+  header->Clear();
+  *payload = {};
+  while (const std::uint32_t tag = input.ReadTag()) {
     if (tag == kPayloadTag) {
       std::uint32_t length = 0;
-      if (!input.ReadVarint32(&length)) return frame.size();
+      if (!input.ReadVarint32(&length)) return false;
       *payload =
           frame.substr(static_cast<std::size_t>(input.CurrentPosition()));
-      return payload->size() == length ? header_bytes : frame.size();
+      return payload->size() == length;
     }
-    if (tag == 0 || !WireFormatLite::SkipField(&input, tag))
-      return frame.size();
+    std::uint64_t value = 0;
+    if (!input.ReadVarint64(&value)) return false;
+    switch (tag) {
+      case Varint(StreamMessage::kKindFieldNumber):
+        header->set_kind(static_cast<StreamMessage::Kind>(value));
+        break;
+      case Varint(StreamMessage::kStreamIdFieldNumber):
+        header->set_stream_id(value);
+        break;
+      case Varint(StreamMessage::kMethodFieldNumber):
+        header->set_method(static_cast<std::uint32_t>(value));
+        break;
+      case Varint(StreamMessage::kCallIdFieldNumber):
+        header->set_call_id(static_cast<std::int64_t>(value));
+        break;
+      default:
+        return false;
+    }
   }
+  return input.ConsumedEntireMessage();
 }
 
 std::size_t ReadLength(std::string_view bytes) {
@@ -127,10 +145,10 @@ absl::Status AppendFrame(const StreamMessage& header, std::string_view payload,
 
 bool ParseFrame(std::string_view frame, StreamMessage* header,
                 std::string_view* payload) {
-  const std::size_t header_bytes = FindLongPayload(frame, payload);
-  if (!header->ParseFromArray(frame.data(), static_cast<int>(header_bytes)))
+  if (ParseUsualFrame(frame, header, payload)) return true;
+  if (!header->ParseFromArray(frame.data(), static_cast<int>(frame.size())))
     return false;
-  if (header_bytes == frame.size()) *payload = header->payload();
+  *payload = header->payload();
   return true;
 }
 

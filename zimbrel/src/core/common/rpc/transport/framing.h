@@ -77,9 +77,10 @@ absl::Status AppendFrame(const rpc::transport::StreamMessage& header,
                          std::string_view payload, std::size_t max_frame_bytes,
                          ByteBuffer* out);
 
-// Reads a frame. A long payload stays where it is, in `frame`, and `header` has
-// none, unless other fields come behind it; any other is in `header`. `payload`
-// is it in either case. False if the frame cannot be read.
+// Reads a frame into `header` and `payload`, which stays where it is, in
+// `frame`, and out of `header`. Only where fields other than numbers come too,
+// or any behind the payload, it is copied into `header`, and `payload` is that.
+// False if the frame cannot be read.
 bool ParseFrame(std::string_view frame, rpc::transport::StreamMessage* header,
                 std::string_view* payload);
 

@@ -152,14 +152,14 @@ TEST(ByteBuffer, GivesMemoryBackOnceASmallContentFollowsALargeOne) {
   EXPECT_EQ(buffer.room(), ByteBuffer::kUsualBytes);
 }
 
-// A frame whose payload is long enough to be left where it is, and what
-// ParseFrame makes of it.
-class LongPayload : public ::testing::Test {
+// A frame, and what ParseFrame makes of it.
+class ParseFrameTest : public ::testing::Test {
  protected:
-  LongPayload() {
-    header_.set_kind(StreamMessage::KIND_CALL);
+  ParseFrameTest() {
+    header_.set_kind(StreamMessage::KIND_NEXT);
     header_.set_stream_id(300);
-    header_.set_error_text("before the payload");
+    header_.set_method(39);
+    header_.set_call_id(-5);
   }
 
   bool Parse(const std::string& frame) {
@@ -170,7 +170,7 @@ class LongPayload : public ::testing::Test {
     return payload_.data() > frame_.data() &&
            payload_.data() < frame_.data() + frame_.size();
   }
-  std::string Payload(std::size_t bytes) {
+  static std::string Payload(std::size_t bytes) {
     StreamMessage message;
     message.set_payload(std::string(bytes, 'x'));
     return message.SerializeAsString();
@@ -182,45 +182,74 @@ class LongPayload : public ::testing::Test {
   std::string_view payload_;
 };
 
-TEST_F(LongPayload, StaysInItsFrame) {
-  ASSERT_TRUE(Parse(header_.SerializeAsString() + Payload(10000)));
-  EXPECT_EQ(parsed_.SerializeAsString(), header_.SerializeAsString());
-  EXPECT_EQ(payload_, std::string(10000, 'x'));
-  EXPECT_TRUE(is_in_frame());
+TEST_F(ParseFrameTest, LeavesAPayloadOfAnyLengthInItsFrame) {
+  for (const std::size_t bytes : {1, 3, 10000}) {
+    ASSERT_TRUE(Parse(header_.SerializeAsString() + Payload(bytes)));
+    EXPECT_EQ(parsed_.SerializeAsString(), header_.SerializeAsString());
+    EXPECT_EQ(payload_, std::string(bytes, 'x'));
+    EXPECT_TRUE(is_in_frame());
+  }
 }
 
-TEST_F(LongPayload, IsCopiedIfOtherFieldsComeBehindIt) {
+TEST_F(ParseFrameTest, ForgetsWhatTheFrameBeforeSaid) {
+  ASSERT_TRUE(Parse(Payload(3) + header_.SerializeAsString()));
+  ASSERT_TRUE(Parse(""));
+  EXPECT_EQ(parsed_.SerializeAsString(), "");
+  EXPECT_EQ(payload_, "");
+}
+
+TEST_F(ParseFrameTest, ReadsKindsThatAreNotKnown) {
+  ASSERT_TRUE(Parse("\x08\x63"));
+  EXPECT_EQ(static_cast<int>(parsed_.kind()), 99);
+}
+
+TEST_F(ParseFrameTest, ReadsTextsToo) {
+  header_.set_error_code(2);
+  header_.set_error_text("before the payload");
+  ASSERT_TRUE(Parse(header_.SerializeAsString() + Payload(10000)));
+  EXPECT_EQ(parsed_.error_text(), "before the payload");
+  EXPECT_EQ(parsed_.error_code(), 2);
+  EXPECT_EQ(parsed_.call_id(), -5);
+  EXPECT_EQ(payload_, std::string(10000, 'x'));
+}
+
+TEST_F(ParseFrameTest, CopiesAPayloadWithOtherFieldsBehindIt) {
   ASSERT_TRUE(Parse(Payload(10000) + header_.SerializeAsString()));
   EXPECT_EQ(parsed_.stream_id(), 300u);
   EXPECT_EQ(payload_, std::string(10000, 'x'));
   EXPECT_FALSE(is_in_frame());
 }
 
-TEST_F(LongPayload, ThatComesTwiceIsTheLastOne) {
+TEST_F(ParseFrameTest, TakesTheLastOfTwoPayloads) {
   ASSERT_TRUE(Parse(header_.SerializeAsString() + Payload(10000) + Payload(3)));
   EXPECT_EQ(payload_, "xxx");
 }
 
-TEST_F(LongPayload, IsFoundBehindFieldsThatAreNotKnown) {
-  const std::string unknown("\xfa\x01\x02zz", 5);  // Field 31: two bytes.
-  ASSERT_TRUE(Parse(unknown + Payload(10000)));
-  EXPECT_TRUE(is_in_frame());
+TEST_F(ParseFrameTest, PassesOverFieldsThatAreNotKnown) {
+  const std::string bytes("\xfa\x01\x02zz", 5);  // Field 31: two bytes.
+  const std::string number("\xf0\x01\x07", 3);   // Field 30: a number.
+  for (const std::string& unknown : {bytes, number}) {
+    ASSERT_TRUE(Parse(unknown + header_.SerializeAsString() + Payload(3)));
+    EXPECT_EQ(parsed_.stream_id(), 300u);
+    EXPECT_EQ(payload_, "xxx");
+  }
 }
 
-TEST_F(LongPayload, CutShortIsNoFrame) {
-  std::string frame = header_.SerializeAsString() + Payload(10000);
-  frame.pop_back();
-  EXPECT_FALSE(Parse(frame));
+TEST_F(ParseFrameTest, RefusesAFrameCutShortAnywhereInAField) {
+  const std::string header = header_.SerializeAsString();
+  const std::string frame = header + Payload(3);
+  for (std::size_t bytes = header.size() + 1; bytes < frame.size(); ++bytes)
+    EXPECT_FALSE(Parse(frame.substr(0, bytes))) << bytes;
+  EXPECT_FALSE(Parse(header.substr(0, header.size() - 1)));
 }
 
-TEST_F(LongPayload, BehindAHeaderThatCannotBeReadIsNoFrame) {
-  EXPECT_FALSE(Parse("\x07" + Payload(10000)));
+TEST_F(ParseFrameTest, RefusesAHeaderThatCannotBeRead) {
+  EXPECT_FALSE(Parse("\x07" + Payload(3)));
+  EXPECT_FALSE(Parse(std::string(1, '\0') + Payload(3)));
 }
 
-TEST_F(LongPayload, IsNotThereInAShortFrame) {
-  ASSERT_TRUE(Parse(header_.SerializeAsString() + Payload(3)));
-  EXPECT_EQ(parsed_.payload(), "xxx");
-  EXPECT_EQ(payload_, "xxx");
+TEST_F(ParseFrameTest, RefusesANumberOfMoreBytesThanAnyHas) {
+  EXPECT_FALSE(Parse("\x10" + std::string(10, '\xff') + "\x01"));
 }
 
 TEST(AppendFrame, WritesTheLengthAndTheSerialisedMessage) {

@@ -8,8 +8,8 @@
 #include <map>
 #include <memory>
 #include <string_view>
-#include <unordered_map>
 
+#include "absl/container/flat_hash_map.h"
 #include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
 
@@ -83,7 +83,7 @@ class ServerConnection final : public FrameSocket::Receiver {
   bool has_met_ = false;
   bool is_shutting_down_ = false;
   // Not answered yet. Each is owned by its handler, through `done`.
-  std::unordered_map<std::uint64_t, ServerCall*> calls_;
+  absl::flat_hash_map<std::uint64_t, ServerCall*> calls_;
   // In the order in which they were opened, which is that of their ends.
   std::map<std::uint64_t, std::unique_ptr<ServerStream>> streams_;
   std::uint64_t last_id_ = 0;  // The latest that the host has begun.

@@ -4,11 +4,11 @@
 #include <map>
 #include <optional>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 
 #include "zimbrel/src/core/common/rpc/asio_hook.h"
 
+#include "absl/container/flat_hash_map.h"
 #include "absl/memory/memory.h"
 #include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
@@ -70,10 +70,10 @@ class HostStream final : public ClientStreamSender {
                 absl::UnknownError(text));
   }
 
-  absl::Status Receive(StreamMessage& frame) {
+  absl::Status Receive(const StreamMessage& frame, std::string_view payload) {
     // Lives until it returns, though it may close the stream.
     const std::shared_ptr<ClientStreamHandlers> handlers = handlers_;
-    return handlers->on_next(frame);
+    return handlers->on_next(payload, frame.call_id());
   }
 
   void End(const absl::Status& why) {
@@ -347,13 +347,12 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
     End(call, absl::OkStatus());
   }
 
-  void Deliver(StreamMessage& frame, std::string_view payload) {
+  void Deliver(const StreamMessage& frame, std::string_view payload) {
     const std::uint64_t id = frame.stream_id();
     const auto found = streams_.find(id);
     if (found == streams_.end()) return;  // Ended; this was on its way.
     const std::shared_ptr<HostStream> stream = found->second;
-    frame.mutable_payload()->assign(payload);
-    const absl::Status received = stream->Receive(frame);
+    const absl::Status received = stream->Receive(frame, payload);
     if (received.ok() || !stream->is_open()) return;
     Complete(id);
     stream->End(received);
@@ -412,8 +411,8 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
   const ServiceDescriptor* service_ = nullptr;  // Known from its first use.
   std::optional<Hello> widget_;                 // Once it has said hello.
   std::uint64_t last_id_ = 0;
-  std::unordered_map<std::uint64_t, PendingCall> calls_;
-  std::unordered_map<std::uint64_t, std::shared_ptr<HostStream>> streams_;
+  absl::flat_hash_map<std::uint64_t, PendingCall> calls_;
+  absl::flat_hash_map<std::uint64_t, std::shared_ptr<HostStream>> streams_;
 };
 
 absl::StatusOr<std::unique_ptr<SocketClient>> SocketClient::Connect(

@@ -6,6 +6,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -23,8 +24,6 @@
 
 namespace orvane {
 namespace {
-
-using ::rpc::transport::StreamMessage;
 
 enum class Kind { kUnary, kEvent, kCallback };
 
@@ -146,7 +145,9 @@ class Host {
   void Open(std::uint32_t method) {
     stream_ = client_->OpenStream(
         Method(method),
-        {[this](StreamMessage& frame) { return Receive(frame); },
+        {[this](std::string_view payload, std::int64_t call_id) {
+           return Receive(std::string(payload), call_id);
+         },
          [this](const absl::Status& why) { Tell("end", why); }});
   }
 
@@ -155,15 +156,15 @@ class Host {
     EXPECT_TRUE(stream_->sender()->Next(message, call_id).ok());
   }
 
-  absl::Status Receive(const StreamMessage& frame) {
+  absl::Status Receive(const std::string& payload, std::int64_t call_id) {
     if (kind_ == Kind::kEvent) {
       rpc::TooltipChanged event;
-      EXPECT_TRUE(event.ParseFromString(frame.payload()));
+      EXPECT_TRUE(event.ParseFromString(payload));
       told.push_back("event " + event.text());
     } else {
       rpc::CreateWebDialog call;
-      EXPECT_TRUE(call.ParseFromString(frame.payload()));
-      call_id_ = frame.call_id();
+      EXPECT_TRUE(call.ParseFromString(payload));
+      call_id_ = call_id;
       told.push_back("call " + call.call().prompt().message());
     }
     return absl::OkStatus();

@@ -8,7 +8,9 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_TYPED_CLIENT_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_TYPED_CLIENT_H_
 
+#include <cstdint>
 #include <memory>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -22,7 +24,6 @@
 #include "google/protobuf/service.h"
 
 #include "rpc/event_subscription.pb.h"
-#include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/stream_messages.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
@@ -122,10 +123,13 @@ absl::StatusOr<Response> CallAndWait(
   return response;
 }
 
-// Reads the message that the widget sent in `frame`.
+// Reads a message that the widget sent.
 template <typename T>
-absl::Status Read(const rpc::transport::StreamMessage& frame, T* message) {
-  if (message->ParseFromString(frame.payload())) return absl::OkStatus();
+absl::Status Read(std::string_view payload, T* message) {
+  if (message->ParseFromArray(payload.data(),
+                              static_cast<int>(payload.size()))) {
+    return absl::OkStatus();
+  }
   return absl::InternalError(absl::StrCat("what the widget sent is no ",
                                           T::descriptor()->full_name()));
 }
@@ -135,10 +139,10 @@ std::unique_ptr<ClientStream> Watch(
     SocketClient* client, const google::protobuf::MethodDescriptor* method,
     const EventKey& key, OnEvent<T> on_event, OnEnd on_end) {
   auto stream = client->OpenStream(
-      method, {[on_event = std::move(on_event),
-                event = T()](rpc::transport::StreamMessage& frame) mutable {
+      method, {[on_event = std::move(on_event), event = T()](
+                   std::string_view payload, std::int64_t) mutable {
                  // The same one for all, so that its memory is too.
-                 const absl::Status read = Read(frame, &event);
+                 const absl::Status read = Read(payload, &event);
                  if (read.ok()) on_event(event);
                  return read;
                },
@@ -158,16 +162,16 @@ std::unique_ptr<ClientStream> Serve(
   const auto sender = std::make_shared<std::weak_ptr<ClientStreamSender>>();
   auto stream = client->OpenStream(
       method,
-      {[on_call = std::move(on_call),
-        sender](rpc::transport::StreamMessage& frame) mutable {
+      {[on_call = std::move(on_call), sender](std::string_view payload,
+                                              std::int64_t call_id) mutable {
          T message;
-         if (absl::Status read = Read(frame, &message); !read.ok()) return read;
+         if (absl::Status read = Read(payload, &message); !read.ok())
+           return read;
          if (!message.has_call()) {
            return absl::InternalError("what the widget sent calls for nothing");
          }
          on_call(std::move(*message.mutable_call()),
-                 Responder<T>(sender->lock(), message.browser_id(),
-                              frame.call_id()));
+                 Responder<T>(sender->lock(), message.browser_id(), call_id));
          return absl::OkStatus();
        },
        std::move(on_end)});

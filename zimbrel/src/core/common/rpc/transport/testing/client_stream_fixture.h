@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -43,8 +44,8 @@ class ClientStreamFixture : public ::testing::Test {
   // What these are told goes to `told`; then they do what the test put into
   // `on_next` and `on_end`.
   ClientStreamHandlers Handlers() {
-    return {[this](rpc::transport::StreamMessage& frame) {
-              told.push_back("next " + frame.payload());
+    return {[this](std::string_view payload, std::int64_t) {
+              told.push_back("next " + std::string(payload));
               return on_next();
             },
             [this](const absl::Status& why) {
