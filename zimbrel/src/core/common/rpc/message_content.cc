@@ -3,9 +3,12 @@
 #include <array>
 #include <cstdint>
 #include <memory>
-#include <string_view>
+#include <typeinfo>
 
 #include "absl/hash/hash.h"
+#include "absl/strings/string_view.h"
+#include "google/protobuf/descriptor.pb.h"
+#include "google/protobuf/dynamic_message.h"
 #include "google/protobuf/io/coded_stream.h"
 
 namespace orvane {
@@ -34,7 +37,7 @@ class Content {
   explicit Content(const Message& message)
       : Content(message, message.ByteSizeLong()) {}
 
-  std::string_view bytes() const {
+  absl::string_view bytes() const {
     return {reinterpret_cast<const char*>(bytes_), size_};
   }
 
@@ -44,6 +47,23 @@ class Content {
   const std::uint8_t* bytes_;
   std::size_t size_;
 };
+
+// The class of all messages whose types only their descriptors know.
+const std::type_info& DynamicClass() {
+  google::protobuf::DynamicMessageFactory factory;
+  const Message& some = *factory.GetPrototype(
+      google::protobuf::FileDescriptorProto::descriptor());
+  return typeid(some);
+}
+
+// A generated class stands for one type, and comparing classes is much faster
+// than having protobuf find descriptors.
+bool AreOfOneType(const Message& left, const Message& right) {
+  static const std::type_info* const dynamic_class = &DynamicClass();
+  const std::type_info* const left_class = &typeid(left);
+  return (left_class == &typeid(right) && left_class != dynamic_class) ||
+         left.GetDescriptor() == right.GetDescriptor();
+}
 
 }  // namespace
 
@@ -55,7 +75,7 @@ std::size_t MessageHash::operator()(const Message* message) const {
 
 bool MessageEqual::operator()(const Message* left, const Message* right) const {
   if (left == right) return true;
-  if (left->GetDescriptor() != right->GetDescriptor()) return false;
+  if (!AreOfOneType(*left, *right)) return false;
   const std::size_t size = left->ByteSizeLong();
   if (right->ByteSizeLong() != size) return false;
   return Content(*left, size).bytes() == Content(*right, size).bytes();

@@ -3,9 +3,8 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_REGISTRATIONS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_REGISTRATIONS_H_
 
-#include <unordered_map>
-#include <unordered_set>
-
+#include "absl/container/flat_hash_map.h"
+#include "absl/container/flat_hash_set.h"
 #include "google/protobuf/message.h"
 
 #include "zimbrel/src/core/common/rpc/abstract_stream.h"
@@ -36,8 +35,8 @@ class Registrations {
            const google::protobuf::Message* key) const;
 
  private:
-  std::unordered_map<const AbstractStream*,
-                     std::unordered_set<const google::protobuf::Message*>>
+  absl::flat_hash_map<const AbstractStream*,
+                      absl::flat_hash_set<const google::protobuf::Message*>>
       keys_;
 };
 
