@@ -7,7 +7,9 @@
 
 #include "zimbrel/src/core/common/rpc/asio_hook.h"
 
+#include <algorithm>
 #include <array>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -54,6 +56,7 @@ class AsioLink final : public Link {
           asio::const_buffer(payload, header.payload_bytes)};
       asio::error_code error;
       written = socket_.write_some(parts, error);
+      frame_left_ = sizeof header + header.payload_bytes - written;
     }
     Queue(reinterpret_cast<const char*>(&header), sizeof header, &written);
     Queue(payload, header.payload_bytes, &written);
@@ -64,8 +67,7 @@ class AsioLink final : public Link {
     while (!is_waiting_ && !queued_.empty()) {
       asio::error_code error;
       const std::size_t written = socket_.write_some(
-          asio::const_buffer(queued_.data() + sent_, queued_.size() - sent_),
-          error);
+          asio::const_buffer(queued_.data() + sent_, NextToWrite()), error);
       if (error == asio::error::would_block) {
         is_waiting_ = true;
         socket_.async_wait(stream_protocol::socket::wait_write,
@@ -76,6 +78,7 @@ class AsioLink final : public Link {
         return;
       }
       sent_ += error ? queued_.size() - sent_ : written;
+      frame_left_ -= std::min(frame_left_, written);
       if (sent_ < queued_.size()) continue;
       queued_.clear();
       sent_ = 0;
@@ -88,6 +91,18 @@ class AsioLink final : public Link {
     const std::size_t skipped = std::min(size, *written);
     queued_.append(bytes + skipped, size - skipped);
     *written -= skipped;
+  }
+
+  // How many bytes of what is queued leave together.
+  std::size_t NextToWrite() {
+    const std::size_t queued = queued_.size() - sent_;
+    if (is_batched_) return queued;
+    if (frame_left_ == 0) {
+      FrameHeader header;
+      std::memcpy(&header, queued_.data() + sent_, sizeof header);
+      frame_left_ = sizeof header + header.payload_bytes;
+    }
+    return frame_left_;
   }
 
   void Read() {
@@ -112,7 +127,8 @@ class AsioLink final : public Link {
   std::function<void()> on_end_;
   FrameBuffer received_;
   std::string queued_;
-  std::size_t sent_ = 0;  // Of what is queued.
+  std::size_t sent_ = 0;        // Of what is queued.
+  std::size_t frame_left_ = 0;  // Of the frame that has begun to be written.
   bool is_waiting_ = false;
 };
 

@@ -59,10 +59,10 @@ inline constexpr std::size_t kPictureBytes = std::size_t{1920} * 1080 * 4;
 // How the hosts of a storm take turns.
 inline constexpr std::int64_t kStormPeriodNs = 1'000'000;
 
-// Events come in bursts that the host asks for, two at a time, so that the
+// Events come in bursts that the host asks for, eight at a time, so that the
 // server always has some to send and never more than the host can take.
 inline constexpr int kBurst = 256;
-inline constexpr int kBurstsInFlight = 2;
+inline constexpr int kBurstsInFlight = 8;
 
 // Nanoseconds of the machine's monotonic clock.
 std::int64_t Now();
