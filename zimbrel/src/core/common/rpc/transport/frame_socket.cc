@@ -20,7 +20,9 @@ using rpc::transport::StreamMessage;
 
 namespace {
 
-constexpr std::size_t kEnoughToWrite = std::size_t{128} << 10;
+// With so much queued, some hundreds of small frames, the peer can begin on
+// another core while this task goes on; a system call costs little beside it.
+constexpr std::size_t kEnoughToWrite = std::size_t{8} << 10;
 
 FrameLimits AtLeastUsable(FrameLimits limits) {
   limits.max_frame_bytes = std::max(limits.max_frame_bytes, kMinMaxFrameBytes);
@@ -69,7 +71,6 @@ absl::Status FrameSocket::SendLatest(const StreamMessage& header,
 
 absl::Status FrameSocket::Queued(absl::Status added) {
   if (added.ok()) {
-    // What one task has to say need not wait in memory for its end.
     if (outbox_.size() >= kEnoughToWrite) Flush();
     ScheduleFlush();
   } else if (outbox_.has_overflowed() && !has_told_full_) {
