@@ -10,6 +10,7 @@
 
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
+#include "zimbrel/src/core/common/rpc/transport/framing.h"
 
 namespace widgetctl {
 
@@ -64,8 +65,7 @@ absl::StatusOr<Subscription> Prepare(
 absl::StatusOr<std::unique_ptr<Message>> ReadMessage(
     const MethodDescriptor& method, std::string_view payload) {
   std::unique_ptr<Message> message = NewMessage(method.output_type());
-  if (!message->ParseFromArray(payload.data(),
-                               static_cast<int>(payload.size()))) {
+  if (!orvane::ParsePayload(payload, orvane::kMaxMessageDepth, message.get())) {
     return absl::InternalError(
         absl::StrCat("the widget sent what is no ", message->GetTypeName()));
   }

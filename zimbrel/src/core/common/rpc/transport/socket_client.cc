@@ -70,10 +70,10 @@ class HostStream final : public ClientStreamSender {
                 absl::UnknownError(text));
   }
 
-  absl::Status Receive(const StreamMessage& frame, std::string_view payload) {
+  absl::Status Receive(std::string_view payload, std::int64_t call_id) {
     // Lives until it returns, though it may close the stream.
     const std::shared_ptr<ClientStreamHandlers> handlers = handlers_;
-    return handlers->on_next(payload, frame.call_id());
+    return handlers->on_next(payload, call_id);
   }
 
   void End(const absl::Status& why) {
@@ -323,8 +323,7 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
   }
 
   void Meet(std::string_view payload) {
-    if (!widget_.emplace().ParseFromArray(payload.data(),
-                                          static_cast<int>(payload.size()))) {
+    if (!ParsePayload(payload, kMaxMessageDepth, &widget_.emplace())) {
       return Break(absl::UnavailableError("the widget's hello is no Hello"));
     }
     if (absl::Status fit = CheckWidget(); !fit.ok()) Break(fit);
@@ -338,8 +337,7 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
     if (frame.kind() == StreamMessage::KIND_ERROR) {
       return End(call, StatusOf(frame));
     }
-    if (!call.response->ParseFromArray(payload.data(),
-                                       static_cast<int>(payload.size()))) {
+    if (!ParsePayload(payload, kMaxMessageDepth, call.response)) {
       return End(call,
                  absl::InternalError(absl::StrCat(
                      "the response is no ", call.response->GetTypeName())));
@@ -352,7 +350,7 @@ class SocketClient::Impl final : public FrameSocket::Receiver {
     const auto found = streams_.find(id);
     if (found == streams_.end()) return;  // Ended; this was on its way.
     const std::shared_ptr<HostStream> stream = found->second;
-    const absl::Status received = stream->Receive(frame, payload);
+    const absl::Status received = stream->Receive(payload, frame.call_id());
     if (received.ok() || !stream->is_open()) return;
     Complete(id);
     stream->End(received);

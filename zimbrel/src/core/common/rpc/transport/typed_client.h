@@ -27,6 +27,7 @@
 #include "zimbrel/src/core/common/rpc/stream_messages.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
+#include "zimbrel/src/core/common/rpc/transport/framing.h"
 #include "zimbrel/src/core/common/rpc/transport/responder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
@@ -126,10 +127,7 @@ absl::StatusOr<Response> CallAndWait(
 // Reads a message that the widget sent.
 template <typename T>
 absl::Status Read(std::string_view payload, T* message) {
-  if (message->ParseFromArray(payload.data(),
-                              static_cast<int>(payload.size()))) {
-    return absl::OkStatus();
-  }
+  if (ParsePayload(payload, kMaxMessageDepth, message)) return absl::OkStatus();
   return absl::InternalError(absl::StrCat("what the widget sent is no ",
                                           T::descriptor()->full_name()));
 }
