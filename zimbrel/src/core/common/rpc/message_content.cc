@@ -37,6 +37,8 @@ class Content {
   explicit Content(const Message& message)
       : Content(message, message.ByteSizeLong()) {}
 
+  // Not std::string_view, which older Abseils hash through the standard
+  // library.
   absl::string_view bytes() const {
     return {reinterpret_cast<const char*>(bytes_), size_};
   }

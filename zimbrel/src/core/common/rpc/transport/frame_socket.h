@@ -25,7 +25,7 @@ namespace orvane {
 // Reads frames and hands them to its receiver in order of arrival; queues
 // frames and writes as many as the socket takes with each system call. What is
 // sent while a batch of received frames is handled leaves together after the
-// last.
+// last, or as soon as it is some KiB.
 //
 // Thread: the service thread. Lifetime: held by its owner and by the socket
 // operations in progress; the owner lets go with Close.
@@ -76,8 +76,8 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   // How many frames gave their places to later ones.
   std::uint64_t replaced() const { return outbox_.replaced(); }
 
-  // Writes now what the socket takes. Otherwise that happens when the current
-  // batch of frames or the current task is done.
+  // Writes now what the socket takes. Otherwise that happens when some KiB are
+  // queued, or the current batch of frames or the current task is done.
   void Flush();
 
   // Whether the receiver is being told of a frame right now. No other frame can
