@@ -95,8 +95,7 @@ class AsioLink final : public Link {
 
   // How many bytes of what is queued leave together.
   std::size_t NextToWrite() {
-    const std::size_t queued = queued_.size() - sent_;
-    if (is_batched_) return queued;
+    if (is_batched_) return queued_.size() - sent_;
     if (frame_left_ == 0) {
       FrameHeader header;
       std::memcpy(&header, queued_.data() + sent_, sizeof header);

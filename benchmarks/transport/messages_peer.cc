@@ -23,7 +23,7 @@ void Pass(const Message& sent, std::string* bytes, Message* received) {
   if (!received->ParseFromString(*bytes)) Fail("a message that nobody reads");
 }
 
-// Payloads, each of which ends in a message of its own.
+// Each ends in a message of its own; those of unary calls come back.
 void PassPayloads(const Options& options, Meter& meter) {
   Payload sent;
   sent.set_data(std::string(options.payload_bytes, '\0'));
@@ -33,9 +33,10 @@ void PassPayloads(const Options& options, Meter& meter) {
     begun = Now();
     Payload request;
     Pass(sent, &bytes, &request);
-    if (options.figure == Figure::kUpload) continue;
-    Payload response;
-    Pass(request, &bytes, &response);
+    if (options.figure == Figure::kUnary) {
+      Payload response;
+      Pass(request, &bytes, &response);
+    }
   } while (meter.Ended(begun));
 }
 
