@@ -18,12 +18,10 @@ FrameHeader Header(FrameHeader::Kind kind, std::size_t payload_bytes,
           .sent_ns = sent_ns};
 }
 
-std::string Zeros(std::size_t bytes) { return std::string(bytes, '\0'); }
-
 }  // namespace
 
 BareServer::BareServer(const Options& options, Meter& meter)
-    : meter_(meter), payload_(Zeros(options.payload_bytes + kEventBytes)) {}
+    : meter_(meter), payload_(options.payload_bytes + kEventBytes, '\0') {}
 
 void BareServer::OnFrame(Link& link, const FrameHeader& header,
                          const char* payload) {
@@ -60,7 +58,7 @@ BareHost::BareHost(const Options& options, Meter& meter,
                    std::vector<Link*> links)
     : options_(options),
       meter_(meter),
-      payload_(Zeros(options.payload_bytes + kMoveBytes)),
+      payload_(options.payload_bytes + kMoveBytes, '\0'),
       links_(std::move(links)),
       next_move_ns_(Now()) {
   switch (options.figure) {

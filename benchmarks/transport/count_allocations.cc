@@ -8,9 +8,11 @@
 extern "C" {
 
 // The C library's own, under the names that nobody replaces.
-void* __libc_malloc(std::size_t bytes);
-void* __libc_calloc(std::size_t count, std::size_t bytes);
-void* __libc_realloc(void* block, std::size_t bytes);
+// NOLINTBEGIN(bugprone-reserved-identifier)
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t nmemb, std::size_t size);
+void* __libc_realloc(void* ptr, std::size_t size);
+// NOLINTEND(bugprone-reserved-identifier)
 
 }  // extern "C"
 
@@ -32,19 +34,19 @@ void CountAllocationsIn(std::atomic<std::uint64_t>* allocations) {
   counter = allocations;
 }
 
-void* malloc(std::size_t bytes) {
+void* malloc(std::size_t size) {
   Count();
-  return __libc_malloc(bytes);
+  return __libc_malloc(size);
 }
 
-void* calloc(std::size_t count, std::size_t bytes) {
+void* calloc(std::size_t nmemb, std::size_t size) {
   Count();
-  return __libc_calloc(count, bytes);
+  return __libc_calloc(nmemb, size);
 }
 
-void* realloc(void* block, std::size_t bytes) {
+void* realloc(void* ptr, std::size_t size) {
   Count();
-  return __libc_realloc(block, bytes);
+  return __libc_realloc(ptr, size);
 }
 
 }  // extern "C"
