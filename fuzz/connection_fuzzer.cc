@@ -48,7 +48,7 @@ const std::optional<Hello>& ProperHello() {
 RawPeer Connect(SocketServer& server, const std::optional<Hello>& hello) {
   auto pair = ConnectedPair();
   EXPECT_TRUE(server.Adopt(pair->first.Release()).ok());
-  return RawPeer(std::move(pair->second), hello);
+  return {std::move(pair->second), hello};
 }
 
 void ExpectServed(RawPeer& host, EventLoop& loop) {

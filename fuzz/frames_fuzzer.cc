@@ -279,10 +279,11 @@ class Play {
     place.reset();
     // There may be too many that the server has not seen leaving.
     if (!server_->Adopt(pair->first.Release()).ok()) return;
-    place.reset(new Host{RawPeer(std::move(pair->second), Greeting()), {}, {}});
+    place = std::make_unique<Host>(
+        Host{RawPeer(std::move(pair->second), Greeting()), {}, {}});
   }
 
-  void Send(Host& host, const Step& step) {
+  static void Send(Host& host, const Step& step) {
     StreamMessage frame;
     frame.set_kind(static_cast<StreamMessage::Kind>(
         step.kind % (StreamMessage::Kind_ARRAYSIZE + 1)));
@@ -386,7 +387,8 @@ class Play {
 
   void AnswerHeld(const Step& step) {
     if (widget_.held.empty()) return;
-    const auto at = widget_.held.begin() + step.id % widget_.held.size();
+    const auto at = widget_.held.begin() +
+                    static_cast<std::ptrdiff_t>(step.id % widget_.held.size());
     const StreamingWidget::HeldCall call = *at;
     widget_.held.erase(at);
     watched_.erase(call.controller);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <utility>
 
 #include "absl/status/status.h"
 #include "absl/strings/str_cat.h"
@@ -39,9 +40,8 @@ void Must(const absl::Status& status) {
 
 class User {
  public:
-  User(orvane::SocketClient* connection, const BrowserId& browser,
-       Console* console)
-      : widget_(connection), browser_(browser), console_(console) {}
+  User(orvane::SocketClient* connection, BrowserId browser, Console* console)
+      : widget_(connection), browser_(std::move(browser)), console_(console) {}
 
   void UseThePage();
 

@@ -46,7 +46,7 @@ class HomeThermostat final : public home::Thermostat {
     }
   }
 
-  void SetTemperature(const home::HeatRequest& request) {
+  static void SetTemperature(const home::HeatRequest& request) {
     std::cout << "room " << request.room().value() << " has "
               << request.target().degrees() << " degrees" << std::endl;
     home::TemperatureChanged event;
