@@ -140,7 +140,7 @@ std::unique_ptr<ClientStream> Watch(
       method, {[on_event = std::move(on_event), event = T()](
                    std::string_view payload, std::int64_t) mutable {
                  // The same one for all, so that its memory is too.
-                 const absl::Status read = Read(payload, &event);
+                 absl::Status read = Read(payload, &event);
                  if (read.ok()) on_event(event);
                  return read;
                },
