@@ -93,8 +93,8 @@ BENCHMARK(BM_SubscriptionFrames)
 std::vector<BrowserId> Probes(std::size_t keys) {
   std::mt19937_64 random(1);
   std::uniform_int_distribution<std::uint64_t> any(1, keys);
-  std::vector<BrowserId> probes;
-  for (int i = 0; i < 4096; ++i) probes.push_back(Browser(any(random)));
+  std::vector<BrowserId> probes(4096);
+  for (BrowserId& probe : probes) probe = Browser(any(random));
   return probes;
 }
 
