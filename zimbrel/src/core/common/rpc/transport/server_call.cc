@@ -6,7 +6,6 @@
 
 namespace orvane {
 
-using google::protobuf::Closure;
 using google::protobuf::Message;
 
 ServerCall::ServerCall(std::uint64_t id, ServerConnection* connection,
