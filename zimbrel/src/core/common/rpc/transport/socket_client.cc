@@ -39,7 +39,7 @@ absl::Status StatusOf(const StreamMessage& error) {
   const auto code = static_cast<absl::StatusCode>(error.error_code());
   if (code == absl::StatusCode::kOk)
     return absl::UnknownError(error.error_text());
-  return absl::Status(code, error.error_text());
+  return {code, error.error_text()};
 }
 
 class Flag final : public Closure {
