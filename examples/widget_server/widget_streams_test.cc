@@ -313,7 +313,7 @@ TEST_F(WidgetStreamsTest, ThePixelsOfTheViewAreWhatThePageShows) {
   EXPECT_EQ(shown.image.width, 320u);
   EXPECT_EQ(shown.image.height, 200u);
   const Picture page = DrawPage({.button_label = "Your name"}, 320, 200, 1);
-  std::vector<std::uint8_t> expected(320 * 200 * 4);
+  std::vector<std::uint8_t> expected(std::size_t{320} * 200 * 4);
   Paint(page, expected);
   EXPECT_TRUE(shown.image.bgra == expected);
 }

@@ -203,10 +203,10 @@ TEST_F(WidgetctlFramesTest, ServeSendsTheTextOfTheFailure) {
 }
 
 TEST_F(WidgetctlFramesTest, ServeFailsACallWhoseResponseIsTooLong) {
-  ChildProcess serve =
-      Start({"serve", "OnCreateWebDialog", "1", "--count", "1", "--command",
-             R"(printf '{"text":"'; head -c 9000000 /dev/zero | tr '\0' x; )"
-             R"(echo '"}')"});
+  const std::string too_long =
+      R"(printf '{"text":"'; head -c 9000000 /dev/zero | tr '\0' x; echo '"}')";
+  ChildProcess serve = Start({"serve", "OnCreateWebDialog", "1", "--count", "1",
+                              "--command", too_long});
   const std::uint64_t stream = widget_.AcceptStream();
   auto message = CallOfBrowser1<rpc::CreateWebDialog>();
   widget_.Send(StreamMessage::KIND_NEXT, stream, message.SerializeAsString());

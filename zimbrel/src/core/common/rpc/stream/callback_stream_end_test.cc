@@ -84,7 +84,7 @@ TEST_F(CallbackStreamEndTest, CompletionCancelsThenUnregistersThenCompletes) {
   host.on_complete = [&] {
     EXPECT_THAT(Stream::stream_map_, IsEmpty());
     EXPECT_THAT(host.stream().pending_calls_, IsEmpty());
-    ends.push_back("completed");
+    ends.emplace_back("completed");
   };
   host.End();
   EXPECT_THAT(ends, ElementsAre("1 cancelled", "1 cancelled", "completed"));
@@ -94,7 +94,7 @@ TEST_F(CallbackStreamEndTest, CompletionOfAnIdleStreamOnlyCompletes) {
   Host second(&loop, &service);
   second.Subscribe(kBrowser);
   List(second, kBrowser, 1);
-  host.on_complete = [&] { ends.push_back("completed"); };
+  host.on_complete = [&] { ends.emplace_back("completed"); };
   host.End();
   EXPECT_THAT(ends, ElementsAre("completed"));
   EXPECT_EQ(Serving(kBrowser), &second.stream());
@@ -119,7 +119,7 @@ TEST_F(CallbackStreamEndTest,
   const Stream* const stream = &host.stream();
   EXPECT_EQ(host.Vanish(), 2u);
   EXPECT_THAT(ends, IsEmpty());
-  EXPECT_EQ(Serving(kBrowser), stream);
+  EXPECT_TRUE(Serving(kBrowser) == stream);
   RemoveRegistration<rpc::CreateWebDialog>(kBrowser);
 }
 

@@ -18,7 +18,6 @@
 namespace orvane {
 namespace {
 
-using ::rpc::transport::StreamMessage;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;

@@ -164,7 +164,7 @@ class ServerMeetsHost : public StreamFixture {
   RawPeer Connect(const std::optional<Hello>& hello) {
     auto pair = ConnectedPair();
     EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
-    return RawPeer(std::move(pair->second), hello);
+    return {std::move(pair->second), hello};
   }
 };
 

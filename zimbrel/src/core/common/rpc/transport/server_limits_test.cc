@@ -207,11 +207,11 @@ TEST_F(ConnectionLimit, AHostThatLeavesMakesRoom) {
 
 // A BrowserId with an unknown group in it, in which are groups, `depth` deep.
 std::string Nested(int depth) {
-  const std::string begin("\x7b", 1);  // Field 15, start of a group.
-  const std::string end("\x7c", 1);
+  constexpr char kBegin = 0x7b;  // Field 15, start of a group.
+  constexpr char kEnd = 0x7c;
   std::string bytes;
-  for (int i = 0; i < depth; ++i) bytes += begin;
-  for (int i = 0; i < depth; ++i) bytes += end;
+  for (int i = 0; i < depth; ++i) bytes += kBegin;
+  for (int i = 0; i < depth; ++i) bytes += kEnd;
   return bytes;
 }
 

@@ -249,7 +249,7 @@ class StreamEndTest : public StreamFixture,
     } while (link_.Pass());
   }
 
-  bool IsOver() const { return GetParam().ending != Ending::kNobodyEndsIt; }
+  static bool IsOver() { return GetParam().ending != Ending::kNobodyEndsIt; }
   bool IsConnected() const {
     return !IsOver() || GetParam().ending == Ending::kTheHostEndsIt;
   }
@@ -272,7 +272,7 @@ class StreamEndTest : public StreamFixture,
     for (const auto& call : widget.held) {
       call.controller->NotifyOnCancel(
           new Then([this, controller = call.controller] {
-            if (controller->IsCanceled()) ends.push_back("cancelled");
+            if (controller->IsCanceled()) ends.emplace_back("cancelled");
           }));
     }
   }

@@ -28,7 +28,7 @@ class ForkedProcess {
   ~ForkedProcess() { Kill(); }
 
   // Stops it, and returns when it has stopped.
-  bool Stop() {
+  bool Stop() const {
     ::kill(pid_, SIGSTOP);
     int status = 0;
     TEMP_FAILURE_RETRY(::waitpid(pid_, &status, WUNTRACED));

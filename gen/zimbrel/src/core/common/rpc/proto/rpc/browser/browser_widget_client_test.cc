@@ -199,6 +199,7 @@ TEST_F(BrowserWidgetClientTest, EachMethodCallsItsNamesake) {
   call(c.SetDpiAware({}));
   call(c.SetForcedScaleFactor({}));
   std::vector<std::string> expected;
+  expected.reserve(40);
   for (int i = 0; i < 40; ++i) {
     expected.push_back(absl::StrCat(
         "Method ",
