@@ -250,7 +250,7 @@ class StreamEndTest : public StreamFixture,
   }
 
   static bool IsOver() { return GetParam().ending != Ending::kNobodyEndsIt; }
-  bool IsConnected() const {
+  static bool IsConnected() {
     return !IsOver() || GetParam().ending == Ending::kTheHostEndsIt;
   }
 
