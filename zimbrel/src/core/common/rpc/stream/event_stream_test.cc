@@ -403,8 +403,11 @@ TEST_F(EventStreamTest, ADriverMayDeleteItThroughItsBase) {
   EXPECT_THAT(Listed(7), ElementsAre(stream.get()));
   stream->OnCompleted();
   heap_probe::Watch(stream.get());
+  const void* const address = stream.get();
   stream.reset();
-  EXPECT_THAT(heap_probe::TakeFreed(), SizeIs(1));
+  const std::vector<const void*> freed = heap_probe::TakeFreed();
+  ASSERT_THAT(freed, SizeIs(1));
+  EXPECT_TRUE(freed[0] == address);
   EXPECT_THAT(registry(), IsEmpty());
 }
 

@@ -207,12 +207,8 @@ TEST_F(ConnectionLimit, AHostThatLeavesMakesRoom) {
 
 // A BrowserId with an unknown group in it, in which are groups, `depth` deep.
 std::string Nested(int depth) {
-  constexpr char kBegin = 0x7b;  // Field 15, start of a group.
-  constexpr char kEnd = 0x7c;
-  std::string bytes;
-  for (int i = 0; i < depth; ++i) bytes += kBegin;
-  for (int i = 0; i < depth; ++i) bytes += kEnd;
-  return bytes;
+  // The tags of field 15: a group starts, and ends.
+  return std::string(depth, '\x7b') + std::string(depth, '\x7c');
 }
 
 StreamMessage NestedCall(std::uint64_t id, int depth) {
