@@ -23,7 +23,7 @@ endif()
 set(ORVANE_FUZZ_SECONDS 10 CACHE STRING "How long the test of each fuzzer looks for new inputs")
 
 # Paths in __FILE__ and debug info are those of the tree, wherever it lies.
-function(_orvane_options target)
+function(orvane_options target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
   target_compile_options(${target} PRIVATE
@@ -50,7 +50,7 @@ function(orvane_library name)
   target_include_directories(orvane_${name} PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>")
   target_sources(orvane_${name} PUBLIC FILE_SET HEADERS BASE_DIRS "${arg_HEADERS_BELOW}" FILES ${arg_HEADERS})
   target_link_libraries(orvane_${name} PUBLIC ${arg_DEPENDS} PRIVATE ${arg_PRIVATE_DEPENDS})
-  _orvane_options(orvane_${name})
+  orvane_options(orvane_${name})
 endfunction()
 
 # orvane_program(NAME SOURCES file... [DEPENDS target...])
@@ -59,7 +59,7 @@ function(orvane_program name)
   add_executable(${name} ${arg_SOURCES})
   target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}")
   target_link_libraries(${name} PRIVATE ${arg_DEPENDS})
-  _orvane_options(${name})
+  orvane_options(${name})
 endfunction()
 
 # orvane_add_test(NAME command...)

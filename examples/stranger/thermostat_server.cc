@@ -26,8 +26,7 @@ class HomeThermostat final : public home::Thermostat {
     *question.mutable_target() = request->target();
     const auto asked = orvane::Call<home::ConfirmHeat>(
         request->room(), question,
-        [this, controller, request,
-         done](const home::ConfirmHeatResponse& answer) {
+        [controller, request, done](const home::ConfirmHeatResponse& answer) {
           if (answer.wanted()) {
             SetTemperature(*request);
           } else {
