@@ -91,6 +91,10 @@ function(orvane_generate name)
       COMMAND "${CMAKE_COMMAND}" -E rm -f ${made}
       COMMAND protobuf::protoc ${imports} "--cpp_out=${out}" "--dependency_out=${out}/${stem}.d"
               "${root}/${proto}"
+      # protoc escapes no spaces. A path would end at one, and all would be made
+      # again by every build, since what the rest names does not exist.
+      COMMAND sed -i -e [[s/ /\\ /g]] -e [[s/\\ \\$/ \\/]] -e [[s/:\\ /: /]] -e [[s/^\\ / /]]
+              "${out}/${stem}.d"
       ${run_plugin}
       DEPENDS "${root}/${proto}" protobuf::protoc ${plugin}
       DEPFILE "${out}/${stem}.d"
