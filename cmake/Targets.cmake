@@ -22,7 +22,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND ORVANE_SANITIZE MATCHES "address")
 endif()
 set(ORVANE_FUZZ_SECONDS 10 CACHE STRING "How long the test of each fuzzer looks for new inputs")
 
-# Paths in __FILE__ and debug info are those of the tree, wherever it lies.
+# orvane_options(TARGET)
+# Has a target compiled as all of our code is, warnings being errors. Paths in
+# __FILE__ and debug info are those of the tree, wherever it lies.
 function(orvane_options target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
