@@ -16,6 +16,11 @@ if(NOT ORVANE_CACHE_DIR)
   endif()
 endif()
 
+if(TARGET absl::log)
+  message(STATUS "Abseil: that of the project around this one")
+  return()
+endif()
+
 find_path(ORVANE_SYSTEM_ABSL_LOG absl/log/log.h)
 mark_as_advanced(ORVANE_SYSTEM_ABSL_LOG)
 if(ORVANE_SYSTEM_ABSL_LOG)

@@ -1,19 +1,25 @@
-# Everything that we build on. scripts/setup installs it on Debian.
+# Everything that we build on. scripts/setup installs it on Debian. A project
+# around ours sees the targets too, since it links what we make.
+set(CMAKE_FIND_PACKAGE_TARGETS_GLOBAL ${_orvane_is_subproject})
 find_package(Threads REQUIRED)
 include(Abseil)
 
 # Protobuf's own package where there is one (it brings its Abseil along), else
 # CMake's finder, which knows Debian 12's.
-find_package(Protobuf CONFIG QUIET)
-if(NOT Protobuf_FOUND)
-  find_package(Protobuf 3.21 MODULE REQUIRED)
+if(NOT TARGET protobuf::libprotobuf)
+  find_package(Protobuf CONFIG QUIET)
+  if(NOT Protobuf_FOUND)
+    find_package(Protobuf 3.21 MODULE REQUIRED)
+  endif()
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND ORVANE_SANITIZE STREQUAL "thread")
   add_compile_options("SHELL:-include \"${CMAKE_CURRENT_LIST_DIR}/protobuf_under_tsan.h\"")
 endif()
 
-find_package(GTest CONFIG REQUIRED)
-find_package(benchmark CONFIG REQUIRED)
+if(ORVANE_TESTS)
+  find_package(GTest CONFIG REQUIRED)
+  find_package(benchmark CONFIG REQUIRED)
+endif()
 
 # Standalone Asio is headers only. It stays behind our .cc files; without
 # exceptions it asks for a throw hook, which transport/asio.h provides.

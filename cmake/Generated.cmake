@@ -19,7 +19,7 @@ function(orvane_committed_output name)
   list(JOIN arg_PROTOS "," protos)
   set(command "${CMAKE_COMMAND}"
     "-DPROTOC=$<TARGET_FILE:protobuf::protoc>"
-    "-DPLUGIN=$<TARGET_FILE:protoc-gen-orvane>"
+    "-DPLUGIN=$<TARGET_FILE:orvane::protoc-gen-orvane>"
     "-DDIRECTORY=${arg_DIRECTORY}" "-DIMPORTS=${imports}" "-DPROTOS=${protos}"
     "-DPARAMETER=${arg_PARAMETER}"
     "-DSCRATCH=${CMAKE_CURRENT_BINARY_DIR}/${name}.scratch"
@@ -27,6 +27,6 @@ function(orvane_committed_output name)
   add_test(NAME ${name} COMMAND ${command} -P "${PROJECT_SOURCE_DIR}/cmake/committed_output.cmake")
   add_custom_target(update-${name}
     COMMAND ${command} -DUPDATE=ON -P "${PROJECT_SOURCE_DIR}/cmake/committed_output.cmake"
-    DEPENDS protoc-gen-orvane VERBATIM)
+    DEPENDS orvane::protoc-gen-orvane VERBATIM)
   add_dependencies(update-generated update-${name})
 endfunction()
