@@ -8,12 +8,13 @@
 #include "zimbrel/src/core/common/rpc/asio_hook.h"
 
 #include "absl/base/thread_annotations.h"
-#include "absl/synchronization/mutex.h"
 #include "asio/executor_work_guard.hpp"
 #include "asio/io_context.hpp"
 #include "asio/post.hpp"
 #include "asio/signal_set.hpp"
 #include "asio/steady_timer.hpp"
+
+#include "zimbrel/src/core/common/rpc/mutex.h"
 
 namespace orvane {
 namespace {
@@ -63,19 +64,19 @@ class EventLoop::SharedMailbox final : public Mailbox {
   explicit SharedMailbox(asio::io_context* io) : io_(io) {}
 
   bool Post(Task task) override {
-    const absl::MutexLock lock(&mutex_);
+    const MutexLock lock(mutex_);
     if (io_ == nullptr) return false;
     PostTo(*io_, std::move(task));
     return true;
   }
 
   void Close() {
-    const absl::MutexLock lock(&mutex_);
+    const MutexLock lock(mutex_);
     io_ = nullptr;
   }
 
  private:
-  absl::Mutex mutex_;
+  Mutex mutex_;
   asio::io_context* io_ ABSL_GUARDED_BY(mutex_);
 };
 

@@ -18,12 +18,12 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/status/status.h"
 #include "absl/strings/numbers.h"
-#include "absl/synchronization/mutex.h"
 #include "google/protobuf/empty.pb.h"
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/mutex.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/testing/then.h"
@@ -65,13 +65,13 @@ class HandingWidget final : public rpc::BrowserWidgetRpc {
   }
 
   void Put(Work work) {
-    const absl::MutexLock lock(&mutex_);
+    const MutexLock lock(mutex_);
     waiting_.push_back(work);
   }
 
   // Waits for it. Thread: any.
   Work Take() {
-    const absl::MutexLock lock(&mutex_);
+    const MutexLock lock(mutex_);
     mutex_.Await(absl::Condition(
         +[](std::deque<Work>* waiting) { return !waiting->empty(); },
         &waiting_));
@@ -87,7 +87,7 @@ class HandingWidget final : public rpc::BrowserWidgetRpc {
   std::atomic<int> told = 0;
 
  private:
-  absl::Mutex mutex_;
+  Mutex mutex_;
   std::deque<Work> waiting_ ABSL_GUARDED_BY(mutex_);
 };
 

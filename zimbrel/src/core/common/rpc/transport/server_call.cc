@@ -23,7 +23,7 @@ ServerCall::~ServerCall() {
   // Whoever asked to be told is told once, at the latest now.
   Closure* on_cancel = nullptr;
   {
-    const absl::MutexLock lock(&mutex_);
+    const MutexLock lock(mutex_);
     std::swap(on_cancel, on_cancel_);
   }
   if (on_cancel != nullptr) on_cancel->Run();
@@ -42,7 +42,7 @@ void ServerCall::Abandon() {
   connection_ = nullptr;
   Closure* on_cancel = nullptr;
   {
-    const absl::MutexLock lock(&mutex_);
+    const MutexLock lock(mutex_);
     canceled_ = true;
     std::swap(on_cancel, on_cancel_);
   }
@@ -69,13 +69,13 @@ void ServerCall::SetFailed(const std::string& reason) {
 }
 
 bool ServerCall::IsCanceled() const {
-  const absl::MutexLock lock(&mutex_);
+  const MutexLock lock(mutex_);
   return canceled_;
 }
 
 void ServerCall::NotifyOnCancel(Closure* callback) {
   {
-    const absl::MutexLock lock(&mutex_);
+    const MutexLock lock(mutex_);
     if (!canceled_) {
       on_cancel_ = callback;
       return;

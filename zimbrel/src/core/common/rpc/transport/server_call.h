@@ -10,11 +10,11 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/status/status.h"
-#include "absl/synchronization/mutex.h"
 #include "google/protobuf/message.h"
 #include "google/protobuf/service.h"
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/mutex.h"
 
 namespace orvane {
 
@@ -80,7 +80,7 @@ class ServerCall final : public google::protobuf::RpcController,
   ServerConnection* connection_;  // Null once abandoned.
 
   // Any thread.
-  mutable absl::Mutex mutex_;
+  mutable Mutex mutex_;
   bool canceled_ ABSL_GUARDED_BY(mutex_) = false;
   google::protobuf::Closure* on_cancel_ ABSL_GUARDED_BY(mutex_) = nullptr;
 };
