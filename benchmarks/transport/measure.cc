@@ -169,6 +169,15 @@ int RunServer(const CommandLine& line, const Sides& sides) {
   return 0;
 }
 
+// What LD_PRELOAD may hold for this library: it has no way to name one in a folder
+// with a space or a colon, so the server inherits a descriptor of it instead.
+std::string Preloaded(const std::string& library) {
+  if (library.empty()) return "";
+  const int descriptor = open(library.c_str(), O_RDONLY);
+  if (descriptor < 0) Fail("there is no " + library);
+  return "LD_PRELOAD=/proc/self/fd/" + std::to_string(descriptor);
+}
+
 // This program once more, as its own server.
 pid_t StartServer(int argc, char** argv, const CommandLine& line,
                   int meter_descriptor, int core) {
@@ -181,11 +190,11 @@ pid_t StartServer(int argc, char** argv, const CommandLine& line,
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
 
-  std::string preload = "LD_PRELOAD=" + line.allocation_counter;
+  std::string preload = Preloaded(line.allocation_counter);
   std::vector<char*> environment;
   for (char** variable = environ; *variable != nullptr; ++variable)
     environment.push_back(*variable);
-  if (!line.allocation_counter.empty()) environment.push_back(preload.data());
+  if (!preload.empty()) environment.push_back(preload.data());
   environment.push_back(nullptr);
 
   pid_t server = 0;
