@@ -104,7 +104,7 @@ int ParseNumber(std::string_view name, const char* value) {
   char* end = nullptr;
   const long number = std::strtol(value, &end, 10);
   if (*value == '\0' || *end != '\0' || number < 0 || number > 1 << 30)
-    Fail(std::string(name) + " is no number: " + value);
+    Fail(std::string(name) + " is not a number: " + value);
   return static_cast<int>(number);
 }
 
@@ -174,7 +174,7 @@ int RunServer(const CommandLine& line, const Sides& sides) {
 std::string Preloaded(const std::string& library) {
   if (library.empty()) return "";
   const int descriptor = open(library.c_str(), O_RDONLY);
-  if (descriptor < 0) Fail("there is no " + library);
+  if (descriptor < 0) Fail(library + " cannot be opened");
   return "LD_PRELOAD=/proc/self/fd/" + std::to_string(descriptor);
 }
 

@@ -220,7 +220,7 @@ TEST_F(HostTest, RefusesWhatIsNoOption) {
   const ChildProcess::Result stray = Run({"widget.sock"});
   EXPECT_EQ(stray.exit_code, 2);
   EXPECT_EQ(stray.errors,
-            "host: 'widget.sock' is no option\nSee host --help.\n");
+            "host: unexpected argument 'widget.sock'\nSee host --help.\n");
 }
 
 }  // namespace

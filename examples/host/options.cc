@@ -64,7 +64,7 @@ Options ParseOptions(int argc, char** argv) {
     }
   }
   if (optind < argc) {
-    std::cerr << "host: '" << argv[optind] << "' is no option\n";
+    std::cerr << "host: unexpected argument '" << argv[optind] << "'\n";
     RefuseUsage();
   }
   return options;

@@ -82,7 +82,7 @@ Options ParseOptions(int argc, char** argv) {
     }
   }
   if (optind < argc) {
-    RefuseUsage(absl::StrCat("'", argv[optind], "' is no option"));
+    RefuseUsage(absl::StrCat("unexpected argument '", argv[optind], "'"));
   }
   return options;
 }

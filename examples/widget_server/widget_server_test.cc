@@ -191,7 +191,7 @@ TEST_F(WidgetServerTest, RefusesWhatIsNoOption) {
   const ChildProcess::Result result = Run({"widget.sock"});
   EXPECT_EQ(result.exit_code, 2);
   EXPECT_EQ(result.errors,
-            "widget_server: 'widget.sock' is no option\n"
+            "widget_server: unexpected argument 'widget.sock'\n"
             "See widget_server --help.\n");
 }
 

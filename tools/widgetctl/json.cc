@@ -22,8 +22,9 @@ absl::Status ReadJson(absl::string_view what, const std::string& json,
                       Message* message) {
   absl::Status read = FromJson(json, message);
   if (read.ok()) return read;
-  return absl::InvalidArgumentError(absl::StrCat(
-      what, " is no JSON of ", message->GetTypeName(), ": ", read.message()));
+  return absl::InvalidArgumentError(
+      absl::StrCat(what, " is not valid JSON for ", message->GetTypeName(),
+                   ": ", read.message()));
 }
 
 std::unique_ptr<Message> NewMessage(const Descriptor* type) {

@@ -60,9 +60,10 @@ TEST(Json, TellsWhatItWasToBe) {
   EXPECT_TRUE(ReadJson("the key of Show", "{}", &id).ok());
   const absl::Status status =
       ReadJson("the key of Show", R"({"valeu": 7})", &id);
-  EXPECT_THAT(std::string(status.message()),
-              AllOf(StartsWith("the key of Show is no JSON of BrowserId: "),
-                    HasSubstr("valeu")));
+  EXPECT_THAT(
+      std::string(status.message()),
+      AllOf(StartsWith("the key of Show is not valid JSON for BrowserId: "),
+            HasSubstr("valeu")));
 }
 
 TEST(Json, IsWrittenOnOneLineInLowerCamelCaseWithoutDefaults) {

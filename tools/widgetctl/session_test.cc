@@ -132,18 +132,22 @@ TEST(Session, RefusesUnknownMethodsBehindAVerb) {
 }
 
 TEST(Session, RefusesJsonThatDoesNotFit) {
-  EXPECT_THAT(Complaint("watch WhenCursorChanged one\n"),
-              StartsWith("line 1: the key of WhenCursorChanged is no JSON of "
-                         "BrowserId: "));
-  EXPECT_THAT(Complaint("serve OnTakeFocus 1 => {\"took\": true}\n"),
-              StartsWith("line 1: the response of OnTakeFocus is no JSON of "
-                         "rpc.TakeFocusResponse: "));
-  EXPECT_THAT(Complaint("event WhenCursorChanged {\"cursor\": 1}\n"),
-              StartsWith("line 1: the event of WhenCursorChanged is no JSON of "
-                         "rpc.CursorChanged: "));
-  EXPECT_THAT(Complaint("called OnTakeFocus {\"direction\": 1}\n"),
-              StartsWith("line 1: the call of OnTakeFocus is no JSON of "
-                         "rpc.TakeFocus: "));
+  EXPECT_THAT(
+      Complaint("watch WhenCursorChanged one\n"),
+      StartsWith("line 1: the key of WhenCursorChanged is not valid JSON for "
+                 "BrowserId: "));
+  EXPECT_THAT(
+      Complaint("serve OnTakeFocus 1 => {\"took\": true}\n"),
+      StartsWith("line 1: the response of OnTakeFocus is not valid JSON for "
+                 "rpc.TakeFocusResponse: "));
+  EXPECT_THAT(
+      Complaint("event WhenCursorChanged {\"cursor\": 1}\n"),
+      StartsWith("line 1: the event of WhenCursorChanged is not valid JSON for "
+                 "rpc.CursorChanged: "));
+  EXPECT_THAT(
+      Complaint("called OnTakeFocus {\"direction\": 1}\n"),
+      StartsWith("line 1: the call of OnTakeFocus is not valid JSON for "
+                 "rpc.TakeFocus: "));
 }
 
 }  // namespace

@@ -281,9 +281,10 @@ TEST_F(WidgetctlStreamsTest, ServeFailsACallWhoseCommandPrintsNoResponse) {
   EXPECT_EQ(CallOne().status().code(), absl::StatusCode::kUnknown);
   const ChildProcess::Result result = serve.Wait();
   EXPECT_EQ(result.exit_code, 0);
-  EXPECT_THAT(result.errors,
-              HasSubstr(" failed: the response of OnTakeFocus is no JSON of "
-                        "rpc.TakeFocusResponse: "));
+  EXPECT_THAT(
+      result.errors,
+      HasSubstr(" failed: the response of OnTakeFocus is not valid JSON for "
+                "rpc.TakeFocusResponse: "));
 }
 
 TEST_F(WidgetctlStreamsTest, ServeTakesCallsWhileACommandRuns) {

@@ -195,8 +195,8 @@ const Misuse kMisuses[] = {
      "unary\n"},
     {"MalformedJson",
      {"call", "Show", R"({"value" 1})"},
-     "the request of Show is no JSON of BrowserId: "},
-    {"NoJson", {"call", "Show", ""}, "is no JSON of BrowserId: "},
+     "the request of Show is not valid JSON for BrowserId: "},
+    {"NoJson", {"call", "Show", ""}, "is not valid JSON for BrowserId: "},
     {"UnknownField", {"call", "Show", R"({"valeu": 1})"}, "valeu"},
     {"WrongValue",
      {"call", "SetDisplay", R"({"rotationDeg": "much"})"},
@@ -232,10 +232,10 @@ const Misuse kMisuses[] = {
      "the command is watch METHOD KEY\n"},
     {"WatchOfAKeyInWords",
      {"watch", "WhenCursorChanged", "one"},
-     "the key of WhenCursorChanged is no JSON of BrowserId: "},
+     "the key of WhenCursorChanged is not valid JSON for BrowserId: "},
     {"WatchOfATooLargeKey",
      {"watch", "WhenCursorChanged", "18446744073709551616"},
-     "the key of WhenCursorChanged is no JSON of BrowserId: "},
+     "the key of WhenCursorChanged is not valid JSON for BrowserId: "},
     {"WatchOfAKeyWithAnUnknownField",
      {"watch", "WhenCursorChanged", R"({"valeu": 1})"},
      "valeu"},
@@ -254,7 +254,7 @@ const Misuse kMisuses[] = {
      "the command is serve METHOD KEY\n"},
     {"ServeOfAKeyInWords",
      {"serve", "OnTakeFocus", "one", "--reply", "{}"},
-     "the key of OnTakeFocus is no JSON of BrowserId: "},
+     "the key of OnTakeFocus is not valid JSON for BrowserId: "},
     {"ServeWithoutAnswer",
      {"serve", "OnTakeFocus", "1"},
      "serve needs --reply JSON, --fail TEXT or --command COMMAND\n"},
@@ -263,7 +263,8 @@ const Misuse kMisuses[] = {
      "serve takes only one of --reply, --fail and --command\n"},
     {"ServeWithAReplyThatDoesNotFit",
      {"serve", "OnTakeFocus", "1", "--reply", R"({"took": true})"},
-     "the response of OnTakeFocus is no JSON of rpc.TakeFocusResponse: "},
+     "the response of OnTakeFocus is not valid JSON for "
+     "rpc.TakeFocusResponse: "},
     {"CountOfZero",
      {"watch", "WhenCursorChanged", "1", "--count", "0"},
      "--count takes a whole number above 0, not '0'\n"},
@@ -432,9 +433,10 @@ TEST_F(WidgetctlTest, RunMakesNoCallsIfALineIsWrong) {
               StartsWith(where + "WhenCursorChanged cannot be called"));
   EXPECT_THAT(
       complaint("Hide {\"value\" 1} => {}"),
-      StartsWith(where + "the request of Hide is no JSON of BrowserId"));
+      StartsWith(where +
+                 "the request of Hide is not valid JSON for BrowserId"));
   EXPECT_THAT(complaint("Hide {} => {\"value\": 1}"),
-              StartsWith(where + "the response of Hide is no JSON of "
+              StartsWith(where + "the response of Hide is not valid JSON for "
                                  "google.protobuf.Empty"));
   EXPECT_EQ(complaint("event WhenCursorChanged {}"),
             where + "WhenCursorChanged was not watched before\n");
