@@ -32,8 +32,12 @@ set(logging "zimbrel/src/core/common/logging/[a-z_]+\\.h")
 allow(zimbrel/src/core/common/logging "${logging}")
 allow(${rpc} "${contracts}" "rpc/transport/stream_message.pb.h" "rpc/event_subscription.pb.h")
 allow(${rpc}/stream "${rpc}/stream/[a-z_]+\\.h" "${contracts}" "${protos}" "${logging}")
-allow(${rpc}/transport "${rpc}/transport/[a-z_]+\\.h" "${contracts}" "rpc/transport/[a-z_]+\\.pb\\.h"
-      "rpc/event_subscription.pb.h" "rpc/stream_options.pb.h")
+set(transport_protos "rpc/transport/[a-z_]+\\.pb\\.h" "rpc/event_subscription\\.pb\\.h" "rpc/stream_options\\.pb\\.h")
+allow(${rpc}/transport/wire "${rpc}/transport/wire/[a-z_]+\\.h" "${rpc}/transport/frame_limits\\.h"
+      "${contracts}" ${transport_protos})
+allow(${rpc}/transport/server "${rpc}/transport/(server|wire)/[a-z_]+\\.h"
+      "${rpc}/transport/(server_limits|socket_server)\\.h" "${contracts}" ${transport_protos})
+allow(${rpc}/transport "${rpc}/transport/(wire/|server/)?[a-z_]+\\.h" "${contracts}" ${transport_protos})
 allow(${rpc}/generator "${rpc}/generator/[a-z_]+\\.h" "${rpc}/version\\.h")
 allow(gen/${rpc}/proto/rpc/browser "rpc/browser/[a-z_]+\\.(rpc|client)\\.h" "${contracts}" "${protos}"
       "${rpc}/stream/[a-z_]+\\.h" "${rpc}/transport/typed_client\\.h")

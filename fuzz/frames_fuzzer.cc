@@ -31,14 +31,14 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using google::protobuf::Descriptor;
@@ -127,7 +127,7 @@ static_assert(kCallers.size() == kCallTypes);
 
 const std::optional<rpc::transport::Hello>& Greeting() {
   static const std::optional<rpc::transport::Hello> hello =
-      Introduce(*rpc::BrowserWidgetRpc::descriptor());
+      internal::Introduce(*rpc::BrowserWidgetRpc::descriptor());
   return hello;
 }
 
@@ -456,15 +456,15 @@ class Play {
 };
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
                                       std::size_t size) {
-  orvane::Play play;
-  const std::size_t steps =
-      std::min(size / sizeof(orvane::Step), orvane::kMaxSteps);
+  orvane::testing::Play play;
+  const std::size_t steps = std::min(size / sizeof(orvane::testing::Step),
+                                     orvane::testing::kMaxSteps);
   for (std::size_t i = 0; i < steps; ++i) {
-    orvane::Step step;
+    orvane::testing::Step step;
     std::memcpy(&step, data + i * sizeof step, sizeof step);
     play.Take(step);
   }

@@ -16,7 +16,7 @@
 
 #include "examples/widget_server/page.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
 
 namespace widget_server {
 
@@ -167,16 +167,17 @@ class PageFixture : public ::testing::Test {
   }
 
   template <typename T>
-  void Serve(orvane::ScriptedHost<T>& host) {
+  void Serve(orvane::testing::ScriptedHost<T>& host) {
     host.Subscribe(kBrowser);
   }
   template <typename T>
-  void Answer(orvane::ScriptedHost<T>& host, orvane::ResponseOf<T> response) {
+  void Answer(orvane::testing::ScriptedHost<T>& host,
+              orvane::ResponseOf<T> response) {
     host.Answer(kBrowser, host.last_id(), std::move(response));
     loop_.RunUntilIdle();
   }
   template <typename T>
-  void Fail(orvane::ScriptedHost<T>& host) {
+  void Fail(orvane::testing::ScriptedHost<T>& host) {
     host.Fail(kBrowser, host.last_id());
     loop_.RunUntilIdle();
   }
@@ -199,16 +200,19 @@ class PageFixture : public ::testing::Test {
     Answer(focus_takers_, answer);
   }
 
-  const BrowserId kBrowser = orvane::BrowserKey(1);
+  const BrowserId kBrowser = orvane::testing::Browser(1);
   orvane::EventLoop loop_;
   RecordingService service_;
-  orvane::ScriptedHost<rpc::CreateWebDialog> dialogs_{&loop_, &service_};
-  orvane::ScriptedHost<rpc::ShowDropdown> lists_{&loop_, &service_};
-  orvane::ScriptedHost<rpc::TakeFocus> focus_takers_{&loop_, &service_};
-  orvane::ScriptedHost<rpc::AccessibilityRequestFocus> readers_{&loop_,
-                                                                &service_};
-  orvane::ScriptedHost<rpc::UpdateSurface> surfaces_{&loop_, &service_};
-  orvane::ScriptedHost<rpc::UpdateLayer> layers_{&loop_, &service_};
+  orvane::testing::ScriptedHost<rpc::CreateWebDialog> dialogs_{&loop_,
+                                                               &service_};
+  orvane::testing::ScriptedHost<rpc::ShowDropdown> lists_{&loop_, &service_};
+  orvane::testing::ScriptedHost<rpc::TakeFocus> focus_takers_{&loop_,
+                                                              &service_};
+  orvane::testing::ScriptedHost<rpc::AccessibilityRequestFocus> readers_{
+      &loop_, &service_};
+  orvane::testing::ScriptedHost<rpc::UpdateSurface> surfaces_{&loop_,
+                                                              &service_};
+  orvane::testing::ScriptedHost<rpc::UpdateLayer> layers_{&loop_, &service_};
   Viewport viewport_;
   std::shared_ptr<Page> page_ = std::make_shared<Page>(1, &service_);
 };

@@ -10,7 +10,7 @@
 
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
-#include "zimbrel/src/core/common/rpc/transport/framing.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
 
 namespace widgetctl {
 
@@ -65,7 +65,8 @@ absl::StatusOr<Subscription> Prepare(
 absl::StatusOr<std::unique_ptr<Message>> ReadMessage(
     const MethodDescriptor& method, std::string_view payload) {
   std::unique_ptr<Message> message = NewMessage(method.output_type());
-  if (!orvane::ParsePayload(payload, orvane::kMaxMessageDepth, message.get())) {
+  if (!orvane::internal::ParsePayload(payload, orvane::kMaxMessageDepth,
+                                      message.get())) {
     return absl::InternalError(
         absl::StrCat("the widget sent what is no ", message->GetTypeName()));
   }

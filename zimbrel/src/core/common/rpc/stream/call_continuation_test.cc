@@ -11,11 +11,11 @@
 
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/call_fixture.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/event_host.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/call_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/event_host.h"
+#include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -154,4 +154,4 @@ TEST_F(CallContinuationTest,
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

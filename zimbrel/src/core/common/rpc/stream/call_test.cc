@@ -14,10 +14,10 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/stream/testing/call_fixture.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/call_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using rpc::CreateWebDialog;
@@ -427,4 +427,4 @@ TEST_F(CallTest, MayBeCancelledWhileItsEntryIsBeingErased) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -16,9 +16,9 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/callback_stream.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/testing/heap_probe.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using rpc::TakeFocus;
@@ -224,4 +224,4 @@ void BM_Cancellation(benchmark::State& state) {
 BENCHMARK(BM_Cancellation)->ArgName("in_flight")->Arg(100);
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

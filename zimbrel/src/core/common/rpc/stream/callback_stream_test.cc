@@ -16,10 +16,10 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/stream/testing/call_fixture.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/call_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using google::protobuf::Message;
@@ -294,7 +294,7 @@ TEST_F(CallbackStreamTest, TheOneofOfAnErrorDoesNotMatter) {
 TEST_F(CallbackStreamTest, AnErrorOfAnUnknownKeyOrIdIsIgnored) {
   List(host, kBrowser, 1);
   host.stream().CallsOf(kOther);
-  host.Fail(BrowserKey(9), 1);
+  host.Fail(Browser(9), 1);
   host.Fail(kBrowser, 2);
   EXPECT_THAT(ends, IsEmpty());
   EXPECT_THAT(Pending(host, kBrowser), ElementsAre(1));
@@ -327,4 +327,4 @@ TEST_F(CallbackStreamTest, AnErrorWithAnEmptyPayloadIsOfTheEmptyKey) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

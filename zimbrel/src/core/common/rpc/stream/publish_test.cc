@@ -11,10 +11,10 @@
 
 #include "keys.pb.h"
 #include "proto2_keys.pb.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/event_host.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/testing/event_host.h"
+#include "zimbrel/src/core/common/rpc/testing/heap_probe.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -274,4 +274,4 @@ TEST_F(PublishTest, AnEntryThatListsOnlyTheGoneReachesNobody) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

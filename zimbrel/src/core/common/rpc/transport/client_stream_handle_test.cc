@@ -14,10 +14,10 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
+#include "zimbrel/src/core/common/rpc/testing/client_stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/client_stream_fixture.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -285,4 +285,4 @@ TEST_F(ClientStreamHandleTest, ABlockingCallInsideOnNextIsRefused) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

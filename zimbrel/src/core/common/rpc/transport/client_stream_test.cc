@@ -12,10 +12,10 @@
 #include "google/protobuf/empty.pb.h"
 #include "gtest/gtest.h"
 
+#include "zimbrel/src/core/common/rpc/testing/client_stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/client_stream_fixture.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -270,4 +270,4 @@ TEST_F(ClientStreamAfterItsEndTest, InsideOnEnd) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -20,15 +20,15 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.client.h"
+#include "zimbrel/src/core/common/rpc/testing/faulty_sockets.h"
+#include "zimbrel/src/core/common/rpc/testing/forked_process.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/faulty_sockets.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/forked_process.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -302,4 +302,4 @@ TEST_F(StoppedHostTest, LeavesNothingWhenItIsKilled) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

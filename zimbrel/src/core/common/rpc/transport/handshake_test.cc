@@ -1,4 +1,4 @@
-#include "zimbrel/src/core/common/rpc/transport/handshake.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/handshake.h"
 
 #include <cstdint>
 #include <memory>
@@ -15,17 +15,19 @@
 
 #include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using google::protobuf::ServiceDescriptor;
+using internal::CheckFit;
+using internal::Introduce;
 using rpc::transport::Hello;
 using rpc::transport::StreamMessage;
 using ::testing::AllOf;
@@ -330,4 +332,4 @@ TEST_F(ClientMeetsWidget, IsForOneServiceOnly) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

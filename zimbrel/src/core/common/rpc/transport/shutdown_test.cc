@@ -14,14 +14,14 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/then.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -239,4 +239,4 @@ TEST_F(ShutdownTest, ASecondOneDoesNothing) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -18,9 +18,9 @@
 
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
-#include "zimbrel/src/core/common/rpc/transport/frame_socket.h"
-#include "zimbrel/src/core/common/rpc/transport/handshake.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/handshake.h"
 
 namespace orvane {
 
@@ -30,6 +30,11 @@ using google::protobuf::MessageLite;
 using google::protobuf::MethodDescriptor;
 using google::protobuf::RpcController;
 using google::protobuf::ServiceDescriptor;
+using internal::CheckFit;
+using internal::FrameLimits;
+using internal::FrameSocket;
+using internal::Introduce;
+using internal::ParsePayload;
 using rpc::transport::Hello;
 using rpc::transport::StreamMessage;
 

@@ -13,7 +13,7 @@
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
-#include "zimbrel/src/core/common/rpc/transport/framing.h"
+#include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
 
 namespace orvane {
 

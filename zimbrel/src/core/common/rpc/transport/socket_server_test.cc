@@ -23,15 +23,15 @@
 #include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
-#include "zimbrel/src/core/common/rpc/transport/framing.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using google::protobuf::Closure;
@@ -616,4 +616,4 @@ TEST_F(SocketServerTest, AdoptRefusesWhatIsNoSocketAndClosesIt) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -16,13 +16,13 @@
 #include "gtest/gtest.h"
 
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/testing/forked_process.h"
+#include "zimbrel/src/core/common/rpc/testing/link.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/forked_process.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/link.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/then.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 enum class Kind { kUnary, kEvent, kCallback };
@@ -294,7 +294,7 @@ class StreamEndTest : public StreamFixture,
 
   void CutInAFrameOf(Link::End end) {
     loop.RunUntilIdle();
-    EXPECT_GT(link_.PassAllBut(end, 1), kFrameLengthBytes);
+    EXPECT_GT(link_.PassAllBut(end, 1), internal::kFrameLengthBytes);
     loop.RunUntilIdle();
     EXPECT_LE(widget.held.size(), 1u) << "half a call";
     EXPECT_EQ(ListedForTooltips(8), 0u) << "half a subscription";
@@ -402,4 +402,4 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -27,9 +27,9 @@
 #include "zimbrel/src/core/common/rpc/stream_messages.h"
 #include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
-#include "zimbrel/src/core/common/rpc/transport/framing.h"
 #include "zimbrel/src/core/common/rpc/transport/responder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
 
 namespace orvane {
 

@@ -1,0 +1,41 @@
+#include "zimbrel/src/core/common/rpc/testing/call_by_name.h"
+
+#include <memory>
+
+#include "absl/log/log.h"
+#include "google/protobuf/descriptor.h"
+
+#include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/testing/text.h"
+#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
+
+namespace orvane::testing {
+
+using google::protobuf::Message;
+using google::protobuf::MessageFactory;
+using google::protobuf::MethodDescriptor;
+
+namespace {
+
+std::unique_ptr<Message> NewMessage(const google::protobuf::Descriptor* type) {
+  return std::unique_ptr<Message>(
+      MessageFactory::generated_factory()->GetPrototype(type)->New());
+}
+
+}  // namespace
+
+absl::Status CallByName(orvane::SocketClient* client, const std::string& method,
+                        const std::string& request, Message* response) {
+  const MethodDescriptor* const found =
+      rpc::BrowserWidgetRpc::descriptor()->FindMethodByName(method);
+  if (found == nullptr) LOG(FATAL) << "no method " << method;
+  const std::unique_ptr<Message> sent = NewMessage(found->input_type());
+  Parse(request, sent.get());
+  const std::unique_ptr<Message> unused = NewMessage(found->output_type());
+  orvane::ClientController controller;
+  client->CallMethod(found, &controller, sent.get(),
+                     response != nullptr ? response : unused.get(), nullptr);
+  return controller.status();
+}
+
+}  // namespace orvane::testing
