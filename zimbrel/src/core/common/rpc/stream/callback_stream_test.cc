@@ -251,6 +251,24 @@ TEST_F(CallbackStreamTest, TheCallableThatDidNotRunIsDestroyedWithTheOther) {
   EXPECT_EQ(held.use_count(), 1);
 }
 
+// The entry used to be erased first, and what was added came into a new one.
+TEST_F(CallbackStreamTest,
+       CallablesAreDestroyedBeforeTheEntryIsLookedAtAndMayAddToIt) {
+  std::size_t entries = 0;
+  std::shared_ptr<void> adder(nullptr, [&](void*) {
+    entries = host.stream().pending_calls_.size();
+    EXPECT_THAT(Pending(host, kBrowser), IsEmpty()) << "not out of the table";
+    List(host, kBrowser, 2);
+  });
+  host.stream().CallsOf(kBrowser).second.emplace(
+      1, Stream::StreamCall{[adder](CreateWebDialog&) {},
+                            [](StreamCallFailure) { FAIL(); }});
+  adder.reset();
+  host.Answer(kBrowser, 1);
+  EXPECT_EQ(entries, 1u);
+  EXPECT_THAT(Pending(host, kBrowser), ElementsAre(2));
+}
+
 TEST_F(CallbackStreamTest, AnAnswerMayBeMovedFromWithItsKey) {
   std::string text;
   const auto take = [&](CreateWebDialog& reply) {

@@ -19,6 +19,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 constexpr std::uint64_t kBrowser = 7;
 
@@ -167,6 +168,18 @@ TEST_F(PublishTest, AllocatesNothingOnceItsBufferHasGrown) {
   Publish(key, event);
   const std::size_t after = heap_probe::Allocations();
   EXPECT_EQ(after, before);
+  first.Leave();
+}
+
+TEST_F(PublishTest, KeepsItsBufferUnlessTheEventWasUnusuallyLarge) {
+  first.Subscribe(kBrowser);
+  first.on_event = [](const std::string& payload) {
+    heap_probe::Watch(payload.data());
+  };
+  Publish(Browser(kBrowser), Tooltip(std::string(10'000, 'x')));
+  EXPECT_THAT(heap_probe::TakeFreed(), IsEmpty());
+  Publish(Browser(kBrowser), Tooltip(std::string(10'000'000, 'x')));
+  EXPECT_THAT(heap_probe::TakeFreed(), SizeIs(2)) << "the smaller one grew";
   first.Leave();
 }
 
