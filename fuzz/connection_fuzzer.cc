@@ -27,7 +27,7 @@
 using orvane::ConnectedPair;
 using orvane::EventLoop;
 using orvane::SocketServer;
-using orvane::internal::Introduce;
+using orvane::internal::MakeHello;
 using orvane::testing::CallFrame;
 using orvane::testing::RawPeer;
 using orvane::testing::RegisteredKeys;
@@ -41,7 +41,7 @@ constexpr std::size_t kMaxInputBytes = std::size_t{64} << 10;
 
 const std::optional<Hello>& ProperHello() {
   static const std::optional<Hello> hello =
-      Introduce(*rpc::BrowserWidgetRpc::descriptor());
+      MakeHello(*rpc::BrowserWidgetRpc::descriptor());
   return hello;
 }
 

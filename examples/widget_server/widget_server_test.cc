@@ -111,7 +111,9 @@ TEST_F(WidgetServerTest, WhileItIsStoppedCallsEndAtTheirDeadline) {
   browser.set_value(1);
   ASSERT_TRUE(widget.Unfocus(browser).ok());
   server->Signal(SIGSTOP);
-  EXPECT_EQ(widget.Unfocus(browser, absl::Milliseconds(10)).status().code(),
+  EXPECT_EQ(widget.Unfocus(browser, {.timeout = absl::Milliseconds(10)})
+                .status()
+                .code(),
             absl::StatusCode::kDeadlineExceeded);
   server->Signal(SIGCONT);
   EXPECT_TRUE(widget.Unfocus(browser).ok());

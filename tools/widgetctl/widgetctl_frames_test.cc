@@ -155,10 +155,11 @@ TEST_F(WidgetctlFramesTest, WatchEndsAtAnEventThatItCannotRead) {
   ChildProcess watch = Start({"watch", "WhenCursorChanged", "1"});
   const std::uint64_t stream = widget_.AcceptStream();
   widget_.Send(StreamMessage::KIND_NEXT, stream, "\xff");
-  EXPECT_THAT(watch.Wait(), Fails(1,
-                                  "widgetctl: WhenCursorChanged failed: the "
-                                  "widget sent what is no "
-                                  "rpc.CursorChanged\n"));
+  EXPECT_THAT(watch.Wait(),
+              Fails(1,
+                    "widgetctl: WhenCursorChanged failed: the "
+                    "widget sent a message that cannot be parsed as "
+                    "rpc.CursorChanged\n"));
 }
 
 TEST_F(WidgetctlFramesTest, ServeEndsAtAMessageThatIsNoCall) {

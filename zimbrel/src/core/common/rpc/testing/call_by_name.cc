@@ -7,7 +7,6 @@
 
 #include "rpc/browser/browser_widget.rpc.h"
 #include "zimbrel/src/core/common/rpc/testing/text.h"
-#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 
 namespace orvane::testing {
 
@@ -31,11 +30,9 @@ absl::Status CallByName(orvane::SocketClient* client, const std::string& method,
   if (found == nullptr) LOG(FATAL) << "no method " << method;
   const std::unique_ptr<Message> sent = NewMessage(found->input_type());
   Parse(request, sent.get());
-  const std::unique_ptr<Message> unused = NewMessage(found->output_type());
-  orvane::ClientController controller;
-  client->CallMethod(found, &controller, sent.get(),
-                     response != nullptr ? response : unused.get(), nullptr);
-  return controller.status();
+  const auto answer = client->CallAndWait(found, *sent);
+  if (answer.ok() && response != nullptr) response->CopyFrom(**answer);
+  return answer.status();
 }
 
 }  // namespace orvane::testing

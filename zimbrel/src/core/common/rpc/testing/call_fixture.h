@@ -60,23 +60,22 @@ class CallFixture : public CallbackStreamFixture {
     return ids;
   }
 
-  // Calls. The continuations tell `ends` and then run `then`.
-  absl::StatusOr<CallHandle> Ask(const BrowserId& browser,
-                                 const std::string& question,
-                                 std::function<void()> then = nullptr,
-                                 CallOptions options = {}) {
+  // Calls. The continuation tells `ends` and then runs `then`.
+  CallHandle Ask(const BrowserId& browser, const std::string& question,
+                 std::function<void()> then = nullptr,
+                 CallOptions options = {}) {
     rpc::CreateWebDialogCall dialog;
     dialog.mutable_prompt()->set_message(question);
     return Call<rpc::CreateWebDialog>(
         browser, std::move(dialog),
-        [this, question, then](const rpc::CreateWebDialogResponse& answer) {
-          ends.push_back(absl::StrCat(question, " ", answer.text()));
-          if (then) then();
-        },
-        [this, question, then](const absl::Status& why) {
-          ends.push_back(absl::StrCat(question, " ",
-                                      absl::StatusCodeToString(why.code()),
-                                      ": ", why.message()));
+        [this, question,
+         then](const absl::StatusOr<rpc::CreateWebDialogResponse>& answer) {
+          ends.push_back(answer.ok()
+                             ? absl::StrCat(question, " ", answer->text())
+                             : absl::StrCat(question, " ",
+                                            absl::StatusCodeToString(
+                                                answer.status().code()),
+                                            ": ", answer.status().message()));
           if (then) then();
         },
         options);

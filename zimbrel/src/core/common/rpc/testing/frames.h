@@ -17,8 +17,14 @@
 namespace orvane::testing {
 
 // Positions in the service of what the tests use.
+inline constexpr std::uint32_t kDetach = 3;
 inline constexpr std::uint32_t kShow = 5;
 inline constexpr std::uint32_t kHide = 6;
+inline constexpr std::uint32_t kMinimize = 7;
+inline constexpr std::uint32_t kRestore = 8;
+inline constexpr std::uint32_t kSetDisplay = 9;
+inline constexpr std::uint32_t kGetChromiumWindowHandle = 11;
+inline constexpr std::uint32_t kGetAccessibilityToken = 25;
 inline constexpr std::uint32_t kFirstStream = 40;
 inline constexpr std::uint32_t kWhenTooltipChanged = 41;
 inline constexpr std::uint32_t kWhenLiveRegionChanged = 45;

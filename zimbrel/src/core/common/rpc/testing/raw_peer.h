@@ -28,7 +28,7 @@ class RawPeer {
  public:
   explicit RawPeer(OwnedDescriptor descriptor)
       : RawPeer(std::move(descriptor),
-                internal::Introduce(*rpc::BrowserWidgetRpc::descriptor())) {}
+                internal::MakeHello(*rpc::BrowserWidgetRpc::descriptor())) {}
 
   // With a hello of the test's choice, or none.
   RawPeer(OwnedDescriptor descriptor,

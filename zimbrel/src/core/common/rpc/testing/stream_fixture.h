@@ -120,18 +120,17 @@ class StreamFixture : public ::testing::Test {
 
   // Calls the host that serves a browser. How that ends is told to `ends`, with
   // the question in front.
-  absl::StatusOr<CallHandle> Ask(std::uint64_t browser,
-                                 const std::string& question) {
+  CallHandle Ask(std::uint64_t browser, const std::string& question) {
     rpc::CreateWebDialogCall dialog;
     dialog.mutable_prompt()->set_message(question);
     return Call<rpc::CreateWebDialog>(
         Browser(browser), std::move(dialog),
-        [this, question](const rpc::CreateWebDialogResponse& answer) {
-          ends.push_back(absl::StrCat(question, " ", answer.text()));
-        },
-        [this, question](const absl::Status& why) {
-          ends.push_back(absl::StrCat(question, " ",
-                                      absl::StatusCodeToString(why.code())));
+        [this,
+         question](const absl::StatusOr<rpc::CreateWebDialogResponse>& answer) {
+          ends.push_back(absl::StrCat(
+              question, " ",
+              answer.ok() ? answer->text()
+                          : absl::StatusCodeToString(answer.status().code())));
         });
   }
 

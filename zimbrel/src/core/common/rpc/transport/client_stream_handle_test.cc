@@ -15,7 +15,6 @@
 #include "gtest/gtest.h"
 
 #include "zimbrel/src/core/common/rpc/testing/client_stream_fixture.h"
-#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 
 namespace orvane::testing {
 namespace {
@@ -271,17 +270,14 @@ TEST_F(ClientStreamHandleTest, OnEndMayOpenTheNextStream) {
 
 TEST_F(ClientStreamHandleTest, ABlockingCallInsideOnNextIsRefused) {
   Open();
-  ClientController controller;
+  absl::Status refused;
   on_next = [&] {
-    BrowserId request;
-    google::protobuf::Empty response;
-    client->CallMethod(Method(kShow), &controller, &request, &response,
-                       nullptr);
+    refused = client->CallAndWait(Method(kShow), BrowserId()).status();
     return absl::OkStatus();
   };
   Say(Event("a"));
   EXPECT_THAT(Settle(), ElementsAre("OPEN 1"));
-  EXPECT_TRUE(absl::IsFailedPrecondition(controller.status()));
+  EXPECT_TRUE(absl::IsFailedPrecondition(refused));
 }
 
 }  // namespace

@@ -26,7 +26,6 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/testing/then.h"
-#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 
 namespace orvane::testing {
 namespace {
@@ -118,23 +117,16 @@ class Host {
   // A handler published an event before it answered, so that came before.
   void CallAndHear() {
     const int before = events_received_;
-    ClientController controller;
-    const BrowserId request = Browser(browser_);
-    Empty response;
-    client_->CallMethod(Method(kHide), &controller, &request, &response,
-                        nullptr);
-    EXPECT_TRUE(controller.status().ok()) << controller.status();
+    const auto answer = client_->CallAndWait(Method(kHide), Browser(browser_));
+    EXPECT_TRUE(answer.ok()) << answer.status();
     EXPECT_GT(events_received_, before);
   }
 
   void DieInTheMiddleOfCalls() {
-    std::array<ClientController, kUnansweredCalls> controllers;
-    const BrowserId request = Browser(browser_);
-    Empty response;
     int ended = 0;
-    for (ClientController& controller : controllers) {
-      client_->CallMethod(Method(kHide), &controller, &request, &response,
-                          new Then([&ended] { ++ended; }));
+    for (int i = 0; i < kUnansweredCalls; ++i) {
+      client_->Call(Method(kHide), Browser(browser_),
+                    [&ended](const auto&) { ++ended; });
     }
     loop_.RunUntilIdle();
     client_.reset();
@@ -186,9 +178,10 @@ class AnsweringThreadsTest : public ::testing::Test {
   }
 
   void AskIfServed(std::uint64_t browser) {
-    const auto count = [this](const auto&) { ++dialogs_ended; };
-    if (Call<rpc::CreateWebDialog>(Browser(browser), {}, count, count).ok())
-      ++dialogs;
+    if (!IsServed<rpc::CreateWebDialog>(Browser(browser))) return;
+    ++dialogs;
+    Call<rpc::CreateWebDialog>(Browser(browser), {},
+                               [this](const auto&) { ++dialogs_ended; });
   }
 
   // Each life has a browser of its own.

@@ -1,4 +1,4 @@
-// One unary call on its way through a handler. Private to the transport.
+// One unary call on its way through a handler.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_CALL_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_CALL_H_
@@ -24,8 +24,7 @@ class ServerConnection;
 // Belongs to the handler from the moment it is called; Run() destroys it.
 //
 // Thread: made on the service thread. The handler may use the controller and
-// run `done` on any one thread at a time. Detach and Cancel: the service
-// thread.
+// run `done` on any one thread at a time. Abandon: the service thread.
 class ServerCall final : public google::protobuf::RpcController,
                          public google::protobuf::Closure {
  public:

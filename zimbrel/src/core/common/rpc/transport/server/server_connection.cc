@@ -76,24 +76,24 @@ ServerConnection::ServerConnection(EventLoop* loop, Service* service,
                                    ServerCounters* counters,
                                    FrameSocket::Socket socket,
                                    absl::AnyInvocable<void() &&> on_end)
-    : home_{.loop = loop,
-            .service = service,
-            .socket = std::make_shared<FrameSocket>(
-                std::move(socket),
-                FrameLimits{.max_frame_bytes = limits.max_frame_bytes,
-                            .max_queued_bytes = limits.max_queued_bytes,
-                            .max_frame_time = limits.max_frame_time},
-                this),
-            .limits = limits,
-            .counters = counters},
+    : context_{.loop = loop,
+               .service = service,
+               .socket = std::make_shared<FrameSocket>(
+                   std::move(socket),
+                   FrameLimits{.max_frame_bytes = limits.max_frame_bytes,
+                               .max_queued_bytes = limits.max_queued_bytes,
+                               .max_frame_time = limits.max_frame_time},
+                   this),
+               .limits = limits,
+               .counters = counters},
       mailbox_(loop->mailbox()),
       on_end_(std::move(on_end)) {
-  home_.socket->Start();
+  context_.socket->Start();
 }
 
 ServerConnection::~ServerConnection() {
   while (!streams_.empty()) EndStream(streams_.begin()->first);
-  home_.socket->Close();
+  context_.socket->Close();
   // Abandoning a call may run a handler's closure, which may do anything, such
   // as to answer the others.
   std::set<std::uint64_t> ids;
@@ -104,10 +104,10 @@ ServerConnection::~ServerConnection() {
 void ServerConnection::ShutDown() {
   is_shutting_down_ = true;
   // What a stream's end tells may destroy this object.
-  const std::shared_ptr<FrameSocket> socket = home_.socket;
+  const std::shared_ptr<FrameSocket> socket = context_.socket;
   while (socket->is_open() && !streams_.empty())
     EndStream(streams_.begin()->first);
-  if (socket->is_open()) EndIfAllIsAnswered();
+  if (socket->is_open()) FinishIfAllIsAnswered();
 }
 
 void ServerConnection::Refuse(FrameSocket::Socket socket,
@@ -123,7 +123,7 @@ void ServerConnection::Refuse(FrameSocket::Socket socket,
 }
 
 void ServerConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
-  if (!has_met_) return Meet(frame, payload);
+  if (!has_said_hello_) return OnHello(frame, payload);
   switch (frame.kind()) {
     case StreamMessage::KIND_CALL:
       return BeginCall(frame, payload);
@@ -137,40 +137,40 @@ void ServerConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
     case StreamMessage::KIND_COMPLETE:
       return CompleteStream(frame.stream_id());
     case StreamMessage::KIND_HELLO:
-      return ThrowOut(absl::InvalidArgumentError("a second hello"));
+      return Close(absl::InvalidArgumentError("a second hello"));
     default:
-      return ThrowOut(absl::InvalidArgumentError(absl::StrCat(
+      return Close(absl::InvalidArgumentError(absl::StrCat(
           "frame of kind ", frame.kind(), ", which a host never sends")));
   }
 }
 
-void ServerConnection::Meet(const StreamMessage& frame,
-                            std::string_view payload) {
-  Hello host;
+void ServerConnection::OnHello(const StreamMessage& frame,
+                               std::string_view payload) {
+  Hello client;
   if (frame.kind() != StreamMessage::KIND_HELLO ||
-      !ParsePayload(payload, kMaxMessageDepth, &host)) {
-    return ThrowOut(absl::InvalidArgumentError(
+      !ParsePayload(payload, kMaxMessageDepth, &client)) {
+    return Close(absl::InvalidArgumentError(
         "a connection begins with a hello, which tells the host's version"));
   }
-  const Hello widget = Introduce(*home_.service->GetDescriptor());
+  const Hello server = MakeHello(*context_.service->GetDescriptor());
   StreamMessage header;
   header.set_kind(StreamMessage::KIND_HELLO);
-  absl::Status met = home_.socket->Send(header, widget);
-  if (met.ok()) met = CheckFit(host, widget);
-  if (!met.ok()) return ThrowOut(met);
-  has_met_ = true;
+  absl::Status status = context_.socket->Send(header, server);
+  if (status.ok()) status = CompareHellos(client, server);
+  if (!status.ok()) return Close(status);
+  has_said_hello_ = true;
 }
 
-void ServerConnection::OnBroken(const absl::Status& why) { ThrowOut(why); }
+void ServerConnection::OnBroken(const absl::Status& why) { Close(why); }
 
-void ServerConnection::OnFull(const absl::Status& why) { ThrowOut(why); }
+void ServerConnection::OnFull(const absl::Status& why) { Close(why); }
 
-bool ServerConnection::TakeId(std::uint64_t id) {
+bool ServerConnection::AcceptId(std::uint64_t id) {
   if (id > last_id_) {
     last_id_ = id;
     return true;
   }
-  ThrowOut(absl::InvalidArgumentError(
+  Close(absl::InvalidArgumentError(
       absl::StrCat("stream id ", id, " after ", last_id_,
                    "; each must be greater than the last")));
   return false;
@@ -179,31 +179,32 @@ bool ServerConnection::TakeId(std::uint64_t id) {
 void ServerConnection::BeginCall(const StreamMessage& frame,
                                  std::string_view payload) {
   const std::uint64_t id = frame.stream_id();
-  if (!TakeId(id)) return;
+  if (!AcceptId(id)) return;
   if (is_shutting_down_) return SendError(id, ShuttingDown());
   const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
-      *home_.service->GetDescriptor(), frame.method(), /*stream=*/false);
+      *context_.service->GetDescriptor(), frame.method(), /*stream=*/false);
   if (!found.ok()) return SendError(id, found.status());
-  if (calls_.size() >= home_.limits.max_calls) {
+  if (calls_.size() >= context_.limits.max_calls) {
     return SendError(id, TooMany("calls in progress", calls_.size(),
-                                 home_.limits.max_calls));
+                                 context_.limits.max_calls));
   }
   const MethodDescriptor* const method = *found;
 
   auto call = std::make_unique<ServerCall>(
-      id, this, mailbox_, home_.service->GetRequestPrototype(method),
-      home_.service->GetResponsePrototype(method));
-  if (!ParsePayload(payload, home_.limits.max_message_depth,
+      id, this, mailbox_, context_.service->GetRequestPrototype(method),
+      context_.service->GetResponsePrototype(method));
+  if (!ParsePayload(payload, context_.limits.max_message_depth,
                     &call->request())) {
     return SendError(
-        id, absl::InvalidArgumentError(absl::StrCat(
-                "the request is no ", method->input_type()->full_name(),
-                ", or nested deeper than ", home_.limits.max_message_depth)));
+        id,
+        absl::InvalidArgumentError(absl::StrCat(
+            "the request is no ", method->input_type()->full_name(),
+            ", or nested deeper than ", context_.limits.max_message_depth)));
   }
   calls_.emplace(id, call.get());
   ServerCall* const handed_over = call.release();
-  home_.service->CallMethod(method, handed_over, &handed_over->request(),
-                            &handed_over->response(), handed_over);
+  context_.service->CallMethod(method, handed_over, &handed_over->request(),
+                               &handed_over->response(), handed_over);
   // The handler may have destroyed this object.
 }
 
@@ -214,35 +215,35 @@ void ServerConnection::Finish(const ServerCall& call) {
     StreamMessage header;
     header.set_kind(StreamMessage::KIND_REPLY);
     header.set_stream_id(call.id());
-    outcome = home_.socket->Send(header, call.response());
+    outcome = context_.socket->Send(header, call.response());
   }
   if (!outcome.ok()) SendError(call.id(), outcome);
-  EndIfAllIsAnswered();
+  FinishIfAllIsAnswered();
 }
 
-void ServerConnection::EndIfAllIsAnswered() {
-  if (is_shutting_down_ && calls_.empty()) home_.socket->FinishWriting();
+void ServerConnection::FinishIfAllIsAnswered() {
+  if (is_shutting_down_ && calls_.empty()) context_.socket->FinishWriting();
 }
 
 void ServerConnection::CancelCall(std::uint64_t id) {
   const auto node = calls_.extract(id);
   if (node.empty()) return;
-  EndIfAllIsAnswered();
+  FinishIfAllIsAnswered();
   node.mapped()->Abandon();
 }
 
 void ServerConnection::OpenStream(const StreamMessage& frame) {
   const std::uint64_t id = frame.stream_id();
-  if (!TakeId(id)) return;
+  if (!AcceptId(id)) return;
   if (is_shutting_down_) return SendError(id, ShuttingDown());
   const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
-      *home_.service->GetDescriptor(), frame.method(), /*stream=*/true);
+      *context_.service->GetDescriptor(), frame.method(), /*stream=*/true);
   if (!found.ok()) return SendError(id, found.status());
-  if (streams_.size() >= home_.limits.max_streams) {
-    return SendError(
-        id, TooMany("streams open", streams_.size(), home_.limits.max_streams));
+  if (streams_.size() >= context_.limits.max_streams) {
+    return SendError(id, TooMany("streams open", streams_.size(),
+                                 context_.limits.max_streams));
   }
-  streams_.emplace(id, std::make_unique<ServerStream>(&home_, *found, id));
+  streams_.emplace(id, std::make_unique<ServerStream>(&context_, *found, id));
 }
 
 void ServerConnection::Deliver(StreamMessage& frame, std::string_view payload) {
@@ -270,16 +271,16 @@ bool ServerConnection::EndStream(std::uint64_t id) {
 
 void ServerConnection::SendError(std::uint64_t id, const absl::Status& why) {
   // Fails only if the connection has ended, or is about to.
-  home_.socket->Send(ErrorFrame(id, why)).IgnoreError();
+  context_.socket->Send(ErrorFrame(id, why)).IgnoreError();
 }
 
-void ServerConnection::ThrowOut(const absl::Status& why) {
+void ServerConnection::Close(const absl::Status& why) {
   if (!why.ok()) {
-    ++home_.counters->thrown_out;
+    ++context_.counters->thrown_out;
     LOG_EVERY_N_SEC(WARNING, 1) << "a host was thrown out: " << why.message();
     SendError(0, why);
   }
-  home_.socket->Close();
+  context_.socket->Close();
   // Out of this object before it runs, since it destroys this object.
   auto on_end = std::move(on_end_);
   std::move(on_end)();

@@ -17,8 +17,9 @@ namespace {
 
 class Endpoint final : public StreamEndpoint {
  public:
-  Endpoint(StreamHome* home, const MethodDescriptor& method, std::uint64_t id)
-      : home_(home),
+  Endpoint(StreamContext* context, const MethodDescriptor& method,
+           std::uint64_t id)
+      : context_(context),
         keeps_latest_(method.options().GetExtension(rpc::slow_host) ==
                       rpc::SLOW_HOST_KEEP_LATEST) {
     header_.set_stream_id(id);
@@ -31,13 +32,14 @@ class Endpoint final : public StreamEndpoint {
   absl::Status SendEvent(const StreamMessage& frame,
                          const Message& key) override {
     if (!keeps_latest_) return Send(frame);
-    const std::uint64_t replaced = socket().replaced();
-    absl::Status sent =
+    const absl::StatusOr<Outbox::Placed> placed =
         socket().SendLatest(NextHeader(frame), frame.payload(), [&] {
           return Outbox::Slot{header_.stream_id(), key.SerializeAsString()};
         });
-    home_->counters->replaced_events += socket().replaced() - replaced;
-    return sent;
+    if (!placed.ok()) return placed.status();
+    if (*placed == Outbox::Placed::kInsteadOfAnother)
+      ++context_->counters->replaced_events;
+    return absl::OkStatus();
   }
 
   void Complete() override {
@@ -47,10 +49,10 @@ class Endpoint final : public StreamEndpoint {
     socket().Send(header_).IgnoreError();  // Without a connection nobody waits.
   }
 
-  EventLoop& loop() override { return *home_->loop; }
+  EventLoop& loop() override { return *context_->loop; }
 
  private:
-  FrameSocket& socket() { return *home_->socket; }
+  FrameSocket& socket() { return *context_->socket; }
 
   const StreamMessage& NextHeader(const StreamMessage& frame) {
     header_.set_kind(StreamMessage::KIND_NEXT);
@@ -58,7 +60,7 @@ class Endpoint final : public StreamEndpoint {
     return header_;
   }
 
-  StreamHome* const home_;
+  StreamContext* const context_;
   const bool keeps_latest_;
   StreamMessage header_;
 };
@@ -75,20 +77,20 @@ absl::Status NotA(const Message& message, int max_depth) {
 
 }  // namespace
 
-ServerStream::ServerStream(StreamHome* home, const MethodDescriptor* method,
-                           std::uint64_t id)
-    : home_(home),
+ServerStream::ServerStream(StreamContext* context,
+                           const MethodDescriptor* method, std::uint64_t id)
+    : context_(context),
       is_event_stream_(IsEventStream(*method)),
-      stream_(home->service->OpenStream(
+      stream_(context->service->OpenStream(
           method,
-          StreamChannel(std::make_unique<Endpoint>(home, *method, id)))),
+          StreamChannel(std::make_unique<Endpoint>(context, *method, id)))),
       callback_(
           is_event_stream_
               ? nullptr
-              : home->service->GetResponsePrototype(method).New(nullptr)) {}
+              : context->service->GetResponsePrototype(method).New(nullptr)) {}
 
 ServerStream::~ServerStream() {
-  Withdraw();
+  UnsubscribeFromAll();
   stream_->OnCompleted();
 }
 
@@ -110,8 +112,9 @@ absl::Status ServerStream::Error(StreamMessage& frame) {
 }
 
 absl::Status ServerStream::CheckSubscription(const std::string& payload) {
-  if (!ParsePayload(payload, home_->limits.max_message_depth, &subscription_))
-    return NotA(subscription_, home_->limits.max_message_depth);
+  if (!ParsePayload(payload, context_->limits.max_message_depth,
+                    &subscription_))
+    return NotA(subscription_, context_->limits.max_message_depth);
   switch (subscription_.action_case()) {
     case rpc::EventSubscription::kSubscribe:
       return AddKey(subscription_.subscribe().SerializeAsString());
@@ -127,24 +130,25 @@ absl::Status ServerStream::CheckSubscription(const std::string& payload) {
 
 absl::Status ServerStream::AddKey(std::string key) {
   if (keys_.contains(key)) return absl::OkStatus();
-  if (home_->subscriptions >= home_->limits.max_subscriptions) {
+  if (context_->subscriptions >= context_->limits.max_subscriptions) {
     return absl::ResourceExhaustedError(
-        absl::StrCat("subscription ", home_->subscriptions + 1,
-                     "; the limit is ", home_->limits.max_subscriptions));
+        absl::StrCat("subscription ", context_->subscriptions + 1,
+                     "; the limit is ", context_->limits.max_subscriptions));
   }
   keys_.insert(std::move(key));
-  ++home_->subscriptions;
+  ++context_->subscriptions;
   return absl::OkStatus();
 }
 
 void ServerStream::RemoveKey(const std::string& key) {
-  home_->subscriptions -= keys_.erase(key);
+  context_->subscriptions -= keys_.erase(key);
 }
 
 absl::Status ServerStream::ParseCallback(const std::string& payload) {
-  return ParsePayload(payload, home_->limits.max_message_depth, callback_.get())
+  return ParsePayload(payload, context_->limits.max_message_depth,
+                      callback_.get())
              ? absl::OkStatus()
-             : NotA(*callback_, home_->limits.max_message_depth);
+             : NotA(*callback_, context_->limits.max_message_depth);
 }
 
 absl::Status ServerStream::CheckCallbackFrame(const std::string& payload) {
@@ -159,8 +163,8 @@ absl::Status ServerStream::CheckCallbackFrame(const std::string& payload) {
       "a ", callback_->GetTypeName(), " that neither subscribes nor responds"));
 }
 
-void ServerStream::Withdraw() {
-  home_->subscriptions -= keys_.size();
+void ServerStream::UnsubscribeFromAll() {
+  context_->subscriptions -= keys_.size();
   for (const std::string& key : std::exchange(keys_, {})) {
     // Parses: it was serialised from the same type.
     subscription_.mutable_unsubscribe()->ParseFromString(key);

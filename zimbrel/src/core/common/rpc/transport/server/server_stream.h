@@ -1,5 +1,4 @@
-// The server's side of one stream that a host has opened. Private to the
-// transport.
+// The server's side of one stream that a client has opened.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_STREAM_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_STREAM_H_
@@ -19,44 +18,44 @@
 #include "zimbrel/src/core/common/rpc/abstract_stream.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/transport/server_counters.h"
 #include "zimbrel/src/core/common/rpc/transport/server_limits.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
 
 namespace orvane::internal {
 
-// What the streams of one connection share. Loop, service and limits outlive
-// it.
-struct StreamHome {
+// What a connection gives to its streams. Outlives them, and is outlived by all
+// that it points to.
+struct StreamContext {
   EventLoop* loop;
   Service* service;
   std::shared_ptr<FrameSocket> socket;
   const ServerLimits& limits;
   ServerCounters* counters;
-  std::size_t subscriptions = 0;  // Of all event streams together.
+  std::size_t subscriptions = 0;  // Of all its event streams together.
 };
 
-// Owns a stream of the service and stands between it and the host: what the
-// stream takes for impossible, since it would end the process, is refused here
-// in words. Remembers what the host is subscribed to, and withdraws it at the
-// end as an orderly host would have done: a stream leaves keys that it shares
-// with others only when it is told to.
+// Owns a stream of the service and checks what the client sends on it: a frame
+// that would end the process is refused here in words. Remembers what the
+// client is subscribed to and unsubscribes it at the end, since a stream leaves
+// keys that it shares with others only when it is told to.
 //
 // Thread: the service thread.
 class ServerStream {
  public:
-  // `method` is a streaming method of the service. `home` outlives the stream.
-  ServerStream(StreamHome* home,
+  // `method` is a streaming method of the service. `context` outlives the
+  // stream.
+  ServerStream(StreamContext* context,
                const google::protobuf::MethodDescriptor* method,
                std::uint64_t id);
   ServerStream(const ServerStream&) = delete;
   ServerStream& operator=(const ServerStream&) = delete;
 
-  // The host has ended the stream or is gone: withdraws what it is subscribed
-  // to, completes the stream and destroys it.
+  // The client has ended the stream or is gone: unsubscribes it from what is
+  // left, completes the stream and destroys it.
   ~ServerStream();
 
-  // Delivers a frame of the host. An error, in words for the host, means that
+  // Delivers a frame of the client. An error, in words for it, means that
   // the stream was not told of it.
   absl::Status Next(rpc::transport::StreamMessage& frame);
   absl::Status Error(rpc::transport::StreamMessage& frame);
@@ -67,9 +66,9 @@ class ServerStream {
   void RemoveKey(const std::string& key);
   absl::Status CheckCallbackFrame(const std::string& payload);
   absl::Status ParseCallback(const std::string& payload);
-  void Withdraw();
+  void UnsubscribeFromAll();
 
-  StreamHome* const home_;
+  StreamContext* const context_;
   const bool is_event_stream_;
   const std::unique_ptr<AbstractStream> stream_;
 

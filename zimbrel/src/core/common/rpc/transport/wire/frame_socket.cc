@@ -61,12 +61,19 @@ absl::Status FrameSocket::Send(const StreamMessage& header,
   return Queued(outbox_.Add(header, payload));
 }
 
-absl::Status FrameSocket::SendLatest(const StreamMessage& header,
-                                     std::string_view payload,
-                                     absl::FunctionRef<Outbox::Slot()> slot) {
+absl::StatusOr<Outbox::Placed> FrameSocket::SendLatest(
+    const StreamMessage& header, std::string_view payload,
+    absl::FunctionRef<Outbox::Slot()> slot) {
+  if (!awaiting_room_) {
+    if (absl::Status sent = Send(header, payload); !sent.ok()) return sent;
+    return Outbox::Placed::kBehindTheOthers;
+  }
   if (receiver_ == nullptr) return Closed();
-  return Queued(awaiting_room_ ? outbox_.Replace(header, payload, slot())
-                               : outbox_.Add(header, payload));
+  const absl::StatusOr<Outbox::Placed> placed =
+      outbox_.Replace(header, payload, slot());
+  if (absl::Status queued = Queued(placed.status()); !queued.ok())
+    return queued;
+  return placed;
 }
 
 absl::Status FrameSocket::Queued(absl::Status added) {

@@ -1,4 +1,4 @@
-// One connection, as frames in and frames out. Private to the transport.
+// One connection, as frames in and frames out.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_FRAME_SOCKET_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_FRAME_SOCKET_H_
@@ -12,6 +12,7 @@
 
 #include "absl/functional/function_ref.h"
 #include "absl/status/status.h"
+#include "absl/status/statusor.h"
 #include "asio/local/stream_protocol.hpp"
 #include "asio/steady_timer.hpp"
 #include "google/protobuf/message_lite.h"
@@ -66,15 +67,12 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   absl::Status Send(const rpc::transport::StreamMessage& header,
                     std::string_view payload = {});
 
-  // The same, but while the socket takes no more, the frame waits in its slot,
-  // for which `slot` is asked only then, and gives the place to the next there.
-  absl::Status SendLatest(const rpc::transport::StreamMessage& header,
-                          std::string_view payload,
-                          absl::FunctionRef<Outbox::Slot()> slot);
+  // Like Send, but while the peer is not reading, a later frame replaces the
+  // one that is queued in its slot. `slot` is called only then.
+  absl::StatusOr<Outbox::Placed> SendLatest(
+      const rpc::transport::StreamMessage& header, std::string_view payload,
+      absl::FunctionRef<Outbox::Slot()> slot);
   void DropSlots(std::uint64_t stream_id) { outbox_.DropSlots(stream_id); }
-
-  // How many frames gave their places to later ones.
-  std::uint64_t replaced() const { return outbox_.replaced(); }
 
   // Writes now what the socket takes. Otherwise that happens when some KiB are
   // queued, or the current batch of frames or the current task is done.

@@ -21,11 +21,12 @@ namespace orvane::internal {
 
 inline constexpr std::size_t kFrameLengthBytes = 4;
 
-// What a connection holds for its peer at the most; see ServerLimits.
+// What a connection holds for its peer at the most. ServerLimits and
+// ClientOptions document the members and have the defaults.
 struct FrameLimits {
-  std::size_t max_frame_bytes = kDefaultMaxFrameBytes;
-  std::size_t max_queued_bytes = std::size_t{16} << 20;
-  absl::Duration max_frame_time = absl::Seconds(10);
+  std::size_t max_frame_bytes;
+  std::size_t max_queued_bytes;
+  absl::Duration max_frame_time;
 };
 
 // Cuts received bytes into frames. Any split of the same bytes gives the same

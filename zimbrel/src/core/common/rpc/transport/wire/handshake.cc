@@ -54,16 +54,16 @@ std::string InWords(const Hello& hello) {
                 ")"));
 }
 
-absl::Status Misfit(const Hello& host, const Hello& widget,
+absl::Status Misfit(const Hello& client, const Hello& server,
                     absl::string_view where) {
   return absl::FailedPreconditionError(absl::StrCat(
       "host and widget do not fit: they differ in ", where,
-      "; the host speaks ", InWords(host), ", the widget ", InWords(widget)));
+      "; the host speaks ", InWords(client), ", the widget ", InWords(server)));
 }
 
 }  // namespace
 
-Hello Introduce(const ServiceDescriptor& service) {
+Hello MakeHello(const ServiceDescriptor& service) {
   Hello hello;
   hello.set_oldest_protocol(kProtocol);
   hello.set_newest_protocol(kProtocol);
@@ -76,20 +76,20 @@ Hello Introduce(const ServiceDescriptor& service) {
   return hello;
 }
 
-absl::Status CheckFit(const Hello& host, const Hello& widget) {
+absl::Status CompareHellos(const Hello& client, const Hello& server) {
   const std::uint32_t spoken =
-      std::min(host.newest_protocol(), widget.newest_protocol());
-  if (spoken < std::max(host.oldest_protocol(), widget.oldest_protocol()))
-    return Misfit(host, widget, "protocol");
-  if (host.service() != widget.service())
-    return Misfit(host, widget, "service");
-  const int shared = std::min(host.methods_size(), widget.methods_size());
+      std::min(client.newest_protocol(), server.newest_protocol());
+  if (spoken < std::max(client.oldest_protocol(), server.oldest_protocol()))
+    return Misfit(client, server, "protocol");
+  if (client.service() != server.service())
+    return Misfit(client, server, "service");
+  const int shared = std::min(client.methods_size(), server.methods_size());
   const auto differs =
-      std::mismatch(host.methods().begin(), host.methods().begin() + shared,
-                    widget.methods().begin());
-  const auto first = differs.first - host.methods().begin();
+      std::mismatch(client.methods().begin(), client.methods().begin() + shared,
+                    server.methods().begin());
+  const auto first = differs.first - client.methods().begin();
   if (first < shared)
-    return Misfit(host, widget, absl::StrCat("method ", first));
+    return Misfit(client, server, absl::StrCat("method ", first));
   return absl::OkStatus();
 }
 

@@ -12,13 +12,13 @@
 namespace orvane::internal {
 
 // The hello of an end that knows this version of the service.
-rpc::transport::Hello Introduce(
+rpc::transport::Hello MakeHello(
     const google::protobuf::ServiceDescriptor& service);
 
-// Whether host and widget can work together. If not, kFailedPrecondition in
+// Whether client and server can work together. If not, kFailedPrecondition in
 // words that tell both versions: the same ones at either end.
-absl::Status CheckFit(const rpc::transport::Hello& host,
-                      const rpc::transport::Hello& widget);
+absl::Status CompareHellos(const rpc::transport::Hello& client,
+                           const rpc::transport::Hello& server);
 
 }  // namespace orvane::internal
 

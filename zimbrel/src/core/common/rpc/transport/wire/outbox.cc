@@ -21,8 +21,9 @@ absl::Status Outbox::Add(const StreamMessage& header,
   return AppendFrame(header, payload, limits_.max_frame_bytes, &queue_);
 }
 
-absl::Status Outbox::Replace(const StreamMessage& header,
-                             std::string_view payload, Slot slot) {
+absl::StatusOr<Outbox::Placed> Outbox::Replace(const StreamMessage& header,
+                                               std::string_view payload,
+                                               Slot slot) {
   if (!slots_.contains(slot)) {
     if (absl::Status room = CheckRoom(); !room.ok()) return room;
   }
@@ -33,11 +34,10 @@ absl::Status Outbox::Replace(const StreamMessage& header,
     return appended;
   }
   const auto [place, is_new] = slots_.try_emplace(std::move(slot));
-  if (!is_new) ++replaced_;
   slot_bytes_ -= place->second.size();
   place->second = frame.content();
   slot_bytes_ += place->second.size();
-  return absl::OkStatus();
+  return is_new ? Placed::kBehindTheOthers : Placed::kInsteadOfAnother;
 }
 
 void Outbox::DropSlots(std::uint64_t stream_id) {

@@ -1,5 +1,4 @@
-// What one end of a connection has to say to the other. Private to the
-// transport.
+// What one end of a connection has to say to the other.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_OUTBOX_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_OUTBOX_H_
@@ -12,6 +11,7 @@
 #include <string_view>
 
 #include "absl/status/status.h"
+#include "absl/status/statusor.h"
 #include "google/protobuf/message_lite.h"
 
 #include "rpc/transport/stream_message.pb.h"
@@ -24,6 +24,9 @@ namespace orvane::internal {
 // these only the latest of each slot waits, behind all that is queued.
 class Outbox {
  public:
+  // Where a frame was queued.
+  enum class Placed { kBehindTheOthers, kInsteadOfAnother };
+
   struct Slot {
     std::uint64_t stream_id;
     std::string key;
@@ -42,9 +45,9 @@ class Outbox {
   absl::Status Add(const rpc::transport::StreamMessage& header,
                    std::string_view payload);
 
-  // The same, into a slot: in place of the frame that waits there, if any.
-  absl::Status Replace(const rpc::transport::StreamMessage& header,
-                       std::string_view payload, Slot slot);
+  // Queues a frame in a slot, in place of the frame that waits there, if any.
+  absl::StatusOr<Placed> Replace(const rpc::transport::StreamMessage& header,
+                                 std::string_view payload, Slot slot);
 
   // Forgets what waits in a stream's slots.
   void DropSlots(std::uint64_t stream_id);
@@ -59,9 +62,6 @@ class Outbox {
   // Whether a frame was refused because too many bytes waited.
   bool has_overflowed() const { return has_overflowed_; }
 
-  // How many frames gave their places to later ones.
-  std::uint64_t replaced() const { return replaced_; }
-
  private:
   absl::Status CheckRoom();
 
@@ -70,7 +70,6 @@ class Outbox {
   std::map<Slot, std::string> slots_;  // Each a whole frame.
   std::size_t slot_bytes_ = 0;
   bool has_overflowed_ = false;
-  std::uint64_t replaced_ = 0;
 };
 
 }  // namespace orvane::internal

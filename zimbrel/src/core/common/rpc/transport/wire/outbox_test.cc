@@ -44,7 +44,9 @@ class OutboxTest : public ::testing::Test {
     return payloads;
   }
 
-  Outbox outbox{FrameLimits{.max_queued_bytes = 2 * BytesOf(10)}};
+  Outbox outbox{FrameLimits{.max_frame_bytes = kDefaultMaxFrameBytes,
+                            .max_queued_bytes = 2 * BytesOf(10),
+                            .max_frame_time = absl::InfiniteDuration()}};
 };
 
 TEST_F(OutboxTest, FramesLeaveInOrder) {
@@ -88,18 +90,21 @@ TEST_F(OutboxTest, AFrameThatIsTooLongLeavesTheRestAlone) {
 }
 
 TEST_F(OutboxTest, TheLatestOfASlotLeavesBehindWhatIsQueued) {
-  EXPECT_TRUE(outbox.Replace({}, "old", {1, "key"}).ok());
+  EXPECT_EQ(*outbox.Replace({}, "old", {1, "key"}),
+            Outbox::Placed::kBehindTheOthers);
   EXPECT_TRUE(outbox.Add({}, "a").ok());
-  EXPECT_TRUE(outbox.Replace({}, "new", {1, "key"}).ok());
+  EXPECT_EQ(*outbox.Replace({}, "new", {1, "key"}),
+            Outbox::Placed::kInsteadOfAnother);
   EXPECT_THAT(Drain(), ElementsAre("a", "new"));
-  EXPECT_EQ(outbox.replaced(), 1u);
 }
 
 TEST_F(OutboxTest, EachStreamAndKeyHasASlotOfItsOwn) {
-  EXPECT_TRUE(outbox.Replace({}, "a", {1, "x"}).ok());
-  EXPECT_TRUE(outbox.Replace({}, "b", {1, "y"}).ok());
-  EXPECT_TRUE(outbox.Replace({}, "c", {2, "x"}).ok());
-  EXPECT_EQ(outbox.replaced(), 0u);
+  EXPECT_EQ(*outbox.Replace({}, "a", {1, "x"}),
+            Outbox::Placed::kBehindTheOthers);
+  EXPECT_EQ(*outbox.Replace({}, "b", {1, "y"}),
+            Outbox::Placed::kBehindTheOthers);
+  EXPECT_EQ(*outbox.Replace({}, "c", {2, "x"}),
+            Outbox::Placed::kBehindTheOthers);
   EXPECT_THAT(Drain(), ElementsAre("a", "b", "c"));
 }
 
