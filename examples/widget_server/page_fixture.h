@@ -135,6 +135,7 @@ class PageFixture : public ::testing::Test {
     *event.mutable_pointer()->mutable_position() = position;
     event.set_button(button);
     page_->MousePress(event);
+    loop_.RunUntilIdle();  // A call that nobody serves ends here.
   }
   void Release(const rpc::PointDip& position, std::uint32_t click_count = 1,
                rpc::MouseButton button = rpc::MOUSE_BUTTON_PRIMARY) {
@@ -143,6 +144,7 @@ class PageFixture : public ::testing::Test {
     event.set_button(button);
     event.set_click_count(click_count);
     page_->MouseRelease(event);
+    loop_.RunUntilIdle();
   }
   void Click(ElementId element) {
     Press(Middle(element));
@@ -152,18 +154,21 @@ class PageFixture : public ::testing::Test {
     rpc::KeyTypeRequest event;
     event.set_text(text);
     page_->KeyType(event);
+    loop_.RunUntilIdle();
   }
   void Tab(std::uint32_t modifiers = 0) {
     rpc::KeyPressRequest event;
     event.mutable_key()->set_key("Tab");
     event.mutable_input()->set_modifiers(modifiers);
     page_->KeyPress(event);
+    loop_.RunUntilIdle();
   }
   void ShiftTab() { Tab(rpc::MODIFIER_FLAG_SHIFT); }
   void Focus(rpc::FocusReason reason) {
     rpc::FocusRequest event;
     event.set_reason(reason);
     page_->Focus(event);
+    loop_.RunUntilIdle();
   }
 
   template <typename T>

@@ -161,7 +161,7 @@ void CallAndAnswer(benchmark::State& state, std::int64_t in_flight, int keys,
   for (auto _ : state) {
     for (std::int64_t i = 0; i < in_flight; ++i) {
       benchmark::DoNotOptimize(Call<TakeFocus>(
-          key, {}, [&answers](const auto& answer) { answers += answer.ok(); },
+          key, {}, [&answers](const auto& ended) { answers += ended.ok(); },
           options));
     }
     world.Answer(answer);
