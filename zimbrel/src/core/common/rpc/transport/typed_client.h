@@ -44,22 +44,22 @@ namespace internal {
 using EventKey = std::remove_cvref_t<
     decltype(std::declval<rpc::EventSubscription>().subscribe())>;
 
+// SocketClient::Call and CallAndWait, with the type of the response.
 template <typename Response>
 CallHandle Call(SocketClient* client,
                 const google::protobuf::MethodDescriptor* method,
                 const google::protobuf::Message& request,
                 OnAnswer<Response> on_answer, const CallOptions& options);
-
 template <typename Response>
 absl::StatusOr<Response> CallAndWait(
     SocketClient* client, const google::protobuf::MethodDescriptor* method,
     const google::protobuf::Message& request, const CallOptions& options);
 
+// WatchEvents and ServeCalls, with the types of their messages.
 template <EventMessage T>
 std::unique_ptr<ClientStream> Watch(
     SocketClient* client, const google::protobuf::MethodDescriptor* method,
     const EventKey& key, OnEvent<T> on_event, OnEnd on_end);
-
 template <CallMessage T>
 std::unique_ptr<ClientStream> Serve(
     SocketClient* client, const google::protobuf::MethodDescriptor* method,
