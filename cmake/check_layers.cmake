@@ -1,15 +1,19 @@
 # cmake -DROOT=dir -P check_layers.cmake
 #
 # Who may include whom. An arrow that is not listed here is a mistake in the
-# architecture, so it fails a test. Tests themselves may include anything.
-set(rpc "zimbrel/src/core/common/rpc")
-set(contracts "${rpc}/[a-z_]+\\.h")
-set(protos "rpc/[a-z_/]+\\.pb\\.h")
+# architecture, so it fails a test, and so does a folder that is not listed.
+# Tests, benchmarks and fixtures beside them may include anything.
+
+cmake_policy(VERSION 3.25)
+
+set(listed_folders "")
 
 function(allow folder)
   list(JOIN ARGN "|" allowed)
+  list(APPEND listed_folders "${folder}")
+  set(listed_folders "${listed_folders}" PARENT_SCOPE)
   file(GLOB files RELATIVE "${ROOT}" "${ROOT}/${folder}/*.h" "${ROOT}/${folder}/*.cc")
-  list(FILTER files EXCLUDE REGEX "_(test|benchmark)\\.cc$")
+  list(FILTER files EXCLUDE REGEX "_(test|benchmark|fixture)\\.(h|cc)$")
   if(NOT files)
     message(SEND_ERROR "${folder} holds no sources")
   endif()
@@ -18,7 +22,7 @@ function(allow folder)
     # includes of its output further below.
     file(READ "${ROOT}/${file}" text)
     string(REGEX REPLACE "\nnamespace .*" "" text "${text}")
-    string(REGEX MATCHALL "#include \"(zimbrel|rpc|examples|tools|gen)/[^\"]+" lines "${text}")
+    string(REGEX MATCHALL "#include \"(${ours})/[^\"]+" lines "${text}")
     foreach(line IN LISTS lines)
       string(REPLACE "#include \"" "" included "${line}")
       if(NOT included MATCHES "^(${allowed})$")
@@ -28,12 +32,67 @@ function(allow folder)
   endforeach()
 endfunction()
 
+set(ours "zimbrel|rpc|orvane|examples|tools|gen|benchmarks|fuzz|docs|building")
+
+set(rpc "zimbrel/src/core/common/rpc")
 set(logging "zimbrel/src/core/common/logging/[a-z_]+\\.h")
+set(contracts "${rpc}/[a-z_]+\\.h")
+set(protos "rpc/[a-z_/]+\\.pb\\.h")
+set(transport_protos "rpc/transport/[a-z_]+\\.pb\\.h" "rpc/event_subscription\\.pb\\.h"
+    "rpc/stream_options\\.pb\\.h")
+set(generated "rpc/browser/[a-z_]+\\.(rpc|client)\\.h")
+# What applications include, and of it what a transport's own parts may.
+set(server_api "orvane/server\\.h" "${rpc}/stream/(call|publish)\\.h"
+    "${rpc}/transport/(in_process|server_[a-z]+|socket_server|unix_socket)\\.h")
+set(client_api "orvane/client\\.h"
+    "${rpc}/transport/(client_stream|in_process|responder|socket_client|subscriptions|typed_client|unix_socket)\\.h")
+set(api "${server_api}" "${client_api}" "${contracts}" "${protos}" "${generated}" "${logging}")
+
+# The runtime.
 allow(zimbrel/src/core/common/logging "${logging}")
 allow(${rpc} "${contracts}" "rpc/transport/stream_message.pb.h" "rpc/event_subscription.pb.h")
 allow(${rpc}/stream "${rpc}/stream/[a-z_]+\\.h" "${contracts}" "${protos}" "${logging}")
-allow(${rpc}/transport "${rpc}/transport/[a-z_]+\\.h" "${contracts}" "rpc/transport/[a-z_]+\\.pb\\.h"
-      "rpc/event_subscription.pb.h" "rpc/stream_options.pb.h")
+allow(${rpc}/transport/wire "${rpc}/transport/wire/[a-z_]+\\.h" "${rpc}/transport/frame_limits\\.h"
+      "${contracts}" ${transport_protos})
+allow(${rpc}/transport/server "${rpc}/transport/(server|wire)/[a-z_]+\\.h"
+      "${rpc}/transport/(frame_limits|server_counters|server_limits)\\.h" "${contracts}"
+      ${transport_protos})
+allow(${rpc}/transport/client "${rpc}/transport/(client|wire)/[a-z_]+\\.h"
+      "${rpc}/transport/(frame_limits|client_stream)\\.h" "${contracts}" ${transport_protos})
+allow(${rpc}/transport "${rpc}/transport/((client|server|wire)/)?[a-z_]+\\.h" "${contracts}"
+      ${transport_protos})
+allow(orvane "${contracts}" ${server_api} ${client_api})
+
+# What is generated, and the generator.
 allow(${rpc}/generator "${rpc}/generator/[a-z_]+\\.h" "${rpc}/version\\.h")
-allow(gen/${rpc}/proto/rpc/browser "rpc/browser/[a-z_]+\\.(rpc|client)\\.h" "${contracts}" "${protos}"
+allow(gen/${rpc}/proto/rpc/browser "${generated}" "${contracts}" "${protos}"
       "${rpc}/stream/[a-z_]+\\.h" "${rpc}/transport/typed_client\\.h")
+
+# Programs. None of the runtime is private to them but what their tests need.
+allow(examples ${api})
+allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
+allow(examples/host "examples/host/[a-z_]+\\.h" ${api})
+allow(examples/stranger ${api})
+allow(docs/examples ${api} "docs/examples/[a-z_.]+\\.h")
+allow(tools/widgetctl "tools/widgetctl/[a-z_]+\\.h" ${api})
+allow(benchmarks "benchmarks/[a-z_.]+\\.h" ${api})
+allow(benchmarks/transport "benchmarks/transport/[a-z_.]+\\.h" ${api})
+allow(benchmarks/grpc "benchmarks/transport/[a-z_.]+\\.h" "rpc/[a-z_/]+\\.h")
+allow(benchmarks/capnp "benchmarks/(transport|capnp)/[a-z_.]+\\.h")
+
+# What only tests use.
+allow(${rpc}/testing "${rpc}/testing/[a-z_]+\\.h" "${rpc}/stream/[a-z_]+\\.h"
+      "${rpc}/transport/wire/[a-z_]+\\.h" ${api} "${rpc}/transport/frame_limits\\.h")
+allow(fuzz "${rpc}/testing/[a-z_]+\\.h" "${rpc}/stream/[a-z_]+\\.h"
+      "${rpc}/transport/wire/[a-z_]+\\.h" "examples/widget_server/[a-z_]+\\.h"
+      "tools/widgetctl/[a-z_]+\\.h" ${api})
+
+# A folder of tests alone needs no line.
+file(GLOB_RECURSE all RELATIVE "${ROOT}" "${ROOT}/*.h" "${ROOT}/*.cc")
+list(FILTER all EXCLUDE REGEX "^(build|cmake|\\.git)/|/testdata/|_(test|benchmark|fixture)\\.(h|cc)$|/node_modules/")
+foreach(file IN LISTS all)
+  cmake_path(GET file PARENT_PATH folder)
+  if(NOT folder IN_LIST listed_folders)
+    message(SEND_ERROR "${folder} is not listed: nothing says what ${file} may include")
+  endif()
+endforeach()

@@ -4,10 +4,8 @@
 #include <iostream>
 #include <string>
 
+#include "orvane/server.h"
 #include "rpc/browser/browser_widget.rpc.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 class HelloWidget final : public rpc::BrowserWidgetRpc {
   void Show(google::protobuf::RpcController*, const BrowserId* request,

@@ -4,29 +4,29 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/call.h"
-#include "examples/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/call_by_name.h"
+#include "zimbrel/src/core/common/rpc/testing/child_process.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 
 namespace {
 
-using ::example_testing::Call;
+using ::orvane::testing::CallByName;
 
 // Runs the programs themselves, whose paths are HELLO_SERVER and HELLO_HOST.
 TEST(HelloServer, ServesShowAndNothingElse) {
-  const orvane::TemporaryFolder folder;
+  const orvane::testing::TemporaryFolder folder;
   const std::string socket = folder.path() + "/hello.sock";
-  example_testing::ChildProcess server({HELLO_SERVER, socket});
+  orvane::testing::ChildProcess server({HELLO_SERVER, socket});
   ASSERT_EQ(server.ReadLine(), "hello_server listens at " + socket);
 
   orvane::EventLoop loop;
   const auto client = orvane::SocketClient::Connect(&loop, socket);
   ASSERT_TRUE(client.ok()) << client.status();
-  EXPECT_EQ(Call(client->get(), "Show", "value: 7"), absl::OkStatus());
+  EXPECT_EQ(CallByName(client->get(), "Show", "value: 7"), absl::OkStatus());
   EXPECT_EQ(server.ReadLine(), "Hello from browser 7");
-  EXPECT_EQ(Call(client->get(), "Hide", "value: 7").message(),
+  EXPECT_EQ(CallByName(client->get(), "Hide", "value: 7").message(),
             "Method Hide() not implemented.");
 
   server.Signal(SIGTERM);
@@ -34,12 +34,12 @@ TEST(HelloServer, ServesShowAndNothingElse) {
 }
 
 TEST(HelloHost, ShowsABrowserAndStaysUntilTheWidgetGoes) {
-  const orvane::TemporaryFolder folder;
+  const orvane::testing::TemporaryFolder folder;
   const std::string socket = folder.path() + "/hello.sock";
-  example_testing::ChildProcess server({HELLO_SERVER, socket});
+  orvane::testing::ChildProcess server({HELLO_SERVER, socket});
   ASSERT_EQ(server.ReadLine(), "hello_server listens at " + socket);
 
-  example_testing::ChildProcess host({HELLO_HOST, socket});
+  orvane::testing::ChildProcess host({HELLO_HOST, socket});
   EXPECT_EQ(server.ReadLine(), "Hello from browser 7");
   EXPECT_EQ(host.ReadLine(), "browser 7 is shown");
   server.Signal(SIGTERM);
@@ -48,9 +48,9 @@ TEST(HelloHost, ShowsABrowserAndStaysUntilTheWidgetGoes) {
 }
 
 TEST(HelloHost, SaysThatNobodyListens) {
-  const orvane::TemporaryFolder folder;
-  const example_testing::ChildProcess::Result host =
-      example_testing::ChildProcess({HELLO_HOST, folder.path() + "/none"})
+  const orvane::testing::TemporaryFolder folder;
+  const orvane::testing::ChildProcess::Result host =
+      orvane::testing::ChildProcess({HELLO_HOST, folder.path() + "/none"})
           .Wait();
   EXPECT_EQ(host.exit_code, 1);
   EXPECT_THAT(host.errors, testing::HasSubstr("no server listens at"));

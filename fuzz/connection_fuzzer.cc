@@ -17,20 +17,20 @@
 #include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/handshake.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/handshake.h"
 
-using orvane::CallFrame;
 using orvane::ConnectedPair;
 using orvane::EventLoop;
-using orvane::Introduce;
-using orvane::RawPeer;
-using orvane::RegisteredKeys;
 using orvane::SocketServer;
+using orvane::internal::MakeHello;
+using orvane::testing::CallFrame;
+using orvane::testing::RawPeer;
+using orvane::testing::RegisteredKeys;
 using rpc::transport::Hello;
 using rpc::transport::StreamMessage;
 
@@ -41,7 +41,7 @@ constexpr std::size_t kMaxInputBytes = std::size_t{64} << 10;
 
 const std::optional<Hello>& ProperHello() {
   static const std::optional<Hello> hello =
-      Introduce(*rpc::BrowserWidgetRpc::descriptor());
+      MakeHello(*rpc::BrowserWidgetRpc::descriptor());
   return hello;
 }
 
@@ -52,7 +52,7 @@ RawPeer Connect(SocketServer& server, const std::optional<Hello>& hello) {
 }
 
 void ExpectServed(RawPeer& host, EventLoop& loop) {
-  host.Send(CallFrame(1, orvane::kShow));
+  host.Send(CallFrame(1, orvane::testing::kShow));
   loop.RunUntilIdle();
   host.Receive();
   ASSERT_EQ(host.frames.size(), 1u);

@@ -31,14 +31,14 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/then.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using google::protobuf::Descriptor;
@@ -101,12 +101,11 @@ std::size_t PublishEmpty(std::uint64_t browser) {
 }
 
 template <typename T>
-absl::StatusOr<CallHandle> CallAbout(std::uint64_t browser,
-                                     const std::function<void()>& on_end,
-                                     CallOptions options) {
+CallHandle CallAbout(std::uint64_t browser, const std::function<void()>& on_end,
+                     CallOptions options) {
   return Call<T>(
       Browser(browser), CallOf<T>(), [on_end](const auto&) { on_end(); },
-      [on_end](const absl::Status&) { on_end(); }, options);
+      options);
 }
 
 // In the order of their methods.
@@ -127,7 +126,7 @@ static_assert(kCallers.size() == kCallTypes);
 
 const std::optional<rpc::transport::Hello>& Greeting() {
   static const std::optional<rpc::transport::Hello> hello =
-      Introduce(*rpc::BrowserWidgetRpc::descriptor());
+      internal::MakeHello(*rpc::BrowserWidgetRpc::descriptor());
   return hello;
 }
 
@@ -367,18 +366,13 @@ class Play {
     constexpr std::array kTimeouts = {absl::InfiniteDuration(), absl::Hours(1),
                                       absl::ZeroDuration(), -absl::Seconds(1)};
     int& ends = call_ends_.emplace_back(0);
-    absl::StatusOr<CallHandle> call = kCallers[step.kind % kCallTypes](
+    handles_.push_back(kCallers[step.kind % kCallTypes](
         step.browser % kBrowsers,
         [this, &ends] {
           ++ends;
           React();
         },
-        {.timeout = kTimeouts[step.variant % kTimeouts.size()]});
-    if (call.ok()) {
-      handles_.push_back(*std::move(call));
-    } else {
-      call_ends_.pop_back();
-    }
+        {.timeout = kTimeouts[step.variant % kTimeouts.size()]}));
   }
 
   void Cancel(const Step& step) {
@@ -456,15 +450,15 @@ class Play {
 };
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
                                       std::size_t size) {
-  orvane::Play play;
-  const std::size_t steps =
-      std::min(size / sizeof(orvane::Step), orvane::kMaxSteps);
+  orvane::testing::Play play;
+  const std::size_t steps = std::min(size / sizeof(orvane::testing::Step),
+                                     orvane::testing::kMaxSteps);
   for (std::size_t i = 0; i < steps; ++i) {
-    orvane::Step step;
+    orvane::testing::Step step;
     std::memcpy(&step, data + i * sizeof step, sizeof step);
     play.Take(step);
   }

@@ -1,7 +1,7 @@
 // The bytes are what arrives on a connection. However they are split, the same
 // frames come out, and the same error; and what was read can be written.
 
-#include "zimbrel/src/core/common/rpc/transport/framing.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -15,10 +15,10 @@
 
 #include "rpc/transport/stream_message.pb.h"
 
-using orvane::AppendFrame;
-using orvane::ByteBuffer;
-using orvane::FrameReader;
 using orvane::kMinMaxFrameBytes;
+using orvane::internal::AppendFrame;
+using orvane::internal::ByteBuffer;
+using orvane::internal::FrameReader;
 using rpc::transport::StreamMessage;
 
 namespace {

@@ -79,14 +79,14 @@ class Server final : public PeerRpc {
   // Again and again.
   template <typename T>
   void Call(const orvane::CallOf<T>& call) {
-    const auto made = orvane::Call<T>(
-        Browser(), call,
-        [this, begun = Now(), call](const orvane::ResponseOf<T>&) {
-          if (meter_.Ended(begun)) return Call<T>(call);
-          loop_->Stop();
-        },
-        [](const absl::Status& why) { Fail(std::string(why.message())); });
-    if (!made.ok()) Fail(std::string(made.status().message()));
+    orvane::Call<T>(Browser(), call,
+                    [this, begun = Now(), call](
+                        const absl::StatusOr<orvane::ResponseOf<T>>& answer) {
+                      if (!answer.ok())
+                        Fail(std::string(answer.status().message()));
+                      if (meter_.Ended(begun)) return Call<T>(call);
+                      loop_->Stop();
+                    });
   }
 
   const Options& options_;

@@ -5,31 +5,28 @@
 
 #include "docs/examples/door.client.h"
 #include "docs/examples/door.rpc.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "orvane/server.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
 class Door final : public building::Door {
   // Asks the host whether it may.
   void Open(google::protobuf::RpcController* controller,
             const BrowserId* request, google::protobuf::Empty*,
             google::protobuf::Closure* done) override {
-    const auto fail = [controller, done](const absl::Status& why) {
-      controller->SetFailed(std::string(why.message()));
-      done->Run();
-    };
-    const auto asked = orvane::Call<building::Confirm>(
+    orvane::Call<building::Confirm>(
         *request, {},
         [controller, request,
-         done](const building::Confirm::Response& response) {
-          building::Moved moved;
-          moved.set_is_open(response.may_open());
-          orvane::Publish<building::Moved>(*request, moved);
-          if (!response.may_open()) controller->SetFailed("it stays shut");
+         done](const absl::StatusOr<building::Confirm::Response>& answer) {
+          if (answer.ok()) {
+            building::Moved moved;
+            moved.set_is_open(answer->may_open());
+            orvane::Publish<building::Moved>(*request, moved);
+            if (!answer->may_open()) controller->SetFailed("it stays shut");
+          } else {
+            controller->SetFailed(std::string(answer.status().message()));
+          }
           done->Run();
-        },
-        fail);
-    if (!asked.ok()) fail(asked.status());
+        });
   }
 };
 

@@ -9,16 +9,16 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/call.h"
-#include "examples/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/call_by_name.h"
+#include "zimbrel/src/core/common/rpc/testing/child_process.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 
 namespace {
 
-using ::example_testing::Call;
-using ::example_testing::ChildProcess;
+using ::orvane::testing::CallByName;
+using ::orvane::testing::ChildProcess;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
@@ -40,7 +40,7 @@ class Examples : public testing::Test {
     return *std::move(client);
   }
 
-  const orvane::TemporaryFolder folder_;
+  const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
   orvane::EventLoop loop_;
 };
@@ -60,11 +60,13 @@ TEST_F(Examples, HostAndServiceWorkTogether) {
 TEST_F(Examples, ServiceAnswersInWordsAndFromAnotherThread) {
   const auto service = Start(SERVICE, "service");
   const auto client = Connect();
-  EXPECT_EQ(Call(client.get(), "Show", "").message(), "0 names no browser");
-  EXPECT_EQ(Call(client.get(), "GetAccessibilityToken", "value: 7"),
+  EXPECT_EQ(CallByName(client.get(), "Show", "").message(),
+            "0 names no browser");
+  EXPECT_EQ(CallByName(client.get(), "GetAccessibilityToken", "value: 7"),
             absl::OkStatus());
-  EXPECT_EQ(Call(client.get(), "ForwardKeyPress", "browser_id { value: 7 }"),
-            absl::OkStatus());
+  EXPECT_EQ(
+      CallByName(client.get(), "ForwardKeyPress", "browser_id { value: 7 }"),
+      absl::OkStatus());
 }
 
 TEST_F(Examples, StreamsPublishesWhatAnotherThreadFound) {
@@ -93,11 +95,11 @@ TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {
   const auto first = Connect();
   const auto second = Connect();
   const auto third = Connect();
-  EXPECT_EQ(Call(first.get(), "Show", "").message(),
+  EXPECT_EQ(CallByName(first.get(), "Show", "").message(),
             "Method Show() not implemented.");
-  EXPECT_EQ(Call(second.get(), "Show", "").message(),
+  EXPECT_EQ(CallByName(second.get(), "Show", "").message(),
             "Method Show() not implemented.");
-  EXPECT_THAT(std::string(Call(third.get(), "Show", "").message()),
+  EXPECT_THAT(std::string(CallByName(third.get(), "Show", "").message()),
               HasSubstr("2 hosts are connected; the limit is 2"));
   operating->Signal(SIGTERM);
   const ChildProcess::Result ended = operating->Wait();

@@ -5,10 +5,8 @@
 #include <iostream>
 #include <string>
 
+#include "orvane/client.h"
 #include "rpc/browser/browser_widget.client.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 int main(int argc, char** argv) {
   orvane::EventLoop loop;
@@ -44,7 +42,8 @@ int main(int argc, char** argv) {
       });
 
   // Waits; streams work meanwhile. The subscriptions above arrive first.
-  if (const auto shown = widget.Show(browser, absl::Seconds(5)); !shown.ok()) {
+  if (const auto shown = widget.Show(browser, {.timeout = absl::Seconds(5)});
+      !shown.ok()) {
     std::cerr << "Show: " << shown.status() << std::endl;
     return 1;
   }

@@ -11,10 +11,8 @@
 #include "absl/log/initialize.h"
 #include "absl/log/log.h"
 
+#include "orvane/server.h"
 #include "rpc/browser/browser_widget.rpc.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 // Logs now, and every minute from now on.
 class Watch {

@@ -12,10 +12,8 @@
 #include "absl/time/clock.h"
 #include "absl/time/time.h"
 
+#include "orvane/client.h"
 #include "rpc/browser/browser_widget.client.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 int main(int argc, char** argv) {
   const std::string path =

@@ -7,10 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "orvane/server.h"
 #include "rpc/browser/browser_widget.rpc.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 using google::protobuf::Closure;
 using google::protobuf::Empty;
@@ -49,16 +47,16 @@ class Widget final : public rpc::BrowserWidgetRpc {
                        Closure* done) override {
     rpc::TakeFocusCall call;
     call.set_direction(rpc::FOCUS_DIRECTION_FORWARD);
-    const auto asked = orvane::Call<rpc::TakeFocus>(
+    orvane::Call<rpc::TakeFocus>(
         request->browser_id(), call,
-        [done](const rpc::TakeFocusResponse&) { done->Run(); },
-        [controller, done](const absl::Status& why) {
-          controller->SetFailed(std::string(why.message()));
+        [controller,
+         done](const absl::StatusOr<rpc::TakeFocusResponse>& answer) {
+          // If nobody serves it, the page keeps the focus.
+          if (!answer.ok() && !absl::IsNotFound(answer.status()))
+            controller->SetFailed(std::string(answer.status().message()));
           done->Run();
         },
         {.timeout = absl::Seconds(5)});
-    if (!asked.ok())
-      done->Run();  // Nobody serves it: the page keeps the focus.
   }
 
   std::vector<std::jthread> threads_;

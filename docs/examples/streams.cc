@@ -8,10 +8,8 @@
 #include <thread>
 #include <utility>
 
+#include "orvane/server.h"
 #include "rpc/browser/browser_widget.rpc.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 // Shows a browser on a thread of its own, and tells what is under the pointer.
 class Engine {

@@ -10,10 +10,8 @@
 #include "absl/status/status.h"
 
 #include "examples/host/image.h"
+#include "orvane/client.h"
 #include "rpc/browser/browser_widget.client.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/client_stream.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
 namespace host {
 

@@ -12,9 +12,8 @@
 #include "examples/host/console.h"
 #include "examples/host/image.h"
 #include "examples/host/options.h"
+#include "orvane/client.h"
 #include "rpc/browser/browser_widget.client.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
 namespace host {
 namespace {

@@ -12,19 +12,19 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/child_process.h"
 #include "rpc/browser/browser_widget.rpc.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/child_process.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/version.h"
 
 namespace {
 
-using ::example_testing::ChildProcess;
 using ::google::protobuf::Closure;
 using ::google::protobuf::Empty;
 using ::google::protobuf::RpcController;
+using ::orvane::testing::ChildProcess;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -123,7 +123,7 @@ class HostTest : public ::testing::Test {
     return server;
   }
 
-  const orvane::TemporaryFolder folder_;
+  const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
 };
 

@@ -13,14 +13,14 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/text.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/testing/text.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace host {
 namespace {
 
-using ::example_testing::Parsed;
+using ::orvane::testing::Parsed;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -158,7 +158,7 @@ TEST(Image, TheAverageIsInRedGreenAndBlue) {
 }
 
 TEST(Image, ASavedImageIsAPixmapOfRedGreenAndBlue) {
-  const orvane::TemporaryFolder folder;
+  const orvane::testing::TemporaryFolder folder;
   const std::string path = folder.path() + "/image.ppm";
   ASSERT_EQ(SavePpm({2, 1, {'b', 'g', 'r', 'a', 'B', 'G', 'R', 'A'}}, path),
             absl::OkStatus());

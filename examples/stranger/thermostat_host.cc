@@ -5,9 +5,7 @@
 #include <utility>
 
 #include "home/thermostat.client.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+#include "orvane/client.h"
 
 int main(int argc, char** argv) {
   const std::string path =

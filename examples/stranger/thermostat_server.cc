@@ -5,9 +5,7 @@
 #include <string>
 
 #include "home/thermostat.rpc.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+#include "orvane/server.h"
 
 class HomeThermostat final : public home::Thermostat {
   void Heat(google::protobuf::RpcController* controller,
@@ -20,29 +18,26 @@ class HomeThermostat final : public home::Thermostat {
       return;
     }
 
-    // Asks first. The call that is being served is answered later then, once,
-    // by whichever of the two continuations runs.
+    // Asks first. The call that is being served is answered later then, by the
+    // continuation, which runs once.
     home::ConfirmHeatCall question;
     *question.mutable_target() = request->target();
-    const auto asked = orvane::Call<home::ConfirmHeat>(
+    orvane::Call<home::ConfirmHeat>(
         request->room(), question,
-        [controller, request, done](const home::ConfirmHeatResponse& answer) {
-          if (answer.wanted()) {
-            SetTemperature(*request);
-          } else {
+        [controller, request,
+         done](const absl::StatusOr<home::ConfirmHeatResponse>& answer) {
+          if (absl::IsNotFound(answer.status())) {
+            controller->SetFailed("nobody is there to ask");
+          } else if (!answer.ok()) {
+            controller->SetFailed(std::string(answer.status().message()));
+          } else if (!answer->wanted()) {
             controller->SetFailed("too hot for the host");
+          } else {
+            SetTemperature(*request);
           }
           done->Run();
         },
-        [controller, done](const absl::Status& why) {
-          controller->SetFailed(std::string(why.message()));
-          done->Run();
-        },
         {.timeout = absl::Seconds(10)});
-    if (!asked.ok()) {
-      controller->SetFailed("nobody is there to ask");
-      done->Run();
-    }
   }
 
   static void SetTemperature(const home::HeatRequest& request) {

@@ -3,12 +3,12 @@
 #include <chrono>
 #include <utility>
 
+#include "absl/log/log.h"
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
 #include "absl/time/time.h"
 
 #include "examples/widget_server/shared_pixels.h"
-#include "zimbrel/src/core/common/logging/log_message.h"
 
 namespace widget_server {
 namespace {
@@ -34,10 +34,7 @@ std::shared_ptr<SharedPixels> PaintFrame(const Picture& picture,
   absl::StatusOr<std::unique_ptr<SharedPixels>> pixels =
       SharedPixels::Create(static_cast<std::size_t>(length));
   if (!pixels.ok()) {
-    if (logging::ShouldCreateLogMessage(logging::kWarning)) {
-      logging::LogMessage(__FILE__, __LINE__, logging::kWarning).stream()
-          << "a frame is not drawn: " << pixels.status().message();
-    }
+    LOG(WARNING) << "a frame is not drawn: " << pixels.status().message();
     return nullptr;
   }
   Paint(picture, (*pixels)->bytes());
@@ -131,24 +128,22 @@ bool FrameSender::Send(const orvane::Caller<T>& caller, orvane::CallOf<T> call,
     if (pixels == nullptr) return false;
     call.mutable_frame()->set_frame_id(++last_frame_);
   }
-  // Both continuations keep the pixels until the call has ended. A picture that
+  // The continuation keeps the pixels until the call has ended. A picture that
   // was not shown is not sent again, but all of the next one counts as changed.
-  const auto on_end = [pixels, weak = weak_from_this()](bool is_shown) {
-    if (const auto self = weak.lock()) {
-      if (pixels != nullptr && !is_shown) self->is_picture_lost_ = true;
-      self->is_call_waiting_ = false;
-      self->SendNext();
-    }
-  };
-  return caller(
-             browser_, std::move(call),
-             [on_end](const orvane::ResponseOf<T>& response) {
-               on_end(response.receipt().outcome() ==
-                      rpc::FRAME_OUTCOME_PRESENTED);
-             },
-             [on_end](const absl::Status&) { on_end(false); },
-             {.timeout = kTimeout})
-      .ok();
+  caller(browser_, std::move(call),
+         [pixels, weak = weak_from_this()](
+             const absl::StatusOr<orvane::ResponseOf<T>>& response) {
+           const auto self = weak.lock();
+           if (self == nullptr) return;
+           const bool is_shown =
+               response.ok() &&
+               response->receipt().outcome() == rpc::FRAME_OUTCOME_PRESENTED;
+           if (pixels != nullptr && !is_shown) self->is_picture_lost_ = true;
+           self->is_call_waiting_ = false;
+           self->SendNext();
+         },
+         {.timeout = kTimeout});
+  return true;
 }
 
 }  // namespace widget_server

@@ -14,14 +14,14 @@
 
 #include "examples/widget_server/widget_service.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace widget_server {
 namespace {
 
-using orvane::BrowserKey;
-using orvane::ScriptedHost;
+using orvane::testing::Browser;
+using orvane::testing::ScriptedHost;
 
 Picture Plain(Color color, double width = 4, double height = 2,
               double scale_factor = 1) {
@@ -81,7 +81,7 @@ class FrameSenderTest : public ::testing::Test {
     loop_.RunUntilIdle();
   }
 
-  const BrowserId kBrowser = BrowserKey(1);
+  const BrowserId kBrowser = Browser(1);
   orvane::EventLoop loop_;
   WidgetService service_{1};
   Surfaces surfaces_{&loop_, &service_};

@@ -6,12 +6,12 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/text.h"
+#include "zimbrel/src/core/common/rpc/testing/text.h"
 
 namespace widget_server {
 namespace {
 
-using ::example_testing::Parsed;
+using ::orvane::testing::Parsed;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;

@@ -10,8 +10,7 @@
 
 #include "examples/widget_server/options.h"
 #include "examples/widget_server/widget_service.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "orvane/server.h"
 
 namespace {
 

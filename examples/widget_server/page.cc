@@ -85,18 +85,15 @@ void Page::Draw() {
 template <typename T, typename Then>
 void Page::Ask(const orvane::Caller<T>& caller, orvane::CallOf<T> call,
                Then then) {
-  const auto go_on = [weak = weak_from_this(),
-                      then](const orvane::ResponseOf<T>* response) {
-    if (const auto self = weak.lock()) {
-      then(*self, response);
-      self->Draw();
-    }
-  };
-  const auto asked = caller(
-      browser_, std::move(call),
-      [go_on](const orvane::ResponseOf<T>& response) { go_on(&response); },
-      [go_on](const absl::Status&) { go_on(nullptr); }, {});
-  if (!asked.ok()) then(*this, nullptr);
+  caller(browser_, std::move(call),
+         [weak = weak_from_this(),
+          then](const absl::StatusOr<orvane::ResponseOf<T>>& response) {
+           if (const auto self = weak.lock()) {
+             then(*self, response.ok() ? &*response : nullptr);
+             self->Draw();
+           }
+         },
+         {});
 }
 
 template <typename T>

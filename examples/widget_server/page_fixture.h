@@ -16,7 +16,7 @@
 
 #include "examples/widget_server/page.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
 
 namespace widget_server {
 
@@ -135,6 +135,7 @@ class PageFixture : public ::testing::Test {
     *event.mutable_pointer()->mutable_position() = position;
     event.set_button(button);
     page_->MousePress(event);
+    loop_.RunUntilIdle();  // A call that nobody serves ends here.
   }
   void Release(const rpc::PointDip& position, std::uint32_t click_count = 1,
                rpc::MouseButton button = rpc::MOUSE_BUTTON_PRIMARY) {
@@ -143,6 +144,7 @@ class PageFixture : public ::testing::Test {
     event.set_button(button);
     event.set_click_count(click_count);
     page_->MouseRelease(event);
+    loop_.RunUntilIdle();
   }
   void Click(ElementId element) {
     Press(Middle(element));
@@ -152,31 +154,35 @@ class PageFixture : public ::testing::Test {
     rpc::KeyTypeRequest event;
     event.set_text(text);
     page_->KeyType(event);
+    loop_.RunUntilIdle();
   }
   void Tab(std::uint32_t modifiers = 0) {
     rpc::KeyPressRequest event;
     event.mutable_key()->set_key("Tab");
     event.mutable_input()->set_modifiers(modifiers);
     page_->KeyPress(event);
+    loop_.RunUntilIdle();
   }
   void ShiftTab() { Tab(rpc::MODIFIER_FLAG_SHIFT); }
   void Focus(rpc::FocusReason reason) {
     rpc::FocusRequest event;
     event.set_reason(reason);
     page_->Focus(event);
+    loop_.RunUntilIdle();
   }
 
   template <typename T>
-  void Serve(orvane::ScriptedHost<T>& host) {
+  void Serve(orvane::testing::ScriptedHost<T>& host) {
     host.Subscribe(kBrowser);
   }
   template <typename T>
-  void Answer(orvane::ScriptedHost<T>& host, orvane::ResponseOf<T> response) {
+  void Answer(orvane::testing::ScriptedHost<T>& host,
+              orvane::ResponseOf<T> response) {
     host.Answer(kBrowser, host.last_id(), std::move(response));
     loop_.RunUntilIdle();
   }
   template <typename T>
-  void Fail(orvane::ScriptedHost<T>& host) {
+  void Fail(orvane::testing::ScriptedHost<T>& host) {
     host.Fail(kBrowser, host.last_id());
     loop_.RunUntilIdle();
   }
@@ -199,16 +205,19 @@ class PageFixture : public ::testing::Test {
     Answer(focus_takers_, answer);
   }
 
-  const BrowserId kBrowser = orvane::BrowserKey(1);
+  const BrowserId kBrowser = orvane::testing::Browser(1);
   orvane::EventLoop loop_;
   RecordingService service_;
-  orvane::ScriptedHost<rpc::CreateWebDialog> dialogs_{&loop_, &service_};
-  orvane::ScriptedHost<rpc::ShowDropdown> lists_{&loop_, &service_};
-  orvane::ScriptedHost<rpc::TakeFocus> focus_takers_{&loop_, &service_};
-  orvane::ScriptedHost<rpc::AccessibilityRequestFocus> readers_{&loop_,
-                                                                &service_};
-  orvane::ScriptedHost<rpc::UpdateSurface> surfaces_{&loop_, &service_};
-  orvane::ScriptedHost<rpc::UpdateLayer> layers_{&loop_, &service_};
+  orvane::testing::ScriptedHost<rpc::CreateWebDialog> dialogs_{&loop_,
+                                                               &service_};
+  orvane::testing::ScriptedHost<rpc::ShowDropdown> lists_{&loop_, &service_};
+  orvane::testing::ScriptedHost<rpc::TakeFocus> focus_takers_{&loop_,
+                                                              &service_};
+  orvane::testing::ScriptedHost<rpc::AccessibilityRequestFocus> readers_{
+      &loop_, &service_};
+  orvane::testing::ScriptedHost<rpc::UpdateSurface> surfaces_{&loop_,
+                                                              &service_};
+  orvane::testing::ScriptedHost<rpc::UpdateLayer> layers_{&loop_, &service_};
   Viewport viewport_;
   std::shared_ptr<Page> page_ = std::make_shared<Page>(1, &service_);
 };

@@ -5,13 +5,13 @@
 
 #include "gtest/gtest.h"
 
-#include "examples/testing/text.h"
 #include "examples/widget_server/x11.h"
+#include "zimbrel/src/core/common/rpc/testing/text.h"
 
 namespace widget_server {
 namespace {
 
-using ::example_testing::Parsed;
+using ::orvane::testing::Parsed;
 
 View Windowed() { return {rpc::RENDERING_MODE_WINDOWED, EngineWindow(1)}; }
 

@@ -10,18 +10,18 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/call.h"
-#include "examples/testing/child_process.h"
 #include "rpc/browser/browser_widget.client.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/call_by_name.h"
+#include "zimbrel/src/core/common/rpc/testing/child_process.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/version.h"
 
 namespace {
 
-using ::example_testing::Call;
-using ::example_testing::ChildProcess;
+using ::orvane::testing::CallByName;
+using ::orvane::testing::ChildProcess;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -56,32 +56,32 @@ class WidgetServerTest : public ::testing::Test {
   }
 
   orvane::EventLoop loop_;
-  const orvane::TemporaryFolder folder_;
+  const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
 };
 
 TEST_F(WidgetServerTest, ServesCalls) {
   const auto server = Serve();
   const auto client = Connect();
-  EXPECT_EQ(Call(client.get(), "Show", "value: 3").message(),
+  EXPECT_EQ(CallByName(client.get(), "Show", "value: 3").message(),
             "browser 3 is not attached; Attach comes first");
-  EXPECT_EQ(Call(client.get(), "Unfocus", "value: 3"), absl::OkStatus());
+  EXPECT_EQ(CallByName(client.get(), "Unfocus", "value: 3"), absl::OkStatus());
 }
 
 TEST_F(WidgetServerTest, ServesTheSameWidgetsToEveryHost) {
   const auto server = Serve();
   const auto first = Connect();
   const auto second = Connect();
-  ASSERT_EQ(Call(first.get(), "Attach", "browser_id { value: 1 }"),
+  ASSERT_EQ(CallByName(first.get(), "Attach", "browser_id { value: 1 }"),
             absl::OkStatus());
-  EXPECT_EQ(Call(second.get(), "Show", "value: 1"), absl::OkStatus());
+  EXPECT_EQ(CallByName(second.get(), "Show", "value: 1"), absl::OkStatus());
 }
 
 TEST_F(WidgetServerTest, ServesAsManyBrowsersAsItIsTold) {
   const auto server = Serve({"--browsers", "2"});
   const auto client = Connect();
-  EXPECT_EQ(Call(client.get(), "Unfocus", "value: 2"), absl::OkStatus());
-  EXPECT_EQ(Call(client.get(), "Unfocus", "value: 3").message(),
+  EXPECT_EQ(CallByName(client.get(), "Unfocus", "value: 2"), absl::OkStatus());
+  EXPECT_EQ(CallByName(client.get(), "Unfocus", "value: 3").message(),
             "browser 3 does not exist; there are 1 and 2");
 }
 
@@ -89,7 +89,8 @@ TEST_F(WidgetServerTest, EndsInOrderAtASignal) {
   for (const int signal : {SIGTERM, SIGINT}) {
     const auto server = Serve();
     const auto client = Connect();
-    ASSERT_EQ(Call(client.get(), "Unfocus", "value: 1"), absl::OkStatus());
+    ASSERT_EQ(CallByName(client.get(), "Unfocus", "value: 1"),
+              absl::OkStatus());
     EXPECT_TRUE(std::filesystem::exists(socket_));
     server->Signal(signal);
     const ChildProcess::Result result = server->Wait();
@@ -97,7 +98,7 @@ TEST_F(WidgetServerTest, EndsInOrderAtASignal) {
     EXPECT_THAT(result.output, IsEmpty());
     EXPECT_THAT(result.errors, IsEmpty());
     EXPECT_FALSE(std::filesystem::exists(socket_));
-    EXPECT_EQ(Call(client.get(), "Unfocus", "value: 1").code(),
+    EXPECT_EQ(CallByName(client.get(), "Unfocus", "value: 1").code(),
               absl::StatusCode::kUnavailable);
   }
 }
@@ -110,7 +111,9 @@ TEST_F(WidgetServerTest, WhileItIsStoppedCallsEndAtTheirDeadline) {
   browser.set_value(1);
   ASSERT_TRUE(widget.Unfocus(browser).ok());
   server->Signal(SIGSTOP);
-  EXPECT_EQ(widget.Unfocus(browser, absl::Milliseconds(10)).status().code(),
+  EXPECT_EQ(widget.Unfocus(browser, {.timeout = absl::Milliseconds(10)})
+                .status()
+                .code(),
             absl::StatusCode::kDeadlineExceeded);
   server->Signal(SIGCONT);
   EXPECT_TRUE(widget.Unfocus(browser).ok());
@@ -124,11 +127,12 @@ TEST_F(WidgetServerTest, ASocketFileThatAKilledOneLeftIsReplaced) {
     EXPECT_EQ(server->Wait().exit_code, 128 + SIGKILL);
     return connected;
   }();
-  EXPECT_EQ(Call(client.get(), "Unfocus", "value: 1").code(),
+  EXPECT_EQ(CallByName(client.get(), "Unfocus", "value: 1").code(),
             absl::StatusCode::kUnavailable);
   EXPECT_TRUE(std::filesystem::exists(socket_));
   const auto server = Serve();
-  EXPECT_EQ(Call(Connect().get(), "Unfocus", "value: 1"), absl::OkStatus());
+  EXPECT_EQ(CallByName(Connect().get(), "Unfocus", "value: 1"),
+            absl::OkStatus());
 }
 
 TEST_F(WidgetServerTest, LeavesASocketAloneThatAnotherServerListensAt) {
@@ -137,7 +141,8 @@ TEST_F(WidgetServerTest, LeavesASocketAloneThatAnotherServerListensAt) {
   EXPECT_EQ(second.exit_code, 1);
   EXPECT_EQ(second.errors,
             "widget_server: a server listens at " + socket_ + " already\n");
-  EXPECT_EQ(Call(Connect().get(), "Unfocus", "value: 1"), absl::OkStatus());
+  EXPECT_EQ(CallByName(Connect().get(), "Unfocus", "value: 1"),
+            absl::OkStatus());
 }
 
 TEST_F(WidgetServerTest, ListensInTheUsersRuntimeFolderByDefault) {

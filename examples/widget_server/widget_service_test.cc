@@ -13,8 +13,8 @@
 #include "google/protobuf/descriptor.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/call.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/call_by_name.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
@@ -63,7 +63,8 @@ class WidgetServiceTest : public ::testing::Test {
 
   absl::Status Call(const std::string& method, const std::string& request,
                     google::protobuf::Message* response = nullptr) {
-    return example_testing::Call(client_.get(), method, request, response);
+    return orvane::testing::CallByName(client_.get(), method, request,
+                                       response);
   }
   std::string Failure(const MethodDescriptor& method,
                       const std::string& request) {

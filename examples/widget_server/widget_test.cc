@@ -6,12 +6,12 @@
 #include "absl/strings/str_cat.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/text.h"
+#include "zimbrel/src/core/common/rpc/testing/text.h"
 
 namespace widget_server {
 namespace {
 
-using ::example_testing::Parsed;
+using ::orvane::testing::Parsed;
 
 constexpr char kParentWindow[] =
     "parent_window { platform: PLATFORM_X11 handle: 5 }";

@@ -4,7 +4,6 @@
 
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
-#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
 
 namespace widgetctl {
 
@@ -29,12 +28,7 @@ absl::StatusOr<UnaryCall> PrepareCall(const ServiceDescriptor& service,
 
 Answer MakeCall(const UnaryCall& call, absl::Duration timeout,
                 orvane::SocketClient& client) {
-  std::unique_ptr<Message> response = NewMessage(call.method->output_type());
-  orvane::ClientController controller(timeout);
-  client.CallMethod(call.method, &controller, call.request.get(),
-                    response.get(), /*done=*/nullptr);
-  if (controller.Failed()) return controller.status();
-  return response;
+  return client.CallAndWait(call.method, *call.request, {.timeout = timeout});
 }
 
 }  // namespace widgetctl

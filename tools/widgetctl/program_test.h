@@ -15,10 +15,10 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/child_process.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 
 namespace widgetctl {
 
@@ -46,9 +46,9 @@ class ProgramTest : public testing::Test {
     return command;
   }
 
-  example_testing::ChildProcess::Result Widgetctl(
+  orvane::testing::ChildProcess::Result Widgetctl(
       std::vector<std::string> arguments) const {
-    return example_testing::ChildProcess(Command(std::move(arguments))).Wait();
+    return orvane::testing::ChildProcess(Command(std::move(arguments))).Wait();
   }
 
   std::string File(const std::string& name, const std::string& text) const {
@@ -66,7 +66,7 @@ class ProgramTest : public testing::Test {
   Widget& widget() { return widget_; }
 
  private:
-  const orvane::TemporaryFolder folder_;
+  const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = Path("widget.sock");
   orvane::EventLoop loop_;
   Widget widget_;

@@ -13,16 +13,16 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/child_process.h"
 #include "rpc/browser/browser_widget.rpc.h"
 #include "tools/widgetctl/methods.h"
 #include "tools/widgetctl/session_file.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/testing/child_process.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 
 namespace widgetctl {
 namespace {
 
-using example_testing::ChildProcess;
+using orvane::testing::ChildProcess;
 using ::testing::ElementsAreArray;
 using ::testing::SizeIs;
 
@@ -61,7 +61,7 @@ TEST(WidgetSession, UsesEveryMethodWithSuccess) {
 }
 
 TEST(WidgetSession, IsWhatTheWidgetServerAnswers) {
-  const orvane::TemporaryFolder folder;
+  const orvane::testing::TemporaryFolder folder;
   const std::string socket = absl::StrCat(folder.path(), "/widget.sock");
   ChildProcess server({WIDGET_SERVER, "--socket", socket});
   ASSERT_EQ(server.ReadLine(),

@@ -134,8 +134,10 @@ class Runner {
     Note(absl::StrCat("watch ", watch.Name()));
     Add(watch, OpenWatch(
                    watch, client_,
-                   [this, &watch](std::unique_ptr<Message> event) {
-                     arrived_[watch.method].push_back(std::move(event));
+                   [this, &watch](const Message& event) {
+                     std::unique_ptr<Message>& arrived =
+                         arrived_[watch.method].emplace_back(event.New());
+                     arrived->CopyFrom(event);
                    },
                    EndOf(watch)));
   }
@@ -207,7 +209,7 @@ class Runner {
                   OpenStream{subscription.method, std::move(stream)});
   }
 
-  EndHandler EndOf(const Subscription& subscription) {
+  orvane::OnEnd EndOf(const Subscription& subscription) {
     return [this, name = subscription.Name()](const absl::Status& why) {
       ended_.emplace_back(name, why);
       open_.erase(name);

@@ -14,7 +14,7 @@
 #include "gtest/gtest.h"
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 
 namespace widgetctl {
 namespace {
@@ -51,7 +51,7 @@ class ShellCommandTest : public testing::Test {
   std::optional<absl::StatusOr<std::string>> printed_;
 
  private:
-  const orvane::TemporaryFolder folder_;
+  const orvane::testing::TemporaryFolder folder_;
   const std::string fifo_ = folder_.path() + "/fifo";
 };
 

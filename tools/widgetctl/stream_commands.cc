@@ -46,7 +46,7 @@ class Progress {
   void CountOne() { ++counted_; }
   bool is_complete() const { return counted_ == options_.count; }
 
-  EndHandler OnEnd() {
+  orvane::OnEnd OnEnd() {
     return [this](const absl::Status& why) { end_ = why; };
   }
 
@@ -158,9 +158,9 @@ ExitCode Watch(const Options& options,
   Progress progress(options, method_and_key[0], "events");
   const std::unique_ptr<ClientStream> stream = OpenWatch(
       *watch, **client,
-      [&progress](const std::unique_ptr<Message>& event) {
+      [&progress](const Message& event) {
         if (progress.is_complete()) return;
-        PrintLine(ToJson(*event));
+        PrintLine(ToJson(event));
         progress.CountOne();
       },
       progress.OnEnd());

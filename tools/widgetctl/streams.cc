@@ -1,7 +1,5 @@
 #include "tools/widgetctl/streams.h"
 
-#include <cstdint>
-#include <string_view>
 #include <utility>
 
 #include "absl/algorithm/container.h"
@@ -10,7 +8,6 @@
 
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
-#include "zimbrel/src/core/common/rpc/transport/framing.h"
 
 namespace widgetctl {
 
@@ -19,15 +16,14 @@ using google::protobuf::Message;
 using google::protobuf::MethodDescriptor;
 using google::protobuf::ServiceDescriptor;
 using orvane::ClientStream;
-using orvane::ClientStreamSender;
 using orvane::SocketClient;
 
 namespace {
 
-// The fields of every callback type; an EventSubscription has the second one.
+// The fields of every callback type that are used here; an EventSubscription
+// has the second one.
 constexpr char kBrowserId[] = "browser_id";
 constexpr char kSubscribe[] = "subscribe";
-constexpr char kCall[] = "call";
 constexpr char kResponse[] = "response";
 
 const FieldDescriptor* Field(const Message& message, const char* name) {
@@ -60,21 +56,6 @@ absl::StatusOr<Subscription> Prepare(
     return read;
   }
   return subscription;
-}
-
-absl::StatusOr<std::unique_ptr<Message>> ReadMessage(
-    const MethodDescriptor& method, std::string_view payload) {
-  std::unique_ptr<Message> message = NewMessage(method.output_type());
-  if (!orvane::ParsePayload(payload, orvane::kMaxMessageDepth, message.get())) {
-    return absl::InternalError(
-        absl::StrCat("the widget sent what is no ", message->GetTypeName()));
-  }
-  return message;
-}
-
-// If that fails the connection is gone, and the stream is about to end for it.
-void Subscribe(const ClientStream& stream, const Message& request) {
-  stream.sender()->Next(request, /*call_id=*/0).IgnoreError();
 }
 
 }  // namespace
@@ -110,77 +91,43 @@ Answer ReadResponse(const MethodDescriptor& method, const std::string& json) {
   return response;
 }
 
-WidgetCall::WidgetCall(std::int64_t id, std::unique_ptr<Message> message,
-                       std::weak_ptr<ClientStreamSender> sender)
-    : id_(id), message_(std::move(message)), sender_(std::move(sender)) {}
+WidgetCall::WidgetCall(std::unique_ptr<Message> message,
+                       orvane::PendingAnswer answer)
+    : message_(std::move(message)), answer_(std::move(answer)) {}
 
 absl::Status WidgetCall::Give(const Answer& answer) const {
-  const std::shared_ptr<ClientStreamSender> sender = sender_.lock();
-  if (sender == nullptr) return absl::UnavailableError("the stream has ended");
   const std::unique_ptr<Message> reply(message_->New());
   Mutable(reply.get(), kBrowserId)->CopyFrom(Get(*message_, kBrowserId));
-  absl::Status given = answer.status();
-  if (given.ok()) {
-    Mutable(reply.get(), kResponse)->CopyFrom(**answer);
-    given = sender->Next(*reply, id_);
+  if (!answer.ok()) {
+    answer_.Fail(*reply, std::string(answer.status().message()));
+    return answer.status();
   }
-  if (given.ok()) return given;
-  reply->GetReflection()->ClearField(reply.get(), Field(*reply, kResponse));
-  // Fails only if the stream has ended.
-  sender->Error(*reply, id_, std::string(given.message())).IgnoreError();
-  return given;
+  Mutable(reply.get(), kResponse)->CopyFrom(**answer);
+  return answer_.Send(reply.get());
 }
 
 std::unique_ptr<ClientStream> OpenWatch(
     const Subscription& watch, SocketClient& client,
-    absl::AnyInvocable<void(std::unique_ptr<Message> event)> on_event,
-    EndHandler on_end) {
-  std::unique_ptr<ClientStream> stream = client.OpenStream(
-      watch.method, {[method = watch.method, on_event = std::move(on_event)](
-                         std::string_view payload, std::int64_t) mutable {
-                       auto event = ReadMessage(*method, payload);
-                       if (!event.ok()) return event.status();
-                       on_event(*std::move(event));
-                       return absl::OkStatus();
-                     },
-                     std::move(on_end)});
-  const std::unique_ptr<Message> request =
-      NewMessage(watch.method->input_type());
-  Mutable(request.get(), kSubscribe)->CopyFrom(*watch.key);
-  Subscribe(*stream, *request);
-  return stream;
+    absl::AnyInvocable<void(const Message& event)> on_event,
+    orvane::OnEnd on_end) {
+  return orvane::WatchEvents(&client, watch.method, *watch.key,
+                             NewMessage(watch.method->output_type()),
+                             std::move(on_event), std::move(on_end));
 }
 
 std::unique_ptr<ClientStream> OpenServe(
     const Subscription& serve, SocketClient& client,
-    absl::AnyInvocable<void(WidgetCall call)> on_call, EndHandler on_end) {
-  // Known once the stream is open, before which no handler runs. Weak, since it
-  // owns the handlers.
-  const auto sender = std::make_shared<std::weak_ptr<ClientStreamSender>>();
-  std::unique_ptr<ClientStream> stream = client.OpenStream(
-      serve.method,
-      {[method = serve.method, sender, on_call = std::move(on_call)](
-           std::string_view payload, std::int64_t call_id) mutable {
-         auto call = ReadMessage(*method, payload);
-         if (!call.ok()) return call.status();
-         if (!(*call)->GetReflection()->HasField(**call,
-                                                 Field(**call, kCall))) {
-           return absl::InternalError(absl::StrCat("the widget sent a ",
-                                                   (*call)->GetTypeName(),
-                                                   " without a call"));
-         }
-         on_call(WidgetCall(call_id, *std::move(call), *sender));
-         return absl::OkStatus();
-       },
-       std::move(on_end)});
-  *sender = stream->sender();
-  const std::unique_ptr<Message> request =
-      NewMessage(serve.method->input_type());
-  Mutable(request.get(), kBrowserId)->CopyFrom(*serve.key);
-  request->GetReflection()->SetBool(request.get(), Field(*request, kSubscribe),
-                                    true);
-  Subscribe(*stream, *request);
-  return stream;
+    absl::AnyInvocable<void(WidgetCall call)> on_call, orvane::OnEnd on_end) {
+  return orvane::ServeCalls(
+      &client, serve.method, *serve.key,
+      NewMessage(serve.method->output_type()),
+      [on_call = std::move(on_call)](Message& message,
+                                     orvane::PendingAnswer answer) mutable {
+        std::unique_ptr<Message> call(message.New());
+        call->GetReflection()->Swap(call.get(), &message);
+        on_call(WidgetCall(std::move(call), std::move(answer)));
+      },
+      std::move(on_end));
 }
 
 }  // namespace widgetctl

@@ -17,6 +17,7 @@
 #include "tools/widgetctl/call.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/subscriptions.h"
 
 namespace widgetctl {
 
@@ -48,11 +49,10 @@ Answer ReadResponse(const google::protobuf::MethodDescriptor& method,
 // after its stream has ended, when nobody waits for an answer any longer.
 class WidgetCall {
  public:
-  WidgetCall(std::int64_t id,
-             std::unique_ptr<google::protobuf::Message> message,
-             std::weak_ptr<orvane::ClientStreamSender> sender);
+  WidgetCall(std::unique_ptr<google::protobuf::Message> message,
+             orvane::PendingAnswer answer);
 
-  std::int64_t id() const { return id_; }
+  std::int64_t id() const { return answer_.call_id(); }
 
   // Names the browser and carries the call.
   const google::protobuf::Message& message() const { return *message_; }
@@ -68,24 +68,18 @@ class WidgetCall {
   absl::Status Give(const Answer& answer) const;
 
  private:
-  std::int64_t id_;
   std::unique_ptr<google::protobuf::Message> message_;
-  std::weak_ptr<orvane::ClientStreamSender> sender_;
+  orvane::PendingAnswer answer_;
 };
-
-// Runs when the stream has ended without being destroyed here; as
-// ClientStreamHandlers::on_end.
-using EndHandler = absl::AnyInvocable<void(const absl::Status& why) &&>;
 
 // Opens the stream and subscribes it. Handlers may destroy it.
 std::unique_ptr<orvane::ClientStream> OpenWatch(
     const Subscription& watch, orvane::SocketClient& client,
-    absl::AnyInvocable<void(std::unique_ptr<google::protobuf::Message> event)>
-        on_event,
-    EndHandler on_end);
+    absl::AnyInvocable<void(const google::protobuf::Message& event)> on_event,
+    orvane::OnEnd on_end);
 std::unique_ptr<orvane::ClientStream> OpenServe(
     const Subscription& serve, orvane::SocketClient& client,
-    absl::AnyInvocable<void(WidgetCall call)> on_call, EndHandler on_end);
+    absl::AnyInvocable<void(WidgetCall call)> on_call, orvane::OnEnd on_end);
 
 }  // namespace widgetctl
 

@@ -15,19 +15,19 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/child_process.h"
 #include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/event_subscription.pb.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "tools/widgetctl/program_test.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/testing/child_process.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace widgetctl {
 namespace {
 
-using example_testing::ChildProcess;
+using orvane::testing::ChildProcess;
 using rpc::transport::StreamMessage;
 using ::testing::HasSubstr;
 
@@ -83,7 +83,7 @@ class RawWidget {
   orvane::ListeningSocket listening_;
   const orvane::OwnedDescriptor listener_;
   int descriptor_ = -1;  // host_'s.
-  std::optional<orvane::RawPeer> host_;
+  std::optional<orvane::testing::RawPeer> host_;
   std::size_t taken_ = 0;
 };
 
@@ -104,7 +104,7 @@ class WidgetctlFramesTest : public testing::Test {
   }
 
  private:
-  const orvane::TemporaryFolder folder_;
+  const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
 
  protected:
@@ -155,10 +155,11 @@ TEST_F(WidgetctlFramesTest, WatchEndsAtAnEventThatItCannotRead) {
   ChildProcess watch = Start({"watch", "WhenCursorChanged", "1"});
   const std::uint64_t stream = widget_.AcceptStream();
   widget_.Send(StreamMessage::KIND_NEXT, stream, "\xff");
-  EXPECT_THAT(watch.Wait(), Fails(1,
-                                  "widgetctl: WhenCursorChanged failed: the "
-                                  "widget sent what is no "
-                                  "rpc.CursorChanged\n"));
+  EXPECT_THAT(watch.Wait(),
+              Fails(1,
+                    "widgetctl: WhenCursorChanged failed: the "
+                    "widget sent a message that cannot be parsed as "
+                    "rpc.CursorChanged\n"));
 }
 
 TEST_F(WidgetctlFramesTest, ServeEndsAtAMessageThatIsNoCall) {

@@ -9,19 +9,19 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/child_process.h"
 #include "rpc/browser/browser_widget.rpc.h"
 #include "tools/widgetctl/program_test.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/testing/child_process.h"
 
 namespace widgetctl {
 namespace {
 
-using example_testing::ChildProcess;
 using google::protobuf::Closure;
 using google::protobuf::Empty;
 using google::protobuf::RpcController;
+using orvane::testing::ChildProcess;
 using ::testing::AllOf;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
@@ -45,19 +45,19 @@ class LivelyWidget final : public rpc::BrowserWidgetRpc {
              Empty*, Closure* done) override {
     rpc::TakeFocusCall call;
     call.set_direction(rpc::FOCUS_DIRECTION_FORWARD);
-    const auto started = orvane::Call<rpc::TakeFocus>(
+    orvane::Call<rpc::TakeFocus>(
         request->browser_id(), call,
-        [controller, done](const rpc::TakeFocusResponse& response) {
-          if (!response.taken()) controller->SetFailed("it was not taken");
-          done->Run();
-        },
-        [controller, done](const absl::Status&) {
-          controller->SetFailed("the host failed");
+        [controller,
+         done](const absl::StatusOr<rpc::TakeFocusResponse>& answer) {
+          if (absl::IsNotFound(answer.status())) {
+            controller->SetFailed("nobody serves it");
+          } else if (!answer.ok()) {
+            controller->SetFailed("the host failed");
+          } else if (!answer->taken()) {
+            controller->SetFailed("it was not taken");
+          }
           done->Run();
         });
-    if (started.ok()) return;
-    controller->SetFailed("nobody serves it");
-    done->Run();
   }
 
   // Ends the connection.

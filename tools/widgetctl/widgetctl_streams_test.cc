@@ -19,16 +19,16 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/child_process.h"
 #include "rpc/browser/browser_widget.rpc.h"
 #include "tools/widgetctl/program_test.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/testing/child_process.h"
 
 namespace widgetctl {
 namespace {
 
-using example_testing::ChildProcess;
+using orvane::testing::ChildProcess;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -86,7 +86,9 @@ class WidgetctlStreamsTest : public ProgramTest<SilentWidget> {
       for (int i = 0; i < number; ++i) {
         const auto answer = std::make_shared<std::promise<Answer>>();
         answers.push_back(answer->get_future());
-        loop().RunUntil([&answer] { return TryToCall(answer); });
+        loop().RunUntil(
+            [] { return orvane::IsServed<rpc::TakeFocus>(Browser(1)); });
+        Ask(answer);
       }
     });
     return answers;
@@ -99,18 +101,12 @@ class WidgetctlStreamsTest : public ProgramTest<SilentWidget> {
   }
 
  private:
-  static bool TryToCall(const std::shared_ptr<std::promise<Answer>>& answer) {
+  static void Ask(const std::shared_ptr<std::promise<Answer>>& answer) {
     rpc::TakeFocusCall call;
     call.set_direction(rpc::FOCUS_DIRECTION_FORWARD);
-    return orvane::Call<rpc::TakeFocus>(
-               Browser(1), call,
-               [answer](rpc::TakeFocusResponse response) {
-                 answer->set_value(std::move(response));
-               },
-               [answer](absl::Status why) {
-                 answer->set_value(std::move(why));
-               })
-        .ok();
+    orvane::Call<rpc::TakeFocus>(Browser(1), call, [answer](Answer received) {
+      answer->set_value(std::move(received));
+    });
   }
 };
 

@@ -9,19 +9,19 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/testing/child_process.h"
 #include "rpc/browser/browser_widget.rpc.h"
 #include "tools/widgetctl/program_test.h"
+#include "zimbrel/src/core/common/rpc/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 #include "zimbrel/src/core/common/rpc/version.h"
 
 namespace widgetctl {
 namespace {
 
-using example_testing::ChildProcess;
 using google::protobuf::Closure;
 using google::protobuf::Empty;
 using google::protobuf::RpcController;
+using orvane::testing::ChildProcess;
 using ::testing::ContainsRegex;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;

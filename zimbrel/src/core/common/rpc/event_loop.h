@@ -10,6 +10,8 @@
 #include "absl/functional/any_invocable.h"
 #include "absl/time/time.h"
 
+#include "zimbrel/src/core/common/rpc/current_loop.h"
+
 namespace asio {
 class io_context;
 }  // namespace asio
@@ -112,6 +114,7 @@ class EventLoop {
   const EventLoopOptions options_;
   const std::unique_ptr<State> state_;
   const std::shared_ptr<SharedMailbox> mailbox_;
+  const internal::LoopRegistration registration_{this};
 };
 
 }  // namespace orvane

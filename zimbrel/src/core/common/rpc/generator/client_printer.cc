@@ -31,24 +31,23 @@ std::string MethodAt(const ServiceModel& service, const MethodModel& method) {
 Member BlockingCall(const ServiceModel& service, const MethodModel& method) {
   return {.type = "absl::StatusOr<" + method.response + ">",
           .parameters = {"const " + method.request + "& request",
-                         "absl::Duration timeout"},
-          .defaults = {"absl::InfiniteDuration()"},
+                         "orvane::CallOptions options"},
+          .defaults = {"{}"},
           .function = "orvane::internal::CallAndWait<" + method.response + ">",
           .arguments = {"connection_", MethodAt(service, method), "request",
-                        "timeout"}};
+                        "options"}};
 }
 
 Member AsynchronousCall(const ServiceModel& service,
                         const MethodModel& method) {
-  return {
-      .type = "orvane::ClientCall",
-      .parameters = {"const " + method.request + "& request",
-                     "orvane::OnAnswer<" + method.response + "> on_answer",
-                     "absl::Duration timeout"},
-      .defaults = {"absl::InfiniteDuration()"},
-      .function = "orvane::internal::TypedCall<" + method.response + ">::Start",
-      .arguments = {"connection_", MethodAt(service, method), "request",
-                    "std::move(on_answer)", "timeout"}};
+  return {.type = "orvane::CallHandle",
+          .parameters = {"const " + method.request + "& request",
+                         "orvane::OnAnswer<" + method.response + "> on_answer",
+                         "orvane::CallOptions options"},
+          .defaults = {"{}"},
+          .function = "orvane::internal::Call<" + method.response + ">",
+          .arguments = {"connection_", MethodAt(service, method), "request",
+                        "std::move(on_answer)", "options"}};
 }
 
 Member Stream(const ServiceModel& service, const MethodModel& method) {
@@ -97,8 +96,8 @@ void PrintClassComment(const ServiceModel& service, Printer* out) {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 )");
   }
   if (service.Has(MethodKind::kEventStream)) {
@@ -183,7 +182,6 @@ void PrintClientHeader(const FileModel& file, Printer* out) {
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "$stem$.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"

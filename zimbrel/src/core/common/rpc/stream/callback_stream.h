@@ -60,7 +60,8 @@ class CallbackStream final : public AbstractStream {
   // inside the handler that ends the call, while it is still listed.
   //
   // They may add calls, under any key. They must not end any: not cancel,
-  // unsubscribe, complete or destroy this stream. Call lifts that burden.
+  // unsubscribe, complete or destroy this stream. The same goes for what is
+  // destroyed with them. Call lifts that burden.
   struct StreamCall {
     // `reply` may be moved from; it is destroyed when the callable returns.
     std::function<void(T& reply)> on_response;
@@ -247,13 +248,13 @@ void CallbackStream<T>::EndCall(const google::protobuf::Message& key,
   // References to the entry stay valid whatever a callable adds. `key` does
   // not: it may lie in the reply.
   auto& [own_key, calls] = *entry;
-  typename CallsById::node_type ended;
   if (const auto call = calls.find(call_id); call != calls.end()) {
     deliver(call->second);
-    ended = calls.extract(call);
+    // The callables are destroyed here, out of the table and before the entry
+    // is looked at: what they hold may be foreign code, which may add calls.
+    calls.extract(call);
   }
   if (calls.empty()) internal::EraseEntry(pending_calls_, *own_key);
-  // Here `ended` is destroyed, after the table is whole again.
 }
 
 template <CallbackMessage T>

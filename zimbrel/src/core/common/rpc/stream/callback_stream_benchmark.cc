@@ -16,9 +16,9 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/callback_stream.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/testing/heap_probe.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using rpc::TakeFocus;
@@ -161,8 +161,8 @@ void CallAndAnswer(benchmark::State& state, std::int64_t in_flight, int keys,
   for (auto _ : state) {
     for (std::int64_t i = 0; i < in_flight; ++i) {
       benchmark::DoNotOptimize(Call<TakeFocus>(
-          key, {}, [&answers](const rpc::TakeFocusResponse&) { ++answers; },
-          [](const absl::Status&) {}, options));
+          key, {}, [&answers](const auto& ended) { answers += ended.ok(); },
+          options));
     }
     world.Answer(answer);
     world.loop.RunUntilIdle();
@@ -196,9 +196,8 @@ void BM_CallThatNobodyServes(benchmark::State& state) {
   const BrowserId key = World::Key(1);
   const Measure measure(state, 1);
   for (auto _ : state) {
-    benchmark::DoNotOptimize(Call<TakeFocus>(
-        key, {}, [](const rpc::TakeFocusResponse&) {},
-        [](const absl::Status&) {}));
+    benchmark::DoNotOptimize(Call<TakeFocus>(key, {}, [](const auto&) {}));
+    world.loop.RunUntilIdle();
   }
 }
 BENCHMARK(BM_CallThatNobodyServes);
@@ -211,9 +210,8 @@ void BM_Cancellation(benchmark::State& state) {
   const Measure measure(state, state.range(0));
   for (auto _ : state) {
     for (std::int64_t i = 0; i < state.range(0); ++i) {
-      benchmark::DoNotOptimize(Call<TakeFocus>(
-          key, {}, [](const rpc::TakeFocusResponse&) {},
-          [&ends](const absl::Status&) { ++ends; }));
+      benchmark::DoNotOptimize(
+          Call<TakeFocus>(key, {}, [&ends](const auto&) { ++ends; }));
     }
     world.stream.CancelPendingRequests(key);
     world.sent.clear();
@@ -224,4 +222,4 @@ void BM_Cancellation(benchmark::State& state) {
 BENCHMARK(BM_Cancellation)->ArgName("in_flight")->Arg(100);
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -11,10 +11,10 @@
 #include "gtest/gtest.h"
 
 #include "zimbrel/src/core/common/rpc/stream/callback_stream.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/call_fixture.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/call_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -136,7 +136,7 @@ TEST_F(CallbackStreamEndTest, AnAnswerMayAddCallsUnderItsOwnKey) {
 
 TEST_F(CallbackStreamEndTest, AnAnswerMayAddCallsUnderManyNewKeys) {
   List(host, kBrowser, 1, [&] {
-    for (int key = 100; key < 1100; ++key) List(host, BrowserKey(key), 1);
+    for (int key = 100; key < 1100; ++key) List(host, Browser(key), 1);
   });
   host.Answer(kBrowser, 1);
   EXPECT_EQ(host.stream().pending_calls_.size(), 1000u);
@@ -146,7 +146,7 @@ TEST_F(CallbackStreamEndTest, AnAnswerMayAddCallsUnderManyNewKeys) {
 TEST_F(CallbackStreamEndTest, AnErrorMayAddCallsUnderItsOwnKeyAndNewOnes) {
   List(host, kBrowser, 1, [&] {
     List(host, kBrowser, 2);
-    for (int key = 100; key < 1100; ++key) List(host, BrowserKey(key), 1);
+    for (int key = 100; key < 1100; ++key) List(host, Browser(key), 1);
   });
   host.Fail(kBrowser, 1);
   EXPECT_EQ(host.stream().pending_calls_.size(), 1001u);
@@ -166,7 +166,7 @@ TEST_F(CallbackStreamEndTest,
 
 TEST_F(CallbackStreamEndTest, CancellingMayAddCallsUnderManyNewKeys) {
   List(host, kBrowser, 1, [&] {
-    for (int key = 100; key < 1100; ++key) List(host, BrowserKey(key), 1);
+    for (int key = 100; key < 1100; ++key) List(host, Browser(key), 1);
   });
   List(host, kBrowser, 2);
   host.stream().CancelPendingRequests(kBrowser);
@@ -185,4 +185,4 @@ TEST_F(CallbackStreamEndTest,
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

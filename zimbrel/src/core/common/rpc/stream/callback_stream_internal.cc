@@ -16,7 +16,8 @@ std::unique_ptr<Message> ReadPayload(
 
 void WarnOfTakeover(const Message& key) {
   if (!logging::ShouldCreateLogMessage(logging::kWarning)) return;
-  // The place by which this record has always been known.
+  // Path and line are a fixed interface: filters and alerts know the record by
+  // them. They do not follow this file when it moves.
   logging::LogMessage(
       "../../zimbrel/src/core/common/rpc/stream/callback_stream", 204,
       logging::kWarning)

@@ -7,7 +7,7 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_id.pb.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/testing/heap_probe.h"
 
 namespace orvane::internal {
 namespace {
@@ -16,16 +16,16 @@ TEST(WarnOfTakeover, BuildsNoRecordThatNobodyWants) {
   const absl::log_internal::ScopedMinLogLevel only_errors(
       absl::LogSeverityAtLeast::kError);
   const BrowserId key;
-  const std::size_t before = heap_probe::Allocations();
+  const std::size_t before = testing::heap_probe::Allocations();
   WarnOfTakeover(key);
-  EXPECT_EQ(heap_probe::Allocations(), before);
+  EXPECT_EQ(testing::heap_probe::Allocations(), before);
 }
 
 TEST(WarnOfTakeover, BuildsARecordThatSomebodyWants) {
   const BrowserId key;
-  const std::size_t before = heap_probe::Allocations();
+  const std::size_t before = testing::heap_probe::Allocations();
   WarnOfTakeover(key);
-  EXPECT_GT(heap_probe::Allocations(), before);
+  EXPECT_GT(testing::heap_probe::Allocations(), before);
 }
 
 }  // namespace

@@ -16,10 +16,10 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/stream/testing/call_fixture.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/call_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using google::protobuf::Message;
@@ -251,6 +251,24 @@ TEST_F(CallbackStreamTest, TheCallableThatDidNotRunIsDestroyedWithTheOther) {
   EXPECT_EQ(held.use_count(), 1);
 }
 
+// The entry used to be erased first, and what was added came into a new one.
+TEST_F(CallbackStreamTest,
+       CallablesAreDestroyedBeforeTheEntryIsLookedAtAndMayAddToIt) {
+  std::size_t entries = 0;
+  std::shared_ptr<void> adder(nullptr, [&](void*) {
+    entries = host.stream().pending_calls_.size();
+    EXPECT_THAT(Pending(host, kBrowser), IsEmpty()) << "not out of the table";
+    List(host, kBrowser, 2);
+  });
+  host.stream().CallsOf(kBrowser).second.emplace(
+      1, Stream::StreamCall{[adder](CreateWebDialog&) {},
+                            [](StreamCallFailure) { FAIL(); }});
+  adder.reset();
+  host.Answer(kBrowser, 1);
+  EXPECT_EQ(entries, 1u);
+  EXPECT_THAT(Pending(host, kBrowser), ElementsAre(2));
+}
+
 TEST_F(CallbackStreamTest, AnAnswerMayBeMovedFromWithItsKey) {
   std::string text;
   const auto take = [&](CreateWebDialog& reply) {
@@ -294,7 +312,7 @@ TEST_F(CallbackStreamTest, TheOneofOfAnErrorDoesNotMatter) {
 TEST_F(CallbackStreamTest, AnErrorOfAnUnknownKeyOrIdIsIgnored) {
   List(host, kBrowser, 1);
   host.stream().CallsOf(kOther);
-  host.Fail(BrowserKey(9), 1);
+  host.Fail(Browser(9), 1);
   host.Fail(kBrowser, 2);
   EXPECT_THAT(ends, IsEmpty());
   EXPECT_THAT(Pending(host, kBrowser), ElementsAre(1));
@@ -327,4 +345,4 @@ TEST_F(CallbackStreamTest, AnErrorWithAnEmptyPayloadIsOfTheEmptyKey) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

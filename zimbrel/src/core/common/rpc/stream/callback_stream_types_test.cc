@@ -11,9 +11,9 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/stream/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::IsEmpty;
@@ -77,7 +77,7 @@ TYPED_TEST(CallbackStreamOfTest, SubscribesAndUnsubscribesByItsOwnCaseNumber) {
 TYPED_TEST(CallbackStreamOfTest, DeliversResponsesByItsOwnCaseNumber) {
   int answers = 0;
   this->host.stream()
-      .CallsOf(BrowserKey(7))
+      .CallsOf(Browser(7))
       .second.emplace(3, typename CallbackStream<TypeParam>::StreamCall{
                              [&](TypeParam&) { ++answers; },
                              [](StreamCallFailure) { FAIL(); }});
@@ -103,4 +103,4 @@ TYPED_TEST(CallbackStreamOfDeathTest,
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

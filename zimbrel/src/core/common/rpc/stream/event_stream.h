@@ -108,6 +108,8 @@ EventStream<T>::EventStream(Service* service,
 template <EventMessage T>
 EventStream<T>::~EventStream() {
   internal::Registrations::Get().Forget(this);
+  // The registry may still list this stream. Whoever uses it by mistake then
+  // crashes on a null pointer instead of reaching a service that may be gone.
   method_ = nullptr;
   service_ = nullptr;
 }

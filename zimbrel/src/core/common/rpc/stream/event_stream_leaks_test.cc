@@ -10,10 +10,10 @@
 
 #include "zimbrel/src/core/common/rpc/stream/event_stream.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/event_host.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/testing/event_host.h"
+#include "zimbrel/src/core/common/rpc/testing/heap_probe.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 class EventStreamLeaksTest : public EventStreamFixture {
@@ -95,4 +95,4 @@ TEST(EventStreamLeaksDeathTest, KeysThatAreStillInARegistryAtExitAreLeft) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -16,9 +16,9 @@
 
 #include "zimbrel/src/core/common/rpc/stream/event_stream.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/event_host.h"
+#include "zimbrel/src/core/common/rpc/testing/event_host.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using Host = EventHost<rpc::TooltipChanged>;
@@ -216,4 +216,4 @@ INSTANTIATE_TEST_SUITE_P(Drivers, EventStreamModelTest,
                          });
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -13,10 +13,10 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/event_host.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/testing/event_host.h"
+#include "zimbrel/src/core/common/rpc/testing/heap_probe.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::google::protobuf::Message;
@@ -246,11 +246,11 @@ TEST_F(EventStreamTest, AnUnknownActionChangesNothing) {
 }
 
 TEST_F(EventStreamTest, OfTwoActionsInOneFrameTheLastCounts) {
-  const std::string subscribe_7 = Subscription(7).SerializeAsString();
-  const std::string unsubscribe_8 = Unsubscription(8).SerializeAsString();
+  const std::string subscribe_7 = Subscribe(7).SerializeAsString();
+  const std::string unsubscribe_8 = Unsubscribe(8).SerializeAsString();
   first.SendPayload(unsubscribe_8 + subscribe_7);
   EXPECT_TRUE(HasEntry(7));
-  first.SendPayload(subscribe_7 + Unsubscription(7).SerializeAsString());
+  first.SendPayload(subscribe_7 + Unsubscribe(7).SerializeAsString());
   EXPECT_FALSE(HasEntry(7));
   first.SendPayload(subscribe_7 + unsubscribe_8);
   EXPECT_FALSE(HasEntry(7));
@@ -258,10 +258,10 @@ TEST_F(EventStreamTest, OfTwoActionsInOneFrameTheLastCounts) {
 
 TEST_F(EventStreamTest, ATruncatedPayloadCountsAsFarAsItWasRead) {
   // All of `subscribe`, then the first half of some field.
-  first.SendPayload(Subscription(7).SerializeAsString() + "\x1a\x05xy");
+  first.SendPayload(Subscribe(7).SerializeAsString() + "\x1a\x05xy");
   EXPECT_THAT(Listed(7), ElementsAre(first.stream()));
   // `subscribe`, cut off before its value.
-  const std::string whole = Subscription(9).SerializeAsString();
+  const std::string whole = Subscribe(9).SerializeAsString();
   first.SendPayload(whole.substr(0, whole.size() - 1));
   EXPECT_THAT(Listed(0), ElementsAre(first.stream()));
   EXPECT_FALSE(HasEntry(9));
@@ -271,9 +271,9 @@ TEST_F(EventStreamTest, ATruncatedPayloadCountsAsFarAsItWasRead) {
 TEST_F(EventStreamTest, AMalformedPayloadCountsAsFarAsItWasRead) {
   first.SendPayload("\xff\xff\xff\xff");
   EXPECT_THAT(registry(), IsEmpty());
-  first.SendPayload(Subscription(7).SerializeAsString() + "\xff\xff");
+  first.SendPayload(Subscribe(7).SerializeAsString() + "\xff\xff");
   EXPECT_THAT(Listed(7), ElementsAre(first.stream()));
-  first.SendPayload(Unsubscription(7).SerializeAsString() + "\xff\xff");
+  first.SendPayload(Unsubscribe(7).SerializeAsString() + "\xff\xff");
   EXPECT_THAT(registry(), IsEmpty());
 }
 
@@ -398,7 +398,7 @@ TEST_F(EventStreamTest, ADriverMayDeleteItThroughItsBase) {
   std::unique_ptr<AbstractStream> stream = std::make_unique<Stream>(
       &service, MethodOf<rpc::CursorChanged>(), first.MakeChannel());
   rpc::transport::StreamMessage frame;
-  frame.set_payload(Subscription(7).SerializeAsString());
+  frame.set_payload(Subscribe(7).SerializeAsString());
   stream->OnNext(&frame);
   EXPECT_THAT(Listed(7), ElementsAre(stream.get()));
   stream->OnCompleted();
@@ -445,4 +445,4 @@ TYPED_TEST(EachEventStreamTest, ServesItsMethodWithARegistryOfItsOwn) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

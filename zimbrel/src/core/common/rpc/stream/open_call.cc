@@ -2,13 +2,27 @@
 
 #include <utility>
 
+#include "absl/log/log.h"
 #include "absl/strings/str_cat.h"
 
 #include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/current_loop.h"
 
 namespace orvane::internal {
 
 using google::protobuf::Message;
+
+namespace {
+
+void EndLater(EventLoop& loop, OpenCall::Outcome outcome,
+              OpenCall::OnEnd on_end) {
+  loop.Post(
+      [on_end = std::move(on_end), outcome = std::move(outcome)]() mutable {
+        std::move(on_end)(std::move(outcome));
+      });
+}
+
+}  // namespace
 
 OpenCall::OpenCall(Place place, OnEnd on_end)
     : place_(place), loop_(place.stream->loop()), on_end_(std::move(on_end)) {}
@@ -20,10 +34,7 @@ OpenCall::~OpenCall() {
 
 void OpenCall::End(Outcome outcome) {
   if (on_end_ == nullptr) return;
-  loop_.Post([on_end = std::exchange(on_end_, nullptr),
-              outcome = std::move(outcome)]() mutable {
-    std::move(on_end)(std::move(outcome));
-  });
+  EndLater(loop_, std::move(outcome), std::exchange(on_end_, nullptr));
 }
 
 void OpenCall::Withdraw(absl::Status why) {
@@ -36,6 +47,10 @@ void OpenCall::EndAfter(absl::Duration timeout) {
     Withdraw(absl::DeadlineExceededError(absl::StrCat(
         "the host did not answer within ", absl::FormatDuration(timeout))));
   });
+}
+
+void OpenCall::Cancel() {
+  Withdraw(absl::CancelledError("cancelled by the caller"));
 }
 
 std::int64_t NextCallId() {
@@ -55,11 +70,26 @@ absl::Status SendCall(AbstractStream& stream, std::int64_t id,
   return stream.Send(frame);
 }
 
-absl::Status NobodyServes(const Message& key,
-                          const google::protobuf::Descriptor& type) {
-  return absl::NotFoundError(absl::StrCat("no host serves ", type.full_name(),
-                                          " for {", key.ShortDebugString(),
-                                          "}"));
+CallHandle EndUnserved(const Message& key,
+                       const google::protobuf::Descriptor& type,
+                       OpenCall::OnEnd on_end) {
+  EventLoop* const loop = CurrentLoop();
+  if (loop == nullptr) {
+    LOG(FATAL) << "orvane::Call on a thread that has no EventLoop; "
+                  "EventLoop::Post and Mailbox lead to the service thread";
+  }
+  EndLater(
+      *loop,
+      absl::NotFoundError(absl::StrCat("no host serves ", type.full_name(),
+                                       " for {", key.ShortDebugString(), "}")),
+      std::move(on_end));
+  return {};
+}
+
+CallHandle EndUnsent(AbstractStream& stream, absl::Status why,
+                     OpenCall::OnEnd on_end) {
+  EndLater(stream.loop(), std::move(why), std::move(on_end));
+  return {};
 }
 
 absl::Status ToStatus(StreamCallFailure why) {

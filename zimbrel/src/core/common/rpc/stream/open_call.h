@@ -14,6 +14,7 @@
 #include "google/protobuf/message.h"
 
 #include "zimbrel/src/core/common/rpc/abstract_stream.h"
+#include "zimbrel/src/core/common/rpc/calling.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/callback_stream.h"
 
@@ -26,7 +27,7 @@ namespace orvane::internal {
 // reason, ends in the destructor.
 //
 // Thread: the service thread.
-class OpenCall {
+class OpenCall final : public Cancellable {
  public:
   // The host's message, of the type that the call was made with, or the reason
   // why there is none.
@@ -51,14 +52,17 @@ class OpenCall {
   // Posts `on_end` to the stream's loop, the first time; then does nothing.
   void End(Outcome outcome);
 
+  // Withdraws the call as late after `timeout`. At most once.
+  void EndAfter(absl::Duration timeout);
+
+  // Withdraws the call as cancelled by the caller.
+  void Cancel() override;
+
+ private:
   // Ends the call, unless it has ended, and takes it out of the table if it is
   // still there. That may destroy this object.
   void Withdraw(absl::Status why);
 
-  // Withdraws the call as late after `timeout`. At most once.
-  void EndAfter(absl::Duration timeout);
-
- private:
   const Place place_;
   EventLoop& loop_;
   OnEnd on_end_;  // Empty once the call has ended.
@@ -72,8 +76,15 @@ std::int64_t NextCallId();
 absl::Status SendCall(AbstractStream& stream, std::int64_t id,
                       const google::protobuf::Message& message);
 
-absl::Status NobodyServes(const google::protobuf::Message& key,
-                          const google::protobuf::Descriptor& type);
+// Ends a call that there never was, since nobody serves `key`: with kNotFound,
+// as a task of the thread's loop.
+CallHandle EndUnserved(const google::protobuf::Message& key,
+                       const google::protobuf::Descriptor& type,
+                       OpenCall::OnEnd on_end);
+
+// Ends a call whose frame could not be sent, as a task of the stream's loop.
+CallHandle EndUnsent(AbstractStream& stream, absl::Status why,
+                     OpenCall::OnEnd on_end);
 
 absl::Status ToStatus(StreamCallFailure why);
 

@@ -9,17 +9,34 @@ namespace orvane::internal {
 
 using rpc::transport::StreamMessage;
 
-const StreamMessage* MakeEventFrame(const google::protobuf::Message& event) {
-  const std::size_t bytes = event.ByteSizeLong();
-  if (bytes > std::numeric_limits<std::int32_t>::max()) return nullptr;
+namespace {
+
+// Holds what most events take; see Publish.
+constexpr std::size_t kMaxKeptBytes = std::size_t{256} << 10;
+
+StreamMessage& SharedFrame() {
   static auto& frame = *new StreamMessage;
+  return frame;
+}
+
+}  // namespace
+
+EventFrame::EventFrame(const google::protobuf::Message& event) {
+  const std::size_t bytes = event.ByteSizeLong();
+  if (bytes > std::numeric_limits<std::int32_t>::max()) return;
+  frame_ = &SharedFrame();
   // Events of one kind are mostly of one size, and then nothing is filled with
-  // zeros first. Required fields that are missing are for the reader to miss.
-  std::string& payload = *frame.mutable_payload();
+  // zeros first. Missing required fields are reported by the receiver.
+  std::string& payload = *frame_->mutable_payload();
   payload.resize(bytes);
   event.SerializeWithCachedSizesToArray(
       reinterpret_cast<std::uint8_t*>(payload.data()));
-  return &frame;
+}
+
+EventFrame::~EventFrame() {
+  if (frame_ == nullptr) return;
+  std::string& payload = *frame_->mutable_payload();
+  if (payload.capacity() > kMaxKeptBytes) std::string().swap(payload);
 }
 
 }  // namespace orvane::internal

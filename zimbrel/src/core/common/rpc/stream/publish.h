@@ -38,8 +38,9 @@ namespace orvane {
 //   - When it returns, frames have been handed to the transport, not delivered.
 //     Nothing has run meanwhile: no handler, no callback, no destructor.
 //
-// The event is serialised once, however many receive it, into a buffer that is
-// kept for the next. An event beyond protobuf's limit of 2 GiB reaches nobody.
+// The event is serialised once, however many receive it, into a buffer of which
+// up to 256 KiB are kept for the next. An event beyond protobuf's limit of 2
+// GiB reaches nobody.
 //
 // `key` and `event` are borrowed for the call. Naming T, as above, lets the
 // compiler notice when they are swapped.
@@ -58,10 +59,22 @@ using Publisher = std::function<std::size_t(
 
 namespace internal {
 
-// A frame that carries `event`, good until the next call. Null if the event is
-// too large.
-const rpc::transport::StreamMessage* MakeEventFrame(
-    const google::protobuf::Message& event);
+// A frame that carries an event, in a buffer that all events share, so there is
+// one at a time. The buffer's memory is kept for the next event unless this one
+// was unusually large.
+class EventFrame {
+ public:
+  explicit EventFrame(const google::protobuf::Message& event);
+  EventFrame(const EventFrame&) = delete;
+  EventFrame& operator=(const EventFrame&) = delete;
+  ~EventFrame();
+
+  // Null if the event is too large for any frame.
+  const rpc::transport::StreamMessage* get() const { return frame_; }
+
+ private:
+  rpc::transport::StreamMessage* frame_ = nullptr;
+};
 
 }  // namespace internal
 
@@ -73,15 +86,14 @@ std::size_t Publish(const google::protobuf::Message& key, const T& event) {
   if (entry == EventStream<T>::stream_map_.end()) return 0;
   const auto& [own_key, streams] = *entry;
 
-  const rpc::transport::StreamMessage* const frame =
-      internal::MakeEventFrame(event);
-  if (frame == nullptr) return 0;
+  const internal::EventFrame frame(event);
+  if (frame.get() == nullptr) return 0;
 
   const internal::Registrations& registrations = internal::Registrations::Get();
   std::size_t reached = 0;
   for (EventStream<T>* const stream : streams) {
     if (!registrations.Has(stream, own_key)) continue;
-    if (stream->SendEvent(*frame, key).ok()) ++reached;
+    if (stream->SendEvent(*frame.get(), key).ok()) ++reached;
   }
   return reached;
 }

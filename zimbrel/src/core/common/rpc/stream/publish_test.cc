@@ -11,14 +11,15 @@
 
 #include "keys.pb.h"
 #include "proto2_keys.pb.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/event_host.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/testing/event_host.h"
+#include "zimbrel/src/core/common/rpc/testing/heap_probe.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 constexpr std::uint64_t kBrowser = 7;
 
@@ -170,6 +171,18 @@ TEST_F(PublishTest, AllocatesNothingOnceItsBufferHasGrown) {
   first.Leave();
 }
 
+TEST_F(PublishTest, KeepsItsBufferUnlessTheEventWasUnusuallyLarge) {
+  first.Subscribe(kBrowser);
+  first.on_event = [](const std::string& payload) {
+    heap_probe::Watch(payload.data());
+  };
+  Publish(Browser(kBrowser), Tooltip(std::string(10'000, 'x')));
+  EXPECT_THAT(heap_probe::TakeFreed(), IsEmpty());
+  Publish(Browser(kBrowser), Tooltip(std::string(10'000'000, 'x')));
+  EXPECT_THAT(heap_probe::TakeFreed(), SizeIs(2)) << "the smaller one grew";
+  first.Leave();
+}
+
 // ---------------------------------------------------------------------------
 // Subscribers that cannot be reached.
 
@@ -274,4 +287,4 @@ TEST_F(PublishTest, AnEntryThatListsOnlyTheGoneReachesNobody) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

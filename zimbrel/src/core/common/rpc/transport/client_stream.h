@@ -35,7 +35,13 @@ class ClientStreamSender {
                              std::int64_t call_id, const std::string& text) = 0;
 };
 
-// What a stream tells its host. Handlers run on the service thread and may do
+// Runs once when a stream has ended, unless its handle was destroyed before,
+// and no handler of the stream runs after it. OK if the server has completed
+// the stream, kUnavailable if the connection is gone, else why the server
+// refused it or what was sent on it, or why what arrived could not be used.
+using OnEnd = absl::AnyInvocable<void(const absl::Status&) &&>;
+
+// What a stream tells its client. Handlers run on the service thread and may do
 // anything, destroying the stream or its client included; but a blocking call
 // inside one fails. No handler runs inside another, but for the `on_end` of
 // streams whose client is destroyed there. Both are destroyed when the stream
@@ -50,11 +56,8 @@ struct ClientStreamHandlers {
                                   std::int64_t call_id)>
       on_next;
 
-  // The stream has ended: OK if the widget has completed it, kUnavailable if
-  // the connection is gone, else why the widget refused it or what was sent on
-  // it, or what `on_next` returned. Runs once, and nothing runs after it. May
-  // be empty.
-  absl::AnyInvocable<void(const absl::Status&) &&> on_end;
+  // May be empty.
+  OnEnd on_end;
 };
 
 // An open stream. Destroying it ends the stream; no handler runs from then on.

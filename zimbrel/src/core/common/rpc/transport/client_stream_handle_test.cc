@@ -14,10 +14,9 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/client_stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/client_stream_fixture.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -271,18 +270,15 @@ TEST_F(ClientStreamHandleTest, OnEndMayOpenTheNextStream) {
 
 TEST_F(ClientStreamHandleTest, ABlockingCallInsideOnNextIsRefused) {
   Open();
-  ClientController controller;
+  absl::Status refused;
   on_next = [&] {
-    BrowserId request;
-    google::protobuf::Empty response;
-    client->CallMethod(Method(kShow), &controller, &request, &response,
-                       nullptr);
+    refused = client->CallAndWait(Method(kShow), BrowserId()).status();
     return absl::OkStatus();
   };
   Say(Event("a"));
   EXPECT_THAT(Settle(), ElementsAre("OPEN 1"));
-  EXPECT_TRUE(absl::IsFailedPrecondition(controller.status()));
+  EXPECT_TRUE(absl::IsFailedPrecondition(refused));
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -12,10 +12,9 @@
 #include "google/protobuf/empty.pb.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/client_stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/client_stream_fixture.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -195,15 +194,8 @@ TEST_F(ClientStreamTest, OnEndMayBeEmpty) {
 
 TEST_F(ClientStreamTest, CallsEndBeforeStreamsWhenTheConnectionDoes) {
   Open();
-  ClientController controller;
-  BrowserId request;
-  google::protobuf::Empty response;
-  struct Ended final : google::protobuf::Closure {
-    void Run() override { told->push_back("call"); }
-    std::vector<std::string>* told;
-  } ended;
-  ended.told = &told;
-  client->CallMethod(Method(kHide), &controller, &request, &response, &ended);
+  client->Call(Method(kHide), BrowserId(),
+               [this](const auto&) { told.emplace_back("call"); });
   widget.reset();
   loop.RunUntilIdle();
   EXPECT_THAT(
@@ -270,4 +262,4 @@ TEST_F(ClientStreamAfterItsEndTest, InsideOnEnd) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

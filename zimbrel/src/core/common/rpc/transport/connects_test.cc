@@ -9,13 +9,13 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.client.h"
-#include "zimbrel/src/core/common/rpc/stream/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 constexpr int kVisits = 1000;
@@ -81,4 +81,4 @@ TEST_F(ConnectsTest, AThousandThatWatchLeaveTheirSubscriptionFrames) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -20,15 +20,15 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.client.h"
+#include "zimbrel/src/core/common/rpc/testing/faulty_sockets.h"
+#include "zimbrel/src/core/common/rpc/testing/forked_process.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/faulty_sockets.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/forked_process.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -99,7 +99,7 @@ class FaultsTest : public StreamFixture {
     rpc::AriaLiveRegionChanged event;
     event.set_text(std::string(event_bytes_, 'x'));
     Publish(Browser(7), event);
-    question_ = Ask(7, "Sure?");
+    Ask(7, "Sure?");
     loop.RunUntilIdle();
     AnswerHeldCalls();
     loop.RunUntilIdle();
@@ -147,7 +147,6 @@ class FaultsTest : public StreamFixture {
   }
 
   std::size_t event_bytes_ = 10;
-  absl::StatusOr<CallHandle> question_ = absl::UnavailableError("not asked");
 };
 
 // The system's calls ---------------------------------------------------------
@@ -223,7 +222,7 @@ TEST_P(CutHostTest, AHostThatGoesAfterAnyByteLeavesNothing) {
     SayPartOf(speech, bytes);
     EXPECT_EQ(server->connections(), 0u);
     EXPECT_EQ(RegisteredKeys(), 0u);
-    EXPECT_EQ(ends.size(), question_.ok() ? 1u : 0u);
+    EXPECT_EQ(ends.size(), 1u);
   }
   ends.clear();
   ExpectAllAsEver({});
@@ -282,7 +281,7 @@ class StoppedHostTest : public FaultsTest {
 };
 
 TEST_F(StoppedHostTest, HoldsUpNobodyElse) {
-  ASSERT_TRUE(Ask(7, "Hello?").ok());
+  Ask(7, "Hello?");
   ExpectAllAsEver({});
 }
 
@@ -293,7 +292,7 @@ TEST_F(StoppedHostTest, IsCutOffAtAShutdown) {
 }
 
 TEST_F(StoppedHostTest, LeavesNothingWhenItIsKilled) {
-  ASSERT_TRUE(Ask(7, "Hello?").ok());
+  Ask(7, "Hello?");
   EXPECT_TRUE(host_->Kill());
   loop.RunUntil([this] { return server->connections() == 0; });
   loop.RunUntilIdle();
@@ -302,4 +301,4 @@ TEST_F(StoppedHostTest, LeavesNothingWhenItIsKilled) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

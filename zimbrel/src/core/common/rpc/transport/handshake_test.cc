@@ -1,4 +1,4 @@
-#include "zimbrel/src/core/common/rpc/transport/handshake.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/handshake.h"
 
 #include <cstdint>
 #include <memory>
@@ -15,17 +15,18 @@
 
 #include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/transport/stream_message.pb.h"
-#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using google::protobuf::ServiceDescriptor;
+using internal::CompareHellos;
+using internal::MakeHello;
 using rpc::transport::Hello;
 using rpc::transport::StreamMessage;
 using ::testing::AllOf;
@@ -44,14 +45,14 @@ Hello WithMethods(Hello hello, int count) {
 }
 
 Hello WithProtocols(std::uint32_t oldest, std::uint32_t newest) {
-  Hello hello = Introduce(Widget());
+  Hello hello = MakeHello(Widget());
   hello.set_oldest_protocol(oldest);
   hello.set_newest_protocol(newest);
   return hello;
 }
 
 Hello WithAnotherMethod(int index) {
-  Hello hello = Introduce(Widget());
+  Hello hello = MakeHello(Widget());
   hello.set_methods(index, hello.methods(index) + 1);
   return hello;
 }
@@ -89,7 +90,7 @@ class Lines {
 // The hello ------------------------------------------------------------------
 
 TEST(Introduction, NamesTheServiceAndTheProtocols) {
-  const Hello hello = Introduce(Widget());
+  const Hello hello = MakeHello(Widget());
   EXPECT_EQ(hello.service(), "rpc.BrowserWidgetRpc");
   EXPECT_EQ(hello.oldest_protocol(), 1u);
   EXPECT_EQ(hello.newest_protocol(), 1u);
@@ -100,43 +101,44 @@ TEST(Introduction, NamesTheServiceAndTheProtocols) {
 TEST(Introduction, HashesTheLinesOfTheMethods) {
   // FNV-1a of "Ask(BrowserId) returns (google.protobuf.Empty)\n", and on with
   // "Watch(stream BrowserId) returns (stream google.protobuf.Empty)\n".
-  EXPECT_THAT(Introduce(Lines().service()).methods(),
+  EXPECT_THAT(MakeHello(Lines().service()).methods(),
               ElementsAre(0x60a66a444ab18fafu, 0xa7e8a0d16bda53f5u));
 }
 
 // Who fits -------------------------------------------------------------------
 
 TEST(Fit, TwoOfTheSameVersion) {
-  EXPECT_TRUE(CheckFit(Introduce(Widget()), Introduce(Widget())).ok());
+  EXPECT_TRUE(CompareHellos(MakeHello(Widget()), MakeHello(Widget())).ok());
 }
 
 TEST(Fit, AnEndWithMoreMethodsOnEitherSide) {
-  const Hello now = Introduce(Widget());
+  const Hello now = MakeHello(Widget());
   const Hello later = WithMethods(now, 60);
-  EXPECT_TRUE(CheckFit(now, later).ok());
-  EXPECT_TRUE(CheckFit(later, now).ok());
+  EXPECT_TRUE(CompareHellos(now, later).ok());
+  EXPECT_TRUE(CompareHellos(later, now).ok());
 }
 
 TEST(Fit, AnEndThatSpeaksNewerProtocolsTooOnEitherSide) {
-  const Hello now = Introduce(Widget());
-  EXPECT_TRUE(CheckFit(now, WithProtocols(1, 3)).ok());
-  EXPECT_TRUE(CheckFit(WithProtocols(1, 3), now).ok());
+  const Hello now = MakeHello(Widget());
+  EXPECT_TRUE(CompareHellos(now, WithProtocols(1, 3)).ok());
+  EXPECT_TRUE(CompareHellos(WithProtocols(1, 3), now).ok());
 }
 
 TEST(Misfit, NoProtocolInCommon) {
-  const absl::Status fit = CheckFit(Introduce(Widget()), WithProtocols(2, 3));
+  const absl::Status fit =
+      CompareHellos(MakeHello(Widget()), WithProtocols(2, 3));
   EXPECT_EQ(fit.code(), absl::StatusCode::kFailedPrecondition);
   EXPECT_THAT(fit.message(),
               AllOf(HasSubstr("differ in protocol"),
                     HasSubstr("the host speaks protocol 1 and"),
                     HasSubstr("the widget protocols 2 to 3 and")));
-  EXPECT_FALSE(CheckFit(WithProtocols(2, 3), Introduce(Widget())).ok());
+  EXPECT_FALSE(CompareHellos(WithProtocols(2, 3), MakeHello(Widget())).ok());
 }
 
 TEST(Misfit, AnotherService) {
-  Hello other = WithMethods(Introduce(Widget()), 2);
+  Hello other = WithMethods(MakeHello(Widget()), 2);
   other.set_service("rpc.Other");
-  const absl::Status fit = CheckFit(other, Introduce(Widget()));
+  const absl::Status fit = CompareHellos(other, MakeHello(Widget()));
   EXPECT_EQ(fit.code(), absl::StatusCode::kFailedPrecondition);
   EXPECT_THAT(fit.message(),
               AllOf(HasSubstr("differ in service"),
@@ -147,14 +149,16 @@ TEST(Misfit, AnotherService) {
 }
 
 TEST(Misfit, AMethodThatIsNotTheSame) {
-  const absl::Status fit = CheckFit(Introduce(Widget()), WithAnotherMethod(17));
+  const absl::Status fit =
+      CompareHellos(MakeHello(Widget()), WithAnotherMethod(17));
   EXPECT_EQ(fit.code(), absl::StatusCode::kFailedPrecondition);
   EXPECT_THAT(fit.message(), HasSubstr("differ in method 17;"));
 }
 
 TEST(Misfit, AMethodThatIsNotTheSameAmongFewer) {
   EXPECT_FALSE(
-      CheckFit(Introduce(Widget()), WithMethods(WithAnotherMethod(3), 4)).ok());
+      CompareHellos(MakeHello(Widget()), WithMethods(WithAnotherMethod(3), 4))
+          .ok());
 }
 
 // A server meets a host ------------------------------------------------------
@@ -173,7 +177,7 @@ TEST_F(ServerMeetsHost, AnswersItsHello) {
   EXPECT_THAT(Settle(&host), IsEmpty());
   ASSERT_TRUE(host.hello.has_value());
   EXPECT_EQ(host.hello->SerializeAsString(),
-            Introduce(Widget()).SerializeAsString());
+            MakeHello(Widget()).SerializeAsString());
   EXPECT_FALSE(host.closed);
 }
 
@@ -185,7 +189,7 @@ TEST_F(ServerMeetsHost, SaysNothingBefore) {
 }
 
 TEST_F(ServerMeetsHost, ServesOneThatKnowsMoreMethods) {
-  RawPeer host = Connect(WithMethods(Introduce(Widget()), 60));
+  RawPeer host = Connect(WithMethods(MakeHello(Widget()), 60));
   host.Send(CallFrame(1, kShow));
   host.Send(CallFrame(2, kMethods));
   EXPECT_THAT(Settle(&host),
@@ -195,7 +199,7 @@ TEST_F(ServerMeetsHost, ServesOneThatKnowsMoreMethods) {
 }
 
 TEST_F(ServerMeetsHost, ServesOneThatKnowsFewerMethods) {
-  RawPeer host = Connect(WithMethods(Introduce(Widget()), 6));
+  RawPeer host = Connect(WithMethods(MakeHello(Widget()), 6));
   host.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&host), ElementsAre("REPLY 1"));
 }
@@ -233,7 +237,7 @@ TEST_F(ServerMeetsHost, PartsFromOneWhoseHelloCannotBeRead) {
 TEST_F(ServerMeetsHost, PartsFromOneThatSaysHelloTwice) {
   RawPeer host = ConnectRaw();
   host.Send(Frame(StreamMessage::KIND_HELLO, 0,
-                  Introduce(Widget()).SerializeAsString()));
+                  MakeHello(Widget()).SerializeAsString()));
   EXPECT_THAT(Settle(&host),
               ElementsAre("ERROR 0 INVALID_ARGUMENT: a second hello"));
 }
@@ -251,11 +255,7 @@ class ClientMeetsWidget : public ::testing::Test {
   // How a call ends, while the widget answers nothing.
   absl::Status Call(const google::protobuf::MethodDescriptor* method =
                         Widget().method(kShow)) {
-    ClientController controller;
-    const BrowserId request;
-    google::protobuf::Empty response;
-    client->CallMethod(method, &controller, &request, &response, nullptr);
-    return controller.status();
+    return client->CallAndWait(method, BrowserId()).status();
   }
 
   EventLoop loop;
@@ -264,7 +264,7 @@ class ClientMeetsWidget : public ::testing::Test {
 };
 
 TEST_F(ClientMeetsWidget, SaysHelloWhenItIsFirstUsed) {
-  Connect(Introduce(Widget()));
+  Connect(MakeHello(Widget()));
   loop.RunUntilIdle();
   widget->Receive();
   EXPECT_FALSE(widget->hello.has_value());
@@ -273,7 +273,7 @@ TEST_F(ClientMeetsWidget, SaysHelloWhenItIsFirstUsed) {
   widget->Receive();
   ASSERT_TRUE(widget->hello.has_value());
   EXPECT_EQ(widget->hello->SerializeAsString(),
-            Introduce(Widget()).SerializeAsString());
+            MakeHello(Widget()).SerializeAsString());
 }
 
 TEST_F(ClientMeetsWidget, PartsInWordsFromOneThatDoesNotFit) {
@@ -319,7 +319,7 @@ TEST_F(ClientMeetsWidget, TakesARefusalInPlaceOfAHello) {
 }
 
 TEST_F(ClientMeetsWidget, IsForOneServiceOnly) {
-  Connect(Introduce(Widget()));
+  Connect(MakeHello(Widget()));
   const auto stream = client->OpenStream(Widget().method(kFirstStream), {});
   const Lines other;
   const absl::Status why = Call(other.service().method(0));
@@ -330,4 +330,4 @@ TEST_F(ClientMeetsWidget, IsForOneServiceOnly) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

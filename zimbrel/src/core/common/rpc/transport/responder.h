@@ -3,15 +3,14 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_RESPONDER_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_RESPONDER_H_
 
-#include <cstdint>
-#include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "absl/status/status.h"
 
 #include "zimbrel/src/core/common/rpc/stream_messages.h"
-#include "zimbrel/src/core/common/rpc/transport/client_stream.h"
+#include "zimbrel/src/core/common/rpc/transport/subscriptions.h"
 
 namespace orvane {
 
@@ -24,51 +23,51 @@ namespace orvane {
 template <CallMessage T>
 class Responder {
  public:
-  Responder(std::shared_ptr<ClientStreamSender> sender, const KeyOf<T>& key,
-            std::int64_t call_id)
-      : sender_(std::move(sender)), call_id_(call_id) {
+  Responder(PendingAnswer answer, const KeyOf<T>& key)
+      : answer_(std::move(answer)) {
     *message_.mutable_browser_id() = key;
   }
-  Responder(Responder&&) noexcept = default;
+  Responder(Responder&& other) noexcept;
   Responder& operator=(Responder&&) = delete;
-  ~Responder() {
-    if (sender_ != nullptr) SendFailure("the host has dropped the call");
-  }
+  ~Responder();
 
   // What the call is about.
   const KeyOf<T>& key() const { return message_.browser_id(); }
 
-  // Answers the call. An error means that the response was not sent:
-  // kUnavailable if the stream has ended, kResourceExhausted if the response is
-  // too long for a frame or its host too slow, in which case the call fails.
-  absl::Status Respond(ResponseOf<T> response) && {
-    *message_.mutable_response() = std::move(response);
-    absl::Status sent = sender_->Next(message_, call_id_);
-    if (sent.ok()) {
-      sender_ = nullptr;
-    } else {
-      message_.clear_response();
-      SendFailure(std::string(sent.message()));
-    }
-    return sent;
-  }
+  // Answers the call; see PendingAnswer::Send for the errors.
+  absl::Status Respond(ResponseOf<T> response) &&;
 
-  // Fails the call. Its caller learns that, and nothing more; `text` goes with
-  // the frame, for people who read it there.
-  void Fail(const std::string& text) && { SendFailure(text); }
+  // Fails the call; see PendingAnswer::Fail.
+  void Fail(const std::string& text) &&;
 
  private:
-  void SendFailure(const std::string& text) {
-    // Once the stream has ended, nobody waits.
-    std::exchange(sender_, nullptr)
-        ->Error(message_, call_id_, text)
-        .IgnoreError();
-  }
-
-  std::shared_ptr<ClientStreamSender> sender_;  // Null once it has answered.
-  T message_;                                   // Holds the key.
-  std::int64_t call_id_;
+  std::optional<PendingAnswer> answer_;  // Empty once it has answered.
+  T message_;                            // Holds the key.
 };
+
+// ---------------------------------------------------------------------------
+
+template <CallMessage T>
+Responder<T>::Responder(Responder&& other) noexcept
+    : answer_(std::exchange(other.answer_, std::nullopt)),
+      message_(std::move(other.message_)) {}
+
+template <CallMessage T>
+Responder<T>::~Responder() {
+  if (answer_.has_value())
+    answer_->Fail(message_, "the host has dropped the call");
+}
+
+template <CallMessage T>
+absl::Status Responder<T>::Respond(ResponseOf<T> response) && {
+  *message_.mutable_response() = std::move(response);
+  return std::exchange(answer_, std::nullopt)->Send(&message_);
+}
+
+template <CallMessage T>
+void Responder<T>::Fail(const std::string& text) && {
+  std::exchange(answer_, std::nullopt)->Fail(message_, text);
+}
 
 }  // namespace orvane
 

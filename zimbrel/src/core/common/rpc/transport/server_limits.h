@@ -7,7 +7,7 @@
 
 #include "absl/time/time.h"
 
-#include "zimbrel/src/core/common/rpc/transport/framing.h"
+#include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
 
 namespace orvane {
 

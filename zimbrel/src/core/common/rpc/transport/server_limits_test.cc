@@ -12,10 +12,10 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using rpc::transport::StreamMessage;
@@ -303,4 +303,4 @@ TEST_F(FrameTimeLimit, TheTimeBetweenFramesDoesNotCount) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -14,10 +14,10 @@
 #include "gtest/gtest.h"
 
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/forked_process.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/forked_process.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::rpc::transport::StreamMessage;
@@ -45,9 +45,11 @@ void Collect(RawPeer* from, Events* into) {
 class Speech {
  public:
   void Open() { Add(OpenFrame(++last_, kWhenTooltipChanged)); }
-  void Subscribe(std::uint64_t id) { Add(NextFrame(id, orvane::Subscribe(7))); }
+  void Subscribe(std::uint64_t id) {
+    Add(NextFrame(id, orvane::testing::Subscribe(7)));
+  }
   void Unsubscribe(std::uint64_t id) {
-    Add(NextFrame(id, orvane::Unsubscribe(7)));
+    Add(NextFrame(id, orvane::testing::Unsubscribe(7)));
   }
   void Complete(std::uint64_t id) { Add(CompleteFrame(id)); }
 
@@ -242,4 +244,4 @@ TEST_F(SharedKeyTest, EveryEventReachesThoseToWhomItIsDue) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

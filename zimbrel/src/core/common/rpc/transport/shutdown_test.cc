@@ -14,14 +14,12 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/then.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
@@ -135,18 +133,15 @@ TEST_F(ShutdownTest, DoesNotWaitForAHostThatLeaves) {
 
 TEST_F(ShutdownTest, FailsACallThatIsNotAnsweredInTime) {
   const auto host = Connect();
-  ClientController controller;
-  const BrowserId request;
-  google::protobuf::Empty response;
-  bool answered = false;
-  host->CallMethod(rpc::BrowserWidgetRpc::descriptor()->method(kHide),
-                   &controller, &request, &response,
-                   new Then([&answered] { answered = true; }));
+  std::optional<absl::Status> answered;
+  host->Call(rpc::BrowserWidgetRpc::descriptor()->method(kHide), BrowserId(),
+             [&answered](const auto& answer) { answered = answer.status(); });
   loop.RunUntilIdle();
   ASSERT_EQ(widget.held.size(), 1u);
   Shutdown(absl::ZeroDuration());
-  ASSERT_TRUE(loop.RunUntil([&] { return ended == 1 && answered; }));
-  EXPECT_EQ(controller.status().code(), absl::StatusCode::kUnavailable);
+  ASSERT_TRUE(
+      loop.RunUntil([&] { return ended == 1 && answered.has_value(); }));
+  EXPECT_EQ(answered->code(), absl::StatusCode::kUnavailable);
   EXPECT_TRUE(widget.held[0].controller->IsCanceled());
 }
 
@@ -239,4 +234,4 @@ TEST_F(ShutdownTest, ASecondOneDoesNothing) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

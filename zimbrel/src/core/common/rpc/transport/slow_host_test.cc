@@ -8,10 +8,10 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::Each;
@@ -174,4 +174,4 @@ TEST_F(SlowHostTest, IsNotThrownOutForABurstThatItReads) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

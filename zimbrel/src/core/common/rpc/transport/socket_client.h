@@ -9,13 +9,20 @@
 
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
-#include "google/protobuf/service.h"
+#include "google/protobuf/descriptor.h"
+#include "google/protobuf/message.h"
 
+#include "zimbrel/src/core/common/rpc/calling.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/client/client_call.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
-#include "zimbrel/src/core/common/rpc/transport/framing.h"
+#include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
 
 namespace orvane {
+
+namespace internal {
+class ClientConnection;
+}  // namespace internal
 
 struct ClientOptions {
   // The longest frame that is sent or accepted, its length field not counted.
@@ -37,14 +44,14 @@ struct ClientOptions {
 // kFailedPrecondition if the widget has another service there, or a version of
 // it that does not fit, which no later try will mend. A widget may have more
 // methods than this end knows of, or fewer: then those that it lacks fail with
-// kUnimplemented. A client
-// does not reconnect: the widget at the other end would be another one.
+// kUnimplemented. A client does not reconnect: the widget at the other end
+// would be another one.
 //
 // Thread: the service thread of its loop. Lifetime: the loop outlives the
-// client. May be destroyed at any time, also in `done` and in streams'
+// client. May be destroyed at any time, also in continuations and in streams'
 // handlers: what is in progress then ends with kCancelled, from inside the
 // destructor.
-class SocketClient final : public google::protobuf::RpcChannel {
+class SocketClient {
  public:
   // Connects to a server that listens at `path`. Blocks only while the server's
   // queue of connections is full. Errors are kUnavailable where nobody listens,
@@ -59,24 +66,35 @@ class SocketClient final : public google::protobuf::RpcChannel {
 
   SocketClient(const SocketClient&) = delete;
   SocketClient& operator=(const SocketClient&) = delete;
-  ~SocketClient() override;
+  ~SocketClient();
 
-  // Calls `method`, which is known at the other end by its index. All that is
-  // passed is borrowed until `done` runs: exactly once, on the service thread,
-  // never inside this call. A failed call leaves the response unspecified.
+  // Calls a unary method and returns at once. `method` belongs to a service
+  // that is compiled into the program; the server knows it by its index.
+  // `request` is borrowed for the call. How a call ends:
   //
-  // With a null `done` this blocks until the call has ended. Other work of the
-  // loop runs meanwhile; if the loop is stopped, the call is cancelled. A
-  // blocking call inside a `done` of this client would wait for itself: it
-  // fails at once with kFailedPrecondition.
-  //
-  // Deadlines, cancellation and status codes need a ClientController; any other
-  // controller learns success and error text.
-  void CallMethod(const google::protobuf::MethodDescriptor* method,
-                  google::protobuf::RpcController* controller,
-                  const google::protobuf::Message* request,
-                  google::protobuf::Message* response,
-                  google::protobuf::Closure* done) override;
+  // - OK, with a message of the method's output type.
+  // - kUnknown: the handler failed the call, or the server does not serve it.
+  // - kUnimplemented: the service at the other end has no such method.
+  // - kInvalidArgument: the method is a stream, or of another service than the
+  //   connection's, or the request could not be read.
+  // - kResourceExhausted: the request or the response does not fit a frame.
+  // - kDeadlineExceeded, kCancelled: the call was given up, here; its handler
+  //   learns of it if it asked.
+  // - kUnavailable: the connection is gone; the call may have been served.
+  // - kInternal: the response could not be read.
+  CallHandle Call(
+      const google::protobuf::MethodDescriptor* method,
+      const google::protobuf::Message& request,
+      OnAnswer<std::unique_ptr<google::protobuf::Message>> on_answer = nullptr,
+      CallOptions options = {});
+
+  // The same, but blocks until the call has ended. Other work of the loop runs
+  // meanwhile; if the loop is stopped, the call ends with kCancelled. Inside a
+  // continuation or handler of this client it would wait for itself: it fails
+  // at once with kFailedPrecondition.
+  absl::StatusOr<std::unique_ptr<google::protobuf::Message>> CallAndWait(
+      const google::protobuf::MethodDescriptor* method,
+      const google::protobuf::Message& request, CallOptions options = {});
 
   // Opens a stream of `method`. Never null: if it cannot be opened, `on_end`
   // tells why, but not inside this call.
@@ -88,11 +106,20 @@ class SocketClient final : public google::protobuf::RpcChannel {
   const absl::Status& status() const;
 
  private:
-  class Impl;
+  // For generated clients.
+  friend void internal::BeginCall(
+      SocketClient* client, const google::protobuf::MethodDescriptor* method,
+      const google::protobuf::Message& request,
+      std::shared_ptr<internal::ClientCall> call, const CallOptions& options);
+  friend void internal::BeginCallAndWait(
+      SocketClient* client, const google::protobuf::MethodDescriptor* method,
+      const google::protobuf::Message& request,
+      const std::shared_ptr<internal::ClientCall>& call,
+      const CallOptions& options);
 
-  explicit SocketClient(std::unique_ptr<Impl> impl);
+  explicit SocketClient(std::unique_ptr<internal::ClientConnection> connection);
 
-  const std::unique_ptr<Impl> impl_;
+  const std::unique_ptr<internal::ClientConnection> connection_;
 };
 
 }  // namespace orvane

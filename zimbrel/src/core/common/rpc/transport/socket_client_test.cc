@@ -7,21 +7,20 @@
 #include <utility>
 #include <vector>
 
+#include "absl/status/statusor.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/transport/client_controller.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/then.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
-using google::protobuf::Closure;
+using google::protobuf::Message;
 using google::protobuf::MethodDescriptor;
 using ::rpc::transport::StreamMessage;
 using ::testing::ElementsAre;
@@ -33,12 +32,20 @@ using ::testing::SizeIs;
 // GetChromiumWindowHandle.
 class SocketClientTest : public ::testing::Test {
  protected:
-  // A call and all that it borrows.
+  // A call, and how it ended.
   struct PendingCall {
-    ClientController controller;
+    void End(absl::StatusOr<std::unique_ptr<Message>> answer) {
+      ++ended;
+      status = answer.status();
+      if (answer.ok()) response.CopyFrom(**answer);
+    }
+
     BrowserId request;
-    rpc::WindowHandle response;
+    CallOptions options;
+    CallHandle handle;
     int ended = 0;
+    absl::Status status = absl::UnknownError("not ended");
+    rpc::WindowHandle response;
   };
 
   SocketClientTest() {
@@ -54,17 +61,18 @@ class SocketClientTest : public ::testing::Test {
 
   void Begin(
       PendingCall* call, std::function<void()> then = [] {}) {
-    client->CallMethod(Method(), &call->controller, &call->request,
-                       &call->response,
-                       new Then([call, then = std::move(then)] {
-                         ++call->ended;
-                         then();
-                       }));
+    call->handle = client->Call(
+        Method(), call->request,
+        [call, then = std::move(then)](
+            absl::StatusOr<std::unique_ptr<Message>> answer) {
+          call->End(std::move(answer));
+          then();
+        },
+        call->options);
   }
 
   void Wait(PendingCall* call) {
-    client->CallMethod(Method(), &call->controller, &call->request,
-                       &call->response, nullptr);
+    call->End(client->CallAndWait(Method(), call->request, call->options));
   }
 
   void Settle() {
@@ -118,7 +126,7 @@ TEST_F(SocketClientTest, EndsACallWithItsResponse) {
   Reply(1, 5);
   Settle();
   EXPECT_EQ(call.ended, 1);
-  EXPECT_FALSE(call.controller.Failed());
+  EXPECT_TRUE(call.status.ok()) << call.status;
   EXPECT_EQ(call.response.handle(), 5u);
 }
 
@@ -139,7 +147,7 @@ TEST_F(SocketClientTest, ABlockingCallReturnsWhenItHasEnded) {
   PendingCall call;
   loop.Post([this] { Reply(1, 6); });
   Wait(&call);
-  EXPECT_TRUE(call.controller.status().ok()) << call.controller.status();
+  EXPECT_TRUE(call.status.ok()) << call.status;
   EXPECT_EQ(call.response.handle(), 6u);
 }
 
@@ -149,10 +157,7 @@ TEST_F(SocketClientTest, AFailedCallCarriesCodeAndWords) {
   Fail(1, absl::StatusCode::kUnimplemented, "no such thing");
   Settle();
   EXPECT_EQ(call.ended, 1);
-  EXPECT_TRUE(call.controller.Failed());
-  EXPECT_EQ(call.controller.ErrorText(), "no such thing");
-  EXPECT_EQ(call.controller.status(),
-            absl::UnimplementedError("no such thing"));
+  EXPECT_EQ(call.status, absl::UnimplementedError("no such thing"));
 }
 
 TEST_F(SocketClientTest, AnErrorWithoutACodeIsAnErrorStill) {
@@ -160,7 +165,7 @@ TEST_F(SocketClientTest, AnErrorWithoutACodeIsAnErrorStill) {
   Begin(&call);
   Fail(1, absl::StatusCode::kOk, "words");
   Settle();
-  EXPECT_EQ(call.controller.status(), absl::UnknownError("words"));
+  EXPECT_EQ(call.status, absl::UnknownError("words"));
 }
 
 TEST_F(SocketClientTest, AResponseThatCannotBeParsedFailsItsCall) {
@@ -172,7 +177,7 @@ TEST_F(SocketClientTest, AResponseThatCannotBeParsedFailsItsCall) {
   frame.set_payload("\xff\xff");
   widget->Send(frame);
   Settle();
-  EXPECT_EQ(call.controller.status(),
+  EXPECT_EQ(call.status,
             absl::InternalError("the response is no rpc.WindowHandle"));
 }
 
@@ -187,45 +192,23 @@ TEST_F(SocketClientTest, AnAnswerToACallThatIsNotThereIsIgnored) {
   EXPECT_EQ(call.response.handle(), 2u);
 }
 
-TEST_F(SocketClientTest, AControllerServesOneCallAfterTheOther) {
-  PendingCall call;
-  Begin(&call);
-  Fail(1, absl::StatusCode::kUnknown, "once");
-  Settle();
-  Begin(&call);
-  Reply(2, 4);
-  Settle();
-  EXPECT_EQ(call.ended, 2);
-  EXPECT_FALSE(call.controller.Failed());
-}
-
-TEST_F(SocketClientTest, AnotherKindOfControllerLearnsOfFailure) {
-  class Plain final : public google::protobuf::RpcController {
-   public:
-    void Reset() override {}
-    bool Failed() const override { return !text.empty(); }
-    std::string ErrorText() const override { return text; }
-    void StartCancel() override {}
-    void SetFailed(const std::string& reason) override { text = reason; }
-    bool IsCanceled() const override { return false; }
-    void NotifyOnCancel(Closure*) override {}
-    std::string text;
-  } controller;
-  BrowserId request;
-  rpc::WindowHandle response;
-  loop.Post([this] { Fail(1, absl::StatusCode::kUnknown, "words"); });
-  client->CallMethod(Method(), &controller, &request, &response, nullptr);
-  EXPECT_EQ(controller.text, "words");
+TEST_F(SocketClientTest, ACallNeedsNoContinuation) {
+  client->Call(Method(), BrowserId(), nullptr);
+  client->Call(Method(), BrowserId(), nullptr).Cancel();
+  client->Call(Method(), BrowserId(), nullptr);
+  Reply(1, 0);
+  widget.reset();
+  loop.RunUntilIdle();
+  EXPECT_TRUE(absl::IsUnavailable(client->status()));
 }
 
 // Deadlines and cancellation.
 
 TEST_F(SocketClientTest, ACallThatTakesTooLongFailsAndTheWidgetIsTold) {
   PendingCall call;
-  call.controller.set_timeout(absl::Milliseconds(1));
+  call.options.timeout = absl::Milliseconds(1);
   Wait(&call);
-  EXPECT_EQ(call.controller.status(),
-            absl::DeadlineExceededError("no answer within 1ms"));
+  EXPECT_EQ(call.status, absl::DeadlineExceededError("no answer within 1ms"));
   Settle();
   ASSERT_THAT(widget->frames, SizeIs(2));
   EXPECT_EQ(widget->frames[1].kind(), StreamMessage::KIND_CANCEL);
@@ -234,20 +217,20 @@ TEST_F(SocketClientTest, ACallThatTakesTooLongFailsAndTheWidgetIsTold) {
 
 TEST_F(SocketClientTest, AnAnswerAfterTheDeadlineIsDropped) {
   PendingCall call;
-  call.controller.set_timeout(absl::Milliseconds(1));
+  call.options.timeout = absl::Milliseconds(1);
   Begin(&call);
   loop.RunUntil([&] { return call.ended == 1; });
   Reply(1, 9);
   Settle();
   EXPECT_EQ(call.ended, 1);
-  EXPECT_TRUE(absl::IsDeadlineExceeded(call.controller.status()));
+  EXPECT_TRUE(absl::IsDeadlineExceeded(call.status));
 }
 
 TEST_F(SocketClientTest, ACallWithoutTimeIsNotSent) {
   PendingCall call;
-  call.controller.set_timeout(absl::ZeroDuration());
+  call.options.timeout = absl::ZeroDuration();
   Wait(&call);
-  EXPECT_TRUE(absl::IsDeadlineExceeded(call.controller.status()));
+  EXPECT_TRUE(absl::IsDeadlineExceeded(call.status));
   Settle();
   EXPECT_THAT(widget->frames, IsEmpty());
 }
@@ -256,23 +239,23 @@ TEST_F(SocketClientTest,
        CancellingEndsTheCallSoonButNotInsideAndTellsTheWidget) {
   PendingCall call;
   Begin(&call);
-  call.controller.StartCancel();
+  call.handle.Cancel();
   EXPECT_EQ(call.ended, 0);
   Settle();
   EXPECT_EQ(call.ended, 1);
-  EXPECT_TRUE(call.controller.IsCanceled());
+  EXPECT_TRUE(absl::IsCancelled(call.status));
   ASSERT_THAT(widget->frames, SizeIs(2));
   EXPECT_EQ(widget->frames[1].kind(), StreamMessage::KIND_CANCEL);
 }
 
 TEST_F(SocketClientTest, CancellingTwiceOrWithoutACallIsHarmless) {
   PendingCall call;
-  call.controller.StartCancel();
+  call.handle.Cancel();
   Begin(&call);
-  call.controller.StartCancel();
-  call.controller.StartCancel();
+  call.handle.Cancel();
+  call.handle.Cancel();
   Settle();
-  call.controller.StartCancel();
+  call.handle.Cancel();
   Settle();
   EXPECT_EQ(call.ended, 1);
   EXPECT_THAT(widget->frames, SizeIs(2));
@@ -282,8 +265,7 @@ TEST_F(SocketClientTest, StoppingTheLoopCancelsABlockingCall) {
   PendingCall call;
   loop.Post([this] { loop.Stop(); });
   Wait(&call);
-  EXPECT_EQ(call.controller.status(),
-            absl::CancelledError("the loop was stopped"));
+  EXPECT_EQ(call.status, absl::CancelledError("the loop was stopped"));
 }
 
 // The connection's end.
@@ -298,7 +280,7 @@ TEST_F(SocketClientTest, WhenTheWidgetGoesEveryCallFailsInTheOrderOfTheCalls) {
   loop.RunUntilIdle();
   EXPECT_THAT(order, ElementsAre(0, 1, 2));
   for (const PendingCall& call : calls) {
-    EXPECT_EQ(call.controller.status(),
+    EXPECT_EQ(call.status,
               absl::UnavailableError("the widget closed the connection"));
   }
   EXPECT_TRUE(absl::IsUnavailable(client->status()));
@@ -312,7 +294,7 @@ TEST_F(SocketClientTest, ACallAfterTheConnectionsEndFailsButNotInsideTheCall) {
   EXPECT_EQ(call.ended, 0);
   loop.RunUntilIdle();
   EXPECT_EQ(call.ended, 1);
-  EXPECT_TRUE(absl::IsUnavailable(call.controller.status()));
+  EXPECT_TRUE(absl::IsUnavailable(call.status));
 }
 
 TEST_F(SocketClientTest, ABlockingCallAfterTheConnectionsEndFails) {
@@ -320,7 +302,7 @@ TEST_F(SocketClientTest, ABlockingCallAfterTheConnectionsEndFails) {
   loop.RunUntilIdle();
   PendingCall call;
   Wait(&call);
-  EXPECT_TRUE(absl::IsUnavailable(call.controller.status()));
+  EXPECT_TRUE(absl::IsUnavailable(call.status));
 }
 
 TEST_F(SocketClientTest, TheWidgetsReasonForEndingTheConnectionIsPassedOn) {
@@ -328,9 +310,8 @@ TEST_F(SocketClientTest, TheWidgetsReasonForEndingTheConnectionIsPassedOn) {
   Begin(&call);
   Fail(0, absl::StatusCode::kInvalidArgument, "nonsense");
   Settle();
-  EXPECT_EQ(
-      call.controller.status(),
-      absl::UnavailableError("the widget ended the connection: nonsense"));
+  EXPECT_EQ(call.status, absl::UnavailableError(
+                             "the widget ended the connection: nonsense"));
 }
 
 TEST_F(SocketClientTest, AFrameThatWidgetsDoNotSendEndsTheConnection) {
@@ -341,7 +322,7 @@ TEST_F(SocketClientTest, AFrameThatWidgetsDoNotSendEndsTheConnection) {
   frame.set_stream_id(1);
   widget->Send(frame);
   Settle();
-  EXPECT_EQ(call.controller.status(),
+  EXPECT_EQ(call.status,
             absl::UnavailableError("the widget sent a frame of kind 1"));
 }
 
@@ -350,9 +331,8 @@ TEST_F(SocketClientTest, BytesThatAreNoFrameEndTheConnection) {
   Begin(&call);
   widget->SendBytes(std::string("\x01\0\0\0\xff", 5));
   Settle();
-  EXPECT_THAT(call.controller.ErrorText(),
-              HasSubstr("that is no StreamMessage"));
-  EXPECT_TRUE(absl::IsUnavailable(call.controller.status()));
+  EXPECT_THAT(call.status.message(), HasSubstr("that is no StreamMessage"));
+  EXPECT_TRUE(absl::IsUnavailable(call.status));
 }
 
 // It used to be refused as if it were made inside a callback.
@@ -361,36 +341,32 @@ TEST_F(SocketClientTest, ABlockingCallAfterBytesThatAreNoFrameIsUnavailable) {
   loop.RunUntilIdle();
   PendingCall call;
   Wait(&call);
-  EXPECT_TRUE(absl::IsUnavailable(call.controller.status()))
-      << call.controller.status();
+  EXPECT_TRUE(absl::IsUnavailable(call.status)) << call.status;
 }
 
 TEST_F(SocketClientTest, ARequestThatFitsNoFrameFailsAndTheConnectionGoesOn) {
-  PendingCall call;
   rpc::Display request;
   request.GetReflection()->MutableUnknownFields(&request)->AddLengthDelimited(
       1000, std::string(kDefaultMaxFrameBytes, 'x'));
-  google::protobuf::Empty response;
-  client->CallMethod(Method(), &call.controller, &request, &response, nullptr);
-  EXPECT_TRUE(absl::IsResourceExhausted(call.controller.status()))
-      << call.controller.status();
+  EXPECT_TRUE(absl::IsResourceExhausted(
+      client->CallAndWait(Method(), request).status()));
   loop.Post([this] { Reply(2, 1); });
+  PendingCall call;
   Wait(&call);
-  EXPECT_TRUE(call.controller.status().ok());
+  EXPECT_TRUE(call.status.ok());
 }
 
-// What may be done inside `done`.
+// What may be done inside a continuation.
 
 TEST_F(SocketClientTest, DestroyingTheClientFailsItsCalls) {
   PendingCall call;
   Begin(&call);
   client.reset();
   EXPECT_EQ(call.ended, 1);
-  EXPECT_EQ(call.controller.status(),
-            absl::CancelledError("the client was destroyed"));
+  EXPECT_EQ(call.status, absl::CancelledError("the client was destroyed"));
 }
 
-TEST_F(SocketClientTest, DoneMayDestroyTheClient) {
+TEST_F(SocketClientTest, AContinuationMayDestroyTheClient) {
   PendingCall first;
   PendingCall second;
   Begin(&first, [this] { client.reset(); });
@@ -400,10 +376,11 @@ TEST_F(SocketClientTest, DoneMayDestroyTheClient) {
   Settle();
   EXPECT_EQ(first.ended, 1);
   EXPECT_EQ(second.ended, 1);
-  EXPECT_TRUE(absl::IsCancelled(second.controller.status()));
+  EXPECT_TRUE(absl::IsCancelled(second.status));
 }
 
-TEST_F(SocketClientTest, DoneMayDestroyTheClientWhenTheConnectionEnds) {
+TEST_F(SocketClientTest,
+       AContinuationMayDestroyTheClientWhenTheConnectionEnds) {
   PendingCall first;
   PendingCall second;
   Begin(&first, [this] { client.reset(); });
@@ -414,7 +391,7 @@ TEST_F(SocketClientTest, DoneMayDestroyTheClientWhenTheConnectionEnds) {
   EXPECT_EQ(second.ended, 1);
 }
 
-TEST_F(SocketClientTest, DoneMayCallAgain) {
+TEST_F(SocketClientTest, AContinuationMayCallAgain) {
   PendingCall first;
   PendingCall second;
   Begin(&first, [&] { Begin(&second); });
@@ -425,13 +402,13 @@ TEST_F(SocketClientTest, DoneMayCallAgain) {
   EXPECT_EQ(second.ended, 1);
 }
 
-TEST_F(SocketClientTest, ABlockingCallInsideDoneIsRefused) {
+TEST_F(SocketClientTest, ABlockingCallInsideAContinuationIsRefused) {
   PendingCall first;
   PendingCall second;
   Begin(&first, [&] { Wait(&second); });
   Reply(1, 0);
   Settle();
-  EXPECT_TRUE(absl::IsFailedPrecondition(second.controller.status()));
+  EXPECT_TRUE(absl::IsFailedPrecondition(second.status));
 }
 
 TEST_F(SocketClientTest, ConnectingWhereNobodyListensIsUnavailable) {
@@ -440,4 +417,4 @@ TEST_F(SocketClientTest, ConnectingWhereNobodyListensIsUnavailable) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

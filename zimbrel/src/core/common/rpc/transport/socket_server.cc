@@ -13,12 +13,13 @@
 #include "asio/io_context.hpp"
 #include "asio/local/stream_protocol.hpp"
 
-#include "zimbrel/src/core/common/rpc/transport/server_connection.h"
+#include "zimbrel/src/core/common/rpc/transport/server/server_connection.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane {
 
 using asio::local::stream_protocol;
+using internal::ServerConnection;
 
 // The acceptor's handlers hold this weakly: they may still be queued when the
 // server is gone.

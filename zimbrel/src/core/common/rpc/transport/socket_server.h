@@ -4,7 +4,6 @@
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_SERVER_H_
 
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -13,19 +12,10 @@
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/transport/server_counters.h"
 #include "zimbrel/src/core/common/rpc/transport/server_limits.h"
 
 namespace orvane {
-
-struct ServerCounters {
-  // Connections that the server ended: because of what their hosts sent, a
-  // limit, or another user's id. The log has the reasons, one a second at most.
-  std::uint64_t thrown_out = 0;
-
-  // Events that gave their places to later ones, since their hosts did not read
-  // (see SLOW_HOST_KEEP_LATEST).
-  std::uint64_t replaced_events = 0;
-};
 
 // Carries calls and streams between hosts and a service. What one host sends is
 // handled in the order in which it was sent, calls and streams together, on the

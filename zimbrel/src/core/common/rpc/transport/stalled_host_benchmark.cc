@@ -9,11 +9,11 @@
 
 #include "rpc/browser/browser_widget.client.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/frames.h"
-#include "zimbrel/src/core/common/rpc/transport/testing/raw_peer.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 class Widget final : public rpc::BrowserWidgetRpc {
@@ -66,4 +66,4 @@ void EventAndCall(benchmark::State& state) {
 BENCHMARK(EventAndCall)->ArgName("beside_a_stalled_host")->Arg(0)->Arg(1);
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

@@ -18,9 +18,9 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/transport/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 
-namespace orvane {
+namespace orvane::testing {
 namespace {
 
 using ::testing::AllOf;
@@ -279,4 +279,4 @@ TEST_F(UnixSocketTest, TheDefaultPathIsInTheRuntimeFolder) {
 }
 
 }  // namespace
-}  // namespace orvane
+}  // namespace orvane::testing

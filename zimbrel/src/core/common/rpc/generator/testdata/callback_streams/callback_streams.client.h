@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "callback_streams/callback_streams.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"

@@ -27,199 +27,199 @@ const google::protobuf::MethodDescriptor* MethodAt(int service, int i) {
 namespace testdata {
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::OneLine(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 0), request, timeout);
+      connection_, MethodAt(0, 0), request, options);
 }
 
-orvane::ClientCall CommentsClient::OneLine(
+orvane::CallHandle CommentsClient::OneLine(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 0), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 0), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Paragraphs(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 1), request, timeout);
+      connection_, MethodAt(0, 1), request, options);
 }
 
-orvane::ClientCall CommentsClient::Paragraphs(
+orvane::CallHandle CommentsClient::Paragraphs(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 1), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 1), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::None(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 2), request, timeout);
+      connection_, MethodAt(0, 2), request, options);
 }
 
-orvane::ClientCall CommentsClient::None(
+orvane::CallHandle CommentsClient::None(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 2), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 2), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Behind(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 3), request, timeout);
+      connection_, MethodAt(0, 3), request, options);
 }
 
-orvane::ClientCall CommentsClient::Behind(
+orvane::CallHandle CommentsClient::Behind(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 3), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 3), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Both(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 4), request, timeout);
+      connection_, MethodAt(0, 4), request, options);
 }
 
-orvane::ClientCall CommentsClient::Both(
+orvane::CallHandle CommentsClient::Both(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 4), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 4), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Block(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 5), request, timeout);
+      connection_, MethodAt(0, 5), request, options);
 }
 
-orvane::ClientCall CommentsClient::Block(
+orvane::CallHandle CommentsClient::Block(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 5), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 5), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Starred(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 6), request, timeout);
+      connection_, MethodAt(0, 6), request, options);
 }
 
-orvane::ClientCall CommentsClient::Starred(
+orvane::CallHandle CommentsClient::Starred(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 6), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 6), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Slashes(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 7), request, timeout);
+      connection_, MethodAt(0, 7), request, options);
 }
 
-orvane::ClientCall CommentsClient::Slashes(
+orvane::CallHandle CommentsClient::Slashes(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 7), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 7), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::NoBlank(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 8), request, timeout);
+      connection_, MethodAt(0, 8), request, options);
 }
 
-orvane::ClientCall CommentsClient::NoBlank(
+orvane::CallHandle CommentsClient::NoBlank(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 8), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 8), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Framed(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 9), request, timeout);
+      connection_, MethodAt(0, 9), request, options);
 }
 
-orvane::ClientCall CommentsClient::Framed(
+orvane::CallHandle CommentsClient::Framed(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 9), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 9), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Hostile(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 10), request, timeout);
+      connection_, MethodAt(0, 10), request, options);
 }
 
-orvane::ClientCall CommentsClient::Hostile(
+orvane::CallHandle CommentsClient::Hostile(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 10), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 10), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Scripts(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 11), request, timeout);
+      connection_, MethodAt(0, 11), request, options);
 }
 
-orvane::ClientCall CommentsClient::Scripts(
+orvane::CallHandle CommentsClient::Scripts(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 11), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 11), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Long(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 12), request, timeout);
+      connection_, MethodAt(0, 12), request, options);
 }
 
-orvane::ClientCall CommentsClient::Long(
+orvane::CallHandle CommentsClient::Long(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 12), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 12), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> CommentsClient::Blank(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 13), request, timeout);
+      connection_, MethodAt(0, 13), request, options);
 }
 
-orvane::ClientCall CommentsClient::Blank(
+orvane::CallHandle CommentsClient::Blank(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 13), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 13), request, std::move(on_answer), options);
 }
 
 }  // namespace testdata

@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "comments/comments.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"
@@ -40,8 +39,8 @@ namespace testdata {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 class CommentsClient {
  public:
   explicit CommentsClient(orvane::SocketClient* connection)
@@ -51,12 +50,11 @@ class CommentsClient {
 
   // One line.
   absl::StatusOr<google::protobuf::Empty> OneLine(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall OneLine(
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle OneLine(
       const google::protobuf::Empty& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // A paragraph.
   //
@@ -65,113 +63,100 @@ class CommentsClient {
   //
   // Another paragraph.
   absl::StatusOr<google::protobuf::Empty> Paragraphs(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Paragraphs(
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Paragraphs(
       const google::protobuf::Empty& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   absl::StatusOr<google::protobuf::Empty> None(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall None(const google::protobuf::Empty& request,
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle None(const google::protobuf::Empty& request,
                           orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
   // Behind the method.
   absl::StatusOr<google::protobuf::Empty> Behind(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Behind(const google::protobuf::Empty& request,
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Behind(const google::protobuf::Empty& request,
                             orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                            absl::Duration timeout = absl::InfiniteDuration());
+                            orvane::CallOptions options = {});
 
   // Above, which wins.
   absl::StatusOr<google::protobuf::Empty> Both(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Both(const google::protobuf::Empty& request,
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Both(const google::protobuf::Empty& request,
                           orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
   // A block in one line.
   absl::StatusOr<google::protobuf::Empty> Block(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Block(const google::protobuf::Empty& request,
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Block(const google::protobuf::Empty& request,
                            orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                           absl::Duration timeout = absl::InfiniteDuration());
+                           orvane::CallOptions options = {});
 
   // A block with two stars.
   absl::StatusOr<google::protobuf::Empty> Starred(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Starred(
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Starred(
       const google::protobuf::Empty& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   /// Three slashes.
   absl::StatusOr<google::protobuf::Empty> Slashes(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Slashes(
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Slashes(
       const google::protobuf::Empty& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // No blank behind the slashes.
   absl::StatusOr<google::protobuf::Empty> NoBlank(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall NoBlank(
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle NoBlank(
       const google::protobuf::Empty& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Empty lines around.
   absl::StatusOr<google::protobuf::Empty> Framed(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Framed(const google::protobuf::Empty& request,
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Framed(const google::protobuf::Empty& request,
                             orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                            absl::Duration timeout = absl::InfiniteDuration());
+                            orvane::CallOptions options = {});
 
   // What C++ would take for more than a comment: */ /* // $name$ "quoted" 'c'
   // trigraphs ??/.
   // and a backslash at the end, as in C:\.
   absl::StatusOr<google::protobuf::Empty> Hostile(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Hostile(
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Hostile(
       const google::protobuf::Empty& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Größe, 大きさ, ∅: any script.
   absl::StatusOr<google::protobuf::Empty> Scripts(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Scripts(
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Scripts(
       const google::protobuf::Empty& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // A line that is longer than the margin stays as long as it was written, since nobody knows whether it is prose.
   absl::StatusOr<google::protobuf::Empty> Long(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Long(const google::protobuf::Empty& request,
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Long(const google::protobuf::Empty& request,
                           orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
   absl::StatusOr<google::protobuf::Empty> Blank(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Blank(const google::protobuf::Empty& request,
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Blank(const google::protobuf::Empty& request,
                            orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                           absl::Duration timeout = absl::InfiniteDuration());
+                           orvane::CallOptions options = {});
 
  private:
   orvane::SocketClient* connection_;

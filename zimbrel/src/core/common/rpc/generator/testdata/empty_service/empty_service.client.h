@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "empty_service/empty_service.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"

@@ -28,87 +28,87 @@ namespace testdata::types {
 
 absl::StatusOr<::testdata::types::Outer_Inner_Innermost>
 ImportedTypesClient::Nested(const ::testdata::types::Outer_Inner& request,
-                            absl::Duration timeout) {
+                            orvane::CallOptions options) {
   return orvane::internal::CallAndWait<::testdata::types::Outer_Inner_Innermost>(
-      connection_, MethodAt(0, 0), request, timeout);
+      connection_, MethodAt(0, 0), request, options);
 }
 
-orvane::ClientCall ImportedTypesClient::Nested(
+orvane::CallHandle ImportedTypesClient::Nested(
     const ::testdata::types::Outer_Inner& request,
     orvane::OnAnswer<::testdata::types::Outer_Inner_Innermost> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<::testdata::types::Outer_Inner_Innermost>::Start(
-      connection_, MethodAt(0, 0), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<::testdata::types::Outer_Inner_Innermost>(
+      connection_, MethodAt(0, 0), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<::testdata::shapes::Square_Corner_Angle>
 ImportedTypesClient::Imported(const ::testdata::shapes::Square& request,
-                              absl::Duration timeout) {
+                              orvane::CallOptions options) {
   return orvane::internal::CallAndWait<::testdata::shapes::Square_Corner_Angle>(
-      connection_, MethodAt(0, 1), request, timeout);
+      connection_, MethodAt(0, 1), request, options);
 }
 
-orvane::ClientCall ImportedTypesClient::Imported(
+orvane::CallHandle ImportedTypesClient::Imported(
     const ::testdata::shapes::Square& request,
     orvane::OnAnswer<::testdata::shapes::Square_Corner_Angle> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<::testdata::shapes::Square_Corner_Angle>::Start(
-      connection_, MethodAt(0, 1), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<::testdata::shapes::Square_Corner_Angle>(
+      connection_, MethodAt(0, 1), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Int64Value> ImportedTypesClient::WellKnown(
-    const google::protobuf::BoolValue& request, absl::Duration timeout) {
+    const google::protobuf::BoolValue& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Int64Value>(
-      connection_, MethodAt(0, 2), request, timeout);
+      connection_, MethodAt(0, 2), request, options);
 }
 
-orvane::ClientCall ImportedTypesClient::WellKnown(
+orvane::CallHandle ImportedTypesClient::WellKnown(
     const google::protobuf::BoolValue& request,
     orvane::OnAnswer<google::protobuf::Int64Value> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Int64Value>::Start(
-      connection_, MethodAt(0, 2), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Int64Value>(
+      connection_, MethodAt(0, 2), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<::rpc::EventSubscription> ImportedTypesClient::Hidden(
-    const ::testdata::rpc::Local& request, absl::Duration timeout) {
+    const ::testdata::rpc::Local& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<::rpc::EventSubscription>(
-      connection_, MethodAt(0, 3), request, timeout);
+      connection_, MethodAt(0, 3), request, options);
 }
 
-orvane::ClientCall ImportedTypesClient::Hidden(
+orvane::CallHandle ImportedTypesClient::Hidden(
     const ::testdata::rpc::Local& request,
     orvane::OnAnswer<::rpc::EventSubscription> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<::rpc::EventSubscription>::Start(
-      connection_, MethodAt(0, 3), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<::rpc::EventSubscription>(
+      connection_, MethodAt(0, 3), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<::BrowserId> ImportedTypesClient::BrowserId(
-    const ::BrowserId& request, absl::Duration timeout) {
+    const ::BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<::BrowserId>(connection_, MethodAt(0, 4),
-                                                    request, timeout);
+                                                    request, options);
 }
 
-orvane::ClientCall ImportedTypesClient::BrowserId(
+orvane::CallHandle ImportedTypesClient::BrowserId(
     const ::BrowserId& request, orvane::OnAnswer<::BrowserId> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<::BrowserId>::Start(
-      connection_, MethodAt(0, 4), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<::BrowserId>(
+      connection_, MethodAt(0, 4), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<::testdata::types::Outer> UnhiddenClient::Identify(
-    const BrowserId& request, absl::Duration timeout) {
+    const BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<::testdata::types::Outer>(
-      connection_, MethodAt(1, 0), request, timeout);
+      connection_, MethodAt(1, 0), request, options);
 }
 
-orvane::ClientCall UnhiddenClient::Identify(
+orvane::CallHandle UnhiddenClient::Identify(
     const BrowserId& request,
     orvane::OnAnswer<::testdata::types::Outer> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<::testdata::types::Outer>::Start(
-      connection_, MethodAt(1, 0), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<::testdata::types::Outer>(
+      connection_, MethodAt(1, 0), request, std::move(on_answer), options);
 }
 
 }  // namespace testdata::types

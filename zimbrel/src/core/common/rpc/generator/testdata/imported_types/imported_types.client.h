@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "imported_types/imported_types.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"
@@ -35,8 +34,8 @@ namespace testdata::types {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 class ImportedTypesClient {
  public:
   explicit ImportedTypesClient(orvane::SocketClient* connection)
@@ -46,44 +45,42 @@ class ImportedTypesClient {
 
   absl::StatusOr<::testdata::types::Outer_Inner_Innermost> Nested(
       const ::testdata::types::Outer_Inner& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Nested(
+      orvane::CallOptions options = {});
+  orvane::CallHandle Nested(
       const ::testdata::types::Outer_Inner& request,
       orvane::OnAnswer<::testdata::types::Outer_Inner_Innermost> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   absl::StatusOr<::testdata::shapes::Square_Corner_Angle> Imported(
       const ::testdata::shapes::Square& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Imported(
+      orvane::CallOptions options = {});
+  orvane::CallHandle Imported(
       const ::testdata::shapes::Square& request,
       orvane::OnAnswer<::testdata::shapes::Square_Corner_Angle> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   absl::StatusOr<google::protobuf::Int64Value> WellKnown(
       const google::protobuf::BoolValue& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall WellKnown(
+      orvane::CallOptions options = {});
+  orvane::CallHandle WellKnown(
       const google::protobuf::BoolValue& request,
       orvane::OnAnswer<google::protobuf::Int64Value> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // testdata::types::testdata hides ::testdata, and testdata::rpc hides ::rpc.
   absl::StatusOr<::rpc::EventSubscription> Hidden(
-      const ::testdata::rpc::Local& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Hidden(
+      const ::testdata::rpc::Local& request, orvane::CallOptions options = {});
+  orvane::CallHandle Hidden(
       const ::testdata::rpc::Local& request,
       orvane::OnAnswer<::rpc::EventSubscription> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // The method hides the global type.
-  absl::StatusOr<::BrowserId> BrowserId(
-      const ::BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall BrowserId(
-      const ::BrowserId& request, orvane::OnAnswer<::BrowserId> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+  absl::StatusOr<::BrowserId> BrowserId(const ::BrowserId& request,
+                                        orvane::CallOptions options = {});
+  orvane::CallHandle BrowserId(const ::BrowserId& request,
+                               orvane::OnAnswer<::BrowserId> on_answer,
+                               orvane::CallOptions options = {});
 
  private:
   orvane::SocketClient* connection_;
@@ -104,8 +101,8 @@ class ImportedTypesClient {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 class UnhiddenClient {
  public:
   explicit UnhiddenClient(orvane::SocketClient* connection)
@@ -115,12 +112,11 @@ class UnhiddenClient {
 
   // In this class, nothing does.
   absl::StatusOr<::testdata::types::Outer> Identify(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Identify(
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle Identify(
       const BrowserId& request,
       orvane::OnAnswer<::testdata::types::Outer> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
  private:
   orvane::SocketClient* connection_;

@@ -28,18 +28,18 @@ namespace testdata::a::package::of::several::parts {
 
 absl::StatusOr<google::protobuf::Empty>
 AServiceWhoseNameAloneIsLongerThanMostClient::AMethodWhoseNameAloneIsLongerThanMost(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 0), request, timeout);
+      connection_, MethodAt(0, 0), request, options);
 }
 
-orvane::ClientCall
+orvane::CallHandle
 AServiceWhoseNameAloneIsLongerThanMostClient::AMethodWhoseNameAloneIsLongerThanMost(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 0), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 0), request, std::move(on_answer), options);
 }
 
 }  // namespace testdata::a::package::of::several::parts

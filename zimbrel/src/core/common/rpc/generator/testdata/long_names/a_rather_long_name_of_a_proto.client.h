@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "long_names/a_rather_long_name_of_a_proto.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"
@@ -35,8 +34,8 @@ namespace testdata::a::package::of::several::parts {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 class AServiceWhoseNameAloneIsLongerThanMostClient {
  public:
   explicit AServiceWhoseNameAloneIsLongerThanMostClient(orvane::SocketClient* connection)
@@ -45,12 +44,11 @@ class AServiceWhoseNameAloneIsLongerThanMostClient {
   // Unary methods -------------------------------------------------------------
 
   absl::StatusOr<google::protobuf::Empty> AMethodWhoseNameAloneIsLongerThanMost(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall AMethodWhoseNameAloneIsLongerThanMost(
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle AMethodWhoseNameAloneIsLongerThanMost(
       const google::protobuf::Empty& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
  private:
   orvane::SocketClient* connection_;

@@ -34,31 +34,31 @@ std::unique_ptr<orvane::ClientStream> MixedKindsClient::WhenMoved(
 }
 
 absl::StatusOr<google::protobuf::Empty> MixedKindsClient::Move(
-    const BrowserId& request, absl::Duration timeout) {
+    const BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 1), request, timeout);
+      connection_, MethodAt(0, 1), request, options);
 }
 
-orvane::ClientCall MixedKindsClient::Move(
+orvane::CallHandle MixedKindsClient::Move(
     const BrowserId& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 1), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 1), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> MixedKindsClient::Stop(
-    const BrowserId& request, absl::Duration timeout) {
+    const BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 2), request, timeout);
+      connection_, MethodAt(0, 2), request, options);
 }
 
-orvane::ClientCall MixedKindsClient::Stop(
+orvane::CallHandle MixedKindsClient::Stop(
     const BrowserId& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 2), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 2), request, std::move(on_answer), options);
 }
 
 std::unique_ptr<orvane::ClientStream> MixedKindsClient::OnAsk(
@@ -69,17 +69,17 @@ std::unique_ptr<orvane::ClientStream> MixedKindsClient::OnAsk(
 }
 
 absl::StatusOr<google::protobuf::Empty> MixedKindsClient::Go(
-    const BrowserId& request, absl::Duration timeout) {
+    const BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 4), request, timeout);
+      connection_, MethodAt(0, 4), request, options);
 }
 
-orvane::ClientCall MixedKindsClient::Go(
+orvane::CallHandle MixedKindsClient::Go(
     const BrowserId& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 4), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 4), request, std::move(on_answer), options);
 }
 
 }  // namespace testdata

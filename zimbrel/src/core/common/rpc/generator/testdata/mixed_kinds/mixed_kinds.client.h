@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "mixed_kinds/mixed_kinds.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"
@@ -37,8 +36,8 @@ namespace testdata {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 //
 // A When... method runs `on_event` for each event of `key`, until the handle
 // that it returns is destroyed. From then on the handler never runs again. If
@@ -62,18 +61,16 @@ class MixedKindsClient {
   // Unary methods -------------------------------------------------------------
 
   absl::StatusOr<google::protobuf::Empty> Move(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Move(const BrowserId& request,
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle Move(const BrowserId& request,
                           orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
   absl::StatusOr<google::protobuf::Empty> Stop(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Stop(const BrowserId& request,
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle Stop(const BrowserId& request,
                           orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
   // Callback streams ----------------------------------------------------------
 
@@ -83,12 +80,11 @@ class MixedKindsClient {
 
   // Unary methods -------------------------------------------------------------
 
-  absl::StatusOr<google::protobuf::Empty> Go(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Go(const BrowserId& request,
+  absl::StatusOr<google::protobuf::Empty> Go(const BrowserId& request,
+                                             orvane::CallOptions options = {});
+  orvane::CallHandle Go(const BrowserId& request,
                         orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                        absl::Duration timeout = absl::InfiniteDuration());
+                        orvane::CallOptions options = {});
 
  private:
   orvane::SocketClient* connection_;

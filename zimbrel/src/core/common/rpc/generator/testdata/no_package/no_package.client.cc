@@ -25,14 +25,14 @@ const google::protobuf::MethodDescriptor* MethodAt(int service, int i) {
 }  // namespace
 
 absl::StatusOr<::Echo> NoPackageClient::Echo(const ::Echo& request,
-                                             absl::Duration timeout) {
+                                             orvane::CallOptions options) {
   return orvane::internal::CallAndWait<::Echo>(connection_, MethodAt(0, 0),
-                                               request, timeout);
+                                               request, options);
 }
 
-orvane::ClientCall NoPackageClient::Echo(const ::Echo& request,
+orvane::CallHandle NoPackageClient::Echo(const ::Echo& request,
                                          orvane::OnAnswer<::Echo> on_answer,
-                                         absl::Duration timeout) {
-  return orvane::internal::TypedCall<::Echo>::Start(
-      connection_, MethodAt(0, 0), request, std::move(on_answer), timeout);
+                                         orvane::CallOptions options) {
+  return orvane::internal::Call<::Echo>(connection_, MethodAt(0, 0), request,
+                                        std::move(on_answer), options);
 }

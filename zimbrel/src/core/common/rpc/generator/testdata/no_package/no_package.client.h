@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "no_package/no_package.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"
@@ -33,8 +32,8 @@ static_assert(orvane::kVersion == "0.1.0",
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 class NoPackageClient {
  public:
   explicit NoPackageClient(orvane::SocketClient* connection)
@@ -43,11 +42,11 @@ class NoPackageClient {
   // Unary methods -------------------------------------------------------------
 
   // The method's name hides the message's.
-  absl::StatusOr<::Echo> Echo(
-      const ::Echo& request, absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Echo(const ::Echo& request,
+  absl::StatusOr<::Echo> Echo(const ::Echo& request,
+                              orvane::CallOptions options = {});
+  orvane::CallHandle Echo(const ::Echo& request,
                           orvane::OnAnswer<::Echo> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
  private:
   orvane::SocketClient* connection_;

@@ -27,81 +27,82 @@ const google::protobuf::MethodDescriptor* MethodAt(int service, int i) {
 namespace testdata {
 
 absl::StatusOr<testdata::operator_> templateClient::delete_(
-    const testdata::int_& request, absl::Duration timeout) {
+    const testdata::int_& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<testdata::operator_>(
-      connection_, MethodAt(0, 0), request, timeout);
+      connection_, MethodAt(0, 0), request, options);
 }
 
-orvane::ClientCall templateClient::delete_(
+orvane::CallHandle templateClient::delete_(
     const testdata::int_& request,
-    orvane::OnAnswer<testdata::operator_> on_answer, absl::Duration timeout) {
-  return orvane::internal::TypedCall<testdata::operator_>::Start(
-      connection_, MethodAt(0, 0), request, std::move(on_answer), timeout);
+    orvane::OnAnswer<testdata::operator_> on_answer,
+    orvane::CallOptions options) {
+  return orvane::internal::Call<testdata::operator_>(
+      connection_, MethodAt(0, 0), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<testdata::int_> templateClient::new_(
-    const testdata::operator__typename& request, absl::Duration timeout) {
+    const testdata::operator__typename& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<testdata::int_>(
-      connection_, MethodAt(0, 1), request, timeout);
+      connection_, MethodAt(0, 1), request, options);
 }
 
-orvane::ClientCall templateClient::new_(
+orvane::CallHandle templateClient::new_(
     const testdata::operator__typename& request,
-    orvane::OnAnswer<testdata::int_> on_answer, absl::Duration timeout) {
-  return orvane::internal::TypedCall<testdata::int_>::Start(
-      connection_, MethodAt(0, 1), request, std::move(on_answer), timeout);
+    orvane::OnAnswer<testdata::int_> on_answer, orvane::CallOptions options) {
+  return orvane::internal::Call<testdata::int_>(
+      connection_, MethodAt(0, 1), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<testdata::int_> templateClient::and_(
-    const testdata::int_& request, absl::Duration timeout) {
+    const testdata::int_& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<testdata::int_>(
-      connection_, MethodAt(0, 2), request, timeout);
+      connection_, MethodAt(0, 2), request, options);
 }
 
-orvane::ClientCall templateClient::and_(
+orvane::CallHandle templateClient::and_(
     const testdata::int_& request, orvane::OnAnswer<testdata::int_> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<testdata::int_>::Start(
-      connection_, MethodAt(0, 2), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<testdata::int_>(
+      connection_, MethodAt(0, 2), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<testdata::int_> templateClient::co_await_(
-    const testdata::int_& request, absl::Duration timeout) {
+    const testdata::int_& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<testdata::int_>(
-      connection_, MethodAt(0, 3), request, timeout);
+      connection_, MethodAt(0, 3), request, options);
 }
 
-orvane::ClientCall templateClient::co_await_(
+orvane::CallHandle templateClient::co_await_(
     const testdata::int_& request, orvane::OnAnswer<testdata::int_> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<testdata::int_>::Start(
-      connection_, MethodAt(0, 3), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<testdata::int_>(
+      connection_, MethodAt(0, 3), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<testdata::int_> templateClient::NULL_(
-    const testdata::int_& request, absl::Duration timeout) {
+    const testdata::int_& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<testdata::int_>(
-      connection_, MethodAt(0, 4), request, timeout);
+      connection_, MethodAt(0, 4), request, options);
 }
 
-orvane::ClientCall templateClient::NULL_(
+orvane::CallHandle templateClient::NULL_(
     const testdata::int_& request, orvane::OnAnswer<testdata::int_> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<testdata::int_>::Start(
-      connection_, MethodAt(0, 4), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<testdata::int_>(
+      connection_, MethodAt(0, 4), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<testdata::int_> templateClient::then(
-    const testdata::int_& request, absl::Duration timeout) {
+    const testdata::int_& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<testdata::int_>(
-      connection_, MethodAt(0, 5), request, timeout);
+      connection_, MethodAt(0, 5), request, options);
 }
 
-orvane::ClientCall templateClient::then(
+orvane::CallHandle templateClient::then(
     const testdata::int_& request, orvane::OnAnswer<testdata::int_> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<testdata::int_>::Start(
-      connection_, MethodAt(0, 5), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<testdata::int_>(
+      connection_, MethodAt(0, 5), request, std::move(on_answer), options);
 }
 
 }  // namespace testdata

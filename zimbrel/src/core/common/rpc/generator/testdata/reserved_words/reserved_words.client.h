@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "reserved_words/reserved_words.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"
@@ -37,8 +36,8 @@ namespace testdata {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 class templateClient {
  public:
   explicit templateClient(orvane::SocketClient* connection)
@@ -46,50 +45,45 @@ class templateClient {
 
   // Unary methods -------------------------------------------------------------
 
-  absl::StatusOr<testdata::operator_> delete_(
-      const testdata::int_& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall delete_(const testdata::int_& request,
+  absl::StatusOr<testdata::operator_> delete_(const testdata::int_& request,
+                                              orvane::CallOptions options = {});
+  orvane::CallHandle delete_(const testdata::int_& request,
                              orvane::OnAnswer<testdata::operator_> on_answer,
-                             absl::Duration timeout = absl::InfiniteDuration());
+                             orvane::CallOptions options = {});
 
   absl::StatusOr<testdata::int_> new_(
       const testdata::operator__typename& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall new_(const testdata::operator__typename& request,
+      orvane::CallOptions options = {});
+  orvane::CallHandle new_(const testdata::operator__typename& request,
                           orvane::OnAnswer<testdata::int_> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
-  absl::StatusOr<testdata::int_> and_(
-      const testdata::int_& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall and_(const testdata::int_& request,
+  absl::StatusOr<testdata::int_> and_(const testdata::int_& request,
+                                      orvane::CallOptions options = {});
+  orvane::CallHandle and_(const testdata::int_& request,
                           orvane::OnAnswer<testdata::int_> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
   // Reserved since C++20.
-  absl::StatusOr<testdata::int_> co_await_(
-      const testdata::int_& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall co_await_(
-      const testdata::int_& request, orvane::OnAnswer<testdata::int_> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+  absl::StatusOr<testdata::int_> co_await_(const testdata::int_& request,
+                                           orvane::CallOptions options = {});
+  orvane::CallHandle co_await_(const testdata::int_& request,
+                               orvane::OnAnswer<testdata::int_> on_answer,
+                               orvane::CallOptions options = {});
 
   // Reserved by protobuf's C++ code, not by C++.
-  absl::StatusOr<testdata::int_> NULL_(
-      const testdata::int_& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall NULL_(const testdata::int_& request,
+  absl::StatusOr<testdata::int_> NULL_(const testdata::int_& request,
+                                       orvane::CallOptions options = {});
+  orvane::CallHandle NULL_(const testdata::int_& request,
                            orvane::OnAnswer<testdata::int_> on_answer,
-                           absl::Duration timeout = absl::InfiniteDuration());
+                           orvane::CallOptions options = {});
 
   // No word of C++, in spite of its looks.
-  absl::StatusOr<testdata::int_> then(
-      const testdata::int_& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall then(const testdata::int_& request,
+  absl::StatusOr<testdata::int_> then(const testdata::int_& request,
+                                      orvane::CallOptions options = {});
+  orvane::CallHandle then(const testdata::int_& request,
                           orvane::OnAnswer<testdata::int_> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
  private:
   orvane::SocketClient* connection_;

@@ -27,45 +27,45 @@ const google::protobuf::MethodDescriptor* MethodAt(int service, int i) {
 namespace testdata {
 
 absl::StatusOr<google::protobuf::Empty> FirstClient::Start(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 0), request, timeout);
+      connection_, MethodAt(0, 0), request, options);
 }
 
-orvane::ClientCall FirstClient::Start(
+orvane::CallHandle FirstClient::Start(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 0), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 0), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> SecondClient::Start(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(1, 0), request, timeout);
+      connection_, MethodAt(1, 0), request, options);
 }
 
-orvane::ClientCall SecondClient::Start(
+orvane::CallHandle SecondClient::Start(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(1, 0), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(1, 0), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> SecondClient::Stop(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(1, 1), request, timeout);
+      connection_, MethodAt(1, 1), request, options);
 }
 
-orvane::ClientCall SecondClient::Stop(
+orvane::CallHandle SecondClient::Stop(
     const google::protobuf::Empty& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(1, 1), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(1, 1), request, std::move(on_answer), options);
 }
 
 }  // namespace testdata

@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "several_services/several_services.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"
@@ -37,8 +36,8 @@ namespace testdata {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 class FirstClient {
  public:
   explicit FirstClient(orvane::SocketClient* connection)
@@ -47,11 +46,10 @@ class FirstClient {
   // Unary methods -------------------------------------------------------------
 
   absl::StatusOr<google::protobuf::Empty> Start(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Start(const google::protobuf::Empty& request,
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Start(const google::protobuf::Empty& request,
                            orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                           absl::Duration timeout = absl::InfiniteDuration());
+                           orvane::CallOptions options = {});
 
  private:
   orvane::SocketClient* connection_;
@@ -74,8 +72,8 @@ class FirstClient {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 class SecondClient {
  public:
   explicit SecondClient(orvane::SocketClient* connection)
@@ -84,18 +82,16 @@ class SecondClient {
   // Unary methods -------------------------------------------------------------
 
   absl::StatusOr<google::protobuf::Empty> Start(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Start(const google::protobuf::Empty& request,
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Start(const google::protobuf::Empty& request,
                            orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                           absl::Duration timeout = absl::InfiniteDuration());
+                           orvane::CallOptions options = {});
 
   absl::StatusOr<google::protobuf::Empty> Stop(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Stop(const google::protobuf::Empty& request,
+      const google::protobuf::Empty& request, orvane::CallOptions options = {});
+  orvane::CallHandle Stop(const google::protobuf::Empty& request,
                           orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
  private:
   orvane::SocketClient* connection_;

@@ -27,59 +27,59 @@ const google::protobuf::MethodDescriptor* MethodAt(int service, int i) {
 namespace testdata {
 
 absl::StatusOr<google::protobuf::Empty> UnaryMethodsClient::Insert(
-    const testdata::Coin& request, absl::Duration timeout) {
+    const testdata::Coin& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 0), request, timeout);
+      connection_, MethodAt(0, 0), request, options);
 }
 
-orvane::ClientCall UnaryMethodsClient::Insert(
+orvane::CallHandle UnaryMethodsClient::Insert(
     const testdata::Coin& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 0), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 0), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<testdata::Coin> UnaryMethodsClient::Return(
-    const google::protobuf::Empty& request, absl::Duration timeout) {
+    const google::protobuf::Empty& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<testdata::Coin>(
-      connection_, MethodAt(0, 1), request, timeout);
+      connection_, MethodAt(0, 1), request, options);
 }
 
-orvane::ClientCall UnaryMethodsClient::Return(
+orvane::CallHandle UnaryMethodsClient::Return(
     const google::protobuf::Empty& request,
-    orvane::OnAnswer<testdata::Coin> on_answer, absl::Duration timeout) {
-  return orvane::internal::TypedCall<testdata::Coin>::Start(
-      connection_, MethodAt(0, 1), request, std::move(on_answer), timeout);
+    orvane::OnAnswer<testdata::Coin> on_answer, orvane::CallOptions options) {
+  return orvane::internal::Call<testdata::Coin>(
+      connection_, MethodAt(0, 1), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<testdata::A> UnaryMethodsClient::F(const testdata::A& request,
-                                                  absl::Duration timeout) {
+                                                  orvane::CallOptions options) {
   return orvane::internal::CallAndWait<testdata::A>(connection_, MethodAt(0, 2),
-                                                    request, timeout);
+                                                    request, options);
 }
 
-orvane::ClientCall UnaryMethodsClient::F(
+orvane::CallHandle UnaryMethodsClient::F(
     const testdata::A& request, orvane::OnAnswer<testdata::A> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<testdata::A>::Start(
-      connection_, MethodAt(0, 2), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<testdata::A>(
+      connection_, MethodAt(0, 2), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike>
 UnaryMethodsClient::ExchangeForSomethingOfGreatValue(
     const testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike& request,
-    absl::Duration timeout) {
+    orvane::CallOptions options) {
   return orvane::internal::CallAndWait<testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike>(
-      connection_, MethodAt(0, 3), request, timeout);
+      connection_, MethodAt(0, 3), request, options);
 }
 
-orvane::ClientCall UnaryMethodsClient::ExchangeForSomethingOfGreatValue(
+orvane::CallHandle UnaryMethodsClient::ExchangeForSomethingOfGreatValue(
     const testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike& request,
     orvane::OnAnswer<testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike>::Start(
-      connection_, MethodAt(0, 3), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike>(
+      connection_, MethodAt(0, 3), request, std::move(on_answer), options);
 }
 
 }  // namespace testdata

@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "unary_methods/unary_methods.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"
@@ -37,8 +36,8 @@ namespace testdata {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 class UnaryMethodsClient {
  public:
   explicit UnaryMethodsClient(orvane::SocketClient* connection)
@@ -48,36 +47,33 @@ class UnaryMethodsClient {
 
   // Takes a coin.
   absl::StatusOr<google::protobuf::Empty> Insert(
-      const testdata::Coin& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Insert(const testdata::Coin& request,
+      const testdata::Coin& request, orvane::CallOptions options = {});
+  orvane::CallHandle Insert(const testdata::Coin& request,
                             orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                            absl::Duration timeout = absl::InfiniteDuration());
+                            orvane::CallOptions options = {});
 
   // Gives the last coin back.
-  absl::StatusOr<testdata::Coin> Return(
-      const google::protobuf::Empty& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Return(const google::protobuf::Empty& request,
+  absl::StatusOr<testdata::Coin> Return(const google::protobuf::Empty& request,
+                                        orvane::CallOptions options = {});
+  orvane::CallHandle Return(const google::protobuf::Empty& request,
                             orvane::OnAnswer<testdata::Coin> on_answer,
-                            absl::Duration timeout = absl::InfiniteDuration());
+                            orvane::CallOptions options = {});
 
-  absl::StatusOr<testdata::A> F(
-      const testdata::A& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall F(const testdata::A& request,
+  absl::StatusOr<testdata::A> F(const testdata::A& request,
+                                orvane::CallOptions options = {});
+  orvane::CallHandle F(const testdata::A& request,
                        orvane::OnAnswer<testdata::A> on_answer,
-                       absl::Duration timeout = absl::InfiniteDuration());
+                       orvane::CallOptions options = {});
 
   // Fails on every other Tuesday.
   absl::StatusOr<testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike>
   ExchangeForSomethingOfGreatValue(
       const testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ExchangeForSomethingOfGreatValue(
+      orvane::CallOptions options = {});
+  orvane::CallHandle ExchangeForSomethingOfGreatValue(
       const testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike& request,
       orvane::OnAnswer<testdata::ConsiderablyLongerMessageNameThanAnybodyWouldLike> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
  private:
   orvane::SocketClient* connection_;

@@ -27,585 +27,588 @@ const google::protobuf::MethodDescriptor* MethodAt(int service, int i) {
 namespace rpc {
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::Focus(
-    const rpc::FocusRequest& request, absl::Duration timeout) {
+    const rpc::FocusRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 0), request, timeout);
+      connection_, MethodAt(0, 0), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::Focus(
+orvane::CallHandle BrowserWidgetRpcClient::Focus(
     const rpc::FocusRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 0), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 0), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::Unfocus(
-    const BrowserId& request, absl::Duration timeout) {
+    const BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 1), request, timeout);
+      connection_, MethodAt(0, 1), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::Unfocus(
+orvane::CallHandle BrowserWidgetRpcClient::Unfocus(
     const BrowserId& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 1), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 1), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<rpc::AttachResult> BrowserWidgetRpcClient::Attach(
-    const rpc::AttachRequest& request, absl::Duration timeout) {
+    const rpc::AttachRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<rpc::AttachResult>(
-      connection_, MethodAt(0, 2), request, timeout);
+      connection_, MethodAt(0, 2), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::Attach(
+orvane::CallHandle BrowserWidgetRpcClient::Attach(
     const rpc::AttachRequest& request,
-    orvane::OnAnswer<rpc::AttachResult> on_answer, absl::Duration timeout) {
-  return orvane::internal::TypedCall<rpc::AttachResult>::Start(
-      connection_, MethodAt(0, 2), request, std::move(on_answer), timeout);
+    orvane::OnAnswer<rpc::AttachResult> on_answer,
+    orvane::CallOptions options) {
+  return orvane::internal::Call<rpc::AttachResult>(
+      connection_, MethodAt(0, 2), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::Detach(
-    const BrowserId& request, absl::Duration timeout) {
+    const BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 3), request, timeout);
+      connection_, MethodAt(0, 3), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::Detach(
+orvane::CallHandle BrowserWidgetRpcClient::Detach(
     const BrowserId& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 3), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 3), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::AssignHostWindow(
-    const rpc::AssignHostWindowRequest& request, absl::Duration timeout) {
+    const rpc::AssignHostWindowRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 4), request, timeout);
+      connection_, MethodAt(0, 4), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::AssignHostWindow(
+orvane::CallHandle BrowserWidgetRpcClient::AssignHostWindow(
     const rpc::AssignHostWindowRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 4), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 4), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::Show(
-    const BrowserId& request, absl::Duration timeout) {
+    const BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 5), request, timeout);
+      connection_, MethodAt(0, 5), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::Show(
+orvane::CallHandle BrowserWidgetRpcClient::Show(
     const BrowserId& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 5), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 5), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::Hide(
-    const BrowserId& request, absl::Duration timeout) {
+    const BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 6), request, timeout);
+      connection_, MethodAt(0, 6), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::Hide(
+orvane::CallHandle BrowserWidgetRpcClient::Hide(
     const BrowserId& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 6), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 6), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::Minimize(
-    const BrowserId& request, absl::Duration timeout) {
+    const BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 7), request, timeout);
+      connection_, MethodAt(0, 7), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::Minimize(
+orvane::CallHandle BrowserWidgetRpcClient::Minimize(
     const BrowserId& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 7), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 7), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::Restore(
-    const BrowserId& request, absl::Duration timeout) {
+    const BrowserId& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 8), request, timeout);
+      connection_, MethodAt(0, 8), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::Restore(
+orvane::CallHandle BrowserWidgetRpcClient::Restore(
     const BrowserId& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 8), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 8), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::SetDisplay(
-    const rpc::Display& request, absl::Duration timeout) {
+    const rpc::Display& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 9), request, timeout);
+      connection_, MethodAt(0, 9), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::SetDisplay(
+orvane::CallHandle BrowserWidgetRpcClient::SetDisplay(
     const rpc::Display& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 9), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 9), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::SetViewBounds(
-    const rpc::ViewBounds& request, absl::Duration timeout) {
+    const rpc::ViewBounds& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 10), request, timeout);
+      connection_, MethodAt(0, 10), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::SetViewBounds(
+orvane::CallHandle BrowserWidgetRpcClient::SetViewBounds(
     const rpc::ViewBounds& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 10), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 10), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<rpc::WindowHandle>
 BrowserWidgetRpcClient::GetChromiumWindowHandle(const BrowserId& request,
-                                                absl::Duration timeout) {
+                                                orvane::CallOptions options) {
   return orvane::internal::CallAndWait<rpc::WindowHandle>(
-      connection_, MethodAt(0, 11), request, timeout);
+      connection_, MethodAt(0, 11), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::GetChromiumWindowHandle(
+orvane::CallHandle BrowserWidgetRpcClient::GetChromiumWindowHandle(
     const BrowserId& request, orvane::OnAnswer<rpc::WindowHandle> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<rpc::WindowHandle>::Start(
-      connection_, MethodAt(0, 11), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<rpc::WindowHandle>(
+      connection_, MethodAt(0, 11), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::ForwardKeyPress(
-    const rpc::KeyPressRequest& request, absl::Duration timeout) {
+    const rpc::KeyPressRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 12), request, timeout);
+      connection_, MethodAt(0, 12), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardKeyPress(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardKeyPress(
     const rpc::KeyPressRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 12), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 12), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardKeyRelease(const rpc::KeyReleaseRequest& request,
-                                          absl::Duration timeout) {
+                                          orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 13), request, timeout);
+      connection_, MethodAt(0, 13), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardKeyRelease(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardKeyRelease(
     const rpc::KeyReleaseRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 13), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 13), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::ForwardKeyType(
-    const rpc::KeyTypeRequest& request, absl::Duration timeout) {
+    const rpc::KeyTypeRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 14), request, timeout);
+      connection_, MethodAt(0, 14), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardKeyType(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardKeyType(
     const rpc::KeyTypeRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 14), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 14), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardMousePress(const rpc::MousePressRequest& request,
-                                          absl::Duration timeout) {
+                                          orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 15), request, timeout);
+      connection_, MethodAt(0, 15), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardMousePress(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardMousePress(
     const rpc::MousePressRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 15), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 15), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardMouseRelease(
-    const rpc::MouseReleaseRequest& request, absl::Duration timeout) {
+    const rpc::MouseReleaseRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 16), request, timeout);
+      connection_, MethodAt(0, 16), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardMouseRelease(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardMouseRelease(
     const rpc::MouseReleaseRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 16), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 16), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardMouseEnter(const rpc::MouseEnterRequest& request,
-                                          absl::Duration timeout) {
+                                          orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 17), request, timeout);
+      connection_, MethodAt(0, 17), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardMouseEnter(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardMouseEnter(
     const rpc::MouseEnterRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 17), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 17), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardMouseExit(const rpc::MouseExitRequest& request,
-                                         absl::Duration timeout) {
+                                         orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 18), request, timeout);
+      connection_, MethodAt(0, 18), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardMouseExit(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardMouseExit(
     const rpc::MouseExitRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 18), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 18), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardMouseDrag(const rpc::MouseDragRequest& request,
-                                         absl::Duration timeout) {
+                                         orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 19), request, timeout);
+      connection_, MethodAt(0, 19), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardMouseDrag(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardMouseDrag(
     const rpc::MouseDragRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 19), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 19), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardMouseMove(const rpc::MouseMoveRequest& request,
-                                         absl::Duration timeout) {
+                                         orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 20), request, timeout);
+      connection_, MethodAt(0, 20), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardMouseMove(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardMouseMove(
     const rpc::MouseMoveRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 20), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 20), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardMouseWheel(const rpc::MouseWheelRequest& request,
-                                          absl::Duration timeout) {
+                                          orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 21), request, timeout);
+      connection_, MethodAt(0, 21), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardMouseWheel(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardMouseWheel(
     const rpc::MouseWheelRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 21), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 21), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardNativeKeyEvent(
-    const rpc::NativeKeyEventRequest& request, absl::Duration timeout) {
+    const rpc::NativeKeyEventRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 22), request, timeout);
+      connection_, MethodAt(0, 22), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardNativeKeyEvent(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardNativeKeyEvent(
     const rpc::NativeKeyEventRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 22), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 22), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardNativeMouseEvent(
-    const rpc::NativeMouseEventRequest& request, absl::Duration timeout) {
+    const rpc::NativeMouseEventRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 23), request, timeout);
+      connection_, MethodAt(0, 23), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardNativeMouseEvent(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardNativeMouseEvent(
     const rpc::NativeMouseEventRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 23), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 23), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardNativeTouchEvent(
-    const rpc::NativeTouchEventRequest& request, absl::Duration timeout) {
+    const rpc::NativeTouchEventRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 24), request, timeout);
+      connection_, MethodAt(0, 24), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardNativeTouchEvent(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardNativeTouchEvent(
     const rpc::NativeTouchEventRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 24), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 24), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<rpc::AccessibilityToken>
 BrowserWidgetRpcClient::GetAccessibilityToken(const BrowserId& request,
-                                              absl::Duration timeout) {
+                                              orvane::CallOptions options) {
   return orvane::internal::CallAndWait<rpc::AccessibilityToken>(
-      connection_, MethodAt(0, 25), request, timeout);
+      connection_, MethodAt(0, 25), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::GetAccessibilityToken(
+orvane::CallHandle BrowserWidgetRpcClient::GetAccessibilityToken(
     const BrowserId& request,
     orvane::OnAnswer<rpc::AccessibilityToken> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<rpc::AccessibilityToken>::Start(
-      connection_, MethodAt(0, 25), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<rpc::AccessibilityToken>(
+      connection_, MethodAt(0, 25), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::SetParentAccessibilityNodes(
     const rpc::SetParentAccessibilityNodesRequest& request,
-    absl::Duration timeout) {
+    orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 26), request, timeout);
+      connection_, MethodAt(0, 26), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::SetParentAccessibilityNodes(
+orvane::CallHandle BrowserWidgetRpcClient::SetParentAccessibilityNodes(
     const rpc::SetParentAccessibilityNodesRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 26), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 26), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::BoolValue>
 BrowserWidgetRpcClient::AttachAccessibleWindow(
-    const rpc::AttachAccessibleWindowRequest& request, absl::Duration timeout) {
+    const rpc::AttachAccessibleWindowRequest& request,
+    orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::BoolValue>(
-      connection_, MethodAt(0, 27), request, timeout);
+      connection_, MethodAt(0, 27), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::AttachAccessibleWindow(
+orvane::CallHandle BrowserWidgetRpcClient::AttachAccessibleWindow(
     const rpc::AttachAccessibleWindowRequest& request,
     orvane::OnAnswer<google::protobuf::BoolValue> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::BoolValue>::Start(
-      connection_, MethodAt(0, 27), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::BoolValue>(
+      connection_, MethodAt(0, 27), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardTouchStart(const rpc::TouchStartRequest& request,
-                                          absl::Duration timeout) {
+                                          orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 28), request, timeout);
+      connection_, MethodAt(0, 28), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardTouchStart(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardTouchStart(
     const rpc::TouchStartRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 28), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 28), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardTouchMove(const rpc::TouchMoveRequest& request,
-                                         absl::Duration timeout) {
+                                         orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 29), request, timeout);
+      connection_, MethodAt(0, 29), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardTouchMove(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardTouchMove(
     const rpc::TouchMoveRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 29), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 29), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::ForwardTouchEnd(
-    const rpc::TouchEndRequest& request, absl::Duration timeout) {
+    const rpc::TouchEndRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 30), request, timeout);
+      connection_, MethodAt(0, 30), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardTouchEnd(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardTouchEnd(
     const rpc::TouchEndRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 30), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 30), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardTouchCancel(
-    const rpc::TouchCancelRequest& request, absl::Duration timeout) {
+    const rpc::TouchCancelRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 31), request, timeout);
+      connection_, MethodAt(0, 31), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardTouchCancel(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardTouchCancel(
     const rpc::TouchCancelRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 31), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 31), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardDragEnter(const rpc::DragEnterRequest& request,
-                                         absl::Duration timeout) {
+                                         orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 32), request, timeout);
+      connection_, MethodAt(0, 32), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardDragEnter(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardDragEnter(
     const rpc::DragEnterRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 32), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 32), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::ForwardDragOver(
-    const rpc::DragOverRequest& request, absl::Duration timeout) {
+    const rpc::DragOverRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 33), request, timeout);
+      connection_, MethodAt(0, 33), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardDragOver(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardDragOver(
     const rpc::DragOverRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 33), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 33), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::ForwardDragLeave(const rpc::DragLeaveRequest& request,
-                                         absl::Duration timeout) {
+                                         orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 34), request, timeout);
+      connection_, MethodAt(0, 34), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardDragLeave(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardDragLeave(
     const rpc::DragLeaveRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 34), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 34), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::ForwardDragDrop(
-    const rpc::DragDropRequest& request, absl::Duration timeout) {
+    const rpc::DragDropRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 35), request, timeout);
+      connection_, MethodAt(0, 35), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardDragDrop(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardDragDrop(
     const rpc::DragDropRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 35), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 35), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::ForwardDragEnd(
-    const rpc::DragEndRequest& request, absl::Duration timeout) {
+    const rpc::DragEndRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 36), request, timeout);
+      connection_, MethodAt(0, 36), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::ForwardDragEnd(
+orvane::CallHandle BrowserWidgetRpcClient::ForwardDragEnd(
     const rpc::DragEndRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 36), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 36), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::NotifyParentWindowChanged(
-    const rpc::AttachRequest& request, absl::Duration timeout) {
+    const rpc::AttachRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 37), request, timeout);
+      connection_, MethodAt(0, 37), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::NotifyParentWindowChanged(
+orvane::CallHandle BrowserWidgetRpcClient::NotifyParentWindowChanged(
     const rpc::AttachRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 37), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 37), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty> BrowserWidgetRpcClient::SetDpiAware(
-    const rpc::SetDpiAwareRequest& request, absl::Duration timeout) {
+    const rpc::SetDpiAwareRequest& request, orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 38), request, timeout);
+      connection_, MethodAt(0, 38), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::SetDpiAware(
+orvane::CallHandle BrowserWidgetRpcClient::SetDpiAware(
     const rpc::SetDpiAwareRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 38), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 38), request, std::move(on_answer), options);
 }
 
 absl::StatusOr<google::protobuf::Empty>
 BrowserWidgetRpcClient::SetForcedScaleFactor(
-    const rpc::SetForcedScaleFactorRequest& request, absl::Duration timeout) {
+    const rpc::SetForcedScaleFactorRequest& request,
+    orvane::CallOptions options) {
   return orvane::internal::CallAndWait<google::protobuf::Empty>(
-      connection_, MethodAt(0, 39), request, timeout);
+      connection_, MethodAt(0, 39), request, options);
 }
 
-orvane::ClientCall BrowserWidgetRpcClient::SetForcedScaleFactor(
+orvane::CallHandle BrowserWidgetRpcClient::SetForcedScaleFactor(
     const rpc::SetForcedScaleFactorRequest& request,
     orvane::OnAnswer<google::protobuf::Empty> on_answer,
-    absl::Duration timeout) {
-  return orvane::internal::TypedCall<google::protobuf::Empty>::Start(
-      connection_, MethodAt(0, 39), request, std::move(on_answer), timeout);
+    orvane::CallOptions options) {
+  return orvane::internal::Call<google::protobuf::Empty>(
+      connection_, MethodAt(0, 39), request, std::move(on_answer), options);
 }
 
 std::unique_ptr<orvane::ClientStream> BrowserWidgetRpcClient::WhenCursorChanged(

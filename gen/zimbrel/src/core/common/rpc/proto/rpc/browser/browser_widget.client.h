@@ -7,7 +7,6 @@
 #include <memory>
 
 #include "absl/status/statusor.h"
-#include "absl/time/time.h"
 
 #include "rpc/browser/browser_widget.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/typed_client.h"
@@ -55,8 +54,8 @@ namespace rpc {
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
 // runs for this connection. The other returns at once, and `on_answer` runs
-// later, once: never inside the call. Errors are those of
-// ClientController::status.
+// later, once: never inside the call. It may be null. SocketClient::Call lists
+// how a call may end.
 //
 // A When... method runs `on_event` for each event of `key`, until the handle
 // that it returns is destroyed. From then on the handler never runs again. If
@@ -77,177 +76,162 @@ class BrowserWidgetRpcClient {
   // key events. Call it when the host's own focus moves to the view. Fails if
   // the browser is not attached.
   absl::StatusOr<google::protobuf::Empty> Focus(
-      const rpc::FocusRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Focus(const rpc::FocusRequest& request,
+      const rpc::FocusRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle Focus(const rpc::FocusRequest& request,
                            orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                           absl::Duration timeout = absl::InfiniteDuration());
+                           orvane::CallOptions options = {});
 
   // Takes the keyboard focus from the view. Call it when another control or
   // window of the host gets the focus. Harmless for a view without focus; fails
   // only for an unknown browser.
   absl::StatusOr<google::protobuf::Empty> Unfocus(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Unfocus(
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle Unfocus(
       const BrowserId& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Places the browser's view in a window of the host; the view stays hidden
   // until Show. Call it once the parent window exists, and before anything
   // below that needs an attached browser. What the widget cannot offer, such as
   // a rendering mode, is a refusal in the result; the call fails for wrong use:
   // a browser that is attached already, a parent window that does not exist.
-  absl::StatusOr<rpc::AttachResult> Attach(
-      const rpc::AttachRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Attach(const rpc::AttachRequest& request,
+  absl::StatusOr<rpc::AttachResult> Attach(const rpc::AttachRequest& request,
+                                           orvane::CallOptions options = {});
+  orvane::CallHandle Attach(const rpc::AttachRequest& request,
                             orvane::OnAnswer<rpc::AttachResult> on_answer,
-                            absl::Duration timeout = absl::InfiniteDuration());
+                            orvane::CallOptions options = {});
 
   // Takes the view out of its parent window; the browser lives on and can be
   // attached again. Call it before the parent window is destroyed. Harmless for
   // a browser that is not attached; fails only for an unknown one.
   absl::StatusOr<google::protobuf::Empty> Detach(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Detach(const BrowserId& request,
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle Detach(const BrowserId& request,
                             orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                            absl::Duration timeout = absl::InfiniteDuration());
+                            orvane::CallOptions options = {});
 
   // Tells the browser the host's top-level window, above which its dialogs and
   // drop-downs are kept. Call it after Attach, and again when the view has
   // moved to another top-level window. Fails if the window does not exist.
   absl::StatusOr<google::protobuf::Empty> AssignHostWindow(
       const rpc::AssignHostWindowRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall AssignHostWindow(
+      orvane::CallOptions options = {});
+  orvane::CallHandle AssignHostWindow(
       const rpc::AssignHostWindowRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Makes the view visible and lets the page draw and run at full speed. Call
   // it when the host shows the control that holds the view. Fails if the
   // browser is not attached.
   absl::StatusOr<google::protobuf::Empty> Show(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Show(const BrowserId& request,
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle Show(const BrowserId& request,
                           orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
   // Makes the view invisible; the page stops drawing and its timers slow down.
   // Call it when the host hides the control, or when its tab is in the
   // background. Fails if the browser is not attached.
   absl::StatusOr<google::protobuf::Empty> Hide(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Hide(const BrowserId& request,
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle Hide(const BrowserId& request,
                           orvane::OnAnswer<google::protobuf::Empty> on_answer,
-                          absl::Duration timeout = absl::InfiniteDuration());
+                          orvane::CallOptions options = {});
 
   // Tells the browser that the host's window was minimised: nothing is drawn,
   // and whether the view is shown or hidden is kept for later. Call it when the
   // window system minimises the window. Fails if the browser is not attached.
   absl::StatusOr<google::protobuf::Empty> Minimize(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Minimize(
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle Minimize(
       const BrowserId& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Tells the browser that the host's window is no longer minimised; the view
   // is shown or hidden as before. Call it when the window system restores the
   // window; harmless if it was not minimised. Fails if the browser is not
   // attached.
   absl::StatusOr<google::protobuf::Empty> Restore(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall Restore(
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle Restore(
       const BrowserId& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Tells the browser which display the view is on. Call it before Attach, when
   // most of the view has moved to another display, and when that display's
   // settings change. Fails if the bounds are empty or the scale factor is not
   // above 0.
   absl::StatusOr<google::protobuf::Empty> SetDisplay(
-      const rpc::Display& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall SetDisplay(
+      const rpc::Display& request, orvane::CallOptions options = {});
+  orvane::CallHandle SetDisplay(
       const rpc::Display& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Moves or resizes the view; the page is laid out anew if its size changes.
   // Call it whenever the view's place in its parent window or on the screen
   // changes. Fails if the browser is not attached or a size is negative.
   absl::StatusOr<google::protobuf::Empty> SetViewBounds(
-      const rpc::ViewBounds& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall SetViewBounds(
+      const rpc::ViewBounds& request, orvane::CallOptions options = {});
+  orvane::CallHandle SetViewBounds(
       const rpc::ViewBounds& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Returns the native window that the browser engine draws into, for hosts
   // that have to order or embed it themselves. The handle is 0 if there is
   // none, as in the off-screen mode, and is good until Detach. Fails if the
   // browser is not attached.
   absl::StatusOr<rpc::WindowHandle> GetChromiumWindowHandle(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall GetChromiumWindowHandle(
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle GetChromiumWindowHandle(
       const BrowserId& request, orvane::OnAnswer<rpc::WindowHandle> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends the press of a key, or its automatic repetition. Call it for every
   // key event while the view has the focus; text goes separately, by
   // ForwardKeyType. Fails if the browser is not attached or the key is not
   // given.
   absl::StatusOr<google::protobuf::Empty> ForwardKeyPress(
-      const rpc::KeyPressRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardKeyPress(
+      const rpc::KeyPressRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardKeyPress(
       const rpc::KeyPressRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends the release of a key. Call it for every key whose press was sent,
   // also if the focus has left the view meanwhile. Fails if the browser is not
   // attached or the key is not given.
   absl::StatusOr<google::protobuf::Empty> ForwardKeyRelease(
-      const rpc::KeyReleaseRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardKeyRelease(
+      const rpc::KeyReleaseRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardKeyRelease(
       const rpc::KeyReleaseRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends text that was typed, to be entered where the page's caret is. Call it
   // after the press that produced the text. Fails if the browser is not
   // attached or the text is empty.
   absl::StatusOr<google::protobuf::Empty> ForwardKeyType(
-      const rpc::KeyTypeRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardKeyType(
+      const rpc::KeyTypeRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardKeyType(
       const rpc::KeyTypeRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends the press of a mouse button or the touch of a pen. It does not move
   // the keyboard focus to the view: the host calls Focus for that. Fails if the
   // browser is not attached or no button is given.
   absl::StatusOr<google::protobuf::Empty> ForwardMousePress(
-      const rpc::MousePressRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardMousePress(
+      const rpc::MousePressRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardMousePress(
       const rpc::MousePressRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends the release of a mouse button or the lifting of a pen. Call it for
   // every press that was sent, wherever the pointer is by then, save one that
@@ -255,67 +239,62 @@ class BrowserWidgetRpcClient {
   // button is given.
   absl::StatusOr<google::protobuf::Empty> ForwardMouseRelease(
       const rpc::MouseReleaseRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardMouseRelease(
+      orvane::CallOptions options = {});
+  orvane::CallHandle ForwardMouseRelease(
       const rpc::MouseReleaseRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Reports that the pointer has come into the view. Call it before the first
   // movement there. Fails if the browser is not attached.
   absl::StatusOr<google::protobuf::Empty> ForwardMouseEnter(
-      const rpc::MouseEnterRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardMouseEnter(
+      const rpc::MouseEnterRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardMouseEnter(
       const rpc::MouseEnterRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Reports that the pointer has left the view, so that nothing stays
   // highlighted under it. Call it when the pointer leaves; after a drag that
   // began in the view, only once the button is up. Fails if the browser is not
   // attached.
   absl::StatusOr<google::protobuf::Empty> ForwardMouseExit(
-      const rpc::MouseExitRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardMouseExit(
+      const rpc::MouseExitRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardMouseExit(
       const rpc::MouseExitRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends a movement of the pointer with a button held, as while selecting
   // text. Call it for every movement between a press in the view and its
   // release, also outside the view. Fails if the browser is not attached or no
   // button is held.
   absl::StatusOr<google::protobuf::Empty> ForwardMouseDrag(
-      const rpc::MouseDragRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardMouseDrag(
+      const rpc::MouseDragRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardMouseDrag(
       const rpc::MouseDragRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends a movement of the pointer over the view with no button held. Call it
   // for every movement that the platform reports; the widget merges those
   // between two pictures. Fails if the browser is not attached.
   absl::StatusOr<google::protobuf::Empty> ForwardMouseMove(
-      const rpc::MouseMoveRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardMouseMove(
+      const rpc::MouseMoveRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardMouseMove(
       const rpc::MouseMoveRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends a turn of the wheel or a scroll on a touchpad. Call it for every
   // event of the platform, those that only begin or end a gesture included.
   // Fails if the browser is not attached.
   absl::StatusOr<google::protobuf::Empty> ForwardMouseWheel(
-      const rpc::MouseWheelRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardMouseWheel(
+      const rpc::MouseWheelRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardMouseWheel(
       const rpc::MouseWheelRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends a key event just as the platform delivered it, instead of the three
   // key calls above; a host uses either way, not both. Fails if the browser is
@@ -323,11 +302,11 @@ class BrowserWidgetRpcClient {
   // wrong length.
   absl::StatusOr<google::protobuf::Empty> ForwardNativeKeyEvent(
       const rpc::NativeKeyEventRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardNativeKeyEvent(
+      orvane::CallOptions options = {});
+  orvane::CallHandle ForwardNativeKeyEvent(
       const rpc::NativeKeyEventRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends a mouse event just as the platform delivered it, instead of the seven
   // mouse calls above; a host uses either way, not both. Fails if the browser
@@ -335,11 +314,11 @@ class BrowserWidgetRpcClient {
   // the wrong length.
   absl::StatusOr<google::protobuf::Empty> ForwardNativeMouseEvent(
       const rpc::NativeMouseEventRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardNativeMouseEvent(
+      orvane::CallOptions options = {});
+  orvane::CallHandle ForwardNativeMouseEvent(
       const rpc::NativeMouseEventRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends a touch event just as the platform delivered it, instead of the four
   // touch calls below; a host uses either way, not both. Fails if the browser
@@ -347,183 +326,171 @@ class BrowserWidgetRpcClient {
   // the wrong length.
   absl::StatusOr<google::protobuf::Empty> ForwardNativeTouchEvent(
       const rpc::NativeTouchEventRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardNativeTouchEvent(
+      orvane::CallOptions options = {});
+  orvane::CallHandle ForwardNativeTouchEvent(
       const rpc::NativeTouchEventRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Returns the token of the page's root node, and turns the page's
   // accessibility on if it was off. Call it when assistive technology first
   // asks the host about the view. The token is empty where trees are joined by
   // window instead; fails if the browser is not attached.
   absl::StatusOr<rpc::AccessibilityToken> GetAccessibilityToken(
-      const BrowserId& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall GetAccessibilityToken(
+      const BrowserId& request, orvane::CallOptions options = {});
+  orvane::CallHandle GetAccessibilityToken(
       const BrowserId& request,
       orvane::OnAnswer<rpc::AccessibilityToken> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Hangs the page's accessibility tree below nodes of the host's. Call it
   // after GetAccessibilityToken, and again when the view gets another parent or
   // window. Fails if a token is not of the widget's platform or names no node.
   absl::StatusOr<google::protobuf::Empty> SetParentAccessibilityNodes(
       const rpc::SetParentAccessibilityNodesRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall SetParentAccessibilityNodes(
+      orvane::CallOptions options = {});
+  orvane::CallHandle SetParentAccessibilityNodes(
       const rpc::SetParentAccessibilityNodesRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Joins the page's accessibility tree to a native window, where platforms
   // find trees by window. Returns true if it is joined, false if this platform
   // does not join trees so. Fails if the window does not exist.
   absl::StatusOr<google::protobuf::BoolValue> AttachAccessibleWindow(
       const rpc::AttachAccessibleWindowRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall AttachAccessibleWindow(
+      orvane::CallOptions options = {});
+  orvane::CallHandle AttachAccessibleWindow(
       const rpc::AttachAccessibleWindowRequest& request,
       orvane::OnAnswer<google::protobuf::BoolValue> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Reports that fingers came down on the view. Call it for every start, later
   // fingers included. Fails if the browser is not attached, if no point is
   // given, or if a finger is down already.
   absl::StatusOr<google::protobuf::Empty> ForwardTouchStart(
-      const rpc::TouchStartRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardTouchStart(
+      const rpc::TouchStartRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardTouchStart(
       const rpc::TouchStartRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Reports that fingers moved. Call it for every movement of fingers that came
   // down on the view, also outside it. Fails if the browser is not attached, if
   // no point is given, or if a finger is not down.
   absl::StatusOr<google::protobuf::Empty> ForwardTouchMove(
-      const rpc::TouchMoveRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardTouchMove(
+      const rpc::TouchMoveRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardTouchMove(
       const rpc::TouchMoveRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Reports that fingers were lifted; the page may take it for a tap. Call it
   // for every finger that came down on the view. Fails if the browser is not
   // attached, if no point is given, or if a finger is not down.
   absl::StatusOr<google::protobuf::Empty> ForwardTouchEnd(
-      const rpc::TouchEndRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardTouchEnd(
+      const rpc::TouchEndRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardTouchEnd(
       const rpc::TouchEndRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Reports that the platform took fingers away before they were lifted; the
   // page must not take it for a tap. Call it when the platform says so, or when
   // the view is hidden under the fingers. Fails if the browser is not attached,
   // if no point is given, or if a finger is not down.
   absl::StatusOr<google::protobuf::Empty> ForwardTouchCancel(
-      const rpc::TouchCancelRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardTouchCancel(
+      const rpc::TouchCancelRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardTouchCancel(
       const rpc::TouchCancelRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Reports that a drag came over the view, and with what. What a drop would do
   // comes back through WhenDragCursorUpdated. Call it before any other call
   // about the drag. Fails if the browser is not attached or a drag is over the
   // view already.
   absl::StatusOr<google::protobuf::Empty> ForwardDragEnter(
-      const rpc::DragEnterRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardDragEnter(
+      const rpc::DragEnterRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardDragEnter(
       const rpc::DragEnterRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Sends a movement of the drag over the view. Call it for every movement that
   // the platform reports, and when only the modifiers have changed. Fails if no
   // drag is over the view.
   absl::StatusOr<google::protobuf::Empty> ForwardDragOver(
-      const rpc::DragOverRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardDragOver(
+      const rpc::DragOverRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardDragOver(
       const rpc::DragOverRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Reports that the drag left the view or was given up over it; the page
   // undoes its highlighting. Call it for every drag that came over the view and
   // is not dropped there. Fails if no drag is over the view.
   absl::StatusOr<google::protobuf::Empty> ForwardDragLeave(
-      const rpc::DragLeaveRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardDragLeave(
+      const rpc::DragLeaveRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardDragLeave(
       const rpc::DragLeaveRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Reports that the user dropped what was dragged, which ends the drag over
   // the view; no leave follows. Call it only if the latest DragCursorUpdated
   // named an operation, else call ForwardDragLeave. Fails if no drag is over
   // the view.
   absl::StatusOr<google::protobuf::Empty> ForwardDragDrop(
-      const rpc::DragDropRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardDragDrop(
+      const rpc::DragDropRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardDragDrop(
       const rpc::DragDropRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Reports the end of a drag that began in the page, once, wherever and
   // however it ended. Call it after the drop or the leave, if the drag ended
   // over a view; it stands for the release of the button too. Fails if no drag
   // began in the page.
   absl::StatusOr<google::protobuf::Empty> ForwardDragEnd(
-      const rpc::DragEndRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall ForwardDragEnd(
+      const rpc::DragEndRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle ForwardDragEnd(
       const rpc::DragEndRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Tells the browser that its view now lies in another parent window, without
   // a new Attach: page, focus and visibility are kept. Call it after the host
   // has moved the view, before the old parent window is destroyed. Fails if the
   // browser is not attached or the window does not exist.
   absl::StatusOr<google::protobuf::Empty> NotifyParentWindowChanged(
-      const rpc::AttachRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall NotifyParentWindowChanged(
+      const rpc::AttachRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle NotifyParentWindowChanged(
       const rpc::AttachRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Chooses whether the page is drawn at the display's scale factor or is
   // scaled by the window system, as the host's own windows are. Call it before
   // Attach; a change afterwards draws the page anew. Without a call, the
   // browser is DPI aware. Fails only for an unknown browser.
   absl::StatusOr<google::protobuf::Empty> SetDpiAware(
-      const rpc::SetDpiAwareRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall SetDpiAware(
+      const rpc::SetDpiAwareRequest& request, orvane::CallOptions options = {});
+  orvane::CallHandle SetDpiAware(
       const rpc::SetDpiAwareRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Draws the page at a given scale factor whatever the display says, or goes
   // back to the display's. Call it at any time; the page is laid out anew.
   // Fails if the factor is not between 0.25 and 8.
   absl::StatusOr<google::protobuf::Empty> SetForcedScaleFactor(
       const rpc::SetForcedScaleFactorRequest& request,
-      absl::Duration timeout = absl::InfiniteDuration());
-  orvane::ClientCall SetForcedScaleFactor(
+      orvane::CallOptions options = {});
+  orvane::CallHandle SetForcedScaleFactor(
       const rpc::SetForcedScaleFactorRequest& request,
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
-      absl::Duration timeout = absl::InfiniteDuration());
+      orvane::CallOptions options = {});
 
   // Event streams -------------------------------------------------------------
 

@@ -126,14 +126,15 @@ TEST_F(BrowserWidgetClientTest, ACallThatFailsTellsTheHandlersWords) {
 }
 
 TEST_F(BrowserWidgetClientTest, ACallEndsAtItsTimeout) {
-  const auto answer = client->Show(Browser(1), absl::Milliseconds(1));
+  const auto answer =
+      client->Show(Browser(1), {.timeout = absl::Milliseconds(1)});
   EXPECT_TRUE(absl::IsDeadlineExceeded(answer.status())) << answer.status();
   widget.on_shown->Run();
 }
 
 TEST_F(BrowserWidgetClientTest, ACallCanBeCancelled) {
   std::vector<absl::Status> ends;
-  orvane::ClientCall call =
+  orvane::CallHandle call =
       client->Show(Browser(1), [&](const absl::StatusOr<Empty>& answer) {
         ends.push_back(answer.status());
       });
@@ -295,7 +296,8 @@ TEST_F(BrowserWidgetClientTest, AnEventThatCannotBeReadEndsItsStream) {
   Settle();
   Settle();  // By now the widget has learnt of it as well.
   EXPECT_EQ(end, absl::InternalError(
-                     "what the widget sent is no rpc.TooltipChanged"));
+                     "the widget sent a message that cannot be parsed as "
+                     "rpc.TooltipChanged"));
   EXPECT_THAT(orvane::EventStream<TooltipChanged>::stream_map_, IsEmpty());
 }
 
@@ -343,15 +345,13 @@ class BrowserWidgetCallbacks : public BrowserWidgetClientTest {
   void Ask(const std::string& question) {
     CreateWebDialogCall dialog;
     dialog.mutable_prompt()->set_message(question);
-    const auto call = orvane::Call<CreateWebDialog>(
+    orvane::Call<CreateWebDialog>(
         Browser(1), std::move(dialog),
-        [this](const CreateWebDialogResponse& answer) {
-          ends.push_back(answer.text());
-        },
-        [this](const absl::Status& why) {
-          ends.push_back(absl::StatusCodeToString(why.code()));
+        [this](const absl::StatusOr<CreateWebDialogResponse>& answer) {
+          ends.push_back(
+              answer.ok() ? answer->text()
+                          : absl::StatusCodeToString(answer.status().code()));
         });
-    EXPECT_TRUE(call.ok()) << call.status();
   }
 
   void AwaitEnds(std::size_t count) {
@@ -463,7 +463,8 @@ TEST_F(BrowserWidgetCallbacks, AFrameThatCallsForNothingEndsItsStream) {
       orvane::CallbackStream<CreateWebDialog>::stream_map_.begin();
   ASSERT_TRUE(entry->second->Send({}).ok());
   Settle();
-  EXPECT_EQ(end, absl::InternalError("what the widget sent calls for nothing"));
+  EXPECT_EQ(end, absl::InternalError(
+                     "the widget sent a rpc.CreateWebDialog without a call"));
 }
 
 // Serves calls of type T by `open`, and makes one.
@@ -481,10 +482,8 @@ bool IsAnswered(orvane::EventLoop* loop, BrowserWidgetRpcClient* client,
   loop->RunUntil(
       [] { return !orvane::CallbackStream<T>::stream_map_.empty(); });
   std::optional<bool> answered;
-  const auto call = orvane::Call<T>(
-      Browser(1), {}, [&](const orvane::ResponseOf<T>&) { answered = true; },
-      [&](const absl::Status&) { answered = false; });
-  EXPECT_TRUE(call.ok()) << call.status();
+  orvane::Call<T>(Browser(1), {},
+                  [&](const auto& answer) { answered = answer.ok(); });
   loop->RunUntil([&] { return answered.has_value(); });
   return *answered;
 }

@@ -1,0 +1,98 @@
+#include "zimbrel/src/core/common/rpc/testing/faulty_sockets.h"
+
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+
+namespace orvane::testing {
+namespace {
+
+struct State {
+  SocketFaults faults;
+  int calls = 0;
+  int interrupted = 0;
+  std::map<int, std::string> recorded;
+};
+
+State& TheState() {
+  static State state;
+  return state;
+}
+
+bool IsInterrupted() {
+  State& state = TheState();
+  if (state.faults.interrupt_every == 0) return false;
+  if (++state.calls % state.faults.interrupt_every != 0) return false;
+  ++state.interrupted;
+  return true;
+}
+
+std::size_t Allowed(std::size_t bytes) {
+  return std::min(bytes, TheState().faults.max_bytes);
+}
+
+}  // namespace
+
+void SetSocketFaults(const SocketFaults& faults) {
+  TheState().faults = faults;
+  TheState().calls = 0;
+  TheState().interrupted = 0;
+}
+
+int InterruptedCalls() { return TheState().interrupted; }
+
+void Record(int descriptor) { TheState().recorded[descriptor].clear(); }
+
+std::string Recorded(int descriptor) {
+  return TheState().recorded.extract(descriptor).mapped();
+}
+
+}  // namespace orvane::testing
+
+extern "C" {
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+ssize_t recv(int descriptor, void* bytes, std::size_t size, int flags) {
+  if (orvane::testing::IsInterrupted()) {
+    errno = EINTR;
+    return -1;
+  }
+  return ::syscall(SYS_recvfrom, descriptor, bytes,
+                   orvane::testing::Allowed(size), flags, nullptr, nullptr);
+}
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+ssize_t send(int descriptor, const void* bytes, std::size_t size, int flags) {
+  if (orvane::testing::IsInterrupted()) {
+    errno = EINTR;
+    return -1;
+  }
+  const ssize_t sent =
+      ::syscall(SYS_sendto, descriptor, bytes, orvane::testing::Allowed(size),
+                flags, nullptr, 0);
+  auto& recorded = orvane::testing::TheState().recorded;
+  if (const auto to = recorded.find(descriptor);
+      to != recorded.end() && sent > 0) {
+    to->second.append(static_cast<const char*>(bytes),
+                      static_cast<std::size_t>(sent));
+  }
+  return sent;
+}
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
+int accept(int descriptor, sockaddr* address, socklen_t* length) {
+  int& failing = orvane::testing::TheState().faults.failing_accepts;
+  if (failing > 0) {
+    --failing;
+    errno = EMFILE;
+    return -1;
+  }
+  return static_cast<int>(
+      ::syscall(SYS_accept4, descriptor, address, length, 0));
+}
+
+}  // extern "C"

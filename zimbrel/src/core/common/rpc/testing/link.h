@@ -1,0 +1,83 @@
+// For tests: a connection that can be cut at any byte.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_LINK_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_LINK_H_
+
+#include <sys/socket.h>
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "gtest/gtest.h"
+
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+namespace orvane::testing {
+
+// Joins a host's socket and a widget's by hand: what one sends reaches the
+// other when the test says so, and as much of it.
+class Link {
+ public:
+  enum End { kHost, kWidget };
+
+  Link() {
+    auto host = ConnectedPair();
+    auto widget = ConnectedPair();
+    ours_[kHost].emplace(std::move(host->first));
+    ours_[kWidget].emplace(std::move(widget->first));
+    theirs_[kHost].emplace(std::move(host->second));
+    theirs_[kWidget].emplace(std::move(widget->second));
+  }
+
+  // The socket at that end, for whoever is to use it.
+  int ReleaseDescriptor(End end) { return theirs_[end]->Release(); }
+
+  // Passes on what waits, in both directions, and cuts the link if an end has
+  // closed its socket. False if there was nothing to do.
+  bool Pass() {
+    const bool was_whole = is_whole();
+    const bool there = PassAllBut(kHost, 0) > 0;
+    const bool back = PassAllBut(kWidget, 0) > 0;
+    return there || back || was_whole != is_whole();
+  }
+
+  // Passes on what that end has sent, without the last `held_back` bytes, which
+  // are lost. Returns how many bytes there were.
+  std::size_t PassAllBut(End from, std::size_t held_back) {
+    if (!ours_[from].has_value()) return 0;
+    std::string bytes;
+    std::array<char, 4096> part{};
+    ssize_t got = 0;
+    while ((got = ::recv(ours_[from]->get(), part.data(), part.size(),
+                         MSG_DONTWAIT)) > 0) {
+      bytes.append(part.data(), static_cast<std::size_t>(got));
+    }
+    if (bytes.size() > held_back) {
+      const std::size_t passed = bytes.size() - held_back;
+      EXPECT_EQ(::send(ours_[from == kHost ? kWidget : kHost]->get(),
+                       bytes.data(), passed, MSG_NOSIGNAL),
+                static_cast<ssize_t>(passed));
+    }
+    if (got == 0) Cut();
+    return bytes.size();
+  }
+
+  // Nothing passes from now on, and both ends learn of it.
+  void Cut() {
+    ours_[kHost].reset();
+    ours_[kWidget].reset();
+  }
+
+ private:
+  bool is_whole() const { return ours_[kHost].has_value(); }
+
+  std::array<std::optional<OwnedDescriptor>, 2> ours_;
+  std::array<std::optional<OwnedDescriptor>, 2> theirs_;
+};
+
+}  // namespace orvane::testing
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_LINK_H_

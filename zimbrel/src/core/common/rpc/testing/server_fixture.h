@@ -1,0 +1,136 @@
+// For tests: a server of unary methods, and hosts that talk to it.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_SERVER_FIXTURE_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_SERVER_FIXTURE_H_
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "google/protobuf/service.h"
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.rpc.h"
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+
+namespace orvane::testing {
+
+// A call that a handler has not answered yet.
+struct HeldCall {
+  google::protobuf::RpcController* controller;
+  google::protobuf::Closure* done;
+};
+
+// Show answers at once, Hide when the test says so, Minimize fails, Restore
+// does what the test puts there, GetChromiumWindowHandle answers with the
+// browser's id, GetAccessibilityToken with that many bytes. Nothing else is
+// served.
+class UnaryWidget final : public rpc::BrowserWidgetRpc {
+ public:
+  void Show(google::protobuf::RpcController*, const BrowserId* request,
+            google::protobuf::Empty*,
+            google::protobuf::Closure* done) override {
+    shown.push_back(request->value());
+    done->Run();
+  }
+  void Hide(google::protobuf::RpcController* controller, const BrowserId*,
+            google::protobuf::Empty*,
+            google::protobuf::Closure* done) override {
+    held.push_back({controller, done});
+  }
+  void Minimize(google::protobuf::RpcController* controller, const BrowserId*,
+                google::protobuf::Empty*,
+                google::protobuf::Closure* done) override {
+    controller->SetFailed(failure);
+    done->Run();
+  }
+  void Restore(google::protobuf::RpcController*, const BrowserId*,
+               google::protobuf::Empty*,
+               google::protobuf::Closure* done) override {
+    on_restore(done);
+  }
+  void GetChromiumWindowHandle(google::protobuf::RpcController*,
+                               const BrowserId* request,
+                               rpc::WindowHandle* response,
+                               google::protobuf::Closure* done) override {
+    response->set_handle(request->value());
+    done->Run();
+  }
+  void GetAccessibilityToken(google::protobuf::RpcController*,
+                             const BrowserId* request,
+                             rpc::AccessibilityToken* response,
+                             google::protobuf::Closure* done) override {
+    response->set_token(std::string(request->value(), 'x'));
+    done->Run();
+  }
+
+  std::vector<std::uint64_t> shown;
+  std::vector<HeldCall> held;
+  std::string failure = "it cannot be minimised";
+  std::function<void(google::protobuf::Closure*)> on_restore;
+};
+
+class ServerFixture : public ::testing::Test {
+ protected:
+  ServerFixture() : ServerFixture(ServerLimits{}) {}
+  explicit ServerFixture(ServerLimits limits) {
+    server.emplace(&loop, &widget, limits);
+  }
+
+  RawPeer ConnectRaw() {
+    auto pair = ConnectedPair();
+    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
+    return RawPeer(std::move(pair->second));
+  }
+
+  std::unique_ptr<SocketClient> Connect() {
+    auto pair = ConnectedPair();
+    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
+    return *SocketClient::Adopt(&loop, pair->second.Release());
+  }
+
+  // Lets everything happen that can, then looks at what the host has received.
+  void Settle(RawPeer* host) {
+    loop.RunUntilIdle();
+    host->Receive();
+  }
+
+  // The words of the only frame that the host has received, an error.
+  static std::string OnlyError(const RawPeer& host) {
+    if (host.frames.size() != 1)
+      return std::to_string(host.frames.size()) + " frames";
+    const rpc::transport::StreamMessage& frame = host.frames.front();
+    if (frame.kind() != rpc::transport::StreamMessage::KIND_ERROR)
+      return "kind " + std::to_string(frame.kind());
+    return std::to_string(frame.stream_id()) + "/" +
+           std::to_string(frame.error_code()) + ": " + frame.error_text();
+  }
+
+  // Proof of life: a fresh host is served.
+  void ExpectServerLives() {
+    RawPeer host = ConnectRaw();
+    host.Send(CallFrame(1, kShow, 4711));
+    Settle(&host);
+    ASSERT_EQ(host.frames.size(), 1u);
+    EXPECT_EQ(host.frames[0].kind(), rpc::transport::StreamMessage::KIND_REPLY);
+    EXPECT_EQ(widget.shown.back(), 4711u);
+  }
+
+  EventLoop loop;
+  UnaryWidget widget;
+  std::optional<SocketServer> server;
+};
+
+}  // namespace orvane::testing
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_SERVER_FIXTURE_H_

@@ -1,0 +1,44 @@
+#include "zimbrel/src/core/common/rpc/transport/client/client_call.h"
+
+#include <utility>
+
+#include "absl/strings/str_cat.h"
+
+#include "zimbrel/src/core/common/rpc/transport/client/client_connection.h"
+#include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
+
+namespace orvane::internal {
+
+void ClientCall::Attach(ClientConnection* connection, std::uint64_t id,
+                        std::unique_ptr<EventLoop::Timer> deadline) {
+  connection_ = connection;
+  id_ = id;
+  deadline_ = std::move(deadline);
+}
+
+void ClientCall::Detach() {
+  connection_ = nullptr;
+  deadline_.reset();
+}
+
+void ClientCall::Receive(std::string_view payload) {
+  if (ParsePayload(payload, kMaxMessageDepth, &response())) {
+    return End(absl::OkStatus());
+  }
+  End(absl::InternalError(
+      absl::StrCat("the response is no ", response().GetTypeName())));
+}
+
+void ClientCall::End(absl::Status outcome) {
+  if (has_ended_) return;
+  has_ended_ = true;
+  Detach();
+  RunContinuation(std::move(outcome));
+}
+
+void ClientCall::Cancel() {
+  if (connection_ != nullptr) connection_->CancelCall(id_);
+}
+
+}  // namespace orvane::internal

@@ -1,0 +1,288 @@
+#include "zimbrel/src/core/common/rpc/transport/client/client_connection.h"
+
+#include <map>
+#include <utility>
+
+#include "absl/strings/str_cat.h"
+
+#include "zimbrel/src/core/common/rpc/transport/client/client_call.h"
+#include "zimbrel/src/core/common/rpc/transport/client/client_stream_state.h"
+#include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/handshake.h"
+
+namespace orvane::internal {
+
+using google::protobuf::Message;
+using google::protobuf::MethodDescriptor;
+using google::protobuf::ServiceDescriptor;
+using rpc::transport::StreamMessage;
+
+namespace {
+
+absl::Status ErrorOf(const StreamMessage& frame) {
+  const auto code = static_cast<absl::StatusCode>(frame.error_code());
+  if (code == absl::StatusCode::kOk)
+    return absl::UnknownError(frame.error_text());
+  return {code, frame.error_text()};
+}
+
+}  // namespace
+
+ClientConnection::ClientConnection(EventLoop* loop, FrameSocket::Socket socket,
+                                   const FrameLimits& limits)
+    : loop_(loop),
+      socket_(std::make_shared<FrameSocket>(std::move(socket), limits, this)) {
+  socket_->Start();
+}
+
+ClientConnection::~ClientConnection() {
+  socket_->Close();
+  EndAll(absl::CancelledError("the client was destroyed"));
+}
+
+// Calls -----------------------------------------------------------------------
+
+std::uint64_t ClientConnection::BeginCall(const MethodDescriptor& method,
+                                          const Message& request,
+                                          std::shared_ptr<ClientCall> call,
+                                          absl::Duration timeout) {
+  const std::uint64_t id = ++last_id_;
+  if (absl::Status sent = SendRequest(id, method, request, timeout);
+      !sent.ok()) {
+    loop_->Post([call = std::move(call), sent = std::move(sent)]() mutable {
+      call->End(std::move(sent));
+    });
+    return id;
+  }
+  std::unique_ptr<EventLoop::Timer> deadline;
+  if (timeout < absl::InfiniteDuration()) {
+    deadline = loop_->RunAfter(timeout, [this, id, timeout] {
+      AbandonCall(id, absl::DeadlineExceededError(absl::StrCat(
+                          "no answer within ", absl::FormatDuration(timeout))));
+    });
+  }
+  call->Attach(this, id, std::move(deadline));
+  calls_.emplace(id, std::move(call));
+  return id;
+}
+
+void ClientConnection::BeginCallAndWait(const MethodDescriptor& method,
+                                        const Message& request,
+                                        const std::shared_ptr<ClientCall>& call,
+                                        absl::Duration timeout) {
+  if (socket_->in_batch()) {
+    return call->End(absl::FailedPreconditionError(
+        "a blocking call inside a callback of the same client"));
+  }
+  const std::uint64_t id = BeginCall(method, request, call, timeout);
+  socket_->Flush();
+  if (loop_->RunUntil([&call] { return call->has_ended(); })) return;
+  const absl::Status stopped = absl::CancelledError("the loop was stopped");
+  AbandonCall(id, stopped);
+  call->End(stopped);  // If the request was not sent at all.
+}
+
+absl::Status ClientConnection::SendRequest(std::uint64_t id,
+                                           const MethodDescriptor& method,
+                                           const Message& request,
+                                           absl::Duration timeout) {
+  if (absl::Status bound = BindTo(*method.service()); !bound.ok()) return bound;
+  if (timeout <= absl::ZeroDuration()) {
+    return absl::DeadlineExceededError("the call had no time at all");
+  }
+  if (!request.IsInitialized()) {
+    return absl::InvalidArgumentError("the request lacks required fields: " +
+                                      request.InitializationErrorString());
+  }
+  StreamMessage header;
+  header.set_kind(StreamMessage::KIND_CALL);
+  header.set_stream_id(id);
+  header.set_method(static_cast<std::uint32_t>(method.index()));
+  return socket_->Send(header, request);
+}
+
+void ClientConnection::EndCall(const StreamMessage& frame,
+                               std::string_view payload) {
+  const std::shared_ptr<ClientCall> call = TakeCall(frame.stream_id());
+  if (call == nullptr) return;  // Cancelled; the answer was on its way.
+  if (frame.kind() == StreamMessage::KIND_ERROR)
+    return call->End(ErrorOf(frame));
+  call->Receive(payload);
+}
+
+void ClientConnection::AbandonCall(std::uint64_t id, const absl::Status& why) {
+  const std::shared_ptr<ClientCall> call = TakeCall(id);
+  if (call == nullptr) return;
+  SendKind(StreamMessage::KIND_CANCEL, id);
+  call->End(why);
+}
+
+void ClientConnection::CancelCall(std::uint64_t id) {
+  std::shared_ptr<ClientCall> call = TakeCall(id);
+  if (call == nullptr) return;
+  SendKind(StreamMessage::KIND_CANCEL, id);
+  loop_->Post([call = std::move(call)] {
+    call->End(absl::CancelledError("cancelled by the caller"));
+  });
+}
+
+std::shared_ptr<ClientCall> ClientConnection::TakeCall(std::uint64_t id) {
+  auto node = calls_.extract(id);
+  if (node.empty()) return nullptr;
+  node.mapped()->Detach();
+  return std::move(node.mapped());
+}
+
+// Streams ---------------------------------------------------------------------
+
+std::unique_ptr<ClientStream> ClientConnection::OpenStream(
+    const MethodDescriptor& method, ClientStreamHandlers handlers) {
+  const std::uint64_t id = ++last_id_;
+  const auto stream =
+      std::make_shared<ClientStreamState>(id, socket_, std::move(handlers));
+  StreamMessage frame;
+  frame.set_kind(StreamMessage::KIND_OPEN);
+  frame.set_stream_id(id);
+  frame.set_method(static_cast<std::uint32_t>(method.index()));
+  absl::Status sent = BindTo(*method.service());
+  if (sent.ok()) sent = socket_->Send(frame);
+  if (sent.ok()) {
+    streams_.emplace(id, stream);
+  } else {
+    stream->Shut();
+    loop_->Post([stream, sent] { stream->End(sent); });
+  }
+  return std::make_unique<ClientStream>(stream, [this, id, stream] {
+    // The connection outlives what is open, but perhaps not its handlers.
+    if (stream->is_open()) CompleteStream(id);
+    stream->Close();
+  });
+}
+
+void ClientConnection::Deliver(const StreamMessage& frame,
+                               std::string_view payload) {
+  const std::uint64_t id = frame.stream_id();
+  const auto found = streams_.find(id);
+  if (found == streams_.end()) return;  // Ended; this was on its way.
+  const std::shared_ptr<ClientStreamState> stream = found->second;
+  const absl::Status received = stream->Receive(payload, frame.call_id());
+  // If the handler closed the stream, this object may be gone too.
+  if (received.ok() || !stream->is_open()) return;
+  CompleteStream(id);
+  stream->End(received);
+}
+
+void ClientConnection::EndStream(std::uint64_t id, const absl::Status& why) {
+  const auto node = streams_.extract(id);
+  if (!node.empty()) node.mapped()->End(why);
+}
+
+void ClientConnection::CompleteStream(std::uint64_t id) {
+  streams_.erase(id);
+  SendKind(StreamMessage::KIND_COMPLETE, id);
+}
+
+void ClientConnection::SendKind(StreamMessage::Kind kind, std::uint64_t id) {
+  StreamMessage frame;
+  frame.set_kind(kind);
+  frame.set_stream_id(id);
+  socket_->Send(frame).IgnoreError();
+}
+
+// The connection --------------------------------------------------------------
+
+absl::Status ClientConnection::BindTo(const ServiceDescriptor& service) {
+  if (!status_.ok() || service_ == &service) return status_;
+  if (service_ != nullptr) {
+    return absl::InvalidArgumentError(
+        absl::StrCat("a connection for ", service_->full_name(),
+                     " is used for ", service.full_name()));
+  }
+  StreamMessage header;
+  header.set_kind(StreamMessage::KIND_HELLO);
+  if (absl::Status sent = socket_->Send(header, MakeHello(service));
+      !sent.ok()) {
+    return sent;
+  }
+  service_ = &service;
+  status_ = CompareHellos();
+  if (!status_.ok()) socket_->Close();  // Nothing is in progress yet.
+  return status_;
+}
+
+void ClientConnection::OnHello(std::string_view payload) {
+  if (!ParsePayload(payload, kMaxMessageDepth, &server_hello_.emplace())) {
+    return Close(absl::UnavailableError("the widget's hello is no Hello"));
+  }
+  if (absl::Status fit = CompareHellos(); !fit.ok()) Close(fit);
+}
+
+absl::Status ClientConnection::CompareHellos() const {
+  if (service_ == nullptr || !server_hello_.has_value())
+    return absl::OkStatus();
+  return internal::CompareHellos(MakeHello(*service_), *server_hello_);
+}
+
+// Whoever is told of a frame may destroy this object.
+void ClientConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
+  const std::uint64_t id = frame.stream_id();
+  const bool ends_all = frame.kind() == StreamMessage::KIND_ERROR && id == 0;
+  if (ends_all) {
+    return Close(absl::UnavailableError(
+        absl::StrCat("the widget ended the connection: ", frame.error_text())));
+  }
+  const bool is_hello = frame.kind() == StreamMessage::KIND_HELLO;
+  if (is_hello == server_hello_.has_value()) {
+    return Close(absl::UnavailableError(
+        "the widget's first frame, and only that, has to be a hello"));
+  }
+  switch (frame.kind()) {
+    case StreamMessage::KIND_HELLO:
+      return OnHello(payload);
+    case StreamMessage::KIND_REPLY:
+      return EndCall(frame, payload);
+    case StreamMessage::KIND_NEXT:
+      return Deliver(frame, payload);
+    case StreamMessage::KIND_COMPLETE:
+      return EndStream(id, absl::OkStatus());
+    case StreamMessage::KIND_ERROR:
+      if (streams_.contains(id)) return EndStream(id, ErrorOf(frame));
+      return EndCall(frame, payload);
+    default:
+      return Close(absl::UnavailableError(
+          absl::StrCat("the widget sent a frame of kind ", frame.kind())));
+  }
+}
+
+void ClientConnection::OnBroken(const absl::Status& why) {
+  Close(why.ok() ? absl::UnavailableError("the widget closed the connection")
+                 : absl::UnavailableError(
+                       absl::StrCat("the connection broke: ", why.message())));
+}
+
+// Whoever wanted to send has been told.
+void ClientConnection::OnFull(const absl::Status& /*why*/) {}
+
+void ClientConnection::Close(absl::Status why) {
+  status_ = std::move(why);
+  socket_->Close();
+  EndAll(absl::Status(status_));
+}
+
+void ClientConnection::EndAll(const absl::Status& why) {
+  // In the order in which they were begun. Those who are told may destroy this
+  // object, so it is done with them first.
+  const std::map<std::uint64_t, std::shared_ptr<ClientCall>> calls(
+      calls_.begin(), calls_.end());
+  calls_.clear();
+  const std::map<std::uint64_t, std::shared_ptr<ClientStreamState>> streams(
+      streams_.begin(), streams_.end());
+  streams_.clear();
+  for (const auto& [id, call] : calls) call->Detach();
+  for (const auto& [id, stream] : streams) stream->Shut();
+  for (const auto& [id, call] : calls) call->End(why);
+  for (const auto& [id, stream] : streams) stream->End(why);
+}
+
+}  // namespace orvane::internal

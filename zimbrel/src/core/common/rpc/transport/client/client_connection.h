@@ -1,0 +1,120 @@
+// One client's connection to a server, with its calls and streams.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_CONNECTION_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_CONNECTION_H_
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "absl/container/flat_hash_map.h"
+#include "absl/status/status.h"
+#include "absl/time/time.h"
+#include "google/protobuf/descriptor.h"
+#include "google/protobuf/message.h"
+
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/client_stream.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
+
+namespace orvane::internal {
+
+class ClientCall;
+class ClientStreamState;
+
+// Thread: the service thread. Lifetime: the loop outlives it. Destroying it
+// closes the connection and ends all calls and streams with kCancelled, from
+// inside the destructor. Whoever is told of an end may destroy it.
+class ClientConnection final : public FrameSocket::Receiver {
+ public:
+  ClientConnection(EventLoop* loop, FrameSocket::Socket socket,
+                   const FrameLimits& limits);
+  ClientConnection(const ClientConnection&) = delete;
+  ClientConnection& operator=(const ClientConnection&) = delete;
+  ~ClientConnection() override;
+
+  // Sends the request and lists the call until it ends. If the request cannot
+  // be sent, the call ends with the reason in a task of its own. Returns the
+  // call's id.
+  std::uint64_t BeginCall(const google::protobuf::MethodDescriptor& method,
+                          const google::protobuf::Message& request,
+                          std::shared_ptr<ClientCall> call,
+                          absl::Duration timeout);
+
+  // The same, and runs the loop until the call has ended. It ends with
+  // kFailedPrecondition at once where no answer could be received, and with
+  // kCancelled if the loop is stopped.
+  void BeginCallAndWait(const google::protobuf::MethodDescriptor& method,
+                        const google::protobuf::Message& request,
+                        const std::shared_ptr<ClientCall>& call,
+                        absl::Duration timeout);
+
+  // Tells the server that nobody waits for the answer of a call, and ends it
+  // with kCancelled in a task of its own. An unknown id is no error.
+  void CancelCall(std::uint64_t id);
+
+  // See SocketClient::OpenStream.
+  std::unique_ptr<ClientStream> OpenStream(
+      const google::protobuf::MethodDescriptor& method,
+      ClientStreamHandlers handlers);
+
+  // OK while the connection stands, then why it ended.
+  const absl::Status& status() const { return status_; }
+
+ private:
+  void OnFrame(rpc::transport::StreamMessage& frame,
+               std::string_view payload) override;
+  void OnBroken(const absl::Status& why) override;
+  void OnFull(const absl::Status& why) override;
+
+  // The service of the method that is used first is what the connection is for.
+  // Says hello then. An error means that the connection cannot be used, or not
+  // for this service.
+  absl::Status BindTo(const google::protobuf::ServiceDescriptor& service);
+  void OnHello(std::string_view payload);
+  // OK unless both ends are known and do not fit.
+  absl::Status CompareHellos() const;
+
+  absl::Status SendRequest(std::uint64_t id,
+                           const google::protobuf::MethodDescriptor& method,
+                           const google::protobuf::Message& request,
+                           absl::Duration timeout);
+  void EndCall(const rpc::transport::StreamMessage& frame,
+               std::string_view payload);
+  // Ends a call that the server may still be busy with.
+  void AbandonCall(std::uint64_t id, const absl::Status& why);
+  // Takes the call out of the table; null if it is not there.
+  std::shared_ptr<ClientCall> TakeCall(std::uint64_t id);
+
+  void Deliver(const rpc::transport::StreamMessage& frame,
+               std::string_view payload);
+  void EndStream(std::uint64_t id, const absl::Status& why);
+  // Forgets the stream and tells the server that it is over.
+  void CompleteStream(std::uint64_t id);
+
+  // Sends a frame that says nothing but its kind. Fails only if the connection
+  // has ended, and then nobody waits for the frame.
+  void SendKind(rpc::transport::StreamMessage::Kind kind, std::uint64_t id);
+
+  // Ends the connection and all that is in progress with `why`.
+  void Close(absl::Status why);
+  void EndAll(const absl::Status& why);
+
+  EventLoop* const loop_;
+  const std::shared_ptr<FrameSocket> socket_;
+  absl::Status status_;
+  // Null until BindTo.
+  const google::protobuf::ServiceDescriptor* service_ = nullptr;
+  // Set by OnHello.
+  std::optional<rpc::transport::Hello> server_hello_;
+  std::uint64_t last_id_ = 0;
+  absl::flat_hash_map<std::uint64_t, std::shared_ptr<ClientCall>> calls_;
+  absl::flat_hash_map<std::uint64_t, std::shared_ptr<ClientStreamState>>
+      streams_;
+};
+
+}  // namespace orvane::internal
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_CONNECTION_H_

@@ -1,0 +1,61 @@
+#include "zimbrel/src/core/common/rpc/transport/client/client_stream_state.h"
+
+#include <utility>
+
+namespace orvane::internal {
+
+using google::protobuf::MessageLite;
+using rpc::transport::StreamMessage;
+
+ClientStreamState::ClientStreamState(std::uint64_t id,
+                                     std::shared_ptr<FrameSocket> socket,
+                                     ClientStreamHandlers handlers)
+    : id_(id),
+      socket_(std::move(socket)),
+      handlers_(std::make_shared<ClientStreamHandlers>(std::move(handlers))) {}
+
+absl::Status ClientStreamState::Next(const MessageLite& message,
+                                     std::int64_t call_id) {
+  return Send(StreamMessage::KIND_NEXT, message, call_id, absl::OkStatus());
+}
+
+absl::Status ClientStreamState::Error(const MessageLite& message,
+                                      std::int64_t call_id,
+                                      const std::string& text) {
+  return Send(StreamMessage::KIND_ERROR, message, call_id,
+              absl::UnknownError(text));
+}
+
+absl::Status ClientStreamState::Receive(std::string_view payload,
+                                        std::int64_t call_id) {
+  // Lives until the handler returns, which may close the stream.
+  const std::shared_ptr<ClientStreamHandlers> handlers = handlers_;
+  return handlers->on_next(payload, call_id);
+}
+
+void ClientStreamState::End(const absl::Status& why) {
+  Shut();
+  const auto handlers = std::exchange(handlers_, nullptr);
+  if (handlers != nullptr && handlers->on_end) std::move(handlers->on_end)(why);
+}
+
+void ClientStreamState::Close() {
+  Shut();
+  handlers_.reset();
+}
+
+absl::Status ClientStreamState::Send(StreamMessage::Kind kind,
+                                     const MessageLite& message,
+                                     std::int64_t call_id,
+                                     const absl::Status& error) {
+  if (!is_open_) return absl::UnavailableError("the stream has ended");
+  StreamMessage header;
+  header.set_kind(kind);
+  header.set_stream_id(id_);
+  header.set_call_id(call_id);
+  header.set_error_code(static_cast<int>(error.code()));
+  header.set_error_text(std::string(error.message()));
+  return socket_->Send(header, message);
+}
+
+}  // namespace orvane::internal

@@ -1,0 +1,68 @@
+// The client's side of one stream that it has opened.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_STREAM_STATE_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_STREAM_STATE_H_
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "absl/status/status.h"
+#include "google/protobuf/message_lite.h"
+
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/transport/client_stream.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
+
+namespace orvane::internal {
+
+// What a stream's handle, its connection and whoever answers on it later share.
+//
+//            | sending fails | on_next may run | on_end may run
+//   ---------+---------------+-----------------+---------------
+//   open     | no            | yes             | yes
+//   shut     | yes           | no              | yes
+//   ended    | yes           | no              | no
+//
+// Thread: the service thread. May outlive the connection.
+class ClientStreamState final : public ClientStreamSender {
+ public:
+  ClientStreamState(std::uint64_t id, std::shared_ptr<FrameSocket> socket,
+                    ClientStreamHandlers handlers);
+
+  bool is_open() const { return is_open_; }
+
+  // ClientStreamSender
+  absl::Status Next(const google::protobuf::MessageLite& message,
+                    std::int64_t call_id) override;
+  absl::Status Error(const google::protobuf::MessageLite& message,
+                     std::int64_t call_id, const std::string& text) override;
+
+  // A message from the server, for `on_next`, whose result is returned. The
+  // handler may close the stream.
+  absl::Status Receive(std::string_view payload, std::int64_t call_id);
+
+  // Shuts an open stream: nothing is sent or received from now on.
+  void Shut() { is_open_ = false; }
+
+  // Ends the stream and runs `on_end`, unless it has ended.
+  void End(const absl::Status& why);
+
+  // Ends the stream without a word: its handle is gone.
+  void Close();
+
+ private:
+  absl::Status Send(rpc::transport::StreamMessage::Kind kind,
+                    const google::protobuf::MessageLite& message,
+                    std::int64_t call_id, const absl::Status& error);
+
+  const std::uint64_t id_;
+  const std::shared_ptr<FrameSocket> socket_;
+  std::shared_ptr<ClientStreamHandlers> handlers_;  // Null once it has ended.
+  bool is_open_ = true;
+};
+
+}  // namespace orvane::internal
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_STREAM_STATE_H_

@@ -1,0 +1,87 @@
+#include "zimbrel/src/core/common/rpc/transport/server/server_call.h"
+
+#include <utility>
+
+#include "zimbrel/src/core/common/rpc/transport/server/server_connection.h"
+
+namespace orvane::internal {
+
+using google::protobuf::Message;
+
+ServerCall::ServerCall(std::uint64_t id, ServerConnection* connection,
+                       std::shared_ptr<Mailbox> mailbox,
+                       const Message& request_prototype,
+                       const Message& response_prototype)
+    : id_(id),
+      service_thread_(std::this_thread::get_id()),
+      mailbox_(std::move(mailbox)),
+      request_(request_prototype.New(nullptr)),
+      response_(response_prototype.New(nullptr)),
+      connection_(connection) {}
+
+ServerCall::~ServerCall() {
+  // Whoever asked to be told is told once, at the latest now.
+  Closure* on_cancel = nullptr;
+  {
+    const MutexLock lock(mutex_);
+    std::swap(on_cancel, on_cancel_);
+  }
+  if (on_cancel != nullptr) on_cancel->Run();
+}
+
+absl::Status ServerCall::outcome() const {
+  if (failed_) return absl::UnknownError(error_text_);
+  if (!response_->IsInitialized()) {
+    return absl::InternalError("the response lacks required fields: " +
+                               response_->InitializationErrorString());
+  }
+  return absl::OkStatus();
+}
+
+void ServerCall::Abandon() {
+  connection_ = nullptr;
+  Closure* on_cancel = nullptr;
+  {
+    const MutexLock lock(mutex_);
+    canceled_ = true;
+    std::swap(on_cancel, on_cancel_);
+  }
+  if (on_cancel != nullptr) on_cancel->Run();
+}
+
+void ServerCall::Run() {
+  if (std::this_thread::get_id() == service_thread_) return Finish();
+  // Owned by the task: if the loop is gone, or goes before it gets there, the
+  // call ends with it.
+  mailbox_->Post([call = std::unique_ptr<ServerCall>(this)]() mutable {
+    call.release()->Finish();
+  });
+}
+
+void ServerCall::Finish() {
+  const std::unique_ptr<ServerCall> self(this);
+  if (connection_ != nullptr) connection_->Finish(*this);
+}
+
+void ServerCall::SetFailed(const std::string& reason) {
+  failed_ = true;
+  error_text_ = reason;
+}
+
+bool ServerCall::IsCanceled() const {
+  const MutexLock lock(mutex_);
+  return canceled_;
+}
+
+void ServerCall::NotifyOnCancel(Closure* callback) {
+  {
+    const MutexLock lock(mutex_);
+    if (!canceled_) {
+      on_cancel_ = callback;
+      return;
+    }
+  }
+  callback->Run();
+}
+
+}  // namespace orvane::internal

@@ -1,0 +1,89 @@
+// One unary call on its way through a handler.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_CALL_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_CALL_H_
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/status/status.h"
+#include "google/protobuf/message.h"
+#include "google/protobuf/service.h"
+
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/mutex.h"
+
+namespace orvane::internal {
+
+class ServerConnection;
+
+// Controller and completion of the call in one, and the owner of its messages.
+// Belongs to the handler from the moment it is called; Run() destroys it.
+//
+// Thread: made on the service thread. The handler may use the controller and
+// run `done` on any one thread at a time. Abandon: the service thread.
+class ServerCall final : public google::protobuf::RpcController,
+                         public google::protobuf::Closure {
+ public:
+  ServerCall(std::uint64_t id, ServerConnection* connection,
+             std::shared_ptr<Mailbox> mailbox,
+             const google::protobuf::Message& request_prototype,
+             const google::protobuf::Message& response_prototype);
+  ~ServerCall() override;
+
+  std::uint64_t id() const { return id_; }
+  google::protobuf::Message& request() { return *request_; }
+  google::protobuf::Message& response() { return *response_; }
+
+  // What became of it, once `done` has run.
+  absl::Status outcome() const;
+  const google::protobuf::Message& response() const { return *response_; }
+
+  // Nobody waits for the answer any longer: tells the handler, if it asked, and
+  // makes Run() send nothing.
+  void Abandon();
+
+  // google::protobuf::Closure
+  void Run() override;
+
+  // google::protobuf::RpcController, the handler's side
+  void SetFailed(const std::string& reason) override;
+  bool IsCanceled() const override;
+  void NotifyOnCancel(google::protobuf::Closure* callback) override;
+
+  // The caller's side. A handler has no use for it; here it tells what is
+  // known.
+  void Reset() override {}
+  bool Failed() const override { return failed_; }
+  std::string ErrorText() const override { return error_text_; }
+  void StartCancel() override {}
+
+ private:
+  // On the service thread, with everything answered. Destroys this object.
+  void Finish();
+
+  const std::uint64_t id_;
+  const std::thread::id service_thread_;
+  const std::shared_ptr<Mailbox> mailbox_;
+  const std::unique_ptr<google::protobuf::Message> request_;
+  const std::unique_ptr<google::protobuf::Message> response_;
+
+  // The handler's until Run().
+  bool failed_ = false;
+  std::string error_text_;
+
+  // Service thread.
+  ServerConnection* connection_;  // Null once abandoned.
+
+  // Any thread.
+  mutable Mutex mutex_;
+  bool canceled_ ABSL_GUARDED_BY(mutex_) = false;
+  google::protobuf::Closure* on_cancel_ ABSL_GUARDED_BY(mutex_) = nullptr;
+};
+
+}  // namespace orvane::internal
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_CALL_H_

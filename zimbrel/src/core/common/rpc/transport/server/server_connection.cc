@@ -1,0 +1,289 @@
+#include "zimbrel/src/core/common/rpc/transport/server/server_connection.h"
+
+#include <set>
+#include <string>
+#include <utility>
+
+#include "absl/log/log.h"
+#include "absl/strings/str_cat.h"
+#include "asio/buffer.hpp"
+#include "google/protobuf/descriptor.h"
+
+#include "zimbrel/src/core/common/rpc/transport/server/server_call.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/handshake.h"
+
+namespace orvane::internal {
+
+using google::protobuf::MethodDescriptor;
+using google::protobuf::ServiceDescriptor;
+using rpc::transport::Hello;
+using rpc::transport::StreamMessage;
+
+namespace {
+
+// Words for people need no more, and always fit a frame.
+constexpr std::size_t kMaxErrorTextBytes = 2048;
+
+bool IsStream(const MethodDescriptor& method) {
+  return method.client_streaming() || method.server_streaming();
+}
+
+// The method of that index if it is of that kind, or words why not. Past this
+// check the service trusts its method.
+absl::StatusOr<const MethodDescriptor*> FindMethod(
+    const ServiceDescriptor& service, std::uint32_t index, bool stream) {
+  if (index >= static_cast<std::uint32_t>(service.method_count())) {
+    return absl::UnimplementedError(
+        absl::StrCat("no method ", index, " in ", service.full_name(),
+                     ", which has ", service.method_count()));
+  }
+  const MethodDescriptor* const method =
+      service.method(static_cast<int>(index));
+  if (IsStream(*method) == stream) return method;
+  return absl::InvalidArgumentError(absl::StrCat(
+      method->full_name(), stream ? " is no stream and cannot be opened"
+                                  : " is a stream and cannot be called"));
+}
+
+absl::Status TooMany(absl::string_view what, std::size_t there_are,
+                     std::size_t limit) {
+  return absl::ResourceExhaustedError(
+      absl::StrCat(there_are, " ", what, "; the limit is ", limit));
+}
+
+StreamMessage ErrorFrame(std::uint64_t id, const absl::Status& why) {
+  StreamMessage error;
+  error.set_kind(StreamMessage::KIND_ERROR);
+  error.set_stream_id(id);
+  error.set_error_code(static_cast<int>(why.code()));
+  error.set_error_text(
+      std::string(why.message().substr(0, kMaxErrorTextBytes)));
+  return error;
+}
+
+absl::Status ShuttingDown() {
+  return absl::UnavailableError("the widget is shutting down");
+}
+
+absl::Status NotOpen(std::uint64_t id) {
+  return absl::NotFoundError(absl::StrCat("stream ", id, " is not open"));
+}
+
+}  // namespace
+
+ServerConnection::ServerConnection(EventLoop* loop, Service* service,
+                                   const ServerLimits& limits,
+                                   ServerCounters* counters,
+                                   FrameSocket::Socket socket,
+                                   absl::AnyInvocable<void() &&> on_end)
+    : context_{.loop = loop,
+               .service = service,
+               .socket = std::make_shared<FrameSocket>(
+                   std::move(socket),
+                   FrameLimits{.max_frame_bytes = limits.max_frame_bytes,
+                               .max_queued_bytes = limits.max_queued_bytes,
+                               .max_frame_time = limits.max_frame_time},
+                   this),
+               .limits = limits,
+               .counters = counters},
+      mailbox_(loop->mailbox()),
+      on_end_(std::move(on_end)) {
+  context_.socket->Start();
+}
+
+ServerConnection::~ServerConnection() {
+  while (!streams_.empty()) EndStream(streams_.begin()->first);
+  context_.socket->Close();
+  // Abandoning a call may run a handler's closure, which may do anything, such
+  // as to answer the others.
+  std::set<std::uint64_t> ids;
+  for (const auto& [id, call] : calls_) ids.insert(id);
+  for (const std::uint64_t id : ids) CancelCall(id);
+}
+
+void ServerConnection::ShutDown() {
+  is_shutting_down_ = true;
+  // What a stream's end tells may destroy this object.
+  const std::shared_ptr<FrameSocket> socket = context_.socket;
+  while (socket->is_open() && !streams_.empty())
+    EndStream(streams_.begin()->first);
+  if (socket->is_open()) FinishIfAllIsAnswered();
+}
+
+void ServerConnection::Refuse(FrameSocket::Socket socket,
+                              const absl::Status& why) {
+  ByteBuffer words;
+  // Fits: so short are the words.
+  AppendFrame(ErrorFrame(0, why), "", kMinMaxFrameBytes, &words).IgnoreError();
+  asio::error_code ignored;  // A host that has gone needs no words.
+  socket.non_blocking(true, ignored);
+  socket.write_some(
+      asio::const_buffer(words.content().data(), words.content().size()),
+      ignored);
+}
+
+void ServerConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
+  if (!has_said_hello_) return OnHello(frame, payload);
+  switch (frame.kind()) {
+    case StreamMessage::KIND_CALL:
+      return BeginCall(frame, payload);
+    case StreamMessage::KIND_CANCEL:
+      return CancelCall(frame.stream_id());
+    case StreamMessage::KIND_OPEN:
+      return OpenStream(frame);
+    case StreamMessage::KIND_NEXT:
+    case StreamMessage::KIND_ERROR:
+      return Deliver(frame, payload);
+    case StreamMessage::KIND_COMPLETE:
+      return CompleteStream(frame.stream_id());
+    case StreamMessage::KIND_HELLO:
+      return Close(absl::InvalidArgumentError("a second hello"));
+    default:
+      return Close(absl::InvalidArgumentError(absl::StrCat(
+          "frame of kind ", frame.kind(), ", which a host never sends")));
+  }
+}
+
+void ServerConnection::OnHello(const StreamMessage& frame,
+                               std::string_view payload) {
+  Hello client;
+  if (frame.kind() != StreamMessage::KIND_HELLO ||
+      !ParsePayload(payload, kMaxMessageDepth, &client)) {
+    return Close(absl::InvalidArgumentError(
+        "a connection begins with a hello, which tells the host's version"));
+  }
+  const Hello server = MakeHello(*context_.service->GetDescriptor());
+  StreamMessage header;
+  header.set_kind(StreamMessage::KIND_HELLO);
+  absl::Status status = context_.socket->Send(header, server);
+  if (status.ok()) status = CompareHellos(client, server);
+  if (!status.ok()) return Close(status);
+  has_said_hello_ = true;
+}
+
+void ServerConnection::OnBroken(const absl::Status& why) { Close(why); }
+
+void ServerConnection::OnFull(const absl::Status& why) { Close(why); }
+
+bool ServerConnection::AcceptId(std::uint64_t id) {
+  if (id > last_id_) {
+    last_id_ = id;
+    return true;
+  }
+  Close(absl::InvalidArgumentError(
+      absl::StrCat("stream id ", id, " after ", last_id_,
+                   "; each must be greater than the last")));
+  return false;
+}
+
+void ServerConnection::BeginCall(const StreamMessage& frame,
+                                 std::string_view payload) {
+  const std::uint64_t id = frame.stream_id();
+  if (!AcceptId(id)) return;
+  if (is_shutting_down_) return SendError(id, ShuttingDown());
+  const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
+      *context_.service->GetDescriptor(), frame.method(), /*stream=*/false);
+  if (!found.ok()) return SendError(id, found.status());
+  if (calls_.size() >= context_.limits.max_calls) {
+    return SendError(id, TooMany("calls in progress", calls_.size(),
+                                 context_.limits.max_calls));
+  }
+  const MethodDescriptor* const method = *found;
+
+  auto call = std::make_unique<ServerCall>(
+      id, this, mailbox_, context_.service->GetRequestPrototype(method),
+      context_.service->GetResponsePrototype(method));
+  if (!ParsePayload(payload, context_.limits.max_message_depth,
+                    &call->request())) {
+    return SendError(
+        id,
+        absl::InvalidArgumentError(absl::StrCat(
+            "the request is no ", method->input_type()->full_name(),
+            ", or nested deeper than ", context_.limits.max_message_depth)));
+  }
+  calls_.emplace(id, call.get());
+  ServerCall* const handed_over = call.release();
+  context_.service->CallMethod(method, handed_over, &handed_over->request(),
+                               &handed_over->response(), handed_over);
+  // The handler may have destroyed this object.
+}
+
+void ServerConnection::Finish(const ServerCall& call) {
+  calls_.erase(call.id());
+  absl::Status outcome = call.outcome();
+  if (outcome.ok()) {
+    StreamMessage header;
+    header.set_kind(StreamMessage::KIND_REPLY);
+    header.set_stream_id(call.id());
+    outcome = context_.socket->Send(header, call.response());
+  }
+  if (!outcome.ok()) SendError(call.id(), outcome);
+  FinishIfAllIsAnswered();
+}
+
+void ServerConnection::FinishIfAllIsAnswered() {
+  if (is_shutting_down_ && calls_.empty()) context_.socket->FinishWriting();
+}
+
+void ServerConnection::CancelCall(std::uint64_t id) {
+  const auto node = calls_.extract(id);
+  if (node.empty()) return;
+  FinishIfAllIsAnswered();
+  node.mapped()->Abandon();
+}
+
+void ServerConnection::OpenStream(const StreamMessage& frame) {
+  const std::uint64_t id = frame.stream_id();
+  if (!AcceptId(id)) return;
+  if (is_shutting_down_) return SendError(id, ShuttingDown());
+  const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
+      *context_.service->GetDescriptor(), frame.method(), /*stream=*/true);
+  if (!found.ok()) return SendError(id, found.status());
+  if (streams_.size() >= context_.limits.max_streams) {
+    return SendError(id, TooMany("streams open", streams_.size(),
+                                 context_.limits.max_streams));
+  }
+  streams_.emplace(id, std::make_unique<ServerStream>(&context_, *found, id));
+}
+
+void ServerConnection::Deliver(StreamMessage& frame, std::string_view payload) {
+  // Read before delivery: the frame is the stream's to change.
+  const std::uint64_t id = frame.stream_id();
+  const auto stream = streams_.find(id);
+  if (stream == streams_.end()) return SendError(id, NotOpen(id));
+  frame.mutable_payload()->assign(payload);
+  const absl::Status delivered = frame.kind() == StreamMessage::KIND_NEXT
+                                     ? stream->second->Next(frame)
+                                     : stream->second->Error(frame);
+  if (delivered.ok()) return;
+  SendError(id, delivered);
+  EndStream(id);
+}
+
+void ServerConnection::CompleteStream(std::uint64_t id) {
+  if (!EndStream(id)) SendError(id, NotOpen(id));
+}
+
+bool ServerConnection::EndStream(std::uint64_t id) {
+  // Out of the table first: a stream's end may look at the connection again.
+  return !streams_.extract(id).empty();
+}
+
+void ServerConnection::SendError(std::uint64_t id, const absl::Status& why) {
+  // Fails only if the connection has ended, or is about to.
+  context_.socket->Send(ErrorFrame(id, why)).IgnoreError();
+}
+
+void ServerConnection::Close(const absl::Status& why) {
+  if (!why.ok()) {
+    ++context_.counters->thrown_out;
+    LOG_EVERY_N_SEC(WARNING, 1) << "a host was thrown out: " << why.message();
+    SendError(0, why);
+  }
+  context_.socket->Close();
+  // Out of this object before it runs, since it destroys this object.
+  auto on_end = std::move(on_end_);
+  std::move(on_end)();
+}
+
+}  // namespace orvane::internal

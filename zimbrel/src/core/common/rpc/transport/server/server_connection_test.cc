@@ -1,0 +1,184 @@
+// What a client does wrong, and what it is told.
+
+#include <cstdint>
+#include <string>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/testing/server_fixture.h"
+#include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
+
+namespace orvane::testing {
+namespace {
+
+using rpc::transport::StreamMessage;
+using ::testing::HasSubstr;
+using ::testing::SizeIs;
+
+using ServerConnectionTest = ServerFixture;
+
+TEST_F(ServerConnectionTest, AnUnknownMethodIsAnError) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(1, kMethods));
+  Settle(&host);
+  EXPECT_EQ(OnlyError(host),
+            "1/12: no method 52 in rpc.BrowserWidgetRpc, which has 52");
+  ExpectServerLives();
+}
+
+TEST_F(ServerConnectionTest, TheLargestMethodNumberIsAnErrorToo) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(1, 0xffffffffu));
+  Settle(&host);
+  EXPECT_EQ(OnlyError(host),
+            "1/12: no method 4294967295 in rpc.BrowserWidgetRpc, which has 52");
+}
+
+TEST_F(ServerConnectionTest, CallingAStreamIsAnError) {
+  for (std::uint32_t method = kFirstStream; method < kMethods; ++method) {
+    RawPeer host = ConnectRaw();
+    host.Send(CallFrame(1, method));
+    Settle(&host);
+    EXPECT_THAT(OnlyError(host), HasSubstr("is a stream and cannot be called"))
+        << method;
+  }
+  ExpectServerLives();
+}
+
+TEST_F(ServerConnectionTest,
+       ARequestThatCannotBeParsedIsAnErrorThatNamesItsType) {
+  RawPeer host = ConnectRaw();
+  StreamMessage call = CallFrame(1, kSetDisplay);
+  call.set_payload("\xff\xff\xff");
+  host.Send(call);
+  Settle(&host);
+  EXPECT_EQ(OnlyError(host),
+            "1/3: the request is no rpc.Display, or nested deeper than 100");
+  ExpectServerLives();
+}
+
+TEST_F(ServerConnectionTest, AfterAnErrorReplyTheConnectionGoesOn) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(1, 99));
+  host.Send(CallFrame(2, kShow));
+  Settle(&host);
+  ASSERT_THAT(host.frames, SizeIs(2));
+  EXPECT_EQ(host.frames[1].kind(), StreamMessage::KIND_REPLY);
+  EXPECT_FALSE(host.closed);
+}
+
+TEST_F(ServerConnectionTest, AFrameAboveTheLimitEndsTheConnectionInWords) {
+  RawPeer bystander = ConnectRaw();
+  RawPeer host = ConnectRaw();
+  host.SendBytes(std::string("\x01\0\x40\0", 4));  // 4 MiB and a byte.
+  Settle(&host);
+  EXPECT_EQ(OnlyError(host),
+            "0/8: frame of 4194305 bytes; the limit is 4194304");
+  EXPECT_TRUE(host.closed);
+  bystander.Send(CallFrame(1, kShow));
+  Settle(&bystander);
+  EXPECT_THAT(bystander.frames, SizeIs(1));
+}
+
+TEST_F(ServerConnectionTest, BytesThatAreNoFrameEndTheConnectionInWords) {
+  RawPeer host = ConnectRaw();
+  host.SendBytes(std::string("\x03\0\0\0\xff\xff\xff", 7));
+  Settle(&host);
+  EXPECT_EQ(OnlyError(host), "0/3: frame of 3 bytes that is no StreamMessage");
+  EXPECT_TRUE(host.closed);
+  ExpectServerLives();
+}
+
+TEST_F(ServerConnectionTest,
+       AFrameOfAKindThatHostsDoNotSendEndsTheConnectionInWords) {
+  for (const int kind : {0, 2, 77}) {
+    RawPeer host = ConnectRaw();
+    StreamMessage frame = CallFrame(1, kShow);
+    frame.set_kind(static_cast<StreamMessage::Kind>(kind));
+    host.Send(frame);
+    Settle(&host);
+    EXPECT_EQ(OnlyError(host), "0/3: frame of kind " + std::to_string(kind) +
+                                   ", which a host never sends");
+    EXPECT_TRUE(host.closed);
+  }
+  ExpectServerLives();
+}
+
+TEST_F(ServerConnectionTest, StreamId0EndsTheConnectionInWords) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(0, kShow));
+  Settle(&host);
+  EXPECT_EQ(OnlyError(host),
+            "0/3: stream id 0 after 0; each must be greater than the last");
+  EXPECT_TRUE(host.closed);
+}
+
+TEST_F(ServerConnectionTest, AStreamIdUsedTwiceEndsTheConnectionInWords) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(7, kHide));
+  host.Send(CallFrame(7, kHide));
+  Settle(&host);
+  EXPECT_EQ(OnlyError(host),
+            "0/3: stream id 7 after 7; each must be greater than the last");
+  EXPECT_TRUE(host.closed);
+  ASSERT_THAT(widget.held, SizeIs(1));
+  EXPECT_TRUE(widget.held[0].controller->IsCanceled());
+  widget.held[0].done->Run();
+}
+
+TEST_F(ServerConnectionTest, AStreamIdOutOfOrderEndsTheConnectionInWords) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(7, kShow));
+  host.Send(CallFrame(6, kShow));
+  Settle(&host);
+  ASSERT_THAT(host.frames, SizeIs(2));
+  EXPECT_EQ(host.frames[1].error_text(),
+            "stream id 6 after 7; each must be greater than the last");
+  EXPECT_TRUE(host.closed);
+}
+
+TEST_F(ServerConnectionTest,
+       AHostThatDiesInTheMiddleOfAFrameLeavesNothingBehind) {
+  {
+    RawPeer host = ConnectRaw();
+    host.SendBytes(std::string("\x10\0\0\0half", 8));
+    loop.RunUntilIdle();
+    EXPECT_EQ(server->connections(), 1u);
+  }
+  loop.RunUntilIdle();
+  EXPECT_EQ(server->connections(), 0u);
+  ExpectServerLives();
+}
+
+class SmallFramesServerTest : public ServerFixture {
+ protected:
+  static constexpr std::size_t kLimit = kMinMaxFrameBytes;
+
+  SmallFramesServerTest()
+      : ServerFixture(ServerLimits{.max_frame_bytes = kLimit}) {}
+};
+
+TEST_F(SmallFramesServerTest,
+       AResponseThatFitsNoFrameIsAnErrorForItsCallAlone) {
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(1, kGetAccessibilityToken, kLimit));
+  host.Send(CallFrame(2, kGetAccessibilityToken, kLimit / 2));
+  Settle(&host);
+  ASSERT_THAT(host.frames, SizeIs(2));
+  EXPECT_EQ(host.frames[0].kind(), StreamMessage::KIND_ERROR);
+  EXPECT_THAT(host.frames[0].error_text(), HasSubstr("the limit is 4096"));
+  EXPECT_EQ(host.frames[1].kind(), StreamMessage::KIND_REPLY);
+}
+
+TEST_F(SmallFramesServerTest, AFailuresTextIsCutSoThatItFitsAFrame) {
+  widget.failure = std::string(100000, 'x');
+  RawPeer host = ConnectRaw();
+  host.Send(CallFrame(1, kMinimize));
+  Settle(&host);
+  EXPECT_EQ(OnlyError(host), "1/2: " + std::string(2048, 'x'));
+}
+
+}  // namespace
+}  // namespace orvane::testing

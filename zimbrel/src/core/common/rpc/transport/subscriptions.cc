@@ -1,0 +1,116 @@
+#include "zimbrel/src/core/common/rpc/transport/subscriptions.h"
+
+#include <string_view>
+#include <utility>
+
+#include "absl/strings/str_cat.h"
+
+#include "rpc/event_subscription.pb.h"
+#include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
+
+namespace orvane {
+
+using google::protobuf::FieldDescriptor;
+using google::protobuf::Message;
+using google::protobuf::MethodDescriptor;
+
+namespace {
+
+absl::Status Read(std::string_view payload, Message* message) {
+  if (internal::ParsePayload(payload, kMaxMessageDepth, message))
+    return absl::OkStatus();
+  return absl::InternalError(
+      absl::StrCat("the widget sent a message that cannot be parsed as ",
+                   message->GetTypeName()));
+}
+
+const FieldDescriptor* Field(const Message& message, const char* name) {
+  return message.GetDescriptor()->FindFieldByName(name);
+}
+
+// If the stream could not be opened, `on_end` tells.
+void Subscribe(const ClientStream& stream, const Message& subscription) {
+  stream.sender()->Next(subscription, /*call_id=*/0).IgnoreError();
+}
+
+}  // namespace
+
+std::unique_ptr<ClientStream> WatchEvents(
+    SocketClient* client, const MethodDescriptor* method, const Message& key,
+    std::unique_ptr<Message> event,
+    absl::AnyInvocable<void(const Message& event)> on_event, OnEnd on_end) {
+  auto stream = client->OpenStream(
+      method, {[event = std::move(event), on_event = std::move(on_event)](
+                   std::string_view payload, std::int64_t) mutable {
+                 // The same message for all, so that its memory is too.
+                 absl::Status read = Read(payload, event.get());
+                 if (read.ok() && on_event) on_event(*event);
+                 return read;
+               },
+               std::move(on_end)});
+  rpc::EventSubscription subscription;
+  subscription.mutable_subscribe()->CopyFrom(key);
+  Subscribe(*stream, subscription);
+  return stream;
+}
+
+std::unique_ptr<ClientStream> ServeCalls(
+    SocketClient* client, const MethodDescriptor* method, const Message& key,
+    std::unique_ptr<Message> message,
+    absl::AnyInvocable<void(Message& message, PendingAnswer answer)> on_call,
+    OnEnd on_end) {
+  const std::unique_ptr<Message> subscription(message->New());
+  const google::protobuf::Reflection& fields = *message->GetReflection();
+  fields.MutableMessage(subscription.get(), Field(*subscription, "browser_id"))
+      ->CopyFrom(key);
+  fields.SetBool(subscription.get(), Field(*subscription, "subscribe"), true);
+
+  // Known once the stream is open. Weak, since the stream owns its handlers.
+  const auto sender = std::make_shared<std::weak_ptr<ClientStreamSender>>();
+  auto stream = client->OpenStream(
+      method,
+      {[sender, message = std::move(message), &fields,
+        call = Field(*subscription, "call"), on_call = std::move(on_call)](
+           std::string_view payload, std::int64_t call_id) mutable {
+         if (absl::Status read = Read(payload, message.get()); !read.ok())
+           return read;
+         if (!fields.HasField(*message, call)) {
+           return absl::InternalError(absl::StrCat("the widget sent a ",
+                                                   message->GetTypeName(),
+                                                   " without a call"));
+         }
+         PendingAnswer answer(sender->lock(), call_id);
+         if (on_call) {
+           on_call(*message, std::move(answer));
+         } else {
+           answer.Fail(*message, "nobody answers");
+         }
+         return absl::OkStatus();
+       },
+       std::move(on_end)});
+  *sender = stream->sender();
+  Subscribe(*stream, *subscription);
+  return stream;
+}
+
+PendingAnswer::PendingAnswer(std::shared_ptr<ClientStreamSender> sender,
+                             std::int64_t call_id)
+    : sender_(std::move(sender)), call_id_(call_id) {}
+
+absl::Status PendingAnswer::Send(Message* message) const {
+  absl::Status sent = sender_->Next(*message, call_id_);
+  if (!sent.ok()) {
+    message->GetReflection()->ClearField(message, Field(*message, "response"));
+    Fail(*message, std::string(sent.message()));
+  }
+  return sent;
+}
+
+void PendingAnswer::Fail(const Message& message,
+                         const std::string& text) const {
+  // Once the stream has ended, nobody waits.
+  sender_->Error(message, call_id_, text).IgnoreError();
+}
+
+}  // namespace orvane

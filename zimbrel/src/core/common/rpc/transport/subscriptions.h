@@ -1,0 +1,75 @@
+// Streams that are subscribed to one key, for callers that know the messages by
+// their descriptors. Generated clients are made of these.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SUBSCRIPTIONS_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SUBSCRIPTIONS_H_
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "absl/functional/any_invocable.h"
+#include "absl/status/status.h"
+#include "google/protobuf/descriptor.h"
+#include "google/protobuf/message.h"
+
+#include "zimbrel/src/core/common/rpc/transport/client_stream.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+
+namespace orvane {
+
+// Opens an event stream and subscribes it to `key`, a message of the type that
+// rpc.EventSubscription has for it. `on_event` runs for each event, in their
+// order; it borrows the event, which `event` holds, a message of the method's
+// output type. Both callables may be empty.
+[[nodiscard]] std::unique_ptr<ClientStream> WatchEvents(
+    SocketClient* client, const google::protobuf::MethodDescriptor* method,
+    const google::protobuf::Message& key,
+    std::unique_ptr<google::protobuf::Message> event,
+    absl::AnyInvocable<void(const google::protobuf::Message& event)> on_event,
+    OnEnd on_end = nullptr);
+
+// The answer that one call of the server waits for, to be sent once, on the
+// stream that brought the call. It goes nowhere if the stream has ended.
+//
+// Thread: the service thread. May outlive the stream and the client.
+class PendingAnswer {
+ public:
+  PendingAnswer(std::shared_ptr<ClientStreamSender> sender,
+                std::int64_t call_id);
+
+  std::int64_t call_id() const { return call_id_; }
+
+  // Sends `message`, which holds the call's key and the response. An error
+  // means that the response was not sent: kUnavailable if the stream has ended,
+  // kResourceExhausted if the response is too long for a frame or the server
+  // reads too slowly. The call fails then, and `message` has lost its response.
+  absl::Status Send(google::protobuf::Message* message) const;
+
+  // Fails the call. Of `message` only the key counts. The caller learns that
+  // the call has failed, and nothing more; `text` goes with the frame, for
+  // people who read it there.
+  void Fail(const google::protobuf::Message& message,
+            const std::string& text) const;
+
+ private:
+  std::shared_ptr<ClientStreamSender> sender_;
+  std::int64_t call_id_;
+};
+
+// Opens a callback stream and subscribes it to `key`, a message of the type of
+// `browser_id` in the method's messages. `on_call` runs for each call; it
+// borrows the message with key and call, which `message` holds, a message of
+// the method's output type, and may change it.
+[[nodiscard]] std::unique_ptr<ClientStream> ServeCalls(
+    SocketClient* client, const google::protobuf::MethodDescriptor* method,
+    const google::protobuf::Message& key,
+    std::unique_ptr<google::protobuf::Message> message,
+    absl::AnyInvocable<void(google::protobuf::Message& message,
+                            PendingAnswer answer)>
+        on_call,
+    OnEnd on_end = nullptr);
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SUBSCRIPTIONS_H_

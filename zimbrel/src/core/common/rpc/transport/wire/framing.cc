@@ -1,0 +1,166 @@
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include "absl/strings/str_cat.h"
+#include "google/protobuf/io/coded_stream.h"
+#include "google/protobuf/wire_format_lite.h"
+
+namespace orvane::internal {
+namespace {
+
+using google::protobuf::MessageLite;
+using google::protobuf::internal::WireFormatLite;
+using google::protobuf::io::CodedInputStream;
+using google::protobuf::io::CodedOutputStream;
+using rpc::transport::StreamMessage;
+
+constexpr std::uint32_t Varint(int field) {
+  return WireFormatLite::MakeTag(field, WireFormatLite::WIRETYPE_VARINT);
+}
+
+constexpr std::uint32_t kPayloadTag =
+    WireFormatLite::MakeTag(StreamMessage::kPayloadFieldNumber,
+                            WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
+
+// Reads a frame of numbers and then, perhaps, a payload, which nearly all are;
+// the payload is left where it is. False for any other, good or bad.
+bool ParseUsualFrame(std::string_view frame, StreamMessage* header,
+                     std::string_view* payload) {
+  CodedInputStream input(reinterpret_cast<const std::uint8_t*>(frame.data()),
+                         static_cast<int>(frame.size()));
+  header->Clear();
+  *payload = {};
+  while (const std::uint32_t tag = input.ReadTag()) {
+    if (tag == kPayloadTag) {
+      std::uint32_t length = 0;
+      if (!input.ReadVarint32(&length)) return false;
+      *payload =
+          frame.substr(static_cast<std::size_t>(input.CurrentPosition()));
+      return payload->size() == length;
+    }
+    std::uint64_t value = 0;
+    if (!input.ReadVarint64(&value)) return false;
+    switch (tag) {
+      case Varint(StreamMessage::kKindFieldNumber):
+        header->set_kind(static_cast<StreamMessage::Kind>(value));
+        break;
+      case Varint(StreamMessage::kStreamIdFieldNumber):
+        header->set_stream_id(value);
+        break;
+      case Varint(StreamMessage::kMethodFieldNumber):
+        header->set_method(static_cast<std::uint32_t>(value));
+        break;
+      case Varint(StreamMessage::kCallIdFieldNumber):
+        header->set_call_id(static_cast<std::int64_t>(value));
+        break;
+      default:
+        return false;
+    }
+  }
+  return input.ConsumedEntireMessage();
+}
+
+std::size_t ReadLength(std::string_view bytes) {
+  std::uint32_t length = 0;
+  for (std::size_t i = 0; i < kFrameLengthBytes; ++i) {
+    length |= std::uint32_t{static_cast<unsigned char>(bytes[i])} << (8 * i);
+  }
+  return length;
+}
+
+absl::Status TooLong(std::size_t length, std::size_t limit) {
+  return absl::ResourceExhaustedError(
+      absl::StrCat("frame of ", length, " bytes; the limit is ", limit));
+}
+
+// Serialised messages put one behind the other are one message, so the payload
+// need not be copied into the header first. `write_payload` puts its bytes
+// where it is told.
+template <typename WritePayload>
+absl::Status Append(const StreamMessage& header, std::size_t payload_bytes,
+                    std::size_t max_frame_bytes, ByteBuffer* out,
+                    WritePayload write_payload) {
+  std::size_t length = header.ByteSizeLong();
+  if (payload_bytes > 0) {
+    length += CodedOutputStream::VarintSize32(kPayloadTag) +
+              CodedOutputStream::VarintSize64(payload_bytes) + payload_bytes;
+  }
+  if (length > max_frame_bytes) return TooLong(length, max_frame_bytes);
+
+  char* const begin = out->Reserve(kFrameLengthBytes + length);
+  auto* to = reinterpret_cast<std::uint8_t*>(begin);
+  to = CodedOutputStream::WriteLittleEndian32ToArray(
+      static_cast<std::uint32_t>(length), to);
+  to = header.SerializeWithCachedSizesToArray(to);
+  if (payload_bytes > 0) {
+    to = CodedOutputStream::WriteTagToArray(kPayloadTag, to);
+    to = CodedOutputStream::WriteVarint64ToArray(payload_bytes, to);
+    write_payload(to);
+  }
+  out->Commit(kFrameLengthBytes + length);
+  return absl::OkStatus();
+}
+
+}  // namespace
+
+char* FrameReader::Space() {
+  received_.Consume(handed_out_);
+  handed_out_ = 0;
+  // One byte is what there must be; how much there is follows from how the
+  // buffer grows.
+  return received_.Reserve(1);
+}
+
+absl::StatusOr<std::optional<std::string_view>> FrameReader::Next() {
+  received_.Consume(handed_out_);
+  handed_out_ = 0;
+  const std::string_view bytes = received_.content();
+  if (bytes.size() < kFrameLengthBytes) return std::nullopt;
+  const std::size_t length = ReadLength(bytes);
+  if (length > max_frame_bytes_) return TooLong(length, max_frame_bytes_);
+  if (bytes.size() - kFrameLengthBytes < length) return std::nullopt;
+  handed_out_ = kFrameLengthBytes + length;
+  return bytes.substr(kFrameLengthBytes, length);
+}
+
+absl::Status AppendFrame(const StreamMessage& header,
+                         const MessageLite& payload,
+                         std::size_t max_frame_bytes, ByteBuffer* out) {
+  return Append(header, payload.ByteSizeLong(), max_frame_bytes, out,
+                [&payload](std::uint8_t* to) {
+                  payload.SerializeWithCachedSizesToArray(to);
+                });
+}
+
+absl::Status AppendFrame(const StreamMessage& header, std::string_view payload,
+                         std::size_t max_frame_bytes, ByteBuffer* out) {
+  return Append(header, payload.size(), max_frame_bytes, out,
+                [payload](std::uint8_t* to) {
+                  std::memcpy(to, payload.data(), payload.size());
+                });
+}
+
+bool ParseFrame(std::string_view frame, StreamMessage* header,
+                std::string_view* payload) {
+  if (ParseUsualFrame(frame, header, payload)) return true;
+  if (!header->ParseFromArray(frame.data(), static_cast<int>(frame.size())))
+    return false;
+  *payload = header->payload();
+  return true;
+}
+
+bool ParsePayload(std::string_view payload, int max_depth,
+                  MessageLite* message) {
+  // Without a limit of one's own protobuf takes a shorter way.
+  if (max_depth >= kMaxMessageDepth)
+    return message->ParseFromArray(payload.data(),
+                                   static_cast<int>(payload.size()));
+  CodedInputStream input(reinterpret_cast<const std::uint8_t*>(payload.data()),
+                         static_cast<int>(payload.size()));
+  input.SetRecursionLimit(max_depth);
+  return message->ParseFromCodedStream(&input) && input.ConsumedEntireMessage();
+}
+
+}  // namespace orvane::internal

@@ -1,0 +1,96 @@
+#include "zimbrel/src/core/common/rpc/transport/wire/handshake.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "absl/strings/str_cat.h"
+#include "absl/strings/string_view.h"
+
+namespace orvane::internal {
+
+using google::protobuf::MethodDescriptor;
+using google::protobuf::ServiceDescriptor;
+using rpc::transport::Hello;
+
+namespace {
+
+constexpr std::uint32_t kProtocol = 1;
+
+// 64-bit FNV-1a, which takes three lines in any language.
+constexpr std::uint64_t kFnvOffset = 0xcbf29ce484222325;
+constexpr std::uint64_t kFnvPrime = 0x100000001b3;
+
+std::uint64_t Fnv1a(std::uint64_t hash, std::string_view text) {
+  for (const char c : text) {
+    hash = (hash ^ static_cast<unsigned char>(c)) * kFnvPrime;
+  }
+  return hash;
+}
+
+std::string Line(const MethodDescriptor& method) {
+  return absl::StrCat(method.name(), "(",
+                      method.client_streaming() ? "stream " : "",
+                      method.input_type()->full_name(), ") returns (",
+                      method.server_streaming() ? "stream " : "",
+                      method.output_type()->full_name(), ")\n");
+}
+
+std::string InWords(const Hello& hello) {
+  const int methods = hello.methods_size();
+  return absl::StrCat(
+      hello.oldest_protocol() == hello.newest_protocol() ? "protocol "
+                                                         : "protocols ",
+      hello.oldest_protocol(),
+      hello.oldest_protocol() == hello.newest_protocol()
+          ? ""
+          : absl::StrCat(" to ", hello.newest_protocol()),
+      " and ", hello.service(), " with ", methods, " methods",
+      methods == 0
+          ? ""
+          : absl::StrCat(
+                " (", absl::Hex(hello.methods(methods - 1), absl::kZeroPad16),
+                ")"));
+}
+
+absl::Status Misfit(const Hello& client, const Hello& server,
+                    absl::string_view where) {
+  return absl::FailedPreconditionError(absl::StrCat(
+      "host and widget do not fit: they differ in ", where,
+      "; the host speaks ", InWords(client), ", the widget ", InWords(server)));
+}
+
+}  // namespace
+
+Hello MakeHello(const ServiceDescriptor& service) {
+  Hello hello;
+  hello.set_oldest_protocol(kProtocol);
+  hello.set_newest_protocol(kProtocol);
+  hello.set_service(std::string(service.full_name()));
+  std::uint64_t hash = kFnvOffset;
+  for (int i = 0; i < service.method_count(); ++i) {
+    hash = Fnv1a(hash, Line(*service.method(i)));
+    hello.add_methods(hash);
+  }
+  return hello;
+}
+
+absl::Status CompareHellos(const Hello& client, const Hello& server) {
+  const std::uint32_t spoken =
+      std::min(client.newest_protocol(), server.newest_protocol());
+  if (spoken < std::max(client.oldest_protocol(), server.oldest_protocol()))
+    return Misfit(client, server, "protocol");
+  if (client.service() != server.service())
+    return Misfit(client, server, "service");
+  const int shared = std::min(client.methods_size(), server.methods_size());
+  const auto differs =
+      std::mismatch(client.methods().begin(), client.methods().begin() + shared,
+                    server.methods().begin());
+  const auto first = differs.first - client.methods().begin();
+  if (first < shared)
+    return Misfit(client, server, absl::StrCat("method ", first));
+  return absl::OkStatus();
+}
+
+}  // namespace orvane::internal

@@ -1,0 +1,77 @@
+// What one end of a connection has to say to the other.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_OUTBOX_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_OUTBOX_H_
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "absl/status/status.h"
+#include "absl/status/statusor.h"
+#include "google/protobuf/message_lite.h"
+
+#include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/byte_buffer.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
+
+namespace orvane::internal {
+
+// A bounded queue of frames. They leave in order, but for those in slots: of
+// these only the latest of each slot waits, behind all that is queued.
+class Outbox {
+ public:
+  // Where a frame was queued.
+  enum class Placed { kBehindTheOthers, kInsteadOfAnother };
+
+  struct Slot {
+    std::uint64_t stream_id;
+    std::string key;
+
+    // clang-tidy 14 sees a null pointer in it.
+    // NOLINTNEXTLINE(modernize-use-nullptr)
+    friend auto operator<=>(const Slot&, const Slot&) = default;
+  };
+
+  explicit Outbox(const FrameLimits& limits) : limits_(limits) {}
+
+  // Queues a frame; see AppendFrame. An error means that nothing was queued:
+  // the frame is too long, or too many bytes wait already.
+  absl::Status Add(const rpc::transport::StreamMessage& header,
+                   const google::protobuf::MessageLite& payload);
+  absl::Status Add(const rpc::transport::StreamMessage& header,
+                   std::string_view payload);
+
+  // Queues a frame in a slot, in place of the frame that waits there, if any.
+  absl::StatusOr<Placed> Replace(const rpc::transport::StreamMessage& header,
+                                 std::string_view payload, Slot slot);
+
+  // Forgets what waits in a stream's slots.
+  void DropSlots(std::uint64_t stream_id);
+
+  // The bytes to be sent next; empty if nothing is left. Valid until the next
+  // call of another operation.
+  std::string_view Front();
+  void Consume(std::size_t bytes) { queue_.Consume(bytes); }
+
+  std::size_t size() const { return queue_.content().size() + slot_bytes_; }
+
+  // Whether a frame was refused because too many bytes waited.
+  bool has_overflowed() const { return has_overflowed_; }
+
+ private:
+  absl::Status CheckRoom();
+
+  const FrameLimits limits_;
+  ByteBuffer queue_;
+  std::map<Slot, std::string> slots_;  // Each a whole frame.
+  std::size_t slot_bytes_ = 0;
+  bool has_overflowed_ = false;
+};
+
+}  // namespace orvane::internal
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_OUTBOX_H_
