@@ -15,8 +15,8 @@ endif()
 find_package(GTest CONFIG REQUIRED)
 find_package(benchmark CONFIG REQUIRED)
 
-# Standalone Asio is headers only. It stays behind our .cc files; without
-# exceptions it asks for a throw hook, which transport/asio.h provides.
+# Standalone Asio, headers only, is something to measure against. Without
+# exceptions it asks for a throw hook, which benchmarks/transport/asio_hook.h is.
 find_path(ORVANE_ASIO_INCLUDE_DIR asio.hpp REQUIRED)
 mark_as_advanced(ORVANE_ASIO_INCLUDE_DIR)
 add_library(orvane_asio INTERFACE)

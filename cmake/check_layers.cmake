@@ -50,7 +50,8 @@ set(api "${server_api}" "${client_api}" "${contracts}" "${protos}" "${generated}
 
 # The runtime.
 allow(zimbrel/src/core/common/logging "${logging}")
-allow(${rpc} "${contracts}" "rpc/transport/stream_message.pb.h" "rpc/event_subscription.pb.h")
+allow(${rpc} "${contracts}" "${rpc}/loop/[a-z_]+\\.h" "rpc/transport/stream_message.pb.h" "rpc/event_subscription.pb.h")
+allow(${rpc}/loop "${rpc}/loop/[a-z_]+\\.h" "${rpc}/(event_loop|owned_descriptor)\\.h")
 allow(${rpc}/stream "${rpc}/stream/[a-z_]+\\.h" "${contracts}" "${protos}" "${logging}")
 allow(${rpc}/transport/wire "${rpc}/transport/wire/[a-z_]+\\.h" "${rpc}/transport/frame_limits\\.h"
       "${contracts}" ${transport_protos})

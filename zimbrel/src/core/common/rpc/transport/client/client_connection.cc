@@ -29,10 +29,12 @@ absl::Status ErrorOf(const StreamMessage& frame) {
 
 }  // namespace
 
-ClientConnection::ClientConnection(EventLoop* loop, FrameSocket::Socket socket,
+ClientConnection::ClientConnection(EventLoop* loop,
+                                   std::unique_ptr<EventLoop::Watch> socket,
                                    const FrameLimits& limits)
     : loop_(loop),
-      socket_(std::make_shared<FrameSocket>(std::move(socket), limits, this)) {
+      socket_(std::make_shared<FrameSocket>(loop, std::move(socket), limits,
+                                            this)) {
   socket_->Start();
 }
 

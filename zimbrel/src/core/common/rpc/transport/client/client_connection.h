@@ -29,7 +29,7 @@ class ClientStreamState;
 // inside the destructor. Whoever is told of an end may destroy it.
 class ClientConnection final : public FrameSocket::Receiver {
  public:
-  ClientConnection(EventLoop* loop, FrameSocket::Socket socket,
+  ClientConnection(EventLoop* loop, std::unique_ptr<EventLoop::Watch> socket,
                    const FrameLimits& limits);
   ClientConnection(const ClientConnection&) = delete;
   ClientConnection& operator=(const ClientConnection&) = delete;
