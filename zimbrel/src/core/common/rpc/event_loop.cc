@@ -83,28 +83,31 @@ class EventLoop::State {
   bool Step() {
     if (until_look_ == 0 && Collect() == 0) return false;
     --until_look_;
-    Task task = queue_.Pop();
-    std::move(task)();
+    if (Task task = queue_.Pop(); task != nullptr) std::move(task)();
     return true;
   }
 
-  // Waits for a task and runs it. May return without either, when the loop has
-  // been stopped or a wait was interrupted.
+  // Waits for a task and runs it. May return without either: when the loop has
+  // been stopped, a wait was interrupted, or there was something to do before.
   void WaitAndStep() {
-    RunWhatPrecedesWaiting();
-    if (queue_.empty() && !Spin()) {
-      timers_.SetAlarm();
-      Collect(inbox_->FallAsleep() ? EpollSet::Waiting::kYes
-                                   : EpollSet::Waiting::kNo);
+    if (queue_.empty()) {
+      if (RunWhatPrecedesWaiting()) return;
+      if (!Spin()) {
+        timers_.SetAlarm();
+        Collect(inbox_->FallAsleep() ? EpollSet::Waiting::kYes
+                                     : EpollSet::Waiting::kNo);
+      }
     }
     if (!queue_.empty()) Step();
   }
 
-  void RunWhatPrecedesWaiting() {
+  // False if there was nothing.
+  bool RunWhatPrecedesWaiting() {
+    const bool has_some = !before_waiting_.empty();
     while (!before_waiting_.empty()) {
-      Task task = before_waiting_.Pop();
-      std::move(task)();
+      if (Task task = before_waiting_.Pop(); task != nullptr) std::move(task)();
     }
+    return has_some;
   }
 
   int Descriptor() {

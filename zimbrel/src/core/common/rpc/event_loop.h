@@ -16,6 +16,7 @@
 
 namespace orvane {
 
+// Something to be run once. An empty one does nothing, wherever it is passed.
 using Task = absl::AnyInvocable<void() &&>;
 
 // Where any thread may leave tasks for a loop. Outlives the loop: whoever may
@@ -83,8 +84,7 @@ class EventLoop {
     // Runs `task` once, never inside this call, when there is something to read
     // that came since this task last ran. Once the other end has closed, always
     // as soon as possible: a reader reads until it finds the end, and asks no
-    // more. A second call before the first task has run replaces it. An empty
-    // task waits for nothing.
+    // more. A second call before the first task has run replaces it.
     virtual void WhenReadable(Task task) = 0;
 
     // Likewise when there is room to write, or nobody is left to read it.

@@ -211,6 +211,52 @@ TEST(EventLoop, ANumberThatIsNoSignalIsNotWaitedFor) {
   loop.RunUntilIdle();
 }
 
+TEST(EventLoop, AnEmptyTaskDoesNothingWhereverItIsPassed) {
+  EventLoop loop;
+  loop.Post(nullptr);
+  loop.RunBeforeWaiting(nullptr);
+  loop.mailbox()->Post(nullptr);
+  loop.OnSignal({SIGUSR1}, nullptr);
+  const auto timer = loop.RunAfter(absl::ZeroDuration(), nullptr);
+  std::raise(SIGUSR1);
+  loop.RunUntilIdle();
+}
+
+TEST(EventLoop, WhatIsToRunBeforeWaitingRunsAfterTheTasksThatAreReady) {
+  EventLoop loop;
+  std::vector<int> ran;
+  loop.Post([&] {
+    loop.RunBeforeWaiting([&ran] { ran.push_back(3); });
+    ran.push_back(1);
+  });
+  loop.Post([&ran] { ran.push_back(2); });
+  EXPECT_TRUE(loop.RunUntil([&ran] { return ran.size() == 3; }));
+  EXPECT_THAT(ran, ElementsAre(1, 2, 3));
+}
+
+TEST(EventLoop, WhatIsToRunBeforeWaitingRunsBeforeANestedRunWaits) {
+  EventLoop loop;
+  bool seen = false;
+  loop.Post([&] {
+    bool ran = false;
+    loop.RunBeforeWaiting([&ran] { ran = true; });
+    seen = loop.RunUntil([&ran] { return ran; });
+  });
+  loop.RunUntilIdle();
+  EXPECT_TRUE(seen);
+}
+
+TEST(EventLoop, WhatIsToRunBeforeWaitingRunsBeforeARunReturns) {
+  EventLoop loop;
+  bool ran = false;
+  loop.Post([&] {
+    loop.RunBeforeWaiting([&ran] { ran = true; });
+    loop.Stop();
+  });
+  loop.Run();
+  EXPECT_TRUE(ran);
+}
+
 // A loop that spins does what another does ------------------------------------
 
 constexpr EventLoopOptions kSpinning{.spin = absl::Milliseconds(1)};

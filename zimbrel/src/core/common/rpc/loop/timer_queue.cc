@@ -85,7 +85,7 @@ void TimerQueue::RunNext() {
   Entries::node_type node = entries_.extract(entries_.begin());
   node.mapped().handle->Taken();
   PostDue();
-  std::move(node.mapped().task)();
+  if (node.mapped().task != nullptr) std::move(node.mapped().task)();
 }
 
 void TimerQueue::SetAlarm() {
