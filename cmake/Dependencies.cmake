@@ -23,3 +23,12 @@ add_library(orvane_asio INTERFACE)
 target_include_directories(orvane_asio SYSTEM INTERFACE "${ORVANE_ASIO_INCLUDE_DIR}")
 target_compile_definitions(orvane_asio INTERFACE ASIO_STANDALONE ASIO_NO_EXCEPTIONS ASIO_NO_DEPRECATED)
 target_link_libraries(orvane_asio INTERFACE Threads::Threads)
+
+# What runs inside these toolkits' main loops is built and tested where they are.
+include(OrvaneMainLoops)
+foreach(toolkit IN ITEMS glib qt sdl)
+  orvane_main_loop(${toolkit})
+  if(NOT TARGET orvane::${toolkit})
+    message(STATUS "orvane::${toolkit}: not built or tested, since its toolkit is not installed")
+  endif()
+endforeach()
