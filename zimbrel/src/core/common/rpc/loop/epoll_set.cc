@@ -102,7 +102,7 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
     if (awaits == awaits_output_) return;
     awaits_output_ = awaits;
     if (!Control(EPOLL_CTL_MOD, awaits ? kInput | EPOLLOUT : kInput))
-      PLOG(FATAL) << "a descriptor cannot be waited for";
+      PLOG(FATAL) << "event loop: cannot wait for a descriptor";
   }
 
   EventLoop* const loop_;
@@ -133,7 +133,7 @@ class EpollSet::WatchHandle final : public EventLoop::Watch {
 
 EpollSet::EpollSet(EventLoop* loop)
     : loop_(loop), set_(::epoll_create1(EPOLL_CLOEXEC)) {
-  if (set_.get() < 0) PLOG(FATAL) << "no descriptor for an event loop";
+  if (set_.get() < 0) PLOG(FATAL) << "event loop: no descriptor to wait with";
 }
 
 void EpollSet::AddWaker(int descriptor) {
@@ -141,7 +141,7 @@ void EpollSet::AddWaker(int descriptor) {
   event.events = EPOLLIN | EPOLLET;
   event.data.ptr = nullptr;
   if (::epoll_ctl(set_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0)
-    PLOG(FATAL) << "an event loop cannot be woken";
+    PLOG(FATAL) << "event loop: cannot wait to be woken";
 }
 
 absl::StatusOr<std::unique_ptr<EventLoop::Watch>> EpollSet::Watch(

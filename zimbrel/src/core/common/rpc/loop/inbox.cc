@@ -11,7 +11,8 @@
 namespace orvane::internal {
 
 Inbox::Inbox() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (wake_.get() < 0) PLOG(FATAL) << "no descriptor to wake an event loop";
+  if (wake_.get() < 0)
+    PLOG(FATAL) << "event loop: no descriptor to be woken by";
 }
 
 bool Inbox::Post(Task task) {

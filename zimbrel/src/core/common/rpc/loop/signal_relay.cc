@@ -53,7 +53,7 @@ SignalRelay::SignalRelay(int signal_number) : signal_number_(0) {
   const absl::MutexLock lock(&mutex);
   if (counters[index] == 0) {
     const int counter = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (counter < 0) PLOG(FATAL) << "no descriptor for signals";
+    if (counter < 0) PLOG(FATAL) << "event loop: no descriptor for signals";
     counters[index] = counter;
   }
   // What came before this relay.

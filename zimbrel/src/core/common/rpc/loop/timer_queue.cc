@@ -58,7 +58,7 @@ TimerQueue::TimerQueue(EventLoop* loop)
     : loop_(loop),
       alarm_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       alarm_time_(kNever) {
-  if (alarm_.get() < 0) PLOG(FATAL) << "no timer for an event loop";
+  if (alarm_.get() < 0) PLOG(FATAL) << "event loop: no descriptor for timers";
 }
 
 std::unique_ptr<EventLoop::Timer> TimerQueue::Add(absl::Duration delay,
