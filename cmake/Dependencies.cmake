@@ -16,13 +16,25 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND ORVANE_SANITIZE STREQUAL "thread")
   add_compile_options("SHELL:-include \"${CMAKE_CURRENT_LIST_DIR}/protobuf_under_tsan.h\"")
 endif()
 
-if(ORVANE_TESTS)
-  find_package(GTest CONFIG REQUIRED)
-  find_package(benchmark CONFIG REQUIRED)
+# What runs inside these toolkits' main loops is built and tested where they are.
+include(OrvaneMainLoops)
+if(ORVANE_PROGRAMS)
+  foreach(toolkit IN ITEMS glib qt sdl)
+    orvane_main_loop(${toolkit})
+    if(NOT TARGET orvane::${toolkit})
+      message(STATUS "orvane::${toolkit}: not built or tested, since its toolkit is not installed")
+    endif()
+  endforeach()
 endif()
 
-# Standalone Asio is headers only. It stays behind our .cc files; without
-# exceptions it asks for a throw hook, which transport/asio.h provides.
+if(NOT ORVANE_TESTS)
+  return()
+endif()
+find_package(GTest CONFIG REQUIRED)
+find_package(benchmark CONFIG REQUIRED)
+
+# Standalone Asio, headers only, is something to measure against. Without
+# exceptions it asks for a throw hook, which benchmarks/transport/asio_hook.h is.
 find_path(ORVANE_ASIO_INCLUDE_DIR asio.hpp REQUIRED)
 mark_as_advanced(ORVANE_ASIO_INCLUDE_DIR)
 add_library(orvane_asio INTERFACE)

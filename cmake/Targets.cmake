@@ -89,6 +89,20 @@ function(orvane_add_test name)
     "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1")
 endfunction()
 
+# orvane_no_test(file...)
+# Test sources that make no test here, since what they need is not installed.
+function(orvane_no_test)
+  _orvane_register_tests(${ARGN})
+endfunction()
+
+# What orvane_check_every_test_is_registered looks for.
+function(_orvane_register_tests)
+  foreach(source IN LISTS ARGN)
+    cmake_path(ABSOLUTE_PATH source)
+    set_property(GLOBAL APPEND PROPERTY ORVANE_TEST_SOURCES "${source}")
+  endforeach()
+endfunction()
+
 # orvane_test(NAME [OWN_HEAP] SOURCES file... [DEPENDS target...] [ARGUMENTS word...])
 # A GoogleTest program that runs as one ctest test, where tests are built at all.
 # OWN_HEAP: it replaces operator new to watch the heap, which the thread sanitizer
@@ -98,10 +112,7 @@ function(orvane_test name)
     return()
   endif()
   cmake_parse_arguments(PARSE_ARGV 1 arg "OWN_HEAP" "" "SOURCES;DEPENDS;ARGUMENTS")
-  foreach(source IN LISTS arg_SOURCES)
-    cmake_path(ABSOLUTE_PATH source)
-    set_property(GLOBAL APPEND PROPERTY ORVANE_TEST_SOURCES "${source}")
-  endforeach()
+  _orvane_register_tests(${arg_SOURCES})
   if(arg_OWN_HEAP AND ORVANE_SANITIZE STREQUAL "thread")
     return()
   endif()

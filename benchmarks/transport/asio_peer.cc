@@ -5,7 +5,7 @@
 //   --interface batched   what is made while a batch of received frames is
 //                         handled is written together after it
 
-#include "zimbrel/src/core/common/rpc/asio_hook.h"
+#include "benchmarks/transport/asio_hook.h"
 
 #include <algorithm>
 #include <array>

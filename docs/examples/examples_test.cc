@@ -19,6 +19,7 @@ namespace {
 
 using ::orvane::testing::CallByName;
 using ::orvane::testing::ChildProcess;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
@@ -88,6 +89,16 @@ TEST_F(Examples, RoundTripTellsItsTimes) {
     EXPECT_EQ(result.exit_code, 0) << result.errors;
     EXPECT_THAT(result.output, StartsWith("median "));
   }
+}
+
+TEST_F(Examples, OwnLoopGoesOnUntilTheWidgetHasGone) {
+  auto service = Start(SERVICE, "service");
+  ChildProcess host({OWN_LOOP, socket_});
+  EXPECT_THAT(host.ReadLine(), StartsWith("shown: "));
+  service->Signal(SIGTERM);
+  const ChildProcess::Result result = host.Wait();
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_THAT(result.output, EndsWith("the widget has gone\n"));
 }
 
 TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {

@@ -14,21 +14,16 @@
 #include <cstring>
 #include <utility>
 
-#include "zimbrel/src/core/common/rpc/asio_hook.h"
-
 #include "absl/memory/memory.h"
 #include "absl/status/status.h"
 #include "absl/strings/str_cat.h"
-#include "asio/buffer.hpp"
-#include "asio/io_context.hpp"
-#include "asio/posix/stream_descriptor.hpp"
-#include "asio/read.hpp"
+#include "absl/time/time.h"
 
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace widgetctl {
 
-using asio::posix::stream_descriptor;
+using orvane::EventLoop;
 using orvane::OwnedDescriptor;
 
 namespace {
@@ -82,41 +77,42 @@ absl::Status StatusOf(const siginfo_t& end) {
 
 }  // namespace
 
-// Held by its owner and by the operation in progress.
-class ShellCommand::Process : public std::enable_shared_from_this<Process> {
+class ShellCommand::Process {
  public:
-  Process(orvane::EventLoop* loop, pid_t pid, OwnedDescriptor process,
-          OwnedDescriptor output, EndHandler on_end)
-      : pid_(pid),
-        process_(loop->io_context(), process.Release()),
-        output_(loop->io_context(), output.Release()),
-        on_end_(std::move(on_end)) {}
-
-  void ReadOutput() {
-    asio::async_read(
-        output_, asio::dynamic_buffer(printed_),
-        [self = shared_from_this()](asio::error_code, std::size_t) {
-          // Whatever the error is, it is the end of the output.
-          if (self->on_end_) self->AwaitExit();
-        });
+  Process(EventLoop* loop, pid_t pid, std::unique_ptr<EventLoop::Watch> process,
+          std::unique_ptr<EventLoop::Watch> output, EndHandler on_end)
+      : loop_(loop),
+        pid_(pid),
+        process_(std::move(process)),
+        output_(std::move(output)),
+        on_end_(std::move(on_end)) {
+    AwaitOutput();
   }
-
-  void Abandon() {
-    if (!on_end_) return;
-    on_end_ = nullptr;
-    ::kill(pid_, SIGTERM);  // Not reaped yet, so this is still its id.
-    asio::error_code ignored;
-    output_.close(ignored);
-    process_.close(ignored);
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+  ~Process() {
+    if (on_end_) ::kill(pid_, SIGTERM);  // Not reaped yet, so still its id.
   }
 
  private:
-  // Its stdout may be closed long before.
-  void AwaitExit() {
-    process_.async_wait(stream_descriptor::wait_read,
-                        [self = shared_from_this()](asio::error_code) {
-                          if (self->on_end_) self->End();
-                        });
+  void AwaitOutput() {
+    output_->WhenReadable([this] { ReadOutput(); });
+  }
+
+  void ReadOutput() {
+    std::array<char, std::size_t{64} << 10> bytes;
+    const ssize_t read = TEMP_FAILURE_RETRY(
+        ::read(output_->descriptor(), bytes.data(), bytes.size()));
+    if (read < 0 && errno == EAGAIN) return AwaitOutput();
+    if (read > 0) {
+      printed_.append(bytes.data(), static_cast<std::size_t>(read));
+      next_read_ =
+          loop_->RunAfter(absl::ZeroDuration(), [this] { ReadOutput(); });
+      return;
+    }
+    // Its stdout may be closed long before it exits. Whatever an error is, it
+    // is the end of the output.
+    process_->WhenReadable([this] { End(); });
   }
 
   void End() {
@@ -124,6 +120,7 @@ class ShellCommand::Process : public std::enable_shared_from_this<Process> {
     ::waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED);
     const absl::Status status = StatusOf(end);
     EndHandler on_end = std::exchange(on_end_, nullptr);
+    // It may destroy this object.
     if (status.ok()) {
       std::move(on_end)(std::move(printed_));
     } else {
@@ -131,16 +128,18 @@ class ShellCommand::Process : public std::enable_shared_from_this<Process> {
     }
   }
 
+  EventLoop* const loop_;
   const pid_t pid_;
-  stream_descriptor process_;  // Readable once it has exited.
-  stream_descriptor output_;
+  const std::unique_ptr<EventLoop::Watch> process_;  // Readable at its exit.
+  const std::unique_ptr<EventLoop::Watch> output_;
+  std::unique_ptr<EventLoop::Timer> next_read_;
   std::string printed_;
   EndHandler on_end_;  // Empty once it is over.
 };
 
 absl::StatusOr<std::unique_ptr<ShellCommand>> ShellCommand::Start(
-    orvane::EventLoop* loop, const std::string& command,
-    absl::string_view input, EndHandler on_end) {
+    EventLoop* loop, const std::string& command, absl::string_view input,
+    EndHandler on_end) {
   const absl::StatusOr<OwnedDescriptor> file = FileOf(input);
   if (!file.ok()) return file.status();
   std::array<int, 2> ends{};
@@ -149,23 +148,26 @@ absl::StatusOr<std::unique_ptr<ShellCommand>> ShellCommand::Start(
   const OwnedDescriptor write_end(ends[1]);
   const absl::StatusOr<pid_t> pid = Spawn(command, *file, write_end);
   if (!pid.ok()) return pid.status();
-  // The C library's own function has no C linkage in all releases.
-  OwnedDescriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, *pid, 0)));
-  if (handle.get() < 0) {
-    const int error = errno;
+  const auto abandon = [&pid](const absl::Status& why) {
     ::kill(*pid, SIGKILL);
     TEMP_FAILURE_RETRY(::waitpid(*pid, nullptr, 0));
-    return CannotStart(error);
-  }
-  const auto process = std::make_shared<Process>(
-      loop, *pid, std::move(handle), std::move(output), std::move(on_end));
-  process->ReadOutput();
-  return absl::WrapUnique(new ShellCommand(process));
+    return why;
+  };
+  // The C library's own function has no C linkage in all releases.
+  OwnedDescriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, *pid, 0)));
+  if (handle.get() < 0) return abandon(CannotStart(errno));
+  auto process = loop->WatchDescriptor(std::move(handle));
+  if (!process.ok()) return abandon(process.status());
+  auto printed = loop->WatchDescriptor(std::move(output));
+  if (!printed.ok()) return abandon(printed.status());
+  return absl::WrapUnique(new ShellCommand(
+      std::make_unique<Process>(loop, *pid, *std::move(process),
+                                *std::move(printed), std::move(on_end))));
 }
 
-ShellCommand::ShellCommand(std::shared_ptr<Process> process)
+ShellCommand::ShellCommand(std::unique_ptr<Process> process)
     : process_(std::move(process)) {}
 
-ShellCommand::~ShellCommand() { process_->Abandon(); }
+ShellCommand::~ShellCommand() = default;
 
 }  // namespace widgetctl

@@ -41,9 +41,9 @@ class ShellCommand {
  private:
   class Process;
 
-  explicit ShellCommand(std::shared_ptr<Process> process);
+  explicit ShellCommand(std::unique_ptr<Process> process);
 
-  const std::shared_ptr<Process> process_;
+  const std::unique_ptr<Process> process_;
 };
 
 }  // namespace widgetctl

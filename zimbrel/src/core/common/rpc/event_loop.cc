@@ -1,147 +1,261 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 
+#include <atomic>
 #include <chrono>
-#include <optional>
 #include <thread>
 #include <utility>
+#include <vector>
 
-#include "zimbrel/src/core/common/rpc/asio_hook.h"
-
-#include "absl/base/thread_annotations.h"
-#include "asio/executor_work_guard.hpp"
-#include "asio/io_context.hpp"
-#include "asio/post.hpp"
-#include "asio/signal_set.hpp"
-#include "asio/steady_timer.hpp"
-
-#include "zimbrel/src/core/common/rpc/mutex.h"
+#include "zimbrel/src/core/common/rpc/loop/epoll_set.h"
+#include "zimbrel/src/core/common/rpc/loop/inbox.h"
+#include "zimbrel/src/core/common/rpc/loop/signal_relay.h"
+#include "zimbrel/src/core/common/rpc/loop/task_queue.h"
+#include "zimbrel/src/core/common/rpc/loop/timer_queue.h"
 
 namespace orvane {
-namespace {
 
-void PostTo(asio::io_context& io, Task task) {
-  asio::post(io, [task = std::move(task)]() mutable { std::move(task)(); });
-}
+using internal::EpollSet;
+using internal::Inbox;
+using internal::SignalRelay;
+using internal::TaskQueue;
+using internal::TimerQueue;
+using std::chrono::steady_clock;
 
-// The task sits beside its timer, so dropping the handle drops both; the
-// completion handler holds a weak reference and finds nothing then.
-class AsioTimer final : public EventLoop::Timer {
+// All work becomes tasks of one queue, and a run is nothing but taking tasks
+// from it; so runs may nest.
+class EventLoop::State {
  public:
-  AsioTimer(asio::io_context& io, absl::Duration delay, Task task)
-      : armed_(std::make_shared<Armed>(io, std::move(task))) {
-    armed_->timer.expires_after(absl::ToChronoNanoseconds(delay));
-    armed_->timer.async_wait([weak = std::weak_ptr(armed_)](asio::error_code) {
-      const std::shared_ptr<Armed> armed = weak.lock();
-      if (armed == nullptr) return;
-      Task due = std::move(armed->task);
-      std::move(due)();
-    });
+  class RunScope;
+
+  State(EventLoop* loop, EventLoopOptions options)
+      : options_(options),
+        inbox_(std::make_shared<Inbox>()),
+        set_(loop),
+        timers_(loop) {
+    set_.AddWaker(inbox_->descriptor());
+    set_.AddWaker(timers_.descriptor());
   }
 
- private:
-  struct Armed {
-    Armed(asio::io_context& io, Task what) : timer(io), task(std::move(what)) {}
+  ~State() {
+    inbox_->Close();
+    signal_relays_.clear();
+    // Each may own timers and watches, and queue others when it is destroyed.
+    while (!queue_.empty()) queue_.Pop();
+    while (!before_waiting_.empty()) before_waiting_.Pop();
+  }
 
-    asio::steady_timer timer;
-    Task task;
-  };
+  const std::shared_ptr<Inbox>& inbox() const { return inbox_; }
+  EpollSet& set() { return set_; }
 
-  std::shared_ptr<Armed> armed_;
-};
+  bool IsRunningHere() const { return runner_ == std::this_thread::get_id(); }
 
-}  // namespace
+  void Post(Task task) {
+    if (IsRunningHere()) {
+      queue_.Push(std::move(task));
+    } else {
+      inbox_->Post(std::move(task));
+    }
+  }
 
-struct EventLoop::State {
-  // One thread runs it: Asio then leaves out what several would need.
-  asio::io_context io{1};
-  asio::executor_work_guard<asio::io_context::executor_type> stay{
-      io.get_executor()};
-  std::optional<asio::signal_set> signals;
-};
+  void RunBeforeWaiting(Task task) {
+    if (!IsRunningHere()) return Post(std::move(task));
+    before_waiting_.Push(std::move(task));
+  }
 
-class EventLoop::SharedMailbox final : public Mailbox {
- public:
-  explicit SharedMailbox(asio::io_context* io) : io_(io) {}
+  std::unique_ptr<Timer> RunAfter(absl::Duration delay, Task task) {
+    std::unique_ptr<Timer> timer = timers_.Add(delay, std::move(task));
+    if (depth_ == 0) LeaveReadable();
+    return timer;
+  }
 
-  bool Post(Task task) override {
-    const MutexLock lock(mutex_);
-    if (io_ == nullptr) return false;
-    PostTo(*io_, std::move(task));
+  // Turns all that is ready into tasks; returns how many are queued then.
+  std::size_t Collect(EpollSet::Waiting waiting = EpollSet::Waiting::kNo) {
+    RunWhatPrecedesWaiting();
+    set_.Look(waiting);
+    timers_.PostDue();
+    inbox_->MoveTo(&queue_);
+    until_look_ = queue_.size();
+    return until_look_;
+  }
+
+  // Runs the next task, after a look at what else is ready once those that were
+  // there at the last look have run. False if there is none.
+  bool Step() {
+    if (until_look_ == 0 && Collect() == 0) return false;
+    --until_look_;
+    if (Task task = queue_.Pop(); task != nullptr) std::move(task)();
     return true;
   }
 
-  void Close() {
-    const MutexLock lock(mutex_);
-    io_ = nullptr;
+  // Waits for a task and runs it. May return without either: when the loop has
+  // been stopped, a wait was interrupted, or there was something to do before.
+  void WaitAndStep() {
+    if (queue_.empty()) {
+      if (RunWhatPrecedesWaiting()) return;
+      if (!Spin()) {
+        timers_.SetAlarm();
+        Collect(inbox_->FallAsleep() ? EpollSet::Waiting::kYes
+                                     : EpollSet::Waiting::kNo);
+      }
+    }
+    if (!queue_.empty()) Step();
+  }
+
+  // False if there was nothing.
+  bool RunWhatPrecedesWaiting() {
+    const bool has_some = !before_waiting_.empty();
+    while (!before_waiting_.empty()) {
+      if (Task task = before_waiting_.Pop(); task != nullptr) std::move(task)();
+    }
+    return has_some;
+  }
+
+  int Descriptor() {
+    is_watched_ = true;
+    if (depth_ == 0) LeaveReadable();
+    return set_.descriptor();
+  }
+
+  // Before the descriptor is waited for again: something may have been left.
+  void LeaveReadable() {
+    if (!is_watched_) return;
+    timers_.SetAlarm();
+    if (!queue_.empty() || !inbox_->FallAsleep()) inbox_->Wake();
+  }
+
+  void OnSignal(std::initializer_list<int> signal_numbers, Task task) {
+    auto shared = std::make_shared<Task>(std::move(task));
+    for (const int signal_number : signal_numbers) {
+      const SignalRelay& relay = signal_relays_.emplace_back(signal_number);
+      absl::StatusOr<std::unique_ptr<Watch>> watch =
+          set_.Watch(relay.Descriptor());
+      if (!watch.ok()) continue;  // A number that is no signal.
+      signal_watches_.push_back(*std::move(watch));
+      signal_watches_.back()->WhenReadable([shared] {
+        if (Task first = std::exchange(*shared, nullptr); first != nullptr)
+          std::move(first)();
+      });
+    }
   }
 
  private:
-  Mutex mutex_;
-  asio::io_context* io_ ABSL_GUARDED_BY(mutex_);
+  // Looks for work for a while. False if there was none.
+  bool Spin() {
+    if (options_.spin <= absl::ZeroDuration()) return false;
+    const auto idle_since = steady_clock::now();
+    do {
+      if (Collect() > 0 || inbox_->is_stopped()) return true;
+      std::this_thread::yield();
+    } while (steady_clock::now() - idle_since <
+             absl::ToChronoNanoseconds(options_.spin));
+    return false;
+  }
+
+  const EventLoopOptions options_;
+  const std::shared_ptr<Inbox> inbox_;
+  EpollSet set_;
+  TimerQueue timers_;
+  TaskQueue queue_;
+  TaskQueue before_waiting_;
+  std::size_t until_look_ = 0;           // Tasks before the next look.
+  int depth_ = 0;                        // Runs that are nested in each other.
+  std::atomic<std::thread::id> runner_;  // Only while there is a run.
+  bool is_watched_ = false;              // From outside, by descriptor().
+  std::vector<SignalRelay> signal_relays_;
+  std::vector<std::unique_ptr<Watch>> signal_watches_;
+};
+
+class EventLoop::State::RunScope {
+ public:
+  explicit RunScope(State* state) : state_(state) {
+    if (state_->depth_++ == 0) state_->runner_ = std::this_thread::get_id();
+  }
+  RunScope(const RunScope&) = delete;
+  RunScope& operator=(const RunScope&) = delete;
+  ~RunScope() {
+    if (state_->depth_ == 1) state_->RunWhatPrecedesWaiting();
+    if (--state_->depth_ > 0) return;
+    state_->runner_ = std::thread::id();
+    state_->LeaveReadable();
+  }
+
+  bool is_outermost() const { return state_->depth_ == 1; }
+
+ private:
+  State* const state_;
 };
 
 EventLoop::EventLoop(EventLoopOptions options)
-    : options_(options),
-      state_(std::make_unique<State>()),
-      mailbox_(std::make_shared<SharedMailbox>(&state_->io)) {}
+    : state_(std::make_unique<State>(this, options)) {}
 
-EventLoop::~EventLoop() { mailbox_->Close(); }
+EventLoop::~EventLoop() = default;
 
 void EventLoop::Run() {
-  while (RunOne()) {
-  }
-  state_->io.restart();
+  const State::RunScope scope(state_.get());
+  while (!state_->inbox()->is_stopped()) state_->WaitAndStep();
+  if (scope.is_outermost()) state_->inbox()->ForgetStop();
 }
 
-bool EventLoop::RunOne() {
-  if (options_.spin > absl::ZeroDuration()) {
-    const auto idle_since = std::chrono::steady_clock::now();
-    do {
-      if (state_->io.poll_one() > 0) return true;
-      if (state_->io.stopped()) return false;
-      std::this_thread::yield();
-    } while (std::chrono::steady_clock::now() - idle_since <
-             absl::ToChronoNanoseconds(options_.spin));
+void EventLoop::Stop() { state_->inbox()->Stop(); }
+
+std::size_t EventLoop::RunReady(absl::Duration max_time) {
+  const State::RunScope scope(state_.get());
+  const auto begun = steady_clock::now();
+  const std::size_t ready = state_->Collect();
+  std::size_t steps = 0;
+  while (steps < ready && !state_->inbox()->is_stopped() && state_->Step()) {
+    ++steps;
+    if (absl::FromChrono(steady_clock::now() - begun) >= max_time) break;
   }
-  return state_->io.run_one() > 0;
+  if (scope.is_outermost()) state_->inbox()->ForgetStop();
+  return steps;
 }
 
-void EventLoop::Stop() { state_->io.stop(); }
-
-std::size_t EventLoop::RunUntilIdle() { return state_->io.poll(); }
+std::size_t EventLoop::RunUntilIdle(absl::Duration max_time) {
+  const State::RunScope scope(state_.get());
+  const auto begun = steady_clock::now();
+  std::size_t steps = 0;
+  while (!state_->inbox()->is_stopped() && state_->Step()) {
+    ++steps;
+    if (absl::FromChrono(steady_clock::now() - begun) >= max_time) break;
+  }
+  if (scope.is_outermost()) state_->inbox()->ForgetStop();
+  return steps;
+}
 
 bool EventLoop::RunUntil(absl::AnyInvocable<bool()> done) {
+  const State::RunScope scope(state_.get());
   while (!done()) {
-    if (!RunOne()) return false;
+    if (state_->inbox()->is_stopped()) return false;
+    state_->WaitAndStep();
   }
   return true;
 }
 
-void EventLoop::Post(Task task) { PostTo(state_->io, std::move(task)); }
+int EventLoop::descriptor() { return state_->Descriptor(); }
+
+void EventLoop::Post(Task task) { state_->Post(std::move(task)); }
+
+void EventLoop::RunBeforeWaiting(Task task) {
+  state_->RunBeforeWaiting(std::move(task));
+}
 
 std::unique_ptr<EventLoop::Timer> EventLoop::RunAfter(absl::Duration delay,
                                                       Task task) {
-  return std::make_unique<AsioTimer>(state_->io, delay, std::move(task));
+  return state_->RunAfter(delay, std::move(task));
 }
 
-void EventLoop::OnSignal(std::initializer_list<int> signals, Task task) {
-  state_->signals.emplace(state_->io);
-  for (const int signal : signals) {
-    asio::error_code refused;  // Only numbers that are no signals are.
-    state_->signals->add(signal, refused);
-  }
-  state_->signals->async_wait(
-      [task = std::move(task)](asio::error_code error, int) mutable {
-        if (!error) std::move(task)();
-      });
+absl::StatusOr<std::unique_ptr<EventLoop::Watch>> EventLoop::WatchDescriptor(
+    OwnedDescriptor descriptor) {
+  return state_->set().Watch(std::move(descriptor));
 }
 
-std::shared_ptr<Mailbox> EventLoop::mailbox() { return mailbox_; }
-
-bool EventLoop::IsRunningHere() const {
-  return state_->io.get_executor().running_in_this_thread();
+void EventLoop::OnSignal(std::initializer_list<int> signal_numbers, Task task) {
+  state_->OnSignal(signal_numbers, std::move(task));
 }
 
-asio::io_context& EventLoop::io_context() { return state_->io; }
+std::shared_ptr<Mailbox> EventLoop::mailbox() { return state_->inbox(); }
+
+bool EventLoop::IsRunningHere() const { return state_->IsRunningHere(); }
 
 }  // namespace orvane

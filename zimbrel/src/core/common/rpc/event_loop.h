@@ -8,16 +8,15 @@
 #include <memory>
 
 #include "absl/functional/any_invocable.h"
+#include "absl/status/statusor.h"
 #include "absl/time/time.h"
 
 #include "zimbrel/src/core/common/rpc/current_loop.h"
-
-namespace asio {
-class io_context;
-}  // namespace asio
+#include "zimbrel/src/core/common/rpc/owned_descriptor.h"
 
 namespace orvane {
 
+// Something to be run once. An empty one does nothing, wherever it is passed.
 using Task = absl::AnyInvocable<void() &&>;
 
 // Where any thread may leave tasks for a loop. Outlives the loop: whoever may
@@ -47,10 +46,19 @@ struct EventLoopOptions {
 // Run. That thread is the service thread: handlers, streams, publishing and
 // calling belong to it, and Post is the way there from any other.
 //
+// A program with a main loop of its own, such as a toolkit's, does not call
+// Run: its loop waits for descriptor() and then calls RunReady.
+//
+// Run, RunReady, RunUntilIdle and RunUntil may be called from inside a task.
+// Such a nested run sees all that was posted before it, whoever posted it. The
+// task that called it goes on when it returns, so a task that waits delays
+// those that are nested around it.
+//
 // Thread: Post and Stop from any, the rest from the service thread, which
-// before Run is whichever thread made the loop. Lifetime: the loop outlives
-// everything that was given a pointer to it. What is still queued when it is
-// destroyed is destroyed unrun.
+// before the first run is whichever thread made the loop. Lifetime: the loop
+// outlives everything that was given a pointer to it, and its timers and
+// watches. What is still queued when it is destroyed is destroyed unrun, inside
+// the destructor.
 class EventLoop {
  public:
   // A task that waits for its time. Destroying the handle before then drops the
@@ -60,60 +68,101 @@ class EventLoop {
     virtual ~Timer() = default;
   };
 
+  // A descriptor whose readiness becomes tasks. It is edge-triggered: a task
+  // runs after something has happened, so ask for one only when a read or write
+  // would have blocked. On a stream socket, a read that returned less than
+  // there was room for counts as that. A task may also run for nothing.
+  //
+  // Destroying the watch, which its tasks may do, closes the descriptor and
+  // drops tasks that have not run.
+  class Watch {
+   public:
+    virtual ~Watch() = default;
+
+    virtual int descriptor() const = 0;
+
+    // Runs `task` once, never inside this call, when there is something to read
+    // that came since this task last ran. Once the other end has closed, always
+    // as soon as possible: a reader reads until it finds the end, and asks no
+    // more. A second call before the first task has run replaces it.
+    virtual void WhenReadable(Task task) = 0;
+
+    // Likewise when there is room to write, or nobody is left to read it.
+    virtual void WhenWritable(Task task) = 0;
+  };
+
   explicit EventLoop(EventLoopOptions options = {});
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
   ~EventLoop();
 
-  // Works until Stop. Returns at once if Stop was called since the last Run
-  // returned.
+  // Works until Stop. Returns at once if Stop was called since the last Run or
+  // RunReady returned.
   void Run();
 
-  // Makes Run return after the task in progress. Does not wait for it.
+  // Makes Run return after the task in progress, and everything that runs
+  // nested. Does not wait for it.
   void Stop();
 
-  // Works until nothing is ready, without waiting. For tests, and for loops
-  // that belong to someone else. Returns how many steps there were.
-  std::size_t RunUntilIdle();
+  // Runs what is ready when it is called, without waiting, and stops before the
+  // rest once `max_time` is over; a task in progress is not interrupted. For
+  // loops that belong to someone else. Returns how many tasks there were; it
+  // may be 0 though the descriptor was readable.
+  std::size_t RunReady(absl::Duration max_time = absl::InfiniteDuration());
 
-  // Works until `done` holds, waiting where need be; looked at after each step.
-  // False if Stop came first. May be called from inside a task: others run
-  // meanwhile.
+  // Works until nothing is ready, without waiting for what is to come; but not
+  // longer than `max_time`, since work may come faster than it is done. For
+  // tests. Returns how many tasks there were.
+  std::size_t RunUntilIdle(absl::Duration max_time = absl::Seconds(10));
+
+  // Works until `done` holds, waiting where need be; looked at after each task.
+  // False if Stop came first, which also later calls return until Run or
+  // RunReady has.
   bool RunUntil(absl::AnyInvocable<bool()> done);
+
+  // Readable while there is work: a task that was posted on whatever thread, a
+  // timer that is due, a descriptor that is ready, what a run has left behind.
+  // Then call RunReady. May be readable for nothing. Always the same one, and
+  // only to be waited for with poll, epoll and the like, level-triggered, while
+  // the loop is not running: never read, never closed. A loop that is never
+  // asked for it does not pay for it.
+  int descriptor();
 
   // Runs `task` on the service thread, never inside this call, in the order of
   // the calls.
   void Post(Task task);
+
+  // Runs `task` before the loop looks for other work or waits, in the order of
+  // the calls; inside a run it cannot be starved. For what is worth doing once
+  // for several tasks, such as to send what they have queued.
+  void RunBeforeWaiting(Task task);
 
   // Runs `task` once, `delay` from now at the earliest. A delay that is not
   // positive means as soon as possible, but never inside this call.
   [[nodiscard]] std::unique_ptr<Timer> RunAfter(absl::Duration delay,
                                                 Task task);
 
+  // Takes a socket, pipe or the like over, makes it non-blocking and keeps it
+  // from child processes. On error, such as for a file on disk, which is always
+  // ready, the descriptor is closed.
+  absl::StatusOr<std::unique_ptr<Watch>> WatchDescriptor(
+      OwnedDescriptor descriptor);
+
   // Runs `task` at the first of these signals to arrive, once, instead of what
   // the process would do. Later ones are ignored while the loop lives. At most
   // one call in a loop's life.
-  void OnSignal(std::initializer_list<int> signals, Task task);
+  void OnSignal(std::initializer_list<int> signal_numbers, Task task);
 
   // For threads that may outlast the loop.
   std::shared_ptr<Mailbox> mailbox();
 
-  // Whether the calling thread is inside Run, RunUntilIdle or RunUntil.
+  // Whether the calling thread is inside a task of this loop.
   bool IsRunningHere() const;
 
-  // For transports.
-  asio::io_context& io_context();
-
  private:
-  struct State;
-  class SharedMailbox;
+  class State;
 
-  // Waits for a step and takes it. False if the loop is stopped.
-  bool RunOne();
-
-  const EventLoopOptions options_;
   const std::unique_ptr<State> state_;
-  const std::shared_ptr<SharedMailbox> mailbox_;
   const internal::LoopRegistration registration_{this};
 };
 

@@ -155,6 +155,108 @@ TEST(EventLoop, ASignalBecomesATask) {
   EXPECT_TRUE(loop.RunUntil([&] { return told; }));
 }
 
+TEST(EventLoop, ASecondSignalIsIgnored) {
+  EventLoop loop;
+  int told = 0;
+  loop.OnSignal({SIGUSR1, SIGUSR2}, [&told] { ++told; });
+  std::raise(SIGUSR1);
+  loop.RunUntilIdle();
+  std::raise(SIGUSR1);
+  std::raise(SIGUSR2);
+  loop.RunUntilIdle();
+  EXPECT_EQ(told, 1);
+}
+
+TEST(EventLoop, ASignalReachesEveryLoopThatAskedForIt) {
+  EventLoop first;
+  auto second = std::make_unique<EventLoop>();
+  int told = 0;
+  first.OnSignal({SIGUSR1}, [&told] { ++told; });
+  second->OnSignal({SIGUSR1}, [&told] { ++told; });
+  std::raise(SIGUSR1);
+  first.RunUntilIdle();
+  second->RunUntilIdle();
+  EXPECT_EQ(told, 2);
+}
+
+TEST(EventLoop, ASignalOfALoopThatIsGoneReachesNoLaterOne) {
+  {
+    EventLoop loop;
+    loop.OnSignal({SIGUSR1}, [] {});
+    std::raise(SIGUSR1);
+  }
+  EventLoop loop;
+  loop.OnSignal({SIGUSR1}, [] { FAIL(); });
+  loop.RunUntilIdle();
+}
+
+TEST(EventLoop, ASignalDoesAgainWhatItDidOnceTheLoopIsGone) {
+  static int handled;
+  handled = 0;
+  const auto before = std::signal(SIGUSR1, [](int) { ++handled; });
+  {
+    EventLoop loop;
+    loop.OnSignal({SIGUSR1}, [] {});
+    std::raise(SIGUSR1);
+    EXPECT_EQ(handled, 0);
+  }
+  std::raise(SIGUSR1);
+  EXPECT_EQ(handled, 1);
+  std::signal(SIGUSR1, before);
+}
+
+TEST(EventLoop, ANumberThatIsNoSignalIsNotWaitedFor) {
+  EventLoop loop;
+  loop.OnSignal({-1, 0, 1000, SIGKILL, SIGUSR1}, [] {});
+  loop.RunUntilIdle();
+}
+
+TEST(EventLoop, AnEmptyTaskDoesNothingWhereverItIsPassed) {
+  EventLoop loop;
+  loop.Post(nullptr);
+  loop.RunBeforeWaiting(nullptr);
+  loop.mailbox()->Post(nullptr);
+  loop.OnSignal({SIGUSR1}, nullptr);
+  const auto timer = loop.RunAfter(absl::ZeroDuration(), nullptr);
+  std::raise(SIGUSR1);
+  loop.RunUntilIdle();
+}
+
+TEST(EventLoop, WhatIsToRunBeforeWaitingRunsAfterTheTasksThatAreReady) {
+  EventLoop loop;
+  std::vector<int> ran;
+  loop.Post([&] {
+    loop.RunBeforeWaiting([&ran] { ran.push_back(3); });
+    ran.push_back(1);
+  });
+  loop.Post([&ran] { ran.push_back(2); });
+  EXPECT_TRUE(loop.RunUntil([&ran] { return ran.size() == 3; }));
+  EXPECT_THAT(ran, ElementsAre(1, 2, 3));
+}
+
+TEST(EventLoop, WhatIsToRunBeforeWaitingRunsBeforeANestedRunWaits) {
+  EventLoop loop;
+  bool seen = false;
+  loop.Post([&] {
+    bool ran = false;
+    loop.RunBeforeWaiting([&ran] { ran = true; });
+    seen = loop.RunUntil([&ran] { return ran; });
+  });
+  loop.RunUntilIdle();
+  EXPECT_TRUE(seen);
+}
+
+TEST(EventLoop, WhatIsToRunBeforeWaitingRunsBeforeARunReturns) {
+  EventLoop loop;
+  bool ran = false;
+  loop.Post([&] {
+    loop.RunBeforeWaiting([&ran] { ran = true; });
+    loop.Stop();
+  });
+  loop.Run();
+  EXPECT_TRUE(ran);
+}
+
 // A loop that spins does what another does ------------------------------------
 
 constexpr EventLoopOptions kSpinning{.spin = absl::Milliseconds(1)};

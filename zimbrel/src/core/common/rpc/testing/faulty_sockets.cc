@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <map>
+#include <set>
 
 namespace orvane::testing {
 namespace {
@@ -15,6 +16,7 @@ struct State {
   SocketFaults faults;
   int calls = 0;
   int interrupted = 0;
+  std::set<int> full;  // Took bytes with the last call.
   std::map<int, std::string> recorded;
 };
 
@@ -35,12 +37,28 @@ std::size_t Allowed(std::size_t bytes) {
   return std::min(bytes, TheState().faults.max_bytes);
 }
 
+// What this send fails with; 0: it does not.
+int SendError(int descriptor) {
+  SocketFaults& faults = TheState().faults;
+  if (faults.failing_sends > 0) {
+    --faults.failing_sends;
+    return faults.send_error;
+  }
+  if (faults.max_bytes == SocketFaults().max_bytes) return 0;
+  // Each second one, so that what was sent before arrives by itself.
+  const auto [place, is_new] = TheState().full.insert(descriptor);
+  if (is_new) return 0;
+  TheState().full.erase(place);
+  return EAGAIN;
+}
+
 }  // namespace
 
 void SetSocketFaults(const SocketFaults& faults) {
   TheState().faults = faults;
   TheState().calls = 0;
   TheState().interrupted = 0;
+  TheState().full.clear();
 }
 
 int InterruptedCalls() { return TheState().interrupted; }
@@ -61,14 +79,18 @@ ssize_t recv(int descriptor, void* bytes, std::size_t size, int flags) {
     errno = EINTR;
     return -1;
   }
-  return ::syscall(SYS_recvfrom, descriptor, bytes,
-                   orvane::testing::Allowed(size), flags, nullptr, nullptr);
+  return ::syscall(SYS_recvfrom, descriptor, bytes, size, flags, nullptr,
+                   nullptr);
 }
 
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 ssize_t send(int descriptor, const void* bytes, std::size_t size, int flags) {
   if (orvane::testing::IsInterrupted()) {
     errno = EINTR;
+    return -1;
+  }
+  if (const int error = orvane::testing::SendError(descriptor); error != 0) {
+    errno = error;
     return -1;
   }
   const ssize_t sent =
@@ -83,8 +105,7 @@ ssize_t send(int descriptor, const void* bytes, std::size_t size, int flags) {
   return sent;
 }
 
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
-int accept(int descriptor, sockaddr* address, socklen_t* length) {
+int accept4(int descriptor, sockaddr* address, socklen_t* length, int flags) {
   int& failing = orvane::testing::TheState().faults.failing_accepts;
   if (failing > 0) {
     --failing;
@@ -92,7 +113,7 @@ int accept(int descriptor, sockaddr* address, socklen_t* length) {
     return -1;
   }
   return static_cast<int>(
-      ::syscall(SYS_accept4, descriptor, address, length, 0));
+      ::syscall(SYS_accept4, descriptor, address, length, flags));
 }
 
 }  // extern "C"

@@ -11,11 +11,16 @@
 namespace orvane::testing {
 
 struct SocketFaults {
-  // What one call moves at the most.
+  // What one send takes at the most. The next one then finds no room, so that
+  // these bytes arrive by themselves.
   std::size_t max_bytes = static_cast<std::size_t>(-1);
 
   // Every so-many-th call fails with EINTR; 0: none.
   int interrupt_every = 0;
+
+  // So many sends fail with `send_error`.
+  int failing_sends = 0;
+  int send_error = 0;
 
   // So many times accept fails with EMFILE, as if no descriptor were left. The
   // sanitizers need some, so they cannot be used up in earnest.

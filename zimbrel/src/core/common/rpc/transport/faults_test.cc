@@ -3,6 +3,7 @@
 
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -32,6 +33,7 @@ namespace orvane::testing {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::UnorderedElementsAre;
 
 // The host's side of a session with a bit of everything: a call that is
@@ -63,6 +65,8 @@ class Host {
         },
         Ended("calls"));
   }
+
+  const absl::Status& status() const { return client_->status(); }
 
   std::vector<std::string> told;
 
@@ -176,6 +180,39 @@ TEST_F(FaultsTest, BothTogetherChangeNothing) {
 TEST_F(FaultsTest, ASocketThatIsFullTimeAndAgainChangesNothing) {
   event_bytes_ = std::size_t{2} << 20;  // Ten times what a socket takes.
   ExpectAllAsEver({});
+}
+
+// It used to lose what was queued and to keep the connection, so that whoever
+// waited for an answer waited for ever.
+TEST_F(FaultsTest, ARequestThatTheSystemRefusesToSendEndsTheConnection) {
+  auto pair = ConnectedPair();
+  ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
+  Host host(&loop, pair->second.Release());
+  SetSocketFaults({.failing_sends = 1, .send_error = ENOBUFS});
+  host.Begin();
+  loop.RunUntilIdle();
+  EXPECT_THAT(host.told,
+              ElementsAre("Show UNAVAILABLE", "Hide UNAVAILABLE",
+                          "Minimize UNAVAILABLE", "events end UNAVAILABLE",
+                          "calls end UNAVAILABLE"));
+  EXPECT_THAT(host.status().message(), HasSubstr("No buffer space available"));
+  EXPECT_EQ(server->connections(), 0u);
+}
+
+TEST_F(FaultsTest, AReplyThatTheSystemRefusesToSendEndsTheConnection) {
+  auto pair = ConnectedPair();
+  ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
+  Host host(&loop, pair->second.Release());
+  host.Begin();
+  loop.RunUntilIdle();
+  host.told.clear();
+  SetSocketFaults({.failing_sends = 1, .send_error = ENOMEM});
+  AnswerHeldCalls();
+  loop.RunUntilIdle();
+  EXPECT_THAT(host.told,
+              ElementsAre("Hide UNAVAILABLE", "events end UNAVAILABLE",
+                          "calls end UNAVAILABLE"));
+  EXPECT_EQ(server->connections(), 0u);
 }
 
 TEST_F(FaultsTest, AHostThatComesWhenNoDescriptorIsLeftIsServedLater) {

@@ -2,16 +2,13 @@
 
 #include <utility>
 
-#include "zimbrel/src/core/common/rpc/asio_hook.h"
-
 #include "absl/log/log.h"
 #include "absl/memory/memory.h"
 #include "absl/time/time.h"
-#include "asio/io_context.hpp"
 
 #include "zimbrel/src/core/common/rpc/transport/client/client_connection.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
-#include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
 
 namespace orvane {
 
@@ -21,7 +18,6 @@ using google::protobuf::MethodDescriptor;
 using internal::ClientCall;
 using internal::ClientConnection;
 using internal::FrameLimits;
-using internal::FrameSocket;
 
 namespace {
 
@@ -75,13 +71,11 @@ absl::StatusOr<std::unique_ptr<SocketClient>> SocketClient::Adopt(
   OwnedDescriptor owned(descriptor);
   if (absl::Status status = CheckPeerIsThisUser(descriptor); !status.ok())
     return status;
-  FrameSocket::Socket socket(loop->io_context());
-  asio::error_code error;
-  socket.assign(asio::local::stream_protocol(), descriptor, error);
-  if (error) return absl::InvalidArgumentError(error.message());
-  owned.Release();
+  absl::StatusOr<std::unique_ptr<EventLoop::Watch>> socket =
+      loop->WatchDescriptor(std::move(owned));
+  if (!socket.ok()) return socket.status();
   return absl::WrapUnique(new SocketClient(std::make_unique<ClientConnection>(
-      loop, std::move(socket),
+      loop, *std::move(socket),
       FrameLimits{.max_frame_bytes = options.max_frame_bytes,
                   .max_queued_bytes = options.max_queued_bytes,
                   .max_frame_time = absl::InfiniteDuration()})));

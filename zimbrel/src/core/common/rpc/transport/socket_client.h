@@ -49,8 +49,9 @@ struct ClientOptions {
 //
 // Thread: the service thread of its loop. Lifetime: the loop outlives the
 // client. May be destroyed at any time, also in continuations and in streams'
-// handlers: what is in progress then ends with kCancelled, from inside the
-// destructor.
+// handlers. When the destructor returns, everything has ended: what was in
+// progress with kCancelled, and what was about to end with its own reason. No
+// callback runs later.
 class SocketClient {
  public:
   // Connects to a server that listens at `path`. Blocks only while the server's
@@ -89,9 +90,15 @@ class SocketClient {
       CallOptions options = {});
 
   // The same, but blocks until the call has ended. Other work of the loop runs
-  // meanwhile; if the loop is stopped, the call ends with kCancelled. Inside a
-  // continuation or handler of this client it would wait for itself: it fails
-  // at once with kFailedPrecondition.
+  // meanwhile. May be called anywhere on the service thread, also inside a task
+  // or a handler of something else, but fails at once
+  //
+  // - with kFailedPrecondition inside a continuation or handler of this client,
+  //   where it would wait for itself;
+  // - with kCancelled once the loop is stopped;
+  // - with the reason if the request cannot be sent.
+  //
+  // A blocking call that another task makes meanwhile returns before this one.
   absl::StatusOr<std::unique_ptr<google::protobuf::Message>> CallAndWait(
       const google::protobuf::MethodDescriptor* method,
       const google::protobuf::Message& request, CallOptions options = {});

@@ -1,28 +1,24 @@
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
+#include <sys/socket.h>
+
+#include <cerrno>
 #include <optional>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "zimbrel/src/core/common/rpc/asio_hook.h"
-
 #include "absl/log/log.h"
 #include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
-#include "asio/io_context.hpp"
-#include "asio/local/stream_protocol.hpp"
 
 #include "zimbrel/src/core/common/rpc/transport/server/server_connection.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane {
 
-using asio::local::stream_protocol;
 using internal::ServerConnection;
 
-// The acceptor's handlers hold this weakly: they may still be queued when the
-// server is gone.
 class SocketServer::Impl {
  public:
   Impl(EventLoop* loop, Service* service, const ServerLimits& limits)
@@ -30,17 +26,16 @@ class SocketServer::Impl {
 
   absl::Status Listen(const std::string& path) {
     if (is_shutting_down_) return ShutDownAlready();
-    if (acceptor_.has_value())
+    if (acceptor_ != nullptr)
       return absl::FailedPreconditionError("listening already");
     absl::StatusOr<ListeningSocket> listening = ListeningSocket::Open(path);
     if (!listening.ok()) return listening.status();
-    stream_protocol::acceptor acceptor(loop_->io_context());
-    asio::error_code error;
-    acceptor.assign(stream_protocol(), listening->ReleaseDescriptor(), error);
-    if (error) return absl::InternalError(error.message());
+    absl::StatusOr<std::unique_ptr<EventLoop::Watch>> acceptor =
+        loop_->WatchDescriptor(OwnedDescriptor(listening->ReleaseDescriptor()));
+    if (!acceptor.ok()) return acceptor.status();
     listening_.emplace(*std::move(listening));
-    acceptor_.emplace(std::move(acceptor));
-    Accept();
+    acceptor_ = *std::move(acceptor);
+    AwaitHost();
     return absl::OkStatus();
   }
 
@@ -49,19 +44,14 @@ class SocketServer::Impl {
     if (absl::Status status = CheckPeerIsThisUser(descriptor.get());
         !status.ok())
       return status;
-    stream_protocol::socket socket(loop_->io_context());
-    asio::error_code error;
-    socket.assign(stream_protocol(), descriptor.get(), error);
-    if (error) return absl::InvalidArgumentError(error.message());
-    descriptor.Release();
-    return Serve(std::move(socket));
+    return Serve(std::move(descriptor));
   }
 
   void Shutdown(absl::Duration within, Task done) {
     if (is_shutting_down_) return;
     is_shutting_down_ = true;
     done_ = std::move(done);
-    retry_.reset();
+    next_accept_.reset();
     acceptor_.reset();
     listening_.reset();
     cut_off_ = loop_->RunAfter(within, [this] { CutOff(); });
@@ -81,40 +71,50 @@ class SocketServer::Impl {
   const ServerCounters& counters() const { return counters_; }
 
  private:
-  void Accept() {
-    acceptor_->async_accept(
-        [this, alive = std::weak_ptr(alive_)](asio::error_code error,
-                                              stream_protocol::socket socket) {
-          if (alive.expired() || is_shutting_down_) return;
-          if (error) {
-            // Out of descriptors, most likely, and no error that time cannot
-            // cure. The host stays in the queue meanwhile.
-            retry_ = loop_->RunAfter(kAcceptRetry, [this] { Accept(); });
-            return;
-          }
-          absl::Status served = CheckPeerIsThisUser(socket.native_handle());
-          if (served.ok()) served = Serve(std::move(socket));
-          if (!served.ok()) {
-            ++counters_.thrown_out;
-            LOG_EVERY_N_SEC(WARNING, 1)
-                << "a host was not let in: " << served.message();
-          }
-          Accept();
-        });
+  void AwaitHost() {
+    acceptor_->WhenReadable([this] { Accept(); });
   }
 
-  absl::Status Serve(stream_protocol::socket socket) {
+  // One host in each task, so that a crowd of them does not keep the others
+  // waiting.
+  void Accept() {
+    OwnedDescriptor socket(
+        ::accept4(acceptor_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (socket.get() < 0) {
+      if (errno == EAGAIN) return AwaitHost();
+      // Out of descriptors, most likely; time cures that, and the host stays
+      // in the queue meanwhile. Or the host has given up.
+      const bool tries_at_once = errno == EINTR || errno == ECONNABORTED;
+      next_accept_ =
+          loop_->RunAfter(tries_at_once ? absl::ZeroDuration() : kAcceptRetry,
+                          [this] { Accept(); });
+      return;
+    }
+    absl::Status served = CheckPeerIsThisUser(socket.get());
+    if (served.ok()) served = Serve(std::move(socket));
+    if (!served.ok()) {
+      ++counters_.thrown_out;
+      LOG_EVERY_N_SEC(WARNING, 1)
+          << "a host was not let in: " << served.message();
+    }
+    next_accept_ = loop_->RunAfter(absl::ZeroDuration(), [this] { Accept(); });
+  }
+
+  absl::Status Serve(OwnedDescriptor descriptor) {
+    absl::StatusOr<std::unique_ptr<EventLoop::Watch>> socket =
+        loop_->WatchDescriptor(std::move(descriptor));
+    if (!socket.ok()) return socket.status();
     if (connections_.size() >= limits_.max_connections) {
       absl::Status why = absl::ResourceExhaustedError(absl::StrCat(
           connections_.size(), " hosts are connected; the limit is ",
           limits_.max_connections));
-      ServerConnection::Refuse(std::move(socket), why);
+      ServerConnection::Refuse(*std::move(socket), why);
       return why;
     }
     const int id = next_id_++;
     connections_.emplace(
         id, std::make_unique<ServerConnection>(
-                loop_, service_, limits_, &counters_, std::move(socket),
+                loop_, service_, limits_, &counters_, *std::move(socket),
                 [this, id, alive = std::weak_ptr(alive_)] {
                   connections_.extract(id);
                   if (!alive.expired()) FinishIfAllHaveLeft();
@@ -151,8 +151,8 @@ class SocketServer::Impl {
   const std::shared_ptr<char> alive_ = std::make_shared<char>();
   std::optional<ListeningSocket>
       listening_;  // Removes the file, after the acceptor is closed.
-  std::optional<stream_protocol::acceptor> acceptor_;
-  std::unique_ptr<EventLoop::Timer> retry_;
+  std::unique_ptr<EventLoop::Watch> acceptor_;
+  std::unique_ptr<EventLoop::Timer> next_accept_;
   bool is_shutting_down_ = false;
   std::unique_ptr<EventLoop::Timer> cut_off_;
   Task done_;  // Null but while it is to come.

@@ -131,12 +131,6 @@ std::string DefaultSocketPath(const std::string& name) {
   return absl::StrCat(folder, "/", name, ".sock");
 }
 
-OwnedDescriptor::~OwnedDescriptor() {
-  if (descriptor_ >= 0) ::close(descriptor_);
-}
-
-int OwnedDescriptor::Release() { return std::exchange(descriptor_, -1); }
-
 absl::StatusOr<ListeningSocket> ListeningSocket::Open(const std::string& path) {
   const absl::StatusOr<sockaddr_un> address = AddressOf(path);
   if (!address.ok()) return address.status();

@@ -10,29 +10,13 @@
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
 
+#include "zimbrel/src/core/common/rpc/owned_descriptor.h"
+
 namespace orvane {
 
 // Where a server listens and its hosts look when nobody says otherwise:
 // `name`.sock in $XDG_RUNTIME_DIR/orvane, or in /tmp/orvane-UID without one.
 std::string DefaultSocketPath(const std::string& name);
-
-// A file descriptor that is closed with its owner. -1 holds none.
-class OwnedDescriptor {
- public:
-  explicit OwnedDescriptor(int descriptor) : descriptor_(descriptor) {}
-  OwnedDescriptor(OwnedDescriptor&& other) noexcept
-      : descriptor_(other.Release()) {}
-  OwnedDescriptor& operator=(OwnedDescriptor&&) = delete;
-  ~OwnedDescriptor();
-
-  int get() const { return descriptor_; }
-
-  // Gives the descriptor to the caller, who closes it from now on.
-  int Release();
-
- private:
-  int descriptor_;
-};
 
 // A listening socket with the file that it is reached by. Closing it removes
 // the file, unless another server's has taken its place.

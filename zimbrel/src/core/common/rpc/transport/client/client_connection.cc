@@ -1,5 +1,6 @@
 #include "zimbrel/src/core/common/rpc/transport/client/client_connection.h"
 
+#include <cstddef>
 #include <map>
 #include <utility>
 
@@ -29,32 +30,72 @@ absl::Status ErrorOf(const StreamMessage& frame) {
 
 }  // namespace
 
-ClientConnection::ClientConnection(EventLoop* loop, FrameSocket::Socket socket,
+class ClientConnection::CallbackScope {
+ public:
+  explicit CallbackScope(std::shared_ptr<Callbacks> callbacks)
+      : callbacks_(std::move(callbacks)) {
+    ++callbacks_->running;
+  }
+  CallbackScope(const CallbackScope&) = delete;
+  CallbackScope& operator=(const CallbackScope&) = delete;
+  ~CallbackScope() { --callbacks_->running; }
+
+  bool connection_is_gone() const { return callbacks_->connection_is_gone; }
+
+ private:
+  const std::shared_ptr<Callbacks> callbacks_;
+};
+
+ClientConnection::ClientConnection(EventLoop* loop,
+                                   std::unique_ptr<EventLoop::Watch> socket,
                                    const FrameLimits& limits)
     : loop_(loop),
-      socket_(std::make_shared<FrameSocket>(std::move(socket), limits, this)) {
+      socket_(std::make_shared<FrameSocket>(loop, std::move(socket), limits,
+                                            this)) {
   socket_->Start();
 }
 
 ClientConnection::~ClientConnection() {
   socket_->Close();
-  EndAll(absl::CancelledError("the client was destroyed"));
+  QueueEnds(absl::CancelledError("the client was destroyed"));
+  while (!ends_.empty()) RunEnds();
+  callbacks_->connection_is_gone = true;
 }
 
 // Calls -----------------------------------------------------------------------
 
-std::uint64_t ClientConnection::BeginCall(const MethodDescriptor& method,
-                                          const Message& request,
-                                          std::shared_ptr<ClientCall> call,
-                                          absl::Duration timeout) {
+void ClientConnection::BeginCall(const MethodDescriptor& method,
+                                 const Message& request,
+                                 std::shared_ptr<ClientCall> call,
+                                 absl::Duration timeout) {
   const std::uint64_t id = ++last_id_;
-  if (absl::Status sent = SendRequest(id, method, request, timeout);
-      !sent.ok()) {
-    loop_->Post([call = std::move(call), sent = std::move(sent)]() mutable {
-      call->End(std::move(sent));
-    });
-    return id;
+  absl::Status sent = SendRequest(id, method, request, timeout);
+  if (sent.ok()) return ListCall(id, std::move(call), timeout);
+  EndSoon([call = std::move(call), sent = std::move(sent)]() mutable {
+    call->End(std::move(sent));
+  });
+}
+
+void ClientConnection::BeginCallAndWait(const MethodDescriptor& method,
+                                        const Message& request,
+                                        const std::shared_ptr<ClientCall>& call,
+                                        absl::Duration timeout) {
+  if (IsInsideACallback()) {
+    return call->End(absl::FailedPreconditionError(
+        "a blocking call inside a callback of the same client"));
   }
+  const std::uint64_t id = ++last_id_;
+  if (absl::Status sent = SendRequest(id, method, request, timeout); !sent.ok())
+    return call->End(std::move(sent));
+  ListCall(id, call, timeout);
+  socket_->Flush();
+  if (loop_->RunUntil([&call] { return call->has_ended(); })) return;
+  AbandonCall(id, absl::CancelledError("the loop was stopped"));
+}
+
+void ClientConnection::ListCall(std::uint64_t id,
+                                std::shared_ptr<ClientCall> call,
+                                absl::Duration timeout) {
   std::unique_ptr<EventLoop::Timer> deadline;
   if (timeout < absl::InfiniteDuration()) {
     deadline = loop_->RunAfter(timeout, [this, id, timeout] {
@@ -64,23 +105,6 @@ std::uint64_t ClientConnection::BeginCall(const MethodDescriptor& method,
   }
   call->Attach(this, id, std::move(deadline));
   calls_.emplace(id, std::move(call));
-  return id;
-}
-
-void ClientConnection::BeginCallAndWait(const MethodDescriptor& method,
-                                        const Message& request,
-                                        const std::shared_ptr<ClientCall>& call,
-                                        absl::Duration timeout) {
-  if (socket_->in_batch()) {
-    return call->End(absl::FailedPreconditionError(
-        "a blocking call inside a callback of the same client"));
-  }
-  const std::uint64_t id = BeginCall(method, request, call, timeout);
-  socket_->Flush();
-  if (loop_->RunUntil([&call] { return call->has_ended(); })) return;
-  const absl::Status stopped = absl::CancelledError("the loop was stopped");
-  AbandonCall(id, stopped);
-  call->End(stopped);  // If the request was not sent at all.
 }
 
 absl::Status ClientConnection::SendRequest(std::uint64_t id,
@@ -115,6 +139,7 @@ void ClientConnection::AbandonCall(std::uint64_t id, const absl::Status& why) {
   const std::shared_ptr<ClientCall> call = TakeCall(id);
   if (call == nullptr) return;
   SendKind(StreamMessage::KIND_CANCEL, id);
+  const CallbackScope scope(callbacks_);
   call->End(why);
 }
 
@@ -122,7 +147,7 @@ void ClientConnection::CancelCall(std::uint64_t id) {
   std::shared_ptr<ClientCall> call = TakeCall(id);
   if (call == nullptr) return;
   SendKind(StreamMessage::KIND_CANCEL, id);
-  loop_->Post([call = std::move(call)] {
+  EndSoon([call = std::move(call)] {
     call->End(absl::CancelledError("cancelled by the caller"));
   });
 }
@@ -151,7 +176,7 @@ std::unique_ptr<ClientStream> ClientConnection::OpenStream(
     streams_.emplace(id, stream);
   } else {
     stream->Shut();
-    loop_->Post([stream, sent] { stream->End(sent); });
+    EndSoon([stream, sent] { stream->End(sent); });
   }
   return std::make_unique<ClientStream>(stream, [this, id, stream] {
     // The connection outlives what is open, but perhaps not its handlers.
@@ -267,22 +292,52 @@ void ClientConnection::OnFull(const absl::Status& /*why*/) {}
 void ClientConnection::Close(absl::Status why) {
   status_ = std::move(why);
   socket_->Close();
-  EndAll(absl::Status(status_));
+  QueueEnds(status_);
+  RunEnds();
 }
 
-void ClientConnection::EndAll(const absl::Status& why) {
-  // In the order in which they were begun. Those who are told may destroy this
-  // object, so it is done with them first.
+// Ends ------------------------------------------------------------------------
+
+bool ClientConnection::IsInsideACallback() const {
+  return socket_->in_batch() || callbacks_->running > 0;
+}
+
+void ClientConnection::QueueEnds(const absl::Status& why) {
   const std::map<std::uint64_t, std::shared_ptr<ClientCall>> calls(
       calls_.begin(), calls_.end());
   calls_.clear();
   const std::map<std::uint64_t, std::shared_ptr<ClientStreamState>> streams(
       streams_.begin(), streams_.end());
   streams_.clear();
-  for (const auto& [id, call] : calls) call->Detach();
-  for (const auto& [id, stream] : streams) stream->Shut();
-  for (const auto& [id, call] : calls) call->End(why);
-  for (const auto& [id, stream] : streams) stream->End(why);
+  for (const auto& [id, call] : calls) {
+    call->Detach();
+    ends_.emplace_back([call = call, why] { call->End(why); });
+  }
+  for (const auto& [id, stream] : streams) {
+    stream->Shut();
+    ends_.emplace_back([stream = stream, why] { stream->End(why); });
+  }
+}
+
+void ClientConnection::EndSoon(Task end) {
+  ends_.push_back(std::move(end));
+  if (run_ends_ != nullptr) return;
+  run_ends_ = loop_->RunAfter(absl::ZeroDuration(), [this] {
+    run_ends_.reset();
+    RunEnds();
+  });
+}
+
+void ClientConnection::RunEnds() {
+  const CallbackScope scope(callbacks_);
+  // Those that are queued meanwhile have a task of their own: who is told of a
+  // failure may try again and again.
+  for (std::size_t left = ends_.size(); left > 0 && !ends_.empty(); --left) {
+    Task end = std::move(ends_.front());
+    ends_.pop_front();
+    std::move(end)();
+    if (scope.connection_is_gone()) return;
+  }
 }
 
 }  // namespace orvane::internal

@@ -4,6 +4,7 @@
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_CONNECTION_H_
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -29,23 +30,21 @@ class ClientStreamState;
 // inside the destructor. Whoever is told of an end may destroy it.
 class ClientConnection final : public FrameSocket::Receiver {
  public:
-  ClientConnection(EventLoop* loop, FrameSocket::Socket socket,
+  ClientConnection(EventLoop* loop, std::unique_ptr<EventLoop::Watch> socket,
                    const FrameLimits& limits);
   ClientConnection(const ClientConnection&) = delete;
   ClientConnection& operator=(const ClientConnection&) = delete;
   ~ClientConnection() override;
 
   // Sends the request and lists the call until it ends. If the request cannot
-  // be sent, the call ends with the reason in a task of its own. Returns the
-  // call's id.
-  std::uint64_t BeginCall(const google::protobuf::MethodDescriptor& method,
-                          const google::protobuf::Message& request,
-                          std::shared_ptr<ClientCall> call,
-                          absl::Duration timeout);
+  // be sent, the call ends with the reason in a task of its own.
+  void BeginCall(const google::protobuf::MethodDescriptor& method,
+                 const google::protobuf::Message& request,
+                 std::shared_ptr<ClientCall> call, absl::Duration timeout);
 
-  // The same, and runs the loop until the call has ended. It ends with
-  // kFailedPrecondition at once where no answer could be received, and with
-  // kCancelled if the loop is stopped.
+  // The same, and runs the loop until the call has ended. It ends at once if
+  // the request cannot be sent, with kFailedPrecondition inside a callback of
+  // this connection, and with kCancelled if the loop is stopped.
   void BeginCallAndWait(const google::protobuf::MethodDescriptor& method,
                         const google::protobuf::Message& request,
                         const std::shared_ptr<ClientCall>& call,
@@ -98,12 +97,35 @@ class ClientConnection final : public FrameSocket::Receiver {
   // has ended, and then nobody waits for the frame.
   void SendKind(rpc::transport::StreamMessage::Kind kind, std::uint64_t id);
 
-  // Ends the connection and all that is in progress with `why`.
+  // Ends the connection and all that is in progress with `why`. This object may
+  // be gone then.
   void Close(absl::Status why);
-  void EndAll(const absl::Status& why);
+
+  // Has all that is in progress end with `why`, in the order in which it was
+  // begun.
+  void QueueEnds(const absl::Status& why);
+  // Runs `end` in a task of its own, or in the destructor if that comes first.
+  void EndSoon(Task end);
+  // Runs the ends that are queued. This object may be gone then.
+  void RunEnds();
+
+  void ListCall(std::uint64_t id, std::shared_ptr<ClientCall> call,
+                absl::Duration timeout);
+  bool IsInsideACallback() const;
+
+  // What those who run callbacks look at when these return, which may have
+  // destroyed the connection.
+  struct Callbacks {
+    int running = 0;  // But for those of frames, which the socket knows.
+    bool connection_is_gone = false;
+  };
+  class CallbackScope;
 
   EventLoop* const loop_;
   const std::shared_ptr<FrameSocket> socket_;
+  const std::shared_ptr<Callbacks> callbacks_ = std::make_shared<Callbacks>();
+  std::deque<Task> ends_;
+  std::unique_ptr<EventLoop::Timer> run_ends_;  // Null unless it is to come.
   absl::Status status_;
   // Null until BindTo.
   const google::protobuf::ServiceDescriptor* service_ = nullptr;

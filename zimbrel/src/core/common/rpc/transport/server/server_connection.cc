@@ -1,12 +1,13 @@
 #include "zimbrel/src/core/common/rpc/transport/server/server_connection.h"
 
+#include <sys/socket.h>
+
 #include <set>
 #include <string>
 #include <utility>
 
 #include "absl/log/log.h"
 #include "absl/strings/str_cat.h"
-#include "asio/buffer.hpp"
 #include "google/protobuf/descriptor.h"
 
 #include "zimbrel/src/core/common/rpc/transport/server/server_call.h"
@@ -74,12 +75,12 @@ absl::Status NotOpen(std::uint64_t id) {
 ServerConnection::ServerConnection(EventLoop* loop, Service* service,
                                    const ServerLimits& limits,
                                    ServerCounters* counters,
-                                   FrameSocket::Socket socket,
+                                   std::unique_ptr<EventLoop::Watch> socket,
                                    absl::AnyInvocable<void() &&> on_end)
     : context_{.loop = loop,
                .service = service,
                .socket = std::make_shared<FrameSocket>(
-                   std::move(socket),
+                   loop, std::move(socket),
                    FrameLimits{.max_frame_bytes = limits.max_frame_bytes,
                                .max_queued_bytes = limits.max_queued_bytes,
                                .max_frame_time = limits.max_frame_time},
@@ -110,16 +111,15 @@ void ServerConnection::ShutDown() {
   if (socket->is_open()) FinishIfAllIsAnswered();
 }
 
-void ServerConnection::Refuse(FrameSocket::Socket socket,
+void ServerConnection::Refuse(std::unique_ptr<EventLoop::Watch> socket,
                               const absl::Status& why) {
   ByteBuffer words;
   // Fits: so short are the words.
   AppendFrame(ErrorFrame(0, why), "", kMinMaxFrameBytes, &words).IgnoreError();
-  asio::error_code ignored;  // A host that has gone needs no words.
-  socket.non_blocking(true, ignored);
-  socket.write_some(
-      asio::const_buffer(words.content().data(), words.content().size()),
-      ignored);
+  // A host that has gone needs no words.
+  [[maybe_unused]] const ssize_t written =
+      ::send(socket->descriptor(), words.content().data(),
+             words.content().size(), MSG_NOSIGNAL);
 }
 
 void ServerConnection::OnFrame(StreamMessage& frame, std::string_view payload) {

@@ -33,7 +33,7 @@ class ServerConnection final : public FrameSocket::Receiver {
   // which it may destroy. Not from inside the destructor.
   ServerConnection(EventLoop* loop, Service* service,
                    const ServerLimits& limits, ServerCounters* counters,
-                   FrameSocket::Socket socket,
+                   std::unique_ptr<EventLoop::Watch> socket,
                    absl::AnyInvocable<void() &&> on_end);
   ServerConnection(const ServerConnection&) = delete;
   ServerConnection& operator=(const ServerConnection&) = delete;
@@ -41,7 +41,8 @@ class ServerConnection final : public FrameSocket::Receiver {
 
   // Tells the client at the other end why there will be no connection, and
   // closes the socket.
-  static void Refuse(FrameSocket::Socket socket, const absl::Status& why);
+  static void Refuse(std::unique_ptr<EventLoop::Watch> socket,
+                     const absl::Status& why);
 
   // Ends the streams and lets nothing new begin. Once every call has been
   // answered and all is written the connection ends, as if the client had left.

@@ -1,7 +1,12 @@
 #include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstddef>
+#include <cstring>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -9,9 +14,6 @@
 #include "absl/status/statusor.h"
 #include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
-#include "asio/buffer.hpp"
-#include "asio/error.hpp"
-#include "asio/post.hpp"
 
 namespace orvane::internal {
 
@@ -24,6 +26,11 @@ namespace {
 // another core while this task goes on; a system call costs little beside it.
 constexpr std::size_t kEnoughToWrite = std::size_t{8} << 10;
 
+// A batch ends when it has taken this long, which is looked at after so many
+// frames.
+constexpr std::chrono::milliseconds kBatchTime{1};
+constexpr int kFramesPerLookAtClock = 16;
+
 FrameLimits AtLeastUsable(FrameLimits limits) {
   limits.max_frame_bytes = std::max(limits.max_frame_bytes, kMinMaxFrameBytes);
   return limits;
@@ -35,19 +42,17 @@ absl::Status Closed() {
 
 }  // namespace
 
-FrameSocket::FrameSocket(Socket socket, const FrameLimits& limits,
-                         Receiver* receiver)
-    : socket_(std::move(socket)),
+FrameSocket::FrameSocket(EventLoop* loop,
+                         std::unique_ptr<EventLoop::Watch> socket,
+                         const FrameLimits& limits, Receiver* receiver)
+    : loop_(loop),
+      socket_(std::move(socket)),
       limits_(AtLeastUsable(limits)),
       receiver_(receiver),
       reader_(limits_.max_frame_bytes),
-      outbox_(limits_),
-      frame_timer_(socket_.get_executor()) {
-  asio::error_code refused;  // If so, the first read or write says why.
-  socket_.non_blocking(true, refused);
-}
+      outbox_(limits_) {}
 
-void FrameSocket::Start() { Read(); }
+void FrameSocket::Start() { AwaitInput(); }
 
 absl::Status FrameSocket::Send(const StreamMessage& header,
                                const MessageLite& payload) {
@@ -64,7 +69,7 @@ absl::Status FrameSocket::Send(const StreamMessage& header,
 absl::StatusOr<Outbox::Placed> FrameSocket::SendLatest(
     const StreamMessage& header, std::string_view payload,
     absl::FunctionRef<Outbox::Slot()> slot) {
-  if (!awaiting_room_) {
+  if (writing_ != Writing::kAwaitingRoom) {
     if (absl::Status sent = Send(header, payload); !sent.ok()) return sent;
     return Outbox::Placed::kBehindTheOthers;
   }
@@ -78,48 +83,63 @@ absl::StatusOr<Outbox::Placed> FrameSocket::SendLatest(
 
 absl::Status FrameSocket::Queued(absl::Status added) {
   if (added.ok()) {
+    FlushBeforeWaiting();
     if (outbox_.size() >= kEnoughToWrite) Flush();
-    ScheduleFlush();
   } else if (outbox_.has_overflowed() && !has_told_full_) {
     has_told_full_ = true;
-    asio::post(socket_.get_executor(), [self = shared_from_this(), added] {
+    loop_->Post([self = shared_from_this(), added] {
       if (self->receiver_ != nullptr) self->receiver_->OnFull(added);
     });
   }
   return added;
 }
 
-void FrameSocket::ScheduleFlush() {
-  if (in_batch_ || flush_posted_ || awaiting_room_) return;
-  flush_posted_ = true;
-  asio::post(socket_.get_executor(), [self = shared_from_this()] {
-    self->flush_posted_ = false;
+// Also within a batch: whoever is told of a frame may run the loop and wait for
+// what this sends.
+void FrameSocket::FlushBeforeWaiting() {
+  if (writing_ != Writing::kIdle) return;
+  writing_ = Writing::kBeforeWait;
+  loop_->RunBeforeWaiting([self = shared_from_this()] {
+    if (self->writing_ != Writing::kBeforeWait) return;
+    self->writing_ = Writing::kIdle;
     self->Flush();
   });
 }
 
 void FrameSocket::Flush() {
-  if (awaiting_room_) return;
-  while (true) {
-    const std::string_view bytes = outbox_.Front();
-    if (bytes.empty()) return OnAllWritten();
-    asio::error_code error;
-    const std::size_t written = socket_.write_some(
-        asio::const_buffer(bytes.data(), bytes.size()), error);
-    if (error == asio::error::interrupted) continue;
-    if (error == asio::error::would_block) {
-      awaiting_room_ = true;
-      socket_.async_wait(Socket::wait_write,
-                         [self = shared_from_this()](asio::error_code failed) {
-                           self->awaiting_room_ = false;
-                           if (!failed) self->Flush();
-                         });
-      return;
+  if (socket_ == nullptr || writing_ == Writing::kAwaitingRoom) return;
+  if (writing_ == Writing::kFailed) return OnAllWritten();
+  for (std::string_view bytes = outbox_.Front(); !bytes.empty();
+       bytes = outbox_.Front()) {
+    const ssize_t written = TEMP_FAILURE_RETRY(::send(
+        socket_->descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
+    if (written < 0) {
+      if (errno == EAGAIN) return AwaitRoom();
+      return FailWriting(errno);
     }
-    // On failure nobody will read the rest. The read in progress finds the
-    // same, after what the peer had said before it went.
-    outbox_.Consume(error ? bytes.size() : written);
+    outbox_.Consume(static_cast<std::size_t>(written));
   }
+  OnAllWritten();
+}
+
+void FrameSocket::AwaitRoom() {
+  writing_ = Writing::kAwaitingRoom;
+  socket_->WhenWritable([this] {
+    writing_ = Writing::kIdle;
+    Flush();
+  });
+}
+
+// A peer that has gone may have said why before, so what has arrived is read
+// first.
+void FrameSocket::FailWriting(int error) {
+  writing_ = Writing::kFailed;
+  const bool has_left = error == EPIPE || error == ECONNRESET;
+  write_error_ = has_left ? absl::OkStatus()
+                          : absl::UnavailableError(std::strerror(error));
+  OnAllWritten();
+  may_have_more_ = true;
+  if (reading_ == Reading::kAwaitingInput) QueueTurn();
 }
 
 void FrameSocket::FinishWriting() {
@@ -129,97 +149,108 @@ void FrameSocket::FinishWriting() {
 
 void FrameSocket::OnAllWritten() {
   if (!is_finishing_) return;
-  asio::post(socket_.get_executor(), [self = shared_from_this()] {
-    if (self->receiver_ != nullptr) self->receiver_->OnBroken(absl::OkStatus());
-  });
+  loop_->Post([self = shared_from_this()] { self->Break(absl::OkStatus()); });
 }
 
 void FrameSocket::Close() {
   if (receiver_ == nullptr) return;
   Flush();
   receiver_ = nullptr;
-  frame_timer_.cancel();
-  asio::error_code ignored;  // The descriptor is gone in any case.
-  socket_.close(ignored);
+  frame_deadline_.reset();
+  socket_.reset();
 }
 
-void FrameSocket::Read() {
-  char* const space = reader_.Space();
-  socket_.async_read_some(
-      asio::mutable_buffer(space, reader_.room()),
-      [self = shared_from_this()](asio::error_code error, std::size_t bytes) {
-        if (self->receiver_ == nullptr) return;
-        // A peer that leaves without having read everything resets it.
-        if (error == asio::error::eof ||
-            error == asio::error::connection_reset) {
-          return self->receiver_->OnBroken(absl::OkStatus());
-        }
-        if (error)
-          return self->receiver_->OnBroken(
-              absl::UnavailableError(error.message()));
-        self->OnRead(bytes);
-      });
+void FrameSocket::Break(const absl::Status& why) {
+  // The receiver lets go of this object.
+  const std::shared_ptr<FrameSocket> self = shared_from_this();
+  if (receiver_ != nullptr) receiver_->OnBroken(why);
 }
 
-void FrameSocket::OnRead(std::size_t bytes) {
-  reader_.Received(bytes);
-  in_batch_ = true;
+void FrameSocket::AwaitInput() {
+  if (writing_ == Writing::kFailed) return Break(write_error_);
+  reading_ = Reading::kAwaitingInput;
+  socket_->WhenReadable([this] {
+    if (reading_ == Reading::kAwaitingInput) TakeTurn();
+  });
+}
+
+void FrameSocket::QueueTurn() {
+  reading_ = Reading::kQueued;
+  loop_->Post([self = shared_from_this()] {
+    if (self->reading_ == Reading::kQueued) self->TakeTurn();
+  });
+}
+
+void FrameSocket::TakeTurn() {
+  const std::shared_ptr<FrameSocket> self = shared_from_this();
+  if (receiver_ == nullptr) return;
+  if (!has_frames_left_ && !Read()) return;
+  reading_ = Reading::kInBatch;
   HandOutFrames();
-  in_batch_ = false;
+  reading_ = Reading::kIdle;
   if (receiver_ == nullptr) return;
   Flush();
   if (is_finishing_) return;
-  WatchUnfinishedFrame();
-  Read();
+  if (!has_frames_left_) BeginDeadline();
+  if (has_frames_left_ || may_have_more_) return QueueTurn();
+  AwaitInput();
+}
+
+bool FrameSocket::Read() {
+  char* const space = reader_.Space();
+  const std::size_t room = reader_.room();
+  const ssize_t bytes =
+      TEMP_FAILURE_RETRY(::recv(socket_->descriptor(), space, room, 0));
+  // Less than there was room for means that there is no more until the next
+  // event, so the read that would only find that out is left out.
+  may_have_more_ = bytes == static_cast<ssize_t>(room);
+  if (bytes > 0) {
+    reader_.Received(static_cast<std::size_t>(bytes));
+    return true;
+  }
+  if (bytes < 0 && errno == EAGAIN) {
+    AwaitInput();
+  } else if (bytes == 0 || errno == ECONNRESET) {
+    // A peer that leaves without having read everything resets it.
+    Break(absl::OkStatus());
+  } else {
+    Break(absl::UnavailableError(std::strerror(errno)));
+  }
+  return false;
 }
 
 void FrameSocket::HandOutFrames() {
-  while (receiver_ != nullptr && !is_finishing_) {
+  const auto begun = std::chrono::steady_clock::now();
+  for (int frames = 1; receiver_ != nullptr && !is_finishing_; ++frames) {
     const absl::StatusOr<std::optional<std::string_view>> next = reader_.Next();
-    if (!next.ok()) return receiver_->OnBroken(next.status());
-    if (!next->has_value()) return;
-    ++whole_frames_;
+    if (!next.ok()) return Break(next.status());
+    has_frames_left_ = next->has_value();
+    if (!has_frames_left_) return;
+    frame_deadline_.reset();
     const std::string_view content = **next;
     std::string_view payload;
     if (!ParseFrame(content, &frame_, &payload)) {
-      return receiver_->OnBroken(absl::InvalidArgumentError(absl::StrCat(
+      return Break(absl::InvalidArgumentError(absl::StrCat(
           "frame of ", content.size(), " bytes that is no StreamMessage")));
     }
     receiver_->OnFrame(frame_, payload);
+    if (frames % kFramesPerLookAtClock == 0 &&
+        std::chrono::steady_clock::now() - begun >= kBatchTime) {
+      return;
+    }
   }
 }
 
-void FrameSocket::WatchUnfinishedFrame() {
-  if (reader_.unfinished_bytes() == 0 ||
+void FrameSocket::BeginDeadline() {
+  if (reader_.unfinished_bytes() == 0 || frame_deadline_ != nullptr ||
       limits_.max_frame_time == absl::InfiniteDuration()) {
     return;
   }
-  const std::uint64_t frame = whole_frames_ + 1;
-  if (watched_frame_ == frame) return;
-  watched_frame_ = frame;
-  unfinished_since_ = std::chrono::steady_clock::now();
-  if (!is_timer_set_) CheckUnfinishedFrameLater();
-}
-
-void FrameSocket::CheckUnfinishedFrameLater() {
-  is_timer_set_ = true;
-  const auto due =
-      unfinished_since_ + absl::ToChronoNanoseconds(limits_.max_frame_time);
-  frame_timer_.expires_at(due);
-  frame_timer_.async_wait([self = shared_from_this(), due](asio::error_code) {
-    self->is_timer_set_ = false;
-    if (self->receiver_ == nullptr || self->reader_.unfinished_bytes() == 0)
-      return;
-    if (self->watched_frame_ != self->whole_frames_ + 1) return;
-    if (self->unfinished_since_ +
-            absl::ToChronoNanoseconds(self->limits_.max_frame_time) >
-        due) {
-      return self->CheckUnfinishedFrameLater();
-    }
-    self->receiver_->OnBroken(absl::DeadlineExceededError(absl::StrCat(
-        "frame not finished within ",
-        absl::FormatDuration(self->limits_.max_frame_time), "; ",
-        self->reader_.unfinished_bytes(), " bytes of it have come")));
+  frame_deadline_ = loop_->RunAfter(limits_.max_frame_time, [this] {
+    Break(absl::DeadlineExceededError(
+        absl::StrCat("frame not finished within ",
+                     absl::FormatDuration(limits_.max_frame_time), "; ",
+                     reader_.unfinished_bytes(), " bytes of it have come")));
   });
 }
 

@@ -3,21 +3,17 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_FRAME_SOCKET_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_FRAME_SOCKET_H_
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string_view>
 
-#include "zimbrel/src/core/common/rpc/asio_hook.h"
-
 #include "absl/functional/function_ref.h"
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
-#include "asio/local/stream_protocol.hpp"
-#include "asio/steady_timer.hpp"
 #include "google/protobuf/message_lite.h"
 
 #include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/outbox.h"
 
@@ -26,14 +22,14 @@ namespace orvane::internal {
 // Reads frames and hands them to its receiver in order of arrival; queues
 // frames and writes as many as the socket takes with each system call. What is
 // sent while a batch of received frames is handled leaves together after the
-// last, or as soon as it is some KiB.
+// last, or as soon as it is some KiB; what is sent by a task leaves before the
+// loop waits. A batch is bounded in bytes and in time, and other tasks run
+// before the next.
 //
-// Thread: the service thread. Lifetime: held by its owner and by the socket
-// operations in progress; the owner lets go with Close.
+// Thread: the service thread. Lifetime: held by its owner and by tasks that are
+// queued; the owner lets go with Close.
 class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
  public:
-  using Socket = asio::local::stream_protocol::socket;
-
   class Receiver {
    public:
     virtual ~Receiver() = default;
@@ -54,8 +50,9 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
     virtual void OnFull(const absl::Status& why) = 0;
   };
 
-  // `receiver` is used until Close.
-  FrameSocket(Socket socket, const FrameLimits& limits, Receiver* receiver);
+  // `socket` is a connected stream socket. `receiver` is used until Close.
+  FrameSocket(EventLoop* loop, std::unique_ptr<EventLoop::Watch> socket,
+              const FrameLimits& limits, Receiver* receiver);
 
   // Begins to read. Called once, after construction.
   void Start();
@@ -75,12 +72,12 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   void DropSlots(std::uint64_t stream_id) { outbox_.DropSlots(stream_id); }
 
   // Writes now what the socket takes. Otherwise that happens when some KiB are
-  // queued, or the current batch of frames or the current task is done.
+  // queued, when the current batch of frames is done, or before the loop waits.
   void Flush();
 
   // Whether the receiver is being told of a frame right now. No other frame can
   // arrive before that returns.
-  bool in_batch() const { return in_batch_; }
+  bool in_batch() const { return reading_ == Reading::kInBatch; }
 
   // Hands out no more frames, and calls OnBroken (OK) once all that is queued
   // has been written, as a task of its own.
@@ -94,39 +91,61 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   void Close();
 
  private:
+  // Who reads next.
+  enum class Reading {
+    kIdle,           // Nobody, until Start or once there is an end.
+    kAwaitingInput,  // The socket, when something comes.
+    kQueued,         // A task, in its turn.
+    kInBatch,        // Nobody: the receiver is being told of a frame.
+  };
+
+  // Who writes what is queued.
+  enum class Writing {
+    kIdle,          // Nobody: nothing is queued.
+    kBeforeWait,    // The loop, before it waits.
+    kAwaitingRoom,  // The socket, when it has room again.
+    kFailed,        // Nobody: the system has refused to send.
+  };
+
+  void AwaitInput();
+  void QueueTurn();
+  // Hands out a batch of frames, after a read if none are left of the last one.
+  void TakeTurn();
+  // False if nothing has come; what happens then is settled.
+  bool Read();
+  // Those that are whole, until that has taken its time or the receiver closes
+  // the socket.
+  void HandOutFrames();
+  // From when a frame begins until it is whole.
+  void BeginDeadline();
+  // Tells the receiver, unless it has closed the socket.
+  void Break(const absl::Status& why);
+
   // Has queued frames written, or the receiver told if there is no room.
   absl::Status Queued(absl::Status added);
+  void FlushBeforeWaiting();
+  void AwaitRoom();
   void OnAllWritten();
-  void Read();
-  void OnRead(std::size_t bytes);
-  // Every frame that is complete, or until the receiver closes the socket.
-  void HandOutFrames();
-  void ScheduleFlush();
-  // Sees to it that the frame which has begun, if any, ends in time.
-  void WatchUnfinishedFrame();
-  void CheckUnfinishedFrameLater();
+  void FailWriting(int error);
 
-  Socket socket_;
+  EventLoop* const loop_;
+  std::unique_ptr<EventLoop::Watch> socket_;  // Null once closed.
   const FrameLimits limits_;
   Receiver* receiver_;  // Null once closed.
+
+  Reading reading_ = Reading::kIdle;
   FrameReader reader_;
   rpc::transport::StreamMessage frame_;  // Reused, so that its memory is too.
+  bool has_frames_left_ = false;         // Read, and not handed out yet.
+  bool may_have_more_ = false;           // The socket, without a new event.
+  // By when the frame that has begun must be whole; null if none has.
+  std::unique_ptr<EventLoop::Timer> frame_deadline_;
+
+  Writing writing_ = Writing::kIdle;
   Outbox outbox_;
+  absl::Status write_error_;  // With kFailed; OK if the peer has left.
   bool has_told_full_ = false;
   bool is_finishing_ = false;
-
-  // The frame that is not whole yet: its number, and when its first bytes came.
-  std::uint64_t whole_frames_ = 0;
-  std::uint64_t watched_frame_ = 0;
-  std::chrono::steady_clock::time_point unfinished_since_;
-  asio::steady_timer frame_timer_;
-  bool is_timer_set_ = false;
-
-  // Who will write what is queued: the end of the batch being handled, a posted
-  // task, or the socket when it has room again.
-  bool in_batch_ = false;
-  bool flush_posted_ = false;
-  bool awaiting_room_ = false;
 };
 
 }  // namespace orvane::internal

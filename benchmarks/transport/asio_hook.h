@@ -1,8 +1,8 @@
 // What Asio wants when exceptions are off. Every file that includes Asio
 // includes this header first.
 
-#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_ASIO_HOOK_H_
-#define ZIMBREL_SRC_CORE_COMMON_RPC_ASIO_HOOK_H_
+#ifndef BENCHMARKS_TRANSPORT_ASIO_HOOK_H_
+#define BENCHMARKS_TRANSPORT_ASIO_HOOK_H_
 
 #include "absl/log/log.h"
 #include "asio/detail/throw_exception.hpp"
@@ -18,4 +18,4 @@ void throw_exception(const Exception& exception) {
 
 }  // namespace asio::detail
 
-#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_ASIO_HOOK_H_
+#endif  // BENCHMARKS_TRANSPORT_ASIO_HOOK_H_

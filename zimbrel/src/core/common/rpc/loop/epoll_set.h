@@ -1,0 +1,48 @@
+// The descriptors that a loop waits for.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_LOOP_EPOLL_SET_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_LOOP_EPOLL_SET_H_
+
+#include <memory>
+
+#include "absl/status/statusor.h"
+
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/owned_descriptor.h"
+
+namespace orvane::internal {
+
+// An edge-triggered set of descriptors, itself a descriptor that is readable
+// while one of them has something new. Another system's kind of set, such as a
+// kqueue, would be another class of this shape. Thread: the loop's.
+class EpollSet {
+ public:
+  enum class Waiting { kNo, kYes };
+
+  // `loop` runs the tasks of what is watched.
+  explicit EpollSet(EventLoop* loop);
+
+  // Looks for what is ready and posts the tasks that wait for it. kYes waits
+  // until there is something, perhaps for nothing.
+  void Look(Waiting waiting);
+
+  absl::StatusOr<std::unique_ptr<EventLoop::Watch>> Watch(
+      OwnedDescriptor descriptor);
+
+  // A descriptor that ends the wait when it becomes readable, and no more. It
+  // outlives the set.
+  void AddWaker(int descriptor);
+
+  int descriptor() const { return set_.get(); }
+
+ private:
+  class Watched;
+  class WatchHandle;
+
+  EventLoop* const loop_;
+  const OwnedDescriptor set_;
+};
+
+}  // namespace orvane::internal
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_LOOP_EPOLL_SET_H_

@@ -1,0 +1,103 @@
+#include "zimbrel/src/core/common/rpc/loop/timer_queue.h"
+
+#include <sys/timerfd.h>
+
+#include <chrono>
+#include <limits>
+#include <utility>
+
+#include "absl/log/log.h"
+
+namespace orvane::internal {
+namespace {
+
+constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+// Nanoseconds of the monotonic clock.
+std::int64_t Now() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+std::int64_t TimeAfter(absl::Duration delay) {
+  const std::int64_t now = Now();
+  if (delay <= absl::ZeroDuration()) return now;
+  // Rounded up: not before its time.
+  const std::int64_t wait =
+      absl::ToInt64Nanoseconds(absl::Ceil(delay, absl::Nanoseconds(1)));
+  return wait < kNever - now ? now + wait : kNever;
+}
+
+}  // namespace
+
+class TimerQueue::Handle final : public EventLoop::Timer {
+ public:
+  explicit Handle(Entries* entries) : entries_(entries) {}
+
+  ~Handle() override {
+    if (!is_waiting_) return;
+    // Out of the table first: the end of the task may look at it.
+    const Entries::node_type dropped = entries_->extract(place_);
+  }
+
+  void Wait(Entries::iterator place) {
+    place_ = place;
+    is_waiting_ = true;
+  }
+  void Taken() { is_waiting_ = false; }
+
+ private:
+  Entries* const entries_;
+  Entries::iterator place_;
+  bool is_waiting_ = false;
+};
+
+TimerQueue::TimerQueue(EventLoop* loop)
+    : loop_(loop),
+      alarm_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      alarm_time_(kNever) {
+  if (alarm_.get() < 0) PLOG(FATAL) << "event loop: no descriptor for timers";
+}
+
+std::unique_ptr<EventLoop::Timer> TimerQueue::Add(absl::Duration delay,
+                                                  Task task) {
+  auto handle = std::make_unique<Handle>(&entries_);
+  handle->Wait(
+      entries_.emplace(TimeAfter(delay), Entry{std::move(task), handle.get()}));
+  return handle;
+}
+
+bool TimerQueue::IsDue() const {
+  return !entries_.empty() && entries_.begin()->first <= Now();
+}
+
+void TimerQueue::PostDue() {
+  if (is_posted_ || !IsDue()) return;
+  is_posted_ = true;
+  loop_->Post([this] { RunNext(); });
+}
+
+void TimerQueue::RunNext() {
+  is_posted_ = false;
+  if (!IsDue()) return;  // Dropped meanwhile.
+  Entries::node_type node = entries_.extract(entries_.begin());
+  node.mapped().handle->Taken();
+  PostDue();
+  if (node.mapped().task != nullptr) std::move(node.mapped().task)();
+}
+
+void TimerQueue::SetAlarm() {
+  if (entries_.empty()) return;
+  const std::int64_t earliest = entries_.begin()->first;
+  if (alarm_time_ <= Now()) alarm_time_ = kNever;  // It has gone off.
+  if (earliest >= alarm_time_) return;
+  alarm_time_ = earliest;
+  itimerspec when{};
+  when.it_value.tv_sec = earliest / kNanosecondsPerSecond;
+  when.it_value.tv_nsec = earliest % kNanosecondsPerSecond;
+  ::timerfd_settime(alarm_.get(), TFD_TIMER_ABSTIME, &when, nullptr);
+}
+
+}  // namespace orvane::internal

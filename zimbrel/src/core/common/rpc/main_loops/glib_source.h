@@ -1,0 +1,74 @@
+// An event loop inside GLib's main loop, and so GTK's.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_GLIB_SOURCE_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_GLIB_SOURCE_H_
+
+#include <glib.h>
+
+#include "absl/time/time.h"
+
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+
+namespace orvane {
+
+// Runs an event loop as a source of a GMainContext. The thread that iterates
+// the context is the loop's service thread.
+//
+// A handler of the loop must not iterate the context, which includes to show a
+// modal dialog: the loop does nothing until the handler returns. Show dialogs
+// asynchronously.
+//
+// Thread: the one that iterates the context. Lifetime: the loop outlives it.
+class GlibSource {
+ public:
+  // Comes after GDK's redrawing, whose priority is G_PRIORITY_HIGH_IDLE + 20:
+  // at a higher one a flood of events would leave the window frozen.
+  static constexpr int kAfterRedraw = G_PRIORITY_HIGH_IDLE + 30;
+
+  // `context` null means the default one. Once it has worked for `max_time`, it
+  // lets other sources have their turn.
+  explicit GlibSource(EventLoop* loop, GMainContext* context = nullptr,
+                      int priority = kAfterRedraw,
+                      absl::Duration max_time = absl::Milliseconds(2))
+      : source_(g_source_new(&kFunctions, sizeof(Source))) {
+    auto* const source = reinterpret_cast<Source*>(source_);
+    source->loop = loop;
+    source->max_time = max_time;
+    g_source_set_name(source_, "orvane");
+    g_source_set_priority(source_, priority);
+    g_source_add_unix_fd(source_, loop->descriptor(), G_IO_IN);
+    g_source_attach(source_, context);
+  }
+  GlibSource(const GlibSource&) = delete;
+  GlibSource& operator=(const GlibSource&) = delete;
+
+  // The loop then runs no more by itself.
+  ~GlibSource() {
+    g_source_destroy(source_);
+    g_source_unref(source_);
+  }
+
+ private:
+  // What GLib allocates for the source.
+  struct Source {
+    GSource base;
+    EventLoop* loop;
+    absl::Duration max_time;
+  };
+
+  static gboolean Dispatch(GSource* base, GSourceFunc, gpointer) {
+    const auto* const source = reinterpret_cast<Source*>(base);
+    source->loop->RunReady(source->max_time);
+    return G_SOURCE_CONTINUE;
+  }
+
+  // Without functions to prepare and check, it is ready when its descriptor is.
+  static inline GSourceFuncs kFunctions = {nullptr, nullptr, &Dispatch,
+                                           nullptr, nullptr, nullptr};
+
+  GSource* const source_;
+};
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_GLIB_SOURCE_H_

@@ -1,0 +1,82 @@
+#include "zimbrel/src/core/common/rpc/main_loops/glib_source.h"
+
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "gtest/gtest.h"
+
+#include "zimbrel/src/core/common/rpc/main_loops/main_loop_test.h"
+
+namespace orvane {
+namespace {
+
+// GDK draws with this priority.
+constexpr int kRedraw = G_PRIORITY_HIGH_IDLE + 20;
+
+class Glib {
+ public:
+  explicit Glib(EventLoop* loop) : source_(loop) {}
+  ~Glib() {
+    if (timer_ != 0) g_source_remove(timer_);
+  }
+
+  void RunUntil(const std::function<bool()>& done) {
+    while (!done()) g_main_context_iteration(nullptr, TRUE);
+  }
+
+  void Every(int milliseconds, std::function<void()> tick) {
+    tick_ = std::move(tick);
+    timer_ = g_timeout_add_full(
+        kRedraw, static_cast<guint>(milliseconds),
+        [](gpointer self) -> gboolean {
+          static_cast<Glib*>(self)->tick_();
+          return G_SOURCE_CONTINUE;
+        },
+        this, nullptr);
+  }
+
+ private:
+  GlibSource source_;
+  std::function<void()> tick_;
+  guint timer_ = 0;
+};
+
+INSTANTIATE_TYPED_TEST_SUITE_P(Glib, MainLoopTest, Glib);
+
+TEST(GlibSource, RunsInAContextOfItsOwn) {
+  GMainContext* const context = g_main_context_new();
+  {
+    EventLoop loop;
+    const GlibSource source(&loop, context);
+    bool ran = false;
+    loop.Post([&ran] { ran = true; });
+    EXPECT_FALSE(g_main_context_iteration(nullptr, FALSE));
+    EXPECT_FALSE(ran);
+    while (!ran) g_main_context_iteration(context, TRUE);
+  }
+  g_main_context_unref(context);
+}
+
+TEST(GlibSource, DestroyedItRunsNothingMore) {
+  EventLoop loop;
+  bool ran = false;
+  {
+    const GlibSource source(&loop);
+    loop.Post([&ran] { ran = true; });
+  }
+  EXPECT_FALSE(g_main_context_iteration(nullptr, FALSE));
+  EXPECT_FALSE(ran);
+}
+
+TEST(GlibSource, IsQuietWhenThereIsNothingToDo) {
+  EventLoop loop;
+  const GlibSource source(&loop);
+  loop.Post([] {});
+  while (g_main_context_iteration(nullptr, FALSE) == TRUE) {
+  }
+  EXPECT_FALSE(g_main_context_pending(nullptr));
+}
+
+}  // namespace
+}  // namespace orvane

@@ -1,0 +1,40 @@
+// An event loop inside Qt's.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_QT_NOTIFIER_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_QT_NOTIFIER_H_
+
+#include <QObject>
+#include <QSocketNotifier>
+
+#include "absl/time/time.h"
+
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+
+namespace orvane {
+
+// Runs an event loop from Qt's event loop of the thread that makes this object,
+// which is the loop's service thread. That thread needs an application or a
+// QEventLoop, as for any QSocketNotifier.
+//
+// A handler of the loop must not call exec(), which includes to show a modal
+// dialog: the loop does nothing until the handler returns. Show dialogs with
+// open().
+//
+// Thread: the one that made it. Lifetime: the loop outlives it.
+class QtNotifier {
+ public:
+  // Once it has worked for `max_time`, it lets other events have their turn.
+  explicit QtNotifier(EventLoop* loop,
+                      absl::Duration max_time = absl::Milliseconds(2))
+      : notifier_(loop->descriptor(), QSocketNotifier::Read) {
+    QObject::connect(&notifier_, &QSocketNotifier::activated,
+                     [loop, max_time] { loop->RunReady(max_time); });
+  }
+
+ private:
+  QSocketNotifier notifier_;
+};
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_QT_NOTIFIER_H_

@@ -1,0 +1,101 @@
+// An event loop inside a program that waits for SDL's events.
+
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_SDL_EVENTS_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_SDL_EVENTS_H_
+
+#include <SDL_events.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include <array>
+#include <cstdint>
+#include <semaphore>
+#include <thread>
+
+#include "absl/time/time.h"
+
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/owned_descriptor.h"
+
+namespace orvane {
+
+// Has SDL tell of an event loop's work by an event of its own, for programs
+// that sleep in SDL_WaitEvent:
+//
+//   while (SDL_WaitEvent(&event)) {
+//     if (work.Handle(event)) continue;
+//     …
+//   }
+//
+// SDL cannot wait for descriptors, so a thread does that. All else happens in
+// Handle, on the thread that calls it, which is the loop's service thread.
+//
+// Thread: that one. Lifetime: SDL's events are initialised before this object
+// is made and until it is gone; the loop outlives it.
+class SdlEvents {
+ public:
+  // Once it has worked for `max_time`, it lets other events have their turn.
+  explicit SdlEvents(EventLoop* loop,
+                     absl::Duration max_time = absl::Milliseconds(2))
+      : loop_(loop),
+        max_time_(max_time),
+        type_(SDL_RegisterEvents(1)),
+        end_(::eventfd(0, EFD_CLOEXEC)),
+        waiter_([this, descriptor = loop->descriptor()] { Wait(descriptor); }) {
+  }
+  SdlEvents(const SdlEvents&) = delete;
+  SdlEvents& operator=(const SdlEvents&) = delete;
+
+  // The loop then runs no more by itself.
+  ~SdlEvents() {
+    ::eventfd_write(end_.get(), 1);
+    handled_.release();
+    waiter_.join();
+    SDL_FlushEvent(type_);
+  }
+
+  // Runs what is ready in the loop if `event` is this object's. False if it is
+  // another's, and is still to be handled.
+  bool Handle(const SDL_Event& event) {
+    if (event.type != type_) return false;
+    loop_->RunReady(max_time_);
+    handled_.release();
+    return true;
+  }
+
+ private:
+  // SDL's queue may be full for a while.
+  static constexpr int kRetryMilliseconds = 10;
+
+  // On the waiter's thread.
+  void Wait(int descriptor) {
+    while (!HasEnded(descriptor, -1)) {
+      SDL_Event event{};
+      event.type = type_;
+      while (SDL_PushEvent(&event) <= 0) {
+        if (HasEnded(-1, kRetryMilliseconds)) return;
+      }
+      handled_.acquire();
+    }
+  }
+
+  // Waits until there is work, or the time is over.
+  bool HasEnded(int descriptor, int milliseconds) const {
+    std::array<pollfd, 2> awaited{
+        {{end_.get(), POLLIN, 0}, {descriptor, POLLIN, 0}}};
+    ::poll(awaited.data(), awaited.size(), milliseconds);
+    return awaited[0].revents != 0;
+  }
+
+  EventLoop* const loop_;
+  const absl::Duration max_time_;
+  const std::uint32_t type_;
+  const OwnedDescriptor end_;  // Readable once this object is to be destroyed.
+  // Raised by Handle: until then the work is known.
+  std::counting_semaphore<> handled_{0};
+  std::thread waiter_;
+};
+
+}  // namespace orvane
+
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_SDL_EVENTS_H_

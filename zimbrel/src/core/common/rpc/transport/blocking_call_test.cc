@@ -1,0 +1,315 @@
+// Calls that block, wherever they are made: none outlives its timeout or its
+// connection, and none tells of a success that was not.
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "absl/time/time.h"
+#include "gmock/gmock.h"
+#include "google/protobuf/empty.pb.h"
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.client.h"
+#include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/stream/call.h"
+#include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/transport/in_process.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+
+namespace orvane {
+namespace {
+
+using google::protobuf::Closure;
+using google::protobuf::Empty;
+using google::protobuf::RpcController;
+using ::testing::HasSubstr;
+
+constexpr std::size_t kMaxFrameBytes = 8192;
+
+BrowserId Browser() {
+  BrowserId browser;
+  browser.set_value(7);
+  return browser;
+}
+
+// Answers Show at once, Minimize by a task, and Hide never.
+class Widget final : public rpc::BrowserWidgetRpc {
+ public:
+  explicit Widget(EventLoop* loop) : loop_(loop) {}
+  ~Widget() override { AnswerHeld(); }
+
+  void AnswerHeld() {
+    for (Closure* const done : std::exchange(held_, {})) done->Run();
+  }
+
+  void Show(RpcController*, const BrowserId*, Empty*, Closure* done) override {
+    done->Run();
+  }
+  void Minimize(RpcController*, const BrowserId*, Empty*,
+                Closure* done) override {
+    loop_->Post([done] { done->Run(); });
+  }
+  void Hide(RpcController*, const BrowserId*, Empty*, Closure* done) override {
+    held_.push_back(done);
+  }
+
+ private:
+  EventLoop* const loop_;
+  std::vector<Closure*> held_;
+};
+
+// Both ends run in one loop.
+class BlockingCallTest : public ::testing::Test {
+ protected:
+  BlockingCallTest() {
+    server_.emplace(&loop_, &service_);
+    client_ = *ConnectInProcess(&loop_, &*server_,
+                                {.max_frame_bytes = kMaxFrameBytes});
+    widget_.emplace(client_.get());
+  }
+
+  // In a task, the result of what blocks there.
+  absl::Status InATask(std::function<absl::Status()> call) {
+    absl::Status status = absl::UnknownError("it has not returned");
+    bool has_returned = false;
+    loop_.Post([&] {
+      status = call();
+      has_returned = true;
+    });
+    while (!has_returned) loop_.RunUntilIdle();
+    return status;
+  }
+
+  absl::Status Show() { return widget_->Show(Browser()).status(); }
+
+  // In the loop.
+  void EndTheConnection() {
+    server_.reset();
+    loop_.RunUntilIdle();
+    ASSERT_FALSE(client_->status().ok());
+  }
+
+  EventLoop loop_;
+  Widget service_{&loop_};
+  std::optional<SocketServer> server_;
+  std::unique_ptr<SocketClient> client_;
+  std::optional<rpc::BrowserWidgetRpcClient> widget_;
+};
+
+TEST_F(BlockingCallTest, ReturnsInsideATask) {
+  EXPECT_EQ(InATask([this] { return Show(); }), absl::OkStatus());
+}
+
+TEST_F(BlockingCallTest, ReturnsInsideATimer) {
+  absl::Status status = absl::UnknownError("it has not returned");
+  const auto timer =
+      loop_.RunAfter(absl::ZeroDuration(), [&] { status = Show(); });
+  loop_.RunUntilIdle();
+  EXPECT_EQ(status, absl::OkStatus());
+}
+
+TEST_F(BlockingCallTest, ReturnsInsideATaskWhenTheHandlerAnswersByAnother) {
+  EXPECT_EQ(InATask([this] { return widget_->Minimize(Browser()).status(); }),
+            absl::OkStatus());
+}
+
+TEST_F(BlockingCallTest, ReturnsInsideAnotherBlockingCall) {
+  absl::Status inner = absl::UnknownError("it has not returned");
+  EXPECT_EQ(InATask([&] {
+              loop_.Post([&] { inner = Show(); });
+              return widget_->Minimize(Browser()).status();
+            }),
+            absl::OkStatus());
+  loop_.RunUntilIdle();
+  EXPECT_EQ(inner, absl::OkStatus());
+}
+
+TEST_F(BlockingCallTest, EndsInsideATaskWithItsTimeout) {
+  EXPECT_EQ(InATask([this] {
+              return widget_
+                  ->Hide(Browser(), {.timeout = absl::Milliseconds(1)})
+                  .status();
+            }).code(),
+            absl::StatusCode::kDeadlineExceeded);
+}
+
+TEST_F(BlockingCallTest, EndsInsideATaskWithItsConnection) {
+  EXPECT_EQ(InATask([this] {
+              loop_.Post([this] { server_.reset(); });
+              return widget_->Hide(Browser()).status();
+            }).code(),
+            absl::StatusCode::kUnavailable);
+}
+
+TEST_F(BlockingCallTest, FailsInsideATaskOnceTheConnectionHasEnded) {
+  EndTheConnection();
+  EXPECT_EQ(InATask([this] { return Show(); }).code(),
+            absl::StatusCode::kUnavailable);
+}
+
+TEST_F(BlockingCallTest, FailsInsideATaskWithARequestBeyondTheLimit) {
+  rpc::KeyTypeRequest request;
+  request.set_text(std::string(kMaxFrameBytes, 'x'));
+  EXPECT_EQ(InATask([&] {
+              return widget_
+                  ->ForwardKeyType(request, {.timeout = absl::Seconds(1)})
+                  .status();
+            }).code(),
+            absl::StatusCode::kResourceExhausted);
+}
+
+TEST_F(BlockingCallTest, EndsWhenItsClientIsDestroyedMeanwhile) {
+  EXPECT_EQ(InATask([this] {
+              loop_.Post([this] { client_.reset(); });
+              return widget_->Hide(Browser()).status();
+            }).code(),
+            absl::StatusCode::kCancelled);
+}
+
+// Refused ---------------------------------------------------------------------
+
+TEST_F(BlockingCallTest, IsRefusedInTheContinuationOfAnAnswer) {
+  absl::Status status;
+  widget_->Show(Browser(), [&](const auto&) { status = Show(); });
+  loop_.RunUntilIdle();
+  EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+  EXPECT_THAT(status.message(), HasSubstr("blocking call"));
+}
+
+TEST_F(BlockingCallTest, IsRefusedInTheContinuationOfACallThatTookTooLong) {
+  absl::Status status;
+  widget_->Hide(Browser(), [&](const auto&) { status = Show(); },
+                {.timeout = absl::Milliseconds(1)});
+  EXPECT_TRUE(loop_.RunUntil([&status] { return !status.ok(); }));
+  EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+}
+
+TEST_F(BlockingCallTest, IsRefusedInTheContinuationOfACallThatWasNotSent) {
+  absl::Status status;
+  rpc::KeyTypeRequest request;
+  request.set_text(std::string(kMaxFrameBytes, 'x'));
+  widget_->ForwardKeyType(request, [&](const auto&) { status = Show(); });
+  loop_.RunUntilIdle();
+  EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+}
+
+TEST_F(BlockingCallTest, IsRefusedInTheContinuationOfACallThatWasCancelled) {
+  absl::Status status;
+  auto call = widget_->Hide(Browser(), [&](const auto&) { status = Show(); });
+  call.Cancel();
+  loop_.RunUntilIdle();
+  EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+}
+
+TEST_F(BlockingCallTest, IsRefusedInTheHandlerOfAnEvent) {
+  absl::Status status;
+  const auto stream = widget_->WhenCursorChanged(
+      Browser(), [&](const rpc::CursorChanged&) { status = Show(); });
+  loop_.RunUntilIdle();
+  EXPECT_EQ(Publish<rpc::CursorChanged>(Browser(), {}), 1u);
+  loop_.RunUntilIdle();
+  EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+}
+
+TEST_F(BlockingCallTest, IsRefusedInTheEndOfAStream) {
+  absl::Status status;
+  const auto stream = widget_->WhenCursorChanged(
+      Browser(), nullptr, [&](const absl::Status&) { status = Show(); });
+  loop_.RunUntilIdle();
+  server_->Shutdown(absl::Seconds(1), nullptr);
+  loop_.RunUntilIdle();
+  EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+}
+
+TEST_F(BlockingCallTest, IsRefusedInTheEndOfAStreamWhoseConnectionHasEnded) {
+  absl::Status status;
+  const auto stream = widget_->WhenCursorChanged(
+      Browser(), nullptr, [&](const absl::Status&) { status = Show(); });
+  loop_.RunUntilIdle();
+  server_.reset();
+  loop_.RunUntilIdle();
+  EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+}
+
+TEST_F(BlockingCallTest, IsServedInACallbackOfAnotherClient) {
+  const auto other = *ConnectInProcess(&loop_, &*server_);
+  rpc::BrowserWidgetRpcClient other_widget(other.get());
+  absl::Status status = absl::UnknownError("it has not returned");
+  other_widget.Show(Browser(), [&](const auto&) { status = Show(); });
+  loop_.RunUntilIdle();
+  EXPECT_EQ(status, absl::OkStatus());
+}
+
+// Stopped ---------------------------------------------------------------------
+
+TEST_F(BlockingCallTest, FailsAtOnceOnceTheLoopIsStopped) {
+  loop_.Stop();
+  EXPECT_EQ(Show().code(), absl::StatusCode::kCancelled);
+  EXPECT_EQ(Show().code(), absl::StatusCode::kCancelled);
+}
+
+// It used to return OK, and its end was then written to a stack frame that had
+// gone.
+TEST_F(BlockingCallTest, NeverReturnsOkOnADeadConnectionOnceTheLoopIsStopped) {
+  EndTheConnection();
+  loop_.Stop();
+  EXPECT_EQ(Show().code(), absl::StatusCode::kUnavailable);
+  loop_.Run();  // Returns at once.
+  loop_.RunUntilIdle();
+}
+
+// One loop for both ends ------------------------------------------------------
+
+TEST_F(BlockingCallTest, ANestedRunSeesTheAnswerThatItsOwnTaskHasGiven) {
+  bool is_answered = false;
+  widget_->Hide(Browser(), [&](const auto&) { is_answered = true; });
+  loop_.RunUntilIdle();
+  bool seen = false;
+  loop_.Post([&] {
+    service_.AnswerHeld();
+    seen = loop_.RunUntil([&is_answered] { return is_answered; });
+  });
+  loop_.RunUntilIdle();
+  EXPECT_TRUE(seen);
+}
+
+TEST_F(BlockingCallTest, ANestedRunInAHandlerSeesWhatTheHandlerHasSent) {
+  bool is_told = false;
+  const auto stream = widget_->WhenCursorChanged(
+      Browser(), [&](const rpc::CursorChanged&) { is_told = true; });
+  ASSERT_TRUE(Show().ok());
+  class Waiting final : public rpc::BrowserWidgetRpc {
+   public:
+    explicit Waiting(std::function<void()> wait) : wait_(std::move(wait)) {}
+    void Show(RpcController*, const BrowserId*, Empty*,
+              Closure* done) override {
+      Publish<rpc::CursorChanged>(Browser(), {});
+      wait_();
+      done->Run();
+    }
+
+   private:
+    const std::function<void()> wait_;
+  };
+  bool seen = false;
+  Waiting waiting(
+      [&] { seen = loop_.RunUntil([&is_told] { return is_told; }); });
+  SocketServer other_server(&loop_, &waiting);
+  const auto other = *ConnectInProcess(&loop_, &other_server);
+  rpc::BrowserWidgetRpcClient other_widget(other.get());
+  EXPECT_EQ(other_widget.Show(Browser()).status(), absl::OkStatus());
+  EXPECT_TRUE(seen);
+}
+
+}  // namespace
+}  // namespace orvane

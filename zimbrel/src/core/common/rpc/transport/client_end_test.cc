@@ -1,0 +1,222 @@
+// The end of a client: all that it had begun has ended when its destructor
+// returns.
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "absl/time/time.h"
+#include "gmock/gmock.h"
+#include "google/protobuf/empty.pb.h"
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.client.h"
+#include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/stream/call.h"
+#include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/transport/in_process.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+
+namespace orvane {
+namespace {
+
+using google::protobuf::Closure;
+using google::protobuf::Empty;
+using google::protobuf::RpcController;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr std::size_t kMaxFrameBytes = 8192;
+
+BrowserId Browser() {
+  BrowserId browser;
+  browser.set_value(7);
+  return browser;
+}
+
+// Answers Show, and Hide never.
+class Widget final : public rpc::BrowserWidgetRpc {
+ public:
+  ~Widget() override {
+    for (Closure* const done : std::exchange(held_, {})) done->Run();
+  }
+  void Show(RpcController*, const BrowserId*, Empty*, Closure* done) override {
+    done->Run();
+  }
+  void Hide(RpcController*, const BrowserId*, Empty*, Closure* done) override {
+    held_.push_back(done);
+  }
+
+ private:
+  std::vector<Closure*> held_;
+};
+
+class ClientEndTest : public ::testing::Test {
+ protected:
+  ClientEndTest() {
+    server_.emplace(&loop_, &service_);
+    client_ = *ConnectInProcess(&loop_, &*server_,
+                                {.max_frame_bytes = kMaxFrameBytes});
+    widget_.emplace(client_.get());
+  }
+
+  auto Ends() {
+    return [this](const absl::StatusOr<Empty>& answer) {
+      ends_.push_back(answer.status().code());
+    };
+  }
+  auto StreamEnds() {
+    return [this](const absl::Status& why) { ends_.push_back(why.code()); };
+  }
+
+  static rpc::KeyTypeRequest TooLong() {
+    rpc::KeyTypeRequest request;
+    request.set_text(std::string(kMaxFrameBytes, 'x'));
+    return request;
+  }
+
+  // Of the server; tells why it failed.
+  static void AskForFocus(absl::Status* failed) {
+    Call<rpc::TakeFocus>(
+        Browser(), {},
+        [failed](const absl::StatusOr<rpc::TakeFocusResponse>& answer) {
+          *failed = answer.status();
+        });
+  }
+
+  // What has ended when the destructor returns; nothing ends later.
+  std::vector<absl::StatusCode> EndsInTheDestructor() {
+    client_.reset();
+    std::vector<absl::StatusCode> ends = std::exchange(ends_, {});
+    loop_.RunUntilIdle();
+    EXPECT_THAT(ends_, IsEmpty());
+    return ends;
+  }
+
+  EventLoop loop_;
+  Widget service_;
+  std::optional<SocketServer> server_;
+  std::unique_ptr<SocketClient> client_;
+  std::optional<rpc::BrowserWidgetRpcClient> widget_;
+  std::vector<absl::StatusCode> ends_;
+};
+
+TEST_F(ClientEndTest, EndsCallsInFlight) {
+  widget_->Hide(Browser(), Ends());
+  loop_.RunUntilIdle();
+  EXPECT_THAT(EndsInTheDestructor(), ElementsAre(absl::StatusCode::kCancelled));
+}
+
+TEST_F(ClientEndTest, EndsCallsThatWereCancelled) {
+  widget_->Hide(Browser(), Ends()).Cancel();
+  EXPECT_THAT(EndsInTheDestructor(), ElementsAre(absl::StatusCode::kCancelled));
+}
+
+TEST_F(ClientEndTest, EndsCallsThatCouldNotBeSent) {
+  widget_->ForwardKeyType(TooLong(), Ends());
+  EXPECT_THAT(EndsInTheDestructor(),
+              ElementsAre(absl::StatusCode::kResourceExhausted));
+}
+
+TEST_F(ClientEndTest, EndsCallsOnAConnectionThatHasGone) {
+  server_.reset();
+  loop_.RunUntilIdle();
+  widget_->Show(Browser(), Ends());
+  EXPECT_THAT(EndsInTheDestructor(),
+              ElementsAre(absl::StatusCode::kUnavailable));
+}
+
+TEST_F(ClientEndTest, EndsStreams) {
+  const auto stream =
+      widget_->WhenCursorChanged(Browser(), nullptr, StreamEnds());
+  loop_.RunUntilIdle();
+  EXPECT_THAT(EndsInTheDestructor(), ElementsAre(absl::StatusCode::kCancelled));
+}
+
+TEST_F(ClientEndTest, EndsStreamsThatCouldNotBeOpened) {
+  server_.reset();
+  loop_.RunUntilIdle();
+  const auto stream =
+      widget_->WhenCursorChanged(Browser(), nullptr, StreamEnds());
+  EXPECT_THAT(EndsInTheDestructor(),
+              ElementsAre(absl::StatusCode::kUnavailable));
+}
+
+TEST_F(ClientEndTest, EndsEachOnceThoughOneOfThemDestroysTheClient) {
+  server_.reset();
+  loop_.RunUntilIdle();
+  widget_->Show(Browser(), [this](const auto& answer) {
+    ends_.push_back(answer.status().code());
+    client_.reset();
+  });
+  widget_->Show(Browser(), Ends());
+  loop_.RunUntilIdle();
+  EXPECT_THAT(ends_, ElementsAre(absl::StatusCode::kUnavailable,
+                                 absl::StatusCode::kUnavailable));
+}
+
+TEST_F(ClientEndTest, AStreamThatIsClosedBeforeItEndedIsNotToldOfIt) {
+  server_.reset();
+  loop_.RunUntilIdle();
+  auto stream = widget_->WhenCursorChanged(Browser(), nullptr, StreamEnds());
+  stream.reset();
+  loop_.RunUntilIdle();
+  EXPECT_THAT(ends_, IsEmpty());
+}
+
+TEST_F(ClientEndTest, AResponderMayBeUsedAfterwards) {
+  std::optional<Responder<rpc::TakeFocus>> kept;
+  const auto stream = widget_->OnTakeFocus(
+      Browser(),
+      [&kept](const rpc::TakeFocusCall&, Responder<rpc::TakeFocus> responder) {
+        kept.emplace(std::move(responder));
+      });
+  ASSERT_TRUE(widget_->Show(Browser()).ok());
+  absl::Status failed;
+  AskForFocus(&failed);
+  loop_.RunUntilIdle();
+  ASSERT_TRUE(kept.has_value());
+  client_.reset();
+  EXPECT_EQ(std::move(*kept).Respond({}).code(),
+            absl::StatusCode::kUnavailable);
+  loop_.RunUntilIdle();
+  EXPECT_FALSE(failed.ok());
+}
+
+// Absent continuations --------------------------------------------------------
+
+TEST_F(ClientEndTest, NobodyNeedsToWaitForAnAnswer) {
+  widget_->Show(Browser(), nullptr);
+  widget_->ForwardKeyType(TooLong(), nullptr);
+  widget_->Hide(Browser(), nullptr).Cancel();
+  loop_.RunUntilIdle();
+  widget_->Hide(Browser(), nullptr);
+  EXPECT_THAT(EndsInTheDestructor(), IsEmpty());
+}
+
+TEST_F(ClientEndTest, NobodyNeedsToTakeEvents) {
+  const auto stream = widget_->WhenCursorChanged(Browser(), nullptr, nullptr);
+  ASSERT_TRUE(widget_->Show(Browser()).ok());
+  EXPECT_EQ(Publish<rpc::CursorChanged>(Browser(), {}), 1u);
+  loop_.RunUntilIdle();
+  EXPECT_TRUE(client_->status().ok());
+  EXPECT_THAT(EndsInTheDestructor(), IsEmpty());
+}
+
+TEST_F(ClientEndTest, ACallThatNobodyTakesFails) {
+  const auto stream = widget_->OnTakeFocus(Browser(), nullptr, nullptr);
+  ASSERT_TRUE(widget_->Show(Browser()).ok());
+  absl::Status failed;
+  AskForFocus(&failed);
+  loop_.RunUntilIdle();
+  EXPECT_FALSE(failed.ok());
+  EXPECT_TRUE(client_->status().ok());
+}
+
+}  // namespace
+}  // namespace orvane
