@@ -154,9 +154,12 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
 
     async def test_what_the_widget_does_not_read_is_bounded(self) -> None:
         options = orvane.Options(max_queued_bytes=100_000)
-        async with self.connected(options) as (client, _, _widget):
+        request = TooltipChanged(text="x" * 10_000)
+        async with self.connected(options) as (client, connection, _):
+            method = client.SERVICE.methods[0]
             calls = [
-                asyncio.create_task(client.show(BROWSER)) for _ in range(200_000)
+                asyncio.create_task(connection.call(method, request, TooltipChanged))
+                for _ in range(200)
             ]
             done, _ = await asyncio.wait(
                 calls, return_when=asyncio.FIRST_COMPLETED

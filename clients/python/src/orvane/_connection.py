@@ -41,8 +41,8 @@ class Options:
 
     # The longest frame that is sent or accepted.
     max_frame_bytes: int = 4 << 20
-    # Once so much waits for the widget to read it, calls and answers fail with
-    # RESOURCE_EXHAUSTED.
+    # Once more waits for the widget to read it, calls and answers fail with
+    # RESOURCE_EXHAUSTED, until the widget has read most of it.
     max_queued_bytes: int = 64 << 20
     # Events of one iterator that have come and that nobody has read.
     max_unread_event_bytes: int = 16 << 20
@@ -145,6 +145,12 @@ class _Protocol(asyncio.Protocol):
     def data_received(self, data: bytes) -> None:
         self._connection._received(data)
 
+    def pause_writing(self) -> None:
+        self._connection._set_full(True)
+
+    def resume_writing(self) -> None:
+        self._connection._set_full(False)
+
     def connection_lost(self, error: Exception | None) -> None:
         self._connection._lost(error)
 
@@ -172,6 +178,7 @@ class Connection:
         self._last_id = 0
         self._calls: dict[int, asyncio.Future[bytes]] = {}
         self._streams: dict[int, Stream] = {}
+        self._is_full = False  # The widget has too much to read.
         self._gone: asyncio.Future[None] = loop.create_future()
 
     async def close(self) -> None:
@@ -354,19 +361,16 @@ class Connection:
 
     def _send(self, frame: StreamMessage) -> None:
         """As _write, within the limits."""
-        assert self._transport is not None
         length = frame.ByteSize()
         if length > self._options.max_frame_bytes:
             raise RpcError(
                 Code.RESOURCE_EXHAUSTED,
                 f"frame of {length} bytes; the limit is {self._options.max_frame_bytes}",
             )
-        waiting = self._transport.get_write_buffer_size()
-        if waiting + length > self._options.max_queued_bytes:
+        if self._is_full:
             raise RpcError(
                 Code.RESOURCE_EXHAUSTED,
-                f"{waiting} bytes wait for the widget to read them; "
-                f"the limit is {self._options.max_queued_bytes}",
+                f"{self._options.max_queued_bytes} bytes wait for the widget to read them",
             )
         self._write(frame)
 
@@ -397,6 +401,10 @@ class Connection:
 
     def _made(self, transport: asyncio.Transport) -> None:
         self._transport = transport
+        transport.set_write_buffer_limits(self._options.max_queued_bytes)
+
+    def _set_full(self, is_full: bool) -> None:
+        self._is_full = is_full
 
     def _received(self, data: bytes) -> None:
         if self.error is not None:
