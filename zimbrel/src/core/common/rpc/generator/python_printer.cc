@@ -78,12 +78,12 @@ class Imports {
   void Print(Printer* out) const {
     for (const auto& [module, name] : names_) {
       const std::size_t dot = module.rfind('.');
+      if (dot != std::string::npos)
+        out->Print("from $package$ ", "package", module.substr(0, dot));
       const std::string last = LastPart(module);
-      const std::string as = last == name ? "" : " as " + name;
-      out->PrintRaw(dot == std::string::npos
-                        ? "import " + last + as + "\n"
-                        : "from " + module.substr(0, dot) + " import " + last +
-                              as + "\n");
+      out->Print("import $module$", "module", last);
+      if (name != last) out->Print(" as $name$", "name", name);
+      out->Print("\n");
     }
   }
 
@@ -113,7 +113,8 @@ std::string Escaped(const std::string& line) {
 // `lines` begin with a blank each, as they would behind "//".
 void PrintDocstring(const std::string& indent,
                     const std::vector<std::string>& lines, Printer* out) {
-  std::string text = indent + "\"\"\"";
+  static constexpr char kQuotes[] = R"(""")";
+  std::string text = indent + kQuotes;
   bool is_first = true;
   for (const std::string& line : lines) {
     const std::string words =
@@ -123,7 +124,8 @@ void PrintDocstring(const std::string& indent,
     is_first = false;
   }
   if (lines.size() > 1) text += "\n" + indent;
-  out->PrintRaw(text + "\"\"\"\n");
+  text += kQuotes;
+  out->PrintRaw(text + "\n");
 }
 
 std::vector<std::string> Documentation(const std::vector<std::string>& comment,
