@@ -6,8 +6,8 @@ endif()
 
 # orvane_committed_output(NAME DIRECTORY dir PROTOS file... [IMPORTS dir...] [PARAMETER text])
 # What the generator makes of PROTOS is committed in DIRECTORY, at the protos'
-# paths: x.rpc.h, x.rpc.cc, x.client.h and x.client.cc, or none for a proto without
-# services, or x.error.txt for one that is refused. The test NAME holds it against what the
+# paths: x.rpc.h, x.rpc.cc, x.client.h and x.client.cc, or x_client.py, or none for a
+# proto without services, or x.error.txt for one that is refused. The test NAME holds it against what the
 # generator makes now; the target update-generated rewrites it. Protos are found
 # below IMPORTS, by default DIRECTORY. PARAMETER goes to the generator.
 function(orvane_committed_output name)

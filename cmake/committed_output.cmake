@@ -19,7 +19,7 @@ foreach(proto IN LISTS PROTOS)
   endif()
 
   foreach(file IN ITEMS "${stem}.rpc.h" "${stem}.rpc.cc" "${stem}.client.h" "${stem}.client.cc"
-                        "${stem}.error.txt")
+                        "${stem}_client.py" "${stem}.error.txt")
     if(UPDATE AND EXISTS "${SCRATCH}/${file}")
       file(COPY_FILE "${SCRATCH}/${file}" "${DIRECTORY}/${file}" ONLY_IF_DIFFERENT)
     elseif(UPDATE)

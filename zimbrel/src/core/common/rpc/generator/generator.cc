@@ -9,6 +9,7 @@
 
 #include "zimbrel/src/core/common/rpc/generator/client_printer.h"
 #include "zimbrel/src/core/common/rpc/generator/header_printer.h"
+#include "zimbrel/src/core/common/rpc/generator/python_printer.h"
 #include "zimbrel/src/core/common/rpc/generator/rules.h"
 #include "zimbrel/src/core/common/rpc/generator/service_model.h"
 #include "zimbrel/src/core/common/rpc/generator/source_printer.h"
@@ -20,18 +21,32 @@ using google::protobuf::FileDescriptor;
 using google::protobuf::compiler::GeneratorContext;
 using google::protobuf::io::Printer;
 
+enum class Language { kCpp, kPython };
+
+struct Options {
+  Language language = Language::kCpp;
+  std::string log_path_prefix;
+};
+
 // False, with an error, if the parameter is not as told in the header.
-bool ReadParameter(const std::string& parameter, std::string* log_path_prefix,
+bool ReadParameter(const std::string& parameter, Options* options,
                    std::string* error) {
-  std::vector<std::pair<std::string, std::string>> options;
-  google::protobuf::compiler::ParseGeneratorParameter(parameter, &options);
-  for (const auto& [name, value] : options) {
-    if (name != "log_path_prefix") {
+  std::vector<std::pair<std::string, std::string>> words;
+  google::protobuf::compiler::ParseGeneratorParameter(parameter, &words);
+  for (const auto& [name, value] : words) {
+    if (name == "log_path_prefix") {
+      options->log_path_prefix = value;
+    } else if (name == "language" && (value == "cpp" || value == "python")) {
+      options->language =
+          value == "python" ? Language::kPython : Language::kCpp;
+    } else if (name == "language") {
+      *error = "unknown language \"" + value + "\"; there are cpp and python";
+      return false;
+    } else {
       *error = "unknown parameter \"" + name +
-               "\"; the only one is log_path_prefix=PATH";
+               "\"; there are language=LANGUAGE and log_path_prefix=PATH";
       return false;
     }
-    *log_path_prefix = value;
   }
   return true;
 }
@@ -43,6 +58,25 @@ void Write(const FileModel& file, const std::string& name,
       context->Open(name));
   Printer printer(stream.get(), '$');
   print(file, &printer);
+}
+
+void WriteCpp(const FileDescriptor& file, const Options& options,
+              GeneratorContext* context) {
+  if (file.service_count() == 0) return;
+  const FileModel model = ReadFile(file, options.log_path_prefix);
+  Write(model, model.stem + ".rpc.h", PrintHeader, context);
+  Write(model, model.stem + ".rpc.cc", PrintSource, context);
+  Write(model, model.stem + ".client.h", PrintClientHeader, context);
+  Write(model, model.stem + ".client.cc", PrintClientSource, context);
+}
+
+bool WritePython(const FileDescriptor& file, const Options& options,
+                 GeneratorContext* context, std::string* error) {
+  if (!WritePythonMessages(file, context, error)) return false;
+  if (file.service_count() == 0) return true;
+  const FileModel model = ReadFile(file, options.log_path_prefix);
+  Write(model, model.stem + "_client.py", PrintPythonClient, context);
+  return true;
 }
 
 }  // namespace
@@ -57,11 +91,15 @@ bool Generator::GenerateAll(const std::vector<const FileDescriptor*>& files,
                             const std::string& parameter,
                             GeneratorContext* context,
                             std::string* error) const {
-  std::string log_path_prefix;
-  if (!ReadParameter(parameter, &log_path_prefix, error)) return false;
+  Options options;
+  if (!ReadParameter(parameter, &options, error)) return false;
+  const bool is_python = options.language == Language::kPython;
 
   std::string findings;
-  for (const FileDescriptor* file : files) findings += BrokenRules(*file);
+  for (const FileDescriptor* file : files) {
+    findings += BrokenRules(*file);
+    if (is_python) findings += BrokenPythonRules(*file);
+  }
   if (!findings.empty()) {
     findings.pop_back();  // protoc ends the last line itself.
     *error = "nothing was written:\n" + findings;
@@ -69,12 +107,11 @@ bool Generator::GenerateAll(const std::vector<const FileDescriptor*>& files,
   }
 
   for (const FileDescriptor* file : files) {
-    if (file->service_count() == 0) continue;
-    const FileModel model = ReadFile(*file, log_path_prefix);
-    Write(model, model.stem + ".rpc.h", PrintHeader, context);
-    Write(model, model.stem + ".rpc.cc", PrintSource, context);
-    Write(model, model.stem + ".client.h", PrintClientHeader, context);
-    Write(model, model.stem + ".client.cc", PrintClientSource, context);
+    if (!is_python) {
+      WriteCpp(*file, options, context);
+    } else if (!WritePython(*file, options, context, error)) {
+      return false;
+    }
   }
   return true;
 }

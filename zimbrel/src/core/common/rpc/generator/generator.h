@@ -16,8 +16,11 @@ namespace orvane::generator {
 // DIR/x.client.cc. Nothing for other protos. The output depends on the proto,
 // its imports and the parameter alone.
 //
-// The parameter is empty or "log_path_prefix=PATH": where the output lies in
-// its tree, for the source path that fatal log entries name.
+// The parameter is a list of options, with commas between:
+//   log_path_prefix=PATH  where the output lies in its tree, for the source path
+//                         that fatal log entries name;
+//   language=python       writes Python instead: messages into DIR/x_pb2.py and
+//                         DIR/x_pb2.pyi, clients into DIR/x_client.py.
 //
 // Either everything is written, or nothing is and the error lists all that is
 // wrong, one finding on each line.

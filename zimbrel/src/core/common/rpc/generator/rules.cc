@@ -9,6 +9,7 @@
 #include "google/protobuf/descriptor.pb.h"
 
 #include "zimbrel/src/core/common/rpc/generator/cpp_names.h"
+#include "zimbrel/src/core/common/rpc/generator/python_names.h"
 #include "zimbrel/src/core/common/rpc/generator/service_model.h"
 
 namespace orvane::generator {
@@ -241,6 +242,24 @@ std::string BrokenRules(const FileDescriptor& file) {
   CheckOptions(file, &findings);
   for (int i = 0; i < file.service_count(); ++i)
     CheckService(*file.service(i), &findings);
+  return findings.text();
+}
+
+std::string BrokenPythonRules(const FileDescriptor& file) {
+  Findings findings(file);
+  for (int i = 0; i < file.service_count(); ++i) {
+    Names names;
+    for (int j = 0; j < file.service(i)->method_count(); ++j) {
+      const MethodDescriptor& method = *file.service(i)->method(j);
+      const std::string name(method.name());
+      const auto [first, is_new] = names.emplace(PythonMethodName(name), name);
+      if (!is_new) {
+        findings.Add(method, "the Python name " + first->first +
+                                 " is already that of the method " +
+                                 first->second);
+      }
+    }
+  }
   return findings.text();
 }
 

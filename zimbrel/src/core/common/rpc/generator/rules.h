@@ -15,6 +15,9 @@ namespace orvane::generator {
 // where the descriptors do not carry them.
 std::string BrokenRules(const google::protobuf::FileDescriptor& file);
 
+// The same for those of Python alone: two methods must not have one name there.
+std::string BrokenPythonRules(const google::protobuf::FileDescriptor& file);
+
 }  // namespace orvane::generator
 
 #endif  // ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_RULES_H_

@@ -52,6 +52,7 @@ std::string TypeOfField(const MethodDescriptor& method, const char* field) {
 MethodModel ReadMethod(const MethodDescriptor& method) {
   const std::string name(method.name());
   MethodModel model = {
+      .proto = &method,
       .index = method.index(),
       .kind = *KindOf(method),
       .proto_name = name,
@@ -75,7 +76,8 @@ MethodModel ReadMethod(const MethodDescriptor& method) {
 }
 
 ServiceModel ReadService(const ServiceDescriptor& service) {
-  ServiceModel model = {.index = service.index(),
+  ServiceModel model = {.proto = &service,
+                        .index = service.index(),
                         .full_name = std::string(service.full_name()),
                         .name = Identifier(std::string(service.name())),
                         .client_name = ClientName(service),
@@ -125,6 +127,7 @@ FileModel ReadFile(const FileDescriptor& file,
   const std::string path(file.name());
   const std::string stem = google::protobuf::compiler::StripProto(path);
   FileModel model = {
+      .proto = &file,
       .path = path,
       .stem = stem,
       .mangled_path = MangledPath(path),

@@ -14,6 +14,7 @@ namespace orvane::generator {
 enum class MethodKind { kUnary, kEventStream, kCallbackStream };
 
 struct MethodModel {
+  const google::protobuf::MethodDescriptor* proto;
   int index;  // Within its service.
   MethodKind kind;
   std::string proto_name;  // As the proto spells it.
@@ -29,6 +30,7 @@ struct MethodModel {
 };
 
 struct ServiceModel {
+  const google::protobuf::ServiceDescriptor* proto;
   int index;                // Within its file.
   std::string full_name;    // In the proto.
   std::string name;         // In C++.
@@ -41,6 +43,7 @@ struct ServiceModel {
 };
 
 struct FileModel {
+  const google::protobuf::FileDescriptor* proto;
   std::string path;          // As imported: "rpc/browser/browser_widget.proto".
   std::string stem;          // The path without ".proto".
   std::string mangled_path;  // The path as a part of protobuf's identifiers.

@@ -1,0 +1,519 @@
+"""A host's connection to a widget."""
+
+from __future__ import annotations
+
+import asyncio
+import os
+import socket
+import struct
+from collections.abc import Generator
+from dataclasses import dataclass
+from typing import Any, TypeVar
+
+from google.protobuf.descriptor import MethodDescriptor, ServiceDescriptor
+from google.protobuf.message import EncodeError, Message
+
+from orvane._errors import Code, RpcError
+from orvane._streams import EventQueue, Events, Handler, Server, Serving, Stream
+from orvane._wire import (
+    UNREADABLE,
+    FrameReader,
+    check_fit,
+    encode,
+    error_of,
+    hello_of,
+    is_stream,
+    parse,
+)
+from orvane.rpc.event_subscription_pb2 import EventSubscription
+from orvane.rpc.transport.stream_message_pb2 import Hello, StreamMessage
+
+MessageT = TypeVar("MessageT", bound=Message)
+EventT = TypeVar("EventT", bound=Message)
+
+# How long closing waits for a widget to take what has been sent.
+_CLOSE_SECONDS = 2.0
+
+
+@dataclass(frozen=True)
+class Options:
+    """Limits of one connection. All are bytes but the last."""
+
+    # The longest frame that is sent or accepted.
+    max_frame_bytes: int = 4 << 20
+    # Once more waits for the widget to read it, calls and answers fail with
+    # RESOURCE_EXHAUSTED, until the widget has read most of it.
+    max_queued_bytes: int = 64 << 20
+    # Events of one iterator that have come and that nobody has read.
+    max_unread_event_bytes: int = 16 << 20
+    # Calls of the widget that one stream's handler may be busy with; more fail.
+    max_served_calls: int = 1024
+
+
+def default_socket_path(name: str = "widget") -> str:
+    """Where a server listens that is not told another path."""
+    runtime = os.environ.get("XDG_RUNTIME_DIR")
+    folder = f"{runtime}/orvane" if runtime else f"/tmp/orvane-{os.geteuid()}"
+    return f"{folder}/{name}.sock"
+
+
+def connect(
+    path: str | None = None,
+    *,
+    sock: socket.socket | None = None,
+    options: Options = Options(),
+) -> Connecting:
+    """Connects to the server at `path`, by default the widget's usual one.
+
+    `sock` is a connected stream socket to be used instead, such as one of a
+    socketpair; it is closed with the connection. To be awaited, or entered by
+    `async with`, which closes the connection at its end. RpcError: UNAVAILABLE
+    where nobody listens, PERMISSION_DENIED where another user does.
+    """
+    return Connecting(path, sock, options)
+
+
+class Connecting:
+    """What `connect` returns: awaited or entered, it becomes a Connection."""
+
+    def __init__(
+        self, path: str | None, sock: socket.socket | None, options: Options
+    ) -> None:
+        self._path = path
+        self._sock = sock
+        self._options = options
+        self._connection: Connection | None = None
+
+    def __await__(self) -> Generator[Any, None, Connection]:
+        return self._connect().__await__()
+
+    async def __aenter__(self) -> Connection:
+        self._connection = await self._connect()
+        return self._connection
+
+    async def __aexit__(self, *_: object) -> None:
+        assert self._connection is not None
+        await self._connection.close()
+
+    async def _connect(self) -> Connection:
+        loop = asyncio.get_running_loop()
+        connection = Connection(loop, self._options)
+        path = self._path
+        if self._sock is None and path is None:
+            path = default_socket_path()
+        try:
+            transport, _ = await loop.create_unix_connection(
+                lambda: _Protocol(connection), path, sock=self._sock
+            )
+        except OSError as error:
+            code = (
+                Code.PERMISSION_DENIED
+                if isinstance(error, PermissionError)
+                else Code.UNAVAILABLE
+            )
+            raise RpcError(code, f"{path}: {error.strerror or error}") from error
+        try:
+            _check_peer(transport.get_extra_info("socket"))
+        except RpcError:
+            transport.abort()
+            raise
+        return connection
+
+
+def _check_peer(connected: socket.socket) -> None:
+    """Refuses a widget of another user, root aside. Linux tells who it is."""
+    if not hasattr(socket, "SO_PEERCRED"):
+        return
+    credentials = connected.getsockopt(
+        socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i")
+    )
+    uid = struct.unpack("3i", credentials)[1]
+    if uid not in (0, os.geteuid()):
+        raise RpcError(Code.PERMISSION_DENIED, f"user {uid} is at the other end")
+
+
+class _Protocol(asyncio.Protocol):
+    """Hands on what asyncio tells of the socket."""
+
+    def __init__(self, connection: Connection) -> None:
+        self._connection = connection
+
+    def connection_made(self, transport: asyncio.BaseTransport) -> None:
+        assert isinstance(transport, asyncio.Transport)
+        self._connection._made(transport)
+
+    def data_received(self, data: bytes) -> None:
+        self._connection._received(data)
+
+    def pause_writing(self) -> None:
+        self._connection._set_full(True)
+
+    def resume_writing(self) -> None:
+        self._connection._set_full(False)
+
+    def connection_lost(self, error: Exception | None) -> None:
+        self._connection._lost(error)
+
+
+class Connection:
+    """Calls one service at the other end of a Unix-domain socket.
+
+    What is sent reaches the widget in the order in which it was sent; answers
+    come in any order. When the connection ends, all that is in progress on it
+    ends with the same RpcError, `error`, and so does what is begun later. A
+    connection does not come back: the widget at the other end would be another
+    one.
+
+    Generated clients call `call`, `watch` and `serve`.
+    """
+
+    def __init__(self, loop: asyncio.AbstractEventLoop, options: Options) -> None:
+        self.loop = loop
+        self.error: RpcError | None = None  # None while the connection stands.
+        self._options = options
+        self._reader = FrameReader(options.max_frame_bytes)
+        self._transport: asyncio.Transport | None = None
+        self._service: ServiceDescriptor | None = None
+        self._widget: Hello | None = None  # Once it has said hello.
+        self._last_id = 0
+        self._calls: dict[int, asyncio.Future[bytes]] = {}
+        self._streams: dict[int, Stream] = {}
+        self._is_full = False  # The widget has too much to read.
+        self._gone: asyncio.Future[None] = loop.create_future()
+
+    async def close(self) -> None:
+        """Ends all that is in progress with CANCELLED, and the connection."""
+        assert self._transport is not None
+        self._transport.close()  # Once what waits has been sent.
+        self._end(RpcError(Code.CANCELLED, "the connection was closed"))
+        try:
+            await asyncio.wait_for(asyncio.shield(self._gone), _CLOSE_SECONDS)
+        except TimeoutError:
+            self._transport.abort()
+
+    async def wait_closed(self) -> RpcError:
+        """Waits until the connection has ended, and returns why."""
+        await asyncio.shield(self._gone)
+        assert self.error is not None
+        return self.error
+
+    def use(self, service: ServiceDescriptor) -> None:
+        """Says hello for the service that this connection is for from now on."""
+        if self._service is service:
+            return
+        if self._service is not None:
+            raise RpcError(
+                Code.INVALID_ARGUMENT,
+                f"a connection for {self._service.full_name} "
+                f"is used for {service.full_name}",
+            )
+        if self.error is not None:
+            raise self.error
+        self._service = service
+        hello = hello_of(service)
+        self._write(
+            StreamMessage(
+                kind=StreamMessage.KIND_HELLO, payload=hello.SerializeToString()
+            )
+        )
+
+    async def call(
+        self,
+        method: MethodDescriptor,
+        request: Message,
+        response_type: type[MessageT],
+        timeout: float | None = None,
+    ) -> MessageT:
+        """Calls a unary method. `timeout` is in seconds, None for no end.
+
+        Cancelling the task that waits tells the widget that nobody does.
+        """
+        if timeout is not None and timeout <= 0:
+            raise RpcError(Code.DEADLINE_EXCEEDED, "the call had no time at all")
+        stream_id = self._begin(
+            StreamMessage.KIND_CALL, method, _serialise(request, "the request")
+        )
+        answer: asyncio.Future[bytes] = self.loop.create_future()
+        self._calls[stream_id] = answer
+        deadline = (
+            None
+            if timeout is None
+            else self.loop.call_later(timeout, self._expire, stream_id, timeout)
+        )
+        try:
+            payload = await answer
+        finally:
+            if deadline is not None:
+                deadline.cancel()
+            if self._calls.pop(stream_id, None) is not None:
+                self._cancel(stream_id)  # The task was cancelled.
+        response = parse(response_type, payload, "the response")
+        assert isinstance(response, response_type)
+        return response
+
+    def watch(
+        self, method: MethodDescriptor, key: Message, event_type: type[EventT]
+    ) -> Events[EventT]:
+        """Subscribes to the events of `key`, at once."""
+        queue = EventQueue(self, method, self._options.max_unread_event_bytes)
+        subscription = EventSubscription()
+        subscription.subscribe.MergeFrom(key)  # type: ignore[arg-type]
+        subscription.subscribe.SetInParent()
+        self._open(queue, subscription)
+        return Events(queue, event_type)
+
+    def serve(
+        self,
+        method: MethodDescriptor,
+        key: Message,
+        message_type: type[Message],
+        handler: Handler[Any, Any],
+    ) -> Serving:
+        """Makes this host the one that serves `key`, at once."""
+        server = Server(
+            self, method, message_type, handler, self._options.max_served_calls
+        )
+        subscription: Any = message_type()
+        subscription.browser_id.CopyFrom(key)
+        subscription.browser_id.SetInParent()
+        subscription.subscribe = True
+        self._open(server, subscription)
+        return Serving(server)
+
+    async def settle(self) -> None:
+        """Returns when the widget has handled all that was sent so far."""
+        if self._service is None:
+            return
+        method = next((m for m in self._service.methods if is_stream(m)), None)
+        if method is None:
+            raise RpcError(
+                Code.UNIMPLEMENTED, f"{self._service.full_name} has no streams"
+            )
+        barrier = _Barrier(self, method)
+        self._open(barrier, None)
+        self._write_end_of(barrier)
+        await barrier.ended
+        if barrier.reason is not None:
+            raise barrier.reason
+
+    # For streams ------------------------------------------------------------
+
+    def send_next(self, stream: Stream, message: Message, call_id: int = 0) -> None:
+        """Sends a message on an open stream; nothing on one that has ended."""
+        if stream.is_open:
+            self._send(
+                StreamMessage(
+                    kind=StreamMessage.KIND_NEXT,
+                    stream_id=stream.stream_id,
+                    call_id=call_id,
+                    payload=_serialise(message, "the message"),
+                )
+            )
+
+    def send_failure(
+        self, stream: Stream, message: Message, call_id: int, text: str
+    ) -> None:
+        """Fails a call of the widget."""
+        self._write(
+            StreamMessage(
+                kind=StreamMessage.KIND_ERROR,
+                stream_id=stream.stream_id,
+                call_id=call_id,
+                error_code=Code.UNKNOWN,
+                error_text=text.encode(errors="backslashreplace"),
+                payload=message.SerializeToString(),
+            )
+        )
+
+    def complete(self, stream: Stream) -> None:
+        """Forgets a stream and tells the widget."""
+        self._streams.pop(stream.stream_id, None)
+        self._write_end_of(stream)
+
+    # ------------------------------------------------------------------------
+
+    def _open(self, stream: Stream, subscription: Message | None) -> None:
+        stream.stream_id = self._begin(StreamMessage.KIND_OPEN, stream.method, b"")
+        self._streams[stream.stream_id] = stream
+        if subscription is not None:
+            try:
+                self.send_next(stream, subscription)
+            except RpcError:
+                stream.close()
+                raise
+
+    def _begin(
+        self, kind: StreamMessage.Kind, method: MethodDescriptor, payload: bytes
+    ) -> int:
+        if self.error is not None:
+            raise self.error
+        self.use(method.containing_service)
+        self._send(
+            StreamMessage(
+                kind=kind,
+                stream_id=self._last_id + 1,
+                method=method.index,
+                payload=payload,
+            )
+        )
+        self._last_id += 1
+        return self._last_id
+
+    def _send(self, frame: StreamMessage) -> None:
+        """As _write, within the limits."""
+        length = frame.ByteSize()
+        if length > self._options.max_frame_bytes:
+            raise RpcError(
+                Code.RESOURCE_EXHAUSTED,
+                f"frame of {length} bytes; the limit is {self._options.max_frame_bytes}",
+            )
+        if self._is_full:
+            raise RpcError(
+                Code.RESOURCE_EXHAUSTED,
+                f"{self._options.max_queued_bytes} bytes wait for the widget to read them",
+            )
+        self._write(frame)
+
+    def _write(self, frame: StreamMessage) -> None:
+        if self.error is None and not self.loop.is_closed():
+            assert self._transport is not None
+            self._transport.write(encode(frame))
+
+    def _write_end_of(self, stream: Stream) -> None:
+        self._write(
+            StreamMessage(
+                kind=StreamMessage.KIND_COMPLETE, stream_id=stream.stream_id
+            )
+        )
+
+    def _cancel(self, stream_id: int) -> None:
+        self._write(
+            StreamMessage(kind=StreamMessage.KIND_CANCEL, stream_id=stream_id)
+        )
+
+    def _expire(self, stream_id: int, timeout: float) -> None:
+        answer = self._calls.pop(stream_id, None)
+        if answer is not None and not answer.done():
+            self._cancel(stream_id)
+            answer.set_exception(
+                RpcError(Code.DEADLINE_EXCEEDED, f"no answer within {timeout:g} s")
+            )
+
+    def _made(self, transport: asyncio.Transport) -> None:
+        self._transport = transport
+        transport.set_write_buffer_limits(self._options.max_queued_bytes)
+
+    def _set_full(self, is_full: bool) -> None:
+        self._is_full = is_full
+
+    def _received(self, data: bytes) -> None:
+        if self.error is not None:
+            return
+        try:
+            for frame in self._reader.feed(data):
+                self._take(frame)
+                if self.error is not None:
+                    return
+        except RpcError as error:
+            self._end(error)
+            assert self._transport is not None
+            self._transport.abort()
+
+    def _lost(self, error: Exception | None) -> None:
+        self._end(
+            RpcError(
+                Code.UNAVAILABLE,
+                f"the connection broke: {error}"
+                if error
+                else "the widget closed the connection",
+            )
+        )
+        if not self._gone.done():
+            self._gone.set_result(None)
+
+    def _take(self, frame: StreamMessage) -> None:
+        """RpcError ends the connection."""
+        kind = frame.kind
+        is_error = kind == StreamMessage.KIND_ERROR
+        if is_error and frame.stream_id == 0:
+            raise RpcError(
+                Code.UNAVAILABLE,
+                f"the widget ended the connection: {error_of(frame).text}",
+            )
+        if self._service is None:
+            raise RpcError(Code.UNAVAILABLE, "the widget spoke before the host")
+        if (kind == StreamMessage.KIND_HELLO) != (self._widget is None):
+            raise RpcError(
+                Code.UNAVAILABLE,
+                "the widget's first frame, and only that, has to be a hello",
+            )
+        if kind == StreamMessage.KIND_HELLO:
+            self._meet(frame)
+        elif kind == StreamMessage.KIND_REPLY or (
+            is_error and frame.stream_id in self._calls
+        ):
+            answer = self._calls.pop(frame.stream_id, None)
+            if answer is None or answer.done():
+                return  # Cancelled; the answer was on its way.
+            if is_error:
+                answer.set_exception(error_of(frame))
+            else:
+                answer.set_result(frame.payload)
+        elif kind == StreamMessage.KIND_NEXT:
+            stream = self._streams.get(frame.stream_id)
+            if stream is not None:  # Else it has ended; this was on its way.
+                stream.on_next(frame)
+        elif is_error or kind == StreamMessage.KIND_COMPLETE:
+            stream = self._streams.pop(frame.stream_id, None)
+            if stream is not None:
+                stream.end(error_of(frame) if is_error else None)
+        else:
+            raise RpcError(
+                Code.UNAVAILABLE, f"the widget sent a frame of kind {kind}"
+            )
+
+    def _meet(self, frame: StreamMessage) -> None:
+        assert self._service is not None
+        try:
+            self._widget = Hello.FromString(frame.payload)
+        except UNREADABLE:
+            raise RpcError(
+                Code.UNAVAILABLE, "the widget's hello cannot be parsed"
+            ) from None
+        check_fit(hello_of(self._service), self._widget)
+
+    def _end(self, error: RpcError) -> None:
+        if self.error is not None:
+            return
+        self.error = error
+        calls, self._calls = self._calls, {}
+        streams, self._streams = self._streams, {}
+        for answer in calls.values():
+            if not answer.done():
+                answer.set_exception(error)
+        for stream in streams.values():
+            stream.end(error)
+
+
+class _Barrier(Stream):
+    """A stream that is opened only to learn when it has ended."""
+
+    def __init__(self, connection: Connection, method: MethodDescriptor) -> None:
+        super().__init__(connection, method)
+        self.ended: asyncio.Future[None] = connection.loop.create_future()
+
+    def on_next(self, frame: StreamMessage) -> None:
+        pass
+
+    def on_end(self) -> None:
+        if not self.ended.done():
+            self.ended.set_result(None)
+
+
+def _serialise(message: Message, what: str) -> bytes:
+    try:
+        return message.SerializeToString()
+    except EncodeError as error:
+        raise RpcError(
+            Code.INVALID_ARGUMENT, f"{what} lacks required fields: {error}"
+        ) from error

@@ -1,0 +1,276 @@
+"""The host's side of streams."""
+
+from __future__ import annotations
+
+import asyncio
+from collections import deque
+from collections.abc import AsyncIterator, Awaitable, Callable
+from types import TracebackType
+from typing import TYPE_CHECKING, Any, Generic, TypeVar
+
+from google.protobuf.descriptor import MethodDescriptor
+from google.protobuf.message import Message
+
+from orvane._errors import Code, Fail, RpcError
+from orvane._wire import parse
+from orvane.rpc.stream_options_pb2 import SLOW_HOST_KEEP_LATEST, slow_host
+from orvane.rpc.transport.stream_message_pb2 import StreamMessage
+
+if TYPE_CHECKING:
+    from orvane._connection import Connection
+
+EventT = TypeVar("EventT", bound=Message)
+CallT = TypeVar("CallT", bound=Message)
+ResponseT = TypeVar("ResponseT", bound=Message)
+
+# Serves a call of the widget. May raise Fail.
+Handler = Callable[[CallT], Awaitable[ResponseT]]
+
+# What an unread event takes beside its bytes, about.
+_EVENT_OVERHEAD_BYTES = 128
+
+
+class Stream:
+    """An open stream, as its connection sees it."""
+
+    def __init__(self, connection: Connection, method: MethodDescriptor) -> None:
+        self.connection = connection
+        self.method = method
+        self.stream_id = 0  # Given by the connection.
+        self.is_open = True
+        self.reason: RpcError | None = None  # Of an end that was not orderly.
+
+    def on_next(self, frame: StreamMessage) -> None:
+        raise NotImplementedError
+
+    def on_end(self) -> None:
+        raise NotImplementedError
+
+    def end(self, reason: RpcError | None) -> None:
+        """The stream has ended at the other end."""
+        if self.is_open:
+            self.is_open = False
+            self.reason = reason
+            self.on_end()
+
+    def close(self, reason: RpcError | None = None) -> None:
+        """Ends it here and tells the widget. Harmless when it has ended."""
+        if self.is_open:
+            self.connection.complete(self)
+            self.end(reason)
+
+
+class EventQueue(Stream):
+    """Events that have arrived and that nobody has read yet."""
+
+    def __init__(
+        self, connection: Connection, method: MethodDescriptor, max_bytes: int
+    ) -> None:
+        super().__init__(connection, method)
+        options = method.GetOptions()
+        self._keeps_latest = (
+            options.Extensions[slow_host] == SLOW_HOST_KEEP_LATEST  # type: ignore[index]
+        )
+        self._max_bytes = max_bytes
+        self._bytes = 0
+        self._payloads: deque[bytes] = deque()
+        self._reader: asyncio.Future[None] | None = None
+
+    def on_next(self, frame: StreamMessage) -> None:
+        self._payloads.append(frame.payload)
+        self._bytes += len(frame.payload) + _EVENT_OVERHEAD_BYTES
+        if self._bytes > self._max_bytes and self._keeps_latest:
+            self.take()
+        elif self._bytes > self._max_bytes:
+            self._payloads.pop()
+            self.close(
+                RpcError(
+                    Code.RESOURCE_EXHAUSTED,
+                    f"more events of {self.method.name} came than were read; "
+                    f"the limit is {self._max_bytes} bytes",
+                )
+            )
+        self._wake()
+
+    def on_end(self) -> None:
+        self._wake()
+
+    def _wake(self) -> None:
+        if self._reader is not None and not self._reader.done():
+            self._reader.set_result(None)
+
+    def take(self) -> bytes | None:
+        """The oldest event, if there is one."""
+        if not self._payloads:
+            return None
+        payload = self._payloads.popleft()
+        self._bytes -= len(payload) + _EVENT_OVERHEAD_BYTES
+        return payload
+
+    async def wait(self) -> None:
+        """Returns when an event has come or the stream has ended."""
+        if self._reader is not None:
+            raise RuntimeError(f"two tasks read the events of {self.method.name}")
+        self._reader = asyncio.get_running_loop().create_future()
+        try:
+            await self._reader
+        finally:
+            self._reader = None
+
+
+class Events(AsyncIterator[EventT], Generic[EventT]):
+    """The events of one key, from the call that returned this on.
+
+    Ends when the widget completes the stream. Raises RpcError when the stream
+    ends otherwise, also when more events came than were read
+    (Options.max_unread_event_bytes), after the events that came before. Events of
+    a method with SLOW_HOST_KEEP_LATEST lose their oldest instead.
+
+    The stream is open until `close`, the end of `async with`, or until nobody
+    refers to this object any longer.
+    """
+
+    def __init__(self, queue: EventQueue, event_type: type[EventT]) -> None:
+        self._queue = queue
+        self._event_type = event_type
+
+    def close(self) -> None:
+        """Ends the stream. Harmless when it has ended; unread events stay."""
+        self._queue.close()
+
+    def __del__(self) -> None:
+        self._queue.close()
+
+    async def __anext__(self) -> EventT:
+        queue = self._queue
+        while (payload := queue.take()) is None:
+            if queue.reason is not None:
+                raise queue.reason
+            if not queue.is_open:
+                raise StopAsyncIteration
+            await queue.wait()
+        try:
+            event = parse(self._event_type, payload, "an event")
+        except RpcError as error:
+            queue.close(error)
+            raise
+        assert isinstance(event, self._event_type)
+        return event
+
+    async def __aenter__(self) -> Events[EventT]:
+        return self
+
+    async def __aexit__(self, *_: object) -> None:
+        self.close()
+
+
+class Server(Stream):
+    """Answers the calls of one key."""
+
+    def __init__(
+        self,
+        connection: Connection,
+        method: MethodDescriptor,
+        message_type: type[Message],
+        handler: Handler[Any, Any],
+        max_calls: int,
+    ) -> None:
+        super().__init__(connection, method)
+        self._message_type: Any = message_type
+        self._handler = handler
+        self._max_calls = max_calls
+        self._tasks: set[asyncio.Task[None]] = set()
+        self.ended: asyncio.Future[None] = connection.loop.create_future()
+
+    def on_next(self, frame: StreamMessage) -> None:
+        try:
+            message: Any = parse(self._message_type, frame.payload, "a call")
+        except RpcError as error:
+            self.close(error)
+            return
+        if not message.HasField("call"):
+            self.close(
+                RpcError(Code.INTERNAL, "the widget sent a message without a call")
+            )
+        elif len(self._tasks) >= self._max_calls:
+            self._fail(
+                message,
+                frame.call_id,
+                f"the host serves {len(self._tasks)} calls already",
+            )
+        else:
+            task = self.connection.loop.create_task(self._serve(message, frame.call_id))
+            self._tasks.add(task)
+            task.add_done_callback(self._tasks.discard)
+
+    def on_end(self) -> None:
+        for task in self._tasks:
+            task.cancel()
+        if not self.ended.done():
+            self.ended.set_result(None)
+
+    async def _serve(self, message: Any, call_id: int) -> None:
+        answer = self._message_type()
+        answer.browser_id.CopyFrom(message.browser_id)
+        try:
+            response = await self._handler(message.call)
+            answer.response.CopyFrom(response)
+            answer.response.SetInParent()
+            self.connection.send_next(self, answer, call_id)
+        except Fail as failure:
+            self._fail(message, call_id, str(failure))
+        except RpcError as error:  # Too long to be sent, or a call that failed.
+            self._fail(message, call_id, str(error))
+        except asyncio.CancelledError:
+            self._fail(message, call_id, "the handler was cancelled")
+            raise
+        except Exception as error:  # The handler's own fault, which is its author's to see.
+            self._fail(message, call_id, f"the handler raised {type(error).__name__}")
+            self.connection.loop.call_exception_handler(
+                {
+                    "message": f"the handler of {self.method.name} raised",
+                    "exception": error,
+                }
+            )
+
+    def _fail(self, message: Any, call_id: int, text: str) -> None:
+        if not self.is_open:
+            return
+        answer = self._message_type()
+        answer.browser_id.CopyFrom(message.browser_id)
+        self.connection.send_failure(self, answer, call_id, text)
+
+
+class Serving:
+    """This host serves a key, until `close` or the end of `async with`.
+
+    Then the handlers that still run are cancelled. The end of `async with` raises
+    RpcError if the stream had ended before for a reason, such as a widget that is
+    gone.
+    """
+
+    def __init__(self, server: Server) -> None:
+        self._server = server
+
+    def close(self) -> None:
+        """Serves no longer. Harmless when the stream has ended."""
+        self._server.close()
+
+    async def wait_ended(self) -> None:
+        """Returns when the stream has ended; raises RpcError if for a reason."""
+        await asyncio.shield(self._server.ended)
+        if self._server.reason is not None:
+            raise self._server.reason
+
+    async def __aenter__(self) -> Serving:
+        return self
+
+    async def __aexit__(
+        self,
+        kind: type[BaseException] | None,
+        _error: BaseException | None,
+        _trace: TracebackType | None,
+    ) -> None:
+        self.close()
+        if kind is None and self._server.reason is not None:
+            raise self._server.reason

@@ -1,0 +1,4 @@
+from typing import Any
+
+FileDescriptorProto: Any
+ServiceDescriptorProto: Any

@@ -1,0 +1,3 @@
+from google.protobuf.message import Message
+
+class Empty(Message): ...

@@ -1,0 +1,6 @@
+from typing import TypeVar
+
+_T = TypeVar("_T")
+
+class RepeatedScalarFieldContainer(list[_T]): ...
+class RepeatedCompositeFieldContainer(list[_T]): ...

@@ -1,0 +1,4 @@
+from google.protobuf.message import Message
+
+class BoolValue(Message):
+    value: bool

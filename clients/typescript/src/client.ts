@@ -1,0 +1,87 @@
+// The typed client of a service, made from its descriptor.
+
+import {
+  create,
+  type DescMessage,
+  type DescService,
+  type Message,
+  type MessageInitShape,
+  type MessageShape,
+} from '@bufbuild/protobuf';
+import type { GenMessage } from '@bufbuild/protobuf/codegenv2';
+import type { Connection } from './connection.js';
+import { EventSubscriptionSchema } from './rpc/event_subscription_pb.js';
+import type { BrowserIdSchema } from './rpc/browser/browser_id_pb.js';
+import type { AnyHandler, Events, Serving } from './streams.js';
+
+export interface StreamOptions {
+  /** Ends the stream when it is aborted. */
+  signal?: AbortSignal;
+}
+
+export interface CallOptions {
+  /** Gives the call up when it is aborted; the call rejects with its reason. */
+  signal?: AbortSignal;
+  /** Without it the call may take as long as it likes. */
+  timeoutMs?: number;
+}
+
+// What a oneof of the message carries under this name.
+type Stage<T, Name extends string> = {
+  [K in keyof T]-?: ValueOf<Extract<T[K], { case: Name }>>;
+}[keyof T];
+type ValueOf<Member> = Member extends { value: infer V extends Message } ? V : never;
+
+type Init<T extends Message> = MessageInitShape<GenMessage<T>>;
+
+/** Serves a call of the widget. May throw Fail. */
+export type Handler<T extends Message> = (
+  call: Stage<T, 'call'>,
+  context: { signal: AbortSignal },
+) => Init<Stage<T, 'response'>> | Promise<Init<Stage<T, 'response'>>>;
+
+type KeyOf<T> = T extends { browserId?: infer K } ? Init<Extract<K, Message>> : never;
+
+type Method<M> = M extends {
+  methodKind: infer Kind;
+  input: infer I extends DescMessage;
+  output: infer O extends DescMessage;
+}
+  ? Kind extends 'unary'
+    ? (request: MessageInitShape<I>, options?: CallOptions) => Promise<MessageShape<O>>
+    : MessageShape<I> extends { $typeName: 'rpc.EventSubscription' }
+      ? (
+          key: MessageInitShape<typeof BrowserIdSchema>,
+          options?: StreamOptions,
+        ) => Events<MessageShape<O>>
+      : (
+          key: KeyOf<MessageShape<O>>,
+          handler: Handler<MessageShape<O>>,
+          options?: StreamOptions,
+        ) => Serving
+  : never;
+
+/**
+ * The methods of a service. Unary ones return a promise; event streams, of which the
+ * name is by custom `when…`, what can be iterated; callback streams, `on…`, take a
+ * handler. A stream is subscribed when the method is called.
+ */
+export type Client<S extends DescService> = { readonly [K in keyof S['method']]: Method<S['method'][K]> };
+
+export function makeClient<S extends DescService>(connection: Connection, service: S): Client<S> {
+  connection.use(service);
+  const client: Record<string, unknown> = {};
+  for (const method of service.methods) {
+    if (method.methodKind === 'unary') {
+      client[method.localName] = (request: Record<string, unknown>, options?: CallOptions) =>
+        connection.call(method, create(method.input, request), options);
+    } else if (method.input.typeName === EventSubscriptionSchema.typeName) {
+      client[method.localName] = (key: object, options?: StreamOptions) =>
+        connection.watch(method, key, options);
+    } else {
+      client[method.localName] = (key: object, handler: AnyHandler, options?: StreamOptions) =>
+        connection.serve(method, key, handler, options);
+    }
+  }
+  return client as Client<S>;
+}

@@ -1,0 +1,403 @@
+// A host's connection to a widget.
+
+import { once } from 'node:events';
+import { connect as connectSocket, type Socket } from 'node:net';
+import process from 'node:process';
+import {
+  create,
+  type DescMethod,
+  type DescService,
+  type Message,
+  toBinary,
+} from '@bufbuild/protobuf';
+import { type CallOptions, type Client, makeClient, type StreamOptions } from './client.js';
+import { Code, RpcError } from './errors.js';
+import { EventSubscriptionSchema } from './rpc/event_subscription_pb.js';
+import {
+  type Hello,
+  HelloSchema,
+  type StreamMessage,
+  StreamMessage_Kind as Kind,
+} from './rpc/transport/stream_message_pb.js';
+import {
+  type AnyHandler,
+  Barrier,
+  callbackType,
+  EventQueue,
+  type Events,
+  Server,
+  type Serving,
+  stage,
+  type Stream,
+} from './streams.js';
+import { checkFit, encode, errorOf, type FrameInit, FrameReader, helloOf, parse } from './wire.js';
+
+/** How long closing waits for a widget to take what has been sent. */
+const CLOSE_MS = 2000;
+
+export interface Options {
+  /** The longest frame that is sent or accepted; by default 4 MiB. */
+  maxFrameBytes?: number;
+  /**
+   * Once so much waits for the widget to read it, calls and answers fail with
+   * RESOURCE_EXHAUSTED; by default 64 MiB.
+   */
+  maxQueuedBytes?: number;
+  /** Events of one iteration that have come and that nobody has read; by default 16 MiB. */
+  maxUnreadEventBytes?: number;
+  /** Calls of the widget that one handler may be busy with; more fail. By default 1024. */
+  maxServedCalls?: number;
+  /** Told what a handler throws that is no Fail; by default a process warning. */
+  onHandlerError?: (error: unknown) => void;
+}
+
+/** Where a server listens that is not told another path. */
+export function defaultSocketPath(name = 'widget'): string {
+  const runtime = process.env['XDG_RUNTIME_DIR'];
+  const folder = runtime ? `${runtime}/orvane` : `/tmp/orvane-${process.geteuid?.() ?? 0}`;
+  return `${folder}/${name}.sock`;
+}
+
+/**
+ * Connects to the server at a path, by default the widget's usual one, or over a
+ * connected socket. Rejects with RpcError, UNAVAILABLE where nobody listens.
+ */
+export async function connect(
+  to: string | Socket = defaultSocketPath(),
+  options: Options = {},
+): Promise<Connection> {
+  if (typeof to !== 'string') return new Connection(to, options);
+  const socket = connectSocket(to);
+  try {
+    await once(socket, 'connect');
+  } catch (error) {
+    throw new RpcError(Code.UNAVAILABLE, (error as Error).message);
+  }
+  return new Connection(socket, options);
+}
+
+interface PendingCall {
+  method: DescMethod;
+  resolve: (response: Message) => void;
+  reject: (error: unknown) => void;
+}
+
+/**
+ * Calls one service at the other end of a Unix-domain socket.
+ *
+ * What is sent reaches the widget in the order in which it was sent; answers come
+ * in any order. When the connection ends, all that is in progress on it ends with
+ * the same RpcError, `error`, and so does what is begun later. A connection does not
+ * come back: the widget at the other end would be another one.
+ */
+export class Connection {
+  /** Undefined while the connection stands. */
+  error: RpcError | undefined;
+  /** Resolves when the connection has ended, to the reason. */
+  readonly closed: Promise<RpcError>;
+
+  readonly onHandlerError: (error: unknown) => void;
+  readonly #socket: Socket;
+  readonly #options: Required<Omit<Options, 'onHandlerError'>>;
+  readonly #reader: FrameReader;
+  readonly #calls = new Map<bigint, PendingCall>();
+  readonly #streams = new Map<bigint, Stream>();
+  #service: DescService | undefined;
+  #hello: Hello | undefined; // Of this end,
+  #widget: Hello | undefined; // and of the other once it has said it.
+  #lastId = 0n;
+  #tellClosed!: (reason: RpcError) => void;
+
+  constructor(socket: Socket, options: Options) {
+    this.#socket = socket;
+    this.#options = {
+      maxFrameBytes: options.maxFrameBytes ?? 4 << 20,
+      maxQueuedBytes: options.maxQueuedBytes ?? 64 << 20,
+      maxUnreadEventBytes: options.maxUnreadEventBytes ?? 16 << 20,
+      maxServedCalls: options.maxServedCalls ?? 1024,
+    };
+    this.onHandlerError =
+      options.onHandlerError ??
+      ((error) => {
+        process.emitWarning(error instanceof Error ? error : String(error));
+      });
+    this.#reader = new FrameReader(this.#options.maxFrameBytes);
+    this.closed = new Promise((resolve) => (this.#tellClosed = resolve));
+    socket.on('data', (chunk: Buffer) => {
+      this.#received(chunk);
+    });
+    socket.on('error', (error) => {
+      this.#end(new RpcError(Code.UNAVAILABLE, `the connection broke: ${error.message}`));
+    });
+    socket.on('close', () => {
+      this.#end(new RpcError(Code.UNAVAILABLE, 'the widget closed the connection'));
+    });
+  }
+
+  /** The typed client of the service that this connection is for. */
+  client<S extends DescService>(service: S): Client<S> {
+    return makeClient(this, service);
+  }
+
+  /** Ends all that is in progress with CANCELLED, and the connection. */
+  async close(): Promise<void> {
+    this.#end(new RpcError(Code.CANCELLED, 'the connection was closed'));
+    if (this.#socket.closed) return;
+    const timer = setTimeout(() => this.#socket.destroy(), CLOSE_MS);
+    const gone = new Promise((resolve) => this.#socket.once('close', resolve));
+    this.#socket.resume();
+    this.#socket.end();
+    this.#socket.destroySoon();
+    await gone;
+    clearTimeout(timer);
+  }
+
+  /** Says hello for the service that this connection is for from now on. */
+  use(service: DescService): void {
+    if (this.#service?.typeName === service.typeName) return;
+    if (this.#service !== undefined) {
+      throw new RpcError(
+        Code.INVALID_ARGUMENT,
+        `a connection for ${this.#service.typeName} is used for ${service.typeName}`,
+      );
+    }
+    if (this.error !== undefined) throw this.error;
+    this.#service = service;
+    this.#hello = helloOf(service);
+    this.#write({ kind: Kind.HELLO, payload: toBinary(HelloSchema, this.#hello) });
+  }
+
+  /** Calls a unary method. What goes wrong rejects, and is never thrown. */
+  call(method: DescMethod, request: Message, options: CallOptions = {}): Promise<Message> {
+    const { signal, timeoutMs } = options;
+    return new Promise((resolve, reject) => {
+      signal?.throwIfAborted();
+      if (timeoutMs !== undefined && timeoutMs <= 0) {
+        throw new RpcError(Code.DEADLINE_EXCEEDED, 'the call had no time at all');
+      }
+      const id = this.#begin(Kind.CALL, method, toBinary(method.input, request));
+      const call: PendingCall = { method, resolve, reject };
+      this.#calls.set(id, call);
+      if (signal === undefined && timeoutMs === undefined) return;
+
+      const giveUp = (why: unknown): void => {
+        if (!this.#calls.delete(id)) return;
+        this.#write({ kind: Kind.CANCEL, streamId: id });
+        call.reject(why);
+      };
+      const onAbort = (): void => {
+        giveUp(signal?.reason);
+      };
+      const timer =
+        timeoutMs === undefined
+          ? undefined
+          : setTimeout(() => {
+              giveUp(new RpcError(Code.DEADLINE_EXCEEDED, `no answer within ${timeoutMs} ms`));
+            }, timeoutMs);
+      signal?.addEventListener('abort', onAbort);
+      const cleanUp = (): void => {
+        clearTimeout(timer);
+        signal?.removeEventListener('abort', onAbort);
+      };
+      call.resolve = (response) => {
+        cleanUp();
+        resolve(response);
+      };
+      call.reject = (error) => {
+        cleanUp();
+        // eslint-disable-next-line @typescript-eslint/prefer-promise-reject-errors -- a signal's reason may be anything
+        reject(error);
+      };
+    });
+  }
+
+  /** Subscribes to the events of a key, at once. */
+  watch(method: DescMethod, key: object, options: StreamOptions = {}): Events<Message> {
+    const queue = new EventQueue(this, method, this.#options.maxUnreadEventBytes);
+    const subscription = create(EventSubscriptionSchema, {
+      action: { case: 'subscribe', value: key },
+    });
+    this.#open(queue, toBinary(EventSubscriptionSchema, subscription), options);
+    return queue;
+  }
+
+  /** Makes this host the one that serves a key, at once. */
+  serve(method: DescMethod, key: object, handler: AnyHandler, options: StreamOptions = {}): Serving {
+    const type = callbackType(method.output);
+    const server = new Server(this, type, method, handler, this.#options.maxServedCalls);
+    this.#open(server, stage(type, key, { case: 'subscribe', value: true }), options);
+    return server;
+  }
+
+  /** Resolves when the widget has handled all that was sent so far. */
+  async settle(): Promise<void> {
+    const method = this.#service?.methods.find((each) => each.methodKind !== 'unary');
+    if (method === undefined) {
+      throw new RpcError(Code.UNIMPLEMENTED, 'without a stream method nothing tells that');
+    }
+    const barrier = new Barrier(this, method);
+    this.#open(barrier, undefined, {});
+    this.#write({ kind: Kind.COMPLETE, streamId: barrier.streamId });
+    await barrier.ended;
+  }
+
+  // For streams ----------------------------------------------------------------
+
+  sendNext(stream: Stream, payload: Uint8Array, callId = 0n): void {
+    this.#send({ kind: Kind.NEXT, streamId: stream.streamId, callId, payload });
+  }
+
+  sendFailure(stream: Stream, payload: Uint8Array, callId: bigint, text: string): void {
+    this.#write({
+      kind: Kind.ERROR,
+      streamId: stream.streamId,
+      callId,
+      errorCode: Code.UNKNOWN,
+      errorText: Buffer.from(text),
+      payload,
+    });
+  }
+
+  /** Forgets a stream and tells the widget. */
+  complete(stream: Stream): void {
+    this.#streams.delete(stream.streamId);
+    this.#write({ kind: Kind.COMPLETE, streamId: stream.streamId });
+  }
+
+  // ------------------------------------------------------------------------------
+
+  #open(stream: Stream, subscription: Uint8Array | undefined, { signal }: StreamOptions): void {
+    signal?.throwIfAborted();
+    stream.streamId = this.#begin(Kind.OPEN, stream.method, undefined);
+    this.#streams.set(stream.streamId, stream);
+    signal?.addEventListener('abort', () => {
+      stream.close();
+    });
+    if (subscription === undefined) return;
+    try {
+      this.sendNext(stream, subscription);
+    } catch (error) {
+      stream.close();
+      throw error;
+    }
+  }
+
+  #begin(kind: Kind, method: DescMethod, payload: Uint8Array | undefined): bigint {
+    if (this.error !== undefined) throw this.error;
+    this.use(method.parent);
+    const streamId = this.#lastId + 1n;
+    const index = method.parent.methods.indexOf(method);
+    this.#send({ kind, streamId, method: index, ...(payload && { payload }) });
+    this.#lastId = streamId;
+    return streamId;
+  }
+
+  /** As #write, within the limits. */
+  #send(frame: FrameInit): void {
+    if (this.error !== undefined) return;
+    const bytes = encode(frame);
+    const length = bytes.length - 4;
+    if (length > this.#options.maxFrameBytes) {
+      throw new RpcError(
+        Code.RESOURCE_EXHAUSTED,
+        `frame of ${length} bytes; the limit is ${this.#options.maxFrameBytes}`,
+      );
+    }
+    if (this.#socket.writableLength + length > this.#options.maxQueuedBytes) {
+      throw new RpcError(
+        Code.RESOURCE_EXHAUSTED,
+        `${this.#socket.writableLength} bytes wait for the widget to read them; ` +
+          `the limit is ${this.#options.maxQueuedBytes}`,
+      );
+    }
+    this.#socket.write(bytes);
+  }
+
+  #write(frame: FrameInit): void {
+    if (this.error === undefined) this.#socket.write(encode(frame));
+  }
+
+  #received(chunk: Buffer): void {
+    try {
+      for (const frame of this.#reader.feed(chunk)) {
+        if (this.error !== undefined) return;
+        this.#take(frame);
+      }
+    } catch (error) {
+      if (!(error instanceof RpcError)) throw error;
+      this.#end(error);
+      this.#socket.destroy();
+    }
+  }
+
+  /** RpcError ends the connection. */
+  #take(frame: StreamMessage): void {
+    const { kind, streamId } = frame;
+    if (kind === Kind.ERROR && streamId === 0n) {
+      throw new RpcError(
+        Code.UNAVAILABLE,
+        `the widget ended the connection: ${errorOf(frame).text}`,
+      );
+    }
+    if (this.#hello === undefined || (kind === Kind.HELLO) !== (this.#widget === undefined)) {
+      throw new RpcError(
+        Code.UNAVAILABLE,
+        "the widget's first frame, and only that, has to be a hello",
+      );
+    }
+    switch (kind) {
+      case Kind.HELLO:
+        this.#widget = parse(HelloSchema, frame.payload, Code.UNAVAILABLE, "the widget's hello");
+        checkFit(this.#hello, this.#widget);
+        return;
+      case Kind.REPLY:
+        this.#endCall(frame);
+        return;
+      case Kind.NEXT:
+        this.#streams.get(streamId)?.onNext(frame); // Else it has ended; this was on its way.
+        return;
+      case Kind.COMPLETE:
+        this.#endStream(streamId);
+        return;
+      case Kind.ERROR:
+        if (this.#calls.has(streamId)) this.#endCall(frame);
+        else this.#endStream(streamId, errorOf(frame));
+        return;
+      default:
+        throw new RpcError(Code.UNAVAILABLE, `the widget sent a frame of kind ${kind}`);
+    }
+  }
+
+  #endCall(frame: StreamMessage): void {
+    const call = this.#calls.get(frame.streamId);
+    if (call === undefined) return; // Given up; the answer was on its way.
+    this.#calls.delete(frame.streamId);
+    if (frame.kind === Kind.ERROR) {
+      call.reject(errorOf(frame));
+      return;
+    }
+    try {
+      call.resolve(parse(call.method.output, frame.payload, Code.INTERNAL, 'the response'));
+    } catch (error) {
+      call.reject(error);
+    }
+  }
+
+  #endStream(streamId: bigint, reason?: RpcError): void {
+    const stream = this.#streams.get(streamId);
+    this.#streams.delete(streamId);
+    stream?.end(reason);
+  }
+
+  #end(error: RpcError): void {
+    if (this.error !== undefined) return;
+    this.error = error;
+    const calls = [...this.#calls.values()];
+    const streams = [...this.#streams.values()];
+    this.#calls.clear();
+    this.#streams.clear();
+    for (const call of calls) call.reject(error);
+    for (const stream of streams) stream.end(error);
+    this.#tellClosed(error);
+  }
+}

@@ -1,0 +1,297 @@
+// The host's side of streams.
+
+import {
+  create,
+  type DescField,
+  type DescMessage,
+  type DescMethod,
+  getOption,
+  type Message,
+  toBinary,
+} from '@bufbuild/protobuf';
+import type { Connection } from './connection.js';
+import { Code, Fail, RpcError } from './errors.js';
+import { slow_host, SlowHost } from './rpc/stream_options_pb.js';
+import type { StreamMessage } from './rpc/transport/stream_message_pb.js';
+import { parse } from './wire.js';
+
+// What an unread event takes beside its bytes, about.
+const EVENT_OVERHEAD_BYTES = 128;
+
+/** An open stream, as its connection sees it. */
+export abstract class Stream {
+  streamId = 0n; // Given by the connection.
+  isOpen = true;
+  reason: RpcError | undefined; // Of an end that was not orderly.
+
+  constructor(
+    readonly connection: Connection,
+    readonly method: DescMethod,
+  ) {}
+
+  abstract onNext(frame: StreamMessage): void;
+  abstract onEnd(): void;
+
+  /** The stream has ended at the other end. */
+  end(reason?: RpcError): void {
+    if (!this.isOpen) return;
+    this.isOpen = false;
+    this.reason = reason;
+    this.onEnd();
+  }
+
+  /** Ends it here and tells the widget. Harmless when it has ended. */
+  close(reason?: RpcError): void {
+    if (!this.isOpen) return;
+    this.connection.complete(this);
+    this.end(reason);
+  }
+}
+
+/**
+ * The events of one key, from the call that returned this on.
+ *
+ * The iteration ends when the widget completes the stream. It throws RpcError when
+ * the stream ends otherwise, also when more events came than were read
+ * (`Options.maxUnreadEventBytes`), after the events that came before. Events of a
+ * method with SLOW_HOST_KEEP_LATEST lose their oldest instead.
+ *
+ * The stream is open until `close`, until an iteration is left, or until the
+ * signal that it was opened with is aborted.
+ */
+export interface Events<Event> extends AsyncIterableIterator<Event> {
+  /** Ends the stream. Harmless when it has ended; unread events stay. */
+  close(): void;
+}
+
+interface Reader {
+  resolve: (result: IteratorResult<Message, undefined>) => void;
+  reject: (reason: Error) => void;
+}
+
+export class EventQueue extends Stream implements Events<Message> {
+  #payloads: Uint8Array[] = [];
+  #bytes = 0;
+  // Waits for what comes next; nothing is queued then.
+  #reader: Reader | undefined;
+  readonly #keepsLatest: boolean;
+
+  constructor(
+    connection: Connection,
+    method: DescMethod,
+    readonly maxBytes: number,
+  ) {
+    super(connection, method);
+    this.#keepsLatest = getOption(method, slow_host) === SlowHost.KEEP_LATEST;
+  }
+
+  override onNext(frame: StreamMessage): void {
+    // A copy of its own, since what has arrived with it need not be kept.
+    this.#payloads.push(frame.payload.slice());
+    this.#bytes += frame.payload.length + EVENT_OVERHEAD_BYTES;
+    this.#deliver();
+    if (this.#bytes <= this.maxBytes) return;
+    if (this.#keepsLatest) {
+      this.#take();
+      return;
+    }
+    this.#payloads.pop();
+    this.close(
+      new RpcError(
+        Code.RESOURCE_EXHAUSTED,
+        `more events of ${this.method.name} came than were read; the limit is ${this.maxBytes} bytes`,
+      ),
+    );
+  }
+
+  override onEnd(): void {
+    this.#deliver();
+  }
+
+  /** Answers at once when there is something, so that order is that of arrival. */
+  next(): Promise<IteratorResult<Message, undefined>> {
+    if (this.#reader !== undefined) {
+      return Promise.reject(new Error(`two readers wait for events of ${this.method.name}`));
+    }
+    return new Promise((resolve, reject) => {
+      this.#reader = { resolve, reject };
+      this.#deliver();
+    });
+  }
+
+  #deliver(): void {
+    const reader = this.#reader;
+    if (reader === undefined) return;
+    const payload = this.#take();
+    if (payload === undefined && this.isOpen) return;
+    this.#reader = undefined;
+    if (payload !== undefined) {
+      try {
+        const value = parse(this.method.output, payload, Code.INTERNAL, 'an event');
+        reader.resolve({ done: false, value });
+      } catch (error) {
+        this.close(error as RpcError);
+        reader.reject(error as RpcError);
+      }
+    } else if (this.reason !== undefined) {
+      reader.reject(this.reason);
+    } else {
+      reader.resolve({ done: true, value: undefined });
+    }
+  }
+
+  #take(): Uint8Array | undefined {
+    const payload = this.#payloads.shift();
+    if (payload !== undefined) this.#bytes -= payload.length + EVENT_OVERHEAD_BYTES;
+    return payload;
+  }
+
+  return(): Promise<IteratorResult<Message, undefined>> {
+    this.close();
+    return Promise.resolve({ done: true, value: undefined });
+  }
+
+  [Symbol.asyncIterator](): this {
+    return this;
+  }
+}
+
+/** This host serves a key, until `close`. Then its handlers' signals are aborted. */
+export interface Serving {
+  /** Serves no longer. Harmless when the stream has ended. */
+  close(): void;
+  /** Settles when the stream has ended; rejects with RpcError if for a reason. */
+  readonly ended: Promise<void>;
+}
+
+export type AnyHandler = (call: Message, context: { signal: AbortSignal }) => unknown;
+
+/** What the messages of a callback stream are made of. */
+export interface CallbackType {
+  message: DescMessage;
+  key: DescField;
+  call: DescField;
+  response: DescField;
+}
+
+export function callbackType(message: DescMessage): CallbackType {
+  const field = (name: string): DescField => {
+    const found = message.fields.find((each) => each.name === name);
+    if (found === undefined) throw new TypeError(`${message.typeName} has no field ${name}`);
+    return found;
+  };
+  return {
+    message,
+    key: field('browser_id'),
+    call: field('call'),
+    response: field('response'),
+  };
+}
+
+/** A message of the type with its key and one member of its oneof. */
+export function stage(
+  type: CallbackType,
+  key: unknown,
+  member?: { case: string; value: unknown },
+): Uint8Array {
+  const oneof = type.call.oneof?.localName ?? '';
+  const init = { [type.key.localName]: key, ...(member && { [oneof]: member }) };
+  return toBinary(type.message, create(type.message, init));
+}
+
+export class Server extends Stream implements Serving {
+  readonly ended: Promise<void>;
+  #settle!: (reason?: RpcError) => void;
+  #busy = 0;
+  readonly #left = new AbortController();
+
+  constructor(
+    connection: Connection,
+    readonly type: CallbackType,
+    method: DescMethod,
+    readonly handler: AnyHandler,
+    readonly maxCalls: number,
+  ) {
+    super(connection, method);
+    this.ended = new Promise((resolve, reject) => {
+      this.#settle = (reason) => {
+        if (reason === undefined) resolve();
+        else reject(reason);
+      };
+    });
+    this.ended.catch(() => undefined); // Whoever wants to know asks.
+  }
+
+  override onNext(frame: StreamMessage): void {
+    let message: Message & Partial<Record<string, unknown>>;
+    try {
+      message = parse(this.type.message, frame.payload, Code.INTERNAL, 'a call');
+    } catch (error) {
+      this.close(error as RpcError);
+      return;
+    }
+    const key = message[this.type.key.localName];
+    const member = message[this.type.call.oneof?.localName ?? ''] as
+      | { case?: string; value?: unknown }
+      | undefined;
+    if (member?.case !== this.type.call.localName) {
+      this.close(new RpcError(Code.INTERNAL, 'the widget sent a message without a call'));
+    } else if (this.#busy >= this.maxCalls) {
+      this.#fail(key, frame.callId, `the host serves ${this.#busy} calls already`);
+    } else {
+      void this.#serve(key, frame.callId, member.value as Message);
+    }
+  }
+
+  override onEnd(): void {
+    this.#left.abort(new Fail('the stream has ended'));
+    this.#settle(this.reason);
+  }
+
+  async #serve(key: unknown, callId: bigint, call: Message): Promise<void> {
+    ++this.#busy;
+    try {
+      const value = await this.handler(call, { signal: this.#left.signal });
+      const answer = { case: this.type.response.localName, value };
+      if (this.isOpen) this.connection.sendNext(this, stage(this.type, key, answer), callId);
+    } catch (error) {
+      if (error instanceof Fail || error instanceof RpcError) {
+        this.#fail(key, callId, error.message);
+      } else {
+        const name = error instanceof Error ? error.name : typeof error;
+        this.#fail(key, callId, `the handler threw ${name}`);
+        this.connection.onHandlerError(error);
+      }
+    } finally {
+      --this.#busy;
+    }
+  }
+
+  #fail(key: unknown, callId: bigint, text: string): void {
+    if (this.isOpen) this.connection.sendFailure(this, stage(this.type, key), callId, text);
+  }
+}
+
+/** A stream that is opened only to learn when it has ended. */
+export class Barrier extends Stream {
+  readonly ended: Promise<void>;
+  #settle!: () => void;
+
+  constructor(connection: Connection, method: DescMethod) {
+    super(connection, method);
+    this.ended = new Promise((resolve, reject) => {
+      this.#settle = () => {
+        if (this.reason === undefined) resolve();
+        else reject(this.reason);
+      };
+    });
+  }
+
+  override onNext(): void {
+    // Nobody has subscribed to anything.
+  }
+
+  override onEnd(): void {
+    this.#settle();
+  }
+}

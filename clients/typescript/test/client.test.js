@@ -1,0 +1,216 @@
+// What the client promises beyond what travels.
+
+import assert from 'node:assert/strict';
+import { once } from 'node:events';
+import { after, test } from 'node:test';
+import { create, toBinary } from '@bufbuild/protobuf';
+import { Code, connect, Fail, RpcError } from '../dist/index.js';
+import { BrowserWidgetRpc } from '../dist/rpc/browser/browser_widget_pb.js';
+import { CursorChangedSchema } from '../dist/rpc/browser/cursor_pb.js';
+import { TakeFocusSchema } from '../dist/rpc/browser/focus_pb.js';
+import { TooltipChangedSchema } from '../dist/rpc/browser/tooltip_pb.js';
+import { StreamMessage_Kind as Kind } from '../dist/rpc/transport/stream_message_pb.js';
+import { encode, FrameReader } from '../dist/wire.js';
+import { Pairs } from './scripted.js';
+
+const browser = { value: 9n };
+const pairs = new Pairs();
+after(() => pairs.close());
+
+/** The other end: takes frames apart and sends what a test tells it to. */
+class Widget {
+  #frames = [];
+  #reader = new FrameReader(4 << 20);
+
+  constructor(socket) {
+    this.socket = socket;
+    socket.pause();
+  }
+
+  async frame() {
+    while (this.#frames.length === 0) {
+      const chunk = this.socket.read();
+      if (chunk === null) await once(this.socket, 'readable');
+      else this.#frames.push(...this.#reader.feed(chunk));
+    }
+    return this.#frames.shift();
+  }
+
+  send(frame) {
+    this.socket.write(encode(frame));
+  }
+
+  /** All that it has sent has been handled by the host. */
+  async settle(connection) {
+    const settled = connection.settle();
+    let frame;
+    do frame = await this.frame();
+    while (frame.kind !== Kind.COMPLETE);
+    this.send({ kind: Kind.COMPLETE, streamId: frame.streamId });
+    await settled;
+  }
+}
+
+async function connected(run, options = {}) {
+  const { near, far } = await pairs.next();
+  const connection = await connect(near, options);
+  const host = connection.client(BrowserWidgetRpc);
+  const widget = new Widget(far);
+  widget.send(await widget.frame());
+  await run(host, widget, connection);
+  far.destroy();
+  await connection.close();
+}
+
+const failsWith = (code) => (error) => error instanceof RpcError && error.code === code;
+
+test('an aborted signal gives up its call', { timeout: 20_000 }, () =>
+  connected(async (host, widget) => {
+    const controller = new AbortController();
+    const call = host.show(browser, { signal: controller.signal });
+    const sent = await widget.frame();
+    controller.abort();
+    await assert.rejects(call, { name: 'AbortError' });
+    const frame = await widget.frame();
+    assert.equal(frame.kind, Kind.CANCEL);
+    assert.equal(frame.streamId, sent.streamId);
+  }));
+
+test('a signal that is aborted already begins nothing', () =>
+  connected(async (host, widget, connection) => {
+    const signal = AbortSignal.abort();
+    await assert.rejects(host.show(browser, { signal }), { name: 'AbortError' });
+    assert.throws(() => host.whenTooltipChanged(browser, { signal }), { name: 'AbortError' });
+    await widget.settle(connection);
+  }));
+
+test('a call ends at its timeout', { timeout: 20_000 }, () =>
+  connected(async (host, widget) => {
+    await assert.rejects(host.show(browser, { timeoutMs: 10 }), failsWith(Code.DEADLINE_EXCEEDED));
+    await widget.frame();
+    assert.equal((await widget.frame()).kind, Kind.CANCEL);
+  }));
+
+test('the end of the connection ends all with its reason', { timeout: 20_000 }, () =>
+  connected(async (host, widget, connection) => {
+    const call = host.show(browser);
+    const events = host.whenTooltipChanged(browser);
+    const serving = host.onTakeFocus(browser, () => ({ taken: true }));
+    widget.socket.destroy();
+    await assert.rejects(call, failsWith(Code.UNAVAILABLE));
+    await assert.rejects(events.next(), failsWith(Code.UNAVAILABLE));
+    await assert.rejects(serving.ended, failsWith(Code.UNAVAILABLE));
+    await assert.rejects(host.hide(browser), failsWith(Code.UNAVAILABLE));
+    assert.equal(await connection.closed, connection.error);
+  }));
+
+test('leaving an iteration ends its stream', { timeout: 20_000 }, () =>
+  connected(async (host, widget) => {
+    const events = host.whenTooltipChanged(browser);
+    const { streamId } = await widget.frame();
+    await widget.frame();
+    const payload = toBinary(TooltipChangedSchema, create(TooltipChangedSchema, { text: 'Hi' }));
+    widget.send({ kind: Kind.NEXT, streamId, payload });
+    for await (const event of events) {
+      assert.equal(event.text, 'Hi');
+      break;
+    }
+    assert.equal((await widget.frame()).kind, Kind.COMPLETE);
+  }));
+
+test('unread events are bounded', { timeout: 20_000 }, () =>
+  connected(
+    async (host, widget, connection) => {
+      const events = host.whenDropDownDeleted(browser);
+      const { streamId } = await widget.frame();
+      for (let i = 0; i < 100; ++i) widget.send({ kind: Kind.NEXT, streamId });
+      await widget.settle(connection);
+      let count = 0;
+      await assert.rejects(async () => {
+        for await (const event of events) count += event ? 1 : 0;
+      }, failsWith(Code.RESOURCE_EXHAUSTED));
+      assert.equal(count, 7); // 128 bytes each.
+    },
+    { maxUnreadEventBytes: 1000 },
+  ));
+
+test('the latest is kept where only that counts', { timeout: 20_000 }, () =>
+  connected(
+    async (host, widget, connection) => {
+      const events = host.whenCursorChanged(browser);
+      const { streamId } = await widget.frame();
+      for (let value = 1n; value <= 100n; ++value) {
+        const event = create(CursorChangedSchema, { browserId: { value } });
+        widget.send({ kind: Kind.NEXT, streamId, payload: toBinary(CursorChangedSchema, event) });
+      }
+      await widget.settle(connection);
+      events.close();
+      const values = [];
+      for await (const event of events) values.push(event.browserId.value);
+      assert.equal(values.at(-1), 100n);
+      assert(values.length < 8);
+    },
+    { maxUnreadEventBytes: 1000 },
+  ));
+
+test('what the widget does not read is bounded', { timeout: 20_000 }, () =>
+  connected(
+    async (host, widget, connection) => {
+      const [method] = BrowserWidgetRpc.methods;
+      const request = create(method.input);
+      // A field of 10 000 bytes that nobody knows.
+      const data = Buffer.concat([Buffer.of(0x90, 0x4e), Buffer.alloc(10_000)]);
+      request.$unknown = [{ no: 99, wireType: 2, data }];
+      const calls = Array.from({ length: 200 }, () => connection.call(method, request));
+      const settled = Promise.allSettled(calls);
+      widget.socket.destroy();
+      const failures = (await settled).map(({ reason }) => reason.code);
+      assert(failures.includes(Code.RESOURCE_EXHAUSTED));
+    },
+    { maxQueuedBytes: 100_000 },
+  ));
+
+async function serveOne(host, widget, handler) {
+  const serving = host.onTakeFocus(browser, handler);
+  const { streamId } = await widget.frame();
+  await widget.frame();
+  const call = create(TakeFocusSchema, { browserId: browser, stage: { case: 'call', value: {} } });
+  widget.send({ kind: Kind.NEXT, streamId, callId: 1n, payload: toBinary(TakeFocusSchema, call) });
+  const answer = await widget.frame();
+  serving.close();
+  return answer;
+}
+
+test('a handler that throws fails its call and is reported', { timeout: 20_000 }, () => {
+  const reported = [];
+  const mistake = new TypeError('oops');
+  return connected(
+    async (host, widget) => {
+      const answer = await serveOne(host, widget, () => {
+        throw mistake;
+      });
+      assert.equal(answer.kind, Kind.ERROR);
+      assert.equal(Buffer.from(answer.errorText).toString(), 'the handler threw TypeError');
+      assert.deepEqual(reported, [mistake]);
+    },
+    { onHandlerError: (error) => reported.push(error) },
+  );
+});
+
+test('a handler may fail its call', { timeout: 20_000 }, () =>
+  connected(async (host, widget) => {
+    const answer = await serveOne(host, widget, () => Promise.reject(new Fail('no control')));
+    assert.equal(Buffer.from(answer.errorText).toString(), 'no control');
+  }));
+
+test('calls beyond the limit fail', { timeout: 20_000 }, () =>
+  connected(
+    async (host, widget) => {
+      const answer = await serveOne(host, widget, () => ({ taken: true }));
+      assert.equal(answer.kind, Kind.ERROR);
+    },
+    { maxServedCalls: 0 },
+  ));
+
+test('nobody listens', () =>
+  assert.rejects(connect('/nowhere/widget.sock'), failsWith(Code.UNAVAILABLE)));

@@ -1,0 +1,293 @@
+#include "zimbrel/src/core/common/rpc/generator/python_printer.h"
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "google/protobuf/compiler/python/generator.h"
+#include "google/protobuf/compiler/python/pyi_generator.h"
+#include "google/protobuf/io/zero_copy_stream.h"
+#include "google/protobuf/io/zero_copy_stream_impl_lite.h"
+
+#include "zimbrel/src/core/common/rpc/generator/python_names.h"
+
+namespace orvane::generator {
+namespace {
+
+using google::protobuf::Descriptor;
+using google::protobuf::FileDescriptor;
+using google::protobuf::MethodDescriptor;
+using google::protobuf::compiler::GeneratorContext;
+using google::protobuf::io::Printer;
+using google::protobuf::io::StringOutputStream;
+using google::protobuf::io::ZeroCopyOutputStream;
+
+// The message that the requests of a stream have in a field.
+const Descriptor& TypeOfField(const MethodDescriptor& method,
+                              const char* field) {
+  return *method.input_type()->FindFieldByName(field)->message_type();
+}
+
+std::vector<const Descriptor*> TypesOf(const MethodModel& method) {
+  const MethodDescriptor& proto = *method.proto;
+  switch (method.kind) {
+    case MethodKind::kUnary:
+      return {proto.input_type(), proto.output_type()};
+    case MethodKind::kEventStream:
+      return {&TypeOfField(proto, "subscribe"), proto.output_type()};
+    case MethodKind::kCallbackStream:
+      break;
+  }
+  return {&TypeOfField(proto, "browser_id"), &TypeOfField(proto, "call"),
+          &TypeOfField(proto, "response"), proto.output_type()};
+}
+
+// The modules that a client imports, each with the name it has there.
+class Imports {
+ public:
+  explicit Imports(const FileModel& file) {
+    Add(*file.proto);
+    for (const ServiceModel& service : file.services) {
+      for (const MethodModel& method : service.methods) {
+        for (const Descriptor* type : TypesOf(method)) Add(*type->file());
+      }
+    }
+    std::map<std::string, int> last_parts;
+    for (const auto& [module, name] : names_) ++last_parts[LastPart(module)];
+    for (auto& [module, name] : names_) {
+      name = LastPart(module);
+      if (last_parts[name] == 1) continue;
+      name = module;
+      for (char& c : name) c = c == '.' ? '_' : c;
+    }
+  }
+
+  // How the class of a message is spelled.
+  std::string Spelled(const Descriptor& type) const {
+    return NameOf(*type.file()) + "." + ClassInModule(type);
+  }
+
+  const std::string& NameOf(const FileDescriptor& file) const {
+    return names_.at(MessageModule(file));
+  }
+
+  // In the order of the modules.
+  void Print(Printer* out) const {
+    for (const auto& [module, name] : names_) {
+      const std::size_t dot = module.rfind('.');
+      if (dot != std::string::npos)
+        out->Print("from $package$ ", "package", module.substr(0, dot));
+      const std::string last = LastPart(module);
+      out->Print("import $module$", "module", last);
+      if (name != last) out->Print(" as $name$", "name", name);
+      out->Print("\n");
+    }
+  }
+
+ private:
+  static std::string LastPart(const std::string& module) {
+    const std::size_t dot = module.rfind('.');
+    return dot == std::string::npos ? module : module.substr(dot + 1);
+  }
+
+  void Add(const FileDescriptor& file) {
+    names_.emplace(MessageModule(file), "");
+  }
+
+  std::map<std::string, std::string> names_;  // By module.
+};
+
+// A comment's text as it may stand between the quotes of a docstring.
+std::string Escaped(const std::string& line) {
+  std::string text;
+  for (const char c : line) {
+    if (c == '\\' || c == '"') text.push_back('\\');
+    text.push_back(c);
+  }
+  return text;
+}
+
+// `lines` begin with a blank each, as they would behind "//".
+void PrintDocstring(const std::string& indent,
+                    const std::vector<std::string>& lines, Printer* out) {
+  static constexpr char kQuotes[] = R"(""")";
+  std::string text = indent + kQuotes;
+  bool is_first = true;
+  for (const std::string& line : lines) {
+    const std::string words =
+        Escaped(line.starts_with(" ") ? line.substr(1) : line);
+    if (!is_first) text += "\n" + (words.empty() ? "" : indent);
+    text += words;
+    is_first = false;
+  }
+  if (lines.size() > 1) text += "\n" + indent;
+  text += kQuotes;
+  out->PrintRaw(text + "\n");
+}
+
+std::vector<std::string> Documentation(const std::vector<std::string>& comment,
+                                       const std::string& otherwise) {
+  return comment.empty() ? std::vector<std::string>{otherwise} : comment;
+}
+
+void PrintUnary(const MethodModel& method, const Imports& imports,
+                Printer* out) {
+  out->Print(
+      "\n"
+      "    async def $name$(\n"
+      "        self,\n"
+      "        request: $request$,\n"
+      "        *,\n"
+      "        timeout: float | None = None,\n"
+      "    ) -> $response$:\n",
+      "name", PythonMethodName(method.proto_name), "request",
+      imports.Spelled(*method.proto->input_type()), "response",
+      imports.Spelled(*method.proto->output_type()));
+  PrintDocstring(
+      "        ",
+      Documentation(method.comment, " Calls " + method.proto_name + "."), out);
+  out->Print(
+      "        return await self._connection.call(\n"
+      "            self.SERVICE.methods[$index$], request, $response$, "
+      "timeout\n"
+      "        )\n",
+      "index", std::to_string(method.index), "response",
+      imports.Spelled(*method.proto->output_type()));
+}
+
+void PrintEventStream(const MethodModel& method, const Imports& imports,
+                      Printer* out) {
+  out->Print(
+      "\n"
+      "    def $name$(\n"
+      "        self, key: $key$\n"
+      "    ) -> orvane.Events[$event$]:\n",
+      "name", PythonMethodName(method.proto_name), "key",
+      imports.Spelled(TypeOfField(*method.proto, "subscribe")), "event",
+      imports.Spelled(*method.proto->output_type()));
+  PrintDocstring(
+      "        ",
+      Documentation(method.comment, " Watches " + method.proto_name + "."),
+      out);
+  out->Print(
+      "        return self._connection.watch(\n"
+      "            self.SERVICE.methods[$index$], key, $event$\n"
+      "        )\n",
+      "index", std::to_string(method.index), "event",
+      imports.Spelled(*method.proto->output_type()));
+}
+
+void PrintCallbackStream(const MethodModel& method, const Imports& imports,
+                         Printer* out) {
+  out->Print(
+      "\n"
+      "    def $name$(\n"
+      "        self,\n"
+      "        key: $key$,\n"
+      "        handler: orvane.Handler[\n"
+      "            $call$,\n"
+      "            $response$,\n"
+      "        ],\n"
+      "    ) -> orvane.Serving:\n",
+      "name", PythonMethodName(method.proto_name), "key",
+      imports.Spelled(TypeOfField(*method.proto, "browser_id")), "call",
+      imports.Spelled(TypeOfField(*method.proto, "call")), "response",
+      imports.Spelled(TypeOfField(*method.proto, "response")));
+  PrintDocstring(
+      "        ",
+      Documentation(method.comment, " Serves " + method.proto_name + "."), out);
+  out->Print(
+      "        return self._connection.serve(\n"
+      "            self.SERVICE.methods[$index$], key, $type$, handler\n"
+      "        )\n",
+      "index", std::to_string(method.index), "type",
+      imports.Spelled(*method.proto->output_type()));
+}
+
+void PrintMethod(const MethodModel& method, const Imports& imports,
+                 Printer* out) {
+  switch (method.kind) {
+    case MethodKind::kUnary:
+      return PrintUnary(method, imports, out);
+    case MethodKind::kEventStream:
+      return PrintEventStream(method, imports, out);
+    case MethodKind::kCallbackStream:
+      return PrintCallbackStream(method, imports, out);
+  }
+}
+
+void PrintClient(const ServiceModel& service, const FileModel& file,
+                 const Imports& imports, Printer* out) {
+  const std::string name(service.proto->name());
+  out->Print("\n\nclass $name$Client:\n", "name", name);
+  PrintDocstring(
+      "    ",
+      Documentation(service.comment, " Calls " + service.full_name + "."), out);
+  out->Print(
+      "\n"
+      "    SERVICE = $module$.DESCRIPTOR.services_by_name[\"$name$\"]\n"
+      "\n"
+      "    def __init__(self, connection: orvane.Connection) -> None:\n"
+      "        connection.use(self.SERVICE)\n"
+      "        self._connection = connection\n",
+      "module", imports.NameOf(*file.proto), "name", name);
+  for (const MethodModel& method : service.methods)
+    PrintMethod(method, imports, out);
+}
+
+// Keeps what protoc's generators write.
+class Captured final : public GeneratorContext {
+ public:
+  explicit Captured(GeneratorContext* real) : real_(real) {}
+
+  ZeroCopyOutputStream* Open(const std::string& name) override {
+    return new StringOutputStream(&files_[name]);
+  }
+  void ListParsedFiles(std::vector<const FileDescriptor*>* files) override {
+    real_->ListParsedFiles(files);
+  }
+
+  const std::map<std::string, std::string>& files() const { return files_; }
+
+ private:
+  GeneratorContext* const real_;
+  std::map<std::string, std::string> files_;
+};
+
+}  // namespace
+
+void PrintPythonClient(const FileModel& file, Printer* out) {
+  const Imports imports(file);
+  out->Print(
+      "# Generated by protoc-gen-orvane from $path$. Do not edit.\n"
+      "\"\"\"The host's side of the services of $path$.\"\"\"\n"
+      "\n"
+      "from __future__ import annotations\n"
+      "\n"
+      "import orvane\n",
+      "path", file.path);
+  imports.Print(out);
+  for (const ServiceModel& service : file.services)
+    PrintClient(service, file, imports, out);
+}
+
+bool WritePythonMessages(const FileDescriptor& file, GeneratorContext* context,
+                         std::string* error) {
+  Captured captured(context);
+  if (!google::protobuf::compiler::python::Generator().Generate(
+          &file, "", &captured, error) ||
+      !google::protobuf::compiler::python::PyiGenerator().Generate(
+          &file, "", &captured, error)) {
+    return false;
+  }
+  for (const auto& [name, code] : captured.files()) {
+    const std::unique_ptr<ZeroCopyOutputStream> stream(context->Open(name));
+    Printer(stream.get(), '$').PrintRaw(WithImportsOfOrvane(code));
+  }
+  return true;
+}
+
+}  // namespace orvane::generator
