@@ -22,7 +22,8 @@ void Pass(const Message& sent, std::string* bytes, Message* received) {
   if (!received->ParseFromString(*bytes)) Fail("cannot parse a message");
 }
 
-// Each ends in a message of its own; those of unary calls come back.
+// Parses each payload into a new message. A unary call also passes its
+// response.
 void PassPayloads(const Options& options, Meter& meter) {
   Payload sent;
   sent.set_data(std::string(options.payload_bytes, '\0'));
