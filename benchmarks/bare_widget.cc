@@ -1,4 +1,5 @@
-// Apart from the benchmark, so that the compiler cannot see through the calls.
+// In a file of its own, so that the compiler cannot inline the calls into the
+// benchmark.
 
 #include "benchmarks/bare_widget.h"
 

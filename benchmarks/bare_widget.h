@@ -1,4 +1,4 @@
-// What dispatch costs at least: a switch on an index that the caller knows,
+// The least that dispatch can cost: a switch on an index that the caller knows,
 // then a virtual call.
 
 #ifndef BENCHMARKS_BARE_WIDGET_H_
@@ -71,7 +71,7 @@ class BareWidget {
   UNARY_METHODS(DECLARE)
 #undef DECLARE
 
-  // `index` is that of the method, from 0.
+  // Calls the method with this index, from 0.
   void Call(int index, google::protobuf::RpcController* controller,
             const google::protobuf::Message* request,
             google::protobuf::Message* response,

@@ -1,6 +1,6 @@
-// From CallMethod to a handler: ours, beside a bare switch plus virtual call,
-// and beside the dispatch of protobuf's own generic services. Each calls the 40
-// unary methods in one random order, which neither side can predict.
+// From CallMethod to a handler: ours, a bare switch plus virtual call, and the
+// dispatch of protobuf's own generic services. Each calls the 40 unary methods
+// in the same random order.
 
 #include <array>
 #include <cstddef>
@@ -25,7 +25,7 @@ using google::protobuf::RpcController;
 
 constexpr std::size_t kUnaryCount = 40;
 
-// Every handler does this little.
+// The body of every handler.
 #define COUNT_CALL(Name, Request, Response)                                 \
   void Name(RpcController*, const Request*, Response*, Closure*) override { \
     ++calls;                                                                \
@@ -51,7 +51,7 @@ class CountingBareWidget final : public benchmarks::BareWidget {
 
 #undef COUNT_CALL
 
-// One call of each step, with messages of the method's types.
+// One call, with messages of the method's types.
 struct Step {
   int index;
   const MethodDescriptor* method;
@@ -59,7 +59,7 @@ struct Step {
   Message* response;
 };
 
-// The unary methods of a service in an order that is the same for all.
+// Calls of a service's unary methods, in an order that is the same for all.
 class Steps {
  public:
   explicit Steps(google::protobuf::Service* service) {
@@ -91,7 +91,7 @@ class Steps {
   std::vector<Step> steps_;
 };
 
-// Walks the steps over and over; `call` makes one call, each of which counts.
+// Repeats all steps; `call` makes one call, which must add one to `calls`.
 template <typename Call>
 void Run(benchmark::State& state, const Steps& steps, const long& calls,
          const Call& call) {

@@ -1,13 +1,13 @@
-# Provides Abseil, its logging library included, as imported targets absl::…
+# Provides Abseil, including its logging library, as imported targets absl::…
 #
-# A system Abseil with absl/log is used when there is one. Debian 12's is too
-# old for that, so otherwise the libraries that we use are built from the source
-# which scripts/setup put into the cache, once for each compiler and sanitizer,
-# since code under a sanitizer must not be mixed with code that is not. Then
-# ORVANE_BUILT_ABSEIL is that build, which packaging/ installs with ours.
+# Uses the system's Abseil if it has absl/log. Debian 12's is too old for that.
+# Then the libraries that we use are built from the source that scripts/setup put
+# into the cache, once for each compiler and sanitizer, since code with and
+# without a sanitizer must not be mixed. ORVANE_BUILT_ABSEIL is then the folder of
+# that build, which packaging/ installs with our libraries.
 
 set(ORVANE_CACHE_DIR "$ENV{ORVANE_CACHE_DIR}" CACHE PATH
-    "Where sources and builds of dependencies are kept between build trees")
+    "Folder for sources and builds of dependencies, shared by all build trees")
 if(NOT ORVANE_CACHE_DIR)
   if(DEFINED ENV{XDG_CACHE_HOME})
     set(ORVANE_CACHE_DIR "$ENV{XDG_CACHE_HOME}/orvane")
@@ -17,7 +17,7 @@ if(NOT ORVANE_CACHE_DIR)
 endif()
 
 if(TARGET absl::log)
-  message(STATUS "Abseil: that of the project around this one")
+  message(STATUS "Abseil: from the enclosing project")
   return()
 endif()
 
@@ -32,8 +32,8 @@ endif()
 set(abseil_source_dir "${ORVANE_CACHE_DIR}/abseil-20240722.0/source")
 if(NOT EXISTS "${abseil_source_dir}/CMakeLists.txt")
   message(FATAL_ERROR
-    "Abseil with its logging library is missing: neither the system has it nor "
-    "${abseil_source_dir}; scripts/setup fetches it.")
+    "Abseil with its logging library is missing, both in the system and in "
+    "${abseil_source_dir}. scripts/setup fetches it.")
 endif()
 
 file(SHA256 "${CMAKE_CURRENT_LIST_DIR}/abseil/CMakeLists.txt" abseil_recipe)
@@ -44,7 +44,7 @@ set(abseil_variant "${ORVANE_CACHE_DIR}/abseil-20240722.0/${CMAKE_CXX_COMPILER_I
 
 if(NOT EXISTS "${abseil_variant}/complete")
   message(STATUS "Abseil: building in ${abseil_variant}, once, about a minute")
-  # Two build trees may be configured at the same time.
+  # Locked, since two build trees may be configured at the same time.
   file(LOCK "${abseil_variant}.lock" GUARD FILE)
   if(NOT EXISTS "${abseil_variant}/complete")
     foreach(step IN ITEMS
@@ -54,7 +54,7 @@ if(NOT EXISTS "${abseil_variant}/complete")
       execute_process(COMMAND "${CMAKE_COMMAND}" ${step}
         OUTPUT_FILE "${abseil_variant}.log" ERROR_FILE "${abseil_variant}.log" RESULT_VARIABLE failed)
       if(failed)
-        message(FATAL_ERROR "Abseil did not build; see ${abseil_variant}.log")
+        message(FATAL_ERROR "cannot build Abseil; see ${abseil_variant}.log")
       endif()
     endforeach()
     file(REMOVE_RECURSE "${abseil_variant}/build")

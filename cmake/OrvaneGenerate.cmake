@@ -1,31 +1,31 @@
-# What turns protos into a library, in this build and, installed with the
-# package, in that of anybody else.
+# Turns protos into a library, in this build and, installed with the package, in
+# other projects.
 
 cmake_policy(VERSION 3.25)
 
 # orvane_generate(NAME IMPORT_ROOT dir PROTOS file... [DEPENDS target...] [MESSAGES_ONLY])
 #
-# A static library NAME of PROTOS, which are named by their paths below
-# IMPORT_ROOT. For each x.proto one includes, by the same path,
-#   x.pb.h      its messages,
-#   x.rpc.h     the classes to derive a server from,
-#   x.client.h  and those to call one through; the latter two are empty if the
-#               proto has no service.
-# Linking NAME brings the runtime and the transport along.
+# Adds the static library NAME for PROTOS, whose paths are relative to IMPORT_ROOT.
+# Each x.proto gives three headers with the same path:
+#   x.pb.h      its messages
+#   x.rpc.h     the classes to derive a server from
+#   x.client.h  the classes to call a server through
+# The last two are empty if the proto has no service. Whatever links NAME also
+# links the runtime and the transport.
 #
-# DEPENDS are other such libraries, whose protos these may import. Everybody may
-# import what services are made with: rpc/browser/browser_id.proto,
-# rpc/event_subscription.proto and rpc/stream_options.proto.
+# DEPENDS are other such libraries, whose protos these may import. All may import
+# rpc/browser/browser_id.proto, rpc/event_subscription.proto and
+# rpc/stream_options.proto, which services are declared with.
 #
-# MESSAGES_ONLY: makes x.pb.h only, and NAME brings protobuf along and nothing
-# else. What it may import is that of DEPENDS, such as orvane::runtime_protos.
+# MESSAGES_ONLY makes x.pb.h only. NAME then links protobuf and DEPENDS only, and
+# the protos may import those of DEPENDS only, such as orvane::runtime_protos.
 #
-# All is made in the build tree, and made again when a proto, an import of it,
-# protoc or protoc-gen-orvane has changed.
+# Everything is generated in the build tree, again whenever a proto, one of its
+# imports, protoc or protoc-gen-orvane has changed.
 function(orvane_generate name)
   set(call "orvane_generate(${name} ...)")
   cmake_parse_arguments(PARSE_ARGV 1 arg "MESSAGES_ONLY" "IMPORT_ROOT" "PROTOS;DEPENDS")
-  # A word that is no option is taken for one more of the list before it.
+  # CMake adds an unknown word to the list in front of it.
   set(unknown ${arg_PROTOS})
   list(FILTER unknown EXCLUDE REGEX "\\.proto$")
   list(PREPEND unknown ${arg_UNPARSED_ARGUMENTS})
@@ -51,7 +51,7 @@ function(orvane_generate name)
   if(NOT arg_MESSAGES_ONLY)
     list(APPEND needs orvane::runtime_protos orvane::streams orvane::transport absl::log)
     list(APPEND kinds rpc client)
-    # Fatal log entries tell where the source lies below the top of the build.
+    # Fatal log entries name the source by its path relative to the build folder.
     cmake_path(RELATIVE_PATH out BASE_DIRECTORY "${PROJECT_BINARY_DIR}" OUTPUT_VARIABLE log_path)
     set(plugin orvane::protoc-gen-orvane)
   endif()
@@ -79,9 +79,9 @@ function(orvane_generate name)
     set(made ${made_sources} ${made_headers})
     set(run_plugin "")
     if(plugin)
-      # By itself: a file of dependencies must begin with the first of the outputs.
-      # What the plugin does not write, for want of services, is then empty, and
-      # not what was written when there were some.
+      # A separate run of protoc: a file of dependencies must begin with the first
+      # of the outputs. Without services the plugin writes no file; touch makes an
+      # empty one.
       set(run_plugin
         COMMAND protobuf::protoc ${imports} "--plugin=protoc-gen-orvane=$<TARGET_FILE:${plugin}>"
                 "--orvane_out=log_path_prefix=${log_path}:${out}" "${root}/${proto}"
@@ -91,8 +91,9 @@ function(orvane_generate name)
       COMMAND "${CMAKE_COMMAND}" -E rm -f ${made}
       COMMAND protobuf::protoc ${imports} "--cpp_out=${out}" "--dependency_out=${out}/${stem}.d"
               "${root}/${proto}"
-      # protoc escapes no spaces. A path would end at one, and all would be made
-      # again by every build, since what the rest names does not exist.
+      # protoc does not escape spaces in its file of dependencies. A path would end
+      # at the first space and name a file that does not exist, and every build
+      # would generate everything again.
       COMMAND sed -i -e [[s/ /\\ /g]] -e [[s/\\ \\$/ \\/]] -e [[s/:\\ /: /]] -e [[s/^\\ / /]]
               "${out}/${stem}.d"
       ${run_plugin}
@@ -107,7 +108,8 @@ function(orvane_generate name)
   target_sources(${name} PUBLIC FILE_SET HEADERS BASE_DIRS "${out}" FILES ${headers})
   set_target_properties(${name} PROPERTIES CXX_EXTENSIONS OFF ORVANE_PROTO_ROOTS "${roots}")
   target_compile_features(${name} PUBLIC cxx_std_20)
-  # Nobody edits it, so nobody is warned, neither here nor where it is included.
+  # Nobody edits generated code, so it compiles without warnings, here and where it
+  # is included.
   target_compile_options(${name} PRIVATE -w)
   target_include_directories(${name} SYSTEM PUBLIC "$<BUILD_INTERFACE:${out}>")
   target_link_libraries(${name} PUBLIC ${needs})

@@ -1,8 +1,8 @@
 # cmake -DROOT=dir -P check_docs.cmake
 #
-# What README.md and the pages in docs/ show is what the build compiles, and
-# what they link to is there. A block of C++, and any other whose first line is a
-# comment that begins with the path of a file, is all of that file.
+# Checks that README.md and the pages in docs/ show the files that the build
+# compiles, and that their links lead somewhere. A block of C++, and any other
+# whose first line is a comment with the path of a file, must be that whole file.
 
 cmake_policy(VERSION 3.25)
 
@@ -12,23 +12,23 @@ function(check_block page language block)
   if(path AND EXISTS "${ROOT}/${path}")
     file(READ "${ROOT}/${path}" text)
     if(NOT block STREQUAL text)
-      message(SEND_ERROR "${page} does not show ${path} as it is")
+      message(SEND_ERROR "${page} shows ${path}, but not as the file is now")
     endif()
   elseif(language STREQUAL "cpp")
     string(REGEX MATCH "^[^\n]*" first "${block}")
-    message(SEND_ERROR "${page} shows C++ that begins with \"${first}\", which names no file of it")
+    message(SEND_ERROR "${page} shows C++ whose first line is \"${first}\"; it must be a comment with the path of a file")
   endif()
 endfunction()
 
 function(check_links page prose)
   cmake_path(GET page PARENT_PATH folder)
-  # Without brackets, by which CMake would hold a list together.
+  # Removes the brackets, which would keep CMake from splitting the list.
   string(REPLACE "](" "LINK" prose "${prose}")
   string(REGEX MATCHALL "LINK[^)#: ]+" links "${prose}")
   foreach(link IN LISTS links)
     string(SUBSTRING "${link}" 4 -1 link)
     if(NOT EXISTS "${ROOT}/${folder}/${link}")
-      message(SEND_ERROR "${page} links to ${link}, which is not there")
+      message(SEND_ERROR "${page} links to ${link}, which does not exist")
     endif()
   endforeach()
 endfunction()

@@ -1,7 +1,7 @@
-// Compiled before all else where g++ builds for its thread sanitizer. protobuf
-// 3.21 gives its maps two more members when it sees that, of which the
-// installed library knows nothing. The C++ library and Abseil, which should see
-// it, are included first.
+// g++ includes this file before all others when it builds for the thread
+// sanitizer. protobuf 3.21 adds two members to its maps if it sees that
+// sanitizer, but the installed library is compiled without them. The C++
+// library and Abseil should see the sanitizer, so they are included first.
 
 #include <cstddef>
 

@@ -1,2 +1,2 @@
-// Empty: the target orvane_test_headers is there for its precompiled headers, and
+// Empty. The target orvane_test_headers exists for its precompiled headers, but
 // must have a source.

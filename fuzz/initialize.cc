@@ -1,6 +1,6 @@
-// What every fuzzer does first: makes an expectation that fails end the
-// process, so that the input is kept, and silences the log, in which hosts that
-// are thrown out are no news here.
+// What every fuzzer does first. A failed expectation ends the process, so that
+// the input is kept. The log is silent, since it would fill with connections
+// that the server ends.
 
 #include <cstdlib>
 
@@ -10,7 +10,7 @@
 #include "google/protobuf/stubs/common.h"
 #include "gtest/gtest.h"
 
-// Later releases use Abseil's log.
+// Later releases log through Abseil.
 #if GOOGLE_PROTOBUF_VERSION < 4022000
 #include "google/protobuf/stubs/logging.h"
 #define ORVANE_PROTOBUF_HAS_ITS_OWN_LOG
@@ -18,7 +18,7 @@
 
 namespace {
 
-// Told after GoogleTest's own listener, which has printed what failed.
+// Runs after GoogleTest's own listener, which has printed what failed.
 class EndOfProcess final : public testing::EmptyTestEventListener {
   void OnTestPartResult(const testing::TestPartResult& result) override {
     if (result.failed()) std::abort();
@@ -28,12 +28,12 @@ class EndOfProcess final : public testing::EmptyTestEventListener {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  absl::InitializeLog();  // Before that, all goes to stderr.
+  absl::InitializeLog();  // Before it, everything goes to stderr.
   absl::SetStderrThreshold(absl::LogSeverityAtLeast::kFatal);
 #ifdef ORVANE_PROTOBUF_HAS_ITS_OWN_LOG
   google::protobuf::SetLogHandler(nullptr);
 #endif
-  // Owned by GoogleTest from here on.
+  // GoogleTest owns it from here on.
   testing::UnitTest::GetInstance()->listeners().Append(new EndOfProcess);
   return 0;
 }

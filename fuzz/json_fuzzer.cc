@@ -5,8 +5,8 @@
 //   r   METHOD JSON   of `serve`: a method and what its calls are answered with
 //   s   a session file; so is everything behind any other byte
 //
-// What is read is shown as JSON that reads the same; what is not has an error
-// in words.
+// A message that was read is printed as JSON that reads as the same message.
+// Text that cannot be read gives an error with a text.
 
 #include <cstddef>
 #include <cstdint>
@@ -51,8 +51,8 @@ std::unique_ptr<Message> ReadShown(const Message& message) {
   return read;
 }
 
-// From the second reading on: protobuf shows the -0 that it was given, but
-// reads that as 0.
+// Compares the second reading with the first, not with the original: protobuf
+// prints -0, but reads it as 0.
 void ExpectReadAsShown(const Message& message) {
   const std::unique_ptr<Message> once = ReadShown(message);
   const std::unique_ptr<Message> twice = ReadShown(*once);

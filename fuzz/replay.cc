@@ -1,4 +1,4 @@
-// Plays files, and all files of folders, to a fuzzer's entry point: for builds
+// Passes files, and all files of folders, to a fuzzer's entry point. For builds
 // without libFuzzer.
 
 #include <cstddef>
@@ -36,10 +36,10 @@ bool Play(const path& file) {
   std::ifstream stream(file, std::ios::binary);
   const std::string input{std::istreambuf_iterator<char>(stream), {}};
   if (!stream) {
-    std::cerr << file << " cannot be read\n";
+    std::cerr << "cannot read " << file << "\n";
     return false;
   }
-  // Before it is played, which may be the end.
+  // Printed first, since the input may end the process.
   std::cerr << file << ", " << input.size() << " bytes" << std::endl;
   LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()),
                          input.size());

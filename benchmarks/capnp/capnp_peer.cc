@@ -1,5 +1,5 @@
-// Cap'n Proto's RPC over a Unix-domain socket: one thread at each end, and a
-// capability of the host's for what the server has to say.
+// Cap'n Proto's RPC over a Unix-domain socket: one thread at each end. The
+// server sends events and calls through a capability that the host gives it.
 
 #include <capnp/ez-rpc.h>
 #include <kj/async.h>
@@ -137,7 +137,7 @@ class Driver {
         return AwaitDone(scope);
       case Figure::kCallback:
         ConnectHosts(scope);
-        // Breaks when the server ends.
+        // Fails when the server ends.
         peers_[0]
             .beginCallingRequest()
             .send()
@@ -146,7 +146,7 @@ class Driver {
             .wait(scope);
         return;
       case Figure::kSurface:
-        Fail("a picture goes through Cap'n Proto as an upload");
+        Fail("Cap'n Proto carries pictures as uploads; measure upload");
     }
   }
 

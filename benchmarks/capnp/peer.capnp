@@ -1,4 +1,4 @@
-# The service of ../transport/peer.proto, as one would write it here.
+# The service of ../transport/peer.proto in Cap'n Proto.
 @0xd3f1c2a78b5e4906;
 
 struct Point {

@@ -1,16 +1,14 @@
 // gRPC over a Unix-domain socket.
 //
-//   --interface sync       blocking stubs and handlers, a thread for each call
-//   in
-//                          flight
-//   --interface callback   reactors on both sides, and the next call from
-//   inside
-//                          the end of the one before
+//   --interface sync       blocking stubs and handlers; one thread for each
+//                          call in flight
+//   --interface callback   reactors on both sides; the end of a call begins
+//                          the next
 //
-// Events and calls of the server go through streams in both directions, since
-// gRPC's servers call nobody. With `sync` all but the last event of a burst is
-// written with the hint that more follows (and but for the first: a stream
-// whose first write has the hint stands still).
+// A gRPC server cannot call its clients, so events and calls from the server go
+// through bidirectional streams. With `sync` the events of a burst are written
+// with the hint that more follow, except the last, and except the first of the
+// stream, since a stream whose first write has the hint does not move.
 
 #include <grpcpp/grpcpp.h>
 
@@ -47,8 +45,7 @@ void CheckOk(const grpc::Status& status) {
   if (!status.ok()) Fail(status.error_message());
 }
 
-// Servers
-// ----------------------------------------------------------------------
+// Servers -------------------------------------------------------------------
 
 class SyncServer final : public PeerRpc::Service {
  public:
@@ -92,7 +89,7 @@ class SyncServer final : public PeerRpc::Service {
       grpc::ServerContext*,
       grpc::ServerReaderWriter<TakeFocus, TakeFocus>* stream) override {
     TakeFocus message;
-    stream->Read(&message);  // The host serves.
+    stream->Read(&message);  // The host subscribes.
     while (true) {
       const std::int64_t begun = Now();
       message.mutable_call();
@@ -213,8 +210,7 @@ void Serve(const Options& options, Meter& meter) {
   server->Wait();
 }
 
-// Hosts
-// ------------------------------------------------------------------------
+// Hosts ---------------------------------------------------------------------
 
 using Stub = std::unique_ptr<PeerRpc::Stub>;
 
@@ -241,12 +237,12 @@ class Host {
       case Figure::kCallback:
         return Answer();
       case Figure::kSurface:
-        Fail("a picture goes through gRPC as an upload");
+        Fail("gRPC carries pictures as uploads; measure upload");
     }
   }
 
  private:
-  // A thread for each call in flight.
+  // Uses one thread for each call in flight.
   template <typename Call, typename Response>
   void Block(Call call, Response response) {
     std::vector<std::thread> threads;
@@ -263,7 +259,7 @@ class Host {
     for (std::thread& thread : threads) thread.join();
   }
 
-  // Each end of a call begins the next.
+  // The end of each call begins the next.
   template <typename Response>
   void CallBack(void (PeerRpc::Stub::async::*call)(
                     grpc::ClientContext*, const Payload*, Response*,
@@ -312,7 +308,7 @@ class Host {
     while (in_flight > 0) std::this_thread::yield();
   }
 
-  // One thread and one stream for each host.
+  // Uses one thread and one stream for each host.
   void Watch() {
     std::vector<std::thread> threads;
     for (const Stub& stub : stubs_) {
@@ -377,7 +373,7 @@ class Host {
     ended.wait();
   }
 
-  // Until the server ends.
+  // Answers until the server ends.
   void Answer() {
     grpc::ClientContext context;
     const auto stream = stubs_[0]->OnTakeFocus(&context);
@@ -400,7 +396,7 @@ void Drive(const Options& options, Meter& meter) {
   for (int i = 0; i < options.hosts; ++i) {
     grpc::ChannelArguments arguments;
     arguments.SetMaxReceiveMessageSize(-1);
-    // Else channels to the same place share one connection.
+    // Without this, channels to the same address share one connection.
     arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
     stubs.push_back(PeerRpc::NewStub(grpc::CreateCustomChannel(
         "unix:" + options.socket_path, grpc::InsecureChannelCredentials(),

@@ -1,4 +1,5 @@
-// The least that separates messages on a stream: what the bare sockets speak.
+// The frames of the benchmarks with bare sockets: the least that separates
+// messages on a stream.
 
 #ifndef BENCHMARKS_TRANSPORT_BARE_FRAMES_H_
 #define BENCHMARKS_TRANSPORT_BARE_FRAMES_H_
@@ -10,13 +11,13 @@
 
 namespace benchmarks {
 
-// In front of each payload. About as long as the length and the header of one
-// of our own frames.
+// Precedes each payload. About as long as the length and the header of one of
+// our own frames.
 struct FrameHeader {
   enum Kind : std::uint16_t {
-    kEcho,    // Answered by a kReply with the same payload,
-    kUpload,  // by an empty one,
-    kMove,    // and this too.
+    kEcho,    // Answered by a kReply with the same payload.
+    kUpload,  // Answered by an empty kReply.
+    kMove,    // Answered by an empty kReply.
     kReply,
     kAskBurst,  // Answered by kBurst times kEvent, on every connection.
     kEvent,
@@ -26,7 +27,7 @@ struct FrameHeader {
   std::uint32_t payload_bytes;
   Kind kind;
   std::uint16_t unused;
-  std::int64_t sent_ns;  // Of the frame that began it, also in a reply.
+  std::int64_t sent_ns;  // A reply repeats that of its request.
 };
 
 // One connection.
@@ -36,7 +37,7 @@ class Link {
   virtual void Send(const FrameHeader& header, const char* payload) = 0;
 };
 
-// Received bytes, cut into frames.
+// Cuts received bytes into frames.
 class FrameBuffer {
  public:
   // Where to put the next bytes, and how many.
@@ -44,8 +45,8 @@ class FrameBuffer {
   std::size_t room() const { return capacity_ - end_; }
   void Received(std::size_t bytes) { end_ += bytes; }
 
-  // Takes the next whole frame; false if there is none. The payload lies in the
-  // buffer until the next call.
+  // Takes the next whole frame; false if there is none. The payload is valid
+  // until the next call.
   bool Next(FrameHeader* header, const char** payload) {
     const std::size_t held = end_ - begin_;
     std::size_t needed = sizeof *header;

@@ -6,7 +6,7 @@
 namespace benchmarks {
 namespace {
 
-// As protobuf writes a mouse move and an event.
+// The sizes of a mouse move and of an event in protobuf's encoding.
 constexpr std::size_t kMoveBytes = 54;
 constexpr std::size_t kEventBytes = 8;
 
@@ -50,7 +50,7 @@ void BareServer::OnFrame(Link& link, const FrameHeader& header,
       return link.Send(Header(FrameHeader::kEcho, echo_bytes, Now()),
                        payload_.data());
     case FrameHeader::kEvent:
-      Fail("an event for the server");
+      Fail("the host sent a frame that only servers send");
   }
 }
 
@@ -76,7 +76,7 @@ BareHost::BareHost(const Options& options, Meter& meter,
     case Figure::kStorm:
       break;
     case Figure::kSurface:
-      Fail("a picture goes through a bare socket as an upload");
+      Fail("bare sockets carry pictures as uploads; measure upload");
   }
 }
 
@@ -111,7 +111,7 @@ void BareHost::OnFrame(Link& link, const FrameHeader& header,
         links_[0]->Send(Header(FrameHeader::kAskBurst, 0, 0), nullptr);
       return;
     default:
-      Fail("a frame that no server sends");
+      Fail("the server sent a frame that only hosts send");
   }
 }
 

@@ -1,4 +1,4 @@
-// What a host and a server do with bare frames, however these travel.
+// What a host and a server do with bare frames, independent of the socket code.
 
 #ifndef BENCHMARKS_TRANSPORT_BARE_PEER_H_
 #define BENCHMARKS_TRANSPORT_BARE_PEER_H_
@@ -29,10 +29,10 @@ class BareServer {
 // Calls a server until the meter is done, or answers it.
 class BareHost {
  public:
-  // Begins with what the figure wants, but for the mouse moves of a storm.
+  // Sends the first frames of the figure; for a storm, call SendMove instead.
   BareHost(const Options& options, Meter& meter, std::vector<Link*> links);
 
-  // The next move of a storm, once its time has come.
+  // Waits until the next move of a storm is due, and sends it.
   void SendMove();
 
   void OnFrame(Link& link, const FrameHeader& header, const char* payload);

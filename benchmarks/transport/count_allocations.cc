@@ -1,5 +1,5 @@
-// Loaded into a server before everything else, it counts what the server takes
-// from the heap, whoever takes it: C++, C, or a library.
+// Preloaded into a server, this library counts its heap allocations, those of C
+// and of other libraries included.
 
 #include <atomic>
 #include <cstddef>
@@ -7,7 +7,7 @@
 
 extern "C" {
 
-// The C library's own, under the names that nobody replaces.
+// The C library's own functions, under names that nobody replaces.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t nmemb, std::size_t size);

@@ -26,7 +26,7 @@ namespace {
 
 constexpr std::int64_t kNsPerS = 1'000'000'000;
 
-// A long time for a server to start, and a sign that it never will.
+// A server that has not started by then never will.
 constexpr std::int64_t kStartLimitNs = 30 * kNsPerS;
 
 std::int64_t ToNs(const timespec& time) {
@@ -38,11 +38,11 @@ std::int64_t CpuNs(pid_t process) {
   timespec used{};
   if (clock_getcpuclockid(process, &clock) != 0 ||
       clock_gettime(clock, &used) != 0)
-    Fail("the processor time of a process cannot be read");
+    Fail("cannot read the processor time of a process");
   return ToNs(used);
 }
 
-// What the process has for itself alone. 0 if the system does not tell.
+// The memory that the process does not share. 0 if the system does not tell.
 std::int64_t PrivateBytes(pid_t process) {
   std::ifstream rollup("/proc/" + std::to_string(process) + "/smaps_rollup");
   std::int64_t kib = 0;
@@ -64,13 +64,13 @@ struct Cores {
 Cores ChooseCores(Pinning pinning) {
   cpu_set_t allowed;
   if (sched_getaffinity(0, sizeof allowed, &allowed) != 0)
-    Fail("the processors of this process cannot be read");
+    Fail("cannot read which processors this process may use");
   std::vector<int> cores;
   for (int core = 0; core < CPU_SETSIZE; ++core) {
     if (CPU_ISSET(core, &allowed)) cores.push_back(core);
   }
   if (pinning == Pinning::kSame) return {cores[0], cores[0]};
-  if (cores.size() < 2) Fail("there is one core only");
+  if (cores.size() < 2) Fail("--pin across needs two cores; there is one");
   return {cores[0], cores[1]};
 }
 
@@ -79,13 +79,13 @@ void PinTo(int core) {
   CPU_ZERO(&chosen);
   CPU_SET(core, &chosen);
   if (sched_setaffinity(0, sizeof chosen, &chosen) != 0)
-    Fail("this process cannot be pinned");
+    Fail("cannot pin this process to a core");
 }
 
 struct CommandLine {
   Options options;
   std::string allocation_counter;
-  // In a server, from its host:
+  // The host passes these to its server:
   int meter_descriptor = -1;
   int core = 0;
 };
@@ -97,25 +97,25 @@ Figure ParseFigure(std::string_view name) {
   if (name == "events") return Figure::kEvents;
   if (name == "callback") return Figure::kCallback;
   if (name == "surface") return Figure::kSurface;
-  Fail("no figure is called " + std::string(name));
+  Fail("unknown figure " + std::string(name));
 }
 
 int ParseNumber(std::string_view name, const char* value) {
   char* end = nullptr;
   const long number = std::strtol(value, &end, 10);
   if (*value == '\0' || *end != '\0' || number < 0 || number > 1 << 30)
-    Fail(std::string(name) + " is not a number: " + value);
+    Fail(std::string(name) + " takes a number, not " + value);
   return static_cast<int>(number);
 }
 
 Pinning ParsePinning(std::string_view name) {
   if (name == "same") return Pinning::kSame;
   if (name == "across") return Pinning::kAcross;
-  Fail("--pin is same or across, not " + std::string(name));
+  Fail("--pin takes same or across, not " + std::string(name));
 }
 
 CommandLine Parse(int argc, char** argv) {
-  if (argc < 2) Fail("which figure?");
+  if (argc < 2) Fail("the figure is missing");
   CommandLine line;
   Options& options = line.options;
   options.figure = ParseFigure(argv[1]);
@@ -147,7 +147,7 @@ CommandLine Parse(int argc, char** argv) {
     } else if (name == "--core") {
       line.core = ParseNumber(name, value);
     } else {
-      Fail("no option is called " + std::string(name));
+      Fail("unknown option " + std::string(name));
     }
   }
   return line;
@@ -156,7 +156,7 @@ CommandLine Parse(int argc, char** argv) {
 Meter& MapMeter(int descriptor) {
   void* const memory = mmap(nullptr, sizeof(Meter), PROT_READ | PROT_WRITE,
                             MAP_SHARED, descriptor, 0);
-  if (memory == MAP_FAILED) Fail("memory cannot be shared");
+  if (memory == MAP_FAILED) Fail("cannot map shared memory");
   return *static_cast<Meter*>(memory);
 }
 
@@ -169,16 +169,16 @@ int RunServer(const CommandLine& line, const Sides& sides) {
   return 0;
 }
 
-// What LD_PRELOAD may hold for this library: it has no way to name one in a folder
-// with a space or a colon, so the server inherits a descriptor of it instead.
+// The LD_PRELOAD setting for this library. A path in it must not have a space
+// or a colon, so the server inherits a descriptor and preloads that.
 std::string Preloaded(const std::string& library) {
   if (library.empty()) return "";
   const int descriptor = open(library.c_str(), O_RDONLY);
-  if (descriptor < 0) Fail(library + " cannot be opened");
+  if (descriptor < 0) Fail("cannot open " + library);
   return "LD_PRELOAD=/proc/self/fd/" + std::to_string(descriptor);
 }
 
-// This program once more, as its own server.
+// Starts this program once more, as the server.
 pid_t StartServer(int argc, char** argv, const CommandLine& line,
                   int meter_descriptor, int core) {
   std::vector<std::string> words(argv, argv + argc);
@@ -200,7 +200,7 @@ pid_t StartServer(int argc, char** argv, const CommandLine& line,
   pid_t server = 0;
   if (posix_spawn(&server, "/proc/self/exe", nullptr, nullptr, arguments.data(),
                   environment.data()) != 0)
-    Fail("the server cannot be started");
+    Fail("cannot start the server");
   return server;
 }
 
@@ -208,8 +208,8 @@ void AwaitServer(pid_t server, const Meter& meter) {
   const std::int64_t until = Now() + kStartLimitNs;
   while (!meter.is_ready()) {
     if (waitpid(server, nullptr, WNOHANG) == server)
-      Fail("the server has ended before it listened");
-    if (Now() > until) Fail("the server does not listen");
+      Fail("the server ended before it listened");
+    if (Now() > until) Fail("the server does not listen after 30 s");
     usleep(50);
   }
 }
@@ -218,12 +218,13 @@ int RunHost(int argc, char** argv, CommandLine line, const Sides& sides) {
   const Cores cores = ChooseCores(line.options.pinning);
   PinTo(cores.host);
   std::string folder = "/tmp/orvane-benchmark.XXXXXX";
-  if (mkdtemp(folder.data()) == nullptr) Fail("no folder for the socket");
+  if (mkdtemp(folder.data()) == nullptr)
+    Fail("cannot create a folder for the socket");
   line.options.socket_path = folder + "/socket";
 
   const int descriptor = memfd_create("meter", 0);
   if (descriptor < 0 || ftruncate(descriptor, sizeof(Meter)) != 0)
-    Fail("memory cannot be shared");
+    Fail("cannot create shared memory");
   Meter& meter = MapMeter(descriptor);
 
   const std::int64_t spawned = Now();
@@ -234,7 +235,7 @@ int RunHost(int argc, char** argv, CommandLine line, const Sides& sides) {
 
   kill(server, SIGKILL);
   waitpid(server, nullptr, 0);
-  std::error_code ignored;  // The folder is in /tmp, where others tidy up.
+  std::error_code ignored;  // The system cleans /tmp anyway.
   std::filesystem::remove_all(folder, ignored);
   if (!meter.is_done()) Fail("the connection broke");
   meter.Print();
@@ -275,7 +276,7 @@ bool Meter::Advance(std::int64_t now, int operations) {
   const std::int64_t until = warm_until + duration_ns_;
 
   if (phase_ == Phase::kMeasuring) operations_ += operations;
-  // One thread takes each step; the others go on meanwhile.
+  // One thread changes the phase; the others do not wait for it.
   Phase expected = Phase::kWarmUp;
   if (now >= warm_until &&
       phase_.compare_exchange_strong(expected, Phase::kBeginning)) {

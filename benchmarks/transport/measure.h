@@ -1,9 +1,9 @@
-// What the programs that measure have in common, whatever they measure: a
-// command line, two pinned processes, a clock, and one line of figures.
+// What all programs that measure a stack share: the command line, two pinned
+// processes, a clock, and one line of results.
 //
 // Each program is a host that starts itself once more as a server. Both map one
-// Meter, so an operation may begin in one process and end in the other.
-// Standard library only, since every stack is linked with it.
+// Meter, so an operation may begin in one process and end in the other. Uses
+// the standard library only, since it is linked with every stack.
 
 #ifndef BENCHMARKS_TRANSPORT_MEASURE_H_
 #define BENCHMARKS_TRANSPORT_MEASURE_H_
@@ -22,13 +22,13 @@ namespace benchmarks {
 enum class Figure {
   // Calls with `payload_bytes` both ways, `in_flight` at a time.
   kUnary,
-  // The same with a payload in the request only.
+  // Like kUnary, with a payload in the request only.
   kUpload,
   // Mouse moves, 1,000 a second from each host; each is answered.
   kStorm,
   // Events as fast as the hosts take them, one subscription for each host.
   kEvents,
-  // Calls of the server to the host.
+  // Calls from the server to the host.
   kCallback,
   // Pictures of 1920 x 1080 pixels, from the server's memory to the host's.
   kSurface,
@@ -41,22 +41,22 @@ enum class Pinning {
 
 struct Options {
   Figure figure = Figure::kUnary;
-  // Which of a library's interfaces, where it has several; see each program.
+  // Which interface of a library to use, if it has several; see each program.
   std::string interface;
   std::size_t payload_bytes = 0;
   int in_flight = 1;
-  int hosts = 1;  // Connections; all of them in the host process.
+  int hosts = 1;  // Connections, all from one process.
   Pinning pinning = Pinning::kSame;
   std::chrono::milliseconds duration{500};
-  std::chrono::microseconds spin{0};  // Of both ends, where a stack has it.
-  // Where the server listens: in a folder that is private to this run.
+  std::chrono::microseconds spin{0};  // For both ends, if the stack can spin.
+  // Where the server listens, in a folder that is private to this run.
   std::string socket_path;
 };
 
-// Pixels of a surface update, four bytes each.
+// The size of a surface update: 1920 x 1080 pixels of four bytes.
 inline constexpr std::size_t kPictureBytes = std::size_t{1920} * 1080 * 4;
 
-// How the hosts of a storm take turns.
+// The time between two mouse moves of one host.
 inline constexpr std::int64_t kStormPeriodNs = 1'000'000;
 
 // Events come in bursts that the host asks for, eight at a time, so that the
@@ -71,45 +71,45 @@ std::int64_t Now();
 void SleepUntil(std::int64_t time_ns);
 
 // Counts operations and their times, from the end of a warm-up until the
-// duration is over. Lies in memory that both processes map.
+// duration is over. Lies in memory shared by both processes.
 //
 // Thread: any, of both processes.
 class Meter {
  public:
-  // An operation that began at `begun_ns` has ended. False once there have been
-  // enough.
+  // Call it when an operation that began at `begun_ns` has ended. False once
+  // the measurement is over.
   bool Ended(std::int64_t begun_ns);
 
-  // The same for many operations whose own times do not count.
+  // Like Ended above, for several operations whose times are not recorded.
   bool Ended(int operations);
 
   bool is_done() const { return phase_ == Phase::kDone; }
 
-  // The server listens.
+  // Call it when the server listens.
   void SetReady() { is_ready_ = true; }
 
-  // For Run. In the host, before anything operates:
+  // For Run, in the host, before the first operation:
   void Start(const Options& options, pid_t server, std::int64_t spawned_ns);
   bool is_ready() const { return is_ready_; }
-  // In the server:
+  // For Run, in the server:
   void CountAllocations();
-  // In the host, once it is done:
+  // For Run, in the host, after the last operation:
   void Print() const;
 
  private:
   enum class Phase { kWarmUp, kBeginning, kMeasuring, kEnding, kDone };
 
-  // What the processes have used until then.
+  // What the processes have used so far.
   struct Usage {
     std::int64_t time_ns;
-    std::int64_t cpu_ns;  // Of both.
+    std::int64_t cpu_ns;  // Of both processes.
     std::uint64_t server_allocations;
   };
 
   Usage UsageNow() const;
   bool Advance(std::int64_t now, int operations);
 
-  // Set before anything operates.
+  // Set before the first operation.
   std::atomic<bool> is_ready_;
   pid_t host_;
   pid_t server_;
@@ -120,7 +120,7 @@ class Meter {
   std::atomic<std::uint64_t> server_allocations_;
   std::atomic<std::int64_t> first_ended_ns_;
   std::atomic<Phase> phase_;
-  // Written in the steps between two phases.
+  // Written between two phases, by the thread that changes the phase.
   Usage begin_;
   Usage end_;
   std::int64_t server_private_bytes_;
@@ -132,27 +132,26 @@ class Meter {
 
 // The two sides of a stack.
 struct Sides {
-  // Listens, says so with SetReady, and serves until the process is ended.
-  // Where the server is who calls, it ends its process itself when Ended says
-  // so.
+  // Listens, calls SetReady, and serves until the process is killed. In a
+  // figure where the server calls, it ends its process once Ended is false.
   void (*serve)(const Options& options, Meter& meter);
 
-  // Connects and operates until Ended says that it is enough, or, where the
-  // server is who calls, answers until the connection ends.
+  // Connects and operates until Ended is false. In a figure where the server
+  // calls, answers until the connection ends.
   void (*drive)(const Options& options, Meter& meter);
 };
 
-// Runs one figure and prints its values as one line of JSON; `main` of each
-// program. The command line, where all but the figure may be left out:
+// The `main` of each program: runs one figure and prints its values as one line
+// of JSON. The command line, in which only the figure is required:
 //
 //   FIGURE --interface NAME --payload-bytes N --in-flight N --hosts N
 //          --pin same|across --duration-ms N --spin-us N
 //          --count-allocations LIBRARY
 //
-// LIBRARY is the one made of count_allocations.cc.
+// LIBRARY is the one built from count_allocations.cc.
 int Run(int argc, char** argv, const Sides& sides);
 
-// Ends the process with a sentence.
+// Prints `why` to stderr and ends the process with exit code 1.
 [[noreturn]] void Fail(const std::string& why);
 
 }  // namespace benchmarks

@@ -1,4 +1,4 @@
-// What travels, filled in alike for every stack that carries protobuf.
+// The messages, filled in alike for every stack that carries protobuf.
 
 #ifndef BENCHMARKS_TRANSPORT_MESSAGES_H_
 #define BENCHMARKS_TRANSPORT_MESSAGES_H_
@@ -9,7 +9,7 @@
 
 namespace benchmarks {
 
-// The one browser that there is.
+// The only browser.
 inline BrowserId Browser() {
   BrowserId browser;
   browser.set_value(1);
@@ -23,7 +23,7 @@ inline rpc::CursorChanged CursorEvent() {
   return event;
 }
 
-// But for its time.
+// The caller sets its time.
 inline rpc::MouseMoveRequest MouseMove() {
   rpc::MouseMoveRequest move;
   *move.mutable_browser_id() = Browser();

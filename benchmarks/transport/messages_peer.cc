@@ -1,6 +1,5 @@
-// The messages alone, in one process and without any socket: written into
-// memory and read out of it. What every stack that carries protobuf takes at
-// the least.
+// The messages alone, without a socket: one process writes them into memory and
+// parses them. No stack that carries protobuf can be faster.
 
 #include <unistd.h>
 
@@ -14,16 +13,17 @@
 namespace benchmarks {
 namespace {
 
-// From one end to the other, through memory that serves again.
+// Serializes `sent` into `bytes`, whose memory is reused, and parses it again.
 template <typename Message>
 void Pass(const Message& sent, std::string* bytes, Message* received) {
   bytes->resize(sent.ByteSizeLong());
   sent.SerializeWithCachedSizesToArray(
       reinterpret_cast<std::uint8_t*>(bytes->data()));
-  if (!received->ParseFromString(*bytes)) Fail("a message that nobody reads");
+  if (!received->ParseFromString(*bytes)) Fail("cannot parse a message");
 }
 
-// Each ends in a message of its own; those of unary calls come back.
+// Parses each payload into a new message. A unary call also passes its
+// response.
 void PassPayloads(const Options& options, Meter& meter) {
   Payload sent;
   sent.set_data(std::string(options.payload_bytes, '\0'));
@@ -51,7 +51,7 @@ void PassEvents(Meter& meter) {
 
 void Serve(const Options&, Meter& meter) {
   meter.SetReady();
-  pause();  // Only the other process has something to do.
+  pause();  // The other process does all the work.
 }
 
 void Drive(const Options& options, Meter& meter) {
@@ -62,7 +62,7 @@ void Drive(const Options& options, Meter& meter) {
     case Figure::kEvents:
       return PassEvents(meter);
     default:
-      Fail("the messages alone are measured for unary, upload and events");
+      Fail("without a socket there are only unary, upload and events");
   }
 }
 

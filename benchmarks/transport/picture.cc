@@ -15,7 +15,7 @@ void* Map(int descriptor, int protection) {
   void* const memory = descriptor < 0 ? MAP_FAILED
                                       : mmap(nullptr, kPictureBytes, protection,
                                              MAP_SHARED, descriptor, 0);
-  if (memory == MAP_FAILED) Fail("the picture cannot be mapped");
+  if (memory == MAP_FAILED) Fail("cannot map the picture");
   close(descriptor);
   return memory;
 }
@@ -27,7 +27,7 @@ SharedPicture::SharedPicture()
   const int descriptor =
       shm_open(name_.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
   if (descriptor < 0 || ftruncate(descriptor, kPictureBytes) != 0)
-    Fail("no memory for a picture");
+    Fail("cannot create shared memory for a picture");
   void* const pixels = Map(descriptor, PROT_READ | PROT_WRITE);
   std::memset(pixels, 0x7f, kPictureBytes);
   munmap(pixels, kPictureBytes);

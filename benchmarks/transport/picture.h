@@ -1,4 +1,4 @@
-// A picture in memory that both processes map, as a widget's surface is.
+// A picture in shared memory, like a widget's surface.
 
 #ifndef BENCHMARKS_TRANSPORT_PICTURE_H_
 #define BENCHMARKS_TRANSPORT_PICTURE_H_
@@ -12,7 +12,7 @@
 
 namespace benchmarks {
 
-// Of kPictureBytes. Its name goes away with it.
+// Has kPictureBytes. Its destructor removes its name.
 class SharedPicture {
  public:
   SharedPicture();
@@ -26,10 +26,10 @@ class SharedPicture {
   const std::string name_;
 };
 
-// The call that shows it.
+// The call that shows the picture of that name.
 rpc::UpdateSurfaceCall SurfaceUpdate(const std::string& name);
 
-// Copies pictures into memory of its own, as a host does that draws them later.
+// Copies pictures into its own memory, like a host that draws them later.
 class PictureReader {
  public:
   PictureReader() : pixels_(std::size_t{1920} * 1080 * 4) {}
@@ -37,7 +37,8 @@ class PictureReader {
   PictureReader& operator=(const PictureReader&) = delete;
   ~PictureReader();
 
-  // Maps the memory once, when its name is new.
+  // Copies the picture of that name. Maps its memory only if the name differs
+  // from the last one.
   void Read(const std::string& name);
 
  private:

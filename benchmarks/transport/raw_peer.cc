@@ -1,5 +1,5 @@
-// The yardstick of yardsticks: blocking system calls on a Unix-domain socket,
-// one write for each frame.
+// The simplest yardstick: blocking system calls on a Unix-domain socket, one
+// write for each frame.
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -35,7 +35,7 @@ class BlockingLink final : public Link {
       message.msg_iov = part;
       message.msg_iovlen = static_cast<std::size_t>(std::end(parts) - part);
       const ssize_t written = sendmsg(descriptor_, &message, MSG_NOSIGNAL);
-      if (written < 0) return;  // The other end is gone; reading tells.
+      if (written < 0) return;  // The peer is gone; reading reports that.
       auto left = static_cast<std::size_t>(written);
       while (part != std::end(parts) && left >= part->iov_len)
         left -= (part++)->iov_len;
@@ -45,7 +45,8 @@ class BlockingLink final : public Link {
     }
   }
 
-  // Receives once, and hands out what is whole. False at the end.
+  // Receives once and passes each whole frame to `peer`. False at the end of
+  // the connection.
   template <typename Peer>
   bool Receive(Peer& peer, int flags) {
     const ssize_t bytes =
@@ -67,7 +68,7 @@ class BlockingLink final : public Link {
 
 using Links = std::vector<std::unique_ptr<BlockingLink>>;
 
-// Receives from whichever has something, until one ends or the meter is done.
+// Receives from all links until one ends or the meter is done.
 template <typename Peer>
 void ReceiveFromAll(const Links& links, Peer& peer, const Meter& meter) {
   if (links.size() == 1) {

@@ -81,8 +81,8 @@ void Console::Watch() {
       }));
 }
 
-// Calls of the widget. An answer that cannot be sent has no one waiting for it:
-// the connection is gone then, which Await notices.
+// Calls from the widget. The status of Respond is ignored: it fails only if the
+// connection is gone, and Await reports that.
 
 rpc::FrameReceipt Console::Receive(const rpc::PixelFrame& frame,
                                    const std::string& what, Image* image) {
@@ -157,7 +157,7 @@ void Console::Serve() {
                        orvane::Responder<rpc::TakeFocus> responder) {
         Tell("focus: leaves the page, " +
              rpc::FocusDirection_Name(call.direction()));
-        // Sent before the answer, so it is there before it.
+        // Sent before the answer, so it arrives first.
         widget_.Unfocus(browser_, [](const auto&) {});
         rpc::TakeFocusResponse answer;
         answer.set_taken(true);

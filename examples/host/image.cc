@@ -83,7 +83,7 @@ absl::StatusOr<Image> CopySharedMemory(const rpc::PixelFrame& frame,
   if (::fstat(object.get(), &found) != 0)
     return SystemError(absl::StrCat("shared memory ", memory.name()));
   const auto size = static_cast<std::uint64_t>(found.st_size);
-  // In an order that cannot overflow.
+  // Compared without adding, since the sum could overflow.
   if (memory.offset_bytes() > size ||
       memory.length_bytes() > size - memory.offset_bytes()) {
     return absl::InvalidArgumentError(absl::StrCat(

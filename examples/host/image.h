@@ -1,4 +1,4 @@
-// Pictures as they arrive from a widget.
+// The pictures that a widget sends.
 
 #ifndef EXAMPLES_HOST_IMAGE_H_
 #define EXAMPLES_HOST_IMAGE_H_
@@ -21,14 +21,14 @@ struct Image {
   std::vector<std::uint8_t> bgra;  // 4 bytes a pixel, rows without gaps.
 };
 
-// Copies the pixels of a frame, so that it can be given back at once. An error,
-// in words, if the frame breaks the rules of PixelFrame, if its memory is not
-// there, or if its format is none that this host draws. A widget that shortens
-// its memory during the copy ends this process; a host that does not trust its
-// widget copies in a process of its own.
+// Copies the pixels of a frame, so that the widget can have it back at once.
+// Fails if the frame breaks the rules of PixelFrame, if its shared memory does
+// not exist, or if this host cannot draw its format. A widget that shrinks the
+// shared memory during the copy kills this process (SIGBUS); a host that does
+// not trust its widget makes the copy in a process of its own.
 absl::StatusOr<Image> ReadFrame(const rpc::PixelFrame& frame);
 
-// "#rrggbb"; the image has at least one pixel.
+// As "#rrggbb". The image must have at least one pixel.
 std::string AverageColor(const Image& image);
 
 // Writes the image as a portable pixmap.

@@ -14,20 +14,19 @@ constexpr int kExitUsage = 2;
 
 void PrintHelp() {
   std::cout << "Usage: host [OPTION]...\n"
-               "Drives browser 1 of a widget_server as a user would, and tells "
-               "what happens.\n"
+               "Drives browser 1 of a widget_server as a user would,\n"
+               "and prints what happens.\n"
                "\n"
                "  --socket PATH    connect to the widget that listens at PATH\n"
                "                   (default "
             << Options().socket
             << ")\n"
-               "  --save FILE.ppm  write the last picture of the view there\n"
+               "  --save FILE.ppm  save the last picture of the view\n"
                "  --help           print this and exit\n"
                "  --version        print the version and exit\n"
                "\n"
-               "Exit code: 0 if all went well, 1 if the widget is not there, "
-               "dies or\n"
-               "refuses something, 2 for wrong usage.\n";
+               "Exit code: 0 on success, 1 if the widget cannot be reached,\n"
+               "dies or refuses a call, 2 for wrong usage.\n";
 }
 
 [[noreturn]] void RefuseUsage() {
@@ -60,7 +59,7 @@ Options ParseOptions(int argc, char** argv) {
         std::cout << "host " << orvane::kVersion << "\n";
         std::exit(EXIT_SUCCESS);
       default:
-        RefuseUsage();  // getopt_long has said what is wrong.
+        RefuseUsage();  // getopt_long has printed what is wrong.
     }
   }
   if (optind < argc) {

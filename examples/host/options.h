@@ -1,4 +1,4 @@
-// What the command line of host asks for.
+// The command line of host.
 
 #ifndef EXAMPLES_HOST_OPTIONS_H_
 #define EXAMPLES_HOST_OPTIONS_H_
@@ -14,9 +14,8 @@ struct Options {
   std::string save;  // Empty: no file is written.
 };
 
-// Returns only if there is something to do. After --help or --version it ends
-// the process with exit code 0, after wrong use with 2 and words on the
-// standard error.
+// Ends the process instead of returning: with exit code 0 after --help and
+// --version, and with 2 and a message on stderr if the command line is wrong.
 Options ParseOptions(int argc, char** argv);
 
 }  // namespace host

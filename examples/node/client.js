@@ -5,9 +5,8 @@
 //   node client.js SOCKET watch METHOD BROWSER
 //   node client.js SOCKET serve METHOD BROWSER JSON
 //
-// `watch` and `serve` go on until SIGINT or SIGTERM. Exit code: 0 if all went
-// well, 1 if a call or a stream failed, 2 for wrong usage, 3 without a
-// connection.
+// `watch` and `serve` run until SIGINT or SIGTERM. Exit code: 0 on success, 1 if
+// a call or a stream failed, 2 for wrong usage, 3 if there is no connection.
 
 'use strict';
 
@@ -20,7 +19,7 @@ const kProtos = path.join(__dirname, '../../zimbrel/src/core/common/rpc/proto');
 const kProtocol = 1;
 const kMaxFrameBytes = 4 << 20;
 
-// protobufjs brings the protos of protobuf itself along.
+// protobufjs has protobuf's own protos built in.
 const root = new protobuf.Root();
 root.resolvePath = (origin, target) => {
   const ours = path.join(kProtos, target);
@@ -51,7 +50,7 @@ const fromJson = (type, json) => type.fromObject(JSON.parse(json));
 const toJson = (type, message) =>
   JSON.stringify(type.toObject(message, { longs: String, enums: String, bytes: String }));
 
-// What we say of ourselves. Whether it fits is the widget's to find out.
+// What this client says of itself. The widget checks whether it fits.
 function hello() {
   const fullName = type => type.fullName.slice(1);
   let hash = 0xcbf29ce484222325n;
@@ -98,7 +97,7 @@ class Connection {
     return streamId;
   }
 
-  // Runs `then` when the widget has handled all that was sent before.
+  // Runs `then` when the widget has handled everything sent so far.
   afterAll(method, then) {
     const streamId = this.begin(Kind.KIND_OPEN, method, undefined, then);
     this.send({ kind: Kind.KIND_COMPLETE, streamId });
@@ -120,7 +119,7 @@ class Connection {
     if (frame.kind === Kind.KIND_HELLO) return;
     const id = Number(frame.streamId);
     if (frame.kind === Kind.KIND_ERROR && id === 0) return this.onEnd(errorText(frame));
-    // Of what has ended, some frames may still be on their way.
+    // Frames of a call or stream that has ended may still arrive.
     const receive = this.receivers.get(id);
     if (receive) receive(frame);
   }
@@ -145,7 +144,7 @@ function call(name, json) {
   });
 }
 
-// Opens a stream, subscribes it with `request`, and hands its messages on.
+// Opens a stream, subscribes it with `request`, and passes its messages on.
 function follow(name, method, request, onMessage) {
   const streamId = connection.begin(Kind.KIND_OPEN, method.index, undefined, frame => {
     if (frame.kind === Kind.KIND_ERROR) return end(1, errorText(frame));

@@ -1,4 +1,4 @@
-// Brings a browser's pictures to the host that draws them.
+// Sends a browser's pictures to the host that draws them.
 
 #ifndef EXAMPLES_WIDGET_SERVER_FRAME_SENDER_H_
 #define EXAMPLES_WIDGET_SERVER_FRAME_SENDER_H_
@@ -27,7 +27,7 @@ struct Layer {
   bool operator==(const Layer&) const = default;
 };
 
-// All that is to be seen of a browser, off-screen.
+// Everything that an off-screen browser shows.
 struct Scene {
   std::optional<Picture> view;
   std::optional<Popup> popup;
@@ -35,10 +35,10 @@ struct Scene {
 };
 
 // Calls the host with what has changed since the last scene, one call at a
-// time: while one waits for its answer nothing else is painted, and then only
-// the newest scene. Pixels lie in shared memory until their call has ended. A
-// picture that is empty or too large for a frame is left out, and so is one
-// that nobody serves, until the next Show.
+// time: nothing is painted before the host has answered, and then only the
+// newest scene. Pixels stay in shared memory until their call has ended. A
+// picture that is empty or too large for a frame is not sent, nor is one that
+// no host serves; the next Show tries again.
 //
 // Thread: the service thread. Lifetime: `service` outlives the sender; calls
 // may outlive both.
@@ -51,8 +51,8 @@ class FrameSender : public std::enable_shared_from_this<FrameSender> {
   void Show(Scene scene);
 
  private:
-  // Each begins a call if what is wanted is not what the host has; false if
-  // there is nothing to do, or it cannot be done.
+  // Each starts a call if the host does not have what is wanted. Returns false
+  // if it started none.
   bool SendView();
   bool SendPopup();
   bool SendCaret();
@@ -60,7 +60,8 @@ class FrameSender : public std::enable_shared_from_this<FrameSender> {
 
   bool SendSurface(const Picture& picture, rpc::UpdateSurfaceCall call);
 
-  // Sends `call`, with a new frame of `picture` unless that is null.
+  // Sends `call`, with `picture` as a new frame unless it is null. Returns
+  // false if nothing was sent.
   template <typename T>
   bool Send(const orvane::Caller<T>& caller, orvane::CallOf<T> call,
             const Picture* picture);
@@ -68,10 +69,10 @@ class FrameSender : public std::enable_shared_from_this<FrameSender> {
   const BrowserId browser_;
   rpc::BrowserWidgetRpc* const service_;
   Scene wanted_;
-  Scene shown_;  // As far as the host took it.
+  Scene shown_;  // What was sent to the host.
   bool is_call_waiting_ = false;
-  // A picture did not get to be shown; if it was the caret's, the next call
-  // about that has to bring it again.
+  // The host did not present a picture. It may have been the caret's, so the
+  // next call about the caret carries its picture again.
   bool is_picture_lost_ = false;
   std::uint64_t last_frame_ = 0;
 };

@@ -23,8 +23,8 @@ absl::Status CheckKey(const rpc::Key& key) {
       "the key is not given; it needs `key` or `windows_key_code`");
 }
 
-// The same at press and release. What the key means comes last, for modifiers
-// may have changed that in between.
+// The same name at press and release. The key's meaning is used only if nothing
+// else is given, since a modifier pressed in between changes it.
 std::string NameOf(const rpc::Key& key) {
   if (key.code().empty() && key.windows_key_code() != 0) {
     return absl::StrCat("code ", key.windows_key_code(), " at location ",

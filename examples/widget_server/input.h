@@ -22,10 +22,11 @@
 
 namespace widget_server {
 
-// Takes one event by each operation and keeps what is held, touched and dragged
-// since. An event that cannot be is refused in words and changes nothing.
+// Each operation takes one event. Remembers which keys, buttons and fingers are
+// down and whether something is being dragged. An event that does not fit, such
+// as a release of a finger that is not down, is an error and changes nothing.
 //
-// Of the page that gets the input it knows that its picture can be dragged.
+// All that it knows of the page is where the picture is that can be dragged.
 class Input {
  public:
   static constexpr std::size_t kRecentEvents = 8;
@@ -42,7 +43,8 @@ class Input {
   absl::Status MouseMove(const rpc::MouseMoveRequest& event);
   absl::Status MouseWheel(const rpc::MouseWheelRequest& event);
 
-  // Noted but not read, so nothing counts as held by them.
+  // Listed in recent_events(), but not decoded: no key, button or finger counts
+  // as held because of them.
   absl::Status NativeKeyEvent(const rpc::NativeKeyEventRequest& event);
   absl::Status NativeMouseEvent(const rpc::NativeMouseEventRequest& event);
   absl::Status NativeTouchEvent(const rpc::NativeTouchEventRequest& event);
@@ -58,10 +60,11 @@ class Input {
   absl::Status DragDrop(const rpc::DragDropRequest& event);
   absl::Status DragEnd(const rpc::DragEndRequest& event);
 
-  // The keys that are down, by KeyboardEvent.code where the host told it.
+  // The keys that are down, by KeyboardEvent.code if the host sent it.
   const std::set<std::string>& held_keys() const { return held_keys_; }
 
-  // Sum of the rpc::MouseButtonFlag values held, as the latest event had it.
+  // Sum of the rpc::MouseButtonFlag values of the buttons held, from the latest
+  // event.
   std::uint32_t held_buttons() const { return held_buttons_; }
 
   bool is_pointer_inside() const { return is_pointer_inside_; }
@@ -72,7 +75,7 @@ class Input {
   bool is_drag_over() const { return is_drag_over_; }
   bool has_drag_begun_in_page() const { return has_drag_begun_in_page_; }
 
-  // The events accepted so far, and the latest of them in words, oldest first.
+  // How many events were accepted; descriptions of the latest, oldest first.
   std::uint64_t event_count() const { return event_count_; }
   const std::deque<std::string>& recent_events() const {
     return recent_events_;
@@ -81,14 +84,14 @@ class Input {
  private:
   using TouchPoints = google::protobuf::RepeatedPtrField<rpc::TouchPoint>;
 
-  // All of them, or none if one is not down.
+  // Lifts all of them, or none and fails if one is not down.
   absl::Status LiftFingers(const TouchPoints& points);
   absl::Status CheckDragIsOver() const;
 
   absl::Status AcceptNative(absl::string_view kind,
                             const rpc::NativeEvent& event);
 
-  // Both note the event and are OK.
+  // Both add to recent_events() and return OK.
   absl::Status AcceptPointer(absl::string_view kind,
                              const rpc::PointerState& pointer);
   absl::Status Accept(std::string event);

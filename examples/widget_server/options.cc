@@ -19,7 +19,7 @@ constexpr int kExitUsage = 2;
 void PrintHelp() {
   const Options defaults;
   std::cout << "Usage: widget_server [OPTION]...\n"
-               "Serves browser widgets that are in memory only.\n"
+               "Serves browser widgets without a browser engine.\n"
                "\n"
                "  --socket PATH  listen at PATH, in a folder private to you\n"
                "                 (default "
@@ -78,7 +78,7 @@ Options ParseOptions(int argc, char** argv) {
         std::cout << "widget_server " << orvane::kVersion << "\n";
         std::exit(EXIT_SUCCESS);
       default:
-        RefuseUsage();  // getopt_long has said what is wrong.
+        RefuseUsage();  // getopt_long has printed what is wrong.
     }
   }
   if (optind < argc) {

@@ -1,4 +1,4 @@
-// What the command line of widget_server asks for.
+// The command line of widget_server.
 
 #ifndef EXAMPLES_WIDGET_SERVER_OPTIONS_H_
 #define EXAMPLES_WIDGET_SERVER_OPTIONS_H_
@@ -16,9 +16,8 @@ struct Options {
   int browsers = 3;  // From 1 to kMaxBrowsers.
 };
 
-// Returns only if there is something to serve. After --help or --version it
-// ends the process with exit code 0, after wrong use with 2 and words on the
-// standard error.
+// Ends the process instead of returning: with exit code 0 after --help and
+// --version, and with 2 and a message on stderr if the command line is wrong.
 Options ParseOptions(int argc, char** argv);
 
 }  // namespace widget_server

@@ -1,4 +1,4 @@
-// The page that a browser shows: imagined, but it behaves as a page would.
+// The page that a browser shows: not a real one, but it behaves like one.
 
 #ifndef EXAMPLES_WIDGET_SERVER_PAGE_H_
 #define EXAMPLES_WIDGET_SERVER_PAGE_H_
@@ -20,7 +20,7 @@ namespace widget_server {
 // What the page knows of the view that shows it.
 struct Viewport {
   bool is_attached = false;
-  bool is_drawn_off_screen = false;  // Its picture goes to the host.
+  bool is_drawn_off_screen = false;  // The host gets its picture and draws it.
   bool has_focus = false;
   bool is_accessibility_on = false;
   bool has_drag_begun_in_page = false;
@@ -30,10 +30,10 @@ struct Viewport {
 };
 
 // Reacts to input by publishing events and calling the host, through the
-// accessors of the service. It trusts its input: that was checked before.
+// accessors of the service. The input must have been checked.
 //
-// The page takes keys while the view has the focus, and neither keys nor clicks
-// while a dialog of its is open. It has one dialog and one list open at a time.
+// The page takes keys while the view has the focus. It ignores keys and clicks
+// while its dialog is open. At most one dialog and one list are open at a time.
 //
 // Thread: the service thread. Lifetime: `service` outlives the page; calls to
 // the host may outlive both. Made by std::make_shared.
@@ -41,8 +41,8 @@ class Page : public std::enable_shared_from_this<Page> {
  public:
   Page(std::uint64_t browser, rpc::BrowserWidgetRpc* service);
 
-  // Comes before the event that led to it. A list that is open closes with its
-  // view; the rest of the page stays as it is while it is not attached.
+  // Call it before the operation for the event that changed the viewport. A
+  // detached view closes its list; the page keeps its text, choice and focus.
   void SetViewport(const Viewport& viewport);
 
   void Focus(const rpc::FocusRequest& event);
@@ -58,8 +58,9 @@ class Page : public std::enable_shared_from_this<Page> {
   void DragOver(const rpc::DragOverRequest& event);
   void DragDrop(const rpc::DragDropRequest& event);
 
-  // Brings what has changed to be seen to the host, if the view is off-screen.
-  // Comes after each of the above; answers of the host need no such call.
+  // Sends the host the pictures that have changed, if the view is off-screen.
+  // Call it after each operation above. The page itself calls it when the host
+  // has answered.
   void Draw();
 
   const std::string& text() const { return text_; }  // Of the field.
@@ -75,17 +76,17 @@ class Page : public std::enable_shared_from_this<Page> {
   // The live regions of the page.
   enum class Region : std::uint64_t { kDialog = 1, kChoice = 2, kText = 3 };
 
-  // Calls the host and then, if the page still lives, runs `then` with the page
-  // and a pointer to the answer; a null one if there is none, at once where
-  // nobody serves the call.
+  // Calls the host, then runs `then` with the page and a pointer to the answer,
+  // which is null if the call failed. If no host serves the call, `then` runs
+  // before Ask returns. If the page is gone by then, `then` does not run.
   template <typename T, typename Then>
   void Ask(const orvane::Caller<T>& caller, orvane::CallOf<T> call, Then then);
 
-  // For events, each of which names the browser.
+  // A new event that names the browser.
   template <typename T>
   T New() const;
 
-  // Null: over nothing that has a cursor or a tooltip of its own.
+  // Null if the pointer is over no element.
   void ShowCursor(const Element* under_pointer);
   void ShowTooltip(const Element* under_pointer);
   void PointAt(const rpc::PointDip& position);
@@ -96,7 +97,7 @@ class Page : public std::enable_shared_from_this<Page> {
   void CloseList(std::optional<std::size_t> choice);
 
   void InsertText(absl::string_view text);
-  void SendText();  // To nobody, but the field is empty then.
+  void SendText();  // Only empties the field.
   void Announce(Region region, absl::string_view text,
                 rpc::AriaLivePoliteness politeness,
                 rpc::AriaRelevantFlag relevant);
@@ -105,7 +106,7 @@ class Page : public std::enable_shared_from_this<Page> {
   void MoveFocus(rpc::FocusDirection direction);
   void LeavePage(rpc::FocusDirection direction);
 
-  // Says what a drop would do, if that is news or `is_due` in any case.
+  // Publishes what a drop would do, if that has changed or `is_due`.
   void UpdateDrag(const rpc::PointDip& position,
                   std::uint32_t allowed_operations, bool is_due);
 
@@ -120,12 +121,12 @@ class Page : public std::enable_shared_from_this<Page> {
   std::optional<ElementId> focused_;
 
   rpc::CursorType cursor_ = rpc::CURSOR_TYPE_DEFAULT;
-  absl::string_view tooltip_;  // Empty: none is shown.
+  absl::string_view tooltip_;  // Empty while none is shown.
   std::optional<ElementId> pressed_;
   bool is_dialog_open_ = false;
   std::optional<OpenList> open_list_;
   std::uint64_t last_list_ = 0;
-  bool is_focus_offered_ = false;  // To the host, which has not answered.
+  bool is_focus_offered_ = false;  // The host has not answered OnTakeFocus yet.
   bool is_own_drag_announced_ = false;
   rpc::DragOperation drag_operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
 };

@@ -1,4 +1,4 @@
-// How the page is seen by a host that draws it.
+// What a host that draws the page receives.
 
 #include <cstddef>
 
@@ -30,7 +30,7 @@ class OffScreenPageTest : public PageFixture {
   }
 
   // Draws and answers until nothing changes any more; returns how many frames
-  // came.
+  // were sent.
   std::size_t Settle() {
     const std::size_t before = answered_;
     page_->Draw();
@@ -79,7 +79,7 @@ TEST_F(OffScreenPageTest, WithoutLayersTheCaretIsPartOfTheView) {
   FocusField();
   Settle();
   Serve(layers_);
-  EXPECT_EQ(Settle(), 1u);  // The same without it.
+  EXPECT_EQ(Settle(), 1u);  // The view without the caret.
   EXPECT_THAT(layers_.received(), SizeIs(1));
 }
 

@@ -1,5 +1,5 @@
-// Where the focus goes, what is typed and dropped there, and what is left when
-// the page is gone.
+// Where the focus goes, what is typed and dropped there, and what happens to
+// answers when the page is gone.
 
 #include <memory>
 #include <optional>
@@ -114,7 +114,7 @@ TEST_F(PageFocusTest, PastAnEndTheHostIsOfferedTheFocus) {
 
 TEST_F(PageFocusTest, AFocusThatIsNotTakenStartsOverAtTheOtherEnd) {
   Focus(rpc::FOCUS_REASON_BACK_TAB);
-  Tab();  // Served by nobody.
+  Tab();  // No host serves OnTakeFocus.
   EXPECT_EQ(page_->focused(), ElementId::kLink);
 
   Serve(focus_takers_);
@@ -257,7 +257,7 @@ TEST_F(PageDragTest, EachDragOfThePictureIsAnnounced) {
   EXPECT_THAT(service_.Published(), SizeIs(2));
 }
 
-// When the page is gone
+// After the page
 
 TEST_F(PageLifeTest, AnswersThatComeLaterMakeNoDifference) {
   Serve(dialogs_);

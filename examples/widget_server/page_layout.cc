@@ -57,7 +57,7 @@ Rect CaretPlace(std::size_t characters) {
 }
 
 std::size_t CharactersIn(absl::string_view text) {
-  // Every byte but those that continue a character.
+  // Counts the bytes that begin a character.
   return static_cast<std::size_t>(
       std::count_if(text.begin(), text.end(), [](char byte) {
         return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;

@@ -1,5 +1,5 @@
-// What is where on the imagined page, and what it is. Places are in DIPs from
-// the top left corner of the view.
+// The elements of the page and where they are. Places are in DIPs from the top
+// left corner of the view.
 
 #ifndef EXAMPLES_WIDGET_SERVER_PAGE_LAYOUT_H_
 #define EXAMPLES_WIDGET_SERVER_PAGE_LAYOUT_H_
@@ -33,10 +33,10 @@ struct Element {
   absl::string_view name;  // Of its node in the accessibility tree.
   Rect place;
   rpc::CursorType cursor;
-  absl::string_view tooltip;  // Empty: none.
+  absl::string_view tooltip;  // Empty if it has none.
 };
 
-// All of them, in the order of their ids.
+// All elements, in the order of their ids.
 inline constexpr std::array<Element, 5> kElements = {{
     {ElementId::kPicture,
      "picture",
@@ -57,19 +57,19 @@ inline constexpr std::array<Element, 5> kElements = {{
      "Asks for your name"},
 }};
 
-// Those that Tab leads through, first to last.
+// The elements that Tab moves through, first to last.
 inline constexpr std::array<ElementId, 4> kFocusOrder = {
     ElementId::kLink, ElementId::kField, ElementId::kList, ElementId::kButton};
 
 const Element& GetElement(ElementId id);
 
-// Null if there is none.
+// The element at that place, or null.
 const Element* ElementAt(const rpc::PointDip& position);
 
 bool IsFocusable(ElementId id);
 
-// The lines of the list, which opens below its element when the engine draws
-// it.
+// The lines of the list. If the page draws the open list, it opens below its
+// element.
 inline constexpr std::array<absl::string_view, 3> kOptions = {"Red", "Green",
                                                               "Blue"};
 inline constexpr double kOptionHeight = 20;
@@ -77,20 +77,20 @@ inline constexpr double kFontSize = 13;
 
 Rect OpenListPlace();
 
-// The line of the open list that lies there, as an index of kOptions.
+// The line of the open list at that place, as an index of kOptions.
 std::optional<std::size_t> OptionAt(const rpc::PointDip& position);
 
-// Text is drawn with characters of one width.
+// All characters are drawn equally wide.
 inline constexpr double kCharacterWidth = 7;
 inline constexpr double kTextPadding = 4;
 
-// What fits the field; more is not taken.
+// How many characters the field takes.
 inline constexpr std::size_t kFieldCharacters = 26;
 
-// Where the caret stands after so many characters of the field.
+// The caret's place after that many characters of the field.
 Rect CaretPlace(std::size_t characters);
 
-// The characters of a text in UTF-8.
+// How many characters a UTF-8 text has.
 std::size_t CharactersIn(absl::string_view text);
 
 }  // namespace widget_server

@@ -17,13 +17,13 @@ constexpr Color kButtonFace = {225, 225, 225};
 constexpr double kMaxSidePixels = 16384;
 constexpr std::int64_t kMaxBytes = std::int64_t{1} << 30;
 
-// Text as it looks from afar: a bar for each character that fits the line.
+// Draws text as bars: one for each character that fits the line.
 void AddText(absl::string_view text, double x, const Rect& line, Color color,
              std::vector<Box>* boxes) {
   constexpr double kBarWidth = 5;
   constexpr double kBarHeight = 9;
   for (const char byte : text) {
-    if (CharactersIn({&byte, 1}) == 0) continue;  // Part of the one before.
+    if (CharactersIn({&byte, 1}) == 0) continue;  // Continues a character.
     if (x + kBarWidth > line.x + line.width) return;
     if (byte != ' ') {
       boxes->push_back(
@@ -106,7 +106,7 @@ Picture DrawCaret(double scale_factor) {
 std::optional<rpc::SizePx> SizeInPixels(const Picture& picture) {
   const double width = std::round(picture.width * picture.scale_factor);
   const double height = std::round(picture.height * picture.scale_factor);
-  // In this form it refuses what is not a number, too.
+  // Written so that NaN does not fit.
   const auto fits = [](double side) {
     return side >= 1 && side <= kMaxSidePixels;
   };
@@ -122,7 +122,7 @@ std::optional<rpc::SizePx> SizeInPixels(const Picture& picture) {
 
 void Paint(const Picture& picture, std::span<std::uint8_t> pixels) {
   const rpc::SizePx size = SizeInPixels(picture).value_or(rpc::SizePx());
-  // Clamped before it becomes an integer, since boxes may lie anywhere.
+  // Clamped first, since a box may lie too far out for an integer.
   const auto edge = [&picture](double dips, double end) {
     return static_cast<std::int64_t>(
         std::clamp(std::round(dips * picture.scale_factor), 0.0, end));

@@ -1,4 +1,4 @@
-// What the page looks like, and how it becomes pixels.
+// What the page looks like, and its pixels.
 
 #ifndef EXAMPLES_WIDGET_SERVER_PAGE_PICTURE_H_
 #define EXAMPLES_WIDGET_SERVER_PAGE_PICTURE_H_
@@ -15,7 +15,7 @@
 
 namespace widget_server {
 
-// Opaque, so multiplied by alpha as it is.
+// Opaque, so it is the same with and without premultiplied alpha.
 struct Color {
   std::uint8_t red;
   std::uint8_t green;
@@ -38,15 +38,15 @@ struct Box {
 
 // A picture before it is painted: cheap to make and to compare.
 struct Picture {
-  double width;  // In DIPs, as the boxes.
+  double width;  // In DIPs, like the boxes.
   double height;
   double scale_factor;
-  std::vector<Box> boxes;  // Each covers those before it.
+  std::vector<Box> boxes;  // A later box covers earlier ones.
 
   bool operator==(const Picture&) const = default;
 };
 
-// All of the page that a picture shows and that can change.
+// Everything visible on the page that can change.
 struct PageLook {
   std::string text = "";  // In the field.
   std::string button_label = "";
@@ -62,12 +62,12 @@ Picture DrawCaret(double scale_factor);
 
 inline constexpr std::int64_t kBytesPerPixel = 4;
 
-// Nothing if the picture is empty, or beyond what a frame may hold: 16384
-// pixels a side, 2^30 bytes.
+// Nothing if the picture is empty or too large for a frame, which holds at most
+// 16384 pixels a side and 2^30 bytes.
 std::optional<rpc::SizePx> SizeInPixels(const Picture& picture);
 
-// Fills `pixels`, whose size is that of the picture, without gaps between rows:
-// blue, green, red, alpha.
+// Fills `pixels`, which must have the size of the picture: 4 bytes a pixel, in
+// the order blue, green, red, alpha, without gaps between rows.
 void Paint(const Picture& picture, std::span<std::uint8_t> pixels);
 
 }  // namespace widget_server

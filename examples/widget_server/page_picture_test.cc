@@ -12,7 +12,7 @@
 namespace widget_server {
 namespace {
 
-// A painted picture that can be looked at.
+// The pixels of a picture.
 class Painted {
  public:
   explicit Painted(const Picture& picture)

@@ -17,8 +17,8 @@ namespace {
 
 absl::Status Failure(const std::string& name, std::size_t length, int error) {
   return absl::ResourceExhaustedError(
-      absl::StrCat("no ", length, " bytes of shared memory as ", name, ": ",
-                   std::strerror(error)));
+      absl::StrCat("cannot create ", length, " bytes of shared memory as ",
+                   name, ": ", std::strerror(error)));
 }
 
 }  // namespace
@@ -28,14 +28,16 @@ absl::StatusOr<std::unique_ptr<SharedPixels>> SharedPixels::Create(
   static std::uint64_t last_number = 0;
   std::string name;
   int descriptor = -1;
-  // A process of the same id that was killed may have left a name behind.
+  // A process that had this id before may have been killed and have left the
+  // name behind.
   do {
     name = absl::StrCat("/orvane-widget-", ::getpid(), "-", ++last_number);
     descriptor = ::shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
   } while (descriptor < 0 && errno == EEXIST);
   if (descriptor < 0) return Failure(name, length, errno);
 
-  // Memory that is only promised would end the process once it is written to.
+  // Reserves the memory now. Otherwise a write kills the process if there is
+  // none left (SIGBUS).
   int error = 0;
   do {
     error = ::posix_fallocate(descriptor, 0, static_cast<off_t>(length));

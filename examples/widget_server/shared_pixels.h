@@ -1,4 +1,4 @@
-// Memory in which a picture travels to the host.
+// Shared memory that carries a picture to the host.
 
 #ifndef EXAMPLES_WIDGET_SERVER_SHARED_PIXELS_H_
 #define EXAMPLES_WIDGET_SERVER_SHARED_PIXELS_H_
@@ -13,19 +13,19 @@
 
 namespace widget_server {
 
-// A POSIX shared-memory object that the processes of this user can map, under a
-// name that no other has. A process that is killed leaves its objects behind.
+// A POSIX shared-memory object with a unique name, which the processes of this
+// user can map. A process that is killed leaves its objects behind.
 class SharedPixels {
  public:
-  // Of `length` bytes, which is above 0; all of them exist, so that writing
-  // cannot fail later. kResourceExhausted where memory is short.
+  // `length` must be above 0. The memory is reserved at once, so that a write
+  // cannot fail later. kResourceExhausted if the object cannot be created.
   static absl::StatusOr<std::unique_ptr<SharedPixels>> Create(
       std::size_t length);
 
   SharedPixels(const SharedPixels&) = delete;
   SharedPixels& operator=(const SharedPixels&) = delete;
 
-  // Unmaps the object and removes its name. Who has mapped it keeps it.
+  // Unmaps the object and removes its name. Whoever has mapped it keeps it.
   ~SharedPixels();
 
   // For shm_open, with its leading slash.

@@ -32,7 +32,7 @@ orvane::OwnedDescriptor Open(const std::string& name) {
   return orvane::OwnedDescriptor(::shm_open(name.c_str(), O_RDONLY, 0));
 }
 
-// What the object is called that is made `further` after this one.
+// The name of the object that is created `further` objects after this one.
 std::string NameAfter(const std::string& name, std::int64_t further) {
   const std::size_t number_at = name.rfind('-') + 1;
   std::int64_t number = 0;
@@ -96,7 +96,8 @@ TEST(SharedPixels, MoreThanThereIsIsRefusedInWordsAndLeavesNoName) {
   EXPECT_EQ(pixels.status().code(), absl::StatusCode::kResourceExhausted);
   EXPECT_TRUE(absl::StartsWith(
       pixels.status().message(),
-      "no 4611686018427387904 bytes of shared memory as /orvane-widget-"));
+      "cannot create 4611686018427387904 bytes of shared memory as "
+      "/orvane-widget-"));
   EXPECT_LT(Open(NameAfter(NewPixels(1)->name(), -1)).get(), 0);
 }
 

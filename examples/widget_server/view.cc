@@ -11,7 +11,7 @@ namespace {
 
 absl::Status CheckBounds(const rpc::RectDip& bounds,
                          const rpc::RectPx& screen_bounds) {
-  // In this form it refuses what is not a number, too.
+  // Written so that NaN is refused too.
   if (!(bounds.width() >= 0 && bounds.height() >= 0)) {
     return absl::InvalidArgumentError(
         absl::StrCat("`bounds` are ", bounds.width(), " by ", bounds.height(),

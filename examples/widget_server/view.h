@@ -12,16 +12,17 @@
 
 namespace widget_server {
 
-// Where the view lies, whether it shows, and the input that it got. Hidden,
-// without focus and nowhere at first. An operation that fails has changed
-// nothing.
+// The view's place, whether it is shown and focused, and the input that it got.
+// A new view is hidden, without focus and empty. An operation that fails
+// changes nothing.
 class View {
  public:
-  // `engine_window` is what the engine draws into; none if off-screen.
+  // `engine_window` is the window that the engine draws into; unset if
+  // off-screen.
   View(rpc::RenderingMode rendering_mode, rpc::WindowHandle engine_window);
 
-  // Moves the view into another parent window and to its place there. Off
-  // screen it needs none.
+  // Moves the view into a parent window and to its place there. An off-screen
+  // view needs no parent window.
   absl::Status MoveTo(const rpc::AttachRequest& request);
 
   absl::Status SetBounds(const rpc::ViewBounds& request);
@@ -29,7 +30,7 @@ class View {
   absl::Status Show();
   absl::Status Hide();
 
-  // Whether the view is shown is kept meanwhile.
+  // A minimized view is not drawn, but remembers whether it is shown.
   absl::Status Minimize();
   absl::Status Restore();
 

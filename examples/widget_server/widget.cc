@@ -85,7 +85,7 @@ absl::Status Widget::AssignHostWindow(
 
 absl::Status Widget::SetDisplay(const rpc::Display& display) {
   const rpc::RectDip& bounds = display.bounds();
-  // In these forms both refuse what is not a number, too.
+  // Both conditions are written so that NaN is refused too.
   if (!(bounds.width() > 0 && bounds.height() > 0)) {
     return absl::InvalidArgumentError(
         absl::StrCat("`bounds` are ", bounds.width(), " by ", bounds.height(),

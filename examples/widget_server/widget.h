@@ -1,4 +1,5 @@
-// A widget in memory: one browser, and what its host has told it.
+// A widget without a browser engine: one browser, and the state that its host
+// has set.
 
 #ifndef EXAMPLES_WIDGET_SERVER_WIDGET_H_
 #define EXAMPLES_WIDGET_SERVER_WIDGET_H_
@@ -21,19 +22,19 @@
 
 namespace widget_server {
 
-// Lives as long as its browser, as the page does; the view in it only while it
-// is attached. Wrong
-// use is refused in words that a host can show, and changes nothing.
+// The widget and its page live as long as the browser, the view only while it
+// is attached. Wrong use is an error with a text that a host can show, and
+// changes nothing.
 class Widget {
  public:
   // The page publishes and calls through `service`, which outlives the widget.
   Widget(std::uint64_t browser, rpc::BrowserWidgetRpc* service);
 
-  // Fills `result`, which may say that the widget cannot do what was asked.
+  // `result` tells whether the widget is attached, or why it refuses to be.
   absl::Status Attach(const rpc::AttachRequest& request,
                       rpc::AttachResult* result);
 
-  // Both are harmless while there is no view.
+  // Both do nothing while there is no view.
   absl::Status Detach();
   absl::Status Unfocus();
 
@@ -46,30 +47,31 @@ class Widget {
   absl::Status SetForcedScaleFactor(
       const rpc::SetForcedScaleFactorRequest& request);
 
-  // Turns the page's accessibility on, for good.
+  // Turns the page's accessibility on; nothing turns it off again.
   absl::Status GetAccessibilityToken(rpc::AccessibilityToken* token);
   absl::Status SetParentAccessibilityNodes(
       const rpc::SetParentAccessibilityNodesRequest& request);
 
-  // The same for all widgets, since X11 joins trees by tokens, not by windows.
+  // Static: X11 joins accessibility trees by tokens, not by windows, so no
+  // widget joins the window.
   static absl::Status AttachAccessibleWindow(
       const rpc::AttachAccessibleWindowRequest& request,
       google::protobuf::BoolValue* is_joined);
 
-  // Tells the page what has become of the view, then has it `react`.
+  // Gives the page the state of the view, runs `react`, then draws the page.
   void UpdatePage(absl::FunctionRef<void(Page&)> react);
   const Page& page() const { return *page_; }
 
-  // Pixels per DIP in use: the forced ones; else those of the display if it is
-  // known and the browser DPI aware; else 1.
+  // Pixels per DIP: the forced scale factor if there is one; else the display's
+  // if it is known and the browser is DPI aware; else 1.
   double scale_factor() const;
 
-  // The handle is 0 without a host window.
+  // The handle is 0 if there is no host window.
   const rpc::WindowHandle& host_window() const { return host_window_; }
 
   bool is_accessibility_on() const { return is_accessibility_on_; }
 
-  // Their tokens are empty while the page's tree hangs nowhere.
+  // Their tokens are empty while the page's tree has no parent.
   const rpc::AccessibilityToken& parent_node() const { return parent_node_; }
   const rpc::AccessibilityToken& window_node() const { return window_node_; }
 

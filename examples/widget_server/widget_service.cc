@@ -66,7 +66,7 @@ void WidgetService::ServeInput(Controller* controller, const Event& event,
                                Closure* done,
                                absl::Status (Input::*take)(const Event&),
                                void (Page::*react)(const Event&)) {
-  const Event kept = event;  // For the page, which reacts after the reply.
+  const Event kept = event;  // The page reacts after the reply has freed it.
   ServeView(
       controller, event.browser_id(), done,
       [&](View& view) { return (view.input().*take)(event); },

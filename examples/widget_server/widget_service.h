@@ -1,4 +1,4 @@
-// The service as this example serves it: every method, over widgets in memory.
+// The whole service, served by widgets without a browser engine.
 
 #ifndef EXAMPLES_WIDGET_SERVER_WIDGET_SERVICE_H_
 #define EXAMPLES_WIDGET_SERVER_WIDGET_SERVICE_H_
@@ -16,10 +16,9 @@
 
 namespace widget_server {
 
-// Hands each call to the widget that it is about, and answers it before the
-// handler returns: by what the widget filled in, or by what it has to say
-// against it. Then the widget's page reacts, so that the reply precedes what
-// follows from the call.
+// Passes each call to its widget and answers it before the handler returns,
+// with the widget's result or its error. The widget's page reacts after the
+// reply, so events and calls caused by a call arrive after its reply.
 //
 // Thread: the service thread.
 class WidgetService final : public rpc::BrowserWidgetRpc {
@@ -31,8 +30,8 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
   // Serves the browsers 1 to `browsers`, which is at least 1.
   explicit WidgetService(int browsers);
 
-  // The widget of a browser, good as long as the service. If there is no such
-  // browser, an error that names those that there are.
+  // The widget of a browser, valid as long as the service. If there is no such
+  // browser, the error names those that exist.
   absl::StatusOr<Widget*> FindWidget(const BrowserId& browser_id);
 
   void Focus(Controller* controller, const rpc::FocusRequest* request,
@@ -148,7 +147,7 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
                             const rpc::SetForcedScaleFactorRequest* request,
                             Empty* response, Closure* done) override;
 
-  // Plain publishing and calling, for the pages.
+  // Through these the pages publish events and call the host.
   orvane::Publisher<rpc::CursorChanged> WhenCursorChanged() override;
   orvane::Publisher<rpc::TooltipChanged> WhenTooltipChanged() override;
   orvane::Publisher<rpc::DropDownCreated> WhenDropDownCreated() override;
@@ -167,25 +166,26 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
  private:
   static void DoNotReact(Page&) {}
 
-  // Fails the call if there is no such browser or `serve` says so; completes it
-  // in any case, which ends the life of what the handler was given. If nothing
-  // failed, the page then learns what has become of its view, and reacts.
+  // Serves a call: fails it if there is no such browser or `serve` returns an
+  // error. Runs `done` in either case; the handler's arguments are gone
+  // afterwards. If the call succeeded, the page gets the state of its view, and
+  // `react` runs.
   void ServeWidget(Controller* controller, const BrowserId& browser_id,
                    Closure* done,
                    absl::FunctionRef<absl::Status(Widget&)> serve,
                    absl::FunctionRef<void(Page&)> react = DoNotReact);
 
-  // The same, and the browser must be attached.
+  // Like ServeWidget, but fails if the browser is not attached.
   void ServeView(Controller* controller, const BrowserId& browser_id,
                  Closure* done, absl::FunctionRef<absl::Status(View&)> serve,
                  absl::FunctionRef<void(Page&)> react = DoNotReact);
 
-  // The same for an event, which the view's input takes.
+  // Like ServeView, for an event that goes to the view's input.
   template <typename Event>
   void ServeInput(Controller* controller, const Event& event, Closure* done,
                   absl::Status (Input::*take)(const Event&));
 
-  // The same for an event that the page reacts to.
+  // Like the one above, for an event that the page reacts to.
   template <typename Event>
   void ServeInput(Controller* controller, const Event& event, Closure* done,
                   absl::Status (Input::*take)(const Event&),

@@ -1,5 +1,5 @@
-// The page's events and calls as a host meets them: through the typed client,
-// over a pair of sockets.
+// The page's events and calls as a host receives them: through the typed
+// client, over a pair of sockets.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -92,7 +92,7 @@ class WidgetStreamsTest : public ::testing::Test {
 
   const Page& page() { return (*service_.FindWidget(browser_))->page(); }
 
-  // Of what a stream brought.
+  // Waits until `count` messages were received; returns the last of them.
   template <typename T>
   T Await(const std::vector<T>& received, std::size_t count = 1) {
     loop_.RunUntil([&] { return received.size() >= count; });

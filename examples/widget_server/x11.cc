@@ -10,10 +10,10 @@
 namespace widget_server {
 namespace {
 
-// The server keeps the upper three of 32 bits for itself.
+// The X server reserves the upper three of 32 bits.
 constexpr std::uint64_t kLargestWindow = 0x1fffffff;
 
-// Ids of this widget's own windows begin here.
+// The ids of the engine's windows begin here.
 constexpr std::uint64_t kEngineWindowBase = 0x02000000;
 
 // An XIEnterEvent of XInput 2 on a 64-bit machine. An XEvent has 192 bytes.

@@ -1,6 +1,6 @@
-// What the widget knows of its window system: X11, as far as an example has to
-// imagine it. A widget for another platform, or one that asks the X server,
-// replaces these few functions.
+// What the widget needs from its window system, X11. The example asks no X
+// server. A widget that does, or one for another platform, replaces these few
+// functions.
 
 #ifndef EXAMPLES_WIDGET_SERVER_X11_H_
 #define EXAMPLES_WIDGET_SERVER_X11_H_
@@ -16,15 +16,15 @@
 
 namespace widget_server {
 
-// OK if the window exists. Nobody is asked here: whatever an X server could use
-// as the id of a window counts as one.
+// OK if the window exists. The X server is not asked: any number that can be
+// the id of a window counts.
 absl::Status CheckWindow(const rpc::WindowHandle& window);
 
-// OK if the token can name a node of an accessibility tree.
+// OK if the token has the form of a node's name in an accessibility tree.
 absl::Status CheckNode(const rpc::AccessibilityToken& node);
 
-// OK if the payload can be an event in the layout of X11. Its length is all
-// that is looked at.
+// OK if the payload is long enough to be an X11 event. Nothing else of it is
+// checked.
 absl::Status CheckNativeEvent(const rpc::NativeEvent& event);
 
 // The window that the engine draws a browser into.

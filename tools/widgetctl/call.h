@@ -1,4 +1,4 @@
-// One unary call, from words to words.
+// Unary calls as a user types them.
 
 #ifndef TOOLS_WIDGETCTL_CALL_H_
 #define TOOLS_WIDGETCTL_CALL_H_
@@ -16,8 +16,8 @@
 
 namespace widgetctl {
 
-// What comes of a call, whoever makes it: the response, or an error whose text
-// is that of the failed call.
+// The outcome of a call, in either direction: the response, or an error with
+// the text of the failed call.
 using Answer = absl::StatusOr<std::unique_ptr<google::protobuf::Message>>;
 
 // A call that is ready to be made.
@@ -26,14 +26,15 @@ struct UnaryCall {
   std::unique_ptr<google::protobuf::Message> request;
 };
 
-// Finds the method in `service`, which is one of the generated pool, and reads
-// the request. Errors, for people: an unknown method, a stream, wrong JSON.
+// Finds the method and reads the request. `service` must be in the generated
+// pool. An unknown method, a stream and wrong JSON are errors with a text for
+// the user.
 absl::StatusOr<UnaryCall> PrepareCall(
     const google::protobuf::ServiceDescriptor& service,
     const std::string& method, const std::string& request_json);
 
-// Makes the call and waits for its end. The text of an error is that of the
-// handler, if it was the handler that failed the call.
+// Makes the call and waits for its end. If the handler failed the call, the
+// error has the handler's text.
 Answer MakeCall(const UnaryCall& call, absl::Duration timeout,
                 orvane::SocketClient& client);
 

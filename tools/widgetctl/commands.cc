@@ -29,7 +29,7 @@ using orvane::SocketClient;
 
 namespace {
 
-// All of a file, or of stdin if the path is "-".
+// The content of a file, or of stdin if the path is "-".
 absl::StatusOr<std::string> ReadAll(const std::string& path) {
   std::FILE* const file = path == "-" ? stdin : std::fopen(path.c_str(), "re");
   const auto error = [&path] {
@@ -117,18 +117,19 @@ constexpr Command kCommands[] = {
      "server.\n",
      &List},
     {"describe", "[METHOD|MESSAGE|ENUM]", "", 0, 1,
-     "tells what methods and types are for",
-     R"(Without a name: every method of the service. With one: that method, message or
-enum and the types that it needs. Fields have the names that they have in JSON.
-Needs no server.
+     "explains methods and types",
+     R"(Prints every method of the service with its comments. With a name, prints that
+method, message or enum and the types that it needs. Fields have their JSON
+names. Needs no server.
 
 In JSON an enum value is its name, bytes are base64, and a 64-bit number is a
-string (a plain number is read as well). What is left out has its default.
+string (a plain number is accepted too). Fields that are left out have their
+defaults.
 )",
      &Describe},
     {"call", "METHOD [JSON]", "", 1, 2, "calls a unary method",
-     R"(The request is JSON, read from stdin if it is `-`, {} if it is left out. The
-response is printed as JSON on one line.
+     R"(The request is JSON; `-` reads it from stdin, and without one it is {}. Prints
+the response as JSON on one line.
 
   widgetctl call Show '{"value": 1}'
 )",
@@ -136,8 +137,8 @@ response is printed as JSON on one line.
     {"watch", "METHOD KEY", "[--count N]", 2, 2,
      "prints the events of a browser",
      R"(Prints each event as JSON on one line, until SIGINT or SIGTERM. The key is a
-BrowserId as JSON, or its bare number. With --count it ends after N events, and
-fails if they have not come within the timeout.
+BrowserId as JSON, or just its number. With --count it ends after N events, and
+fails if they have not arrived within the timeout.
 
   widgetctl watch WhenCursorChanged 1
 )",
@@ -146,23 +147,23 @@ fails if they have not come within the timeout.
      "(--reply JSON | --fail TEXT | --command COMMAND) [--count N]", 2, 2,
      "answers the calls of a browser",
      R"(Prints each call as JSON on one line and answers it, until SIGINT or SIGTERM.
-The key is a BrowserId as JSON, or its bare number. The answer to each call is
+The key is a BrowserId as JSON, or just its number. The answer to each call is
 
   --reply JSON       this response
   --fail TEXT        an error
-  --command COMMAND  what COMMAND prints as JSON; it is run by /bin/sh and reads
-                     the printed line from its stdin. If it fails or prints no
-                     response, so does the call.
+  --command COMMAND  the JSON that COMMAND prints. /bin/sh runs it with the
+                     call's line as stdin. If it fails or does not print a
+                     response, the call fails.
 
-Calls wait for their commands side by side. With --count it ends after N answers,
-and fails if they have not been given within the timeout.
+Commands of several calls run at the same time. With --count it ends after N
+answers, and fails if it has not given them within the timeout.
 
   widgetctl serve OnTakeFocus 1 --reply '{"taken": true}'
 )",
      &Serve},
     {"run", "FILE", "", 1, 1, "replays a recorded session",
-     R"(Does what the lines of FILE say, or of stdin if it is `-`, and holds what comes
-of it against what the file expects. A line is blank, a remark, or one of these:
+     R"(Does what the lines of FILE say and compares the results with those that they
+expect. `-` reads stdin. A line is blank, a remark, or one of these:
 
   # Browser 7 was never created.
   Show {"value": 7} => error: browser 7 does not exist
@@ -176,10 +177,9 @@ of it against what the file expects. A line is blank, a remark, or one of these:
   called OnTakeFocus {"browserId": {"value": 1}, "call": {}}
   end OnTakeFocus 1
 
-Calls end with their response or with the exact text of their error, and so do
-those that are served. `event` and `called` wait for the next of their method
-that arrives. What arrives and is not expected by the end is as wrong as what
-differs.
+A line with `=>` ends with a response, or with the exact text of an error.
+`event` and `called` wait for the next event or call of their method. The session
+fails if something differs, or if something arrives that no line expects.
 )",
      &Run},
 };

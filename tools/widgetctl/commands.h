@@ -1,4 +1,4 @@
-// What widgetctl can do.
+// The commands of widgetctl.
 
 #ifndef TOOLS_WIDGETCTL_COMMANDS_H_
 #define TOOLS_WIDGETCTL_COMMANDS_H_
@@ -17,24 +17,24 @@
 
 namespace widgetctl {
 
-// What the program exits with.
+// The exit codes of the program.
 enum ExitCode : int {
   kOk = 0,
   kFailed = 1,  // A call or a stream failed, or a session was not as expected.
-  kUsage = 2,   // Unknown names, wrong JSON and unreadable files among it.
+  kUsage = 2,   // Also unknown names, wrong JSON and unreadable files.
   kNoConnection = 3,  // Or the widget has ended it, or the stream.
 };
 
-// Tells stderr why, and returns the code.
+// Prints `why` to stderr and returns `code`.
 ExitCode Fail(ExitCode code, absl::string_view why);
 
 struct Options {
-  // The service to talk about and to, of the generated pool.
+  // The service to describe and call; in the generated pool.
   const google::protobuf::ServiceDescriptor* service;
   std::string socket = orvane::DefaultSocketPath("widget");
   absl::Duration timeout = absl::Seconds(5);  // Of each wait; above 0.
 
-  // Of `watch` and `serve`.
+  // For `watch` and `serve`.
   std::optional<int> count = std::nullopt;  // Above 0.
   std::optional<std::string> reply = std::nullopt;
   std::optional<std::string> fail = std::nullopt;
@@ -44,14 +44,14 @@ struct Options {
 struct Command {
   absl::string_view name;
   absl::string_view arguments;  // Their names, as help shows them.
-  absl::string_view options;    // Those that not all have, as help shows them.
+  absl::string_view options;    // Those of this command, as help shows them.
   std::size_t min_arguments;
   std::size_t max_arguments;
   absl::string_view summary;
   absl::string_view details;
 
-  // There are as many arguments as it allows. Results go to stdout, words about
-  // what is wrong to stderr.
+  // The number of arguments must be within the two bounds above. Prints results
+  // to stdout and errors to stderr.
   ExitCode (*run)(const Options& options,
                   const std::vector<std::string>& arguments);
 };

@@ -24,8 +24,7 @@ using google::protobuf::SourceLocation;
 
 namespace {
 
-// The comments of anything that can have some, as lines of the given
-// indentation.
+// The comments of a descriptor, as indented lines.
 template <typename D>
 std::string Comments(const D& described, absl::string_view indent) {
   SourceLocation location;
@@ -66,7 +65,7 @@ std::string TypeName(const FieldDescriptor& field) {
   return can_be_absent ? absl::StrCat("optional ", name) : name;
 }
 
-// A member with comments is set off from the one before.
+// Puts a blank line in front of a member that has comments.
 void AppendMember(const std::string& comments, const std::string& member,
                   std::string* text) {
   const bool is_first =
@@ -118,7 +117,7 @@ std::string Text(const EnumDescriptor& type) {
 // Texts of types, each type once, in the order in which they are added.
 class Glossary {
  public:
-  // With all types that its fields need.
+  // Also adds all types that its fields need.
   void Add(const Descriptor* message) {
     if (!seen_.insert(message).second) return;
     Append(Text(*message));

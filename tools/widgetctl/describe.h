@@ -1,4 +1,4 @@
-// What a service offers, for people who want to call it from a terminal.
+// Descriptions of a service for people who call it from a terminal.
 
 #ifndef TOOLS_WIDGETCTL_DESCRIBE_H_
 #define TOOLS_WIDGETCTL_DESCRIBE_H_
@@ -14,15 +14,15 @@ namespace widgetctl {
 // All methods, one a line: index, name, kind, request and response.
 std::string ListMethods(const google::protobuf::ServiceDescriptor& service);
 
-// The service and its methods in the words of their comments.
+// The service and its methods, with their comments.
 std::string DescribeService(const google::protobuf::ServiceDescriptor& service);
 
-// A method, message or enum by its name, and every type that one has to know to
-// write it as JSON, each once. Types of the service's package may be named
-// without it. kNotFound, with the nearest names, if there is no such thing.
+// A method, message or enum by its name, and every type that is needed to write
+// it as JSON, each once. A type of the service's package may be named without
+// the package. kNotFound, with the nearest names, if nothing has that name.
 //
-// Comments are there if the descriptors have them, which those of the generated
-// pool have not.
+// Comments appear only if the descriptors have them; those of the generated
+// pool do not.
 absl::StatusOr<std::string> DescribeNamed(
     const google::protobuf::ServiceDescriptor& service, absl::string_view name);
 

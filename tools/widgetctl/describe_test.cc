@@ -20,7 +20,7 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-// Without comments, as generated descriptors are.
+// A generated descriptor, so it has no comments.
 const google::protobuf::ServiceDescriptor& Service() {
   return *rpc::BrowserWidgetRpc::descriptor();
 }
@@ -136,7 +136,7 @@ TEST(Describe, NamesTheNearestMethodsAndMessagesOfAnUnknownName) {
                           "AttachResult?"));
 }
 
-// A file as a compiler that keeps comments would describe it.
+// The descriptor of a file whose comments were kept.
 TEST(Describe, SetsCommentsAboveWhatTheyAreAbout) {
   google::protobuf::FileDescriptorProto file;
   file.set_name("light.proto");

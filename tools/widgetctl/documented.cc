@@ -21,7 +21,7 @@ const DescriptorPool& DocumentedPool() {
       LOG(FATAL) << "the protos in this program are damaged";
     }
     auto* const built = new DescriptorPool;
-    // Each file follows those that it imports.
+    // Each file comes after those that it imports.
     for (const FileDescriptorProto& file : protos.file()) {
       if (built->BuildFile(file) == nullptr) LOG(FATAL) << file.name();
     }

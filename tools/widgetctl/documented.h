@@ -7,9 +7,10 @@
 
 namespace widgetctl {
 
-// The same service in a pool of its own, built from the protos as they were
-// compiled into this program, comments included. It lives as long as the
-// process. Only for looking at: its messages are not those of generated code.
+// The same service with its comments, in a pool that lives as long as the
+// process. It is built from the protos that are embedded in this program. Use
+// it for descriptions only: its message types are not those of the generated
+// code.
 const google::protobuf::ServiceDescriptor& WithComments(
     const google::protobuf::ServiceDescriptor& service);
 

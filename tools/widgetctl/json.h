@@ -14,18 +14,19 @@
 
 namespace widgetctl {
 
-// Replaces the content of `message`. kInvalidArgument, with protobuf's words on
-// what is wrong where, if `json` is not JSON or does not fit the message's
-// type; unknown fields count as wrong. The message is unspecified then.
+// Replaces the content of `message`. kInvalidArgument if `json` is not JSON or
+// does not fit the message's type, for example because of an unknown field; the
+// text is protobuf's and says what is wrong where. The content of `message` is
+// unspecified then.
 absl::Status FromJson(const std::string& json,
                       google::protobuf::Message* message);
 
-// The same, and an error tells what the JSON was to be: "the request of Show is
-// no JSON of BrowserId: …" where `what` is "the request of Show".
+// Like FromJson, but an error begins with what the JSON is: "the request of
+// Show is not valid JSON for BrowserId: …" if `what` is "the request of Show".
 absl::Status ReadJson(absl::string_view what, const std::string& json,
                       google::protobuf::Message* message);
 
-// An empty message of a type of the generated pool.
+// An empty message. `type` must be in the generated pool.
 std::unique_ptr<google::protobuf::Message> NewMessage(
     const google::protobuf::Descriptor* type);
 

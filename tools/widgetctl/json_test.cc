@@ -37,7 +37,8 @@ TEST(Json, TellsWhereTheTextIsWrong) {
   BrowserId id;
   const absl::Status status = FromJson(R"({"value" 7})", &id);
   EXPECT_TRUE(absl::IsInvalidArgument(status));
-  // Some releases of protobuf point at the place, others count to it.
+  // Some releases of protobuf mark the place with ^, others give line and
+  // column.
   EXPECT_THAT(status.message(), AnyOf(HasSubstr("^"), HasSubstr("near 1:")));
 }
 

@@ -1,4 +1,4 @@
-// widgetctl: a browser widget's service at a terminal.
+// widgetctl: calls a browser widget's service from a terminal.
 
 #include <getopt.h>
 
@@ -28,7 +28,7 @@ namespace {
 std::string Help(const Options& defaults) {
   std::string help =
       "Usage: widgetctl [OPTION]... COMMAND [ARGUMENT]...\n"
-      "Talks to a browser widget from a terminal.\n"
+      "Calls a browser widget from a terminal.\n"
       "\n";
   for (const Command& command : Commands()) {
     absl::StrAppendFormat(&help, "  %-30s  %s\n", Synopsis(command),
@@ -41,23 +41,21 @@ std::string Help(const Options& defaults) {
       "                     (default ",
       defaults.socket,
       ")\n"
-      "  --timeout SECONDS  wait this long, such as 0.5, for an answer, for "
-      "what\n"
-      "                     a session expects, and for a count (default ",
+      "  --timeout SECONDS  wait at most this long for an answer, for what a\n"
+      "                     session expects and for --count, such as 0.5\n"
+      "                     (default ",
       absl::ToInt64Seconds(defaults.timeout),
       ")\n"
       "  --count N          watch, serve: end after N events or answers\n"
       "  --reply JSON       serve: answer with this response\n"
       "  --fail TEXT        serve: fail each call with this text\n"
-      "  --command COMMAND  serve: answer with what this prints\n"
+      "  --command COMMAND  serve: answer with what this shell command prints\n"
       "  --help             print this, or more about a command, and exit\n"
       "  --version          print the version and exit\n"
       "\n"
-      "Exit code: 0 if all went well, 1 if a call or a stream failed or a\n"
-      "session was not as expected, 2 for wrong usage (with unknown names, "
-      "wrong\n"
-      "JSON and unreadable files), 3 without a connection to the widget, or "
-      "when\n"
+      "Exit code: 0 on success, 1 if a call or a stream failed or a session\n"
+      "was not as expected, 2 for wrong usage (also unknown names, wrong JSON\n"
+      "and unreadable files), 3 if there is no connection to the widget or\n"
       "the widget has ended it.\n");
   return help;
 }
@@ -91,7 +89,7 @@ bool ParseCount(const char* text, std::optional<int>* count) {
   return absl::SimpleAtoi(text, &count->emplace()) && **count > 0;
 }
 
-// The first option that was given and is not this command's, or none.
+// The first given option that this command does not take, or "".
 absl::string_view ForeignOption(const Command& command,
                                 const Options& options) {
   const std::pair<absl::string_view, bool> given[] = {
@@ -180,7 +178,7 @@ ExitCode Main(int argc, char** argv) {
         std::cout << "widgetctl " << orvane::kVersion << '\n';
         return kOk;
       default:
-        return RefuseUsage();  // getopt_long has said what is wrong.
+        return RefuseUsage();  // getopt_long has printed what is wrong.
     }
   }
   if (optind < argc) {

@@ -20,8 +20,8 @@ namespace {
 
 constexpr std::size_t kMaxSuggestions = 3;
 
-// How many letters have to be inserted, removed or replaced to turn one word
-// into the other (Levenshtein).
+// The Levenshtein distance: how many letters have to be inserted, removed or
+// replaced to turn one word into the other.
 std::size_t EditDistance(absl::string_view from, absl::string_view to) {
   std::vector<std::size_t> row(to.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
@@ -79,7 +79,7 @@ std::string DidYouMean(absl::string_view name,
   for (const std::string& candidate : candidates) {
     const std::string lower = absl::AsciiStrToLower(candidate);
     const std::size_t distance = EditDistance(typed, lower);
-    // A part of the name helps as much as a typing error, if it is no accident.
+    // A part of the name counts too, unless it is so short that it fits many.
     const bool is_part = typed.size() >= 3 && absl::StrContains(lower, typed);
     if (is_part || distance <= std::max<std::size_t>(2, typed.size() / 3)) {
       ranked.emplace_back(distance, candidate);

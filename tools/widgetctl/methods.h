@@ -1,4 +1,4 @@
-// Finding the methods of a service by what people type.
+// Finds the methods of a service by what a user types.
 
 #ifndef TOOLS_WIDGETCTL_METHODS_H_
 #define TOOLS_WIDGETCTL_METHODS_H_
@@ -27,14 +27,15 @@ bool IsUnary(const google::protobuf::MethodDescriptor& method);
 absl::StatusOr<const google::protobuf::MethodDescriptor*> FindMethod(
     const google::protobuf::ServiceDescriptor& service, absl::string_view name);
 
-// The same, and kInvalidArgument if the method is of another kind: "Show cannot
-// be watched: it is of kind unary, not event stream". `use` is "watched" there.
+// Like FindMethod, but kInvalidArgument if the method is of another kind: "Show
+// cannot be watched: it is of kind unary, not event stream" if `use` is
+// "watched".
 absl::StatusOr<const google::protobuf::MethodDescriptor*> FindMethodOfKind(
     const google::protobuf::ServiceDescriptor& service, absl::string_view name,
     absl::string_view kind, absl::string_view use);
 
-// "; did you mean A, B or C?" with those of `candidates` that look most like
-// `name`, the most similar first, or nothing if none does. Case does not count.
+// "; did you mean A, B or C?" with the candidates most similar to `name`, the
+// most similar first; "" if none is similar. Ignores case.
 std::string DidYouMean(absl::string_view name,
                        const std::set<std::string>& candidates);
 

@@ -18,7 +18,7 @@ using google::protobuf::ServiceDescriptor;
 
 namespace {
 
-// Takes one kind of line after the other and remembers which streams are open.
+// Checks the lines one after the other and remembers which streams are open.
 class Loader {
  public:
   using Action = decltype(SessionStep::action);
@@ -149,7 +149,7 @@ class Loader {
 
   const ServiceDescriptor& service_;
   int line_ = 0;
-  std::map<std::string, int> open_;  // By name: the line that opens it.
+  std::map<std::string, int> open_;  // By name, the line that opens it.
   std::set<const MethodDescriptor*> opened_methods_;
 };
 

@@ -1,4 +1,4 @@
-// A recorded session that is ready to be played.
+// A recorded session that is ready to be replayed.
 
 #ifndef TOOLS_WIDGETCTL_SESSION_H_
 #define TOOLS_WIDGETCTL_SESSION_H_
@@ -33,15 +33,15 @@ struct ServeStep {
   Answer answer;  // To every call.
 };
 
-// What the next event, or call of the widget, of a method must have; it may
-// have more, such as times and names that are never the same twice.
+// The fields that the next event, or call from the widget, must have. It may
+// have more, such as times and names that differ on every run.
 struct ArrivalStep {
   const google::protobuf::MethodDescriptor* method;
   std::unique_ptr<google::protobuf::Message> expected;
 };
 
 struct EndStep {
-  Subscription subscription;  // As it was opened.
+  Subscription subscription;  // The one that opened the stream.
 };
 
 struct SessionStep {
@@ -50,10 +50,11 @@ struct SessionStep {
       action;
 };
 
-// Reads the text of a session file. Finds every method and reads all JSON, so
-// that a session with a mistake in its last line does nothing at all. What is
-// opened must not be open already, what ends must be, and what is to arrive
-// must have been watched or served before. An error names its line.
+// Reads the text of a session file. Looks up every method and parses all JSON,
+// so that a session with a mistake does nothing at all. It is an error to open
+// a stream that is open, to end one that is not, and to expect an event or a
+// call of a method that was not watched or served before. An error names its
+// line.
 absl::StatusOr<std::vector<SessionStep>> LoadSession(
     const google::protobuf::ServiceDescriptor& service, absl::string_view text);
 

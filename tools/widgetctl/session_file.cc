@@ -15,12 +15,12 @@ namespace {
 constexpr absl::string_view kArrow = "=>";
 constexpr absl::string_view kServe = "serve";
 
-// Where the first arrow stands that is not inside a string of the JSON.
+// The position of the first arrow outside the JSON's strings.
 std::size_t FindArrow(absl::string_view text) {
   bool in_string = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (in_string && text[i] == '\\') {
-      ++i;  // What is escaped ends no string.
+      ++i;  // An escaped quote does not end the string.
     } else if (text[i] == '"') {
       in_string = !in_string;
     } else if (!in_string && text.substr(i, kArrow.size()) == kArrow) {
@@ -30,7 +30,7 @@ std::size_t FindArrow(absl::string_view text) {
   return absl::string_view::npos;
 }
 
-// The first word and what follows it, without the blanks around both.
+// The first word and the rest, without the blanks around both.
 std::pair<absl::string_view, absl::string_view> SplitWord(
     absl::string_view text) {
   const std::pair<absl::string_view, absl::string_view> parts =
@@ -39,8 +39,8 @@ std::pair<absl::string_view, absl::string_view> SplitWord(
   return {parts.first, absl::StripLeadingAsciiWhitespace(parts.second)};
 }
 
-// `subject` is what the line is, such as "a call"; `request` stands between its
-// method and the arrow.
+// Parses METHOD JSON => ANSWER. `subject` and `request` are for the errors:
+// what the line is, such as "a call", and what the JSON is.
 absl::StatusOr<RecordedCall> ParseAnswered(absl::string_view line,
                                            absl::string_view subject,
                                            absl::string_view request) {
@@ -56,7 +56,7 @@ absl::StatusOr<RecordedCall> ParseAnswered(absl::string_view line,
                            ? RecordedCall::Outcome::kError
                            : RecordedCall::Outcome::kResponse;
   if (outcome == RecordedCall::Outcome::kError) {
-    absl::ConsumePrefix(&answer, " ");  // The rest is the text, to the letter.
+    absl::ConsumePrefix(&answer, " ");  // The rest is the exact text.
   } else {
     answer = absl::StripTrailingAsciiWhitespace(answer);
   }
@@ -79,7 +79,7 @@ absl::StatusOr<RecordedCall> ParseAnswered(absl::string_view line,
 struct VerbWords {
   absl::string_view word;
   RecordedStep::Verb verb;
-  absl::string_view json;  // What it takes behind the method.
+  absl::string_view json;  // What the JSON is, for errors.
 };
 
 constexpr VerbWords kVerbs[] = {

@@ -1,5 +1,5 @@
-// Recorded sessions: what a host does, in a text file, and what must come of
-// it.
+// Recorded sessions: a text file with what a host does and the results that it
+// expects.
 //
 //   # The host shows a view that exists, and one that does not.
 //   Show {"value": 1} => {}
@@ -20,11 +20,11 @@
 //   serve METHOD KEY => ANSWER   opens a callback stream for the browser KEY
 //                                and answers each of its calls
 //   called METHOD JSON           the next call of this method had these fields
-//   end METHOD KEY               ends the stream that was opened so
+//   end METHOD KEY               ends the stream that was opened with this KEY
 //
-// An ANSWER is the response as JSON, or `error: ` and the whole text of the
-// error up to the end of the line, to the letter. A KEY is a BrowserId as JSON,
-// or its bare number.
+// An ANSWER is the response as JSON, or `error: ` and the exact text of the
+// error up to the end of the line. A KEY is a BrowserId as JSON, or just its
+// number.
 
 #ifndef TOOLS_WIDGETCTL_SESSION_FILE_H_
 #define TOOLS_WIDGETCTL_SESSION_FILE_H_
@@ -38,12 +38,12 @@
 
 namespace widgetctl {
 
-// Words between the lines that do something.
+// A line that does nothing.
 struct Remark {
   std::string text;  // With its `#`.
 };
 
-// A call and what must come of it. All JSON is as it stands in the file.
+// A call and its expected answer. All JSON is as it stands in the file.
 struct RecordedCall {
   enum class Outcome { kResponse, kError };
 
@@ -53,12 +53,12 @@ struct RecordedCall {
   std::string answer;  // The response, or the text of the error.
 };
 
-// `serve`: as a call, with the key for a request.
+// `serve`: like a call, with the key as its request.
 struct RecordedServe {
   RecordedCall call;
 };
 
-// The lines without an answer.
+// A line without an answer.
 struct RecordedStep {
   enum class Verb { kWatch, kEvent, kCalled, kEnd };
 
@@ -73,8 +73,8 @@ struct SessionLine {
 };
 
 // The lines that are not blank. kInvalidArgument names the first line that is
-// none of these kinds. Whether methods exist and JSON is right is not looked
-// at.
+// not of one of these kinds. Does not check whether methods exist or JSON is
+// valid.
 absl::StatusOr<std::vector<SessionLine>> ParseSession(absl::string_view text);
 
 }  // namespace widgetctl

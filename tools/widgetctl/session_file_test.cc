@@ -29,7 +29,7 @@ std::string Words(const RecordedStep& step) {
 }
 
 // "3 Show {} = {}" for a response, "3 Show {} ! text" for an error, "3 # text"
-// for a remark, and "3 watch: WhenDone 1" for what has a verb.
+// for a remark, and "3 watch: WhenDone 1" for a line with a verb.
 std::vector<std::string> Lines(absl::string_view text) {
   const absl::StatusOr<std::vector<SessionLine>> lines = ParseSession(text);
   EXPECT_TRUE(lines.ok()) << lines.status();

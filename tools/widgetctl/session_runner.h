@@ -1,4 +1,4 @@
-// Playing a recorded session to a widget.
+// Replays a recorded session to a widget.
 
 #ifndef TOOLS_WIDGETCTL_SESSION_RUNNER_H_
 #define TOOLS_WIDGETCTL_SESSION_RUNNER_H_
@@ -14,13 +14,14 @@
 
 namespace widgetctl {
 
-// Takes the steps one after the other and writes down what came of them: makes
-// each call, and waits for each event or call of the widget, with this timeout.
-// Goes on after one that was not as expected, unless the connection is gone.
+// Takes the steps in order and writes their results to `transcript`. `timeout`
+// bounds each call and each wait for an event or a call from the widget. A step
+// that was not as expected does not end the session, unless the connection is
+// gone.
 //
-// True if all was as expected, which is to say also that no stream ended before
-// the session ended it, and that nothing had arrived by the end that the
-// session did not expect. `loop` is that of the client.
+// True if everything was as expected. It is not if a stream ended before the
+// session ended it, or if something arrived that no step expected. `loop` is
+// the client's.
 bool RunSession(const std::vector<SessionStep>& steps, absl::Duration timeout,
                 orvane::EventLoop& loop, orvane::SocketClient& client,
                 std::ostream& transcript);

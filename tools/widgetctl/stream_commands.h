@@ -10,7 +10,7 @@
 
 namespace widgetctl {
 
-// As Command::run; the arguments are a method and a key.
+// For Command::run. The arguments are a method and a key.
 ExitCode Watch(const Options& options,
                const std::vector<std::string>& method_and_key);
 ExitCode Serve(const Options& options,

@@ -1,4 +1,5 @@
-// This project's code may throw, whatever the libraries are compiled with.
+// This project's code may throw, although the libraries are compiled without
+// exceptions.
 
 #include <stdexcept>
 

@@ -7,11 +7,11 @@
 
 namespace orvane::generator {
 
-// Prints x.client.h: one class for each service, through which a host uses it.
+// Prints x.client.h: for each service, the class through which a host calls it.
 void PrintClientHeader(const FileModel& file,
                        google::protobuf::io::Printer* out);
 
-// Prints x.client.cc: the members of these classes.
+// Prints x.client.cc: the definitions of their members.
 void PrintClientSource(const FileModel& file,
                        google::protobuf::io::Printer* out);
 

@@ -1,4 +1,4 @@
-// Pieces that several of the generated files have.
+// Parts that several generated files have in common.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_COMMON_PRINTER_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_COMMON_PRINTER_H_
@@ -14,20 +14,22 @@ namespace orvane::generator {
 // The first lines: where the file comes from.
 void PrintOrigin(const FileModel& file, google::protobuf::io::Printer* out);
 
-// Refuses to compile with a runtime of another version.
+// Prints an assertion that the runtime has the generator's version.
 void PrintVersionCheck(google::protobuf::io::Printer* out);
 
-// Registers the proto at start-up, for use inside an unnamed namespace.
+// Prints what registers the proto at start-up. Belongs inside an unnamed
+// namespace.
 void PrintRegistration(const FileModel& file,
                        google::protobuf::io::Printer* out);
 
-// Opens and closes the namespace of the file's classes, if it has one.
+// Print the begin and the end of the namespace of the file's classes, if it has
+// one.
 void PrintNamespaceBegin(const FileModel& file,
                          google::protobuf::io::Printer* out);
 void PrintNamespaceEnd(const FileModel& file,
                        google::protobuf::io::Printer* out);
 
-// What methods of a kind are called above them in a class.
+// The title of the section with methods of this kind.
 std::string TitleOf(MethodKind kind);
 
 }  // namespace orvane::generator

@@ -43,8 +43,8 @@ std::string Identifier(const std::string& name) {
   if (std::find(std::begin(kNewWords), std::end(kNewWords), name) !=
       std::end(kNewWords))
     return name + "_";
-  // Which words it treats as reserved, protobuf tells by the names of message
-  // classes only: so it is asked about a message of that name.
+  // protobuf does not export its list of reserved words. The class name that it
+  // gives to a message called `name` shows whether `name` is one of them.
   google::protobuf::FileDescriptorProto proto;
   proto.set_name("name.proto");
   proto.add_message_type()->set_name(name);

@@ -1,5 +1,5 @@
-// What things are called in C++, in agreement with the message code that protoc
-// itself writes.
+// The C++ names of things in a proto; they agree with the message code that
+// protoc itself writes.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_CPP_NAMES_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_CPP_NAMES_H_
@@ -17,22 +17,22 @@ std::string Identifier(const std::string& name);
 // is a reserved word.
 std::string NamespaceOf(const google::protobuf::FileDescriptor& file);
 
-// Whether inside the namespace of `file` the C++ name `outer` is hidden: a
-// package or type of that name, in this file or in what it imports, lies in the
-// file's package or in one around it. Global names hide nothing.
+// Whether the global C++ name `outer` is hidden inside the namespace of `file`:
+// the file's package or one around it has a package or type of that name, in
+// this file or in one that it imports. The root package does not count.
 bool IsHidden(const std::string& outer,
               const google::protobuf::FileDescriptor& file);
 
-// The class of a service's client.
+// The class name of a service's client.
 std::string ClientName(const google::protobuf::ServiceDescriptor& service);
 
-// The class of a message as spelled inside the class of `service`. It begins
-// with "::" only if it needs to.
+// The class name of a message as spelled inside the class of `service`. Begins
+// with "::" only if another name hides it.
 std::string TypeName(const google::protobuf::Descriptor& type,
                      const google::protobuf::ServiceDescriptor& service);
 
-// A file's path as it stands in the names of protobuf's tables:
-// "a/b_c.proto" gives "a_2fb_5fc_2eproto".
+// A file's path in the form that protobuf uses in the names of its tables:
+// "a_2fb_5fc_2eproto" for "a/b_c.proto".
 std::string MangledPath(const std::string& path);
 
 }  // namespace orvane::generator

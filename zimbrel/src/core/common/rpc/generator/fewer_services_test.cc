@@ -1,5 +1,5 @@
-// Service code of a proto with one service, linked with message code of a proto
-// of the same name with none.
+// Service code of a proto with one service, linked with the message code of a
+// proto that has the same name but no services.
 
 #include "empty_service/empty_service.rpc.h"
 #include "gtest/gtest.h"

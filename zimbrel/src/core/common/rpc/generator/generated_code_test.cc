@@ -1,4 +1,4 @@
-// What the committed output of single generator features does when it runs.
+// Runs the committed output of single generator features.
 
 #include <memory>
 #include <string>

@@ -11,7 +11,7 @@ namespace {
 
 using google::protobuf::io::Printer;
 
-// Publishing and calling bring their streams along.
+// These headers include those of the streams.
 std::string StreamIncludes(const FileModel& file) {
   std::string includes;
   if (file.Has(MethodKind::kCallbackStream))
@@ -40,7 +40,7 @@ $streams$#include "zimbrel/src/core/common/rpc/version.h"
   PrintVersionCheck(out);
 }
 
-// What the proto says of the service, then how to use the class.
+// Prints the proto's comment on the service, then how to use the class.
 void PrintClassComment(const ServiceModel& service, Printer* out) {
   if (service.comment.empty())
     out->Print("// The service $name$.\n", "name", service.full_name);
@@ -68,7 +68,8 @@ void PrintClassComment(const ServiceModel& service, Printer* out) {
 )");
 }
 
-// What every service class has, in the order of its slots.
+// Prints the members that every service class has, in the order of their
+// virtual table slots.
 void PrintCommonMembers(const ServiceModel& service, Printer* out) {
   out->Print(R"(  ~$name$() override;
 

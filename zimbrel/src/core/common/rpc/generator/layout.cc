@@ -25,8 +25,8 @@ std::string Join(const Lines& lines) {
   return text;
 }
 
-// `items` behind `start`, separated by commas and followed by `end`; a line
-// that would be too long goes on below, at the column where the items began.
+// `start`, then `items` separated by commas, then `end`. Lines are broken at
+// the margin; each further line begins at the column of the first item.
 Lines Fill(const std::string& start, const Lines& items,
            const std::string& end) {
   Lines lines = {start};
@@ -49,7 +49,7 @@ Lines Below(const std::string& first, Lines rest) {
   return rest;
 }
 
-// The same with the items on lines of their own, if there are any.
+// Like Fill, but the first item stands on a line of its own below `start`.
 Lines FillBelow(std::size_t indent, const std::string& start,
                 const Lines& items, const std::string& end) {
   if (items.empty()) return {start + end};
@@ -57,8 +57,8 @@ Lines FillBelow(std::size_t indent, const std::string& start,
       start, Fill(std::string(indent + kContinuationIndent, ' '), items, end));
 }
 
-// Whether a comment would go on in the line below: at a backslash, which may be
-// written as a trigraph too.
+// Whether the compiler would take the next line as part of this comment: it
+// ends with a backslash, which may be written as a trigraph.
 bool DrawsInTheNext(const std::string& line) {
   return line.ends_with('\\') || line.ends_with("?\?/");
 }

@@ -1,5 +1,5 @@
-// Pieces of output whose line breaks depend on the lengths of names. They are
-// broken where clang-format would break them for Google's style, so that
+// Parts of the output whose line breaks depend on the lengths of names. The
+// breaks are where clang-format puts them for Google's style, so that
 // formatting the output changes nothing.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_LAYOUT_H_
@@ -25,7 +25,7 @@ std::string Call(std::size_t indent, const std::string& function,
 std::string Assignment(std::size_t indent, const std::string& left,
                        const std::string& right);
 
-// Lines of a comment, each ended; nothing if there are none.
+// The lines as a comment, each with a newline.
 std::string Comment(std::size_t indent, const std::vector<std::string>& lines);
 
 // "// `title` -----" up to the margin.

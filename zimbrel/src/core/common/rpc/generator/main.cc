@@ -9,7 +9,7 @@
 #include "zimbrel/src/core/common/rpc/version.h"
 
 int main(int argc, char** argv) {
-  // Asked by people; protoc passes no arguments.
+  // For users; protoc passes no arguments.
   if (argc == 2 && std::string_view(argv[1]) == "--version") {
     std::cout << "protoc-gen-orvane " << orvane::kVersion << std::endl;
     return 0;

@@ -1,5 +1,5 @@
-// Service code of a proto with one service, linked with message code of a proto
-// of the same name with two.
+// Service code of a proto with one service, linked with the message code of a
+// proto that has the same name but two services.
 
 #include <csignal>
 

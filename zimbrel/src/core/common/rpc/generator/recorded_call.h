@@ -14,11 +14,11 @@ namespace orvane::generator {
 class RecordedCall final : public google::protobuf::RpcController,
                            public google::protobuf::Closure {
  public:
-  // How often, and where last, `done` ran.
+  // How often `done` ran, and on which thread last.
   int runs() const { return runs_; }
   std::thread::id thread() const { return thread_; }
 
-  // Whether the call had already failed when `done` ran last.
+  // Whether the call had failed when `done` last ran.
   bool had_failed_when_run() const { return had_failed_when_run_; }
 
   void SetFailed(const std::string& reason) override {

@@ -10,7 +10,7 @@ namespace {
 
 using google::protobuf::io::Printer;
 
-// The file's top and what its services share ---------------------------------
+// The top of the file and what its services share ----------------------------
 
 void PrintTop(const FileModel& file, Printer* out) {
   PrintOrigin(file, out);
@@ -78,7 +78,7 @@ $take_slots$
              Call(2, "google::protobuf::internal::AssignDescriptors", {table}));
 }
 
-// What every service class has -----------------------------------------------
+// Members of every service class ---------------------------------------------
 
 // The head of a member's definition.
 std::string Definition(const ServiceModel& service, const std::string& type,
@@ -88,7 +88,7 @@ std::string Definition(const ServiceModel& service, const std::string& type,
   return Declaration(0, type, service.name + "::" + member, parameters, end);
 }
 
-// The name of a parameter, behind its type.
+// A parameter's name as it follows its type; commented out if it is not used.
 std::string Named(const std::string& name, bool is_used) {
   return is_used ? " " + name : " /*" + name + "*/";
 }
@@ -102,7 +102,7 @@ void PrintCase(const MethodModel& method, Printer* out) {
              std::to_string(method.index), "name", method.proto_name);
 }
 
-// The end of every switch over the methods, and of its function.
+// Prints the end of a switch over the methods, and of its function.
 void PrintBadIndex(Printer* out) {
   out->Print(R"(    default:
       LOG(FATAL).AtLocation(kSourcePath, __LINE__)

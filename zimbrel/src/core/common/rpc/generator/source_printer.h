@@ -7,8 +7,8 @@
 
 namespace orvane::generator {
 
-// Prints x.rpc.cc: the binding of the file's descriptors, and the members of
-// each class.
+// Prints x.rpc.cc: the code that binds the file's descriptors, and the
+// definitions of each class's members.
 void PrintSource(const FileModel& file, google::protobuf::io::Printer* out);
 
 }  // namespace orvane::generator

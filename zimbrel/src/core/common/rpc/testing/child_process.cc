@@ -34,7 +34,8 @@ int WaitFor(pid_t pid) {
 
 }  // namespace
 
-// The child gets copies of the write ends alone, so that its end is seen here.
+// Close-on-exec: the child inherits only the copies of the write ends that it
+// gets as stdout and stderr. So its output ends when it does.
 ChildProcess::Pipe ChildProcess::NewPipe() {
   std::array<int, 2> ends{};
   if (::pipe2(ends.data(), O_CLOEXEC) != 0)

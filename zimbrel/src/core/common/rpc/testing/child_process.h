@@ -12,31 +12,32 @@
 
 namespace orvane::testing {
 
-// A program that runs as a child of the test. What it writes waits in two pipes
-// until it is read, and has to fit there: 64 KiB each.
+// A program that runs as a child of the test. Two pipes hold what it writes to
+// stdout and stderr until that is read. Each holds 64 KiB; the child blocks
+// when one is full.
 class ChildProcess {
  public:
   struct Result {
-    int exit_code;       // 128 and the signal's number if one killed it.
-    std::string output;  // What ReadLine has left.
+    int exit_code;       // 128 + the signal's number if one killed it.
+    std::string output;  // What ReadLine has not returned.
     std::string errors;
   };
 
   // Starts a program: its path, then its arguments. Ends the test's process if
-  // that is impossible.
+  // the program cannot be started.
   explicit ChildProcess(std::vector<std::string> command);
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  // Kills the child if nobody has waited for its end.
+  // Kills the child unless Wait was called.
   ~ChildProcess();
 
-  // Waits for the next line of its output; returns it without the line's end.
+  // Waits for the next line of its output; returns it without the newline.
   std::string ReadLine();
 
   void Signal(int number) const;
 
-  // Waits for its end. At most once, and the last call.
+  // Waits until the child has ended. No other member may be called afterwards.
   Result Wait();
 
  private:
@@ -50,7 +51,7 @@ class ChildProcess {
 
   const orvane::OwnedDescriptor output_;
   const orvane::OwnedDescriptor errors_;
-  pid_t pid_ = 0;  // 0 once it has ended.
+  pid_t pid_ = 0;  // 0 after Wait.
 };
 
 }  // namespace orvane::testing

@@ -7,7 +7,8 @@ namespace orvane::testing {
 
 void Parse(const std::string& text, google::protobuf::Message* message) {
   if (!google::protobuf::TextFormat::ParseFromString(text, message))
-    LOG(FATAL) << "no " << message->GetTypeName() << ": " << text;
+    LOG(FATAL) << "cannot be parsed as " << message->GetTypeName() << ": "
+               << text;
 }
 
 }  // namespace orvane::testing

@@ -1,4 +1,4 @@
-// Messages as tests write them.
+// Messages in protobuf's text format.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_TEXT_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_TEXT_H_
@@ -9,8 +9,8 @@
 
 namespace orvane::testing {
 
-// Fills `message` from protobuf's text format. Ends the test's process if the
-// text is wrong.
+// Replaces `message` by what `text` says. Ends the test's process if the text
+// cannot be parsed.
 void Parse(const std::string& text, google::protobuf::Message* message);
 
 template <typename Message>
