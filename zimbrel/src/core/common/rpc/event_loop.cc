@@ -58,8 +58,8 @@ class EventLoop::State {
   }
 
   void RunBeforeWaiting(Task task) {
-    if (!IsRunningHere()) return Post(std::move(task));
     before_waiting_.Push(std::move(task));
+    if (depth_ == 0) LeaveReadable();
   }
 
   std::unique_ptr<Timer> RunAfter(absl::Duration delay, Task task) {
@@ -120,7 +120,8 @@ class EventLoop::State {
   void LeaveReadable() {
     if (!is_watched_) return;
     timers_.SetAlarm();
-    if (!queue_.empty() || !inbox_->FallAsleep()) inbox_->Wake();
+    const bool has_work = !queue_.empty() || !before_waiting_.empty();
+    if (has_work || !inbox_->FallAsleep()) inbox_->Wake();
   }
 
   void OnSignal(std::initializer_list<int> signal_numbers, Task task) {

@@ -76,6 +76,16 @@ TEST(EventLoopDescriptor, IsReadableForATaskUntilItHasRun) {
   EXPECT_FALSE(IsReadable(loop));
 }
 
+TEST(EventLoopDescriptor, IsReadableForWhatIsToRunBeforeWaiting) {
+  EventLoop loop;
+  EXPECT_FALSE(IsReadable(loop));
+  bool ran = false;
+  loop.RunBeforeWaiting([&ran] { ran = true; });
+  EXPECT_TRUE(IsReadable(loop));
+  RunUntilQuiet(loop);
+  EXPECT_TRUE(ran);
+}
+
 TEST(EventLoopDescriptor, IsReadableForATaskThatCameBeforeItWasAskedFor) {
   EventLoop loop;
   loop.Post([] {});
