@@ -51,7 +51,7 @@ set(api "${server_api}" "${client_api}" "${contracts}" "${protos}" "${generated}
 # The runtime.
 allow(zimbrel/src/core/common/logging "${logging}")
 allow(${rpc} "${contracts}" "${rpc}/loop/[a-z_]+\\.h" "rpc/transport/stream_message.pb.h" "rpc/event_subscription.pb.h")
-allow(${rpc}/loop "${rpc}/loop/[a-z_]+\\.h" "${rpc}/(event_loop|owned_descriptor)\\.h")
+allow(${rpc}/loop "${rpc}/loop/[a-z_]+\\.h" "${rpc}/(event_loop|mutex|owned_descriptor)\\.h")
 allow(${rpc}/main_loops "${rpc}/(event_loop|owned_descriptor)\\.h")
 allow(${rpc}/stream "${rpc}/stream/[a-z_]+\\.h" "${contracts}" "${protos}" "${logging}")
 allow(${rpc}/transport/wire "${rpc}/transport/wire/[a-z_]+\\.h" "${rpc}/transport/frame_limits\\.h"
@@ -75,6 +75,7 @@ allow(examples ${api})
 allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples/host "examples/host/[a-z_]+\\.h" ${api})
 allow(examples/stranger ${api})
+allow(packaging/tests/subproject.project ${api})
 allow(examples/main_loops "${rpc}/main_loops/[a-z_]+\\.h" ${api})
 allow(docs/examples ${api} "docs/examples/[a-z_.]+\\.h")
 allow(tools/widgetctl "tools/widgetctl/[a-z_]+\\.h" ${api})
