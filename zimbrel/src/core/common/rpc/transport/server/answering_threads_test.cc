@@ -3,11 +3,13 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <latch>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,7 +17,6 @@
 #include <utility>
 #include <vector>
 
-#include "absl/base/thread_annotations.h"
 #include "absl/status/status.h"
 #include "absl/strings/numbers.h"
 #include "google/protobuf/empty.pb.h"
@@ -23,7 +24,6 @@
 
 #include "rpc/browser/browser_widget.rpc.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/mutex.h"
 #include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/testing/then.h"
 
@@ -64,16 +64,17 @@ class HandingWidget final : public rpc::BrowserWidgetRpc {
   }
 
   void Put(Work work) {
-    const MutexLock lock(mutex_);
-    waiting_.push_back(work);
+    {
+      const std::lock_guard lock(mutex_);
+      waiting_.push_back(work);
+    }
+    has_work_.notify_one();
   }
 
   // Waits for it. Thread: any.
   Work Take() {
-    const MutexLock lock(mutex_);
-    mutex_.Await(absl::Condition(
-        +[](std::deque<Work>* waiting) { return !waiting->empty(); },
-        &waiting_));
+    std::unique_lock lock(mutex_);
+    has_work_.wait(lock, [this] { return !waiting_.empty(); });
     const Work work = waiting_.front();
     waiting_.pop_front();
     return work;
@@ -86,8 +87,9 @@ class HandingWidget final : public rpc::BrowserWidgetRpc {
   std::atomic<int> told = 0;
 
  private:
-  Mutex mutex_;
-  std::deque<Work> waiting_ ABSL_GUARDED_BY(mutex_);
+  std::mutex mutex_;
+  std::condition_variable has_work_;
+  std::deque<Work> waiting_;  // Under mutex_.
 };
 
 // One life of a host, in a thread of its own, with a loop of its own: watches
