@@ -10,7 +10,7 @@ namespace orvane {
 // Written here and nowhere else: CMake reads this line, and protoc-gen-orvane
 // was compiled with it. Generated code compiles with this very version only,
 // since it uses parts of the runtime that promise nothing to anybody else.
-inline constexpr std::string_view kVersion = "0.1.0";
+inline constexpr std::string_view kVersion = "0.2.0";
 
 }  // namespace orvane
 
