@@ -80,8 +80,11 @@ endfunction()
 
 # orvane_add_test(NAME command...)
 # A test whose programs run under the sanitizers with our settings and suppressions.
+# Its label is its folder: `ctest -L rpc/transport`.
 function(orvane_add_test name)
   add_test(NAME ${name} COMMAND ${ARGN})
+  cmake_path(RELATIVE_PATH CMAKE_CURRENT_SOURCE_DIR BASE_DIRECTORY "${PROJECT_SOURCE_DIR}" OUTPUT_VARIABLE folder)
+  set_property(TEST ${name} PROPERTY LABELS ${folder})
   set_property(TEST ${name} PROPERTY ENVIRONMENT
     "ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1"
     "UBSAN_OPTIONS=print_stacktrace=1"
