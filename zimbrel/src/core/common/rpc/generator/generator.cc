@@ -70,13 +70,11 @@ void WriteCpp(const FileDescriptor& file, const Options& options,
   Write(model, model.stem + ".client.cc", PrintClientSource, context);
 }
 
-bool WritePython(const FileDescriptor& file, const Options& options,
-                 GeneratorContext* context, std::string* error) {
-  if (!WritePythonMessages(file, context, error)) return false;
-  if (file.service_count() == 0) return true;
+void WritePython(const FileDescriptor& file, const Options& options,
+                 GeneratorContext* context) {
+  if (file.service_count() == 0) return;
   const FileModel model = ReadFile(file, options.log_path_prefix);
   Write(model, model.stem + "_client.py", PrintPythonClient, context);
-  return true;
 }
 
 }  // namespace
@@ -107,10 +105,10 @@ bool Generator::GenerateAll(const std::vector<const FileDescriptor*>& files,
   }
 
   for (const FileDescriptor* file : files) {
-    if (!is_python) {
+    if (is_python) {
+      WritePython(*file, options, context);
+    } else {
       WriteCpp(*file, options, context);
-    } else if (!WritePython(*file, options, context, error)) {
-      return false;
     }
   }
   return true;

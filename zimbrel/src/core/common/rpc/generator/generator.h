@@ -19,8 +19,8 @@ namespace orvane::generator {
 // The parameter is a list of options, with commas between:
 //   log_path_prefix=PATH  where the output lies in its tree, for the source path
 //                         that fatal log entries name;
-//   language=python       writes Python instead: messages into DIR/x_pb2.py and
-//                         DIR/x_pb2.pyi, clients into DIR/x_client.py.
+//   language=python       writes Python instead: clients into DIR/x_client.py.
+//                         The messages are protoc's own --python_out.
 //
 // Either everything is written, or nothing is and the error lists all that is
 // wrong, one finding on each line.

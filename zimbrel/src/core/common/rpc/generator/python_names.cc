@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cstddef>
 #include <iterator>
-#include <regex>
 
 #include "google/protobuf/compiler/code_generator.h"
 
@@ -56,12 +55,6 @@ std::string PythonMethodName(const std::string& name) {
   const bool is_reserved = std::find(std::begin(kReserved), std::end(kReserved),
                                      words) != std::end(kReserved);
   return is_reserved ? words + "_" : words;
-}
-
-std::string WithImportsOfOrvane(const std::string& code) {
-  static const std::regex* const import =
-      new std::regex("(^|\n)(from|import) rpc([. ])");
-  return std::regex_replace(code, *import, "$1$2 orvane.rpc$3");
 }
 
 }  // namespace orvane::generator

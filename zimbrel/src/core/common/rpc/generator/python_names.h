@@ -22,10 +22,6 @@ std::string ClassInModule(const google::protobuf::Descriptor& type);
 // is appended to what Python reserves.
 std::string PythonMethodName(const std::string& name);
 
-// Message code as protoc writes it, with its imports of orvane's protos
-// corrected.
-std::string WithImportsOfOrvane(const std::string& code);
-
 }  // namespace orvane::generator
 
 #endif  // ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_PYTHON_NAMES_H_

@@ -2,15 +2,9 @@
 
 #include <cstddef>
 #include <map>
-#include <memory>
 #include <set>
-#include <utility>
 #include <vector>
 
-#include "google/protobuf/compiler/python/generator.h"
-#include "google/protobuf/compiler/python/pyi_generator.h"
-#include "google/protobuf/io/zero_copy_stream.h"
-#include "google/protobuf/io/zero_copy_stream_impl_lite.h"
 
 #include "zimbrel/src/core/common/rpc/generator/python_names.h"
 
@@ -20,10 +14,7 @@ namespace {
 using google::protobuf::Descriptor;
 using google::protobuf::FileDescriptor;
 using google::protobuf::MethodDescriptor;
-using google::protobuf::compiler::GeneratorContext;
 using google::protobuf::io::Printer;
-using google::protobuf::io::StringOutputStream;
-using google::protobuf::io::ZeroCopyOutputStream;
 
 // The message that the requests of a stream have in a field.
 const Descriptor& TypeOfField(const MethodDescriptor& method,
@@ -238,25 +229,6 @@ void PrintClient(const ServiceModel& service, const FileModel& file,
     PrintMethod(method, imports, out);
 }
 
-// Keeps what protoc's generators write.
-class Captured final : public GeneratorContext {
- public:
-  explicit Captured(GeneratorContext* real) : real_(real) {}
-
-  ZeroCopyOutputStream* Open(const std::string& name) override {
-    return new StringOutputStream(&files_[name]);
-  }
-  void ListParsedFiles(std::vector<const FileDescriptor*>* files) override {
-    real_->ListParsedFiles(files);
-  }
-
-  const std::map<std::string, std::string>& files() const { return files_; }
-
- private:
-  GeneratorContext* const real_;
-  std::map<std::string, std::string> files_;
-};
-
 }  // namespace
 
 void PrintPythonClient(const FileModel& file, Printer* out) {
@@ -272,22 +244,6 @@ void PrintPythonClient(const FileModel& file, Printer* out) {
   imports.Print(out);
   for (const ServiceModel& service : file.services)
     PrintClient(service, file, imports, out);
-}
-
-bool WritePythonMessages(const FileDescriptor& file, GeneratorContext* context,
-                         std::string* error) {
-  Captured captured(context);
-  if (!google::protobuf::compiler::python::Generator().Generate(
-          &file, "", &captured, error) ||
-      !google::protobuf::compiler::python::PyiGenerator().Generate(
-          &file, "", &captured, error)) {
-    return false;
-  }
-  for (const auto& [name, code] : captured.files()) {
-    const std::unique_ptr<ZeroCopyOutputStream> stream(context->Open(name));
-    Printer(stream.get(), '$').PrintRaw(WithImportsOfOrvane(code));
-  }
-  return true;
 }
 
 }  // namespace orvane::generator
