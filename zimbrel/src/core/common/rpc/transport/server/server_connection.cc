@@ -66,10 +66,6 @@ absl::Status ShuttingDown() {
   return absl::UnavailableError("the widget is shutting down");
 }
 
-absl::Status NotOpen(std::uint64_t id) {
-  return absl::NotFoundError(absl::StrCat("stream ", id, " is not open"));
-}
-
 }  // namespace
 
 ServerConnection::ServerConnection(EventLoop* loop, Service* service,
@@ -250,7 +246,7 @@ void ServerConnection::Deliver(StreamMessage& frame, std::string_view payload) {
   // Read before delivery: the frame is the stream's to change.
   const std::uint64_t id = frame.stream_id();
   const auto stream = streams_.find(id);
-  if (stream == streams_.end()) return SendError(id, NotOpen(id));
+  if (stream == streams_.end()) return RefuseFrame(id);
   frame.mutable_payload()->assign(payload);
   const absl::Status delivered = frame.kind() == StreamMessage::KIND_NEXT
                                      ? stream->second->Next(frame)
@@ -261,7 +257,17 @@ void ServerConnection::Deliver(StreamMessage& frame, std::string_view payload) {
 }
 
 void ServerConnection::CompleteStream(std::uint64_t id) {
-  if (!EndStream(id)) SendError(id, NotOpen(id));
+  if (!EndStream(id)) RefuseFrame(id);
+}
+
+void ServerConnection::RefuseFrame(std::uint64_t id) {
+  // An error on stream 0 would tell the client that the connection has ended.
+  if (id == 0) {
+    return Close(absl::InvalidArgumentError(
+        "a frame for stream 0, which is the connection itself"));
+  }
+  SendError(id,
+            absl::NotFoundError(absl::StrCat("stream ", id, " is not open")));
 }
 
 bool ServerConnection::EndStream(std::uint64_t id) {
