@@ -2,6 +2,9 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <set>
 #include <string>
 #include <utility>
@@ -18,6 +21,7 @@ namespace orvane::internal {
 using google::protobuf::MethodDescriptor;
 using google::protobuf::ServiceDescriptor;
 using rpc::transport::Hello;
+using rpc::transport::Limits;
 using rpc::transport::StreamMessage;
 
 namespace {
@@ -60,6 +64,30 @@ StreamMessage ErrorFrame(std::uint64_t id, const absl::Status& why) {
   error.set_error_text(
       std::string(why.message().substr(0, kMaxErrorTextBytes)));
   return error;
+}
+
+// A greater number is no limit to whoever reads it.
+std::uint32_t ToUint32(std::size_t number) {
+  return static_cast<std::uint32_t>(
+      std::min<std::size_t>(number, std::numeric_limits<std::uint32_t>::max()));
+}
+
+// What the client is told of the limits, as they are kept.
+Limits InHello(const ServerLimits& limits) {
+  Limits told;
+  told.set_max_frame_bytes(
+      ToUint32(std::max(limits.max_frame_bytes, kMinMaxFrameBytes)));
+  told.set_max_message_depth(static_cast<std::uint32_t>(
+      std::clamp(limits.max_message_depth, 0, kMaxMessageDepth)));
+  told.set_max_calls(ToUint32(limits.max_calls));
+  told.set_max_streams(ToUint32(limits.max_streams));
+  told.set_max_subscriptions(ToUint32(limits.max_subscriptions));
+  told.set_max_queued_bytes(limits.max_queued_bytes);
+  if (limits.max_frame_time < absl::InfiniteDuration()) {
+    told.set_max_frame_ms(ToUint32(static_cast<std::size_t>(
+        absl::ToInt64Milliseconds(limits.max_frame_time))));
+  }
+  return told;
 }
 
 absl::Status ShuttingDown() {
@@ -148,7 +176,8 @@ void ServerConnection::OnHello(const StreamMessage& frame,
     return Close(absl::InvalidArgumentError(
         "a connection begins with a hello, which tells the host's version"));
   }
-  const Hello server = MakeHello(*context_.service->GetDescriptor());
+  Hello server = MakeHello(*context_.service->GetDescriptor());
+  *server.mutable_limits() = InHello(context_.limits);
   StreamMessage header;
   header.set_kind(StreamMessage::KIND_HELLO);
   absl::Status status = context_.socket->Send(header, server);
