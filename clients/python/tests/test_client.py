@@ -16,7 +16,7 @@ from orvane.rpc.browser.browser_widget_client import BrowserWidgetRpcClient
 from orvane.rpc.browser.cursor_pb2 import CursorChanged
 from orvane.rpc.browser.focus_pb2 import TakeFocus, TakeFocusCall, TakeFocusResponse
 from orvane.rpc.browser.tooltip_pb2 import TooltipChanged
-from orvane.rpc.transport.stream_message_pb2 import StreamMessage
+from orvane.rpc.transport.stream_message_pb2 import Hello, StreamMessage
 
 BROWSER = BrowserId(value=9)
 
@@ -182,6 +182,22 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
                 )
             self.assertEqual(raised.exception.code, Code.RESOURCE_EXHAUSTED)
             await self.settle(connection, widget)
+
+    async def test_a_host_learns_what_the_widget_takes(self) -> None:
+        near, far = socket.socketpair()
+        far.setblocking(False)
+        with far:
+            async with asyncio.timeout(20), orvane.connect(sock=near) as connection:
+                BrowserWidgetRpcClient(connection)
+                self.assertFalse(connection.server_limits.HasField("max_calls"))
+                widget = Widget(far)
+                frame = await widget.frame()
+                hello = Hello.FromString(frame.payload)
+                hello.limits.max_calls = 3
+                await widget.send(kind=frame.kind, payload=hello.SerializeToString())
+                await self.settle(connection, widget)
+                self.assertEqual(connection.server_limits.max_calls, 3)
+                self.assertFalse(connection.server_limits.HasField("max_streams"))
 
     async def test_an_iterator_that_nobody_refers_to_ends_its_stream(self) -> None:
         async with self.connected() as (client, _, widget):

@@ -16,6 +16,7 @@ import { EventSubscriptionSchema } from './rpc/event_subscription_pb.js';
 import {
   type Hello,
   HelloSchema,
+  type Limits,
   type StreamMessage,
   StreamMessage_Kind as Kind,
 } from './rpc/transport/stream_message_pb.js';
@@ -30,7 +31,16 @@ import {
   stage,
   type Stream,
 } from './streams.js';
-import { checkFit, encode, errorOf, type FrameInit, FrameReader, helloOf, parse } from './wire.js';
+import {
+  checkFit,
+  encode,
+  errorOf,
+  type FrameInit,
+  FrameReader,
+  helloOf,
+  LEAST_MAX_FRAME_BYTES,
+  parse,
+} from './wire.js';
 
 /** How long closing waits for a widget to take what has been sent. */
 const CLOSE_MS = 2000;
@@ -105,6 +115,7 @@ export class Connection {
   #service: DescService | undefined;
   #hello: Hello | undefined; // Of this end,
   #widget: Hello | undefined; // and of the other once it has said it.
+  #maxSentFrameBytes: number;
   #lastId = 0n;
   #tellClosed!: (reason: RpcError) => void;
 
@@ -121,6 +132,7 @@ export class Connection {
       ((error) => {
         process.emitWarning(error instanceof Error ? error : String(error));
       });
+    this.#maxSentFrameBytes = this.#options.maxFrameBytes;
     this.#reader = new FrameReader(this.#options.maxFrameBytes);
     this.closed = new Promise((resolve) => (this.#tellClosed = resolve));
     socket.on('data', (chunk: Buffer) => {
@@ -132,6 +144,16 @@ export class Connection {
     socket.on('close', () => {
       this.#end(new RpcError(Code.UNAVAILABLE, 'the widget closed the connection'));
     });
+  }
+
+  /**
+   * What the widget takes from this host; its proto documents the fields. Known from
+   * the first answer on, such as that of `settle`. Undefined before, and if the widget
+   * does not tell. Once it is known, what is longer than the widget's longest frame
+   * fails with RESOURCE_EXHAUSTED. Until then it ends the connection.
+   */
+  get serverLimits(): Limits | undefined {
+    return this.#widget?.limits;
   }
 
   /** The typed client of the service that this connection is for. */
@@ -285,10 +307,9 @@ export class Connection {
   #begin(kind: Kind, method: DescMethod, payload: Uint8Array | undefined): bigint {
     if (this.error !== undefined) throw this.error;
     this.use(method.parent);
-    const streamId = this.#lastId + 1n;
+    const streamId = ++this.#lastId;
     const index = method.parent.methods.indexOf(method);
     this.#send({ kind, streamId, method: index, ...(payload && { payload }) });
-    this.#lastId = streamId;
     return streamId;
   }
 
@@ -297,10 +318,10 @@ export class Connection {
     if (this.error !== undefined) return;
     const bytes = encode(frame);
     const length = bytes.length - 4;
-    if (length > this.#options.maxFrameBytes) {
+    if (length > this.#maxSentFrameBytes) {
       throw new RpcError(
         Code.RESOURCE_EXHAUSTED,
-        `frame of ${length} bytes; the limit is ${this.#options.maxFrameBytes}`,
+        `frame of ${length} bytes; the limit is ${this.#maxSentFrameBytes}`,
       );
     }
     if (this.#socket.writableLength + length > this.#options.maxQueuedBytes) {
@@ -349,6 +370,10 @@ export class Connection {
       case Kind.HELLO:
         this.#widget = parse(HelloSchema, frame.payload, Code.UNAVAILABLE, "the widget's hello");
         checkFit(this.#hello, this.#widget);
+        this.#maxSentFrameBytes = Math.min(
+          this.#options.maxFrameBytes,
+          Math.max(this.#widget.limits?.maxFrameBytes ?? Infinity, LEAST_MAX_FRAME_BYTES),
+        );
         return;
       case Kind.REPLY:
         this.#endCall(frame);

@@ -18,6 +18,9 @@ import {
   StreamMessageSchema,
 } from './rpc/transport/stream_message_pb.js';
 
+/** Every server takes frames of this length. */
+export const LEAST_MAX_FRAME_BYTES = 4 << 10;
+
 const PROTOCOL = 1;
 const LENGTH_BYTES = 4;
 

@@ -3,13 +3,17 @@
 import assert from 'node:assert/strict';
 import { once } from 'node:events';
 import { after, test } from 'node:test';
-import { create, toBinary } from '@bufbuild/protobuf';
+import { create, fromBinary, toBinary } from '@bufbuild/protobuf';
 import { Code, connect, Fail, RpcError } from '../dist/index.js';
 import { BrowserWidgetRpc } from '../dist/rpc/browser/browser_widget_pb.js';
 import { CursorChangedSchema } from '../dist/rpc/browser/cursor_pb.js';
 import { TakeFocusSchema } from '../dist/rpc/browser/focus_pb.js';
 import { TooltipChangedSchema } from '../dist/rpc/browser/tooltip_pb.js';
-import { StreamMessage_Kind as Kind } from '../dist/rpc/transport/stream_message_pb.js';
+import {
+  HelloSchema,
+  LimitsSchema,
+  StreamMessage_Kind as Kind,
+} from '../dist/rpc/transport/stream_message_pb.js';
 import { encode, FrameReader } from '../dist/wire.js';
 import { Pairs } from './scripted.js';
 
@@ -169,6 +173,22 @@ test('what the widget does not read is bounded', { timeout: 20_000 }, () =>
     },
     { maxQueuedBytes: 100_000 },
   ));
+
+test('a host learns what the widget takes', { timeout: 20_000 }, async () => {
+  const { near, far } = await pairs.next();
+  const connection = await connect(near);
+  connection.client(BrowserWidgetRpc);
+  assert.equal(connection.serverLimits, undefined);
+  const widget = new Widget(far);
+  const hello = fromBinary(HelloSchema, (await widget.frame()).payload);
+  hello.limits = create(LimitsSchema, { maxCalls: 3 });
+  widget.send({ kind: Kind.HELLO, payload: toBinary(HelloSchema, hello) });
+  await widget.settle(connection);
+  assert.equal(connection.serverLimits.maxCalls, 3);
+  assert.equal(connection.serverLimits.maxStreams, undefined);
+  far.destroy();
+  await connection.close();
+});
 
 async function serveOne(host, widget, handler) {
   const serving = host.onTakeFocus(browser, handler);

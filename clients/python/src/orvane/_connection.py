@@ -16,6 +16,7 @@ from google.protobuf.message import EncodeError, Message
 from orvane._errors import Code, RpcError
 from orvane._streams import EventQueue, Events, Handler, Server, Serving, Stream
 from orvane._wire import (
+    LEAST_MAX_FRAME_BYTES,
     UNREADABLE,
     FrameReader,
     check_fit,
@@ -26,7 +27,7 @@ from orvane._wire import (
     parse,
 )
 from orvane.rpc.event_subscription_pb2 import EventSubscription
-from orvane.rpc.transport.stream_message_pb2 import Hello, StreamMessage
+from orvane.rpc.transport.stream_message_pb2 import Hello, Limits, StreamMessage
 
 MessageT = TypeVar("MessageT", bound=Message)
 EventT = TypeVar("EventT", bound=Message)
@@ -175,11 +176,23 @@ class Connection:
         self._transport: asyncio.Transport | None = None
         self._service: ServiceDescriptor | None = None
         self._widget: Hello | None = None  # Once it has said hello.
+        self._max_sent_frame_bytes = options.max_frame_bytes
         self._last_id = 0
         self._calls: dict[int, asyncio.Future[bytes]] = {}
         self._streams: dict[int, Stream] = {}
         self._is_full = False  # The widget has too much to read.
         self._gone: asyncio.Future[None] = loop.create_future()
+
+    @property
+    def server_limits(self) -> Limits:
+        """What the widget takes from this host; its proto documents the fields.
+
+        Known from the first answer on, such as that of `settle`. No field is set
+        before, nor if the widget does not tell. Once it is known, what is longer
+        than the widget's longest frame fails with RESOURCE_EXHAUSTED. Until then
+        it ends the connection.
+        """
+        return self._widget.limits if self._widget is not None else Limits()
 
     async def close(self) -> None:
         """Ends all that is in progress with CANCELLED, and the connection."""
@@ -348,24 +361,24 @@ class Connection:
         if self.error is not None:
             raise self.error
         self.use(method.containing_service)
+        self._last_id += 1
         self._send(
             StreamMessage(
                 kind=kind,
-                stream_id=self._last_id + 1,
+                stream_id=self._last_id,
                 method=method.index,
                 payload=payload,
             )
         )
-        self._last_id += 1
         return self._last_id
 
     def _send(self, frame: StreamMessage) -> None:
         """As _write, within the limits."""
         length = frame.ByteSize()
-        if length > self._options.max_frame_bytes:
+        if length > self._max_sent_frame_bytes:
             raise RpcError(
                 Code.RESOURCE_EXHAUSTED,
-                f"frame of {length} bytes; the limit is {self._options.max_frame_bytes}",
+                f"frame of {length} bytes; the limit is {self._max_sent_frame_bytes}",
             )
         if self._is_full:
             raise RpcError(
@@ -481,6 +494,12 @@ class Connection:
                 Code.UNAVAILABLE, "the widget's hello cannot be parsed"
             ) from None
         check_fit(hello_of(self._service), self._widget)
+        limits = self._widget.limits
+        if limits.HasField("max_frame_bytes"):
+            self._max_sent_frame_bytes = min(
+                self._options.max_frame_bytes,
+                max(limits.max_frame_bytes, LEAST_MAX_FRAME_BYTES),
+            )
 
     def _end(self, error: RpcError) -> None:
         if self.error is not None:

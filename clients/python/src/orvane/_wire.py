@@ -10,6 +10,8 @@ from orvane._errors import Code, RpcError
 from orvane.rpc.transport.stream_message_pb2 import Hello, StreamMessage
 
 PROTOCOL = 1
+# Every server takes frames of this length.
+LEAST_MAX_FRAME_BYTES = 4 << 10
 _LENGTH_BYTES = 4
 
 # What protobuf's implementations raise for bytes that are no such message.

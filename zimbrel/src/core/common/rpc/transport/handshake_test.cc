@@ -28,6 +28,7 @@ using google::protobuf::ServiceDescriptor;
 using internal::CompareHellos;
 using internal::MakeHello;
 using rpc::transport::Hello;
+using rpc::transport::Limits;
 using rpc::transport::StreamMessage;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
@@ -165,6 +166,10 @@ TEST(Misfit, AMethodThatIsNotTheSameAmongFewer) {
 
 class ServerMeetsHost : public StreamFixture {
  protected:
+  ServerMeetsHost() = default;
+  explicit ServerMeetsHost(const ServerLimits& limits)
+      : StreamFixture(limits) {}
+
   RawPeer Connect(const std::optional<Hello>& hello) {
     auto pair = ConnectedPair();
     EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
@@ -176,9 +181,57 @@ TEST_F(ServerMeetsHost, AnswersItsHello) {
   RawPeer host = ConnectRaw();
   EXPECT_THAT(Settle(&host), IsEmpty());
   ASSERT_TRUE(host.hello.has_value());
+  EXPECT_FALSE(host.closed);
+  host.hello->clear_limits();
   EXPECT_EQ(host.hello->SerializeAsString(),
             MakeHello(Widget()).SerializeAsString());
-  EXPECT_FALSE(host.closed);
+}
+
+TEST_F(ServerMeetsHost, TellsItsLimits) {
+  RawPeer host = ConnectRaw();
+  Settle(&host);
+  ASSERT_TRUE(host.hello.has_value());
+  const Limits& limits = host.hello->limits();
+  EXPECT_EQ(limits.max_frame_bytes(), 4194304u);
+  EXPECT_EQ(limits.max_message_depth(), 100u);
+  EXPECT_EQ(limits.max_calls(), 1024u);
+  EXPECT_EQ(limits.max_streams(), 1024u);
+  EXPECT_EQ(limits.max_subscriptions(), 16384u);
+  EXPECT_EQ(limits.max_queued_bytes(), 16777216u);
+  EXPECT_EQ(limits.max_frame_ms(), 10000u);
+}
+
+class ServerOfOtherLimits : public ServerMeetsHost {
+ protected:
+  ServerOfOtherLimits()
+      : ServerMeetsHost({.max_frame_bytes = 1,
+                         .max_message_depth = 1000,
+                         .max_queued_bytes = std::size_t{5} << 30,
+                         .max_frame_time = absl::InfiniteDuration()}) {}
+};
+
+TEST_F(ServerOfOtherLimits, TellsThoseThatItKeeps) {
+  RawPeer host = ConnectRaw();
+  Settle(&host);
+  ASSERT_TRUE(host.hello.has_value());
+  const Limits& limits = host.hello->limits();
+  EXPECT_EQ(limits.max_frame_bytes(), 4096u);
+  EXPECT_EQ(limits.max_message_depth(), 100u);
+  EXPECT_EQ(limits.max_queued_bytes(), std::uint64_t{5} << 30);
+  EXPECT_FALSE(limits.has_max_frame_ms());
+}
+
+TEST_F(ServerOfOtherLimits, IsNotSentFramesThatAreTooLongForIt) {
+  const std::unique_ptr<SocketClient> client = StreamFixture::Connect();
+  const auto* const show = Widget().method(kShow);
+  EXPECT_TRUE(client->CallAndWait(show, Browser(7)).ok());
+  BrowserId longer = Browser(7);
+  longer.GetReflection()->MutableUnknownFields(&longer)->AddLengthDelimited(
+      99, std::string(4096, 'x'));
+  EXPECT_THAT(
+      client->CallAndWait(show, longer).status(),
+      absl::ResourceExhaustedError("frame of 4111 bytes; the limit is 4096"));
+  EXPECT_TRUE(client->CallAndWait(show, Browser(7)).ok());
 }
 
 TEST_F(ServerMeetsHost, SaysNothingBefore) {
@@ -316,6 +369,16 @@ TEST_F(ClientMeetsWidget, TakesARefusalInPlaceOfAHello) {
   refusal.set_error_text("64 hosts are connected");
   widget->Send(refusal);
   EXPECT_THAT(Call().message(), HasSubstr("64 hosts are connected"));
+}
+
+TEST_F(ClientMeetsWidget, LearnsItsLimits) {
+  Hello hello = MakeHello(Widget());
+  hello.mutable_limits()->set_max_calls(3);
+  Connect(hello);
+  EXPECT_FALSE(client->server_limits().has_max_calls());
+  loop.RunUntilIdle();
+  EXPECT_EQ(client->server_limits().max_calls(), 3u);
+  EXPECT_FALSE(client->server_limits().has_max_frame_bytes());
 }
 
 TEST_F(ClientMeetsWidget, IsForOneServiceOnly) {

@@ -118,6 +118,10 @@ const absl::Status& SocketClient::status() const {
   return connection_->status();
 }
 
+const rpc::transport::Limits& SocketClient::server_limits() const {
+  return connection_->server_limits();
+}
+
 namespace internal {
 
 void BeginCall(SocketClient* client, const MethodDescriptor* method,

@@ -12,6 +12,7 @@
 #include "google/protobuf/descriptor.h"
 #include "google/protobuf/message.h"
 
+#include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/calling.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/client/client_call.h"
@@ -111,6 +112,13 @@ class SocketClient {
 
   // OK while the connection stands, then why it ended.
   const absl::Status& status() const;
+
+  // What the server takes from this client. Known from the first answer on; no
+  // field is set before, nor if the server does not tell. Once it is known,
+  // what is longer than the server's longest frame fails with
+  // kResourceExhausted. Until then it ends the connection. Valid as long as the
+  // client.
+  const rpc::transport::Limits& server_limits() const;
 
  private:
   // For generated clients.

@@ -1,5 +1,6 @@
 #include "zimbrel/src/core/common/rpc/transport/client/client_connection.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <map>
 #include <utility>
@@ -17,6 +18,7 @@ namespace orvane::internal {
 using google::protobuf::Message;
 using google::protobuf::MethodDescriptor;
 using google::protobuf::ServiceDescriptor;
+using rpc::transport::Limits;
 using rpc::transport::StreamMessage;
 
 namespace {
@@ -240,7 +242,17 @@ void ClientConnection::OnHello(std::string_view payload) {
   if (!ParsePayload(payload, kMaxMessageDepth, &server_hello_.emplace())) {
     return Close(absl::UnavailableError("the widget's hello is no Hello"));
   }
-  if (absl::Status fit = CompareHellos(); !fit.ok()) Close(fit);
+  if (absl::Status fit = CompareHellos(); !fit.ok()) return Close(fit);
+  // A longer frame would end the connection; this way it fails alone.
+  if (server_limits().has_max_frame_bytes()) {
+    socket_->ReduceMaxSentFrameBytes(std::max<std::size_t>(
+        server_limits().max_frame_bytes(), kMinMaxFrameBytes));
+  }
+}
+
+const Limits& ClientConnection::server_limits() const {
+  return server_hello_.has_value() ? server_hello_->limits()
+                                   : Limits::default_instance();
 }
 
 absl::Status ClientConnection::CompareHellos() const {

@@ -62,6 +62,9 @@ class ClientConnection final : public FrameSocket::Receiver {
   // OK while the connection stands, then why it ended.
   const absl::Status& status() const { return status_; }
 
+  // See SocketClient::server_limits.
+  const rpc::transport::Limits& server_limits() const;
+
  private:
   void OnFrame(rpc::transport::StreamMessage& frame,
                std::string_view payload) override;

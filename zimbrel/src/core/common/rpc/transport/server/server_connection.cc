@@ -2,6 +2,9 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <set>
 #include <string>
 #include <utility>
@@ -18,6 +21,7 @@ namespace orvane::internal {
 using google::protobuf::MethodDescriptor;
 using google::protobuf::ServiceDescriptor;
 using rpc::transport::Hello;
+using rpc::transport::Limits;
 using rpc::transport::StreamMessage;
 
 namespace {
@@ -62,12 +66,32 @@ StreamMessage ErrorFrame(std::uint64_t id, const absl::Status& why) {
   return error;
 }
 
-absl::Status ShuttingDown() {
-  return absl::UnavailableError("the widget is shutting down");
+// A greater number is no limit to whoever reads it.
+std::uint32_t ToUint32(std::size_t number) {
+  return static_cast<std::uint32_t>(
+      std::min<std::size_t>(number, std::numeric_limits<std::uint32_t>::max()));
 }
 
-absl::Status NotOpen(std::uint64_t id) {
-  return absl::NotFoundError(absl::StrCat("stream ", id, " is not open"));
+// What the client is told of the limits, as they are kept.
+Limits InHello(const ServerLimits& limits) {
+  Limits told;
+  told.set_max_frame_bytes(
+      ToUint32(std::max(limits.max_frame_bytes, kMinMaxFrameBytes)));
+  told.set_max_message_depth(static_cast<std::uint32_t>(
+      std::clamp(limits.max_message_depth, 0, kMaxMessageDepth)));
+  told.set_max_calls(ToUint32(limits.max_calls));
+  told.set_max_streams(ToUint32(limits.max_streams));
+  told.set_max_subscriptions(ToUint32(limits.max_subscriptions));
+  told.set_max_queued_bytes(limits.max_queued_bytes);
+  if (limits.max_frame_time < absl::InfiniteDuration()) {
+    told.set_max_frame_ms(ToUint32(static_cast<std::size_t>(
+        absl::ToInt64Milliseconds(limits.max_frame_time))));
+  }
+  return told;
+}
+
+absl::Status ShuttingDown() {
+  return absl::UnavailableError("the widget is shutting down");
 }
 
 }  // namespace
@@ -152,7 +176,8 @@ void ServerConnection::OnHello(const StreamMessage& frame,
     return Close(absl::InvalidArgumentError(
         "a connection begins with a hello, which tells the host's version"));
   }
-  const Hello server = MakeHello(*context_.service->GetDescriptor());
+  Hello server = MakeHello(*context_.service->GetDescriptor());
+  *server.mutable_limits() = InHello(context_.limits);
   StreamMessage header;
   header.set_kind(StreamMessage::KIND_HELLO);
   absl::Status status = context_.socket->Send(header, server);
@@ -250,7 +275,7 @@ void ServerConnection::Deliver(StreamMessage& frame, std::string_view payload) {
   // Read before delivery: the frame is the stream's to change.
   const std::uint64_t id = frame.stream_id();
   const auto stream = streams_.find(id);
-  if (stream == streams_.end()) return SendError(id, NotOpen(id));
+  if (stream == streams_.end()) return RefuseFrame(id);
   frame.mutable_payload()->assign(payload);
   const absl::Status delivered = frame.kind() == StreamMessage::KIND_NEXT
                                      ? stream->second->Next(frame)
@@ -261,7 +286,17 @@ void ServerConnection::Deliver(StreamMessage& frame, std::string_view payload) {
 }
 
 void ServerConnection::CompleteStream(std::uint64_t id) {
-  if (!EndStream(id)) SendError(id, NotOpen(id));
+  if (!EndStream(id)) RefuseFrame(id);
+}
+
+void ServerConnection::RefuseFrame(std::uint64_t id) {
+  // An error on stream 0 would tell the client that the connection has ended.
+  if (id == 0) {
+    return Close(absl::InvalidArgumentError(
+        "a frame for stream 0, which is the connection itself"));
+  }
+  SendError(id,
+            absl::NotFoundError(absl::StrCat("stream ", id, " is not open")));
 }
 
 bool ServerConnection::EndStream(std::uint64_t id) {

@@ -69,6 +69,8 @@ class ServerConnection final : public FrameSocket::Receiver {
   void OpenStream(const rpc::transport::StreamMessage& frame);
   void Deliver(rpc::transport::StreamMessage& frame, std::string_view payload);
   void CompleteStream(std::uint64_t id);
+  // A frame came for a stream that is not open. This may close the connection.
+  void RefuseFrame(std::uint64_t id);
   // False if there is no such stream.
   bool EndStream(std::uint64_t id);
   void FinishIfAllIsAnswered();

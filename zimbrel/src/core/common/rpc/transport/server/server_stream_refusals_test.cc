@@ -233,6 +233,33 @@ TEST_F(ServerStreamRefusalsTest, StreamId0EndsTheConnection) {
   EXPECT_TRUE(host.closed);
 }
 
+// Stream 0 is the connection itself, also when an end of the host names none.
+class FramesForStream0 : public ServerStreamRefusalsTest {
+ protected:
+  void ExpectTheEndAfter(const StreamMessage& frame) {
+    Open(kWhenTooltipChanged);
+    host.Send(NextFrame(1, Subscribe(7)));
+    host.Send(frame);
+    EXPECT_THAT(Told(),
+                ElementsAre("ERROR 0 INVALID_ARGUMENT: a frame for stream 0, "
+                            "which is the connection itself"));
+    EXPECT_TRUE(host.closed);
+    EXPECT_EQ(ListedForTooltips(7), 1u);  // The fixture's own.
+  }
+};
+
+TEST_F(FramesForStream0, ANextEndsTheConnection) {
+  ExpectTheEndAfter(NextFrame(0, Subscribe(8)));
+}
+
+TEST_F(FramesForStream0, AnErrorEndsTheConnection) {
+  ExpectTheEndAfter(ErrorFrame(0, Subscribe(8), 1));
+}
+
+TEST_F(FramesForStream0, ACompleteEndsTheConnection) {
+  ExpectTheEndAfter(CompleteFrame(0));
+}
+
 // Payloads on an event stream.
 
 TEST_F(ServerStreamRefusalsTest, ABareSubscription) {

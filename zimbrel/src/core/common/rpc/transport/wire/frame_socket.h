@@ -57,6 +57,11 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   // Begins to read. Called once, after construction.
   void Start();
 
+  // The peer takes frames of this length only, if that is less than the limit.
+  void ReduceMaxSentFrameBytes(std::size_t max_frame_bytes) {
+    outbox_.ReduceMaxFrameBytes(max_frame_bytes);
+  }
+
   // Queues a frame; see AppendFrame. An error means that nothing was queued:
   // the frame is too long, too much is queued already, or the socket is closed.
   absl::Status Send(const rpc::transport::StreamMessage& header,

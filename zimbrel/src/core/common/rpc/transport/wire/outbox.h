@@ -3,6 +3,7 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_OUTBOX_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_OUTBOX_H_
 
+#include <algorithm>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -38,6 +39,12 @@ class Outbox {
 
   explicit Outbox(const FrameLimits& limits) : limits_(limits) {}
 
+  // The peer takes frames of this length only, if that is less than the limit.
+  void ReduceMaxFrameBytes(std::size_t max_frame_bytes) {
+    limits_.max_frame_bytes =
+        std::min(limits_.max_frame_bytes, max_frame_bytes);
+  }
+
   // Queues a frame; see AppendFrame. An error means that nothing was queued:
   // the frame is too long, or too many bytes wait already.
   absl::Status Add(const rpc::transport::StreamMessage& header,
@@ -65,7 +72,7 @@ class Outbox {
  private:
   absl::Status CheckRoom();
 
-  const FrameLimits limits_;
+  FrameLimits limits_;
   ByteBuffer queue_;
   std::map<Slot, std::string> slots_;  // Each a whole frame.
   std::size_t slot_bytes_ = 0;
