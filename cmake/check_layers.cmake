@@ -66,7 +66,7 @@ allow(${rpc}/transport "${rpc}/transport/((client|server|wire)/)?[a-z_]+\\.h" "$
 allow(orvane "${contracts}" ${server_api} ${client_api})
 
 # What is generated, and the generator.
-allow(${rpc}/generator "${rpc}/generator/[a-z_]+\\.h" "${rpc}/version\\.h")
+allow(${rpc}/generator "${rpc}/generator/[a-z_]+\\.h" "${rpc}/(method_kind|version)\\.h")
 allow(gen/${rpc}/proto/rpc/browser "${generated}" "${contracts}" "${protos}"
       "${rpc}/stream/[a-z_]+\\.h" "${rpc}/transport/typed_client\\.h")
 

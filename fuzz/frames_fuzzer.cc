@@ -29,6 +29,7 @@
 #include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
 #include "zimbrel/src/core/common/rpc/testing/frames.h"
@@ -45,6 +46,7 @@ using google::protobuf::Descriptor;
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using google::protobuf::MessageFactory;
+using google::protobuf::MethodDescriptor;
 using google::protobuf::Reflection;
 using rpc::transport::StreamMessage;
 
@@ -135,22 +137,23 @@ const std::optional<rpc::transport::Hello>& Greeting() {
 std::string ValidPayload(std::uint32_t method, std::uint64_t browser,
                          std::uint8_t variant) {
   if (method >= kMethods) return "";
-  if (method >= kFirstStream && method < kFirstCallbackStream) {
+  const MethodDescriptor& declared =
+      *rpc::BrowserWidgetRpc::descriptor()->method(static_cast<int>(method));
+  if (KindOf(declared) == MethodKind::kEventStream) {
     return (variant % 2 == 0 ? Subscribe(browser) : Unsubscribe(browser))
         .SerializeAsString();
   }
-  const Descriptor* const type = rpc::BrowserWidgetRpc::descriptor()
-                                     ->method(static_cast<int>(method))
-                                     ->input_type();
+  const Descriptor* const type = declared.input_type();
   if (type == BrowserId::descriptor())
     return Browser(browser).SerializeAsString();
   const std::unique_ptr<Message> message(
       MessageFactory::generated_factory()->GetPrototype(type)->New());
   const Reflection& fields = *message->GetReflection();
-  fields.MutableMessage(message.get(), type->FindFieldByName("browser_id"))
+  fields.MutableMessage(message.get(), type->FindFieldByName(kKeyField))
       ->CopyFrom(Browser(browser));
-  if (method >= kFirstCallbackStream) {
-    const FieldDescriptor* const subscribe = type->FindFieldByName("subscribe");
+  if (KindOf(declared) == MethodKind::kCallbackStream) {
+    const FieldDescriptor* const subscribe =
+        type->FindFieldByName(kSubscribeField);
     switch (variant % 4) {
       case 0:
         fields.SetBool(message.get(), subscribe, true);
@@ -159,10 +162,11 @@ std::string ValidPayload(std::uint32_t method, std::uint64_t browser,
         fields.SetBool(message.get(), subscribe, false);
         break;
       case kResponse:
-        fields.MutableMessage(message.get(), type->FindFieldByName("response"));
+        fields.MutableMessage(message.get(),
+                              type->FindFieldByName(kResponseField));
         break;
       default:
-        fields.MutableMessage(message.get(), type->FindFieldByName("call"));
+        fields.MutableMessage(message.get(), type->FindFieldByName(kCallField));
     }
   }
   return message->SerializeAsString();

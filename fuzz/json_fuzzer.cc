@@ -28,6 +28,7 @@
 #include "tools/widgetctl/methods.h"
 #include "tools/widgetctl/session.h"
 #include "tools/widgetctl/streams.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 
 using google::protobuf::Message;
 using google::protobuf::ServiceDescriptor;
@@ -76,7 +77,7 @@ void TryKey(const absl::StatusOr<Subscription>& subscription) {
 void TryResponse(const ServiceDescriptor& service, const std::string& method,
                  const std::string& json) {
   const auto served = widgetctl::FindMethodOfKind(
-      service, method, widgetctl::kCallbackStream, "served");
+      service, method, orvane::MethodKind::kCallbackStream, "served");
   if (!served.ok()) return ExpectWords(served.status());
   const Answer answer = widgetctl::ReadResponse(**served, json);
   if (!answer.ok()) return ExpectWords(answer.status());

@@ -14,6 +14,7 @@
 #include "gtest/gtest.h"
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 #include "zimbrel/src/core/common/rpc/testing/call_by_name.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
@@ -35,7 +36,7 @@ std::vector<const MethodDescriptor*> UnaryMethods() {
   const auto* const service = rpc::BrowserWidgetRpc::descriptor();
   std::vector<const MethodDescriptor*> unary;
   for (int i = 0; i < service->method_count(); ++i) {
-    if (!service->method(i)->client_streaming())
+    if (orvane::KindOf(*service->method(i)) == orvane::MethodKind::kUnary)
       unary.push_back(service->method(i));
   }
   return unary;

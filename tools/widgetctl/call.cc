@@ -4,6 +4,7 @@
 
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 
 namespace widgetctl {
 
@@ -15,7 +16,7 @@ absl::StatusOr<UnaryCall> PrepareCall(const ServiceDescriptor& service,
                                       const std::string& method,
                                       const std::string& request_json) {
   const absl::StatusOr<const MethodDescriptor*> found =
-      FindMethodOfKind(service, method, kUnary, "called");
+      FindMethodOfKind(service, method, orvane::MethodKind::kUnary, "called");
   if (!found.ok()) return found.status();
   UnaryCall call{*found, NewMessage((*found)->input_type())};
   if (absl::Status read = ReadJson(absl::StrCat("the request of ", method),

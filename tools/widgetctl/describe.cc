@@ -155,7 +155,7 @@ std::string ListMethods(const ServiceDescriptor& service) {
   for (int i = 0; i < service.method_count(); ++i) {
     const MethodDescriptor& method = *service.method(i);
     absl::StrAppendFormat(&list, "%2d  %-*s  %-15s  %s -> %s\n", i, longest,
-                          method.name(), KindOf(method),
+                          method.name(), KindName(method),
                           method.input_type()->full_name(),
                           method.output_type()->full_name());
   }

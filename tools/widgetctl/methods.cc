@@ -15,6 +15,7 @@ namespace widgetctl {
 
 using google::protobuf::MethodDescriptor;
 using google::protobuf::ServiceDescriptor;
+using orvane::MethodKind;
 
 namespace {
 
@@ -36,16 +37,22 @@ std::size_t EditDistance(absl::string_view from, absl::string_view to) {
   return row.back();
 }
 
-}  // namespace
-
-bool IsUnary(const MethodDescriptor& method) {
-  return !method.client_streaming() && !method.server_streaming();
+absl::string_view Name(MethodKind kind) {
+  switch (kind) {
+    case MethodKind::kUnary:
+      return "unary";
+    case MethodKind::kEventStream:
+      return "event stream";
+    case MethodKind::kCallbackStream:
+      break;
+  }
+  return "callback stream";
 }
 
-absl::string_view KindOf(const MethodDescriptor& method) {
-  if (IsUnary(method)) return kUnary;
-  return method.input_type() == method.output_type() ? kCallbackStream
-                                                     : kEventStream;
+}  // namespace
+
+absl::string_view KindName(const MethodDescriptor& method) {
+  return Name(*orvane::KindOf(method));
 }
 
 absl::StatusOr<const MethodDescriptor*> FindMethod(
@@ -63,13 +70,13 @@ absl::StatusOr<const MethodDescriptor*> FindMethod(
 }
 
 absl::StatusOr<const MethodDescriptor*> FindMethodOfKind(
-    const ServiceDescriptor& service, absl::string_view name,
-    absl::string_view kind, absl::string_view use) {
+    const ServiceDescriptor& service, absl::string_view name, MethodKind kind,
+    absl::string_view use) {
   absl::StatusOr<const MethodDescriptor*> found = FindMethod(service, name);
-  if (!found.ok() || KindOf(**found) == kind) return found;
+  if (!found.ok() || orvane::KindOf(**found) == kind) return found;
   return absl::InvalidArgumentError(
       absl::StrCat(name, " cannot be ", use, ": it is of kind ",
-                   KindOf(**found), ", not ", kind));
+                   KindName(**found), ", not ", Name(kind)));
 }
 
 std::string DidYouMean(absl::string_view name,

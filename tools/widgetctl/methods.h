@@ -10,17 +10,13 @@
 #include "absl/strings/string_view.h"
 #include "google/protobuf/descriptor.h"
 
+#include "zimbrel/src/core/common/rpc/method_kind.h"
+
 namespace widgetctl {
 
-inline constexpr absl::string_view kUnary = "unary";
-inline constexpr absl::string_view kEventStream = "event stream";
-inline constexpr absl::string_view kCallbackStream = "callback stream";
-
-// One of these three. A callback stream has one message type for both
-// directions.
-absl::string_view KindOf(const google::protobuf::MethodDescriptor& method);
-
-bool IsUnary(const google::protobuf::MethodDescriptor& method);
+// "unary", "event stream" or "callback stream". `method` is one of a generated
+// service.
+absl::string_view KindName(const google::protobuf::MethodDescriptor& method);
 
 // kNotFound, with the nearest names, if the service has no such method. Names
 // are case-sensitive.
@@ -32,7 +28,7 @@ absl::StatusOr<const google::protobuf::MethodDescriptor*> FindMethod(
 // "watched".
 absl::StatusOr<const google::protobuf::MethodDescriptor*> FindMethodOfKind(
     const google::protobuf::ServiceDescriptor& service, absl::string_view name,
-    absl::string_view kind, absl::string_view use);
+    orvane::MethodKind kind, absl::string_view use);
 
 // "; did you mean A, B or C?" with the candidates most similar to `name`, the
 // most similar first; "" if none is similar. Ignores case.

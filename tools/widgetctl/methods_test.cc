@@ -5,19 +5,22 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 
 namespace widgetctl {
 namespace {
+
+using orvane::MethodKind;
 
 const google::protobuf::ServiceDescriptor& Service() {
   return *rpc::BrowserWidgetRpc::descriptor();
 }
 
-TEST(KindOf, TellsTheThreeKindsApart) {
-  EXPECT_EQ(KindOf(*Service().FindMethodByName("Show")), "unary");
-  EXPECT_EQ(KindOf(*Service().FindMethodByName("WhenCursorChanged")),
+TEST(KindName, TellsTheThreeKindsApart) {
+  EXPECT_EQ(KindName(*Service().FindMethodByName("Show")), "unary");
+  EXPECT_EQ(KindName(*Service().FindMethodByName("WhenCursorChanged")),
             "event stream");
-  EXPECT_EQ(KindOf(*Service().FindMethodByName("OnTakeFocus")),
+  EXPECT_EQ(KindName(*Service().FindMethodByName("OnTakeFocus")),
             "callback stream");
 }
 
@@ -35,21 +38,23 @@ TEST(FindMethod, NamesTheNearestMethodsOfAnUnknownName) {
 }
 
 TEST(FindMethodOfKind, FindsOneOfThatKind) {
-  const auto found =
-      FindMethodOfKind(Service(), "OnTakeFocus", kCallbackStream, "served");
+  const auto found = FindMethodOfKind(Service(), "OnTakeFocus",
+                                      MethodKind::kCallbackStream, "served");
   ASSERT_TRUE(found.ok()) << found.status();
   EXPECT_EQ((*found)->name(), "OnTakeFocus");
 }
 
 TEST(FindMethodOfKind, TellsWhichKindAnotherIsOf) {
   EXPECT_EQ(
-      FindMethodOfKind(Service(), "Show", kEventStream, "watched").status(),
+      FindMethodOfKind(Service(), "Show", MethodKind::kEventStream, "watched")
+          .status(),
       absl::InvalidArgumentError("Show cannot be watched: it is of kind "
                                  "unary, not event stream"));
 }
 
 TEST(FindMethodOfKind, NamesTheNearestMethodsOfAnUnknownName) {
-  EXPECT_EQ(FindMethodOfKind(Service(), "Shwo", kUnary, "called").status(),
+  EXPECT_EQ(FindMethodOfKind(Service(), "Shwo", MethodKind::kUnary, "called")
+                .status(),
             FindMethod(Service(), "Shwo").status());
 }
 

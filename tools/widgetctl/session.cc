@@ -10,11 +10,13 @@
 
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 
 namespace widgetctl {
 
 using google::protobuf::MethodDescriptor;
 using google::protobuf::ServiceDescriptor;
+using orvane::MethodKind;
 
 namespace {
 
@@ -97,10 +99,11 @@ class Loader {
 
   absl::StatusOr<Action> TakeArrival(const RecordedStep& step) {
     const bool is_event = step.verb == RecordedStep::Verb::kEvent;
-    const auto method = is_event ? FindMethodOfKind(service_, step.method,
-                                                    kEventStream, "watched")
-                                 : FindMethodOfKind(service_, step.method,
-                                                    kCallbackStream, "served");
+    const auto method =
+        is_event ? FindMethodOfKind(service_, step.method,
+                                    MethodKind::kEventStream, "watched")
+                 : FindMethodOfKind(service_, step.method,
+                                    MethodKind::kCallbackStream, "served");
     if (!method.ok()) return method.status();
     ArrivalStep arrival{*method, NewMessage((*method)->output_type())};
     if (absl::Status read =
@@ -121,12 +124,13 @@ class Loader {
   absl::StatusOr<Action> TakeEnd(const RecordedStep& step) {
     const auto method = FindMethod(service_, step.method);
     if (!method.ok()) return method.status();
-    if (IsUnary(**method)) {
+    const auto kind = orvane::KindOf(**method);
+    if (kind == MethodKind::kUnary) {
       return absl::InvalidArgumentError(
           absl::StrCat(step.method, " cannot be ended: it is of kind unary"));
     }
     absl::StatusOr<Subscription> stream =
-        KindOf(**method) == kCallbackStream
+        kind == MethodKind::kCallbackStream
             ? PrepareServe(service_, step.method, step.json)
             : PrepareWatch(service_, step.method, step.json);
     if (!stream.ok()) return stream.status();

@@ -18,6 +18,7 @@
 
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 
 namespace widgetctl {
 
@@ -59,8 +60,13 @@ std::string Count(int number, absl::string_view what) {
   return absl::StrCat(number, " ", what, number == 1 ? "" : "s");
 }
 
+// Whether what arrives on a stream of the method is an event, not a call.
+bool IsEvent(const MethodDescriptor& method) {
+  return orvane::KindOf(method) == orvane::MethodKind::kEventStream;
+}
+
 absl::string_view ArrivalVerb(const MethodDescriptor& method) {
-  return KindOf(method) == kEventStream ? "event" : "called";
+  return IsEvent(method) ? "event" : "called";
 }
 
 class Runner {
@@ -157,7 +163,7 @@ class Runner {
   }
 
   void Do(const ArrivalStep& step) {
-    ++(KindOf(*step.method) == kEventStream ? events_ : served_);
+    ++(IsEvent(*step.method) ? events_ : served_);
     const Clock::time_point begin = Clock::now();
     const std::string missing = Await(step.method);
     std::unique_ptr<Message> actual;

@@ -8,6 +8,7 @@
 
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 
 namespace widgetctl {
 
@@ -16,15 +17,10 @@ using google::protobuf::Message;
 using google::protobuf::MethodDescriptor;
 using google::protobuf::ServiceDescriptor;
 using orvane::ClientStream;
+using orvane::MethodKind;
 using orvane::SocketClient;
 
 namespace {
-
-// The fields of every callback type that are used here; an EventSubscription
-// has the second one.
-constexpr char kBrowserId[] = "browser_id";
-constexpr char kSubscribe[] = "subscribe";
-constexpr char kResponse[] = "response";
 
 const FieldDescriptor* Field(const Message& message, const char* name) {
   return message.GetDescriptor()->FindFieldByName(name);
@@ -40,12 +36,9 @@ const Message& Get(const Message& message, const char* field) {
 }
 
 absl::StatusOr<Subscription> Prepare(
-    absl::StatusOr<const MethodDescriptor*> method, const char* key_field,
-    const std::string& key) {
+    absl::StatusOr<const MethodDescriptor*> method, const std::string& key) {
   if (!method.ok()) return method.status();
-  const FieldDescriptor* const field =
-      (*method)->input_type()->FindFieldByName(key_field);
-  Subscription subscription{*method, NewMessage(field->message_type())};
+  Subscription subscription{*method, NewMessage(&orvane::KeyTypeOf(**method))};
   const bool is_number =
       !key.empty() && absl::c_all_of(key, absl::ascii_isdigit);
   if (absl::Status read =
@@ -67,20 +60,22 @@ std::string Subscription::Name() const {
 absl::StatusOr<Subscription> PrepareWatch(const ServiceDescriptor& service,
                                           const std::string& method,
                                           const std::string& key) {
-  return Prepare(FindMethodOfKind(service, method, kEventStream, "watched"),
-                 kSubscribe, key);
+  return Prepare(
+      FindMethodOfKind(service, method, MethodKind::kEventStream, "watched"),
+      key);
 }
 
 absl::StatusOr<Subscription> PrepareServe(const ServiceDescriptor& service,
                                           const std::string& method,
                                           const std::string& key) {
-  return Prepare(FindMethodOfKind(service, method, kCallbackStream, "served"),
-                 kBrowserId, key);
+  return Prepare(
+      FindMethodOfKind(service, method, MethodKind::kCallbackStream, "served"),
+      key);
 }
 
 Answer ReadResponse(const MethodDescriptor& method, const std::string& json) {
   const FieldDescriptor* const field =
-      method.output_type()->FindFieldByName(kResponse);
+      method.output_type()->FindFieldByName(orvane::kResponseField);
   std::unique_ptr<Message> response = NewMessage(field->message_type());
   if (absl::Status read =
           ReadJson(absl::StrCat("the response of ", method.name()), json,
@@ -97,12 +92,13 @@ WidgetCall::WidgetCall(std::unique_ptr<Message> message,
 
 absl::Status WidgetCall::Give(const Answer& answer) const {
   const std::unique_ptr<Message> reply(message_->New());
-  Mutable(reply.get(), kBrowserId)->CopyFrom(Get(*message_, kBrowserId));
+  Mutable(reply.get(), orvane::kKeyField)
+      ->CopyFrom(Get(*message_, orvane::kKeyField));
   if (!answer.ok()) {
     answer_.Fail(*reply, std::string(answer.status().message()));
     return answer.status();
   }
-  Mutable(reply.get(), kResponse)->CopyFrom(**answer);
+  Mutable(reply.get(), orvane::kResponseField)->CopyFrom(**answer);
   return answer_.Send(reply.get());
 }
 

@@ -16,7 +16,7 @@ using google::protobuf::FileDescriptor;
 using google::protobuf::MethodDescriptor;
 using google::protobuf::io::Printer;
 
-// The message that the requests of a stream have in a field.
+// The type of a message field of what a callback stream carries.
 const Descriptor& TypeOfField(const MethodDescriptor& method,
                               const char* field) {
   return *method.input_type()->FindFieldByName(field)->message_type();
@@ -28,12 +28,12 @@ std::vector<const Descriptor*> TypesOf(const MethodModel& method) {
     case MethodKind::kUnary:
       return {proto.input_type(), proto.output_type()};
     case MethodKind::kEventStream:
-      return {&TypeOfField(proto, "subscribe"), proto.output_type()};
+      return {&KeyTypeOf(proto), proto.output_type()};
     case MethodKind::kCallbackStream:
       break;
   }
-  return {&TypeOfField(proto, "browser_id"), &TypeOfField(proto, "call"),
-          &TypeOfField(proto, "response"), proto.output_type()};
+  return {&KeyTypeOf(proto), &TypeOfField(proto, kCallField),
+          &TypeOfField(proto, kResponseField), proto.output_type()};
 }
 
 // The modules that a client imports, each with the name it has there.
@@ -157,7 +157,7 @@ void PrintEventStream(const MethodModel& method, const Imports& imports,
       "        self, key: $key$\n"
       "    ) -> orvane.Events[$event$]:\n",
       "name", PythonMethodName(method.proto_name), "key",
-      imports.Spelled(TypeOfField(*method.proto, "subscribe")), "event",
+      imports.Spelled(KeyTypeOf(*method.proto)), "event",
       imports.Spelled(*method.proto->output_type()));
   PrintDocstring(
       "        ",
@@ -184,9 +184,9 @@ void PrintCallbackStream(const MethodModel& method, const Imports& imports,
       "        ],\n"
       "    ) -> orvane.Serving:\n",
       "name", PythonMethodName(method.proto_name), "key",
-      imports.Spelled(TypeOfField(*method.proto, "browser_id")), "call",
-      imports.Spelled(TypeOfField(*method.proto, "call")), "response",
-      imports.Spelled(TypeOfField(*method.proto, "response")));
+      imports.Spelled(KeyTypeOf(*method.proto)), "call",
+      imports.Spelled(TypeOfField(*method.proto, kCallField)), "response",
+      imports.Spelled(TypeOfField(*method.proto, kResponseField)));
   PrintDocstring(
       "        ",
       Documentation(method.comment, " Serves " + method.proto_name + "."), out);

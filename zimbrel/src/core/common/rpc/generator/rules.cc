@@ -10,7 +10,7 @@
 
 #include "zimbrel/src/core/common/rpc/generator/cpp_names.h"
 #include "zimbrel/src/core/common/rpc/generator/python_names.h"
-#include "zimbrel/src/core/common/rpc/generator/service_model.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 
 namespace orvane::generator {
 namespace {
@@ -129,7 +129,7 @@ void CheckCallbackType(const MethodDescriptor& method, Findings* findings) {
   const Descriptor& type = *method.input_type();
   const std::string type_name(type.full_name());
 
-  const FieldDescriptor* key = type.FindFieldByName("browser_id");
+  const FieldDescriptor* key = type.FindFieldByName(kKeyField);
   if (key == nullptr || key->is_repeated() ||
       key->cpp_type() != FieldDescriptor::CPPTYPE_MESSAGE ||
       key->real_containing_oneof() != nullptr) {
@@ -138,7 +138,7 @@ void CheckCallbackType(const MethodDescriptor& method, Findings* findings) {
                               "`browser_id` outside any oneof");
   }
 
-  const FieldDescriptor* subscribe = type.FindFieldByName("subscribe");
+  const FieldDescriptor* subscribe = type.FindFieldByName(kSubscribeField);
   const auto is_stage = [&](const char* name) {
     const FieldDescriptor* field = type.FindFieldByName(name);
     return field != nullptr &&
@@ -146,8 +146,8 @@ void CheckCallbackType(const MethodDescriptor& method, Findings* findings) {
            field->real_containing_oneof() == subscribe->real_containing_oneof();
   };
   if (subscribe == nullptr || subscribe->type() != FieldDescriptor::TYPE_BOOL ||
-      subscribe->real_containing_oneof() == nullptr || !is_stage("call") ||
-      !is_stage("response")) {
+      subscribe->real_containing_oneof() == nullptr || !is_stage(kCallField) ||
+      !is_stage(kResponseField)) {
     findings->Add(method, "the callback type " + type_name +
                               " must have one oneof with a bool `subscribe` "
                               "and messages `call` and `response`");

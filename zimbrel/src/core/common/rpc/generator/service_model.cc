@@ -43,12 +43,6 @@ std::vector<std::string> CommentOf(const Descriptor& descriptor) {
   return lines;
 }
 
-// The class of a message that the method's requests have in a field.
-std::string TypeOfField(const MethodDescriptor& method, const char* field) {
-  return TypeName(*method.input_type()->FindFieldByName(field)->message_type(),
-                  *method.service());
-}
-
 MethodModel ReadMethod(const MethodDescriptor& method) {
   const std::string name(method.name());
   MethodModel model = {
@@ -63,14 +57,14 @@ MethodModel ReadMethod(const MethodDescriptor& method) {
       .accessor = "",
       .key = "",
       .comment = CommentOf(method)};
+  if (model.kind == MethodKind::kUnary) return model;
+  model.key = TypeName(KeyTypeOf(method), *method.service());
   if (model.kind == MethodKind::kEventStream) {
     model.stream = "orvane::EventStream<" + model.response + ">";
     model.accessor = "orvane::Publisher<" + model.response + ">";
-    model.key = TypeOfField(method, "subscribe");
-  } else if (model.kind == MethodKind::kCallbackStream) {
+  } else {
     model.stream = "orvane::CallbackStream<" + model.response + ">";
     model.accessor = "orvane::Caller<" + model.response + ">";
-    model.key = TypeOfField(method, "browser_id");
   }
   return model;
 }
@@ -108,18 +102,6 @@ bool FileModel::Has(MethodKind kind) const {
 
 bool FileModel::HasStreams() const {
   return Has(MethodKind::kEventStream) || Has(MethodKind::kCallbackStream);
-}
-
-std::optional<MethodKind> KindOf(const MethodDescriptor& method) {
-  if (!method.client_streaming() && !method.server_streaming())
-    return MethodKind::kUnary;
-  if (!method.client_streaming() || !method.server_streaming())
-    return std::nullopt;
-  if (method.input_type()->full_name() == "rpc.EventSubscription")
-    return MethodKind::kEventStream;
-  if (method.input_type() == method.output_type())
-    return MethodKind::kCallbackStream;
-  return std::nullopt;
 }
 
 FileModel ReadFile(const FileDescriptor& file,

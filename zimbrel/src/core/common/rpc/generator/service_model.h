@@ -3,15 +3,14 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_SERVICE_MODEL_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_SERVICE_MODEL_H_
 
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "google/protobuf/descriptor.h"
 
-namespace orvane::generator {
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 
-enum class MethodKind { kUnary, kEventStream, kCallbackStream };
+namespace orvane::generator {
 
 struct MethodModel {
   const google::protobuf::MethodDescriptor* proto;
@@ -54,10 +53,6 @@ struct FileModel {
   bool Has(MethodKind kind) const;
   bool HasStreams() const;
 };
-
-// The kind of a method, or nothing if it is none of the three.
-std::optional<MethodKind> KindOf(
-    const google::protobuf::MethodDescriptor& method);
 
 // `file` breaks no rule (rules.h). A prefix that is not empty goes before the
 // log path, with a slash between.

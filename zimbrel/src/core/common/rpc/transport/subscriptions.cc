@@ -6,6 +6,7 @@
 #include "absl/strings/str_cat.h"
 
 #include "rpc/event_subscription.pb.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 #include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
 
@@ -62,16 +63,17 @@ std::unique_ptr<ClientStream> ServeCalls(
     OnEnd on_end) {
   const std::unique_ptr<Message> subscription(message->New());
   const google::protobuf::Reflection& fields = *message->GetReflection();
-  fields.MutableMessage(subscription.get(), Field(*subscription, "browser_id"))
+  fields.MutableMessage(subscription.get(), Field(*subscription, kKeyField))
       ->CopyFrom(key);
-  fields.SetBool(subscription.get(), Field(*subscription, "subscribe"), true);
+  fields.SetBool(subscription.get(), Field(*subscription, kSubscribeField),
+                 true);
 
   // Known once the stream is open. Weak, since the stream owns its handlers.
   const auto sender = std::make_shared<std::weak_ptr<ClientStreamSender>>();
   auto stream = client->OpenStream(
       method,
       {[sender, message = std::move(message), &fields,
-        call = Field(*subscription, "call"), on_call = std::move(on_call)](
+        call = Field(*subscription, kCallField), on_call = std::move(on_call)](
            std::string_view payload, std::int64_t call_id) mutable {
          if (absl::Status read = Read(payload, message.get()); !read.ok())
            return read;
@@ -101,7 +103,8 @@ PendingAnswer::PendingAnswer(std::shared_ptr<ClientStreamSender> sender,
 absl::Status PendingAnswer::Send(Message* message) const {
   absl::Status sent = sender_->Next(*message, call_id_);
   if (!sent.ok()) {
-    message->GetReflection()->ClearField(message, Field(*message, "response"));
+    message->GetReflection()->ClearField(message,
+                                         Field(*message, kResponseField));
     Fail(*message, std::string(sent.message()));
   }
   return sent;

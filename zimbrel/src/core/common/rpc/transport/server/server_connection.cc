@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -13,6 +14,7 @@
 #include "absl/strings/str_cat.h"
 #include "google/protobuf/descriptor.h"
 
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 #include "zimbrel/src/core/common/rpc/transport/server/server_call.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/handshake.h"
 
@@ -29,10 +31,6 @@ namespace {
 // Words for people need no more, and always fit a frame.
 constexpr std::size_t kMaxErrorTextBytes = 2048;
 
-bool IsStream(const MethodDescriptor& method) {
-  return method.client_streaming() || method.server_streaming();
-}
-
 // The method of that index if it is of that kind, or words why not. Past this
 // check the service trusts its method.
 absl::StatusOr<const MethodDescriptor*> FindMethod(
@@ -44,7 +42,9 @@ absl::StatusOr<const MethodDescriptor*> FindMethod(
   }
   const MethodDescriptor* const method =
       service.method(static_cast<int>(index));
-  if (IsStream(*method) == stream) return method;
+  const std::optional<MethodKind> kind = KindOf(*method);
+  if (kind.has_value() && (*kind != MethodKind::kUnary) == stream)
+    return method;
   return absl::InvalidArgumentError(absl::StrCat(
       method->full_name(), stream ? " is no stream and cannot be opened"
                                   : " is a stream and cannot be called"));

@@ -5,6 +5,7 @@
 #include "absl/strings/str_cat.h"
 
 #include "rpc/stream_options.pb.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
 
 namespace orvane::internal {
 
@@ -65,10 +66,6 @@ class Endpoint final : public StreamEndpoint {
   StreamMessage header_;
 };
 
-bool IsEventStream(const MethodDescriptor& method) {
-  return method.input_type() == rpc::EventSubscription::descriptor();
-}
-
 absl::Status NotA(const Message& message, int max_depth) {
   return absl::InvalidArgumentError(
       absl::StrCat("the payload is no ", message.GetTypeName(),
@@ -80,7 +77,7 @@ absl::Status NotA(const Message& message, int max_depth) {
 ServerStream::ServerStream(StreamContext* context,
                            const MethodDescriptor* method, std::uint64_t id)
     : context_(context),
-      is_event_stream_(IsEventStream(*method)),
+      is_event_stream_(KindOf(*method) == MethodKind::kEventStream),
       stream_(context->service->OpenStream(
           method,
           StreamChannel(std::make_unique<Endpoint>(context, *method, id)))),
@@ -153,7 +150,7 @@ absl::Status ServerStream::ParseCallback(const std::string& payload) {
 
 absl::Status ServerStream::CheckCallbackFrame(const std::string& payload) {
   if (absl::Status parsed = ParseCallback(payload); !parsed.ok()) return parsed;
-  for (const char* const name : {"subscribe", "response"}) {
+  for (const char* const name : {kSubscribeField, kResponseField}) {
     const FieldDescriptor* const field =
         callback_->GetDescriptor()->FindFieldByName(name);
     if (callback_->GetReflection()->HasField(*callback_, field))
