@@ -111,14 +111,14 @@ TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {
   EXPECT_EQ(CallByName(second.get(), "Show", "").message(),
             "Method Show() not implemented.");
   EXPECT_THAT(std::string(CallByName(third.get(), "Show", "").message()),
-              HasSubstr("2 hosts are connected; the limit is 2"));
+              HasSubstr("2 clients are connected; the limit is 2"));
   operating->Signal(SIGTERM);
   const ChildProcess::Result ended = operating->Wait();
   EXPECT_EQ(ended.exit_code, 0);
   EXPECT_THAT(ended.errors,
               HasSubstr("0 hosts, 0 thrown out, 0 events replaced"));
   EXPECT_THAT(ended.errors,
-              HasSubstr("a host was not let in: 2 hosts are connected"));
+              HasSubstr("a client was refused: 2 clients are connected"));
 }
 
 TEST_F(Examples, DoorOpensOnceSomebodyConfirmsIt) {

@@ -179,7 +179,7 @@ TEST_F(HostTest, AWidgetThatDiesIsToldInWords) {
     loop.Run();
     server.reset();
     const ChildProcess::Result result = host.Wait();
-    EXPECT_EQ(result.errors, "host: the widget closed the connection\n")
+    EXPECT_EQ(result.errors, "host: the server closed the connection\n")
         << dies_in;
     EXPECT_EQ(result.exit_code, 1);
     if (dies_in == "Attach") widget.done()->Run();

@@ -139,7 +139,7 @@ TEST_F(WidgetctlFramesTest, WatchTellsThatTheConnectionIsGone) {
   widget_.HangUp();
   EXPECT_THAT(watch.Wait(), Fails(3,
                                   "widgetctl: WhenCursorChanged failed: the "
-                                  "widget closed the connection\n"));
+                                  "server closed the connection\n"));
 }
 
 TEST_F(WidgetctlFramesTest, WatchTellsWhyTheWidgetRefusesIt) {
@@ -158,7 +158,7 @@ TEST_F(WidgetctlFramesTest, WatchEndsAtAnEventThatItCannotRead) {
   EXPECT_THAT(watch.Wait(),
               Fails(1,
                     "widgetctl: WhenCursorChanged failed: the "
-                    "widget sent a message that cannot be parsed as "
+                    "server sent a message that cannot be parsed as "
                     "rpc.CursorChanged\n"));
 }
 
@@ -167,7 +167,7 @@ TEST_F(WidgetctlFramesTest, ServeEndsAtAMessageThatIsNoCall) {
   const std::uint64_t stream = widget_.AcceptStream();
   widget_.Send(StreamMessage::KIND_NEXT, stream, "");
   EXPECT_THAT(serve.Wait(), Fails(1,
-                                  "widgetctl: OnTakeFocus failed: the widget "
+                                  "widgetctl: OnTakeFocus failed: the server "
                                   "sent a rpc.TakeFocus without a call\n"));
 }
 

@@ -242,7 +242,7 @@ TEST_F(WidgetctlSessionsTest, ACallThatNobodyExpectedIsAnError) {
 TEST_F(WidgetctlSessionsTest, AStreamThatTheWidgetEndsIsAnError) {
   EXPECT_THAT(
       Run("watch WhenCursorChanged 1\n"
-          "Detach {} => error: the widget closed the connection\n"),
+          "Detach {} => error: the server closed the connection\n"),
       Ends(3, AllOf(Not(HasSubstr("DIFFERS")),
                     HasSubstr("UNEXPECTED            end of WhenCursorChanged "
                               "{\"value\":\"1\"}\n"),
@@ -252,7 +252,7 @@ TEST_F(WidgetctlSessionsTest, AStreamThatTheWidgetEndsIsAnError) {
 TEST_F(WidgetctlSessionsTest, StopsWhenTheConnectionIsLostBeforeAnEvent) {
   const ChildProcess::Result result =
       Run(absl::StrCat("watch WhenCursorChanged 1\n"
-                       "Detach {} => error: the widget closed the connection\n",
+                       "Detach {} => error: the server closed the connection\n",
                        kEvent, kShow));
   EXPECT_THAT(result,
               Ends(3, AllOf(HasSubstr("line 3, actual:   nothing, and no "
@@ -260,7 +260,7 @@ TEST_F(WidgetctlSessionsTest, StopsWhenTheConnectionIsLostBeforeAnEvent) {
                             HasSubstr("\nthe connection is gone; no further "
                                       "calls are made\n"),
                             Not(HasSubstr("Show")))));
-  EXPECT_EQ(result.errors, "widgetctl: the widget closed the connection\n");
+  EXPECT_EQ(result.errors, "widgetctl: the server closed the connection\n");
 }
 
 }  // namespace

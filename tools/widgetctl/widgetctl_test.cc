@@ -142,7 +142,7 @@ TEST_F(WidgetctlTest, CallTellsThatTheConnectionWasLost) {
   EXPECT_THAT(Widgetctl({"call", "Detach"}),
               Fails(3,
                     "widgetctl: Detach failed: "
-                    "the widget closed the connection\n"));
+                    "the server closed the connection\n"));
 }
 
 TEST_F(WidgetctlTest, CommandsThatConnectTellThatNobodyListens) {
@@ -408,10 +408,10 @@ TEST_F(WidgetctlTest, RunStopsWhenTheConnectionIsLost) {
   const std::string session = File("calls", "Detach {} => {}\nShow {} => {}\n");
   const ChildProcess::Result result = Widgetctl({"run", session});
   EXPECT_EQ(result.exit_code, 3);
-  EXPECT_EQ(result.errors, "widgetctl: the widget closed the connection\n");
+  EXPECT_EQ(result.errors, "widgetctl: the server closed the connection\n");
   EXPECT_THAT(
       result.output,
-      EndsWith("actual:   error: the widget closed the connection\n"
+      EndsWith("actual:   error: the server closed the connection\n"
                "\nthe connection is gone; no further calls are made\n"));
 }
 

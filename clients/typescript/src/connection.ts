@@ -142,7 +142,7 @@ export class Connection {
       this.#end(new RpcError(Code.UNAVAILABLE, `the connection broke: ${error.message}`));
     });
     socket.on('close', () => {
-      this.#end(new RpcError(Code.UNAVAILABLE, 'the widget closed the connection'));
+      this.#end(new RpcError(Code.UNAVAILABLE, 'the server closed the connection'));
     });
   }
 
@@ -195,7 +195,7 @@ export class Connection {
     return new Promise((resolve, reject) => {
       signal?.throwIfAborted();
       if (timeoutMs !== undefined && timeoutMs <= 0) {
-        throw new RpcError(Code.DEADLINE_EXCEEDED, 'the call had no time at all');
+        throw new RpcError(Code.DEADLINE_EXCEEDED, "the call's timeout is not above 0");
       }
       const id = this.#begin(Kind.CALL, method, toBinary(method.input, request));
       const call: PendingCall = { method, resolve, reject };
@@ -327,7 +327,7 @@ export class Connection {
     if (this.#socket.writableLength + length > this.#options.maxQueuedBytes) {
       throw new RpcError(
         Code.RESOURCE_EXHAUSTED,
-        `${this.#socket.writableLength} bytes wait for the widget to read them; ` +
+        `${this.#socket.writableLength} bytes wait for the server to read them; ` +
           `the limit is ${this.#options.maxQueuedBytes}`,
       );
     }
@@ -357,18 +357,18 @@ export class Connection {
     if (kind === Kind.ERROR && streamId === 0n) {
       throw new RpcError(
         Code.UNAVAILABLE,
-        `the widget ended the connection: ${errorOf(frame).text}`,
+        `the server ended the connection: ${errorOf(frame).text}`,
       );
     }
     if (this.#hello === undefined || (kind === Kind.HELLO) !== (this.#widget === undefined)) {
       throw new RpcError(
         Code.UNAVAILABLE,
-        "the widget's first frame, and only that, has to be a hello",
+        "the server's first frame, and no other, must be a hello",
       );
     }
     switch (kind) {
       case Kind.HELLO:
-        this.#widget = parse(HelloSchema, frame.payload, Code.UNAVAILABLE, "the widget's hello");
+        this.#widget = parse(HelloSchema, frame.payload, Code.UNAVAILABLE, "the server's hello");
         checkFit(this.#hello, this.#widget);
         this.#maxSentFrameBytes = Math.min(
           this.#options.maxFrameBytes,
@@ -389,7 +389,7 @@ export class Connection {
         else this.#endStream(streamId, errorOf(frame));
         return;
       default:
-        throw new RpcError(Code.UNAVAILABLE, `the widget sent a frame of kind ${kind}`);
+        throw new RpcError(Code.UNAVAILABLE, `the server sent a frame of kind ${kind}`);
     }
   }
 

@@ -235,9 +235,9 @@ export class Server extends Stream implements Serving {
       | { case?: string; value?: unknown }
       | undefined;
     if (member?.case !== this.type.call.localName) {
-      this.close(new RpcError(Code.INTERNAL, 'the widget sent a message without a call'));
+      this.close(new RpcError(Code.INTERNAL, 'the server sent a message without a call'));
     } else if (this.#busy >= this.maxCalls) {
-      this.#fail(key, frame.callId, `the host serves ${this.#busy} calls already`);
+      this.#fail(key, frame.callId, `the client serves ${this.#busy} calls already`);
     } else {
       void this.#serve(key, frame.callId, member.value as Message);
     }

@@ -72,7 +72,7 @@ export class FrameReader {
   }
 }
 
-/** RpcError of this code if the payload is no such message. */
+/** RpcError of this code if the payload cannot be parsed as that message. */
 export function parse<T extends DescMessage>(
   schema: T,
   payload: Uint8Array,
@@ -82,7 +82,7 @@ export function parse<T extends DescMessage>(
   try {
     return fromBinary(schema, payload);
   } catch {
-    throw new RpcError(code, `${what} is no ${schema.typeName}`);
+    throw new RpcError(code, `${what} cannot be parsed as ${schema.typeName}`);
   }
 }
 
@@ -135,8 +135,8 @@ export function checkFit(host: Hello, widget: Hello): void {
   if (where === undefined) return;
   throw new RpcError(
     Code.FAILED_PRECONDITION,
-    `host and widget do not fit: they differ in ${where}; ` +
-      `the host speaks ${inWords(host)}, the widget ${inWords(widget)}`,
+    `client and server are incompatible: they differ in ${where}; ` +
+      `the client speaks ${inWords(host)}, the server ${inWords(widget)}`,
   );
 }
 

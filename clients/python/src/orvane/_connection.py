@@ -242,7 +242,7 @@ class Connection:
         Cancelling the task that waits tells the widget that nobody does.
         """
         if timeout is not None and timeout <= 0:
-            raise RpcError(Code.DEADLINE_EXCEEDED, "the call had no time at all")
+            raise RpcError(Code.DEADLINE_EXCEEDED, "the call's timeout is not above 0")
         stream_id = self._begin(
             StreamMessage.KIND_CALL, method, _serialise(request, "the request")
         )
@@ -383,7 +383,7 @@ class Connection:
         if self._is_full:
             raise RpcError(
                 Code.RESOURCE_EXHAUSTED,
-                f"{self._options.max_queued_bytes} bytes wait for the widget to read them",
+                f"{self._options.max_queued_bytes} bytes wait for the server to read them",
             )
         self._write(frame)
 
@@ -438,7 +438,7 @@ class Connection:
                 Code.UNAVAILABLE,
                 f"the connection broke: {error}"
                 if error
-                else "the widget closed the connection",
+                else "the server closed the connection",
             )
         )
         if not self._gone.done():
@@ -451,14 +451,14 @@ class Connection:
         if is_error and frame.stream_id == 0:
             raise RpcError(
                 Code.UNAVAILABLE,
-                f"the widget ended the connection: {error_of(frame).text}",
+                f"the server ended the connection: {error_of(frame).text}",
             )
         if self._service is None:
-            raise RpcError(Code.UNAVAILABLE, "the widget spoke before the host")
+            raise RpcError(Code.UNAVAILABLE, "the server sent a frame before the client")
         if (kind == StreamMessage.KIND_HELLO) != (self._widget is None):
             raise RpcError(
                 Code.UNAVAILABLE,
-                "the widget's first frame, and only that, has to be a hello",
+                "the server's first frame, and no other, must be a hello",
             )
         if kind == StreamMessage.KIND_HELLO:
             self._meet(frame)
@@ -482,7 +482,7 @@ class Connection:
                 stream.end(error_of(frame) if is_error else None)
         else:
             raise RpcError(
-                Code.UNAVAILABLE, f"the widget sent a frame of kind {kind}"
+                Code.UNAVAILABLE, f"the server sent a frame of kind {kind}"
             )
 
     def _meet(self, frame: StreamMessage) -> None:
@@ -491,7 +491,7 @@ class Connection:
             self._widget = Hello.FromString(frame.payload)
         except UNREADABLE:
             raise RpcError(
-                Code.UNAVAILABLE, "the widget's hello cannot be parsed"
+                Code.UNAVAILABLE, "the server's hello cannot be parsed"
             ) from None
         check_fit(hello_of(self._service), self._widget)
         limits = self._widget.limits

@@ -190,13 +190,13 @@ class Server(Stream):
             return
         if not message.HasField("call"):
             self.close(
-                RpcError(Code.INTERNAL, "the widget sent a message without a call")
+                RpcError(Code.INTERNAL, "the server sent a message without a call")
             )
         elif len(self._tasks) >= self._max_calls:
             self._fail(
                 message,
                 frame.call_id,
-                f"the host serves {len(self._tasks)} calls already",
+                f"the client serves {len(self._tasks)} calls already",
             )
         else:
             task = self.connection.loop.create_task(self._serve(message, frame.call_id))

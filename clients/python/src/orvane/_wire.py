@@ -114,8 +114,8 @@ def check_fit(host: Hello, widget: Hello) -> None:
     if difference:
         raise RpcError(
             Code.FAILED_PRECONDITION,
-            f"host and widget do not fit: they differ in {difference}; "
-            f"the host speaks {_in_words(host)}, the widget {_in_words(widget)}",
+            f"client and server are incompatible: they differ in {difference}; "
+            f"the client speaks {_in_words(host)}, the server {_in_words(widget)}",
         )
 
 
@@ -138,10 +138,11 @@ def error_of(frame: StreamMessage) -> RpcError:
 
 
 def parse(message_type: type[Message], payload: bytes, what: str) -> Message:
-    """RpcError, code INTERNAL, if the payload is no such message."""
+    """RpcError, code INTERNAL, if the payload cannot be parsed as that message."""
     try:
         return message_type.FromString(payload)
     except UNREADABLE:
         raise RpcError(
-            Code.INTERNAL, f"{what} is no {message_type.DESCRIPTOR.full_name}"
+            Code.INTERNAL,
+            f"{what} cannot be parsed as {message_type.DESCRIPTOR.full_name}",
         ) from None

@@ -15,19 +15,19 @@
 namespace orvane::internal {
 namespace {
 
-// The other end will send no more.
+// The other end will not send any more.
 constexpr std::uint32_t kNoMoreInput = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
-// The other end will receive no more.
+// The other end will not receive any more.
 constexpr std::uint32_t kNoMoreOutput = EPOLLHUP | EPOLLERR;
 constexpr std::uint32_t kInput = EPOLLIN | EPOLLRDHUP | EPOLLET;
 
-// More than are ready at a time in most programs; what is left is found by the
-// next look.
+// More than are ready at the same time in most programs; the next call of Look
+// finds the others.
 constexpr int kEventsPerLook = 64;
 
 }  // namespace
 
-// Shared by the handle and by posted tasks, which may run after the handle has
+// Shared by the handle and by posted tasks, which may run after the handle is
 // gone.
 class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
  public:
@@ -66,10 +66,10 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
   }
 
   void Close() {
-    // Closing alone does not suffice: a child process may have the same socket.
+    // Closing alone is not enough: a child process may have the same socket.
     Control(EPOLL_CTL_DEL, 0);
     const OwnedDescriptor closed(std::move(descriptor_));
-    // Out of this object first: their ends may look at it.
+    // Moved out of this object first: their destructors may use it.
     const Task dropped[] = {std::exchange(input_.task, nullptr),
                             std::exchange(output_.task, nullptr)};
   }
@@ -77,7 +77,7 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
  private:
   struct Direction {
     Task task;
-    bool is_posted = false;  // What will run the task.
+    bool is_posted = false;  // Whether the loop has been told to run `task`.
     bool is_ready = false;
     bool stays_ready = false;
   };
@@ -90,19 +90,19 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
       Direction& due = (*watched).*direction;
       due.is_posted = false;
       due.is_ready = due.stays_ready;
-      // It may ask for the next, or close this.
+      // The task may wait again, or close this object.
       if (Task task = std::exchange(due.task, nullptr); task != nullptr)
         std::move(task)();
     });
   }
 
-  // Waited for only while somebody wants to write: each read of the other end
-  // would wake the loop.
+  // Output is awaited only while somebody wants to write; otherwise each read
+  // at the other end would wake the loop.
   void SetAwaitingOutput(bool awaits) {
     if (awaits == awaits_output_) return;
     awaits_output_ = awaits;
     if (!Control(EPOLL_CTL_MOD, awaits ? kInput | EPOLLOUT : kInput))
-      PLOG(FATAL) << "event loop: cannot wait for a descriptor";
+      PLOG(FATAL) << "event loop: cannot watch a descriptor";
   }
 
   EventLoop* const loop_;
@@ -133,7 +133,8 @@ class EpollSet::WatchHandle final : public EventLoop::Watch {
 
 EpollSet::EpollSet(EventLoop* loop)
     : loop_(loop), set_(::epoll_create1(EPOLL_CLOEXEC)) {
-  if (set_.get() < 0) PLOG(FATAL) << "event loop: no descriptor to wait with";
+  if (set_.get() < 0)
+    PLOG(FATAL) << "event loop: cannot create an epoll descriptor";
 }
 
 void EpollSet::AddWaker(int descriptor) {
@@ -141,7 +142,7 @@ void EpollSet::AddWaker(int descriptor) {
   event.events = EPOLLIN | EPOLLET;
   event.data.ptr = nullptr;
   if (::epoll_ctl(set_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0)
-    PLOG(FATAL) << "event loop: cannot wait to be woken";
+    PLOG(FATAL) << "event loop: cannot watch the descriptor that wakes it";
 }
 
 absl::StatusOr<std::unique_ptr<EventLoop::Watch>> EpollSet::Watch(
@@ -164,7 +165,7 @@ void EpollSet::Look(Waiting waiting) {
   // An interrupted wait has found nothing.
   const int found = ::epoll_wait(set_.get(), events.data(), kEventsPerLook,
                                  waiting == Waiting::kYes ? -1 : 0);
-  // Nothing is closed in here, so all that was found is still there.
+  // Nothing is closed in this function, so all that was found still exists.
   for (int i = 0; i < found; ++i) {
     const epoll_event& event = events[static_cast<std::size_t>(i)];
     if (event.data.ptr != nullptr)

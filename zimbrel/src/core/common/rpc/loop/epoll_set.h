@@ -1,4 +1,4 @@
-// The descriptors that a loop waits for.
+// The descriptors for which a loop waits.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_LOOP_EPOLL_SET_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_LOOP_EPOLL_SET_H_
@@ -19,18 +19,18 @@ class EpollSet {
  public:
   enum class Waiting { kNo, kYes };
 
-  // `loop` runs the tasks of what is watched.
+  // `loop` runs the tasks of the watches.
   explicit EpollSet(EventLoop* loop);
 
-  // Looks for what is ready and posts the tasks that wait for it. kYes waits
-  // until there is something, perhaps for nothing.
+  // Posts the tasks that wait for descriptors that are ready. With kYes, blocks
+  // until at least one is ready or the wait is interrupted.
   void Look(Waiting waiting);
 
   absl::StatusOr<std::unique_ptr<EventLoop::Watch>> Watch(
       OwnedDescriptor descriptor);
 
-  // A descriptor that ends the wait when it becomes readable, and no more. It
-  // outlives the set.
+  // Adds a descriptor that only ends the wait when it becomes readable. It must
+  // outlive the set.
   void AddWaker(int descriptor);
 
   int descriptor() const { return set_.get(); }

@@ -12,7 +12,7 @@ namespace orvane::internal {
 
 Inbox::Inbox() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (wake_.get() < 0)
-    PLOG(FATAL) << "event loop: no descriptor to be woken by";
+    PLOG(FATAL) << "event loop: cannot create the descriptor that wakes it";
 }
 
 bool Inbox::Post(Task task) {
@@ -58,7 +58,7 @@ void Inbox::Wake() {
 }
 
 void Inbox::Close() {
-  std::vector<Task> unrun;  // Destroyed without the lock: that may post.
+  std::vector<Task> unrun;  // Destroyed after the lock: that may post.
   const MutexLock lock(mutex_);
   is_closed_ = true;
   unrun.swap(tasks_);

@@ -1,4 +1,4 @@
-// What other threads want of a loop.
+// Tasks and requests for a loop from other threads.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_LOOP_INBOX_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_LOOP_INBOX_H_
@@ -15,9 +15,9 @@
 
 namespace orvane::internal {
 
-// The loop's part that any thread may use: tasks on their way to the loop's
-// queue, the wish that it stops, and the means to wake it. Shared by the loop
-// and by those who may outlast it.
+// The part of a loop that any thread may use: takes tasks for the loop's queue,
+// asks the loop to stop, and wakes it. Shared by the loop and by objects that
+// may outlive it.
 class Inbox final : public Mailbox {
  public:
   Inbox();
@@ -32,20 +32,20 @@ class Inbox final : public Mailbox {
   bool is_stopped() const { return is_stopped_; }
   void ForgetStop() { is_stopped_ = false; }
 
-  // Moves the tasks to `queue`. The loop is awake from here on: who posts does
-  // not wake it.
+  // Moves the tasks to `queue`. The loop is awake from now on, so Post need not
+  // wake it.
   void MoveTo(TaskQueue* queue);
 
-  // From here on, who posts or stops wakes the loop. False if there is
-  // something already, and the loop must not sleep.
+  // From now on, Post and Stop wake the loop. False if there are tasks already
+  // or the loop is stopped: it must not sleep then.
   [[nodiscard]] bool FallAsleep();
 
-  // Becomes readable, which an edge-triggered set sees once, with each Wake. It
-  // is never read: nobody looks at how often that was.
+  // Each Wake makes it readable, which an edge-triggered set reports once. It
+  // is never read, since it does not matter how often the loop was woken.
   int descriptor() const { return wake_.get(); }
   void Wake();
 
-  // Takes no tasks any more; destroys those that have come.
+  // Refuses tasks from now on, and destroys those that have not been moved.
   void Close();
 
  private:

@@ -20,12 +20,12 @@
 namespace orvane::internal {
 namespace {
 
-// An event counter for each signal that was ever relayed. It is left open: the
-// handler may be about to write while the last relay goes.
+// An event counter for each signal that was ever relayed. It is never closed:
+// the handler may be about to write to it when the last relay is destroyed.
 std::array<std::atomic<int>, NSIG> counters;
 
-// Whose signals are counted: a child process has the counters too until it
-// runs another program.
+// The process whose signals are counted. A child process shares the counters
+// until it runs another program.
 std::atomic<pid_t> process = 0;
 
 constinit Mutex mutex;
@@ -53,10 +53,11 @@ SignalRelay::SignalRelay(int signal_number) : signal_number_(0) {
   const MutexLock lock(mutex);
   if (counters[index] == 0) {
     const int counter = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (counter < 0) PLOG(FATAL) << "event loop: no descriptor for signals";
+    if (counter < 0)
+      PLOG(FATAL) << "event loop: cannot create a descriptor for signals";
     counters[index] = counter;
   }
-  // What came before this relay.
+  // Drops the signals that came before this relay.
   std::uint64_t count = 0;
   [[maybe_unused]] const ssize_t read =
       ::read(counters[index], &count, sizeof count);

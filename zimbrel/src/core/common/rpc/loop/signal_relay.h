@@ -1,4 +1,4 @@
-// Signals as something to wait for.
+// Signals as descriptors for which a loop can wait.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_LOOP_SIGNAL_RELAY_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_LOOP_SIGNAL_RELAY_H_
@@ -7,25 +7,26 @@
 
 namespace orvane::internal {
 
-// While it lives, a signal makes a descriptor readable instead of doing what it
-// would do. Several relays may have the same signal, and see it all. Thread:
-// any, one at a time.
+// While it exists, a signal makes a descriptor readable instead of having its
+// usual effect. If several relays have the same signal, all of them receive it.
+// Thread: any, one at a time.
 class SignalRelay {
  public:
-  // Numbers that are no signals, and those that cannot be caught, relay
-  // nothing.
+  // Relays nothing if this is not the number of a signal, or the signal cannot
+  // be caught.
   explicit SignalRelay(int signal_number);
   SignalRelay(SignalRelay&& other) noexcept;
   SignalRelay& operator=(SignalRelay&&) = delete;
-  // The last one of a signal restores what there was before the first.
+  // The last relay of a signal restores the handler that was set before the
+  // first one.
   ~SignalRelay();
 
-  // A descriptor for an edge-triggered set, readable once a signal has come
-  // since this object was made; -1 if that cannot be.
+  // A descriptor for an edge-triggered set, readable once a signal has arrived
+  // since this object was made; -1 if it relays nothing.
   OwnedDescriptor Descriptor() const;
 
  private:
-  int signal_number_;  // 0: holds none.
+  int signal_number_;  // 0 if it relays nothing.
 };
 
 }  // namespace orvane::internal

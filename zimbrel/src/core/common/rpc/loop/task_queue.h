@@ -11,8 +11,8 @@
 
 namespace orvane::internal {
 
-// Tasks in the order in which they came. Unlike std::deque it allocates nothing
-// in the steady state.
+// Tasks in the order in which they were pushed. Unlike std::deque it allocates
+// nothing in the steady state.
 class TaskQueue {
  public:
   bool empty() const { return next_ == tasks_.size(); }
@@ -39,7 +39,7 @@ class TaskQueue {
   static constexpr std::size_t kKeptCapacity = 1024;
 
   std::vector<Task> tasks_;
-  std::size_t next_ = 0;  // Those before it have been taken.
+  std::size_t next_ = 0;  // The tasks before it have been popped.
 };
 
 }  // namespace orvane::internal

@@ -24,7 +24,7 @@ std::int64_t Now() {
 std::int64_t TimeAfter(absl::Duration delay) {
   const std::int64_t now = Now();
   if (delay <= absl::ZeroDuration()) return now;
-  // Rounded up: not before its time.
+  // Rounded up, so that it never runs early.
   const std::int64_t wait =
       absl::ToInt64Nanoseconds(absl::Ceil(delay, absl::Nanoseconds(1)));
   return wait < kNever - now ? now + wait : kNever;
@@ -38,7 +38,7 @@ class TimerQueue::Handle final : public EventLoop::Timer {
 
   ~Handle() override {
     if (!is_waiting_) return;
-    // Out of the table first: the end of the task may look at it.
+    // Removed from the table first: the task's destructor may use it.
     const Entries::node_type dropped = entries_->extract(place_);
   }
 
@@ -58,7 +58,8 @@ TimerQueue::TimerQueue(EventLoop* loop)
     : loop_(loop),
       alarm_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       alarm_time_(kNever) {
-  if (alarm_.get() < 0) PLOG(FATAL) << "event loop: no descriptor for timers";
+  if (alarm_.get() < 0)
+    PLOG(FATAL) << "event loop: cannot create a descriptor for timers";
 }
 
 std::unique_ptr<EventLoop::Timer> TimerQueue::Add(absl::Duration delay,
@@ -81,7 +82,7 @@ void TimerQueue::PostDue() {
 
 void TimerQueue::RunNext() {
   is_posted_ = false;
-  if (!IsDue()) return;  // Dropped meanwhile.
+  if (!IsDue()) return;  // The timer was dropped meanwhile.
   Entries::node_type node = entries_.extract(entries_.begin());
   node.mapped().handle->Taken();
   PostDue();

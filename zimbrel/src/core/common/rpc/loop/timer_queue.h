@@ -22,13 +22,13 @@ class TimerQueue {
 
   std::unique_ptr<EventLoop::Timer> Add(absl::Duration delay, Task task);
 
-  // If a timer is due, posts a task that runs the earliest and sees to the
-  // next. So timers take turns with other tasks.
+  // If a timer is due, posts a task that runs the earliest one and posts the
+  // next, so that timers take turns with other tasks.
   void PostDue();
 
-  // Sees to it that descriptor() becomes readable, which an edge-triggered set
-  // sees once, when the earliest timer is due. It is never read. May become
-  // readable for nothing after a timer was dropped.
+  // Makes descriptor() become readable when the earliest timer is due, which an
+  // edge-triggered set reports once. It is never read. If a timer was dropped,
+  // it may become readable although no timer is due.
   void SetAlarm();
   int descriptor() const { return alarm_.get(); }
 
@@ -39,7 +39,8 @@ class TimerQueue {
     Task task;
     Handle* handle;
   };
-  // By their times, those of one time in the order in which they were added.
+  // Sorted by time; timers of the same time in the order in which they were
+  // added.
   using Entries = std::multimap<std::int64_t, Entry>;
 
   bool IsDue() const;
@@ -48,8 +49,8 @@ class TimerQueue {
   EventLoop* const loop_;
   const OwnedDescriptor alarm_;
   Entries entries_;
-  std::int64_t alarm_time_;  // kNever unless it is to come.
-  bool is_posted_ = false;   // RunNext.
+  std::int64_t alarm_time_;  // kNever if no alarm is set.
+  bool is_posted_ = false;   // Whether RunNext is.
 };
 
 }  // namespace orvane::internal

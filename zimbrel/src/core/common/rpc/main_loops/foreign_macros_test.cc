@@ -1,4 +1,5 @@
-// Our headers after those of toolkits, whose macros have everyday names.
+// Includes our headers after those of toolkits, whose macros have everyday
+// names.
 
 #include <QObject>
 #include <QString>

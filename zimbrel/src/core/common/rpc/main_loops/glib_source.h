@@ -14,19 +14,19 @@ namespace orvane {
 // Runs an event loop as a source of a GMainContext. The thread that iterates
 // the context is the loop's service thread.
 //
-// A handler of the loop must not iterate the context, which includes to show a
+// A handler of the loop must not iterate the context, for example by showing a
 // modal dialog: the loop does nothing until the handler returns. Show dialogs
 // asynchronously.
 //
 // Thread: the one that iterates the context. Lifetime: the loop outlives it.
 class GlibSource {
  public:
-  // Comes after GDK's redrawing, whose priority is G_PRIORITY_HIGH_IDLE + 20:
-  // at a higher one a flood of events would leave the window frozen.
+  // Runs after GDK has redrawn, whose priority is G_PRIORITY_HIGH_IDLE + 20. At
+  // a higher priority, a flood of events would freeze the window.
   static constexpr int kAfterRedraw = G_PRIORITY_HIGH_IDLE + 30;
 
-  // `context` null means the default one. Once it has worked for `max_time`, it
-  // lets other sources have their turn.
+  // If `context` is null, the default one is used. After `max_time` of work,
+  // other sources have their turn.
   explicit GlibSource(EventLoop* loop, GMainContext* context = nullptr,
                       int priority = kAfterRedraw,
                       absl::Duration max_time = absl::Milliseconds(2))
@@ -42,7 +42,7 @@ class GlibSource {
   GlibSource(const GlibSource&) = delete;
   GlibSource& operator=(const GlibSource&) = delete;
 
-  // The loop then runs no more by itself.
+  // Afterwards the GMainContext does not run the loop any more.
   ~GlibSource() {
     g_source_destroy(source_);
     g_source_unref(source_);
@@ -62,7 +62,8 @@ class GlibSource {
     return G_SOURCE_CONTINUE;
   }
 
-  // Without functions to prepare and check, it is ready when its descriptor is.
+  // Without functions to prepare and check, GLib runs the source when its
+  // descriptor is ready.
   static inline GSourceFuncs kFunctions = {nullptr, nullptr, &Dispatch,
                                            nullptr, nullptr, nullptr};
 

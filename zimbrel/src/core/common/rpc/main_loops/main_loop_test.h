@@ -1,5 +1,5 @@
-// What an event loop does inside any toolkit's main loop. Each toolkit's test
-// instantiates MainLoopTest with a class like
+// Tests of an event loop inside any toolkit's main loop. The test of each
+// toolkit instantiates MainLoopTest with a class like
 //
 //   class Toolkit {
 //    public:

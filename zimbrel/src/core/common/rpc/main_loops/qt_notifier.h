@@ -12,18 +12,18 @@
 
 namespace orvane {
 
-// Runs an event loop from Qt's event loop of the thread that makes this object,
-// which is the loop's service thread. That thread needs an application or a
-// QEventLoop, as for any QSocketNotifier.
+// Runs an event loop inside Qt's event loop of the thread that creates this
+// object, which is the loop's service thread. That thread needs an application
+// or a QEventLoop, as for any QSocketNotifier.
 //
-// A handler of the loop must not call exec(), which includes to show a modal
+// A handler of the loop must not call exec(), for example to show a modal
 // dialog: the loop does nothing until the handler returns. Show dialogs with
 // open().
 //
-// Thread: the one that made it. Lifetime: the loop outlives it.
+// Thread: the one that created it. Lifetime: the loop outlives it.
 class QtNotifier {
  public:
-  // Once it has worked for `max_time`, it lets other events have their turn.
+  // After `max_time` of work, other events have their turn.
   explicit QtNotifier(EventLoop* loop,
                       absl::Duration max_time = absl::Milliseconds(2))
       : notifier_(loop->descriptor(), QSocketNotifier::Read) {

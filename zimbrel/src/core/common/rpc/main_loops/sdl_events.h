@@ -1,4 +1,4 @@
-// An event loop inside a program that waits for SDL's events.
+// An event loop inside SDL's.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_SDL_EVENTS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_SDL_EVENTS_H_
@@ -19,22 +19,24 @@
 
 namespace orvane {
 
-// Has SDL tell of an event loop's work by an event of its own, for programs
-// that sleep in SDL_WaitEvent:
+// Reports the work of an event loop as an SDL event, for programs that wait in
+// SDL_WaitEvent:
 //
 //   while (SDL_WaitEvent(&event)) {
 //     if (work.Handle(event)) continue;
 //     …
 //   }
 //
-// SDL cannot wait for descriptors, so a thread does that. All else happens in
-// Handle, on the thread that calls it, which is the loop's service thread.
+// SDL cannot wait for descriptors, so a second thread does that. Everything
+// else happens in Handle, on the thread that calls it, which is the loop's
+// service thread.
 //
-// Thread: that one. Lifetime: SDL's events are initialised before this object
-// is made and until it is gone; the loop outlives it.
+// Thread: the service thread. Lifetime: SDL's events are initialised before
+// this object is created, and shut down after it is destroyed; the loop
+// outlives it.
 class SdlEvents {
  public:
-  // Once it has worked for `max_time`, it lets other events have their turn.
+  // After `max_time` of work, other events have their turn.
   explicit SdlEvents(EventLoop* loop,
                      absl::Duration max_time = absl::Milliseconds(2))
       : loop_(loop),
@@ -46,7 +48,7 @@ class SdlEvents {
   SdlEvents(const SdlEvents&) = delete;
   SdlEvents& operator=(const SdlEvents&) = delete;
 
-  // The loop then runs no more by itself.
+  // Afterwards SDL does not report the loop's work any more.
   ~SdlEvents() {
     ::eventfd_write(end_.get(), 1);
     handled_.release();
@@ -54,8 +56,8 @@ class SdlEvents {
     SDL_FlushEvent(type_);
   }
 
-  // Runs what is ready in the loop if `event` is this object's. False if it is
-  // another's, and is still to be handled.
+  // Runs what is ready in the loop if this object has sent `event`. Returns
+  // false if it has not: the caller then has to handle the event.
   bool Handle(const SDL_Event& event) {
     if (event.type != type_) return false;
     loop_->RunReady(max_time_);
@@ -79,7 +81,8 @@ class SdlEvents {
     }
   }
 
-  // Waits until there is work, or the time is over.
+  // Waits until the loop has work, this object is to be destroyed, or the time
+  // is over. Returns whether it is to be destroyed.
   bool HasEnded(int descriptor, int milliseconds) const {
     std::array<pollfd, 2> awaited{
         {{end_.get(), POLLIN, 0}, {descriptor, POLLIN, 0}}};
@@ -91,7 +94,7 @@ class SdlEvents {
   const absl::Duration max_time_;
   const std::uint32_t type_;
   const OwnedDescriptor end_;  // Readable once this object is to be destroyed.
-  // Raised by Handle: until then the work is known.
+  // Released by Handle. Until then the waiter need not report the work again.
   std::counting_semaphore<> handled_{0};
   std::thread waiter_;
 };

@@ -1,6 +1,6 @@
-// For programs that use Xlib: included after its headers and before ours. Xlib
-// defines macros with everyday names, such as Status and None, on which the
-// headers of Abseil and protobuf break. From here on the names are types and
+// For programs that use Xlib: include this after its headers and before ours.
+// Xlib defines macros with everyday names, such as Status and None, which break
+// the headers of Abseil and protobuf. This header replaces them by types and
 // constants of the same meaning.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_XLIB_NAMES_H_

@@ -1,4 +1,4 @@
-// For tests: a client with a stream, and a scripted widget at the other end.
+// For tests: a client with a stream, and a scripted server at the other end.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_CLIENT_STREAM_FIXTURE_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_CLIENT_STREAM_FIXTURE_H_
@@ -33,7 +33,7 @@ class ClientStreamFixture : public ::testing::Test {
  protected:
   ClientStreamFixture() {
     auto pair = ConnectedPair();
-    widget.emplace(std::move(pair->first));
+    server.emplace(std::move(pair->first));
     client = *SocketClient::Adopt(&loop, pair->second.Release());
   }
 
@@ -61,14 +61,14 @@ class ClientStreamFixture : public ::testing::Test {
     stream = client->OpenStream(Method(kWhenTooltipChanged), Handlers());
   }
 
-  void Say(const rpc::transport::StreamMessage& frame) { widget->Send(frame); }
+  void Say(const rpc::transport::StreamMessage& frame) { server->Send(frame); }
 
   // All in one piece, so that one is on its way while another is handled.
   void SayAtOnce(std::initializer_list<rpc::transport::StreamMessage> frames) {
     std::string bytes;
     for (const rpc::transport::StreamMessage& frame : frames)
       bytes += RawPeer::Bytes(frame);
-    widget->SendBytes(bytes);
+    server->SendBytes(bytes);
   }
 
   static rpc::transport::StreamMessage Event(const std::string& payload,
@@ -86,20 +86,20 @@ class ClientStreamFixture : public ::testing::Test {
     return frame;
   }
 
-  // Lets everything happen that can; returns what the widget has heard since
+  // Lets everything happen that can; returns what the server has heard since
   // the last time.
   std::vector<std::string> Settle() {
     loop.RunUntilIdle();
-    widget->frames.clear();
-    widget->Receive();
+    server->frames.clear();
+    server->Receive();
     std::vector<std::string> words;
-    for (const rpc::transport::StreamMessage& frame : widget->frames)
+    for (const rpc::transport::StreamMessage& frame : server->frames)
       words.push_back(InWords(frame));
     return words;
   }
 
   EventLoop loop;
-  std::optional<RawPeer> widget;
+  std::optional<RawPeer> server;
   std::unique_ptr<SocketClient> client;
   std::unique_ptr<ClientStream> stream;
   std::vector<std::string> told;

@@ -1,4 +1,4 @@
-// For tests: the frames that a host sends, and those that it gets, in words.
+// For tests: the frames that a client sends, and those that it gets, in words.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_FRAMES_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_FRAMES_H_
@@ -59,7 +59,7 @@ inline rpc::CreateWebDialog Answer(std::uint64_t browser,
   return message;
 }
 
-// Frames of a host.
+// Frames of a client.
 
 inline rpc::transport::StreamMessage Frame(
     rpc::transport::StreamMessage::Kind kind, std::uint64_t id,
@@ -110,7 +110,7 @@ inline rpc::transport::StreamMessage CompleteFrame(std::uint64_t id) {
   return Frame(rpc::transport::StreamMessage::KIND_COMPLETE, id);
 }
 
-// What a widget has said: "ERROR 3 NOT_FOUND: words", "COMPLETE 3", "NEXT 3".
+// What a server has said: "ERROR 3 NOT_FOUND: words", "COMPLETE 3", "NEXT 3".
 inline std::string InWords(const rpc::transport::StreamMessage& frame) {
   using rpc::transport::StreamMessage;
   const std::string kind =

@@ -17,19 +17,19 @@
 
 namespace orvane::testing {
 
-// Joins a host's socket and a widget's by hand: what one sends reaches the
+// Joins a client's socket and a server's by hand: what one sends reaches the
 // other when the test says so, and as much of it.
 class Link {
  public:
-  enum End { kHost, kWidget };
+  enum End { kClient, kServer };
 
   Link() {
-    auto host = ConnectedPair();
-    auto widget = ConnectedPair();
-    ours_[kHost].emplace(std::move(host->first));
-    ours_[kWidget].emplace(std::move(widget->first));
-    theirs_[kHost].emplace(std::move(host->second));
-    theirs_[kWidget].emplace(std::move(widget->second));
+    auto client = ConnectedPair();
+    auto server = ConnectedPair();
+    ours_[kClient].emplace(std::move(client->first));
+    ours_[kServer].emplace(std::move(server->first));
+    theirs_[kClient].emplace(std::move(client->second));
+    theirs_[kServer].emplace(std::move(server->second));
   }
 
   // The socket at that end, for whoever is to use it.
@@ -39,8 +39,8 @@ class Link {
   // closed its socket. False if there was nothing to do.
   bool Pass() {
     const bool was_whole = is_whole();
-    const bool there = PassAllBut(kHost, 0) > 0;
-    const bool back = PassAllBut(kWidget, 0) > 0;
+    const bool there = PassAllBut(kClient, 0) > 0;
+    const bool back = PassAllBut(kServer, 0) > 0;
     return there || back || was_whole != is_whole();
   }
 
@@ -57,7 +57,7 @@ class Link {
     }
     if (bytes.size() > held_back) {
       const std::size_t passed = bytes.size() - held_back;
-      EXPECT_EQ(::send(ours_[from == kHost ? kWidget : kHost]->get(),
+      EXPECT_EQ(::send(ours_[from == kClient ? kServer : kClient]->get(),
                        bytes.data(), passed, MSG_NOSIGNAL),
                 static_cast<ssize_t>(passed));
     }
@@ -67,12 +67,12 @@ class Link {
 
   // Nothing passes from now on, and both ends learn of it.
   void Cut() {
-    ours_[kHost].reset();
-    ours_[kWidget].reset();
+    ours_[kClient].reset();
+    ours_[kServer].reset();
   }
 
  private:
-  bool is_whole() const { return ours_[kHost].has_value(); }
+  bool is_whole() const { return ours_[kClient].has_value(); }
 
   std::array<std::optional<OwnedDescriptor>, 2> ours_;
   std::array<std::optional<OwnedDescriptor>, 2> theirs_;

@@ -1,4 +1,4 @@
-// For tests: a server of unary methods, and hosts that talk to it.
+// For tests: a server of unary methods, and clients that talk to it.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_SERVER_FIXTURE_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_SERVER_FIXTURE_H_
@@ -99,30 +99,32 @@ class ServerFixture : public ::testing::Test {
     return *SocketClient::Adopt(&loop, pair->second.Release());
   }
 
-  // Lets everything happen that can, then looks at what the host has received.
-  void Settle(RawPeer* host) {
+  // Lets everything happen that can, then looks at what the client has
+  // received.
+  void Settle(RawPeer* client) {
     loop.RunUntilIdle();
-    host->Receive();
+    client->Receive();
   }
 
-  // The words of the only frame that the host has received, an error.
-  static std::string OnlyError(const RawPeer& host) {
-    if (host.frames.size() != 1)
-      return std::to_string(host.frames.size()) + " frames";
-    const rpc::transport::StreamMessage& frame = host.frames.front();
+  // The words of the only frame that the client has received, an error.
+  static std::string OnlyError(const RawPeer& client) {
+    if (client.frames.size() != 1)
+      return std::to_string(client.frames.size()) + " frames";
+    const rpc::transport::StreamMessage& frame = client.frames.front();
     if (frame.kind() != rpc::transport::StreamMessage::KIND_ERROR)
       return "kind " + std::to_string(frame.kind());
     return std::to_string(frame.stream_id()) + "/" +
            std::to_string(frame.error_code()) + ": " + frame.error_text();
   }
 
-  // Proof of life: a fresh host is served.
+  // Proof of life: a fresh client is served.
   void ExpectServerLives() {
-    RawPeer host = ConnectRaw();
-    host.Send(CallFrame(1, kShow, 4711));
-    Settle(&host);
-    ASSERT_EQ(host.frames.size(), 1u);
-    EXPECT_EQ(host.frames[0].kind(), rpc::transport::StreamMessage::KIND_REPLY);
+    RawPeer client = ConnectRaw();
+    client.Send(CallFrame(1, kShow, 4711));
+    Settle(&client);
+    ASSERT_EQ(client.frames.size(), 1u);
+    EXPECT_EQ(client.frames[0].kind(),
+              rpc::transport::StreamMessage::KIND_REPLY);
     EXPECT_EQ(widget.shown.back(), 4711u);
   }
 

@@ -1,4 +1,4 @@
-// For tests: a server whose widget has streams, and hosts of any kind for it.
+// For tests: a server whose widget has streams, and clients of any kind for it.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_STREAM_FIXTURE_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_STREAM_FIXTURE_H_
@@ -107,19 +107,19 @@ class StreamFixture : public ::testing::Test {
     return *SocketClient::Adopt(&loop, pair->second.Release());
   }
 
-  // Lets everything happen that can. What the host has been told since the last
-  // time is in `host->frames`, and returned in words.
-  std::vector<std::string> Settle(RawPeer* host) {
+  // Lets everything happen that can. What the client has been told since the
+  // last time is in `client->frames`, and returned in words.
+  std::vector<std::string> Settle(RawPeer* client) {
     loop.RunUntilIdle();
-    host->frames.clear();
-    host->Receive();
+    client->frames.clear();
+    client->Receive();
     std::vector<std::string> words;
-    for (const auto& frame : host->frames) words.push_back(InWords(frame));
+    for (const auto& frame : client->frames) words.push_back(InWords(frame));
     return words;
   }
 
-  // Calls the host that serves a browser. How that ends is told to `ends`, with
-  // the question in front.
+  // Calls the client that serves a browser. How that ends is told to `ends`,
+  // with the question in front.
   CallHandle Ask(std::uint64_t browser, const std::string& question) {
     rpc::CreateWebDialogCall dialog;
     dialog.mutable_prompt()->set_message(question);

@@ -1,5 +1,5 @@
-// Calls that block, wherever they are made: none outlives its timeout or its
-// connection, and none tells of a success that was not.
+// Blocking calls, wherever they are made: none outlives its timeout or its
+// connection, and none reports a success that did not happen.
 
 #include <sys/socket.h>
 
@@ -42,7 +42,7 @@ BrowserId Browser() {
   return browser;
 }
 
-// Answers Show at once, Minimize by a task, and Hide never.
+// Answers Show at once, Minimize in a later task, and Hide never.
 class Widget final : public rpc::BrowserWidgetRpc {
  public:
   explicit Widget(EventLoop* loop) : loop_(loop) {}
@@ -78,7 +78,7 @@ class BlockingCallTest : public ::testing::Test {
     widget_.emplace(client_.get());
   }
 
-  // In a task, the result of what blocks there.
+  // Runs the blocking call in a task and returns its result.
   absl::Status InATask(std::function<absl::Status()> call) {
     absl::Status status = absl::UnknownError("it has not returned");
     bool has_returned = false;
@@ -258,8 +258,8 @@ TEST_F(BlockingCallTest, FailsAtOnceOnceTheLoopIsStopped) {
   EXPECT_EQ(Show().code(), absl::StatusCode::kCancelled);
 }
 
-// It used to return OK, and its end was then written to a stack frame that had
-// gone.
+// It used to return OK, and the end of the call was later written to a stack
+// frame that no longer existed.
 TEST_F(BlockingCallTest, NeverReturnsOkOnADeadConnectionOnceTheLoopIsStopped) {
   EndTheConnection();
   loop_.Stop();

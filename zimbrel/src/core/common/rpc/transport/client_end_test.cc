@@ -1,4 +1,4 @@
-// The end of a client: all that it had begun has ended when its destructor
+// The end of a client: everything in progress has ended when its destructor
 // returns.
 
 #include <memory>
@@ -39,7 +39,7 @@ BrowserId Browser() {
   return browser;
 }
 
-// Answers Show, and Hide never.
+// Answers Show, but never Hide.
 class Widget final : public rpc::BrowserWidgetRpc {
  public:
   ~Widget() override {
@@ -80,7 +80,7 @@ class ClientEndTest : public ::testing::Test {
     return request;
   }
 
-  // Of the server; tells why it failed.
+  // Makes a call from the server and records why it failed.
   static void AskForFocus(absl::Status* failed) {
     Call<rpc::TakeFocus>(
         Browser(), {},

@@ -1,4 +1,4 @@
-// The host's side of one stream.
+// The client's side of one stream.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_STREAM_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_STREAM_H_
@@ -14,9 +14,8 @@
 
 namespace orvane {
 
-// Where the frames of an open stream are sent. Implemented by SocketClient.
-// Once the stream has ended, for whatever reason, sending fails with
-// kUnavailable.
+// Sends messages on an open stream. Implemented by the transport. Once the
+// stream has ended, for whatever reason, sending fails with kUnavailable.
 //
 // Thread: the service thread.
 class ClientStreamSender {
@@ -24,34 +23,36 @@ class ClientStreamSender {
   virtual ~ClientStreamSender() = default;
 
   // Sends a message of the type that the method declares for this direction. On
-  // a callback stream `call_id` is that of the call which it answers, if any.
+  // a callback stream `call_id` is the id of the call that this answers; 0 if
+  // it answers none.
   virtual absl::Status Next(const google::protobuf::MessageLite& message,
                             std::int64_t call_id) = 0;
 
-  // Fails the widget's call `call_id`. Of `message` only `browser_id` counts.
-  // The text is for people who read the frames: the widget's code learns only
+  // Fails the server's call `call_id`. Of `message` only `browser_id` is used.
+  // The text is for people who read the frames; the server's code learns only
   // that the call has failed.
   virtual absl::Status Error(const google::protobuf::MessageLite& message,
                              std::int64_t call_id, const std::string& text) = 0;
 };
 
-// Runs once when a stream has ended, unless its handle was destroyed before,
-// and no handler of the stream runs after it. OK if the server has completed
-// the stream, kUnavailable if the connection is gone, else why the server
-// refused it or what was sent on it, or why what arrived could not be used.
+// Runs once when a stream has ended, unless its handle was destroyed before. No
+// handler of the stream runs after it. The status is OK if the server completed
+// the stream, kUnavailable if the connection is gone; otherwise it tells why
+// the server refused the stream or a message on it, or why a message of the
+// server could not be used.
 using OnEnd = absl::AnyInvocable<void(const absl::Status&) &&>;
 
-// What a stream tells its client. Handlers run on the service thread and may do
-// anything, destroying the stream or its client included; but a blocking call
-// inside one fails. No handler runs inside another, but for the `on_end` of
+// What a stream calls at the client. Handlers run on the service thread and may
+// do anything, including destroying the stream or its client, but a blocking
+// call inside one fails. No handler runs inside another, except the `on_end` of
 // streams whose client is destroyed there. Both are destroyed when the stream
-// has ended or its handle is gone, though not while one of them runs.
+// has ended or its handle is gone, but not while one of them runs.
 struct ClientStreamHandlers {
-  // A message has arrived, of the type that the method declares for this
-  // direction; `payload` is it, serialised, and borrowed for the call. On a
-  // callback stream `call_id` is that of the call which the widget makes, to be
-  // answered with. An error ends the stream: the widget is told that it is
-  // over, and `on_end` why.
+  // Runs for each message. `payload` is the serialised message, of the type
+  // that the method declares for this direction, and is borrowed for the call.
+  // On a callback stream `call_id` is the id of the server's call; the answer
+  // has to carry it. If this returns an error, the stream ends: the server is
+  // told that it has ended, and `on_end` receives the error.
   absl::AnyInvocable<absl::Status(std::string_view payload,
                                   std::int64_t call_id)>
       on_next;
@@ -60,20 +61,20 @@ struct ClientStreamHandlers {
   OnEnd on_end;
 };
 
-// An open stream. Destroying it ends the stream; no handler runs from then on.
-// May outlive its client.
+// An open stream. Destroying it ends the stream, and no handler runs
+// afterwards. May outlive its client.
 //
 // Thread: the service thread.
 class ClientStream {
  public:
-  // For clients; `close` is called once, by the destructor.
+  // Called by the transport. The destructor runs `close`.
   ClientStream(std::shared_ptr<ClientStreamSender> sender,
                absl::AnyInvocable<void() &&> close);
   ClientStream(const ClientStream&) = delete;
   ClientStream& operator=(const ClientStream&) = delete;
   ~ClientStream();
 
-  // To send from code that may outlive the stream.
+  // For code that sends on the stream and may outlive it.
   const std::shared_ptr<ClientStreamSender>& sender() const { return sender_; }
 
  private:

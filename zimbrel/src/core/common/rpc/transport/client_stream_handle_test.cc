@@ -24,7 +24,7 @@ using ::testing::IsEmpty;
 
 using ClientStreamHandleTest = ClientStreamFixture;
 
-TEST_F(ClientStreamHandleTest, DestroyingItTellsTheWidgetAndNobodyElse) {
+TEST_F(ClientStreamHandleTest, DestroyingItTellsTheServerAndNobodyElse) {
   Open();
   stream.reset();
   EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "COMPLETE 1"));
@@ -82,10 +82,10 @@ TEST_F(ClientStreamHandleTest, OnEndMayDestroyIt) {
 TEST_F(ClientStreamHandleTest, OnEndMayDestroyItWhenTheConnectionIsLost) {
   Open();
   on_end = [this] { stream.reset(); };
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   EXPECT_THAT(told,
-              ElementsAre("end UNAVAILABLE: the widget closed the connection"));
+              ElementsAre("end UNAVAILABLE: the server closed the connection"));
 }
 
 TEST_F(ClientStreamHandleTest, OneStreamsHandlerMayDestroyAnothersHandle) {
@@ -106,14 +106,14 @@ TEST_F(ClientStreamHandleTest, OneStreamsEndMayDestroyAnothersHandle) {
   std::unique_ptr<ClientStream> other =
       client->OpenStream(Method(kWhenTooltipChanged), Handlers());
   on_end = [&other] { other.reset(); };
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   EXPECT_THAT(told,
-              ElementsAre("end UNAVAILABLE: the widget closed the connection"));
+              ElementsAre("end UNAVAILABLE: the server closed the connection"));
 }
 
-// A host that answers later keeps the sender, which must not keep alive what
-// the handlers hold.
+// A client that answers later keeps the sender, which must not keep the
+// handlers' captures alive.
 TEST_F(ClientStreamHandleTest, TheHandlersAreDestroyedWithIt) {
   const auto held = std::make_shared<int>();
   stream = client->OpenStream(
@@ -163,7 +163,7 @@ TEST_F(ClientStreamHandleTest, AHandlerMayHoldTheClient) {
   shared.reset();
   stream.reset();
   EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "COMPLETE 1"));
-  EXPECT_TRUE(widget->closed);
+  EXPECT_TRUE(server->closed);
 }
 
 // The client.
@@ -233,11 +233,11 @@ TEST_F(ClientStreamHandleTest, OnEndMayDestroyTheClientWhenTheConnectionEnds) {
   const auto other =
       client->OpenStream(Method(kWhenTooltipChanged), Handlers());
   on_end = [this] { client.reset(); };
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   EXPECT_THAT(told,
-              ElementsAre("end UNAVAILABLE: the widget closed the connection",
-                          "end UNAVAILABLE: the widget closed the connection"));
+              ElementsAre("end UNAVAILABLE: the server closed the connection",
+                          "end UNAVAILABLE: the server closed the connection"));
 }
 
 TEST_F(ClientStreamHandleTest, TheHandleMayOutliveTheClient) {
@@ -248,7 +248,7 @@ TEST_F(ClientStreamHandleTest, TheHandleMayOutliveTheClient) {
   EXPECT_THAT(told, IsEmpty());
 }
 
-// What else handlers may do.
+// Other things that handlers may do.
 
 TEST_F(ClientStreamHandleTest, OnNextMaySend) {
   Open();

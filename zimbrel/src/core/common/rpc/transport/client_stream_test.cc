@@ -23,10 +23,10 @@ using ::testing::SizeIs;
 
 using ClientStreamTest = ClientStreamFixture;
 
-TEST_F(ClientStreamTest, OpeningTellsTheWidgetTheMethod) {
+TEST_F(ClientStreamTest, OpeningTellsTheServerTheMethod) {
   Open();
   EXPECT_THAT(Settle(), ElementsAre("OPEN 1"));
-  EXPECT_EQ(widget->frames[0].method(), kWhenTooltipChanged);
+  EXPECT_EQ(server->frames[0].method(), kWhenTooltipChanged);
 }
 
 TEST_F(ClientStreamTest, CallsAndStreamsShareTheirNumbers) {
@@ -39,8 +39,8 @@ TEST_F(ClientStreamTest, WhatIsSentCarriesTheMessageAndTheCallsId) {
   Open();
   EXPECT_TRUE(stream->sender()->Next(Answer(7, "Ada"), 99).ok());
   EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "NEXT 1"));
-  EXPECT_EQ(widget->frames[1].payload(), Answer(7, "Ada").SerializeAsString());
-  EXPECT_EQ(widget->frames[1].call_id(), 99);
+  EXPECT_EQ(server->frames[1].payload(), Answer(7, "Ada").SerializeAsString());
+  EXPECT_EQ(server->frames[1].call_id(), 99);
 }
 
 TEST_F(ClientStreamTest, AFailedCallCarriesTheMessageTheIdAndWords) {
@@ -48,8 +48,8 @@ TEST_F(ClientStreamTest, AFailedCallCarriesTheMessageTheIdAndWords) {
   EXPECT_TRUE(stream->sender()->Error(About(7), 99, "no dialogs here").ok());
   EXPECT_THAT(Settle(),
               ElementsAre("OPEN 1", "ERROR 1 UNKNOWN: no dialogs here"));
-  EXPECT_EQ(widget->frames[1].payload(), About(7).SerializeAsString());
-  EXPECT_EQ(widget->frames[1].call_id(), 99);
+  EXPECT_EQ(server->frames[1].payload(), About(7).SerializeAsString());
+  EXPECT_EQ(server->frames[1].call_id(), 99);
 }
 
 TEST_F(ClientStreamTest, WhatFitsNoFrameIsRefusedAndTheStreamGoesOn) {
@@ -91,16 +91,16 @@ TEST_F(ClientStreamTest, AnEventOnAStreamThatIsNotThereIsIgnored) {
   EXPECT_TRUE(client->status().ok());
 }
 
-// The end, as on_end tells it.
+// The end, as on_end reports it.
 
-TEST_F(ClientStreamTest, TheWidgetCompletes) {
+TEST_F(ClientStreamTest, TheServerCompletes) {
   Open();
   SayAtOnce({Event("a"), CompleteFrame(1)});
   loop.RunUntilIdle();
   EXPECT_THAT(told, ElementsAre("next a", "end OK"));
 }
 
-TEST_F(ClientStreamTest, TheWidgetRefuses) {
+TEST_F(ClientStreamTest, TheServerRefuses) {
   Open();
   Say(Refusal(absl::StatusCode::kUnimplemented, "no such method"));
   loop.RunUntilIdle();
@@ -117,29 +117,29 @@ TEST_F(ClientStreamTest, AnErrorEndsTheStreamAndItsCompletionIsNoSecondEnd) {
 
 TEST_F(ClientStreamTest, TheConnectionIsLost) {
   Open();
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   EXPECT_THAT(told,
-              ElementsAre("end UNAVAILABLE: the widget closed the connection"));
+              ElementsAre("end UNAVAILABLE: the server closed the connection"));
 }
 
 TEST_F(ClientStreamTest, TheConnectionIsLostInTheMiddleOfAnEvent) {
   Open();
   const std::string bytes = RawPeer::Bytes(Event("a"));
-  widget->SendBytes(bytes + bytes.substr(0, bytes.size() - 1));
-  widget.reset();
+  server->SendBytes(bytes + bytes.substr(0, bytes.size() - 1));
+  server.reset();
   loop.RunUntilIdle();
-  // The system's words differ if the widget had not read all that was sent.
+  // The system's text differs if the server had not read everything.
   ASSERT_THAT(told, SizeIs(2));
   EXPECT_EQ(told[0], "next a");
   EXPECT_THAT(told[1], ::testing::StartsWith("end UNAVAILABLE: "));
 }
 
-TEST_F(ClientStreamTest, TheWidgetThrowsTheHostOut) {
+TEST_F(ClientStreamTest, TheServerThrowsTheClientOut) {
   Open();
   Say(Refusal(absl::StatusCode::kInvalidArgument, "nonsense", 0));
   loop.RunUntilIdle();
-  EXPECT_THAT(told, ElementsAre("end UNAVAILABLE: the widget ended the "
+  EXPECT_THAT(told, ElementsAre("end UNAVAILABLE: the server ended the "
                                 "connection: nonsense"));
 }
 
@@ -153,18 +153,18 @@ TEST_F(ClientStreamTest, TheClientIsDestroyed) {
 }
 
 TEST_F(ClientStreamTest, OpenedAfterTheConnectionsEndItEndsButNotInsideOpen) {
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   Open();
   EXPECT_THAT(told, IsEmpty());
   EXPECT_TRUE(absl::IsUnavailable(stream->sender()->Next(Subscribe(7), 0)));
   loop.RunUntilIdle();
   EXPECT_THAT(told,
-              ElementsAre("end UNAVAILABLE: the widget closed the connection"));
+              ElementsAre("end UNAVAILABLE: the server closed the connection"));
 }
 
 TEST_F(ClientStreamTest, OpenedAfterTheConnectionsEndAndClosedItTellsNothing) {
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   Open();
   stream.reset();
@@ -172,7 +172,7 @@ TEST_F(ClientStreamTest, OpenedAfterTheConnectionsEndAndClosedItTellsNothing) {
   EXPECT_THAT(told, IsEmpty());
 }
 
-TEST_F(ClientStreamTest, AnErrorOfOnNextEndsTheStreamAndTheWidgetIsTold) {
+TEST_F(ClientStreamTest, AnErrorOfOnNextEndsTheStreamAndTheServerIsTold) {
   Open();
   on_next = [] { return absl::InternalError("unreadable"); };
   SayAtOnce({Event("a"), Event("b")});
@@ -196,11 +196,11 @@ TEST_F(ClientStreamTest, CallsEndBeforeStreamsWhenTheConnectionDoes) {
   Open();
   client->Call(Method(kHide), BrowserId(),
                [this](const auto&) { told.emplace_back("call"); });
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   EXPECT_THAT(
       told,
-      ElementsAre("call", "end UNAVAILABLE: the widget closed the connection"));
+      ElementsAre("call", "end UNAVAILABLE: the server closed the connection"));
 }
 
 // Sending after the end.
@@ -223,14 +223,14 @@ class ClientStreamAfterItsEndTest : public ClientStreamTest {
   std::shared_ptr<ClientStreamSender> sender;
 };
 
-TEST_F(ClientStreamAfterItsEndTest, TheWidgetHasCompleted) {
+TEST_F(ClientStreamAfterItsEndTest, TheServerHasCompleted) {
   Say(CompleteFrame(1));
   loop.RunUntilIdle();
   ExpectThatNothingCanBeSent();
   EXPECT_THAT(Settle(), IsEmpty());
 }
 
-TEST_F(ClientStreamAfterItsEndTest, TheWidgetHasRefused) {
+TEST_F(ClientStreamAfterItsEndTest, TheServerHasRefused) {
   Say(Refusal(absl::StatusCode::kNotFound, "words"));
   loop.RunUntilIdle();
   ExpectThatNothingCanBeSent();
@@ -244,7 +244,7 @@ TEST_F(ClientStreamAfterItsEndTest, TheHandleIsGone) {
 }
 
 TEST_F(ClientStreamAfterItsEndTest, TheConnectionIsLost) {
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   ExpectThatNothingCanBeSent();
 }

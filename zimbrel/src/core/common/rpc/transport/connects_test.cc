@@ -1,4 +1,4 @@
-// Hosts that come and go leave nothing behind.
+// Clients that connect and disconnect leave nothing behind.
 
 #include <cstddef>
 #include <filesystem>
@@ -29,7 +29,7 @@ class ConnectsTest : public StreamFixture {
  protected:
   ConnectsTest() { EXPECT_TRUE(server->Listen(path_).ok()); }
 
-  // A host comes, calls, serves callbacks, and goes.
+  // A client connects, calls, serves callbacks, and disconnects.
   void Visit(bool watches) {
     {
       const auto client = SocketClient::Connect(&loop, path_);
@@ -48,7 +48,7 @@ class ConnectsTest : public StreamFixture {
     loop.RunUntilIdle();
   }
 
-  // By how many blocks the heap grows.
+  // Returns by how many blocks the heap grows.
   std::size_t Growth(int visits, bool watches) {
     const std::size_t before = heap_probe::LiveBlocks();
     for (int i = 0; i < visits; ++i) Visit(watches);
@@ -67,8 +67,8 @@ TEST_F(ConnectsTest, AThousandInARowLeaveNothing) {
   EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
-// An event stream keeps each subscription frame: one to begin with, and one
-// when the server withdraws it.
+// An event stream keeps each subscription frame: the client's, and the one with
+// which the server unsubscribes it.
 TEST_F(ConnectsTest, AThousandThatWatchLeaveTheirSubscriptionFrames) {
   Growth(10, /*watches=*/true);
   const std::ptrdiff_t descriptors = OpenDescriptors();

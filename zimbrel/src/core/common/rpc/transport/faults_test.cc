@@ -1,5 +1,5 @@
-// What becomes of a session when the system does its worst: by count, and for
-// every byte of it.
+// A session while system calls fail or are cut short: after every number of
+// them, and at every byte of the session.
 
 #include <sys/socket.h>
 
@@ -36,11 +36,11 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::UnorderedElementsAre;
 
-// The host's side of a session with a bit of everything: a call that is
-// answered at once, one later, one that fails, events, and a callback.
-class Host {
+// The client's side of a session with everything in it: calls that are answered
+// at once, later, and with an error; events; a callback.
+class Client {
  public:
-  Host(EventLoop* loop, int descriptor)
+  Client(EventLoop* loop, int descriptor)
       : client_(*SocketClient::Adopt(loop, descriptor)),
         widget_(client_.get()) {}
 
@@ -97,7 +97,7 @@ class FaultsTest : public StreamFixture {
     AnswerHeldCalls();
   }
 
-  // The widget's side of the session, once the host has begun.
+  // The server's side of the session, once the client has begun.
   void ServeTheRest() {
     loop.RunUntilIdle();
     rpc::AriaLiveRegionChanged event;
@@ -113,38 +113,38 @@ class FaultsTest : public StreamFixture {
     for (const auto& call : std::exchange(widget.held, {})) call.done->Run();
   }
 
-  // The whole session under faults, and nothing is different.
+  // Plays the whole session under faults; the result is the same as without.
   void ExpectAllAsEver(const SocketFaults& faults) {
     auto pair = ConnectedPair();
     ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
-    Host host(&loop, pair->second.Release());
+    Client client(&loop, pair->second.Release());
     SetSocketFaults(faults);
-    host.Begin();
+    client.Begin();
     ServeTheRest();
-    EXPECT_THAT(host.told, ElementsAre("Show OK", "Minimize UNKNOWN",
-                                       absl::StrCat("event ", event_bytes_),
-                                       "asked Sure?", "Hide OK"));
+    EXPECT_THAT(client.told, ElementsAre("Show OK", "Minimize UNKNOWN",
+                                         absl::StrCat("event ", event_bytes_),
+                                         "asked Sure?", "Hide OK"));
     EXPECT_THAT(ends, ElementsAre("Sure? yes"));
   }
 
-  // What either side of the session says, when all goes well.
+  // The bytes that each side sends in a session without faults.
   struct Speeches {
-    std::string of_host;
-    std::string of_widget;
+    std::string of_client;
+    std::string of_server;
   };
   Speeches RecordSession() {
     auto pair = ConnectedPair();
-    const int widget_end = pair->first.get();
-    const int host_end = pair->second.get();
-    Record(widget_end);
-    Record(host_end);
+    const int server_end = pair->first.get();
+    const int client_end = pair->second.get();
+    Record(server_end);
+    Record(client_end);
     EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
     {
-      Host host(&loop, pair->second.Release());
-      host.Begin();
+      Client client(&loop, pair->second.Release());
+      client.Begin();
       ServeTheRest();
     }
-    Speeches speeches{Recorded(host_end), Recorded(widget_end)};
+    Speeches speeches{Recorded(client_end), Recorded(server_end)};
     loop.RunUntilIdle();
     ends.clear();
     return speeches;
@@ -182,47 +182,48 @@ TEST_F(FaultsTest, ASocketThatIsFullTimeAndAgainChangesNothing) {
   ExpectAllAsEver({});
 }
 
-// It used to lose what was queued and to keep the connection, so that whoever
-// waited for an answer waited for ever.
+// It used to lose what was queued and keep the connection, so that callers
+// waited for ever.
 TEST_F(FaultsTest, ARequestThatTheSystemRefusesToSendEndsTheConnection) {
   auto pair = ConnectedPair();
   ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
-  Host host(&loop, pair->second.Release());
+  Client client(&loop, pair->second.Release());
   SetSocketFaults({.failing_sends = 1, .send_error = ENOBUFS});
-  host.Begin();
+  client.Begin();
   loop.RunUntilIdle();
-  EXPECT_THAT(host.told,
+  EXPECT_THAT(client.told,
               ElementsAre("Show UNAVAILABLE", "Hide UNAVAILABLE",
                           "Minimize UNAVAILABLE", "events end UNAVAILABLE",
                           "calls end UNAVAILABLE"));
-  EXPECT_THAT(host.status().message(), HasSubstr("No buffer space available"));
+  EXPECT_THAT(client.status().message(),
+              HasSubstr("No buffer space available"));
   EXPECT_EQ(server->connections(), 0u);
 }
 
 TEST_F(FaultsTest, AReplyThatTheSystemRefusesToSendEndsTheConnection) {
   auto pair = ConnectedPair();
   ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
-  Host host(&loop, pair->second.Release());
-  host.Begin();
+  Client client(&loop, pair->second.Release());
+  client.Begin();
   loop.RunUntilIdle();
-  host.told.clear();
+  client.told.clear();
   SetSocketFaults({.failing_sends = 1, .send_error = ENOMEM});
   AnswerHeldCalls();
   loop.RunUntilIdle();
-  EXPECT_THAT(host.told,
+  EXPECT_THAT(client.told,
               ElementsAre("Hide UNAVAILABLE", "events end UNAVAILABLE",
                           "calls end UNAVAILABLE"));
   EXPECT_EQ(server->connections(), 0u);
 }
 
-TEST_F(FaultsTest, AHostThatComesWhenNoDescriptorIsLeftIsServedLater) {
+TEST_F(FaultsTest, AClientThatComesWhenNoDescriptorIsLeftIsServedLater) {
   const TemporaryFolder folder;
   const std::string path = folder.path() + "/s";
   ASSERT_TRUE(server->Listen(path).ok());
   SetSocketFaults({.failing_accepts = 2});
-  const auto host = SocketClient::Connect(&loop, path);
-  ASSERT_TRUE(host.ok());
-  // Does not try again and again: then there would be one by now.
+  const auto client = SocketClient::Connect(&loop, path);
+  ASSERT_TRUE(client.ok());
+  // If it tried again and again, there would be a connection by now.
   loop.RunUntilIdle();
   EXPECT_EQ(server->connections(), 0u);
   EXPECT_TRUE(loop.RunUntil([this] { return server->connections() == 1; }));
@@ -230,28 +231,28 @@ TEST_F(FaultsTest, AHostThatComesWhenNoDescriptorIsLeftIsServedLater) {
 
 // An end at every byte -------------------------------------------------------
 
-class CutHostTest : public FaultsTest,
-                    public ::testing::WithParamInterface<bool> {
+class CutClientTest : public FaultsTest,
+                      public ::testing::WithParamInterface<bool> {
  protected:
-  // A host that says the first bytes of `speech`, and goes: with an end of
-  // file, or with a reset, which is how a socket closes on bytes that nobody
-  // has read.
+  // A client that sends the first bytes of `speech` and then disconnects: with
+  // an end of file or with a reset, which happens if a socket is closed before
+  // all its input has been read.
   void SayPartOf(const std::string& speech, std::size_t bytes) {
     auto pair = ConnectedPair();
     ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
-    std::optional<RawPeer> host(std::in_place, std::move(pair->second),
-                                std::nullopt);
-    host->SendBytes(speech.substr(0, bytes));
+    std::optional<RawPeer> client(std::in_place, std::move(pair->second),
+                                  std::nullopt);
+    client->SendBytes(speech.substr(0, bytes));
     ServeTheRest();
     const bool is_reset = GetParam();
-    if (!is_reset) host->Receive();
-    host.reset();
+    if (!is_reset) client->Receive();
+    client.reset();
     loop.RunUntilIdle();
   }
 };
 
-TEST_P(CutHostTest, AHostThatGoesAfterAnyByteLeavesNothing) {
-  const std::string speech = RecordSession().of_host;
+TEST_P(CutClientTest, AClientThatGoesAfterAnyByteLeavesNothing) {
+  const std::string speech = RecordSession().of_client;
   ASSERT_GT(speech.size(), 500u);
   for (std::size_t bytes = 0; bytes <= speech.size(); ++bytes) {
     SCOPED_TRACE(bytes);
@@ -265,19 +266,19 @@ TEST_P(CutHostTest, AHostThatGoesAfterAnyByteLeavesNothing) {
   ExpectAllAsEver({});
 }
 
-INSTANTIATE_TEST_SUITE_P(, CutHostTest, ::testing::Bool(),
+INSTANTIATE_TEST_SUITE_P(, CutClientTest, ::testing::Bool(),
                          [](const auto& with_reset) {
                            return with_reset.param ? "Reset" : "EndOfFile";
                          });
 
-TEST_F(FaultsTest, AWidgetThatGoesAfterAnyByteEndsAllOnceAtItsHost) {
-  const std::string speech = RecordSession().of_widget;
+TEST_F(FaultsTest, AServerThatGoesAfterAnyByteEndsAllOnceAtItsClient) {
+  const std::string speech = RecordSession().of_server;
   ASSERT_GT(speech.size(), 500u);
   for (std::size_t bytes = 0; bytes < speech.size(); ++bytes) {
     SCOPED_TRACE(bytes);
     auto pair = ConnectedPair();
-    Host host(&loop, pair->second.Release());
-    host.Begin();
+    Client client(&loop, pair->second.Release());
+    client.Begin();
     {
       RawPeer dying(std::move(pair->first), std::nullopt);
       dying.SendBytes(speech.substr(0, bytes));
@@ -285,7 +286,7 @@ TEST_F(FaultsTest, AWidgetThatGoesAfterAnyByteEndsAllOnceAtItsHost) {
     }
     loop.RunUntilIdle();
     std::vector<std::string> ended;
-    for (const std::string& what : host.told) {
+    for (const std::string& what : client.told) {
       const std::string name = what.substr(0, what.find(' '));
       if (name != "event" && name != "asked") ended.push_back(name);
     }
@@ -296,41 +297,42 @@ TEST_F(FaultsTest, AWidgetThatGoesAfterAnyByteEndsAllOnceAtItsHost) {
 
 // Processes ------------------------------------------------------------------
 
-// A host in a process of its own, which watches browser 7 and is then stopped.
-class StoppedHostTest : public FaultsTest {
+// A client in a process of its own, which watches browser 7 and is then
+// stopped.
+class StoppedClientTest : public FaultsTest {
  protected:
-  StoppedHostTest() {
+  StoppedClientTest() {
     auto pair = ConnectedPair();
-    const int host_end = pair->second.get();
-    host_.emplace([host_end] {
+    const int client_end = pair->second.get();
+    client_.emplace([client_end] {
       EventLoop its_loop;
-      Host host(&its_loop, host_end);
-      host.Begin();
+      Client client(&its_loop, client_end);
+      client.Begin();
       its_loop.Run();
     });
     EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
     loop.RunUntil([this] { return !widget.held.empty(); });
     loop.RunUntil([] { return RegisteredKeys() == 2; });
-    EXPECT_TRUE(host_->Stop());
+    EXPECT_TRUE(client_->Stop());
   }
 
-  std::optional<ForkedProcess> host_;
+  std::optional<ForkedProcess> client_;
 };
 
-TEST_F(StoppedHostTest, HoldsUpNobodyElse) {
+TEST_F(StoppedClientTest, HoldsUpNobodyElse) {
   Ask(7, "Hello?");
   ExpectAllAsEver({});
 }
 
-TEST_F(StoppedHostTest, IsCutOffAtAShutdown) {
+TEST_F(StoppedClientTest, IsCutOffAtAShutdown) {
   bool has_ended = false;
   server->Shutdown(absl::Milliseconds(1), [&has_ended] { has_ended = true; });
   EXPECT_TRUE(loop.RunUntil([&has_ended] { return has_ended; }));
 }
 
-TEST_F(StoppedHostTest, LeavesNothingWhenItIsKilled) {
+TEST_F(StoppedClientTest, LeavesNothingWhenItIsKilled) {
   Ask(7, "Hello?");
-  EXPECT_TRUE(host_->Kill());
+  EXPECT_TRUE(client_->Kill());
   loop.RunUntil([this] { return server->connections() == 0; });
   loop.RunUntilIdle();
   EXPECT_EQ(RegisteredKeys(), 0u);

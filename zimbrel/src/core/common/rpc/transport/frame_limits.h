@@ -1,4 +1,4 @@
-// The sizes of frames on a connection, the same at both of its ends.
+// Limits on the size of a frame, for both ends of a connection.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_FRAME_LIMITS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_FRAME_LIMITS_H_
@@ -7,14 +7,14 @@
 
 namespace orvane {
 
-// What one frame may take by default, in bytes, its length field not counted.
+// The longest frame by default, in bytes, without its length field.
 inline constexpr std::size_t kDefaultMaxFrameBytes = std::size_t{4} << 20;
 
-// The smallest limit that can be set: room for a header and an error in words.
+// The smallest limit that can be set. A header and an error text fit into it.
 inline constexpr std::size_t kMinMaxFrameBytes = std::size_t{4} << 10;
 
-// How many levels deep the messages in a frame may be nested at the most:
-// protobuf's own default.
+// How many levels deep the messages in a frame may be nested: protobuf's own
+// default.
 inline constexpr int kMaxMessageDepth = 100;
 
 }  // namespace orvane

@@ -98,7 +98,7 @@ TEST(Introduction, NamesTheServiceAndTheProtocols) {
   EXPECT_EQ(hello.methods_size(), 52);
 }
 
-// Reckoned by hand from what the comment in the proto says.
+// Computed by hand from the comment in the proto.
 TEST(Introduction, HashesTheLinesOfTheMethods) {
   // FNV-1a of "Ask(BrowserId) returns (google.protobuf.Empty)\n", and on with
   // "Watch(stream BrowserId) returns (stream google.protobuf.Empty)\n".
@@ -106,7 +106,7 @@ TEST(Introduction, HashesTheLinesOfTheMethods) {
               ElementsAre(0x60a66a444ab18fafu, 0xa7e8a0d16bda53f5u));
 }
 
-// Who fits -------------------------------------------------------------------
+// Compatible ends -------------------------------------------------------------
 
 TEST(Fit, TwoOfTheSameVersion) {
   EXPECT_TRUE(CompareHellos(MakeHello(Widget()), MakeHello(Widget())).ok());
@@ -131,8 +131,8 @@ TEST(Misfit, NoProtocolInCommon) {
   EXPECT_EQ(fit.code(), absl::StatusCode::kFailedPrecondition);
   EXPECT_THAT(fit.message(),
               AllOf(HasSubstr("differ in protocol"),
-                    HasSubstr("the host speaks protocol 1 and"),
-                    HasSubstr("the widget protocols 2 to 3 and")));
+                    HasSubstr("the client speaks protocol 1 and"),
+                    HasSubstr("the server protocols 2 to 3 and")));
   EXPECT_FALSE(CompareHellos(WithProtocols(2, 3), MakeHello(Widget())).ok());
 }
 
@@ -143,9 +143,9 @@ TEST(Misfit, AnotherService) {
   EXPECT_EQ(fit.code(), absl::StatusCode::kFailedPrecondition);
   EXPECT_THAT(fit.message(),
               AllOf(HasSubstr("differ in service"),
-                    HasSubstr("the host speaks protocol 1 and rpc.Other with "
+                    HasSubstr("the client speaks protocol 1 and rpc.Other with "
                               "2 methods ("),
-                    HasSubstr("the widget protocol 1 and rpc.BrowserWidgetRpc "
+                    HasSubstr("the server protocol 1 and rpc.BrowserWidgetRpc "
                               "with 52 methods (")));
 }
 
@@ -162,12 +162,12 @@ TEST(Misfit, AMethodThatIsNotTheSameAmongFewer) {
           .ok());
 }
 
-// A server meets a host ------------------------------------------------------
+// A server meets a client ----------------------------------------------------
 
-class ServerMeetsHost : public StreamFixture {
+class ServerMeetsClient : public StreamFixture {
  protected:
-  ServerMeetsHost() = default;
-  explicit ServerMeetsHost(const ServerLimits& limits)
+  ServerMeetsClient() = default;
+  explicit ServerMeetsClient(const ServerLimits& limits)
       : StreamFixture(limits) {}
 
   RawPeer Connect(const std::optional<Hello>& hello) {
@@ -177,21 +177,21 @@ class ServerMeetsHost : public StreamFixture {
   }
 };
 
-TEST_F(ServerMeetsHost, AnswersItsHello) {
-  RawPeer host = ConnectRaw();
-  EXPECT_THAT(Settle(&host), IsEmpty());
-  ASSERT_TRUE(host.hello.has_value());
-  EXPECT_FALSE(host.closed);
-  host.hello->clear_limits();
-  EXPECT_EQ(host.hello->SerializeAsString(),
+TEST_F(ServerMeetsClient, AnswersItsHello) {
+  RawPeer client = ConnectRaw();
+  EXPECT_THAT(Settle(&client), IsEmpty());
+  ASSERT_TRUE(client.hello.has_value());
+  EXPECT_FALSE(client.closed);
+  client.hello->clear_limits();
+  EXPECT_EQ(client.hello->SerializeAsString(),
             MakeHello(Widget()).SerializeAsString());
 }
 
-TEST_F(ServerMeetsHost, TellsItsLimits) {
-  RawPeer host = ConnectRaw();
-  Settle(&host);
-  ASSERT_TRUE(host.hello.has_value());
-  const Limits& limits = host.hello->limits();
+TEST_F(ServerMeetsClient, TellsItsLimits) {
+  RawPeer client = ConnectRaw();
+  Settle(&client);
+  ASSERT_TRUE(client.hello.has_value());
+  const Limits& limits = client.hello->limits();
   EXPECT_EQ(limits.max_frame_bytes(), 4194304u);
   EXPECT_EQ(limits.max_message_depth(), 100u);
   EXPECT_EQ(limits.max_calls(), 1024u);
@@ -201,20 +201,20 @@ TEST_F(ServerMeetsHost, TellsItsLimits) {
   EXPECT_EQ(limits.max_frame_ms(), 10000u);
 }
 
-class ServerOfOtherLimits : public ServerMeetsHost {
+class ServerOfOtherLimits : public ServerMeetsClient {
  protected:
   ServerOfOtherLimits()
-      : ServerMeetsHost({.max_frame_bytes = 1,
+      : ServerMeetsClient({.max_frame_bytes = 1,
                          .max_message_depth = 1000,
                          .max_queued_bytes = std::size_t{5} << 30,
                          .max_frame_time = absl::InfiniteDuration()}) {}
 };
 
 TEST_F(ServerOfOtherLimits, TellsThoseThatItKeeps) {
-  RawPeer host = ConnectRaw();
-  Settle(&host);
-  ASSERT_TRUE(host.hello.has_value());
-  const Limits& limits = host.hello->limits();
+  RawPeer client = ConnectRaw();
+  Settle(&client);
+  ASSERT_TRUE(client.hello.has_value());
+  const Limits& limits = client.hello->limits();
   EXPECT_EQ(limits.max_frame_bytes(), 4096u);
   EXPECT_EQ(limits.max_message_depth(), 100u);
   EXPECT_EQ(limits.max_queued_bytes(), std::uint64_t{5} << 30);
@@ -234,144 +234,144 @@ TEST_F(ServerOfOtherLimits, IsNotSentFramesThatAreTooLongForIt) {
   EXPECT_TRUE(client->CallAndWait(show, Browser(7)).ok());
 }
 
-TEST_F(ServerMeetsHost, SaysNothingBefore) {
-  RawPeer host = Connect(std::nullopt);
-  EXPECT_THAT(Settle(&host), IsEmpty());
-  EXPECT_FALSE(host.hello.has_value());
-  EXPECT_FALSE(host.closed);
+TEST_F(ServerMeetsClient, SaysNothingBefore) {
+  RawPeer client = Connect(std::nullopt);
+  EXPECT_THAT(Settle(&client), IsEmpty());
+  EXPECT_FALSE(client.hello.has_value());
+  EXPECT_FALSE(client.closed);
 }
 
-TEST_F(ServerMeetsHost, ServesOneThatKnowsMoreMethods) {
-  RawPeer host = Connect(WithMethods(MakeHello(Widget()), 60));
-  host.Send(CallFrame(1, kShow));
-  host.Send(CallFrame(2, kMethods));
-  EXPECT_THAT(Settle(&host),
+TEST_F(ServerMeetsClient, ServesOneThatKnowsMoreMethods) {
+  RawPeer client = Connect(WithMethods(MakeHello(Widget()), 60));
+  client.Send(CallFrame(1, kShow));
+  client.Send(CallFrame(2, kMethods));
+  EXPECT_THAT(Settle(&client),
               ElementsAre("REPLY 1",
                           "ERROR 2 UNIMPLEMENTED: no method 52 in "
                           "rpc.BrowserWidgetRpc, which has 52"));
 }
 
-TEST_F(ServerMeetsHost, ServesOneThatKnowsFewerMethods) {
-  RawPeer host = Connect(WithMethods(MakeHello(Widget()), 6));
-  host.Send(CallFrame(1, kShow));
-  EXPECT_THAT(Settle(&host), ElementsAre("REPLY 1"));
+TEST_F(ServerMeetsClient, ServesOneThatKnowsFewerMethods) {
+  RawPeer client = Connect(WithMethods(MakeHello(Widget()), 6));
+  client.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&client), ElementsAre("REPLY 1"));
 }
 
-TEST_F(ServerMeetsHost, PartsInWordsFromOneThatDoesNotFit) {
+TEST_F(ServerMeetsClient, PartsInWordsFromOneThatDoesNotFit) {
   int shown = 0;
   widget.on_show = [&shown](std::uint64_t) { ++shown; };
-  RawPeer host = Connect(WithProtocols(2, 2));
-  host.Send(CallFrame(1, kShow));
-  EXPECT_THAT(Settle(&host),
+  RawPeer client = Connect(WithProtocols(2, 2));
+  client.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&client),
               ElementsAre(AllOf(HasSubstr("ERROR 0 FAILED_PRECONDITION"),
-                                HasSubstr("the host speaks protocol 2 and"),
-                                HasSubstr("the widget protocol 1 and"))));
-  EXPECT_TRUE(host.hello.has_value());
-  EXPECT_TRUE(host.closed);
+                                HasSubstr("the client speaks protocol 2 and"),
+                                HasSubstr("the server protocol 1 and"))));
+  EXPECT_TRUE(client.hello.has_value());
+  EXPECT_TRUE(client.closed);
   EXPECT_EQ(shown, 0);
 }
 
-TEST_F(ServerMeetsHost, PartsFromOneThatBeginsWithACall) {
-  RawPeer host = Connect(std::nullopt);
-  host.Send(CallFrame(1, kShow));
-  EXPECT_THAT(Settle(&host),
+TEST_F(ServerMeetsClient, PartsFromOneThatBeginsWithACall) {
+  RawPeer client = Connect(std::nullopt);
+  client.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&client),
               ElementsAre("ERROR 0 INVALID_ARGUMENT: a connection begins with "
-                          "a hello, which tells the host's version"));
-  EXPECT_TRUE(host.closed);
+                          "a hello, which tells the client's version"));
+  EXPECT_TRUE(client.closed);
 }
 
-TEST_F(ServerMeetsHost, PartsFromOneWhoseHelloCannotBeRead) {
-  RawPeer host = Connect(std::nullopt);
-  host.Send(Frame(StreamMessage::KIND_HELLO, 0, "\xff"));
-  EXPECT_THAT(Settle(&host),
+TEST_F(ServerMeetsClient, PartsFromOneWhoseHelloCannotBeRead) {
+  RawPeer client = Connect(std::nullopt);
+  client.Send(Frame(StreamMessage::KIND_HELLO, 0, "\xff"));
+  EXPECT_THAT(Settle(&client),
               ElementsAre(HasSubstr("a connection begins with a hello")));
 }
 
-TEST_F(ServerMeetsHost, PartsFromOneThatSaysHelloTwice) {
-  RawPeer host = ConnectRaw();
-  host.Send(Frame(StreamMessage::KIND_HELLO, 0,
-                  MakeHello(Widget()).SerializeAsString()));
-  EXPECT_THAT(Settle(&host),
+TEST_F(ServerMeetsClient, PartsFromOneThatSaysHelloTwice) {
+  RawPeer client = ConnectRaw();
+  client.Send(Frame(StreamMessage::KIND_HELLO, 0,
+                    MakeHello(Widget()).SerializeAsString()));
+  EXPECT_THAT(Settle(&client),
               ElementsAre("ERROR 0 INVALID_ARGUMENT: a second hello"));
 }
 
-// A client meets a widget ----------------------------------------------------
+// A client meets a server ----------------------------------------------------
 
-class ClientMeetsWidget : public ::testing::Test {
+class ClientMeetsServer : public ::testing::Test {
  protected:
   void Connect(const std::optional<Hello>& hello) {
     auto pair = ConnectedPair();
-    widget.emplace(std::move(pair->first), hello);
+    server.emplace(std::move(pair->first), hello);
     client = *SocketClient::Adopt(&loop, pair->second.Release());
   }
 
-  // How a call ends, while the widget answers nothing.
+  // How a call ends that the server does not answer.
   absl::Status Call(const google::protobuf::MethodDescriptor* method =
                         Widget().method(kShow)) {
     return client->CallAndWait(method, BrowserId()).status();
   }
 
   EventLoop loop;
-  std::optional<RawPeer> widget;
+  std::optional<RawPeer> server;
   std::unique_ptr<SocketClient> client;
 };
 
-TEST_F(ClientMeetsWidget, SaysHelloWhenItIsFirstUsed) {
+TEST_F(ClientMeetsServer, SaysHelloWhenItIsFirstUsed) {
   Connect(MakeHello(Widget()));
   loop.RunUntilIdle();
-  widget->Receive();
-  EXPECT_FALSE(widget->hello.has_value());
+  server->Receive();
+  EXPECT_FALSE(server->hello.has_value());
   const auto stream = client->OpenStream(Widget().method(kFirstStream), {});
   loop.RunUntilIdle();
-  widget->Receive();
-  ASSERT_TRUE(widget->hello.has_value());
-  EXPECT_EQ(widget->hello->SerializeAsString(),
+  server->Receive();
+  ASSERT_TRUE(server->hello.has_value());
+  EXPECT_EQ(server->hello->SerializeAsString(),
             MakeHello(Widget()).SerializeAsString());
 }
 
-TEST_F(ClientMeetsWidget, PartsInWordsFromOneThatDoesNotFit) {
+TEST_F(ClientMeetsServer, PartsInWordsFromOneThatDoesNotFit) {
   Connect(WithAnotherMethod(50));
   const absl::Status why = Call();
   EXPECT_EQ(why.code(), absl::StatusCode::kFailedPrecondition);
   EXPECT_THAT(why.message(), HasSubstr("differ in method 50"));
   EXPECT_EQ(client->status(), why);
-  widget->Receive();
-  EXPECT_TRUE(widget->closed);
+  server->Receive();
+  EXPECT_TRUE(server->closed);
 }
 
-TEST_F(ClientMeetsWidget, PartsBeforeItsFirstCallFromOneThatDidNotFitByThen) {
+TEST_F(ClientMeetsServer, PartsBeforeItsFirstCallFromOneThatDidNotFitByThen) {
   Connect(WithProtocols(7, 8));
   loop.RunUntilIdle();
   EXPECT_TRUE(client->status().ok());
   EXPECT_EQ(Call().code(), absl::StatusCode::kFailedPrecondition);
-  widget->Receive();
-  EXPECT_TRUE(widget->closed);
-  EXPECT_THAT(widget->frames, IsEmpty());
+  server->Receive();
+  EXPECT_TRUE(server->closed);
+  EXPECT_THAT(server->frames, IsEmpty());
 }
 
-TEST_F(ClientMeetsWidget, PartsFromOneThatSaysNoHello) {
+TEST_F(ClientMeetsServer, PartsFromOneThatSaysNoHello) {
   Connect(std::nullopt);
-  widget->Send(Frame(StreamMessage::KIND_REPLY, 1));
+  server->Send(Frame(StreamMessage::KIND_REPLY, 1));
   const absl::Status why = Call();
   EXPECT_EQ(why.code(), absl::StatusCode::kUnavailable);
   EXPECT_THAT(why.message(), HasSubstr("first frame"));
 }
 
-TEST_F(ClientMeetsWidget, PartsFromOneWhoseHelloCannotBeRead) {
+TEST_F(ClientMeetsServer, PartsFromOneWhoseHelloCannotBeRead) {
   Connect(std::nullopt);
-  widget->Send(Frame(StreamMessage::KIND_HELLO, 0, "\xff"));
+  server->Send(Frame(StreamMessage::KIND_HELLO, 0, "\xff"));
   EXPECT_THAT(Call().message(), HasSubstr("hello"));
 }
 
-TEST_F(ClientMeetsWidget, TakesARefusalInPlaceOfAHello) {
+TEST_F(ClientMeetsServer, TakesARefusalInPlaceOfAHello) {
   Connect(std::nullopt);
   StreamMessage refusal = Frame(StreamMessage::KIND_ERROR, 0);
-  refusal.set_error_text("64 hosts are connected");
-  widget->Send(refusal);
-  EXPECT_THAT(Call().message(), HasSubstr("64 hosts are connected"));
+  refusal.set_error_text("64 clients are connected");
+  server->Send(refusal);
+  EXPECT_THAT(Call().message(), HasSubstr("64 clients are connected"));
 }
 
-TEST_F(ClientMeetsWidget, LearnsItsLimits) {
+TEST_F(ClientMeetsServer, LearnsItsLimits) {
   Hello hello = MakeHello(Widget());
   hello.mutable_limits()->set_max_calls(3);
   Connect(hello);
@@ -381,14 +381,15 @@ TEST_F(ClientMeetsWidget, LearnsItsLimits) {
   EXPECT_FALSE(client->server_limits().has_max_frame_bytes());
 }
 
-TEST_F(ClientMeetsWidget, IsForOneServiceOnly) {
+TEST_F(ClientMeetsServer, IsForOneServiceOnly) {
   Connect(MakeHello(Widget()));
   const auto stream = client->OpenStream(Widget().method(kFirstStream), {});
   const Lines other;
   const absl::Status why = Call(other.service().method(0));
   EXPECT_EQ(why.code(), absl::StatusCode::kInvalidArgument);
   EXPECT_EQ(why.message(),
-            "a connection for rpc.BrowserWidgetRpc is used for Lines");
+            "the connection is for rpc.BrowserWidgetRpc and cannot be used for "
+            "Lines");
   EXPECT_TRUE(client->status().ok());
 }
 

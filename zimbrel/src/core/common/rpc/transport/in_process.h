@@ -1,4 +1,4 @@
-// A host and a widget in one process: for tests, with real sockets in between.
+// A server and a client in one process, connected by real sockets: for tests.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_IN_PROCESS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_IN_PROCESS_H_
@@ -14,9 +14,9 @@
 namespace orvane {
 
 // A client of `server`, connected to it by a pair of sockets. `loop` may be the
-// server's own: a blocking call then runs the server too. If it is another
-// loop, call this on the server's thread. Errors are the system's, such as no
-// descriptor left.
+// server's own; a blocking call then runs the server too. With another loop,
+// call this function on the server's thread. Fails only if the system does, for
+// example if no descriptor is left.
 absl::StatusOr<std::unique_ptr<SocketClient>> ConnectInProcess(
     EventLoop* loop, SocketServer* server, ClientOptions options = {});
 

@@ -1,4 +1,4 @@
-// How a host answers one of the widget's calls.
+// How a client answers one of the server's calls.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_RESPONDER_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_RESPONDER_H_
@@ -14,12 +14,12 @@
 
 namespace orvane {
 
-// The answer that one call of the widget waits for. Whoever holds it answers
-// once, at once or later; if it is destroyed instead, the call fails.
-// Move-only; one that has answered or was moved from may only be destroyed.
+// Answers one call of the server, immediately or later. If it is destroyed
+// without an answer, the call fails. Move-only; once it has answered or was
+// moved from, it may only be destroyed.
 //
 // Thread: the service thread. Lifetime: may outlive the stream and the client;
-// the answer then goes nowhere.
+// an answer is then dropped.
 template <CallMessage T>
 class Responder {
  public:
@@ -31,7 +31,7 @@ class Responder {
   Responder& operator=(Responder&&) = delete;
   ~Responder();
 
-  // What the call is about.
+  // The key for which the call was made.
   const KeyOf<T>& key() const { return message_.browser_id(); }
 
   // Answers the call; see PendingAnswer::Send for the errors.
@@ -55,7 +55,7 @@ Responder<T>::Responder(Responder&& other) noexcept
 template <CallMessage T>
 Responder<T>::~Responder() {
   if (answer_.has_value())
-    answer_->Fail(message_, "the host has dropped the call");
+    answer_->Fail(message_, "the client dropped the call without an answer");
 }
 
 template <CallMessage T>

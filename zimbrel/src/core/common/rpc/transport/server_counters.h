@@ -1,4 +1,4 @@
-// What has gone wrong with a server's clients so far.
+// Counts of what has gone wrong between a server and its clients.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_COUNTERS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_COUNTERS_H_
@@ -8,8 +8,9 @@
 namespace orvane {
 
 struct ServerCounters {
-  // Connections that the server ended: because of what their clients sent, a
-  // limit, or another user's id. The log has the reasons, one a second at most.
+  // Connections that the server refused or ended: because of what the client
+  // sent, because of a limit, or because another user runs the client. The
+  // reasons are logged, at most one per second.
   std::uint64_t thrown_out = 0;
 
   // Events that were replaced by later ones before their clients read them

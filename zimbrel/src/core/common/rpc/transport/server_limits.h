@@ -1,4 +1,4 @@
-// How much one server takes on itself for its hosts.
+// Limits on what the clients of a server may use.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_LIMITS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_LIMITS_H_
@@ -11,40 +11,43 @@
 
 namespace orvane {
 
-// Each limit holds for one host, but for the number of hosts itself. What is
-// beyond is refused in words that tell value and limit; other hosts notice
-// nothing. The defaults are some ten times what a browser widget's host needs.
+// Each limit applies to one client, except the number of connections. A client
+// that goes beyond a limit gets an error that tells the value and the limit;
+// other clients are not affected. The defaults are about ten times what a
+// graphical application needs.
 struct ServerLimits {
-  // The longest frame that is sent or accepted, in bytes, its length field not
-  // counted. Beyond: a call's reply becomes an error, an event does not reach
-  // the host, a call to the host is not made; what is received ends the
-  // connection. Less than kMinMaxFrameBytes counts as that.
+  // The longest frame that is sent or accepted, in bytes, without its length
+  // field. A reply that is longer is replaced by an error; an event or a call
+  // to the client that is longer is not sent; a frame from the client that is
+  // longer ends the connection. Values below kMinMaxFrameBytes count as
+  // kMinMaxFrameBytes.
   std::size_t max_frame_bytes = kDefaultMaxFrameBytes;
 
-  // How deep messages in a payload may be nested, the payload itself not
-  // counted. Beyond: as a payload that cannot be read. More than protobuf's own
-  // default, 100, counts as that.
+  // How many levels deep messages may be nested in a payload, not counting the
+  // payload itself. A payload that is nested deeper is treated like one that
+  // cannot be parsed. Values above protobuf's own default, 100, count as 100.
   int max_message_depth = kMaxMessageDepth;
 
-  // Connections at a time. Beyond: the connection is told so and closed.
+  // Connections at the same time. Another one gets an error and is closed.
   std::size_t max_connections = 64;
 
-  // Unary calls that wait for an answer. Beyond: the call fails.
+  // Unary calls in progress. Another one fails.
   std::size_t max_calls = 1024;
 
-  // Open streams. Beyond: the stream is refused.
+  // Open streams. Another one is refused.
   std::size_t max_streams = 1024;
 
-  // Keys that event streams are subscribed to, all streams together. Beyond:
-  // the stream ends.
+  // Keys to which event streams are subscribed, all streams together. A stream
+  // that subscribes to another one ends.
   std::size_t max_subscriptions = 16384;
 
-  // Bytes that wait for the host to read them. Once there are so many, the next
-  // frame ends the connection; its host, which does not read, is not told.
+  // Bytes that wait for the client to read them. Once this many wait, the next
+  // frame ends the connection; the client is not told why, since it does not
+  // read.
   std::size_t max_queued_bytes = std::size_t{16} << 20;
 
-  // How long a frame may take from its first byte to its last. Beyond: the
-  // connection ends. Above 0.
+  // How long a frame may take to arrive, from its first byte to its last. If it
+  // takes longer, the connection ends. Must be above 0.
   absl::Duration max_frame_time = absl::Seconds(10);
 };
 

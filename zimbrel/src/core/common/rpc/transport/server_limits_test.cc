@@ -1,4 +1,4 @@
-// What a host may take, at each limit, one below and one above it.
+// Each limit on what a client may use: one below it, at it, and one above it.
 
 #include "zimbrel/src/core/common/rpc/transport/server_limits.h"
 
@@ -29,7 +29,7 @@ class ServerLimitsTest : public StreamFixture {
   explicit ServerLimitsTest(const ServerLimits& limits)
       : StreamFixture(limits) {}
 
-  // A host at another connection is served as ever.
+  // A client on another connection is served as before.
   void ExpectOthersAreServed() {
     RawPeer other = ConnectRaw();
     other.Send(CallFrame(1, kShow));
@@ -48,18 +48,18 @@ class CallLimit : public ServerLimitsTest {
 };
 
 TEST_F(CallLimit, AsManyAsItMayWait) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kHide));
-  host.Send(CallFrame(2, kHide));
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kHide));
+  client.Send(CallFrame(2, kHide));
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_EQ(widget.held.size(), 2u);
 }
 
 TEST_F(CallLimit, OneMoreFailsAlone) {
-  RawPeer host = ConnectRaw();
-  for (const std::uint64_t id : {1, 2, 3}) host.Send(CallFrame(id, kHide));
+  RawPeer client = ConnectRaw();
+  for (const std::uint64_t id : {1, 2, 3}) client.Send(CallFrame(id, kHide));
   EXPECT_THAT(
-      Settle(&host),
+      Settle(&client),
       ElementsAre("ERROR 3 RESOURCE_EXHAUSTED: 2 calls in progress; the "
                   "limit is 2"));
   EXPECT_EQ(widget.held.size(), 2u);
@@ -67,13 +67,13 @@ TEST_F(CallLimit, OneMoreFailsAlone) {
 }
 
 TEST_F(CallLimit, AnAnswerMakesRoom) {
-  RawPeer host = ConnectRaw();
-  for (const std::uint64_t id : {1, 2}) host.Send(CallFrame(id, kHide));
-  Settle(&host);
+  RawPeer client = ConnectRaw();
+  for (const std::uint64_t id : {1, 2}) client.Send(CallFrame(id, kHide));
+  Settle(&client);
   widget.held.back().done->Run();
   widget.held.pop_back();
-  host.Send(CallFrame(3, kHide));
-  EXPECT_THAT(Settle(&host), ElementsAre("REPLY 2"));
+  client.Send(CallFrame(3, kHide));
+  EXPECT_THAT(Settle(&client), ElementsAre("REPLY 2"));
   EXPECT_EQ(widget.held.size(), 2u);
 }
 
@@ -85,19 +85,19 @@ class StreamLimit : public ServerLimitsTest {
 };
 
 TEST_F(StreamLimit, AsManyAsItMayBeOpen) {
-  RawPeer host = ConnectRaw();
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
-  host.Send(OpenFrame(2, kOnCreateWebDialog));
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  RawPeer client = ConnectRaw();
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(OpenFrame(2, kOnCreateWebDialog));
+  EXPECT_THAT(Settle(&client), IsEmpty());
 }
 
 TEST_F(StreamLimit, OneMoreIsRefusedAlone) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   for (const std::uint64_t id : {1, 2, 3})
-    host.Send(OpenFrame(id, kWhenTooltipChanged));
-  host.Send(NextFrame(1, Subscribe(7)));
+    client.Send(OpenFrame(id, kWhenTooltipChanged));
+  client.Send(NextFrame(1, Subscribe(7)));
   EXPECT_THAT(
-      Settle(&host),
+      Settle(&client),
       ElementsAre(
           "ERROR 3 RESOURCE_EXHAUSTED: 2 streams open; the limit is 2"));
   EXPECT_EQ(ListedForTooltips(7), 1u);
@@ -105,12 +105,12 @@ TEST_F(StreamLimit, OneMoreIsRefusedAlone) {
 }
 
 TEST_F(StreamLimit, AnEndMakesRoom) {
-  RawPeer host = ConnectRaw();
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
-  host.Send(OpenFrame(2, kWhenTooltipChanged));
-  host.Send(CompleteFrame(1));
-  host.Send(OpenFrame(3, kWhenTooltipChanged));
-  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 1"));
+  RawPeer client = ConnectRaw();
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(OpenFrame(2, kWhenTooltipChanged));
+  client.Send(CompleteFrame(1));
+  client.Send(OpenFrame(3, kWhenTooltipChanged));
+  EXPECT_THAT(Settle(&client), ElementsAre("COMPLETE 1"));
 }
 
 // Subscriptions --------------------------------------------------------------
@@ -122,26 +122,26 @@ class SubscriptionLimit : public ServerLimitsTest {
 };
 
 TEST_F(SubscriptionLimit, AsManyAsItMayStandOnAllStreamsTogether) {
-  RawPeer host = ConnectRaw();
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
-  host.Send(OpenFrame(2, kWhenTooltipChanged));
-  host.Send(NextFrame(1, Subscribe(1)));
-  host.Send(NextFrame(1, Subscribe(2)));
-  host.Send(NextFrame(2, Subscribe(1)));
-  // A second time is no further subscription.
-  host.Send(NextFrame(2, Subscribe(1)));
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  RawPeer client = ConnectRaw();
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(OpenFrame(2, kWhenTooltipChanged));
+  client.Send(NextFrame(1, Subscribe(1)));
+  client.Send(NextFrame(1, Subscribe(2)));
+  client.Send(NextFrame(2, Subscribe(1)));
+  // Subscribing to the same key again does not count.
+  client.Send(NextFrame(2, Subscribe(1)));
+  EXPECT_THAT(Settle(&client), IsEmpty());
 }
 
 TEST_F(SubscriptionLimit, OneMoreEndsItsStreamAlone) {
-  RawPeer host = ConnectRaw();
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
-  host.Send(OpenFrame(2, kWhenTooltipChanged));
+  RawPeer client = ConnectRaw();
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(OpenFrame(2, kWhenTooltipChanged));
   for (const std::uint64_t browser : {1, 2, 3})
-    host.Send(NextFrame(1, Subscribe(browser)));
-  host.Send(NextFrame(2, Subscribe(4)));
+    client.Send(NextFrame(1, Subscribe(browser)));
+  client.Send(NextFrame(2, Subscribe(4)));
   EXPECT_THAT(
-      Settle(&host),
+      Settle(&client),
       ElementsAre("ERROR 2 RESOURCE_EXHAUSTED: subscription 4; the limit "
                   "is 3",
                   "COMPLETE 2"));
@@ -151,18 +151,18 @@ TEST_F(SubscriptionLimit, OneMoreEndsItsStreamAlone) {
 }
 
 TEST_F(SubscriptionLimit, UnsubscribingAndEndingMakeRoom) {
-  RawPeer host = ConnectRaw();
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
-  host.Send(OpenFrame(2, kWhenTooltipChanged));
-  host.Send(NextFrame(1, Subscribe(1)));
-  host.Send(NextFrame(2, Subscribe(2)));
-  host.Send(NextFrame(2, Subscribe(3)));
-  host.Send(NextFrame(1, Unsubscribe(1)));
-  host.Send(NextFrame(1, Subscribe(4)));
-  host.Send(CompleteFrame(2));
-  host.Send(NextFrame(1, Subscribe(5)));
-  host.Send(NextFrame(1, Subscribe(6)));
-  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 2"));
+  RawPeer client = ConnectRaw();
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(OpenFrame(2, kWhenTooltipChanged));
+  client.Send(NextFrame(1, Subscribe(1)));
+  client.Send(NextFrame(2, Subscribe(2)));
+  client.Send(NextFrame(2, Subscribe(3)));
+  client.Send(NextFrame(1, Unsubscribe(1)));
+  client.Send(NextFrame(1, Subscribe(4)));
+  client.Send(CompleteFrame(2));
+  client.Send(NextFrame(1, Subscribe(5)));
+  client.Send(NextFrame(1, Subscribe(6)));
+  EXPECT_THAT(Settle(&client), ElementsAre("COMPLETE 2"));
 }
 
 // Connections ----------------------------------------------------------------
@@ -186,15 +186,16 @@ TEST_F(ConnectionLimit, OneMoreIsToldAndClosed) {
   ASSERT_TRUE(pair.ok()) << pair.status();
   EXPECT_TRUE(absl::IsResourceExhausted(server->Adopt(pair->first.Release())));
   RawPeer third(std::move(pair->second));
-  EXPECT_THAT(Settle(&third),
-              ElementsAre("ERROR 0 RESOURCE_EXHAUSTED: 2 hosts are connected; "
-                          "the limit is 2"));
+  EXPECT_THAT(
+      Settle(&third),
+      ElementsAre("ERROR 0 RESOURCE_EXHAUSTED: 2 clients are connected; "
+                  "the limit is 2"));
   EXPECT_TRUE(third.closed);
   first.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&first), ElementsAre("REPLY 1"));
 }
 
-TEST_F(ConnectionLimit, AHostThatLeavesMakesRoom) {
+TEST_F(ConnectionLimit, AClientThatLeavesMakesRoom) {
   RawPeer first = ConnectRaw();
   { RawPeer second = ConnectRaw(); }
   loop.RunUntilIdle();
@@ -205,7 +206,7 @@ TEST_F(ConnectionLimit, AHostThatLeavesMakesRoom) {
 
 // Nesting --------------------------------------------------------------------
 
-// A BrowserId with an unknown group in it, in which are groups, `depth` deep.
+// A BrowserId with unknown groups in it, nested `depth` levels deep.
 std::string Nested(int depth) {
   // The tags of field 15: a group starts, and ends.
   return std::string(depth, '\x7b') + std::string(depth, '\x7c');
@@ -223,29 +224,34 @@ class DepthLimit : public ServerLimitsTest {
 };
 
 TEST_F(DepthLimit, MessagesMayBeNestedAsDeepAsItAndNotDeeper) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   for (const int depth : {9, 10, 11})
-    host.Send(NestedCall(static_cast<std::uint64_t>(depth), depth));
-  EXPECT_THAT(Settle(&host),
+    client.Send(NestedCall(static_cast<std::uint64_t>(depth), depth));
+  EXPECT_THAT(Settle(&client),
               ElementsAre("REPLY 9", "REPLY 10",
-                          "ERROR 11 INVALID_ARGUMENT: the request is no "
-                          "BrowserId, or nested deeper than 10"));
+                          "ERROR 11 INVALID_ARGUMENT: the request cannot be "
+                          "parsed as BrowserId (malformed, or nested deeper "
+                          "than 10 levels)"));
   ExpectOthersAreServed();
 }
 
 TEST_F(DepthLimit, HoldsOnStreamsToo) {
-  RawPeer host = ConnectRaw();
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
-  host.Send(Frame(StreamMessage::KIND_NEXT, 1, Nested(11)));
-  host.Send(OpenFrame(2, kOnCreateWebDialog));
-  host.Send(Frame(StreamMessage::KIND_NEXT, 2, Nested(11)));
-  EXPECT_THAT(Settle(&host),
-              ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
-                          "rpc.EventSubscription, or nested deeper than 10",
-                          "COMPLETE 1",
-                          "ERROR 2 INVALID_ARGUMENT: the payload is no "
-                          "rpc.CreateWebDialog, or nested deeper than 10",
-                          "COMPLETE 2"));
+  RawPeer client = ConnectRaw();
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(Frame(StreamMessage::KIND_NEXT, 1, Nested(11)));
+  client.Send(OpenFrame(2, kOnCreateWebDialog));
+  client.Send(Frame(StreamMessage::KIND_NEXT, 2, Nested(11)));
+  EXPECT_THAT(
+      Settle(&client),
+      ElementsAre(
+          "ERROR 1 INVALID_ARGUMENT: the payload cannot be "
+          "parsed as rpc.EventSubscription (malformed, or nested deeper "
+          "than 10 levels)",
+          "COMPLETE 1",
+          "ERROR 2 INVALID_ARGUMENT: the payload cannot be "
+          "parsed as rpc.CreateWebDialog (malformed, or nested deeper "
+          "than 10 levels)",
+          "COMPLETE 2"));
 }
 
 class BoundlessDepth : public ServerLimitsTest {
@@ -255,10 +261,10 @@ class BoundlessDepth : public ServerLimitsTest {
 };
 
 TEST_F(BoundlessDepth, StaysWithinWhatStreamsCanRead) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   for (const int depth : {99, 100, 101})
-    host.Send(NestedCall(static_cast<std::uint64_t>(depth), depth));
-  EXPECT_THAT(Settle(&host),
+    client.Send(NestedCall(static_cast<std::uint64_t>(depth), depth));
+  EXPECT_THAT(Settle(&client),
               ElementsAre("REPLY 99", "REPLY 100",
                           StartsWith("ERROR 101 INVALID_ARGUMENT")));
 }
@@ -273,33 +279,33 @@ class FrameTimeLimit : public ServerLimitsTest {
 };
 
 TEST_F(FrameTimeLimit, AFrameThatIsNotFinishedInTimeEndsTheConnection) {
-  RawPeer host = ConnectRaw();
-  host.SendBytes(RawPeer::Bytes(CallFrame(1, kShow)).substr(0, 5));
+  RawPeer client = ConnectRaw();
+  client.SendBytes(RawPeer::Bytes(CallFrame(1, kShow)).substr(0, 5));
   loop.RunUntil([&] { return server->connections() == 0; });
   EXPECT_THAT(
-      Settle(&host),
+      Settle(&client),
       ElementsAre("ERROR 0 DEADLINE_EXCEEDED: frame not finished within "
-                  "20ms; 5 bytes of it have come"));
-  EXPECT_TRUE(host.closed);
+                  "20ms; 5 bytes of it have arrived"));
+  EXPECT_TRUE(client.closed);
   EXPECT_EQ(server->counters().thrown_out, 1u);
   ExpectOthersAreServed();
 }
 
 TEST_F(FrameTimeLimit, TheTimeBetweenFramesDoesNotCount) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   bool passed = false;
-  // The first frame's time is up when the second has begun a moment ago.
+  // The first frame's time would be up shortly after the second has begun.
   const std::string bytes = RawPeer::Bytes(CallFrame(1, kShow));
-  host.SendBytes(bytes.substr(0, 5));
+  client.SendBytes(bytes.substr(0, 5));
   loop.RunUntilIdle();
-  host.SendBytes(bytes.substr(5));
+  client.SendBytes(bytes.substr(5));
   const auto later = loop.RunAfter(absl::Milliseconds(30), [&] {
-    host.SendBytes(RawPeer::Bytes(CallFrame(2, kShow)).substr(0, 5));
+    client.SendBytes(RawPeer::Bytes(CallFrame(2, kShow)).substr(0, 5));
     passed = true;
   });
   loop.RunUntil([&] { return passed; });
-  host.SendBytes(RawPeer::Bytes(CallFrame(2, kShow)).substr(5));
-  EXPECT_THAT(Settle(&host), ElementsAre("REPLY 1", "REPLY 2"));
+  client.SendBytes(RawPeer::Bytes(CallFrame(2, kShow)).substr(5));
+  EXPECT_THAT(Settle(&client), ElementsAre("REPLY 1", "REPLY 2"));
 }
 
 }  // namespace

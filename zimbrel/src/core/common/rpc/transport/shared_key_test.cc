@@ -1,5 +1,5 @@
-// Two hosts want the same events, and one of them dies at a random moment, many
-// times over. Takes --gtest_random_seed.
+// Two clients watch the same events, and one of them dies at a random moment,
+// many times over. Takes --gtest_random_seed.
 
 #include <cstddef>
 #include <cstdint>
@@ -39,9 +39,8 @@ void Collect(RawPeer* from, Events* into) {
   from->frames.clear();
 }
 
-// What a host says before it dies: frames that open up to three streams and
-// have them subscribe, unsubscribe and complete. Each frame is right where it
-// stands.
+// What a client sends before it dies: frames that open up to three streams and
+// make them subscribe, unsubscribe and complete, in a valid order.
 class Speech {
  public:
   void Open() { Add(OpenFrame(++last_, kWhenTooltipChanged)); }
@@ -72,7 +71,7 @@ class Speech {
   std::vector<std::size_t> ends_;
 };
 
-// The host that stays is subscribed to browser 7 all the time.
+// The client that stays is subscribed to browser 7 all the time.
 class SharedKeyTest : public StreamFixture {
  protected:
   SharedKeyTest() {
@@ -90,8 +89,8 @@ class SharedKeyTest : public StreamFixture {
     return std::uniform_int_distribution<std::size_t>(0, below - 1)(random_);
   }
 
-  // The other host is a socket of this process: what it has said when it dies
-  // may end anywhere, and who is due an event is known each time.
+  // The other client is a socket of this process. Its last frame may be cut
+  // anywhere when it dies, and the test knows each time who must get an event.
   void DieAtAnyByte() {
     const Speech speech = MakeSpeech();
     std::optional<RawPeer> dies = ConnectRaw();
@@ -117,16 +116,16 @@ class SharedKeyTest : public StreamFixture {
       }
       if (Random(2) == 0) PublishToAll();
     }
-    // Now and then with something that it has not read, or after its last words
-    // and before they are heard.
+    // Sometimes it has not read everything, and sometimes its last frames have
+    // not been handled yet.
     dies.reset();
     if (Random(2) == 0) PublishToAll();
     listening_.clear();
     loop.RunUntilIdle();
   }
 
-  // The other host is a process that goes on subscribing and unsubscribing
-  // until it is killed.
+  // The other client is a process that subscribes and unsubscribes until it is
+  // killed.
   void DieByKill() {
     auto pair = ConnectedPair();
     std::optional<RawPeer> its_end(std::move(pair->second));
@@ -150,7 +149,7 @@ class SharedKeyTest : public StreamFixture {
     loop.RunUntilIdle();
   }
 
-  // Only the host that stays is there, and it has missed nothing.
+  // Only the client that stays is connected, and it has missed nothing.
   void CheckWhatIsLeft() {
     EXPECT_EQ(server->connections(), 1u);
     EXPECT_EQ(ListedForTooltips(7), 1u);
@@ -222,11 +221,11 @@ class SharedKeyTest : public StreamFixture {
 
   std::mt19937 random_;
   RawPeer stays_ = ConnectRaw();
-  std::vector<std::string> published_;  // Since the host that stays was asked.
+  std::vector<std::string> published_;  // Since the staying client was checked.
   int last_text_ = 0;
 
-  // Of the host that dies: its streams that are subscribed, and what they have
-  // to receive.
+  // Of the client that dies: its subscribed streams, and the events that they
+  // must receive.
   std::vector<std::uint64_t> listening_;
   Events due_;
 };

@@ -1,4 +1,4 @@
-// How a server ends in order, within a bound.
+// The orderly end of a server, within a bounded time.
 
 #include <cstddef>
 #include <cstdint>
@@ -40,7 +40,7 @@ class ShutdownTest : public StreamFixture {
   int ended = 0;
 };
 
-TEST_F(ShutdownTest, WithoutHostsItEndsAtOnceButNotInsideTheCall) {
+TEST_F(ShutdownTest, WithoutClientsItEndsAtOnceButNotInsideTheCall) {
   Shutdown();
   EXPECT_EQ(ended, 0);
   loop.RunUntilIdle();
@@ -51,8 +51,8 @@ TEST_F(ShutdownTest, RemovesTheSocketFileAndListensNoMore) {
   const TemporaryFolder folder;
   const std::string path = folder.path() + "/s";
   ASSERT_TRUE(server->Listen(path).ok());
-  const auto host = SocketClient::Connect(&loop, path);
-  ASSERT_TRUE(host.ok());
+  const auto client = SocketClient::Connect(&loop, path);
+  ASSERT_TRUE(client.ok());
   Shutdown();
   EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_EQ(SocketClient::Connect(&loop, path).status().code(),
@@ -61,7 +61,7 @@ TEST_F(ShutdownTest, RemovesTheSocketFileAndListensNoMore) {
   EXPECT_EQ(ended, 1);
 }
 
-TEST_F(ShutdownTest, TakesNoFurtherHosts) {
+TEST_F(ShutdownTest, TakesNoFurtherClients) {
   Shutdown();
   auto pair = ConnectedPair();
   EXPECT_EQ(server->Adopt(pair->first.Release()),
@@ -72,25 +72,25 @@ TEST_F(ShutdownTest, TakesNoFurtherHosts) {
             absl::UnavailableError("the server has been shut down"));
 }
 
-TEST_F(ShutdownTest, CompletesStreamsAndTellsTheirHosts) {
-  RawPeer host = ConnectRaw();
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
-  host.Send(NextFrame(1, Subscribe(7)));
-  host.Send(OpenFrame(2, kOnCreateWebDialog));
-  host.Send(NextFrame(2, Serve(7)));
-  Settle(&host);
+TEST_F(ShutdownTest, CompletesStreamsAndTellsTheirClients) {
+  RawPeer client = ConnectRaw();
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(NextFrame(1, Subscribe(7)));
+  client.Send(OpenFrame(2, kOnCreateWebDialog));
+  client.Send(NextFrame(2, Serve(7)));
+  Settle(&client);
   Shutdown();
   EXPECT_EQ(RegisteredKeys(), 0u);
-  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 1", "COMPLETE 2"));
-  EXPECT_TRUE(host.closed);
+  EXPECT_THAT(Settle(&client), ElementsAre("COMPLETE 1", "COMPLETE 2"));
+  EXPECT_TRUE(client.closed);
   EXPECT_EQ(ended, 1);
 }
 
-TEST_F(ShutdownTest, FailsTheCallsOfTheWidget) {
-  RawPeer host = ConnectRaw();
-  host.Send(OpenFrame(1, kOnCreateWebDialog));
-  host.Send(NextFrame(1, Serve(7)));
-  Settle(&host);
+TEST_F(ShutdownTest, FailsTheCallsOfTheServer) {
+  RawPeer client = ConnectRaw();
+  client.Send(OpenFrame(1, kOnCreateWebDialog));
+  client.Send(NextFrame(1, Serve(7)));
+  Settle(&client);
   const auto call = Ask(7, "?");
   Shutdown();
   loop.RunUntilIdle();
@@ -98,44 +98,44 @@ TEST_F(ShutdownTest, FailsTheCallsOfTheWidget) {
 }
 
 TEST_F(ShutdownTest, WaitsForAHandlerThatAnswers) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kHide));
-  Settle(&host);
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kHide));
+  Settle(&client);
   Shutdown();
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_EQ(ended, 0);
   widget.held[0].done->Run();
   widget.held.clear();
-  EXPECT_THAT(Settle(&host), ElementsAre("REPLY 1"));
-  EXPECT_TRUE(host.closed);
+  EXPECT_THAT(Settle(&client), ElementsAre("REPLY 1"));
+  EXPECT_TRUE(client.closed);
   EXPECT_EQ(ended, 1);
 }
 
-TEST_F(ShutdownTest, DoesNotWaitForACallThatItsHostCancels) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kHide));
-  Settle(&host);
+TEST_F(ShutdownTest, DoesNotWaitForACallThatItsClientCancels) {
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kHide));
+  Settle(&client);
   Shutdown();
-  host.Send(Frame(rpc::transport::StreamMessage::KIND_CANCEL, 1));
-  Settle(&host);
+  client.Send(Frame(rpc::transport::StreamMessage::KIND_CANCEL, 1));
+  Settle(&client);
   EXPECT_EQ(ended, 1);
 }
 
-TEST_F(ShutdownTest, DoesNotWaitForAHostThatLeaves) {
-  std::optional<RawPeer> host = ConnectRaw();
-  host->Send(CallFrame(1, kHide));
-  Settle(&*host);
+TEST_F(ShutdownTest, DoesNotWaitForAClientThatLeaves) {
+  std::optional<RawPeer> client = ConnectRaw();
+  client->Send(CallFrame(1, kHide));
+  Settle(&*client);
   Shutdown();
-  host.reset();
+  client.reset();
   loop.RunUntilIdle();
   EXPECT_EQ(ended, 1);
 }
 
 TEST_F(ShutdownTest, FailsACallThatIsNotAnsweredInTime) {
-  const auto host = Connect();
+  const auto client = Connect();
   std::optional<absl::Status> answered;
-  host->Call(rpc::BrowserWidgetRpc::descriptor()->method(kHide), BrowserId(),
-             [&answered](const auto& answer) { answered = answer.status(); });
+  client->Call(rpc::BrowserWidgetRpc::descriptor()->method(kHide), BrowserId(),
+               [&answered](const auto& answer) { answered = answer.status(); });
   loop.RunUntilIdle();
   ASSERT_EQ(widget.held.size(), 1u);
   Shutdown(absl::ZeroDuration());
@@ -146,24 +146,24 @@ TEST_F(ShutdownTest, FailsACallThatIsNotAnsweredInTime) {
 }
 
 TEST_F(ShutdownTest, LetsNothingBeginMeanwhile) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kHide));
-  Settle(&host);
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kHide));
+  Settle(&client);
   Shutdown();
-  host.Send(CallFrame(2, kShow));
-  host.Send(OpenFrame(3, kWhenTooltipChanged));
-  EXPECT_THAT(Settle(&host),
-              ElementsAre("ERROR 2 UNAVAILABLE: the widget is shutting down",
-                          "ERROR 3 UNAVAILABLE: the widget is shutting down"));
+  client.Send(CallFrame(2, kShow));
+  client.Send(OpenFrame(3, kWhenTooltipChanged));
+  EXPECT_THAT(Settle(&client),
+              ElementsAre("ERROR 2 UNAVAILABLE: the server is shutting down",
+                          "ERROR 3 UNAVAILABLE: the server is shutting down"));
 }
 
 // More than a socket takes at once.
 class WithALongQueue : public ShutdownTest {
  protected:
-  WithALongQueue() : host(ConnectRaw()) {
-    host.Send(OpenFrame(1, kWhenLiveRegionChanged));
-    host.Send(NextFrame(1, Subscribe(7)));
-    Settle(&host);
+  WithALongQueue() : client(ConnectRaw()) {
+    client.Send(OpenFrame(1, kWhenLiveRegionChanged));
+    client.Send(NextFrame(1, Subscribe(7)));
+    Settle(&client);
     rpc::AriaLiveRegionChanged event;
     event.set_text(std::string(kEventBytes, 'x'));
     for (std::size_t i = 0; i < kEvents; ++i)
@@ -172,25 +172,25 @@ class WithALongQueue : public ShutdownTest {
 
   static constexpr std::size_t kEvents = 20;
   static constexpr std::size_t kEventBytes = std::size_t{256} << 10;
-  RawPeer host;
+  RawPeer client;
 };
 
 TEST_F(WithALongQueue, LetsAllLeaveThatWasSent) {
   Shutdown();
   loop.RunUntilIdle();
   EXPECT_EQ(ended, 0);
-  host.frames.clear();
-  while (!host.closed) {
+  client.frames.clear();
+  while (!client.closed) {
     loop.RunUntilIdle();
-    host.Receive();
+    client.Receive();
   }
-  ASSERT_EQ(host.frames.size(), kEvents + 1);
-  EXPECT_EQ(InWords(host.frames.back()), "COMPLETE 1");
+  ASSERT_EQ(client.frames.size(), kEvents + 1);
+  EXPECT_EQ(InWords(client.frames.back()), "COMPLETE 1");
   loop.RunUntilIdle();
   EXPECT_EQ(ended, 1);
 }
 
-TEST_F(WithALongQueue, CutsOffAHostThatDoesNotReadInTime) {
+TEST_F(WithALongQueue, CutsOffAClientThatDoesNotReadInTime) {
   RawPeer reads = ConnectRaw();
   Shutdown(absl::Milliseconds(1));
   ASSERT_TRUE(loop.RunUntil([this] { return ended == 1; }));
@@ -198,16 +198,16 @@ TEST_F(WithALongQueue, CutsOffAHostThatDoesNotReadInTime) {
 }
 
 TEST_F(ShutdownTest, MayBeAskedForByAHandler) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   widget.on_show = [this](std::uint64_t) { Shutdown(); };
-  host.Send(CallFrame(1, kShow));
-  EXPECT_THAT(Settle(&host), ElementsAre("REPLY 1"));
+  client.Send(CallFrame(1, kShow));
+  EXPECT_THAT(Settle(&client), ElementsAre("REPLY 1"));
   EXPECT_EQ(ended, 1);
 }
 
 TEST_F(ShutdownTest, TheServerMayBeDestroyedAtItsEnd) {
-  RawPeer host = ConnectRaw();
-  Settle(&host);
+  RawPeer client = ConnectRaw();
+  Settle(&client);
   server->Shutdown(kLong, [this] {
     server.reset();
     ++ended;
@@ -217,9 +217,9 @@ TEST_F(ShutdownTest, TheServerMayBeDestroyedAtItsEnd) {
 }
 
 TEST_F(ShutdownTest, TheServerMayBeDestroyedMeanwhile) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kHide));
-  Settle(&host);
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kHide));
+  Settle(&client);
   Shutdown();
   server.reset();
   loop.RunUntilIdle();

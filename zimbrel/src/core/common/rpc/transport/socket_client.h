@@ -1,4 +1,4 @@
-// A host's connection to a widget.
+// A client's connection to a server.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_CLIENT_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_CLIENT_H_
@@ -26,43 +26,42 @@ class ClientConnection;
 }  // namespace internal
 
 struct ClientOptions {
-  // The longest frame that is sent or accepted, its length field not counted.
-  // Less than kMinMaxFrameBytes counts as that.
+  // The longest frame that is sent or accepted, in bytes, without its length
+  // field. Values below kMinMaxFrameBytes count as kMinMaxFrameBytes.
   std::size_t max_frame_bytes = kDefaultMaxFrameBytes;
 
-  // Once this many bytes wait for the widget to read them, calls and messages
+  // Once this many bytes wait for the server to read them, calls and messages
   // on streams fail with kResourceExhausted.
   std::size_t max_queued_bytes = std::size_t{64} << 20;
 };
 
 // Calls the unary methods of the service at the other end of a Unix-domain
-// socket, and opens its streams: one service, that of the method used first.
-// Calls and what is sent on streams reach the widget in the order in which they
-// are made; answers come in any order.
+// socket, and opens its streams. A connection is for one service, that of the
+// method used first. Calls and messages on streams reach the server in the
+// order in which they are made; answers arrive in any order.
 //
 // When the connection ends, for whatever reason, every call in progress and
-// every stream ends with kUnavailable, and so does each later one; with
-// kFailedPrecondition if the widget has another service there, or a version of
-// it that does not fit, which no later try will mend. A widget may have more
-// methods than this end knows of, or fewer: then those that it lacks fail with
-// kUnimplemented. A client does not reconnect: the widget at the other end
-// would be another one.
+// every stream ends with kUnavailable, and so does each later one. If the
+// server has another service, or an incompatible version of it, they end with
+// kFailedPrecondition instead, and trying again does not help. The server may
+// have more methods than this end knows, or fewer: calls of methods that it
+// lacks fail with kUnimplemented. A client does not reconnect, since it might
+// reach a new process, which knows nothing of what was done in the old one.
 //
 // Thread: the service thread of its loop. Lifetime: the loop outlives the
 // client. May be destroyed at any time, also in continuations and in streams'
-// handlers. When the destructor returns, everything has ended: what was in
-// progress with kCancelled, and what was about to end with its own reason. No
-// callback runs later.
+// handlers. The destructor ends what is in progress with kCancelled, and what
+// was about to end with its own reason. No callback runs after it has returned.
 class SocketClient {
  public:
   // Connects to a server that listens at `path`. Blocks only while the server's
-  // queue of connections is full. Errors are kUnavailable where nobody listens,
-  // and kPermissionDenied where another user does.
+  // queue of connections is full. kUnavailable if no server listens there,
+  // kPermissionDenied if the server belongs to another user.
   static absl::StatusOr<std::unique_ptr<SocketClient>> Connect(
       EventLoop* loop, const std::string& path, ClientOptions options = {});
 
-  // Takes over a connected stream socket instead, such as one of a
-  // socketpair(), and closes it also on failure.
+  // Uses a connected stream socket instead, such as one of a socketpair().
+  // Takes ownership of it, even on error.
   static absl::StatusOr<std::unique_ptr<SocketClient>> Adopt(
       EventLoop* loop, int descriptor, ClientOptions options = {});
 
@@ -75,42 +74,44 @@ class SocketClient {
   // `request` is borrowed for the call. How a call ends:
   //
   // - OK, with a message of the method's output type.
-  // - kUnknown: the handler failed the call, or the server does not serve it.
+  // - kUnknown: the handler failed the call, or the server has no handler.
   // - kUnimplemented: the service at the other end has no such method.
-  // - kInvalidArgument: the method is a stream, or of another service than the
-  //   connection's, or the request could not be read.
-  // - kResourceExhausted: the request or the response does not fit a frame.
-  // - kDeadlineExceeded, kCancelled: the call was given up, here; its handler
-  //   learns of it if it asked.
-  // - kUnavailable: the connection is gone; the call may have been served.
-  // - kInternal: the response could not be read.
+  // - kInvalidArgument: the method is a stream, or belongs to another service
+  //   than the connection's, or the request could not be parsed.
+  // - kResourceExhausted: the request or the response does not fit a frame, or
+  //   too much waits to be sent or answered.
+  // - kDeadlineExceeded, kCancelled: this end gave the call up; the handler
+  //   learns of it if it asked to be told.
+  // - kUnavailable: the connection is gone; the server may have handled the
+  //   call.
+  // - kInternal: the response could not be parsed.
   CallHandle Call(
       const google::protobuf::MethodDescriptor* method,
       const google::protobuf::Message& request,
       OnAnswer<std::unique_ptr<google::protobuf::Message>> on_answer = nullptr,
       CallOptions options = {});
 
-  // The same, but blocks until the call has ended. Other work of the loop runs
+  // Like Call, but blocks until the call has ended. Other work of the loop runs
   // meanwhile. May be called anywhere on the service thread, also inside a task
-  // or a handler of something else, but fails at once
+  // or a handler of another object, but fails at once
   //
   // - with kFailedPrecondition inside a continuation or handler of this client,
   //   where it would wait for itself;
   // - with kCancelled once the loop is stopped;
   // - with the reason if the request cannot be sent.
   //
-  // A blocking call that another task makes meanwhile returns before this one.
+  // If another task makes a blocking call meanwhile, that one returns first.
   absl::StatusOr<std::unique_ptr<google::protobuf::Message>> CallAndWait(
       const google::protobuf::MethodDescriptor* method,
       const google::protobuf::Message& request, CallOptions options = {});
 
-  // Opens a stream of `method`. Never null: if it cannot be opened, `on_end`
-  // tells why, but not inside this call.
+  // Opens a stream of `method`. Never returns null: if the stream cannot be
+  // opened, `on_end` tells why, after this function has returned.
   [[nodiscard]] std::unique_ptr<ClientStream> OpenStream(
       const google::protobuf::MethodDescriptor* method,
       ClientStreamHandlers handlers);
 
-  // OK while the connection stands, then why it ended.
+  // OK while the connection exists, then the reason why it ended.
   const absl::Status& status() const;
 
   // What the server takes from this client. Known from the first answer on; no

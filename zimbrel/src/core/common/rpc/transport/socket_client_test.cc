@@ -28,8 +28,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-// The client against a scripted widget. All calls are of
-// GetChromiumWindowHandle.
+// The client with a scripted server. All calls are of GetChromiumWindowHandle.
 class SocketClientTest : public ::testing::Test {
  protected:
   // A call, and how it ended.
@@ -50,7 +49,7 @@ class SocketClientTest : public ::testing::Test {
 
   SocketClientTest() {
     auto pair = ConnectedPair();
-    widget.emplace(std::move(pair->first));
+    server.emplace(std::move(pair->first));
     client = *SocketClient::Adopt(&loop, pair->second.Release());
   }
 
@@ -77,7 +76,7 @@ class SocketClientTest : public ::testing::Test {
 
   void Settle() {
     loop.RunUntilIdle();
-    widget->Receive();
+    server->Receive();
   }
 
   void Reply(std::uint64_t id, std::uint64_t handle) {
@@ -87,7 +86,7 @@ class SocketClientTest : public ::testing::Test {
     frame.set_kind(StreamMessage::KIND_REPLY);
     frame.set_stream_id(id);
     frame.set_payload(response.SerializeAsString());
-    widget->Send(frame);
+    server->Send(frame);
   }
 
   void Fail(std::uint64_t id, absl::StatusCode code, const std::string& text) {
@@ -96,11 +95,11 @@ class SocketClientTest : public ::testing::Test {
     frame.set_stream_id(id);
     frame.set_error_code(static_cast<int>(code));
     frame.set_error_text(text);
-    widget->Send(frame);
+    server->Send(frame);
   }
 
   EventLoop loop;
-  std::optional<RawPeer> widget;
+  std::optional<RawPeer> server;
   std::unique_ptr<SocketClient> client;
 };
 
@@ -109,8 +108,8 @@ TEST_F(SocketClientTest, SendsTheMethodsIndexAndTheRequest) {
   call.request.set_value(77);
   Begin(&call);
   Settle();
-  ASSERT_THAT(widget->frames, SizeIs(1));
-  const StreamMessage& frame = widget->frames[0];
+  ASSERT_THAT(server->frames, SizeIs(1));
+  const StreamMessage& frame = server->frames[0];
   EXPECT_EQ(frame.kind(), StreamMessage::KIND_CALL);
   EXPECT_EQ(frame.stream_id(), 1u);
   EXPECT_EQ(frame.method(), 11u);
@@ -175,10 +174,11 @@ TEST_F(SocketClientTest, AResponseThatCannotBeParsedFailsItsCall) {
   frame.set_kind(StreamMessage::KIND_REPLY);
   frame.set_stream_id(1);
   frame.set_payload("\xff\xff");
-  widget->Send(frame);
+  server->Send(frame);
   Settle();
-  EXPECT_EQ(call.status,
-            absl::InternalError("the response is no rpc.WindowHandle"));
+  EXPECT_EQ(
+      call.status,
+      absl::InternalError("the response cannot be parsed as rpc.WindowHandle"));
 }
 
 TEST_F(SocketClientTest, AnAnswerToACallThatIsNotThereIsIgnored) {
@@ -197,22 +197,22 @@ TEST_F(SocketClientTest, ACallNeedsNoContinuation) {
   client->Call(Method(), BrowserId(), nullptr).Cancel();
   client->Call(Method(), BrowserId(), nullptr);
   Reply(1, 0);
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   EXPECT_TRUE(absl::IsUnavailable(client->status()));
 }
 
 // Deadlines and cancellation.
 
-TEST_F(SocketClientTest, ACallThatTakesTooLongFailsAndTheWidgetIsTold) {
+TEST_F(SocketClientTest, ACallThatTakesTooLongFailsAndTheServerIsTold) {
   PendingCall call;
   call.options.timeout = absl::Milliseconds(1);
   Wait(&call);
   EXPECT_EQ(call.status, absl::DeadlineExceededError("no answer within 1ms"));
   Settle();
-  ASSERT_THAT(widget->frames, SizeIs(2));
-  EXPECT_EQ(widget->frames[1].kind(), StreamMessage::KIND_CANCEL);
-  EXPECT_EQ(widget->frames[1].stream_id(), 1u);
+  ASSERT_THAT(server->frames, SizeIs(2));
+  EXPECT_EQ(server->frames[1].kind(), StreamMessage::KIND_CANCEL);
+  EXPECT_EQ(server->frames[1].stream_id(), 1u);
 }
 
 TEST_F(SocketClientTest, AnAnswerAfterTheDeadlineIsDropped) {
@@ -232,11 +232,11 @@ TEST_F(SocketClientTest, ACallWithoutTimeIsNotSent) {
   Wait(&call);
   EXPECT_TRUE(absl::IsDeadlineExceeded(call.status));
   Settle();
-  EXPECT_THAT(widget->frames, IsEmpty());
+  EXPECT_THAT(server->frames, IsEmpty());
 }
 
 TEST_F(SocketClientTest,
-       CancellingEndsTheCallSoonButNotInsideAndTellsTheWidget) {
+       CancellingEndsTheCallSoonButNotInsideAndTellsTheServer) {
   PendingCall call;
   Begin(&call);
   call.handle.Cancel();
@@ -244,8 +244,8 @@ TEST_F(SocketClientTest,
   Settle();
   EXPECT_EQ(call.ended, 1);
   EXPECT_TRUE(absl::IsCancelled(call.status));
-  ASSERT_THAT(widget->frames, SizeIs(2));
-  EXPECT_EQ(widget->frames[1].kind(), StreamMessage::KIND_CANCEL);
+  ASSERT_THAT(server->frames, SizeIs(2));
+  EXPECT_EQ(server->frames[1].kind(), StreamMessage::KIND_CANCEL);
 }
 
 TEST_F(SocketClientTest, CancellingTwiceOrWithoutACallIsHarmless) {
@@ -258,7 +258,7 @@ TEST_F(SocketClientTest, CancellingTwiceOrWithoutACallIsHarmless) {
   call.handle.Cancel();
   Settle();
   EXPECT_EQ(call.ended, 1);
-  EXPECT_THAT(widget->frames, SizeIs(2));
+  EXPECT_THAT(server->frames, SizeIs(2));
 }
 
 TEST_F(SocketClientTest, StoppingTheLoopCancelsABlockingCall) {
@@ -270,24 +270,24 @@ TEST_F(SocketClientTest, StoppingTheLoopCancelsABlockingCall) {
 
 // The connection's end.
 
-TEST_F(SocketClientTest, WhenTheWidgetGoesEveryCallFailsInTheOrderOfTheCalls) {
+TEST_F(SocketClientTest, WhenTheServerGoesEveryCallFailsInTheOrderOfTheCalls) {
   PendingCall calls[3];
   std::vector<int> order;
   for (int i = 0; i < 3; ++i)
     Begin(&calls[i], [&order, i] { order.push_back(i); });
   Settle();
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   EXPECT_THAT(order, ElementsAre(0, 1, 2));
   for (const PendingCall& call : calls) {
     EXPECT_EQ(call.status,
-              absl::UnavailableError("the widget closed the connection"));
+              absl::UnavailableError("the server closed the connection"));
   }
   EXPECT_TRUE(absl::IsUnavailable(client->status()));
 }
 
 TEST_F(SocketClientTest, ACallAfterTheConnectionsEndFailsButNotInsideTheCall) {
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   PendingCall call;
   Begin(&call);
@@ -298,46 +298,49 @@ TEST_F(SocketClientTest, ACallAfterTheConnectionsEndFailsButNotInsideTheCall) {
 }
 
 TEST_F(SocketClientTest, ABlockingCallAfterTheConnectionsEndFails) {
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   PendingCall call;
   Wait(&call);
   EXPECT_TRUE(absl::IsUnavailable(call.status));
 }
 
-TEST_F(SocketClientTest, TheWidgetsReasonForEndingTheConnectionIsPassedOn) {
+TEST_F(SocketClientTest, TheServersReasonForEndingTheConnectionIsPassedOn) {
   PendingCall call;
   Begin(&call);
   Fail(0, absl::StatusCode::kInvalidArgument, "nonsense");
   Settle();
   EXPECT_EQ(call.status, absl::UnavailableError(
-                             "the widget ended the connection: nonsense"));
+                             "the server ended the connection: nonsense"));
 }
 
-TEST_F(SocketClientTest, AFrameThatWidgetsDoNotSendEndsTheConnection) {
+TEST_F(SocketClientTest, AFrameThatServersDoNotSendEndsTheConnection) {
   PendingCall call;
   Begin(&call);
   StreamMessage frame;
   frame.set_kind(StreamMessage::KIND_CALL);
   frame.set_stream_id(1);
-  widget->Send(frame);
+  server->Send(frame);
   Settle();
   EXPECT_EQ(call.status,
-            absl::UnavailableError("the widget sent a frame of kind 1"));
+            absl::UnavailableError(
+                "the server sent a frame of kind 1, which a server never "
+                "sends"));
 }
 
 TEST_F(SocketClientTest, BytesThatAreNoFrameEndTheConnection) {
   PendingCall call;
   Begin(&call);
-  widget->SendBytes(std::string("\x01\0\0\0\xff", 5));
+  server->SendBytes(std::string("\x01\0\0\0\xff", 5));
   Settle();
-  EXPECT_THAT(call.status.message(), HasSubstr("that is no StreamMessage"));
+  EXPECT_THAT(call.status.message(),
+              HasSubstr("cannot be parsed as StreamMessage"));
   EXPECT_TRUE(absl::IsUnavailable(call.status));
 }
 
 // It used to be refused as if it were made inside a callback.
 TEST_F(SocketClientTest, ABlockingCallAfterBytesThatAreNoFrameIsUnavailable) {
-  widget->SendBytes(std::string("\x01\0\0\0\xff", 5));
+  server->SendBytes(std::string("\x01\0\0\0\xff", 5));
   loop.RunUntilIdle();
   PendingCall call;
   Wait(&call);
@@ -356,7 +359,7 @@ TEST_F(SocketClientTest, ARequestThatFitsNoFrameFailsAndTheConnectionGoesOn) {
   EXPECT_TRUE(call.status.ok());
 }
 
-// What may be done inside a continuation.
+// Things that a continuation may do.
 
 TEST_F(SocketClientTest, DestroyingTheClientFailsItsCalls) {
   PendingCall call;
@@ -385,7 +388,7 @@ TEST_F(SocketClientTest,
   PendingCall second;
   Begin(&first, [this] { client.reset(); });
   Begin(&second);
-  widget.reset();
+  server.reset();
   loop.RunUntilIdle();
   EXPECT_EQ(first.ended, 1);
   EXPECT_EQ(second.ended, 1);

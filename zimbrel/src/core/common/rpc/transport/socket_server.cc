@@ -35,7 +35,7 @@ class SocketServer::Impl {
     if (!acceptor.ok()) return acceptor.status();
     listening_.emplace(*std::move(listening));
     acceptor_ = *std::move(acceptor);
-    AwaitHost();
+    AwaitClient();
     return absl::OkStatus();
   }
 
@@ -57,7 +57,8 @@ class SocketServer::Impl {
     cut_off_ = loop_->RunAfter(within, [this] { CutOff(); });
     std::vector<int> ids;
     for (const auto& [id, connection] : connections_) ids.push_back(id);
-    // What the end of a stream tells may end other connections, and the server.
+    // Code that learns of a stream's end may close other connections, and may
+    // destroy the server.
     const std::weak_ptr<char> alive = alive_;
     for (const int id : ids) {
       const auto connection = connections_.find(id);
@@ -71,19 +72,19 @@ class SocketServer::Impl {
   const ServerCounters& counters() const { return counters_; }
 
  private:
-  void AwaitHost() {
+  void AwaitClient() {
     acceptor_->WhenReadable([this] { Accept(); });
   }
 
-  // One host in each task, so that a crowd of them does not keep the others
-  // waiting.
+  // Accepts one client in each task, so that a crowd of new ones does not delay
+  // those that are connected.
   void Accept() {
     OwnedDescriptor socket(
         ::accept4(acceptor_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
     if (socket.get() < 0) {
-      if (errno == EAGAIN) return AwaitHost();
-      // Out of descriptors, most likely; time cures that, and the host stays
-      // in the queue meanwhile. Or the host has given up.
+      if (errno == EAGAIN) return AwaitClient();
+      // Usually no descriptor is left; the client stays in the queue and is
+      // tried again later.
       const bool tries_at_once = errno == EINTR || errno == ECONNABORTED;
       next_accept_ =
           loop_->RunAfter(tries_at_once ? absl::ZeroDuration() : kAcceptRetry,
@@ -95,7 +96,7 @@ class SocketServer::Impl {
     if (!served.ok()) {
       ++counters_.thrown_out;
       LOG_EVERY_N_SEC(WARNING, 1)
-          << "a host was not let in: " << served.message();
+          << "a client was refused: " << served.message();
     }
     next_accept_ = loop_->RunAfter(absl::ZeroDuration(), [this] { Accept(); });
   }
@@ -106,7 +107,7 @@ class SocketServer::Impl {
     if (!socket.ok()) return socket.status();
     if (connections_.size() >= limits_.max_connections) {
       absl::Status why = absl::ResourceExhaustedError(absl::StrCat(
-          connections_.size(), " hosts are connected; the limit is ",
+          connections_.size(), " clients are connected; the limit is ",
           limits_.max_connections));
       ServerConnection::Refuse(*std::move(socket), why);
       return why;
@@ -126,7 +127,7 @@ class SocketServer::Impl {
     return absl::UnavailableError("the server has been shut down");
   }
 
-  // The rest has had its time.
+  // Ends the connections that did not finish in time.
   void CutOff() {
     const std::weak_ptr<char> alive = alive_;
     std::exchange(connections_, {}).clear();
@@ -149,13 +150,13 @@ class SocketServer::Impl {
   const ServerLimits limits_;
   ServerCounters counters_;
   const std::shared_ptr<char> alive_ = std::make_shared<char>();
-  std::optional<ListeningSocket>
-      listening_;  // Removes the file, after the acceptor is closed.
+  // Removes the socket file, after the acceptor below has been closed.
+  std::optional<ListeningSocket> listening_;
   std::unique_ptr<EventLoop::Watch> acceptor_;
   std::unique_ptr<EventLoop::Timer> next_accept_;
   bool is_shutting_down_ = false;
   std::unique_ptr<EventLoop::Timer> cut_off_;
-  Task done_;  // Null but while it is to come.
+  Task done_;  // Set from Shutdown() until it has been posted.
   int next_id_ = 0;
   std::unordered_map<int, std::unique_ptr<ServerConnection>> connections_;
 };

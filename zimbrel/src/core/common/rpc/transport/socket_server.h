@@ -1,4 +1,4 @@
-// Serves one service to the hosts that connect to a Unix-domain socket.
+// Serves one service to the clients that connect to a Unix-domain socket.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_SERVER_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_SERVER_H_
@@ -17,25 +17,26 @@
 
 namespace orvane {
 
-// Carries calls and streams between hosts and a service. What one host sends is
-// handled in the order in which it was sent, calls and streams together, on the
-// service thread. A handler may run `done` at once, later, or from another
-// thread, also when the host, the server or the loop are gone by then: the
-// answer then goes nowhere. The controller tells a handler that asks whether
-// its host still waits; it and the messages live until `done` has run. A
-// handler that never runs `done` leaks the call.
+// Carries calls and streams between clients and a service. The frames of one
+// client are handled in the order in which it sent them, calls and streams
+// together, on the service thread. A handler may run `done` immediately, later,
+// or on another thread, even after the client, the server or the loop has gone:
+// the answer is then dropped. The controller tells a handler whether its client
+// still waits. The controller and the messages exist until `done` has run, so a
+// handler that never runs `done` leaks them.
 //
-// The server owns the streams that hosts open. When one ends, or its host is
-// gone, the server unsubscribes it from every key that it is subscribed to,
-// completes it, which cancels the calls that it has not answered, and destroys
-// it.
+// The server owns the streams that clients open. When a stream ends or its
+// client disconnects, the server unsubscribes the stream from all its keys,
+// completes it, which cancels the calls that the client has not answered, and
+// destroys it.
 //
-// A host that calls or opens what there is not, or sends what cannot be read,
-// is told so in words, and the call or stream ends; where its bytes make no
-// sense as frames its connection ends. Other hosts notice nothing.
+// A client that calls or opens a method that does not exist, or sends a message
+// that cannot be parsed, gets an error text, and that call or stream ends. If
+// it sends bytes that are not frames, its connection ends. Other clients are
+// not affected.
 //
-// An orderly end is Shutdown, then the destructor; the destructor alone is an
-// abrupt one.
+// For an orderly end, call Shutdown and destroy the server once `done` has run.
+// Destroying it without Shutdown breaks off what is in progress.
 //
 // Thread: the service thread. Lifetime: loop and service outlive the server.
 // May be destroyed at any time, also by a handler.
@@ -45,36 +46,36 @@ class SocketServer {
   SocketServer(const SocketServer&) = delete;
   SocketServer& operator=(const SocketServer&) = delete;
 
-  // Stops listening, removes the socket file, and ends every connection: its
-  // streams are completed, which the host is told, and its calls cancelled.
+  // Stops listening, removes the socket file and ends every connection: its
+  // streams are completed, which the client is told, and its calls cancelled.
   ~SocketServer();
 
-  // Accepts hosts at `path`, whose folder must be private to this user and is
-  // made if only it is missing. Replaces a socket file that nobody listens at;
-  // refuses one of a server that is alive. At most once. On error, in words,
-  // nothing has changed.
+  // Accepts clients at `path`. The folder must be private to this user; if it
+  // is missing, it is created, but not its parent. A socket file is replaced if
+  // no server listens there any more; if one does, this fails. After an error
+  // nothing has changed, and after a success this must not be called again.
   absl::Status Listen(const std::string& path);
 
-  // Serves the host at the other end of a connected stream socket, such as one
-  // of a socketpair() or an inherited one. Takes the descriptor over, also if
-  // it fails: because the peer runs as another user, too many hosts are
-  // connected, or it is no such socket.
+  // Serves the client at the other end of a connected stream socket, such as
+  // one of a socketpair() or an inherited one. Takes ownership of the
+  // descriptor, even on error. Fails if the peer runs as another user, if too
+  // many clients are connected, or if this is not such a socket.
   absl::Status Adopt(int descriptor);
 
   // Stops listening, removes the socket file, completes every stream, which the
-  // host is told, and lets no call begin. A connection ends when its calls have
-  // been answered and its host has read all that it was sent, or when `within`
-  // is over: what is not answered then has failed for its host.
+  // client is told, and refuses new calls. A connection ends when its calls
+  // have been answered and its client has read everything, or when `within` has
+  // passed: calls that have no answer by then fail at the client.
   //
-  // `done` runs as a task of its own when no connection is left, so a little
-  // after `within` at the latest; never if the server is destroyed before. At
-  // most once: a later call does nothing, whose `done` never runs.
+  // `done` runs in a task of its own when no connection is left, so shortly
+  // after `within` at the latest; it never runs if the server is destroyed
+  // before. A second call of Shutdown does nothing, and its `done` never runs.
   void Shutdown(absl::Duration within, Task done);
 
-  // Hosts that are connected.
+  // The number of connected clients.
   std::size_t connections() const;
 
-  // What has gone wrong with hosts so far.
+  // Counts of what has gone wrong so far.
   const ServerCounters& counters() const;
 
  private:

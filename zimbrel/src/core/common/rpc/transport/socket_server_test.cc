@@ -27,7 +27,7 @@ class SocketServerTest : public ServerFixture {
   const std::string path = folder.path() + "/s";
 };
 
-TEST_F(SocketServerTest, ServesSeveralHostsAtItsPath) {
+TEST_F(SocketServerTest, ServesSeveralClientsAtItsPath) {
   ASSERT_TRUE(server->Listen(path).ok());
   const auto first = SocketClient::Connect(&loop, path);
   const auto second = SocketClient::Connect(&loop, path);

@@ -1,5 +1,5 @@
-// Every way in which something that is in progress between a host and a widget
-// can end, and what each side is told of it: who ends it × what it is.
+// Every way in which something in progress between a client and a server can
+// end, and what each side is told of it: who ends it × what it is.
 
 #include <cstdint>
 #include <memory>
@@ -28,11 +28,11 @@ enum class Kind { kUnary, kEvent, kCallback };
 
 enum class Ending {
   kNobodyEndsIt,
-  kTheHostEndsIt,
-  kTheHostIsKilled,
-  kTheWidgetEndsIt,
-  kTheLinkDiesInAFrameOfTheHost,
-  kTheLinkDiesInAFrameOfTheWidget,
+  kTheClientEndsIt,
+  kTheClientIsKilled,
+  kTheServerEndsIt,
+  kTheLinkDiesInAFrameOfTheClient,
+  kTheLinkDiesInAFrameOfTheServer,
 };
 
 using Told = std::vector<std::string>;
@@ -40,8 +40,8 @@ using Told = std::vector<std::string>;
 struct Cell {
   Kind kind;
   Ending ending;
-  Told host;
-  Told widget;
+  Told client;
+  Told server;
 };
 
 std::string NameOf(Kind kind) {
@@ -60,16 +60,16 @@ std::string NameOf(Ending ending) {
   switch (ending) {
     case Ending::kNobodyEndsIt:
       return "NobodyEndsIt";
-    case Ending::kTheHostEndsIt:
-      return "TheHostEndsIt";
-    case Ending::kTheHostIsKilled:
-      return "TheHostIsKilled";
-    case Ending::kTheWidgetEndsIt:
-      return "TheWidgetEndsIt";
-    case Ending::kTheLinkDiesInAFrameOfTheHost:
-      return "TheLinkDiesInAFrameOfTheHost";
-    case Ending::kTheLinkDiesInAFrameOfTheWidget:
-      return "TheLinkDiesInAFrameOfTheWidget";
+    case Ending::kTheClientEndsIt:
+      return "TheClientEndsIt";
+    case Ending::kTheClientIsKilled:
+      return "TheClientIsKilled";
+    case Ending::kTheServerEndsIt:
+      return "TheServerEndsIt";
+    case Ending::kTheLinkDiesInAFrameOfTheClient:
+      return "TheLinkDiesInAFrameOfTheClient";
+    case Ending::kTheLinkDiesInAFrameOfTheServer:
+      return "TheLinkDiesInAFrameOfTheServer";
   }
   return "";
 }
@@ -78,17 +78,17 @@ void PrintTo(const Cell& cell, std::ostream* out) {
   *out << NameOf(cell.kind) << NameOf(cell.ending);
 }
 
-// A host that has begun something: a call of Hide, a stream of browser 7's
+// A client that has begun something: a call of Hide, a stream of browser 7's
 // tooltips, or one that serves its dialogs.
-class Host {
+class Client {
  public:
-  Host(EventLoop* loop, int descriptor, Kind kind)
+  Client(EventLoop* loop, int descriptor, Kind kind)
       : kind_(kind), client_(*SocketClient::Adopt(loop, descriptor)) {
     Begin();
   }
 
-  // Says something more: another call, another subscription, or the answer to
-  // the widget's call.
+  // Sends something more: another call, another subscription, or the answer to
+  // the server's call.
   void SayMore() {
     switch (kind_) {
       case Kind::kUnary:
@@ -167,7 +167,7 @@ class Host {
   }
 
   const Kind kind_;
-  // Outlive the client, which ends them.
+  // They outlive the client, which ends them.
   std::vector<CallHandle> calls_;
   const std::unique_ptr<SocketClient> client_;
   std::unique_ptr<ClientStream> stream_;
@@ -183,15 +183,15 @@ class StreamEndTest : public StreamFixture,
   }
 
   void Begin() {
-    if (GetParam().ending == Ending::kTheHostIsKilled) {
+    if (GetParam().ending == Ending::kTheClientIsKilled) {
       BeginInAProcess();
     } else {
-      EXPECT_TRUE(server->Adopt(link_.ReleaseDescriptor(Link::kWidget)).ok());
-      host_.emplace(&loop, link_.ReleaseDescriptor(Link::kHost),
-                    GetParam().kind);
+      EXPECT_TRUE(server->Adopt(link_.ReleaseDescriptor(Link::kServer)).ok());
+      client_.emplace(&loop, link_.ReleaseDescriptor(Link::kClient),
+                      GetParam().kind);
     }
-    WaitForTheHost();
-    WidgetSays("first");
+    WaitForTheClient();
+    ServerSays("first");
     Settle();
   }
 
@@ -199,37 +199,37 @@ class StreamEndTest : public StreamFixture,
     switch (GetParam().ending) {
       case Ending::kNobodyEndsIt:
         if (GetParam().kind == Kind::kCallback) {
-          host_->SayMore();
+          client_->SayMore();
         } else {
-          WidgetSays("second");
+          ServerSays("second");
         }
         break;
-      case Ending::kTheHostEndsIt:
-        host_->End();
+      case Ending::kTheClientEndsIt:
+        client_->End();
         break;
-      case Ending::kTheHostIsKilled:
+      case Ending::kTheClientIsKilled:
         EXPECT_TRUE(process_->Kill());
         break;
-      case Ending::kTheWidgetEndsIt:
+      case Ending::kTheServerEndsIt:
         server.reset();
         break;
-      case Ending::kTheLinkDiesInAFrameOfTheHost:
-        host_->SayMore();
-        CutInAFrameOf(Link::kHost);
+      case Ending::kTheLinkDiesInAFrameOfTheClient:
+        client_->SayMore();
+        CutInAFrameOf(Link::kClient);
         break;
-      case Ending::kTheLinkDiesInAFrameOfTheWidget:
-        WidgetSays("second");
-        CutInAFrameOf(Link::kWidget);
+      case Ending::kTheLinkDiesInAFrameOfTheServer:
+        ServerSays("second");
+        CutInAFrameOf(Link::kServer);
         break;
     }
     Settle();
   }
 
-  Told ToldToTheHost() const {
-    return host_.has_value() ? host_->told : Told();
+  Told ToldToTheClient() const {
+    return client_.has_value() ? client_->told : Told();
   }
 
-  // The handlers of Hide that have not answered do it now.
+  // The handlers of Hide that have not answered yet answer now.
   void AnswerCalls() {
     for (const auto& call : std::exchange(widget.held, {})) call.done->Run();
   }
@@ -242,7 +242,7 @@ class StreamEndTest : public StreamFixture,
 
   static bool IsOver() { return GetParam().ending != Ending::kNobodyEndsIt; }
   static bool IsConnected() {
-    return !IsOver() || GetParam().ending == Ending::kTheHostEndsIt;
+    return !IsOver() || GetParam().ending == Ending::kTheClientEndsIt;
   }
 
  private:
@@ -250,13 +250,14 @@ class StreamEndTest : public StreamFixture,
     auto pair = ConnectedPair();
     process_.emplace([&] {
       EventLoop its_loop;
-      const Host its_host(&its_loop, pair->second.Release(), GetParam().kind);
-      its_loop.RunUntil([&] { return !its_host.is_connected(); });
+      const Client its_client(&its_loop, pair->second.Release(),
+                              GetParam().kind);
+      its_loop.RunUntil([&] { return !its_client.is_connected(); });
     });
     EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
   }
 
-  void WaitForTheHost() {
+  void WaitForTheClient() {
     Settle();
     loop.RunUntil(
         [this] { return !widget.held.empty() || RegisteredKeys() > 0; });
@@ -268,8 +269,8 @@ class StreamEndTest : public StreamFixture,
     }
   }
 
-  // An event, or a call. A unary call has no more than an answer, the second.
-  void WidgetSays(const std::string& text) {
+  // Sends an event or a call. For a unary call the second is the answer.
+  void ServerSays(const std::string& text) {
     switch (GetParam().kind) {
       case Kind::kUnary:
         if (text == "second") AnswerCalls();
@@ -293,15 +294,15 @@ class StreamEndTest : public StreamFixture,
   }
 
   Link link_;
-  std::optional<Host> host_;
+  std::optional<Client> client_;
   std::optional<ForkedProcess> process_;
 };
 
 TEST_P(StreamEndTest, BothSidesAreToldAndNothingIsLeft) {
   Begin();
   End();
-  EXPECT_EQ(ToldToTheHost(), GetParam().host);
-  EXPECT_EQ(ends, GetParam().widget);
+  EXPECT_EQ(ToldToTheClient(), GetParam().client);
+  EXPECT_EQ(ends, GetParam().server);
   if (server.has_value()) {
     EXPECT_EQ(server->connections(), IsConnected() ? 1u : 0u);
   }
@@ -315,8 +316,8 @@ TEST_P(StreamEndTest, BothSidesAreToldAndNothingIsLeft) {
 
   AnswerCalls();
   Settle();
-  EXPECT_EQ(ToldToTheHost(), GetParam().host) << "an answer after the end";
-  EXPECT_EQ(ends, GetParam().widget);
+  EXPECT_EQ(ToldToTheClient(), GetParam().client) << "an answer after the end";
+  EXPECT_EQ(ends, GetParam().server);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -333,59 +334,61 @@ INSTANTIATE_TEST_SUITE_P(
              {"first yes"}},
 
         Cell{Kind::kUnary,
-             Ending::kTheHostEndsIt,
+             Ending::kTheClientEndsIt,
              {"done CANCELLED"},
              {"cancelled"}},
-        Cell{Kind::kEvent, Ending::kTheHostEndsIt, {"event first"}, {}},
+        Cell{Kind::kEvent, Ending::kTheClientEndsIt, {"event first"}, {}},
         Cell{Kind::kCallback,
-             Ending::kTheHostEndsIt,
+             Ending::kTheClientEndsIt,
              {"call first"},
              {"first CANCELLED"}},
 
-        // Nobody asks the dead.
-        Cell{Kind::kUnary, Ending::kTheHostIsKilled, {}, {"cancelled"}},
-        Cell{Kind::kEvent, Ending::kTheHostIsKilled, {}, {}},
-        Cell{
-            Kind::kCallback, Ending::kTheHostIsKilled, {}, {"first CANCELLED"}},
+        // Nobody can ask a client that has died.
+        Cell{Kind::kUnary, Ending::kTheClientIsKilled, {}, {"cancelled"}},
+        Cell{Kind::kEvent, Ending::kTheClientIsKilled, {}, {}},
+        Cell{Kind::kCallback,
+             Ending::kTheClientIsKilled,
+             {},
+             {"first CANCELLED"}},
 
         Cell{Kind::kUnary,
-             Ending::kTheWidgetEndsIt,
+             Ending::kTheServerEndsIt,
              {"done UNAVAILABLE"},
              {"cancelled"}},
         Cell{Kind::kEvent,
-             Ending::kTheWidgetEndsIt,
+             Ending::kTheServerEndsIt,
              {"event first", "end OK"},
              {}},
         Cell{Kind::kCallback,
-             Ending::kTheWidgetEndsIt,
+             Ending::kTheServerEndsIt,
              {"call first", "end OK"},
              {"first CANCELLED"}},
 
-        // What was cut has not been said: no second call, no answer.
+        // A frame that was cut off does not count: no second call, no answer.
         Cell{Kind::kUnary,
-             Ending::kTheLinkDiesInAFrameOfTheHost,
+             Ending::kTheLinkDiesInAFrameOfTheClient,
              {"done UNAVAILABLE", "done UNAVAILABLE"},
              {"cancelled"}},
         Cell{Kind::kEvent,
-             Ending::kTheLinkDiesInAFrameOfTheHost,
+             Ending::kTheLinkDiesInAFrameOfTheClient,
              {"event first", "end UNAVAILABLE"},
              {}},
         Cell{Kind::kCallback,
-             Ending::kTheLinkDiesInAFrameOfTheHost,
+             Ending::kTheLinkDiesInAFrameOfTheClient,
              {"call first", "end UNAVAILABLE"},
              {"first CANCELLED"}},
 
-        // The widget has answered, and is told nothing more.
+        // The server has answered, and is told nothing more.
         Cell{Kind::kUnary,
-             Ending::kTheLinkDiesInAFrameOfTheWidget,
+             Ending::kTheLinkDiesInAFrameOfTheServer,
              {"done UNAVAILABLE"},
              {}},
         Cell{Kind::kEvent,
-             Ending::kTheLinkDiesInAFrameOfTheWidget,
+             Ending::kTheLinkDiesInAFrameOfTheServer,
              {"event first", "end UNAVAILABLE"},
              {}},
         Cell{Kind::kCallback,
-             Ending::kTheLinkDiesInAFrameOfTheWidget,
+             Ending::kTheLinkDiesInAFrameOfTheServer,
              {"call first", "end UNAVAILABLE"},
              {"first CANCELLED", "second CANCELLED"}}),
     [](const auto& cell) {

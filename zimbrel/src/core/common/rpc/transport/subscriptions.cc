@@ -22,7 +22,7 @@ absl::Status Read(std::string_view payload, Message* message) {
   if (internal::ParsePayload(payload, kMaxMessageDepth, message))
     return absl::OkStatus();
   return absl::InternalError(
-      absl::StrCat("the widget sent a message that cannot be parsed as ",
+      absl::StrCat("the server sent a message that cannot be parsed as ",
                    message->GetTypeName()));
 }
 
@@ -30,7 +30,7 @@ const FieldDescriptor* Field(const Message& message, const char* name) {
   return message.GetDescriptor()->FindFieldByName(name);
 }
 
-// If the stream could not be opened, `on_end` tells.
+// If the stream could not be opened, `on_end` tells why.
 void Subscribe(const ClientStream& stream, const Message& subscription) {
   stream.sender()->Next(subscription, /*call_id=*/0).IgnoreError();
 }
@@ -44,7 +44,7 @@ std::unique_ptr<ClientStream> WatchEvents(
   auto stream = client->OpenStream(
       method, {[event = std::move(event), on_event = std::move(on_event)](
                    std::string_view payload, std::int64_t) mutable {
-                 // The same message for all, so that its memory is too.
+                 // One message for all events, so that its memory is reused.
                  absl::Status read = Read(payload, event.get());
                  if (read.ok() && on_event) on_event(*event);
                  return read;
@@ -68,7 +68,7 @@ std::unique_ptr<ClientStream> ServeCalls(
   fields.SetBool(subscription.get(), Field(*subscription, kSubscribeField),
                  true);
 
-  // Known once the stream is open. Weak, since the stream owns its handlers.
+  // Set once the stream is open. Weak, since the stream owns its handlers.
   const auto sender = std::make_shared<std::weak_ptr<ClientStreamSender>>();
   auto stream = client->OpenStream(
       method,
@@ -78,7 +78,7 @@ std::unique_ptr<ClientStream> ServeCalls(
          if (absl::Status read = Read(payload, message.get()); !read.ok())
            return read;
          if (!fields.HasField(*message, call)) {
-           return absl::InternalError(absl::StrCat("the widget sent a ",
+           return absl::InternalError(absl::StrCat("the server sent a ",
                                                    message->GetTypeName(),
                                                    " without a call"));
          }
@@ -86,7 +86,7 @@ std::unique_ptr<ClientStream> ServeCalls(
          if (on_call) {
            on_call(*message, std::move(answer));
          } else {
-           answer.Fail(*message, "nobody answers");
+           answer.Fail(*message, "the client has no handler for calls");
          }
          return absl::OkStatus();
        },
@@ -112,7 +112,7 @@ absl::Status PendingAnswer::Send(Message* message) const {
 
 void PendingAnswer::Fail(const Message& message,
                          const std::string& text) const {
-  // Once the stream has ended, nobody waits.
+  // Once the stream has ended, nobody waits for the answer.
   sender_->Error(message, call_id_, text).IgnoreError();
 }
 

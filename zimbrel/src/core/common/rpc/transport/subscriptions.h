@@ -1,5 +1,6 @@
-// Streams that are subscribed to one key, for callers that know the messages by
-// their descriptors. Generated clients are made of these.
+// Opens streams that are subscribed to one key, for callers that know the types
+// of the messages only at run time. Generated clients are built on these
+// functions.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SUBSCRIPTIONS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SUBSCRIPTIONS_H_
@@ -18,10 +19,10 @@
 
 namespace orvane {
 
-// Opens an event stream and subscribes it to `key`, a message of the type that
-// rpc.EventSubscription has for it. `on_event` runs for each event, in their
-// order; it borrows the event, which `event` holds, a message of the method's
-// output type. Both callables may be empty.
+// Opens an event stream and subscribes it to `key`, which has the type that
+// rpc.EventSubscription uses for keys. `event` has the method's output type;
+// each event is parsed into it. `on_event` runs for each event, in the order of
+// arrival, and borrows it. Both callables may be empty.
 [[nodiscard]] std::unique_ptr<ClientStream> WatchEvents(
     SocketClient* client, const google::protobuf::MethodDescriptor* method,
     const google::protobuf::Message& key,
@@ -29,8 +30,8 @@ namespace orvane {
     absl::AnyInvocable<void(const google::protobuf::Message& event)> on_event,
     OnEnd on_end = nullptr);
 
-// The answer that one call of the server waits for, to be sent once, on the
-// stream that brought the call. It goes nowhere if the stream has ended.
+// Answers one call of the server, on the stream on which the call arrived. Call
+// Send or Fail once.
 //
 // Thread: the service thread. May outlive the stream and the client.
 class PendingAnswer {
@@ -43,12 +44,13 @@ class PendingAnswer {
   // Sends `message`, which holds the call's key and the response. An error
   // means that the response was not sent: kUnavailable if the stream has ended,
   // kResourceExhausted if the response is too long for a frame or the server
-  // reads too slowly. The call fails then, and `message` has lost its response.
+  // reads too slowly. The call fails then, and the response in `message` has
+  // been cleared.
   absl::Status Send(google::protobuf::Message* message) const;
 
-  // Fails the call. Of `message` only the key counts. The caller learns that
-  // the call has failed, and nothing more; `text` goes with the frame, for
-  // people who read it there.
+  // Fails the call. Of `message` only the key is used. The caller learns only
+  // that the call has failed; `text` is for people who read the frames. Does
+  // nothing if the stream has ended.
   void Fail(const google::protobuf::Message& message,
             const std::string& text) const;
 
@@ -57,10 +59,11 @@ class PendingAnswer {
   std::int64_t call_id_;
 };
 
-// Opens a callback stream and subscribes it to `key`, a message of the type of
-// `browser_id` in the method's messages. `on_call` runs for each call; it
-// borrows the message with key and call, which `message` holds, a message of
-// the method's output type, and may change it.
+// Opens a callback stream and subscribes it to `key`, which has the type of
+// `browser_id` in the method's messages. `message` has the method's output
+// type; each call is parsed into it. `on_call` runs for each call; it borrows
+// the message, which holds key and call, and may change it. If `on_call` is
+// empty, every call fails.
 [[nodiscard]] std::unique_ptr<ClientStream> ServeCalls(
     SocketClient* client, const google::protobuf::MethodDescriptor* method,
     const google::protobuf::Message& key,

@@ -1,9 +1,9 @@
-// What generated clients are made of: calls and streams with the types of their
-// messages. Hosts use the names outside `internal`; the rest is for generated
+// Calls and streams with typed messages, on which generated clients are built.
+// Applications use the names outside `internal`; the rest is for generated
 // code.
 //
 // Thread: all callables run on the service thread of the client's loop, and are
-// destroyed there. What they are passed by reference is borrowed for the call.
+// destroyed there. Arguments passed by reference are borrowed for the call.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_TYPED_CLIENT_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_TYPED_CLIENT_H_
@@ -29,22 +29,22 @@
 
 namespace orvane {
 
-// Runs for each event, in their order.
+// Runs for each event, in the order of arrival.
 template <EventMessage T>
 using OnEvent = absl::AnyInvocable<void(const T&)>;
 
-// Runs for each call of the widget; answers it through the responder, at once
-// or later.
+// Runs for each call of the server and answers it through the responder,
+// immediately or later.
 template <CallMessage T>
 using OnCall = absl::AnyInvocable<void(CallOf<T>, Responder<T>)>;
 
 namespace internal {
 
-// What a subscription to events is keyed by.
+// The type of the key in a subscription to events.
 using EventKey = std::remove_cvref_t<
     decltype(std::declval<rpc::EventSubscription>().subscribe())>;
 
-// SocketClient::Call and CallAndWait, with the type of the response.
+// SocketClient::Call and CallAndWait, with a typed response.
 template <typename Response>
 CallHandle Call(SocketClient* client,
                 const google::protobuf::MethodDescriptor* method,
@@ -55,7 +55,7 @@ absl::StatusOr<Response> CallAndWait(
     SocketClient* client, const google::protobuf::MethodDescriptor* method,
     const google::protobuf::Message& request, const CallOptions& options);
 
-// WatchEvents and ServeCalls, with the types of their messages.
+// WatchEvents and ServeCalls, with typed messages.
 template <EventMessage T>
 std::unique_ptr<ClientStream> Watch(
     SocketClient* client, const google::protobuf::MethodDescriptor* method,

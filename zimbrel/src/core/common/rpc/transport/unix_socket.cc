@@ -62,10 +62,11 @@ absl::Status EnsurePrivate(const std::string& folder) {
   struct stat info {};
   if (::lstat(folder.c_str(), &info) != 0) {
     return SystemError(
-        absl::StrCat("cannot look at the socket's folder ", folder));
+        absl::StrCat("cannot inspect the socket's folder ", folder));
   }
   if (!S_ISDIR(info.st_mode)) {
-    return absl::FailedPreconditionError(absl::StrCat(folder, " is no folder"));
+    return absl::FailedPreconditionError(
+        absl::StrCat(folder, " is not a folder"));
   }
   if (info.st_uid != ::geteuid()) {
     return absl::PermissionDeniedError(absl::StrCat(
@@ -81,9 +82,10 @@ absl::Status EnsurePrivate(const std::string& folder) {
   return absl::OkStatus();
 }
 
-// Claims `path` among servers, for as long as the result lives. Of two that
-// start at once over a stale socket, one would otherwise remove what the other
-// has just made. The file stays behind, since removing it would let two in.
+// Reserves `path` for this server until the result is destroyed. Without it, if
+// two servers started at the same time over a stale socket, one could remove
+// the socket that the other has just created. The lock file is never removed:
+// otherwise two servers could each hold a lock on a file of that name.
 absl::StatusOr<OwnedDescriptor> Lock(const std::string& path) {
   const std::string lock_path = path + ".lock";
   OwnedDescriptor lock(::open(lock_path.c_str(),
@@ -100,12 +102,12 @@ absl::StatusOr<OwnedDescriptor> Lock(const std::string& path) {
       absl::StrCat("a server listens at ", path, " already"));
 }
 
-// Removes a socket file that nobody listens at.
+// Removes a socket file at which no server listens.
 absl::Status RemoveStale(const std::string& path, const sockaddr_un& address) {
   struct stat info {};
   if (::lstat(path.c_str(), &info) == 0 && !S_ISSOCK(info.st_mode)) {
     return absl::AlreadyExistsError(
-        absl::StrCat(path, " is there already, and no socket"));
+        absl::StrCat(path, " exists and is not a socket"));
   }
   const absl::StatusOr<OwnedDescriptor> probe = NewSocket();
   if (!probe.ok()) return probe.status();
@@ -114,7 +116,8 @@ absl::Status RemoveStale(const std::string& path, const sockaddr_un& address) {
         absl::StrCat("a server listens at ", path, " already"));
   }
   if (errno != ECONNREFUSED)
-    return SystemError(absl::StrCat("cannot tell who has ", path));
+    return SystemError(
+        absl::StrCat("cannot tell whether a server listens at ", path));
   if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
     return SystemError(absl::StrCat("cannot remove the stale socket ", path));
   }
@@ -152,7 +155,7 @@ absl::StatusOr<ListeningSocket> ListeningSocket::Open(const std::string& path) {
     if (!bind()) return SystemError(absl::StrCat("cannot bind ", path));
   }
   ListeningSocket listening(*std::move(descriptor), *std::move(lock), path);
-  // The folder already keeps everybody else out.
+  // The folder already keeps other users out.
   if (::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0) {
     return SystemError(absl::StrCat("cannot make ", path, " private"));
   }
@@ -221,7 +224,7 @@ absl::Status CheckPeerIsThisUser(int descriptor) {
   ucred peer{};
   socklen_t size = sizeof peer;
   if (::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-    return SystemError("cannot tell who is at the other end of the socket");
+    return SystemError("cannot read the user id of the socket's peer");
   }
   if (peer.uid == ::geteuid() || peer.uid == 0) return absl::OkStatus();
   return absl::PermissionDeniedError(

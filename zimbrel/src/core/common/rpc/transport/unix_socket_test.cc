@@ -92,14 +92,14 @@ TEST_F(UnixSocketTest, RefusesAFolderOfSomebodyElse) {
 TEST_F(UnixSocketTest, RefusesALinkInPlaceOfTheFolder) {
   std::filesystem::create_directory(Path("real"));
   std::filesystem::create_symlink(Path("real"), Path("link"));
-  EXPECT_THAT(ErrorOf(Path("link/s")), HasSubstr("is no folder"));
+  EXPECT_THAT(ErrorOf(Path("link/s")), HasSubstr("is not a folder"));
 }
 
 TEST_F(UnixSocketTest, ReplacesASocketThatNobodyListensAt) {
   {
     auto listening = ListeningSocket::Open(Path("s"));
     ASSERT_TRUE(listening.ok()) << listening.status();
-    // As after a crash: the descriptor is closed, the file stays.
+    // Like after a crash: the descriptor is closed, the file stays.
     ::close(listening->ReleaseDescriptor());
     std::filesystem::create_hard_link(Path("s"), Path("kept"));
   }
@@ -118,7 +118,7 @@ TEST_F(UnixSocketTest, RefusesASocketOfALiveServer) {
 }
 
 TEST_F(UnixSocketTest, RefusesAPathThatAnotherServerHasClaimed) {
-  // As while that one is about to replace a stale socket.
+  // Like another server that is about to replace a stale socket.
   OwnedDescriptor lock(
       ::open(Path("s.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
@@ -167,7 +167,7 @@ TEST_F(UnixSocketTest, OfServersThatStartAtOnceOverAStaleSocketOneListens) {
       if (status == 0) ++listened;
     }
     EXPECT_EQ(listened, 1);
-    // They went without tidying up: the next round finds a stale socket.
+    // They left their socket file behind, so the next round finds a stale one.
     EXPECT_TRUE(Exists(Path("s")));
     for (const int descriptor : {gate[0], end[0], told[0], told[1]})
       ::close(descriptor);
@@ -176,7 +176,7 @@ TEST_F(UnixSocketTest, OfServersThatStartAtOnceOverAStaleSocketOneListens) {
 
 TEST_F(UnixSocketTest, RefusesAFileThatIsNoSocketAndLeavesIt) {
   std::ofstream(Path("s")) << "precious";
-  EXPECT_THAT(ErrorOf(Path("s")), HasSubstr("no socket"));
+  EXPECT_THAT(ErrorOf(Path("s")), HasSubstr("is not a socket"));
   EXPECT_TRUE(Exists(Path("s")));
 }
 

@@ -26,8 +26,8 @@ void ClientCall::Receive(std::string_view payload) {
   if (ParsePayload(payload, kMaxMessageDepth, &response())) {
     return End(absl::OkStatus());
   }
-  End(absl::InternalError(
-      absl::StrCat("the response is no ", response().GetTypeName())));
+  End(absl::InternalError(absl::StrCat("the response cannot be parsed as ",
+                                       response().GetTypeName())));
 }
 
 void ClientCall::End(absl::Status outcome) {

@@ -1,4 +1,4 @@
-// One unary call on its way to the server and back.
+// The client's side of one unary call.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_CALL_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_CALL_H_
@@ -22,9 +22,9 @@ namespace internal {
 
 class ClientConnection;
 
-// Holds what the answer is read into and the continuation that receives it;
-// classes derived from this one know their types. Its connection lists it
-// while it waits.
+// A call that waits for its answer. Derived classes hold the response and the
+// continuation, whose types they know. The connection keeps the call in a table
+// until the answer arrives.
 //
 // Thread: the service thread. May outlive the connection.
 class ClientCall : public Cancellable {
@@ -34,35 +34,36 @@ class ClientCall : public Cancellable {
   ClientCall& operator=(const ClientCall&) = delete;
   virtual ~ClientCall() = default;
 
-  // `connection` lists the call under `id` from now on. `deadline`, which may
-  // be null, is kept until the call has ended.
+  // Called when `connection` puts the call into its table as `id`. `deadline`
+  // may be null, and is kept until the call has ended.
   void Attach(ClientConnection* connection, std::uint64_t id,
               std::unique_ptr<EventLoop::Timer> deadline);
 
-  // The connection does not list the call any longer; cancelling it does
-  // nothing.
+  // Called when the connection has removed the call from its table. Cancelling
+  // it does nothing afterwards.
   void Detach();
 
-  // Reads the response and ends the call.
+  // Parses the response and ends the call.
   void Receive(std::string_view response);
 
-  // Detaches the call and runs its continuation, the first time; then does
-  // nothing. Not to be called while the connection lists the call.
+  // Detaches the call and runs its continuation. Does nothing if the call has
+  // ended before. The call must not be in the connection's table any longer.
   void End(absl::Status outcome);
 
   bool has_ended() const { return has_ended_; }
 
-  // Ends the call soon, but not inside this, if it is attached.
+  // If the call is attached, ends it soon, in a task of its own.
   void Cancel() final;
 
  private:
-  // What the response is read into.
+  // The message into which the response is parsed.
   virtual google::protobuf::Message& response() = 0;
 
-  // Runs the continuation: with the response if `outcome` is OK.
+  // Runs the continuation with the response if `outcome` is OK, otherwise with
+  // the error.
   virtual void RunContinuation(absl::Status outcome) = 0;
 
-  ClientConnection* connection_ = nullptr;  // Null unless it lists the call.
+  ClientConnection* connection_ = nullptr;  // Null while detached.
   std::uint64_t id_ = 0;
   std::unique_ptr<EventLoop::Timer> deadline_;
   bool has_ended_ = false;

@@ -115,7 +115,7 @@ absl::Status ClientConnection::SendRequest(std::uint64_t id,
                                            absl::Duration timeout) {
   if (absl::Status bound = BindTo(*method.service()); !bound.ok()) return bound;
   if (timeout <= absl::ZeroDuration()) {
-    return absl::DeadlineExceededError("the call had no time at all");
+    return absl::DeadlineExceededError("the call's timeout is not above 0");
   }
   if (!request.IsInitialized()) {
     return absl::InvalidArgumentError("the request lacks required fields: " +
@@ -131,7 +131,7 @@ absl::Status ClientConnection::SendRequest(std::uint64_t id,
 void ClientConnection::EndCall(const StreamMessage& frame,
                                std::string_view payload) {
   const std::shared_ptr<ClientCall> call = TakeCall(frame.stream_id());
-  if (call == nullptr) return;  // Cancelled; the answer was on its way.
+  if (call == nullptr) return;  // Cancelled while the answer was on its way.
   if (frame.kind() == StreamMessage::KIND_ERROR)
     return call->End(ErrorOf(frame));
   call->Receive(payload);
@@ -181,7 +181,7 @@ std::unique_ptr<ClientStream> ClientConnection::OpenStream(
     EndSoon([stream, sent] { stream->End(sent); });
   }
   return std::make_unique<ClientStream>(stream, [this, id, stream] {
-    // The connection outlives what is open, but perhaps not its handlers.
+    // While the stream is open, the connection exists; later it may be gone.
     if (stream->is_open()) CompleteStream(id);
     stream->Close();
   });
@@ -191,10 +191,10 @@ void ClientConnection::Deliver(const StreamMessage& frame,
                                std::string_view payload) {
   const std::uint64_t id = frame.stream_id();
   const auto found = streams_.find(id);
-  if (found == streams_.end()) return;  // Ended; this was on its way.
+  if (found == streams_.end()) return;  // Ended while this was on its way.
   const std::shared_ptr<ClientStreamState> stream = found->second;
   const absl::Status received = stream->Receive(payload, frame.call_id());
-  // If the handler closed the stream, this object may be gone too.
+  // If the handler closed the stream, it may have destroyed this object too.
   if (received.ok() || !stream->is_open()) return;
   CompleteStream(id);
   stream->End(received);
@@ -223,8 +223,8 @@ absl::Status ClientConnection::BindTo(const ServiceDescriptor& service) {
   if (!status_.ok() || service_ == &service) return status_;
   if (service_ != nullptr) {
     return absl::InvalidArgumentError(
-        absl::StrCat("a connection for ", service_->full_name(),
-                     " is used for ", service.full_name()));
+        absl::StrCat("the connection is for ", service_->full_name(),
+                     " and cannot be used for ", service.full_name()));
   }
   StreamMessage header;
   header.set_kind(StreamMessage::KIND_HELLO);
@@ -240,7 +240,7 @@ absl::Status ClientConnection::BindTo(const ServiceDescriptor& service) {
 
 void ClientConnection::OnHello(std::string_view payload) {
   if (!ParsePayload(payload, kMaxMessageDepth, &server_hello_.emplace())) {
-    return Close(absl::UnavailableError("the widget's hello is no Hello"));
+    return Close(absl::UnavailableError("the server's hello cannot be parsed"));
   }
   if (absl::Status fit = CompareHellos(); !fit.ok()) return Close(fit);
   // A longer frame would end the connection; this way it fails alone.
@@ -261,18 +261,18 @@ absl::Status ClientConnection::CompareHellos() const {
   return internal::CompareHellos(MakeHello(*service_), *server_hello_);
 }
 
-// Whoever is told of a frame may destroy this object.
+// A callback may destroy this object.
 void ClientConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
   const std::uint64_t id = frame.stream_id();
   const bool ends_all = frame.kind() == StreamMessage::KIND_ERROR && id == 0;
   if (ends_all) {
     return Close(absl::UnavailableError(
-        absl::StrCat("the widget ended the connection: ", frame.error_text())));
+        absl::StrCat("the server ended the connection: ", frame.error_text())));
   }
   const bool is_hello = frame.kind() == StreamMessage::KIND_HELLO;
   if (is_hello == server_hello_.has_value()) {
     return Close(absl::UnavailableError(
-        "the widget's first frame, and only that, has to be a hello"));
+        "the server's first frame, and no other, must be a hello"));
   }
   switch (frame.kind()) {
     case StreamMessage::KIND_HELLO:
@@ -288,17 +288,18 @@ void ClientConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
       return EndCall(frame, payload);
     default:
       return Close(absl::UnavailableError(
-          absl::StrCat("the widget sent a frame of kind ", frame.kind())));
+          absl::StrCat("the server sent a frame of kind ", frame.kind(),
+                       ", which a server never sends")));
   }
 }
 
 void ClientConnection::OnBroken(const absl::Status& why) {
-  Close(why.ok() ? absl::UnavailableError("the widget closed the connection")
+  Close(why.ok() ? absl::UnavailableError("the server closed the connection")
                  : absl::UnavailableError(
                        absl::StrCat("the connection broke: ", why.message())));
 }
 
-// Whoever wanted to send has been told.
+// The caller that wanted to send has received the error.
 void ClientConnection::OnFull(const absl::Status& /*why*/) {}
 
 void ClientConnection::Close(absl::Status why) {
@@ -342,8 +343,8 @@ void ClientConnection::EndSoon(Task end) {
 
 void ClientConnection::RunEnds() {
   const CallbackScope scope(callbacks_);
-  // Those that are queued meanwhile have a task of their own: who is told of a
-  // failure may try again and again.
+  // Ends that are queued meanwhile run in a later task, since a continuation
+  // may try again after each failure.
   for (std::size_t left = ends_.size(); left > 0 && !ends_.empty(); --left) {
     Task end = std::move(ends_.front());
     ends_.pop_front();

@@ -27,7 +27,7 @@ class ClientStreamState;
 
 // Thread: the service thread. Lifetime: the loop outlives it. Destroying it
 // closes the connection and ends all calls and streams with kCancelled, from
-// inside the destructor. Whoever is told of an end may destroy it.
+// inside the destructor. Callbacks may destroy it.
 class ClientConnection final : public FrameSocket::Receiver {
  public:
   ClientConnection(EventLoop* loop, std::unique_ptr<EventLoop::Watch> socket,
@@ -36,22 +36,22 @@ class ClientConnection final : public FrameSocket::Receiver {
   ClientConnection& operator=(const ClientConnection&) = delete;
   ~ClientConnection() override;
 
-  // Sends the request and lists the call until it ends. If the request cannot
-  // be sent, the call ends with the reason in a task of its own.
+  // Sends the request and keeps the call in a table until it ends. If the
+  // request cannot be sent, the call ends with the reason in a task of its own.
   void BeginCall(const google::protobuf::MethodDescriptor& method,
                  const google::protobuf::Message& request,
                  std::shared_ptr<ClientCall> call, absl::Duration timeout);
 
-  // The same, and runs the loop until the call has ended. It ends at once if
-  // the request cannot be sent, with kFailedPrecondition inside a callback of
-  // this connection, and with kCancelled if the loop is stopped.
+  // Like BeginCall, but runs the loop until the call has ended. It ends at once
+  // if the request cannot be sent, with kFailedPrecondition inside a callback
+  // of this connection, and with kCancelled if the loop is stopped.
   void BeginCallAndWait(const google::protobuf::MethodDescriptor& method,
                         const google::protobuf::Message& request,
                         const std::shared_ptr<ClientCall>& call,
                         absl::Duration timeout);
 
   // Tells the server that nobody waits for the answer of a call, and ends it
-  // with kCancelled in a task of its own. An unknown id is no error.
+  // with kCancelled in a task of its own. Does nothing if the id is unknown.
   void CancelCall(std::uint64_t id);
 
   // See SocketClient::OpenStream.
@@ -59,7 +59,7 @@ class ClientConnection final : public FrameSocket::Receiver {
       const google::protobuf::MethodDescriptor& method,
       ClientStreamHandlers handlers);
 
-  // OK while the connection stands, then why it ended.
+  // OK while the connection exists, then the reason why it ended.
   const absl::Status& status() const { return status_; }
 
   // See SocketClient::server_limits.
@@ -71,12 +71,12 @@ class ClientConnection final : public FrameSocket::Receiver {
   void OnBroken(const absl::Status& why) override;
   void OnFull(const absl::Status& why) override;
 
-  // The service of the method that is used first is what the connection is for.
-  // Says hello then. An error means that the connection cannot be used, or not
-  // for this service.
+  // Sends the hello when a service is used for the first time; the connection
+  // is for that service only. An error means that the connection cannot be
+  // used, or not for this service.
   absl::Status BindTo(const google::protobuf::ServiceDescriptor& service);
   void OnHello(std::string_view payload);
-  // OK unless both ends are known and do not fit.
+  // OK unless the hellos of both ends are known and incompatible.
   absl::Status CompareHellos() const;
 
   absl::Status SendRequest(std::uint64_t id,
@@ -85,41 +85,41 @@ class ClientConnection final : public FrameSocket::Receiver {
                            absl::Duration timeout);
   void EndCall(const rpc::transport::StreamMessage& frame,
                std::string_view payload);
-  // Ends a call that the server may still be busy with.
+  // Ends a call that the server may still be handling.
   void AbandonCall(std::uint64_t id, const absl::Status& why);
-  // Takes the call out of the table; null if it is not there.
+  // Removes the call from the table and returns it; null if it is not there.
   std::shared_ptr<ClientCall> TakeCall(std::uint64_t id);
 
   void Deliver(const rpc::transport::StreamMessage& frame,
                std::string_view payload);
   void EndStream(std::uint64_t id, const absl::Status& why);
-  // Forgets the stream and tells the server that it is over.
+  // Removes the stream from the table and tells the server that it has ended.
   void CompleteStream(std::uint64_t id);
 
-  // Sends a frame that says nothing but its kind. Fails only if the connection
-  // has ended, and then nobody waits for the frame.
+  // Sends a frame that has only a kind and an id. Errors are ignored: whoever
+  // sends it does not wait for an answer.
   void SendKind(rpc::transport::StreamMessage::Kind kind, std::uint64_t id);
 
-  // Ends the connection and all that is in progress with `why`. This object may
-  // be gone then.
+  // Ends the connection and everything in progress with `why`. This object may
+  // have been destroyed when it returns.
   void Close(absl::Status why);
 
-  // Has all that is in progress end with `why`, in the order in which it was
-  // begun.
+  // Queues the ends, with `why`, of everything in progress: first the calls,
+  // then the streams, each in the order in which they were begun.
   void QueueEnds(const absl::Status& why);
   // Runs `end` in a task of its own, or in the destructor if that comes first.
   void EndSoon(Task end);
-  // Runs the ends that are queued. This object may be gone then.
+  // Runs the queued ends. This object may have been destroyed when it returns.
   void RunEnds();
 
   void ListCall(std::uint64_t id, std::shared_ptr<ClientCall> call,
                 absl::Duration timeout);
   bool IsInsideACallback() const;
 
-  // What those who run callbacks look at when these return, which may have
-  // destroyed the connection.
+  // Outlives the connection, so that code that runs a callback can see
+  // afterwards whether the callback has destroyed the connection.
   struct Callbacks {
-    int running = 0;  // But for those of frames, which the socket knows.
+    int running = 0;  // Except inside OnFrame; see FrameSocket::in_batch().
     bool connection_is_gone = false;
   };
   class CallbackScope;
@@ -128,9 +128,9 @@ class ClientConnection final : public FrameSocket::Receiver {
   const std::shared_ptr<FrameSocket> socket_;
   const std::shared_ptr<Callbacks> callbacks_ = std::make_shared<Callbacks>();
   std::deque<Task> ends_;
-  std::unique_ptr<EventLoop::Timer> run_ends_;  // Null unless it is to come.
+  std::unique_ptr<EventLoop::Timer> run_ends_;  // Null unless it is scheduled.
   absl::Status status_;
-  // Null until BindTo.
+  // Set by BindTo.
   const google::protobuf::ServiceDescriptor* service_ = nullptr;
   // Set by OnHello.
   std::optional<rpc::transport::Hello> server_hello_;

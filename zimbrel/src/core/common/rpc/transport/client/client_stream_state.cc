@@ -28,7 +28,8 @@ absl::Status ClientStreamState::Error(const MessageLite& message,
 
 absl::Status ClientStreamState::Receive(std::string_view payload,
                                         std::int64_t call_id) {
-  // Lives until the handler returns, which may close the stream.
+  // Keeps the handlers until on_next has returned, since it may close the
+  // stream.
   const std::shared_ptr<ClientStreamHandlers> handlers = handlers_;
   return handlers->on_next(payload, call_id);
 }

@@ -1,4 +1,4 @@
-// The client's side of one stream that it has opened.
+// The state of one stream at the client.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_STREAM_STATE_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_STREAM_STATE_H_
@@ -17,7 +17,7 @@
 
 namespace orvane::internal {
 
-// What a stream's handle, its connection and whoever answers on it later share.
+// Shared by the stream's handle, its connection and code that answers later.
 //
 //            | sending fails | on_next may run | on_end may run
 //   ---------+---------------+-----------------+---------------
@@ -39,17 +39,17 @@ class ClientStreamState final : public ClientStreamSender {
   absl::Status Error(const google::protobuf::MessageLite& message,
                      std::int64_t call_id, const std::string& text) override;
 
-  // A message from the server, for `on_next`, whose result is returned. The
+  // Passes a message from the server to `on_next` and returns its result. The
   // handler may close the stream.
   absl::Status Receive(std::string_view payload, std::int64_t call_id);
 
-  // Shuts an open stream: nothing is sent or received from now on.
+  // Shuts an open stream: nothing is sent or received afterwards.
   void Shut() { is_open_ = false; }
 
   // Ends the stream and runs `on_end`, unless it has ended.
   void End(const absl::Status& why);
 
-  // Ends the stream without a word: its handle is gone.
+  // Ends the stream without running `on_end`, since its handle is gone.
   void Close();
 
  private:

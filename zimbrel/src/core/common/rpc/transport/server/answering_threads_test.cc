@@ -1,5 +1,5 @@
-// Handlers that answer from threads of their own, while hosts in threads of
-// their own open streams, call and die. For the thread sanitizer, above all.
+// Handlers that answer on threads of their own, while clients on other threads
+// open streams, call and die. Mainly for the thread sanitizer.
 
 #include <array>
 #include <atomic>
@@ -34,13 +34,13 @@ using google::protobuf::Closure;
 using google::protobuf::Empty;
 using google::protobuf::RpcController;
 
-constexpr int kHosts = 4;
+constexpr int kClients = 4;
 constexpr int kWorkers = 3;
-constexpr int kLives = 25;           // Of each host.
+constexpr int kLives = 25;           // Of each client.
 constexpr int kCalls = 8;            // In each life, one after the other.
-constexpr int kUnansweredCalls = 3;  // Which each life ends with.
+constexpr int kUnansweredCalls = 3;  // At the end of each life.
 
-// Of the server's end.
+// Of the server's shutdown.
 constexpr int kRounds = 40;
 constexpr int kCallsAtOnce = 30;
 
@@ -50,7 +50,7 @@ class HandingWidget final : public rpc::BrowserWidgetRpc {
   struct Work {
     std::uint64_t browser;
     RpcController* controller;
-    Closure* done;  // Null: there is no more.
+    Closure* done;  // Null if there is no more work.
   };
 
   void Hide(RpcController* controller, const BrowserId* request, Empty*,
@@ -83,7 +83,7 @@ class HandingWidget final : public rpc::BrowserWidgetRpc {
   // Service thread.
   int begun = 0;
   int asked_to_be_told = 0;
-  // Any: who asked to be told is told by whoever ends the call.
+  // Any thread: the closure runs on the thread that ends the call.
   std::atomic<int> told = 0;
 
  private:
@@ -92,11 +92,11 @@ class HandingWidget final : public rpc::BrowserWidgetRpc {
   std::deque<Work> waiting_;  // Under mutex_.
 };
 
-// One life of a host, in a thread of its own, with a loop of its own: watches
+// One life of a client, on a thread of its own, with a loop of its own: watches
 // browser 7, serves the dialogs of its own browser, and calls.
-class Host {
+class Client {
  public:
-  Host(int descriptor, std::uint64_t browser) : browser_(browser) {
+  Client(int descriptor, std::uint64_t browser) : browser_(browser) {
     client_ = *SocketClient::Adopt(&loop_, descriptor);
     events_ =
         client_->OpenStream(Method(kWhenTooltipChanged),
@@ -116,7 +116,7 @@ class Host {
     EXPECT_TRUE(dialogs_->sender()->Next(Serve(browser_), 0).ok());
   }
 
-  // A handler published an event before it answered, so that came before.
+  // The handler published an event before it answered, so the event came first.
   void CallAndHear() {
     const int before = events_received_;
     const auto answer = client_->CallAndWait(Method(kHide), Browser(browser_));
@@ -163,7 +163,7 @@ class Host {
 
 class AnsweringThreadsTest : public ::testing::Test {
  protected:
-  // Publishes and calls the host on the service thread, then answers.
+  // Publishes and calls the client on the service thread, then answers.
   void Work() {
     while (true) {
       const HandingWidget::Work work = widget.Take();
@@ -193,10 +193,10 @@ class AnsweringThreadsTest : public ::testing::Test {
       loop.Post([this, descriptor = pair->first.Release()] {
         EXPECT_TRUE(server.Adopt(descriptor).ok());
       });
-      Host host(pair->second.Release(),
-                static_cast<std::uint64_t>(first_browser + life));
-      for (int call = 0; call < kCalls; ++call) host.CallAndHear();
-      if (life % 2 == 0) host.DieInTheMiddleOfCalls();
+      Client client(pair->second.Release(),
+                    static_cast<std::uint64_t>(first_browser + life));
+      for (int call = 0; call < kCalls; ++call) client.CallAndHear();
+      if (life % 2 == 0) client.DieInTheMiddleOfCalls();
     }
   }
 
@@ -212,45 +212,46 @@ class AnsweringThreadsTest : public ::testing::Test {
   std::atomic<int> answered = 0;
 };
 
-TEST_F(AnsweringThreadsTest, MeetHostsThatComeAndDie) {
+TEST_F(AnsweringThreadsTest, MeetClientsThatComeAndDie) {
   ASSERT_EQ(RegisteredKeys(), 0u);
-  std::latch start(kHosts + kWorkers);
-  std::atomic<int> living = kHosts;
+  std::latch start(kClients + kWorkers);
+  std::atomic<int> living = kClients;
   std::vector<std::thread> workers;
   workers.reserve(kWorkers);
-  std::vector<std::thread> hosts;
-  hosts.reserve(kHosts);
+  std::vector<std::thread> clients;
+  clients.reserve(kClients);
   for (int i = 0; i < kWorkers; ++i) {
     workers.emplace_back([this, &start] {
       start.arrive_and_wait();
       Work();
     });
   }
-  for (int i = 0; i < kHosts; ++i) {
-    hosts.emplace_back([this, &start, &living, i] {
+  for (int i = 0; i < kClients; ++i) {
+    clients.emplace_back([this, &start, &living, i] {
       start.arrive_and_wait();
       LiveAndDie(100 + i * kLives);
       --living;
-      loop.Post([] {});  // So that the service thread looks.
+      loop.Post([] {});  // So that the service thread checks its condition.
     });
   }
 
   loop.RunUntil([&] { return living == 0 && server.connections() == 0; });
-  for (std::thread& host : hosts) host.join();
+  for (std::thread& client : clients) client.join();
   for (int i = 0; i < kWorkers; ++i) widget.Put({0, nullptr, nullptr});
   for (std::thread& worker : workers) worker.join();
   loop.RunUntilIdle();
 
   EXPECT_EQ(answered, widget.begun);
   EXPECT_EQ(published, widget.begun);
-  EXPECT_GE(widget.begun, kHosts * kLives * kCalls);
+  EXPECT_GE(widget.begun, kClients * kLives * kCalls);
   EXPECT_EQ(widget.told, widget.asked_to_be_told);
   EXPECT_GT(dialogs, 0);
   EXPECT_EQ(dialogs_ended, dialogs);
   EXPECT_EQ(RegisteredKeys(), 0u);
 }
 
-// The answers come while the server goes, and in every other round its loop.
+// The answers arrive while the server is destroyed, and in every other round
+// its loop too.
 TEST(AnsweringThreads, MeetTheEndOfServerAndLoop) {
   for (int round = 0; round < kRounds; ++round) {
     HandingWidget widget;
@@ -258,11 +259,11 @@ TEST(AnsweringThreads, MeetTheEndOfServerAndLoop) {
     std::optional<SocketServer> server(std::in_place, &*loop, &widget);
     auto pair = ConnectedPair();
     ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
-    RawPeer host(std::move(pair->second));
+    RawPeer client(std::move(pair->second));
     for (std::uint64_t id = 1; id <= kCallsAtOnce; ++id)
-      host.Send(CallFrame(id, kHide));
-    host.Send(OpenFrame(kCallsAtOnce + 1, kWhenTooltipChanged));
-    host.Send(NextFrame(kCallsAtOnce + 1, Subscribe(7)));
+      client.Send(CallFrame(id, kHide));
+    client.Send(OpenFrame(kCallsAtOnce + 1, kWhenTooltipChanged));
+    client.Send(NextFrame(kCallsAtOnce + 1, Subscribe(7)));
     loop->RunUntilIdle();
     ASSERT_EQ(widget.begun, kCallsAtOnce);
 

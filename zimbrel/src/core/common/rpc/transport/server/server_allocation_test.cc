@@ -1,5 +1,5 @@
-// What a server takes from the heap in steady state. The hosts are bytes that
-// were prepared before, so only the server's own steps are counted.
+// The heap allocations of a server in the steady state. What the clients send
+// was prepared before, so only the server's own allocations are counted.
 
 #include <sys/socket.h>
 
@@ -27,7 +27,8 @@ using google::protobuf::Closure;
 using google::protobuf::Empty;
 using google::protobuf::RpcController;
 
-// Rounds until what is kept for reuse is there, and rounds that are counted.
+// Rounds before memory that is reused has been allocated, and rounds that are
+// counted.
 constexpr int kWarmUp = 20;
 constexpr int kCounted = 100;
 
@@ -46,7 +47,7 @@ class ServerAllocation : public ::testing::Test {
     std::array<int, 2> ends{};
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
     EXPECT_TRUE(server_.Adopt(ends[0]).ok());
-    host_ = std::make_unique<RawPeer>(OwnedDescriptor(ends[1]));
+    client_ = std::make_unique<RawPeer>(OwnedDescriptor(ends[1]));
     descriptor_ = ends[1];
     loop_.RunUntilIdle();
     DiscardReceived();
@@ -57,7 +58,7 @@ class ServerAllocation : public ::testing::Test {
               static_cast<ssize_t>(bytes.size()));
   }
 
-  // Whether there was something.
+  // Returns whether there was something.
   bool DiscardReceived() const {
     std::array<char, 65536> bytes;
     return ::recv(descriptor_, bytes.data(), bytes.size(), MSG_DONTWAIT) > 0;
@@ -66,8 +67,8 @@ class ServerAllocation : public ::testing::Test {
   AnsweringWidget widget_;
   EventLoop loop_;
   SocketServer server_{&loop_, &widget_};
-  std::unique_ptr<RawPeer> host_;
-  int descriptor_ = -1;  // The host's.
+  std::unique_ptr<RawPeer> client_;
+  int descriptor_ = -1;  // The client's.
 };
 
 TEST_F(ServerAllocation, ACallTakesOneBeyondItsMessages) {
@@ -86,7 +87,7 @@ TEST_F(ServerAllocation, ACallTakesOneBeyondItsMessages) {
     ASSERT_TRUE(DiscardReceived());
   }
   EXPECT_EQ(widget_.shown, calls);
-  // The request and the response are one each.
+  // One for the request and one for the response.
   EXPECT_LE(allocations, (1 + 2) * std::size_t{kCounted});
 }
 

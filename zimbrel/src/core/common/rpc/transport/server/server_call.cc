@@ -20,7 +20,7 @@ ServerCall::ServerCall(std::uint64_t id, ServerConnection* connection,
       connection_(connection) {}
 
 ServerCall::~ServerCall() {
-  // Whoever asked to be told is told once, at the latest now.
+  // A closure that NotifyOnCancel was given runs once, at the latest now.
   Closure* on_cancel = nullptr;
   {
     const MutexLock lock(mutex_);
@@ -51,8 +51,8 @@ void ServerCall::Abandon() {
 
 void ServerCall::Run() {
   if (std::this_thread::get_id() == service_thread_) return Finish();
-  // Owned by the task: if the loop is gone, or goes before it gets there, the
-  // call ends with it.
+  // The task owns the call: if the loop is gone, or is destroyed before it runs
+  // the task, the call is destroyed too.
   mailbox_->Post([call = std::unique_ptr<ServerCall>(this)]() mutable {
     call.release()->Finish();
   });

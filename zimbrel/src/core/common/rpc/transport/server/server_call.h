@@ -1,4 +1,4 @@
-// One unary call on its way through a handler.
+// The server's side of one unary call.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_CALL_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_CALL_H_
@@ -20,8 +20,8 @@ namespace orvane::internal {
 
 class ServerConnection;
 
-// Controller and completion of the call in one, and the owner of its messages.
-// Belongs to the handler from the moment it is called; Run() destroys it.
+// The controller and the `done` of a call in one object, which also owns the
+// messages. The handler owns it once it has been called; Run() destroys it.
 //
 // Thread: made on the service thread. The handler may use the controller and
 // run `done` on any one thread at a time. Abandon: the service thread.
@@ -38,12 +38,12 @@ class ServerCall final : public google::protobuf::RpcController,
   google::protobuf::Message& request() { return *request_; }
   google::protobuf::Message& response() { return *response_; }
 
-  // What became of it, once `done` has run.
+  // The result of the call, once `done` has run.
   absl::Status outcome() const;
   const google::protobuf::Message& response() const { return *response_; }
 
-  // Nobody waits for the answer any longer: tells the handler, if it asked, and
-  // makes Run() send nothing.
+  // Called when nobody waits for the answer any longer: tells the handler, if
+  // it asked to be told, and makes Run() send nothing.
   void Abandon();
 
   // google::protobuf::Closure
@@ -54,15 +54,15 @@ class ServerCall final : public google::protobuf::RpcController,
   bool IsCanceled() const override;
   void NotifyOnCancel(google::protobuf::Closure* callback) override;
 
-  // The caller's side. A handler has no use for it; here it tells what is
-  // known.
+  // google::protobuf::RpcController, the caller's side, which handlers do not
+  // need.
   void Reset() override {}
   bool Failed() const override { return failed_; }
   std::string ErrorText() const override { return error_text_; }
   void StartCancel() override {}
 
  private:
-  // On the service thread, with everything answered. Destroys this object.
+  // Runs on the service thread after `done`. Destroys this object.
   void Finish();
 
   const std::uint64_t id_;
@@ -71,7 +71,7 @@ class ServerCall final : public google::protobuf::RpcController,
   const std::unique_ptr<google::protobuf::Message> request_;
   const std::unique_ptr<google::protobuf::Message> response_;
 
-  // The handler's until Run().
+  // Used by the handler until Run().
   bool failed_ = false;
   std::string error_text_;
 

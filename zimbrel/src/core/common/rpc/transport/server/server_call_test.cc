@@ -29,67 +29,67 @@ using ::testing::SizeIs;
 using ServerCallTest = ServerFixture;
 
 TEST_F(ServerCallTest, AnswersACall) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(9, kGetChromiumWindowHandle, 1234));
-  Settle(&host);
-  ASSERT_THAT(host.frames, SizeIs(1));
-  EXPECT_EQ(host.frames[0].kind(), StreamMessage::KIND_REPLY);
-  EXPECT_EQ(host.frames[0].stream_id(), 9u);
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(9, kGetChromiumWindowHandle, 1234));
+  Settle(&client);
+  ASSERT_THAT(client.frames, SizeIs(1));
+  EXPECT_EQ(client.frames[0].kind(), StreamMessage::KIND_REPLY);
+  EXPECT_EQ(client.frames[0].stream_id(), 9u);
   rpc::WindowHandle response;
-  EXPECT_TRUE(response.ParseFromString(host.frames[0].payload()));
+  EXPECT_TRUE(response.ParseFromString(client.frames[0].payload()));
   EXPECT_EQ(response.handle(), 1234u);
 }
 
 TEST_F(ServerCallTest, AMethodThatIsNotOverriddenFailsInItsOwnWords) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kDetach));
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host), "1/2: Method Detach() not implemented.");
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kDetach));
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client), "1/2: Method Detach() not implemented.");
 }
 
-TEST_F(ServerCallTest, AHandlersFailureReachesTheHost) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kMinimize));
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host), "1/2: it cannot be minimised");
+TEST_F(ServerCallTest, AHandlersFailureReachesTheClient) {
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kMinimize));
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client), "1/2: it cannot be minimised");
 }
 
 TEST_F(ServerCallTest, AFailureMayHaveAnyBytesAsItsText) {
   widget.failure = "\xff\xfe";
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kMinimize));
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host), "1/2: \xff\xfe");
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kMinimize));
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client), "1/2: \xff\xfe");
 }
 
 TEST_F(ServerCallTest, CallsReachTheHandlersInTheOrderTheyWereSent) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   std::vector<std::uint64_t> sent;
   std::string bytes;
   for (std::uint64_t id = 1; id <= 500; ++id) {
     bytes += RawPeer::Bytes(CallFrame(id, kShow, id));
     sent.push_back(id);
   }
-  host.SendBytes(bytes);
-  Settle(&host);
+  client.SendBytes(bytes);
+  Settle(&client);
   EXPECT_EQ(widget.shown, sent);
-  EXPECT_THAT(host.frames, SizeIs(500));
+  EXPECT_THAT(client.frames, SizeIs(500));
 }
 
 TEST_F(ServerCallTest, AHandlerMayAnswerLaterAndInAnyOrder) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kHide));
-  host.Send(CallFrame(2, kHide));
-  host.Send(CallFrame(3, kShow));
-  Settle(&host);
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kHide));
+  client.Send(CallFrame(2, kHide));
+  client.Send(CallFrame(3, kShow));
+  Settle(&client);
   ASSERT_THAT(widget.held, SizeIs(2));
-  ASSERT_THAT(host.frames, SizeIs(1)) << "only Show has answered";
+  ASSERT_THAT(client.frames, SizeIs(1)) << "only Show has answered";
   widget.held[1].done->Run();
   widget.held[0].done->Run();
-  Settle(&host);
-  ASSERT_THAT(host.frames, SizeIs(3));
-  EXPECT_EQ(host.frames[1].stream_id(), 2u);
-  EXPECT_EQ(host.frames[2].stream_id(), 1u);
+  Settle(&client);
+  ASSERT_THAT(client.frames, SizeIs(3));
+  EXPECT_EQ(client.frames[1].stream_id(), 2u);
+  EXPECT_EQ(client.frames[2].stream_id(), 1u);
 }
 
 TEST_F(ServerCallTest, AHandlerMayAnswerFromAnotherThread) {
@@ -106,11 +106,11 @@ TEST_F(ServerCallTest, AHandlerMayAnswerFromAnotherThread) {
   for (std::thread& thread : threads) thread.join();
 }
 
-TEST_F(ServerCallTest, AnAnswerToAHostThatHasGoneGoesNowhere) {
+TEST_F(ServerCallTest, AnAnswerToAClientThatHasGoneGoesNowhere) {
   {
-    RawPeer host = ConnectRaw();
-    host.Send(CallFrame(1, kHide));
-    Settle(&host);
+    RawPeer client = ConnectRaw();
+    client.Send(CallFrame(1, kHide));
+    Settle(&client);
   }
   loop.RunUntilIdle();
   EXPECT_EQ(server->connections(), 0u);
@@ -119,11 +119,12 @@ TEST_F(ServerCallTest, AnAnswerToAHostThatHasGoneGoesNowhere) {
   ExpectServerLives();
 }
 
-TEST_F(ServerCallTest, AnAnswerFromAnotherThreadToAHostThatHasGoneGoesNowhere) {
+TEST_F(ServerCallTest,
+       AnAnswerFromAnotherThreadToAClientThatHasGoneGoesNowhere) {
   {
-    RawPeer host = ConnectRaw();
-    host.Send(CallFrame(1, kHide));
-    Settle(&host);
+    RawPeer client = ConnectRaw();
+    client.Send(CallFrame(1, kHide));
+    Settle(&client);
   }
   loop.RunUntilIdle();
   std::thread([this] { widget.held.at(0).done->Run(); }).join();
@@ -131,17 +132,17 @@ TEST_F(ServerCallTest, AnAnswerFromAnotherThreadToAHostThatHasGoneGoesNowhere) {
 }
 
 TEST_F(ServerCallTest, AnAnswerAfterTheServerHasGoneGoesNowhere) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kHide));
-  host.Send(CallFrame(2, kHide));
-  Settle(&host);
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kHide));
+  client.Send(CallFrame(2, kHide));
+  Settle(&client);
   server.reset();
   ASSERT_THAT(widget.held, SizeIs(2));
   widget.held[0].done->Run();
   std::thread([this] { widget.held[1].done->Run(); }).join();
-  Settle(&host);
-  EXPECT_TRUE(host.closed);
-  EXPECT_THAT(host.frames, IsEmpty());
+  Settle(&client);
+  EXPECT_TRUE(client.closed);
+  EXPECT_THAT(client.frames, IsEmpty());
 }
 
 TEST(ServerCallAfterItsLoop, AnAnswerFromAnotherThreadGoesNowhere) {
@@ -151,24 +152,24 @@ TEST(ServerCallAfterItsLoop, AnAnswerFromAnotherThreadGoesNowhere) {
     SocketServer server(&loop, &widget);
     auto pair = ConnectedPair();
     ASSERT_TRUE(server.Adopt(pair->first.Release()).ok());
-    RawPeer host(std::move(pair->second));
-    host.Send(CallFrame(1, kHide));
+    RawPeer client(std::move(pair->second));
+    client.Send(CallFrame(1, kHide));
     loop.RunUntilIdle();
   }
   ASSERT_THAT(widget.held, SizeIs(1));
   std::thread([&widget] { widget.held[0].done->Run(); }).join();
 }
 
-TEST_F(ServerCallTest, AHandlerLearnsThatItsHostHasGone) {
-  std::optional<RawPeer> host = ConnectRaw();
-  host->Send(CallFrame(1, kHide));
+TEST_F(ServerCallTest, AHandlerLearnsThatItsClientHasGone) {
+  std::optional<RawPeer> client = ConnectRaw();
+  client->Send(CallFrame(1, kHide));
   loop.RunUntilIdle();
   ASSERT_THAT(widget.held, SizeIs(1));
   int told = 0;
   widget.held[0].controller->NotifyOnCancel(google::protobuf::NewCallback(
       +[](int* count) { ++*count; }, &told));
   EXPECT_FALSE(widget.held[0].controller->IsCanceled());
-  host.reset();
+  client.reset();
   loop.RunUntilIdle();
   EXPECT_TRUE(widget.held[0].controller->IsCanceled());
   EXPECT_EQ(told, 1);
@@ -177,9 +178,9 @@ TEST_F(ServerCallTest, AHandlerLearnsThatItsHostHasGone) {
 }
 
 // Each of them used to be touched again after it had been answered.
-TEST_F(ServerCallTest, WhoLearnsThatItsHostHasGoneMayAnswerAllItsCalls) {
-  std::optional<RawPeer> host = ConnectRaw();
-  for (std::uint64_t id = 1; id <= 5; ++id) host->Send(CallFrame(id, kHide));
+TEST_F(ServerCallTest, WhoLearnsThatItsClientHasGoneMayAnswerAllItsCalls) {
+  std::optional<RawPeer> client = ConnectRaw();
+  for (std::uint64_t id = 1; id <= 5; ++id) client->Send(CallFrame(id, kHide));
   loop.RunUntilIdle();
   ASSERT_THAT(widget.held, SizeIs(5));
   int answered = 0;
@@ -192,17 +193,17 @@ TEST_F(ServerCallTest, WhoLearnsThatItsHostHasGoneMayAnswerAllItsCalls) {
       }
     }));
   }
-  host.reset();
+  client.reset();
   loop.RunUntilIdle();
   EXPECT_EQ(answered, 5);
   ExpectServerLives();
 }
 
 TEST_F(ServerCallTest, AHandlerLearnsThatItsCallIsCancelledAndNoAnswerIsSent) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kHide));
-  host.Send(Frame(StreamMessage::KIND_CANCEL, 1));
-  Settle(&host);
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kHide));
+  client.Send(Frame(StreamMessage::KIND_CANCEL, 1));
+  Settle(&client);
   ASSERT_THAT(widget.held, SizeIs(1));
   EXPECT_TRUE(widget.held[0].controller->IsCanceled());
   int told = 0;
@@ -210,15 +211,15 @@ TEST_F(ServerCallTest, AHandlerLearnsThatItsCallIsCancelledAndNoAnswerIsSent) {
       +[](int* count) { ++*count; }, &told));
   EXPECT_EQ(told, 1) << "cancelled already, so told at once";
   widget.held[0].done->Run();
-  Settle(&host);
-  EXPECT_THAT(host.frames, IsEmpty());
+  Settle(&client);
+  EXPECT_THAT(client.frames, IsEmpty());
 }
 
 TEST_F(ServerCallTest,
        WhoAskedToBeToldOfACancellationIsToldWhenTheCallEndsWithoutOne) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kHide));
-  Settle(&host);
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kHide));
+  Settle(&client);
   int told = 0;
   widget.held.at(0).controller->NotifyOnCancel(google::protobuf::NewCallback(
       +[](int* count) { ++*count; }, &told));
@@ -227,33 +228,33 @@ TEST_F(ServerCallTest,
 }
 
 TEST_F(ServerCallTest, CancellingWhatIsNotThereIsHarmless) {
-  RawPeer host = ConnectRaw();
-  host.Send(Frame(StreamMessage::KIND_CANCEL, 12));
-  host.Send(CallFrame(13, kShow));
-  Settle(&host);
-  ASSERT_THAT(host.frames, SizeIs(1));
-  EXPECT_EQ(host.frames[0].stream_id(), 13u);
+  RawPeer client = ConnectRaw();
+  client.Send(Frame(StreamMessage::KIND_CANCEL, 12));
+  client.Send(CallFrame(13, kShow));
+  Settle(&client);
+  ASSERT_THAT(client.frames, SizeIs(1));
+  EXPECT_EQ(client.frames[0].stream_id(), 13u);
 }
 
 TEST_F(ServerCallTest, AHandlerMayDestroyTheServer) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   widget.on_restore = [this](Closure* done) {
     server.reset();
     done->Run();
   };
-  host.Send(CallFrame(1, kRestore));
-  host.Send(CallFrame(2, kShow));
-  Settle(&host);
-  EXPECT_TRUE(host.closed);
+  client.Send(CallFrame(1, kRestore));
+  client.Send(CallFrame(2, kShow));
+  Settle(&client);
+  EXPECT_TRUE(client.closed);
   EXPECT_THAT(widget.shown, IsEmpty());
 }
 
-TEST_F(ServerCallTest, AHostThatHasFinishedSendingStillGetsItsAnswers) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kShow));
-  host.FinishSending();
-  Settle(&host);
-  EXPECT_THAT(host.frames, SizeIs(1));
+TEST_F(ServerCallTest, AClientThatHasFinishedSendingStillGetsItsAnswers) {
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kShow));
+  client.FinishSending();
+  Settle(&client);
+  EXPECT_THAT(client.frames, SizeIs(1));
 }
 
 }  // namespace

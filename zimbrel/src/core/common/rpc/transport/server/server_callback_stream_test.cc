@@ -1,4 +1,4 @@
-// Callback streams of a real server, as a host sees them frame by frame.
+// Callback streams of a real server, as a client sees them frame by frame.
 
 #include <cstdint>
 #include <optional>
@@ -25,28 +25,28 @@ class ServerCallbackStreamTest : public StreamFixture {
  protected:
   using StreamFixture::StreamFixture;
 
-  // A host whose stream 1 serves the dialogs of browser 7.
-  RawPeer ServingHost() {
-    RawPeer host = ConnectRaw();
-    host.Send(OpenFrame(1, kOnCreateWebDialog));
-    host.Send(NextFrame(1, Serve(7)));
-    EXPECT_THAT(Settle(&host), IsEmpty());
-    return host;
+  // A client whose stream 1 serves the dialogs of browser 7.
+  RawPeer ServingClient() {
+    RawPeer client = ConnectRaw();
+    client.Send(OpenFrame(1, kOnCreateWebDialog));
+    client.Send(NextFrame(1, Serve(7)));
+    EXPECT_THAT(Settle(&client), IsEmpty());
+    return client;
   }
 
-  // Calls, and returns the id with which the call has arrived.
-  std::int64_t AskAndArrive(RawPeer* host, const std::string& question) {
+  // Makes a call and returns the id with which it arrives.
+  std::int64_t AskAndArrive(RawPeer* client, const std::string& question) {
     Ask(7, question);
-    EXPECT_THAT(Settle(host), ElementsAre("NEXT 1"));
-    return host->frames.empty() ? 0 : host->frames[0].call_id();
+    EXPECT_THAT(Settle(client), ElementsAre("NEXT 1"));
+    return client->frames.empty() ? 0 : client->frames[0].call_id();
   }
 };
 
 TEST_F(ServerCallbackStreamTest, EveryCallbackStreamOpensAndServes) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   for (std::uint32_t method = kFirstCallbackStream; method < kMethods;
        ++method) {
-    host.Send(OpenFrame(method, method));
+    client.Send(OpenFrame(method, method));
   }
   // `subscribe` is field 2 of the first three and field 3 of the others. The
   // browser is the one without a number.
@@ -54,85 +54,85 @@ TEST_F(ServerCallbackStreamTest, EveryCallbackStreamOpensAndServes) {
        ++method) {
     StreamMessage frame = Frame(StreamMessage::KIND_NEXT, method);
     frame.set_payload(method < 49 ? "\x10\x01" : "\x18\x01");
-    host.Send(frame);
+    client.Send(frame);
   }
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_EQ(RegisteredKeys(), 6u);
 }
 
-TEST_F(ServerCallbackStreamTest, ACallReachesTheHostThatServesTheBrowser) {
-  RawPeer host = ServingHost();
+TEST_F(ServerCallbackStreamTest, ACallReachesTheClientThatServesTheBrowser) {
+  RawPeer client = ServingClient();
   Ask(7, "name?");
-  EXPECT_THAT(Settle(&host), ElementsAre("NEXT 1"));
+  EXPECT_THAT(Settle(&client), ElementsAre("NEXT 1"));
   rpc::CreateWebDialog call;
-  ASSERT_TRUE(call.ParseFromString(host.frames[0].payload()));
+  ASSERT_TRUE(call.ParseFromString(client.frames[0].payload()));
   EXPECT_EQ(call.browser_id().value(), 7u);
   EXPECT_EQ(call.call().prompt().message(), "name?");
-  EXPECT_NE(host.frames[0].call_id(), 0);
+  EXPECT_NE(client.frames[0].call_id(), 0);
   EXPECT_THAT(ends, IsEmpty());
 }
 
 TEST_F(ServerCallbackStreamTest, AnAnswerEndsItsCall) {
-  RawPeer host = ServingHost();
-  const std::int64_t id = AskAndArrive(&host, "name?");
-  host.Send(NextFrame(1, Answer(7, "Ada"), id));
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  RawPeer client = ServingClient();
+  const std::int64_t id = AskAndArrive(&client, "name?");
+  client.Send(NextFrame(1, Answer(7, "Ada"), id));
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_THAT(ends, ElementsAre("name? Ada"));
 }
 
 TEST_F(ServerCallbackStreamTest, AnswersMayComeInAnyOrder) {
-  RawPeer host = ServingHost();
-  const std::int64_t first = AskAndArrive(&host, "first");
-  const std::int64_t second = AskAndArrive(&host, "second");
-  host.Send(NextFrame(1, Answer(7, "b"), second));
-  host.Send(NextFrame(1, Answer(7, "a"), first));
+  RawPeer client = ServingClient();
+  const std::int64_t first = AskAndArrive(&client, "first");
+  const std::int64_t second = AskAndArrive(&client, "second");
+  client.Send(NextFrame(1, Answer(7, "b"), second));
+  client.Send(NextFrame(1, Answer(7, "a"), first));
   loop.RunUntilIdle();
   EXPECT_THAT(ends, ElementsAre("second b", "first a"));
 }
 
 TEST_F(ServerCallbackStreamTest, ASecondAnswerToOneCallIsIgnored) {
-  RawPeer host = ServingHost();
-  const std::int64_t id = AskAndArrive(&host, "name?");
-  host.Send(NextFrame(1, Answer(7, "Ada"), id));
-  host.Send(NextFrame(1, Answer(7, "Bob"), id));
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  RawPeer client = ServingClient();
+  const std::int64_t id = AskAndArrive(&client, "name?");
+  client.Send(NextFrame(1, Answer(7, "Ada"), id));
+  client.Send(NextFrame(1, Answer(7, "Bob"), id));
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_THAT(ends, ElementsAre("name? Ada"));
 }
 
 TEST_F(ServerCallbackStreamTest, AnAnswerThatNobodyAskedForIsIgnored) {
-  RawPeer host = ServingHost();
-  const std::int64_t id = AskAndArrive(&host, "name?");
-  host.Send(NextFrame(1, Answer(7, "Ada"), id + 1));
-  host.Send(NextFrame(1, Answer(8, "Ada"), id));
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  RawPeer client = ServingClient();
+  const std::int64_t id = AskAndArrive(&client, "name?");
+  client.Send(NextFrame(1, Answer(7, "Ada"), id + 1));
+  client.Send(NextFrame(1, Answer(8, "Ada"), id));
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_THAT(ends, IsEmpty());
 }
 
 TEST_F(ServerCallbackStreamTest, AnErrorFailsItsCallAndTheStreamGoesOn) {
-  RawPeer host = ServingHost();
-  const std::int64_t id = AskAndArrive(&host, "name?");
-  host.Send(ErrorFrame(1, About(7), id));
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  RawPeer client = ServingClient();
+  const std::int64_t id = AskAndArrive(&client, "name?");
+  client.Send(ErrorFrame(1, About(7), id));
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_THAT(ends, ElementsAre("name? UNKNOWN"));
-  host.Send(NextFrame(1, Answer(7, "Ada"), AskAndArrive(&host, "again?")));
+  client.Send(NextFrame(1, Answer(7, "Ada"), AskAndArrive(&client, "again?")));
   loop.RunUntilIdle();
   EXPECT_THAT(ends, ElementsAre("name? UNKNOWN", "again? Ada"));
 }
 
 TEST_F(ServerCallbackStreamTest, AnErrorThatConcernsNoCallIsIgnored) {
-  RawPeer host = ServingHost();
-  const std::int64_t id = AskAndArrive(&host, "name?");
-  host.Send(Frame(StreamMessage::KIND_ERROR, 1));
-  host.Send(ErrorFrame(1, About(7), id + 1));
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  RawPeer client = ServingClient();
+  const std::int64_t id = AskAndArrive(&client, "name?");
+  client.Send(Frame(StreamMessage::KIND_ERROR, 1));
+  client.Send(ErrorFrame(1, About(7), id + 1));
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_THAT(ends, IsEmpty());
 }
 
 TEST_F(ServerCallbackStreamTest, UnsubscribingCancelsTheCallsOfTheBrowser) {
-  RawPeer host = ServingHost();
-  AskAndArrive(&host, "name?");
-  host.Send(NextFrame(1, Serve(7, false)));
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  RawPeer client = ServingClient();
+  AskAndArrive(&client, "name?");
+  client.Send(NextFrame(1, Serve(7, false)));
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_THAT(ends, ElementsAre("name? CANCELLED"));
   EXPECT_FALSE(IsServed<rpc::CreateWebDialog>(Browser(7)));
 }
@@ -142,7 +142,7 @@ TEST_F(ServerCallbackStreamTest, CallsAndStreamsAreHandledInTheOrderOfArrival) {
   widget.on_show = [&](std::uint64_t browser) {
     Ask(browser, std::to_string(++calls));
   };
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   std::string bytes;
   for (const StreamMessage& frame :
        {OpenFrame(1, kOnCreateWebDialog), CallFrame(2, kShow, 7),
@@ -150,8 +150,8 @@ TEST_F(ServerCallbackStreamTest, CallsAndStreamsAreHandledInTheOrderOfArrival) {
         NextFrame(1, Serve(7, false)), CallFrame(4, kShow, 7)}) {
     bytes += RawPeer::Bytes(frame);
   }
-  host.SendBytes(bytes);
-  EXPECT_THAT(Settle(&host),
+  client.SendBytes(bytes);
+  EXPECT_THAT(Settle(&client),
               ElementsAre("REPLY 2", "NEXT 1", "REPLY 3", "REPLY 4"));
   EXPECT_THAT(
       ends, UnorderedElementsAre("1 NOT_FOUND", "2 CANCELLED", "3 NOT_FOUND"));
@@ -160,30 +160,30 @@ TEST_F(ServerCallbackStreamTest, CallsAndStreamsAreHandledInTheOrderOfArrival) {
 // The end.
 
 TEST_F(ServerCallbackStreamTest, CompletingIsAnsweredAndLeavesNothingBehind) {
-  RawPeer host = ServingHost();
-  AskAndArrive(&host, "first");
-  AskAndArrive(&host, "second");
-  host.Send(CompleteFrame(1));
-  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 1"));
+  RawPeer client = ServingClient();
+  AskAndArrive(&client, "first");
+  AskAndArrive(&client, "second");
+  client.Send(CompleteFrame(1));
+  EXPECT_THAT(Settle(&client), ElementsAre("COMPLETE 1"));
   EXPECT_THAT(ends, ElementsAre("first CANCELLED", "second CANCELLED"));
   EXPECT_EQ(RegisteredKeys(), 0u);
 }
 
 TEST_F(ServerCallbackStreamTest,
-       AHostThatVanishesFailsItsCallsAndServesNoMore) {
-  std::optional<RawPeer> host = ServingHost();
-  AskAndArrive(&*host, "first");
-  AskAndArrive(&*host, "second");
-  host.reset();
+       AClientThatVanishesFailsItsCallsAndServesNoMore) {
+  std::optional<RawPeer> client = ServingClient();
+  AskAndArrive(&*client, "first");
+  AskAndArrive(&*client, "second");
+  client.reset();
   loop.RunUntilIdle();
   EXPECT_THAT(ends, ElementsAre("first CANCELLED", "second CANCELLED"));
   EXPECT_EQ(RegisteredKeys(), 0u);
   EXPECT_FALSE(IsServed<rpc::CreateWebDialog>(Browser(7)));
 }
 
-TEST_F(ServerCallbackStreamTest, ACallToAHostThatHasJustVanishedIsCancelled) {
-  std::optional<RawPeer> host = ServingHost();
-  host.reset();
+TEST_F(ServerCallbackStreamTest, ACallToAClientThatHasJustVanishedIsCancelled) {
+  std::optional<RawPeer> client = ServingClient();
+  client.reset();
   ASSERT_TRUE(IsServed<rpc::CreateWebDialog>(Browser(7)))
       << "its end has been noticed";
   Ask(7, "name?");
@@ -191,28 +191,28 @@ TEST_F(ServerCallbackStreamTest, ACallToAHostThatHasJustVanishedIsCancelled) {
   EXPECT_THAT(ends, ElementsAre("name? CANCELLED"));
 }
 
-TEST_F(ServerCallbackStreamTest, WhatAHostSaidBeforeItVanishedCounts) {
-  std::optional<RawPeer> host = ServingHost();
-  const std::int64_t id = AskAndArrive(&*host, "name?");
-  host->Send(NextFrame(1, Answer(7, "Ada"), id));
-  host.reset();
+TEST_F(ServerCallbackStreamTest, WhatAClientSaidBeforeItVanishedCounts) {
+  std::optional<RawPeer> client = ServingClient();
+  const std::int64_t id = AskAndArrive(&*client, "name?");
+  client->Send(NextFrame(1, Answer(7, "Ada"), id));
+  client.reset();
   loop.RunUntilIdle();
   EXPECT_THAT(ends, ElementsAre("name? Ada"));
 }
 
-TEST_F(ServerCallbackStreamTest, TheLatestHostToSubscribeServesTheBrowser) {
-  RawPeer older = ServingHost();
-  RawPeer newer = ServingHost();
+TEST_F(ServerCallbackStreamTest, TheLatestClientToSubscribeServesTheBrowser) {
+  RawPeer older = ServingClient();
+  RawPeer newer = ServingClient();
   Ask(7, "name?");
   EXPECT_THAT(Settle(&older), IsEmpty());
   EXPECT_THAT(Settle(&newer), ElementsAre("NEXT 1"));
 }
 
 TEST_F(ServerCallbackStreamTest,
-       AHostThatWasTakenOverFromVanishesWithItsOwnCallsAlone) {
-  std::optional<RawPeer> older = ServingHost();
+       AClientThatWasTakenOverFromVanishesWithItsOwnCallsAlone) {
+  std::optional<RawPeer> older = ServingClient();
   AskAndArrive(&*older, "older");
-  RawPeer newer = ServingHost();
+  RawPeer newer = ServingClient();
   const std::int64_t id = AskAndArrive(&newer, "newer");
   older.reset();
   loop.RunUntilIdle();
@@ -224,11 +224,11 @@ TEST_F(ServerCallbackStreamTest,
 }
 
 TEST_F(ServerCallbackStreamTest, TheServersEndCancelsWhatWaits) {
-  RawPeer host = ServingHost();
-  AskAndArrive(&host, "name?");
+  RawPeer client = ServingClient();
+  AskAndArrive(&client, "name?");
   server.reset();
-  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 1"));
-  EXPECT_TRUE(host.closed);
+  EXPECT_THAT(Settle(&client), ElementsAre("COMPLETE 1"));
+  EXPECT_TRUE(client.closed);
   EXPECT_THAT(ends, ElementsAre("name? CANCELLED"));
   EXPECT_EQ(RegisteredKeys(), 0u);
 }
@@ -242,9 +242,9 @@ class SmallFramesCallbackStreamTest : public ServerCallbackStreamTest {
 
 TEST_F(SmallFramesCallbackStreamTest,
        ACallThatFitsNoFrameFailsAndTheStreamGoesOn) {
-  RawPeer host = ServingHost();
+  RawPeer client = ServingClient();
   Ask(7, std::string(kMinMaxFrameBytes, 'x'));
-  AskAndArrive(&host, "name?");
+  AskAndArrive(&client, "name?");
   EXPECT_THAT(ends, ElementsAre(EndsWith(" RESOURCE_EXHAUSTED")));
 }
 

@@ -28,11 +28,11 @@ using rpc::transport::StreamMessage;
 
 namespace {
 
-// Words for people need no more, and always fit a frame.
+// Enough for a text that people read, and always fits a frame.
 constexpr std::size_t kMaxErrorTextBytes = 2048;
 
-// The method of that index if it is of that kind, or words why not. Past this
-// check the service trusts its method.
+// The method with that index, if it is of that kind. The service relies on this
+// check.
 absl::StatusOr<const MethodDescriptor*> FindMethod(
     const ServiceDescriptor& service, std::uint32_t index, bool stream) {
   if (index >= static_cast<std::uint32_t>(service.method_count())) {
@@ -46,7 +46,7 @@ absl::StatusOr<const MethodDescriptor*> FindMethod(
   if (kind.has_value() && (*kind != MethodKind::kUnary) == stream)
     return method;
   return absl::InvalidArgumentError(absl::StrCat(
-      method->full_name(), stream ? " is no stream and cannot be opened"
+      method->full_name(), stream ? " is not a stream and cannot be opened"
                                   : " is a stream and cannot be called"));
 }
 
@@ -91,7 +91,7 @@ Limits InHello(const ServerLimits& limits) {
 }
 
 absl::Status ShuttingDown() {
-  return absl::UnavailableError("the widget is shutting down");
+  return absl::UnavailableError("the server is shutting down");
 }
 
 }  // namespace
@@ -119,8 +119,8 @@ ServerConnection::ServerConnection(EventLoop* loop, Service* service,
 ServerConnection::~ServerConnection() {
   while (!streams_.empty()) EndStream(streams_.begin()->first);
   context_.socket->Close();
-  // Abandoning a call may run a handler's closure, which may do anything, such
-  // as to answer the others.
+  // Abandoning a call may run a handler's closure, which may do anything, for
+  // example answer the other calls.
   std::set<std::uint64_t> ids;
   for (const auto& [id, call] : calls_) ids.insert(id);
   for (const std::uint64_t id : ids) CancelCall(id);
@@ -128,7 +128,7 @@ ServerConnection::~ServerConnection() {
 
 void ServerConnection::ShutDown() {
   is_shutting_down_ = true;
-  // What a stream's end tells may destroy this object.
+  // Code that learns of a stream's end may destroy this object.
   const std::shared_ptr<FrameSocket> socket = context_.socket;
   while (socket->is_open() && !streams_.empty())
     EndStream(streams_.begin()->first);
@@ -137,17 +137,17 @@ void ServerConnection::ShutDown() {
 
 void ServerConnection::Refuse(std::unique_ptr<EventLoop::Watch> socket,
                               const absl::Status& why) {
-  ByteBuffer words;
-  // Fits: so short are the words.
-  AppendFrame(ErrorFrame(0, why), "", kMinMaxFrameBytes, &words).IgnoreError();
-  // A host that has gone needs no words.
+  ByteBuffer frame;
+  // Cannot fail: ErrorFrame makes the text short enough.
+  AppendFrame(ErrorFrame(0, why), "", kMinMaxFrameBytes, &frame).IgnoreError();
+  // If this fails, the client has gone and nobody would read the text.
   [[maybe_unused]] const ssize_t written =
-      ::send(socket->descriptor(), words.content().data(),
-             words.content().size(), MSG_NOSIGNAL);
+      ::send(socket->descriptor(), frame.content().data(),
+             frame.content().size(), MSG_NOSIGNAL);
 }
 
 void ServerConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
-  if (!has_said_hello_) return OnHello(frame, payload);
+  if (!has_received_hello_) return OnHello(frame, payload);
   switch (frame.kind()) {
     case StreamMessage::KIND_CALL:
       return BeginCall(frame, payload);
@@ -164,7 +164,7 @@ void ServerConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
       return Close(absl::InvalidArgumentError("a second hello"));
     default:
       return Close(absl::InvalidArgumentError(absl::StrCat(
-          "frame of kind ", frame.kind(), ", which a host never sends")));
+          "frame of kind ", frame.kind(), ", which a client never sends")));
   }
 }
 
@@ -174,7 +174,7 @@ void ServerConnection::OnHello(const StreamMessage& frame,
   if (frame.kind() != StreamMessage::KIND_HELLO ||
       !ParsePayload(payload, kMaxMessageDepth, &client)) {
     return Close(absl::InvalidArgumentError(
-        "a connection begins with a hello, which tells the host's version"));
+        "a connection begins with a hello, which tells the client's version"));
   }
   Hello server = MakeHello(*context_.service->GetDescriptor());
   *server.mutable_limits() = InHello(context_.limits);
@@ -183,7 +183,7 @@ void ServerConnection::OnHello(const StreamMessage& frame,
   absl::Status status = context_.socket->Send(header, server);
   if (status.ok()) status = CompareHellos(client, server);
   if (!status.ok()) return Close(status);
-  has_said_hello_ = true;
+  has_received_hello_ = true;
 }
 
 void ServerConnection::OnBroken(const absl::Status& why) { Close(why); }
@@ -220,11 +220,11 @@ void ServerConnection::BeginCall(const StreamMessage& frame,
       context_.service->GetResponsePrototype(method));
   if (!ParsePayload(payload, context_.limits.max_message_depth,
                     &call->request())) {
-    return SendError(
-        id,
-        absl::InvalidArgumentError(absl::StrCat(
-            "the request is no ", method->input_type()->full_name(),
-            ", or nested deeper than ", context_.limits.max_message_depth)));
+    return SendError(id, absl::InvalidArgumentError(absl::StrCat(
+                             "the request cannot be parsed as ",
+                             method->input_type()->full_name(),
+                             " (malformed, or nested deeper than ",
+                             context_.limits.max_message_depth, " levels)")));
   }
   calls_.emplace(id, call.get());
   ServerCall* const handed_over = call.release();
@@ -272,7 +272,7 @@ void ServerConnection::OpenStream(const StreamMessage& frame) {
 }
 
 void ServerConnection::Deliver(StreamMessage& frame, std::string_view payload) {
-  // Read before delivery: the frame is the stream's to change.
+  // Read before delivery, since the stream may change the frame.
   const std::uint64_t id = frame.stream_id();
   const auto stream = streams_.find(id);
   if (stream == streams_.end()) return RefuseFrame(id);
@@ -300,7 +300,8 @@ void ServerConnection::RefuseFrame(std::uint64_t id) {
 }
 
 bool ServerConnection::EndStream(std::uint64_t id) {
-  // Out of the table first: a stream's end may look at the connection again.
+  // Removed from the table first, since code that learns of the stream's end
+  // may use the connection.
   return !streams_.extract(id).empty();
 }
 
@@ -312,11 +313,12 @@ void ServerConnection::SendError(std::uint64_t id, const absl::Status& why) {
 void ServerConnection::Close(const absl::Status& why) {
   if (!why.ok()) {
     ++context_.counters->thrown_out;
-    LOG_EVERY_N_SEC(WARNING, 1) << "a host was thrown out: " << why.message();
+    LOG_EVERY_N_SEC(WARNING, 1)
+        << "a client was disconnected: " << why.message();
     SendError(0, why);
   }
   context_.socket->Close();
-  // Out of this object before it runs, since it destroys this object.
+  // Moved out of this object before it runs, since it destroys this object.
   auto on_end = std::move(on_end_);
   std::move(on_end)();
 }

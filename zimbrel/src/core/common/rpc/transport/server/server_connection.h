@@ -29,8 +29,8 @@ class ServerCall;
 // to them.
 class ServerConnection final : public FrameSocket::Receiver {
  public:
-  // `on_end` runs once when the connection has ended, from inside this object,
-  // which it may destroy. Not from inside the destructor.
+  // `on_end` runs once when the connection has ended, called by this object,
+  // which it may destroy. The destructor does not call it.
   ServerConnection(EventLoop* loop, Service* service,
                    const ServerLimits& limits, ServerCounters* counters,
                    std::unique_ptr<EventLoop::Watch> socket,
@@ -39,16 +39,17 @@ class ServerConnection final : public FrameSocket::Receiver {
   ServerConnection& operator=(const ServerConnection&) = delete;
   ~ServerConnection() override;
 
-  // Tells the client at the other end why there will be no connection, and
-  // closes the socket.
+  // Tells the client at the other end why it is refused, and closes the socket.
   static void Refuse(std::unique_ptr<EventLoop::Watch> socket,
                      const absl::Status& why);
 
-  // Ends the streams and lets nothing new begin. Once every call has been
-  // answered and all is written the connection ends, as if the client had left.
+  // Ends the streams and refuses new calls and streams. Once every call has
+  // been answered and everything is written, the connection ends as if the
+  // client had left.
   void ShutDown();
 
-  // A handler has answered: sends the answer and forgets the call.
+  // Called when a handler has answered: sends the answer and removes the call
+  // from the table.
   void Finish(const ServerCall& call);
 
  private:
@@ -60,8 +61,8 @@ class ServerConnection final : public FrameSocket::Receiver {
   // The client's first frame.
   void OnHello(const rpc::transport::StreamMessage& frame,
                std::string_view payload);
-  // The client begins a call or a stream. False if its id is out of order; then
-  // this has closed the connection.
+  // Checks the id of a new call or stream. If it is out of order, closes the
+  // connection and returns false.
   bool AcceptId(std::uint64_t id);
   void BeginCall(const rpc::transport::StreamMessage& frame,
                  std::string_view payload);
@@ -75,21 +76,21 @@ class ServerConnection final : public FrameSocket::Receiver {
   bool EndStream(std::uint64_t id);
   void FinishIfAllIsAnswered();
   void SendError(std::uint64_t id, const absl::Status& why);
-  // Ends the connection. OK if the client has left; otherwise it is told why,
-  // and the reason is logged and counted.
+  // Ends the connection. `why` is OK if the client has left; otherwise the
+  // client is told, and the reason is logged and counted.
   void Close(const absl::Status& why);
 
   StreamContext context_;
-  // For calls that are answered elsewhere.
+  // For calls that are answered on another thread.
   const std::shared_ptr<Mailbox> mailbox_;
   absl::AnyInvocable<void() &&> on_end_;
-  bool has_said_hello_ = false;  // The client.
+  bool has_received_hello_ = false;
   bool is_shutting_down_ = false;
-  // Not answered yet. Each is owned by its handler, through `done`.
+  // Calls without an answer yet. Each is owned by its handler, through `done`.
   absl::flat_hash_map<std::uint64_t, ServerCall*> calls_;
-  // In the order in which they were opened, which is that of their ends.
+  // In the order in which they were opened, which is the order of their ends.
   std::map<std::uint64_t, std::unique_ptr<ServerStream>> streams_;
-  std::uint64_t last_id_ = 0;  // The latest that the client has begun.
+  std::uint64_t last_id_ = 0;  // Of the client's latest call or stream.
 };
 
 }  // namespace orvane::internal

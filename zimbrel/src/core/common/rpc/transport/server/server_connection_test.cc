@@ -20,28 +20,29 @@ using ::testing::SizeIs;
 using ServerConnectionTest = ServerFixture;
 
 TEST_F(ServerConnectionTest, AnUnknownMethodIsAnError) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kMethods));
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host),
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kMethods));
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client),
             "1/12: no method 52 in rpc.BrowserWidgetRpc, which has 52");
   ExpectServerLives();
 }
 
 TEST_F(ServerConnectionTest, TheLargestMethodNumberIsAnErrorToo) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, 0xffffffffu));
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host),
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, 0xffffffffu));
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client),
             "1/12: no method 4294967295 in rpc.BrowserWidgetRpc, which has 52");
 }
 
 TEST_F(ServerConnectionTest, CallingAStreamIsAnError) {
   for (std::uint32_t method = kFirstStream; method < kMethods; ++method) {
-    RawPeer host = ConnectRaw();
-    host.Send(CallFrame(1, method));
-    Settle(&host);
-    EXPECT_THAT(OnlyError(host), HasSubstr("is a stream and cannot be called"))
+    RawPeer client = ConnectRaw();
+    client.Send(CallFrame(1, method));
+    Settle(&client);
+    EXPECT_THAT(OnlyError(client),
+                HasSubstr("is a stream and cannot be called"))
         << method;
   }
   ExpectServerLives();
@@ -49,101 +50,103 @@ TEST_F(ServerConnectionTest, CallingAStreamIsAnError) {
 
 TEST_F(ServerConnectionTest,
        ARequestThatCannotBeParsedIsAnErrorThatNamesItsType) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   StreamMessage call = CallFrame(1, kSetDisplay);
   call.set_payload("\xff\xff\xff");
-  host.Send(call);
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host),
-            "1/3: the request is no rpc.Display, or nested deeper than 100");
+  client.Send(call);
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client),
+            "1/3: the request cannot be parsed as rpc.Display (malformed, or "
+            "nested deeper than 100 levels)");
   ExpectServerLives();
 }
 
 TEST_F(ServerConnectionTest, AfterAnErrorReplyTheConnectionGoesOn) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, 99));
-  host.Send(CallFrame(2, kShow));
-  Settle(&host);
-  ASSERT_THAT(host.frames, SizeIs(2));
-  EXPECT_EQ(host.frames[1].kind(), StreamMessage::KIND_REPLY);
-  EXPECT_FALSE(host.closed);
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, 99));
+  client.Send(CallFrame(2, kShow));
+  Settle(&client);
+  ASSERT_THAT(client.frames, SizeIs(2));
+  EXPECT_EQ(client.frames[1].kind(), StreamMessage::KIND_REPLY);
+  EXPECT_FALSE(client.closed);
 }
 
 TEST_F(ServerConnectionTest, AFrameAboveTheLimitEndsTheConnectionInWords) {
   RawPeer bystander = ConnectRaw();
-  RawPeer host = ConnectRaw();
-  host.SendBytes(std::string("\x01\0\x40\0", 4));  // 4 MiB and a byte.
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host),
+  RawPeer client = ConnectRaw();
+  client.SendBytes(std::string("\x01\0\x40\0", 4));  // 4 MiB and a byte.
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client),
             "0/8: frame of 4194305 bytes; the limit is 4194304");
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
   bystander.Send(CallFrame(1, kShow));
   Settle(&bystander);
   EXPECT_THAT(bystander.frames, SizeIs(1));
 }
 
 TEST_F(ServerConnectionTest, BytesThatAreNoFrameEndTheConnectionInWords) {
-  RawPeer host = ConnectRaw();
-  host.SendBytes(std::string("\x03\0\0\0\xff\xff\xff", 7));
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host), "0/3: frame of 3 bytes that is no StreamMessage");
-  EXPECT_TRUE(host.closed);
+  RawPeer client = ConnectRaw();
+  client.SendBytes(std::string("\x03\0\0\0\xff\xff\xff", 7));
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client),
+            "0/3: a frame of 3 bytes cannot be parsed as StreamMessage");
+  EXPECT_TRUE(client.closed);
   ExpectServerLives();
 }
 
 TEST_F(ServerConnectionTest,
-       AFrameOfAKindThatHostsDoNotSendEndsTheConnectionInWords) {
+       AFrameOfAKindThatClientsDoNotSendEndsTheConnectionInWords) {
   for (const int kind : {0, 2, 77}) {
-    RawPeer host = ConnectRaw();
+    RawPeer client = ConnectRaw();
     StreamMessage frame = CallFrame(1, kShow);
     frame.set_kind(static_cast<StreamMessage::Kind>(kind));
-    host.Send(frame);
-    Settle(&host);
-    EXPECT_EQ(OnlyError(host), "0/3: frame of kind " + std::to_string(kind) +
-                                   ", which a host never sends");
-    EXPECT_TRUE(host.closed);
+    client.Send(frame);
+    Settle(&client);
+    EXPECT_EQ(OnlyError(client), "0/3: frame of kind " + std::to_string(kind) +
+                                     ", which a client never sends");
+    EXPECT_TRUE(client.closed);
   }
   ExpectServerLives();
 }
 
 TEST_F(ServerConnectionTest, StreamId0EndsTheConnectionInWords) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(0, kShow));
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host),
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(0, kShow));
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client),
             "0/3: stream id 0 after 0; each must be greater than the last");
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
 }
 
 TEST_F(ServerConnectionTest, AStreamIdUsedTwiceEndsTheConnectionInWords) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(7, kHide));
-  host.Send(CallFrame(7, kHide));
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host),
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(7, kHide));
+  client.Send(CallFrame(7, kHide));
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client),
             "0/3: stream id 7 after 7; each must be greater than the last");
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
   ASSERT_THAT(widget.held, SizeIs(1));
   EXPECT_TRUE(widget.held[0].controller->IsCanceled());
   widget.held[0].done->Run();
 }
 
 TEST_F(ServerConnectionTest, AStreamIdOutOfOrderEndsTheConnectionInWords) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(7, kShow));
-  host.Send(CallFrame(6, kShow));
-  Settle(&host);
-  ASSERT_THAT(host.frames, SizeIs(2));
-  EXPECT_EQ(host.frames[1].error_text(),
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(7, kShow));
+  client.Send(CallFrame(6, kShow));
+  Settle(&client);
+  ASSERT_THAT(client.frames, SizeIs(2));
+  EXPECT_EQ(client.frames[1].error_text(),
             "stream id 6 after 7; each must be greater than the last");
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
 }
 
 TEST_F(ServerConnectionTest,
-       AHostThatDiesInTheMiddleOfAFrameLeavesNothingBehind) {
+       AClientThatDiesInTheMiddleOfAFrameLeavesNothingBehind) {
   {
-    RawPeer host = ConnectRaw();
-    host.SendBytes(std::string("\x10\0\0\0half", 8));
+    RawPeer client = ConnectRaw();
+    client.SendBytes(std::string("\x10\0\0\0half", 8));
     loop.RunUntilIdle();
     EXPECT_EQ(server->connections(), 1u);
   }
@@ -162,22 +165,22 @@ class SmallFramesServerTest : public ServerFixture {
 
 TEST_F(SmallFramesServerTest,
        AResponseThatFitsNoFrameIsAnErrorForItsCallAlone) {
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kGetAccessibilityToken, kLimit));
-  host.Send(CallFrame(2, kGetAccessibilityToken, kLimit / 2));
-  Settle(&host);
-  ASSERT_THAT(host.frames, SizeIs(2));
-  EXPECT_EQ(host.frames[0].kind(), StreamMessage::KIND_ERROR);
-  EXPECT_THAT(host.frames[0].error_text(), HasSubstr("the limit is 4096"));
-  EXPECT_EQ(host.frames[1].kind(), StreamMessage::KIND_REPLY);
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kGetAccessibilityToken, kLimit));
+  client.Send(CallFrame(2, kGetAccessibilityToken, kLimit / 2));
+  Settle(&client);
+  ASSERT_THAT(client.frames, SizeIs(2));
+  EXPECT_EQ(client.frames[0].kind(), StreamMessage::KIND_ERROR);
+  EXPECT_THAT(client.frames[0].error_text(), HasSubstr("the limit is 4096"));
+  EXPECT_EQ(client.frames[1].kind(), StreamMessage::KIND_REPLY);
 }
 
 TEST_F(SmallFramesServerTest, AFailuresTextIsCutSoThatItFitsAFrame) {
   widget.failure = std::string(100000, 'x');
-  RawPeer host = ConnectRaw();
-  host.Send(CallFrame(1, kMinimize));
-  Settle(&host);
-  EXPECT_EQ(OnlyError(host), "1/2: " + std::string(2048, 'x'));
+  RawPeer client = ConnectRaw();
+  client.Send(CallFrame(1, kMinimize));
+  Settle(&client);
+  EXPECT_EQ(OnlyError(client), "1/2: " + std::string(2048, 'x'));
 }
 
 }  // namespace

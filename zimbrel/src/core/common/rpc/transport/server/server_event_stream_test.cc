@@ -1,4 +1,4 @@
-// Event streams of a real server, as a host sees them frame by frame.
+// Event streams of a real server, as a client sees them frame by frame.
 
 #include <cstddef>
 #include <cstdint>
@@ -23,13 +23,13 @@ class ServerEventStreamTest : public StreamFixture {
  protected:
   using StreamFixture::StreamFixture;
 
-  // A host whose stream 1 is subscribed to tooltips of browser 7.
-  RawPeer WatchingHost() {
-    RawPeer host = ConnectRaw();
-    host.Send(OpenFrame(1, kWhenTooltipChanged));
-    host.Send(NextFrame(1, Subscribe(7)));
-    EXPECT_THAT(Settle(&host), IsEmpty());
-    return host;
+  // A client whose stream 1 is subscribed to tooltips of browser 7.
+  RawPeer WatchingClient() {
+    RawPeer client = ConnectRaw();
+    client.Send(OpenFrame(1, kWhenTooltipChanged));
+    client.Send(NextFrame(1, Subscribe(7)));
+    EXPECT_THAT(Settle(&client), IsEmpty());
+    return client;
   }
 
   static std::size_t PublishTo(std::uint64_t browser, const std::string& text) {
@@ -38,67 +38,67 @@ class ServerEventStreamTest : public StreamFixture {
 };
 
 TEST_F(ServerEventStreamTest, OpeningIsNotAnsweredAndSubscribesToNothing) {
-  RawPeer host = ConnectRaw();
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
-  EXPECT_THAT(Settle(&host), IsEmpty());
-  EXPECT_FALSE(host.closed);
+  RawPeer client = ConnectRaw();
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
+  EXPECT_THAT(Settle(&client), IsEmpty());
+  EXPECT_FALSE(client.closed);
   EXPECT_EQ(RegisteredKeys(), 0u);
 }
 
 TEST_F(ServerEventStreamTest, EveryEventStreamOpensAndSubscribes) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   for (std::uint32_t method = kFirstStream; method < kFirstCallbackStream;
        ++method) {
-    host.Send(OpenFrame(method, method));
-    host.Send(NextFrame(method, Subscribe(7)));
+    client.Send(OpenFrame(method, method));
+    client.Send(NextFrame(method, Subscribe(7)));
   }
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_EQ(RegisteredKeys(), 6u);
 }
 
-TEST_F(ServerEventStreamTest, AnEventReachesTheHostThatSubscribed) {
-  RawPeer host = WatchingHost();
+TEST_F(ServerEventStreamTest, AnEventReachesTheClientThatSubscribed) {
+  RawPeer client = WatchingClient();
   EXPECT_EQ(PublishTo(7, "tip"), 1u);
-  EXPECT_THAT(Settle(&host), ElementsAre("NEXT 1"));
-  EXPECT_EQ(host.frames[0].payload(), Tooltip("tip").SerializeAsString());
-  EXPECT_EQ(host.frames[0].call_id(), 0);
+  EXPECT_THAT(Settle(&client), ElementsAre("NEXT 1"));
+  EXPECT_EQ(client.frames[0].payload(), Tooltip("tip").SerializeAsString());
+  EXPECT_EQ(client.frames[0].call_id(), 0);
 }
 
 TEST_F(ServerEventStreamTest, AnotherBrowsersEventReachesNobody) {
-  RawPeer host = WatchingHost();
+  RawPeer client = WatchingClient();
   EXPECT_EQ(PublishTo(8, "tip"), 0u);
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  EXPECT_THAT(Settle(&client), IsEmpty());
 }
 
 TEST_F(ServerEventStreamTest, AfterUnsubscribingNothingComes) {
-  RawPeer host = WatchingHost();
-  host.Send(NextFrame(1, Unsubscribe(7)));
+  RawPeer client = WatchingClient();
+  client.Send(NextFrame(1, Unsubscribe(7)));
   loop.RunUntilIdle();
   EXPECT_EQ(PublishTo(7, "tip"), 0u);
-  EXPECT_THAT(Settle(&host), IsEmpty());
+  EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_EQ(RegisteredKeys(), 0u);
 }
 
-TEST_F(ServerEventStreamTest, TwoStreamsOfOneHostBothHear) {
-  RawPeer host = WatchingHost();
-  host.Send(OpenFrame(2, kWhenTooltipChanged));
-  host.Send(NextFrame(2, Subscribe(7)));
+TEST_F(ServerEventStreamTest, TwoStreamsOfOneClientBothHear) {
+  RawPeer client = WatchingClient();
+  client.Send(OpenFrame(2, kWhenTooltipChanged));
+  client.Send(NextFrame(2, Subscribe(7)));
   loop.RunUntilIdle();
   EXPECT_EQ(PublishTo(7, "tip"), 2u);
-  EXPECT_THAT(Settle(&host),
+  EXPECT_THAT(Settle(&client),
               ::testing::UnorderedElementsAre("NEXT 1", "NEXT 2"));
 }
 
 TEST_F(ServerEventStreamTest, EventsArriveInTheOrderOfPublishing) {
-  RawPeer host = WatchingHost();
+  RawPeer client = WatchingClient();
   std::vector<std::string> sent;
   for (int i = 0; i < 300; ++i) {
     sent.push_back(Tooltip(std::to_string(i)).SerializeAsString());
     PublishTo(7, std::to_string(i));
   }
-  Settle(&host);
+  Settle(&client);
   std::vector<std::string> received;
-  for (const StreamMessage& frame : host.frames)
+  for (const StreamMessage& frame : client.frames)
     received.push_back(frame.payload());
   EXPECT_EQ(received, sent);
 }
@@ -108,7 +108,7 @@ TEST_F(ServerEventStreamTest, CallsAndStreamsAreHandledInTheOrderOfArrival) {
   widget.on_show = [&](std::uint64_t browser) {
     reached.push_back(PublishTo(browser, "shown"));
   };
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   std::string bytes;
   for (const StreamMessage& frame :
        {CallFrame(1, kShow, 7), OpenFrame(2, kWhenTooltipChanged),
@@ -118,37 +118,37 @@ TEST_F(ServerEventStreamTest, CallsAndStreamsAreHandledInTheOrderOfArrival) {
         CallFrame(6, kShow, 7), CompleteFrame(2), CallFrame(7, kShow, 7)}) {
     bytes += RawPeer::Bytes(frame);
   }
-  host.SendBytes(bytes);
-  EXPECT_THAT(Settle(&host),
+  client.SendBytes(bytes);
+  EXPECT_THAT(Settle(&client),
               ElementsAre("REPLY 1", "REPLY 3", "NEXT 2", "REPLY 4", "REPLY 5",
                           "NEXT 2", "REPLY 6", "COMPLETE 2", "REPLY 7"));
   EXPECT_THAT(reached, ElementsAre(0, 0, 1, 0, 1, 0));
 }
 
-// The end, by the host.
+// The end, by the client.
 
 TEST_F(ServerEventStreamTest, CompletingIsAnsweredAndLeavesNothingBehind) {
-  RawPeer host = WatchingHost();
-  host.Send(NextFrame(1, Subscribe(8)));
-  host.Send(CompleteFrame(1));
-  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 1"));
+  RawPeer client = WatchingClient();
+  client.Send(NextFrame(1, Subscribe(8)));
+  client.Send(CompleteFrame(1));
+  EXPECT_THAT(Settle(&client), ElementsAre("COMPLETE 1"));
   EXPECT_EQ(RegisteredKeys(), 0u);
   EXPECT_EQ(PublishTo(7, "tip"), 0u);
 }
 
 TEST_F(ServerEventStreamTest, AfterAStreamTheConnectionGoesOn) {
-  RawPeer host = WatchingHost();
-  host.Send(CompleteFrame(1));
-  host.Send(OpenFrame(2, kWhenTooltipChanged));
-  host.Send(NextFrame(2, Subscribe(7)));
-  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 1"));
+  RawPeer client = WatchingClient();
+  client.Send(CompleteFrame(1));
+  client.Send(OpenFrame(2, kWhenTooltipChanged));
+  client.Send(NextFrame(2, Subscribe(7)));
+  EXPECT_THAT(Settle(&client), ElementsAre("COMPLETE 1"));
   PublishTo(7, "tip");
-  EXPECT_THAT(Settle(&host), ElementsAre("NEXT 2"));
+  EXPECT_THAT(Settle(&client), ElementsAre("NEXT 2"));
 }
 
 TEST_F(ServerEventStreamTest, AStreamThatSharedItsKeyLeavesItWhenItCompletes) {
-  RawPeer stays = WatchingHost();
-  RawPeer leaves = WatchingHost();
+  RawPeer stays = WatchingClient();
+  RawPeer leaves = WatchingClient();
   leaves.Send(CompleteFrame(1));
   EXPECT_THAT(Settle(&leaves), ElementsAre("COMPLETE 1"));
   EXPECT_EQ(ListedForTooltips(7), 1u);
@@ -157,22 +157,22 @@ TEST_F(ServerEventStreamTest, AStreamThatSharedItsKeyLeavesItWhenItCompletes) {
   EXPECT_THAT(Settle(&leaves), IsEmpty());
 }
 
-TEST_F(ServerEventStreamTest, AHostThatVanishesLeavesNothingBehind) {
-  std::optional<RawPeer> host = WatchingHost();
-  host->Send(NextFrame(1, Subscribe(8)));
-  host->Send(OpenFrame(2, kFirstStream));
-  host->Send(NextFrame(2, Subscribe(7)));
+TEST_F(ServerEventStreamTest, AClientThatVanishesLeavesNothingBehind) {
+  std::optional<RawPeer> client = WatchingClient();
+  client->Send(NextFrame(1, Subscribe(8)));
+  client->Send(OpenFrame(2, kFirstStream));
+  client->Send(NextFrame(2, Subscribe(7)));
   loop.RunUntilIdle();
   EXPECT_EQ(RegisteredKeys(), 3u);
-  host.reset();
+  client.reset();
   loop.RunUntilIdle();
   EXPECT_EQ(RegisteredKeys(), 0u);
   EXPECT_EQ(server->connections(), 0u);
 }
 
-TEST_F(ServerEventStreamTest, AHostThatVanishesLeavesTheKeysThatItShared) {
-  RawPeer stays = WatchingHost();
-  std::optional<RawPeer> vanishes = WatchingHost();
+TEST_F(ServerEventStreamTest, AClientThatVanishesLeavesTheKeysThatItShared) {
+  RawPeer stays = WatchingClient();
+  std::optional<RawPeer> vanishes = WatchingClient();
   EXPECT_EQ(ListedForTooltips(7), 2u);
   vanishes.reset();
   loop.RunUntilIdle();
@@ -182,88 +182,88 @@ TEST_F(ServerEventStreamTest, AHostThatVanishesLeavesTheKeysThatItShared) {
 }
 
 TEST_F(ServerEventStreamTest,
-       AStreamLeavesTheKeysThatItSharesWithAnotherOfTheSameHost) {
-  RawPeer host = WatchingHost();
-  host.Send(OpenFrame(2, kWhenTooltipChanged));
-  host.Send(NextFrame(2, Subscribe(7)));
-  host.Send(CompleteFrame(1));
-  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 1"));
+       AStreamLeavesTheKeysThatItSharesWithAnotherOfTheSameClient) {
+  RawPeer client = WatchingClient();
+  client.Send(OpenFrame(2, kWhenTooltipChanged));
+  client.Send(NextFrame(2, Subscribe(7)));
+  client.Send(CompleteFrame(1));
+  EXPECT_THAT(Settle(&client), ElementsAre("COMPLETE 1"));
   EXPECT_EQ(ListedForTooltips(7), 1u);
 }
 
-TEST_F(ServerEventStreamTest, WhatWasPublishedToAHostThatVanishedIsNoError) {
-  RawPeer stays = WatchingHost();
-  std::optional<RawPeer> vanishes = WatchingHost();
+TEST_F(ServerEventStreamTest, WhatWasPublishedToAClientThatVanishedIsNoError) {
+  RawPeer stays = WatchingClient();
+  std::optional<RawPeer> vanishes = WatchingClient();
   vanishes.reset();
-  // Its end has not been noticed, so both are told.
+  // The server has not noticed that it is gone, so both count as told.
   EXPECT_EQ(PublishTo(7, "tip"), 2u);
   EXPECT_THAT(Settle(&stays), ElementsAre("NEXT 1"));
   EXPECT_EQ(server->connections(), 1u);
 }
 
-// The end, by the widget.
+// The end, by the server.
 
 TEST_F(ServerEventStreamTest, TheServersEndCompletesStreamsInOrderOfOpening) {
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   for (const std::uint64_t id : {3, 14, 15, 92, 653})
-    host.Send(OpenFrame(id, kWhenTooltipChanged));
-  host.Send(NextFrame(92, Subscribe(7)));
+    client.Send(OpenFrame(id, kWhenTooltipChanged));
+  client.Send(NextFrame(92, Subscribe(7)));
   loop.RunUntilIdle();
   server.reset();
   EXPECT_EQ(RegisteredKeys(), 0u);
-  EXPECT_THAT(Settle(&host),
+  EXPECT_THAT(Settle(&client),
               ElementsAre("COMPLETE 3", "COMPLETE 14", "COMPLETE 15",
                           "COMPLETE 92", "COMPLETE 653"));
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
 }
 
 TEST_F(ServerEventStreamTest, WhatWasPublishedBeforeTheServersEndStillArrives) {
-  RawPeer host = WatchingHost();
+  RawPeer client = WatchingClient();
   PublishTo(7, "last words");
   server.reset();
-  EXPECT_THAT(Settle(&host), ElementsAre("NEXT 1", "COMPLETE 1"));
+  EXPECT_THAT(Settle(&client), ElementsAre("NEXT 1", "COMPLETE 1"));
 }
 
 TEST_F(ServerEventStreamTest, AHandlerMayDestroyTheServerWhileStreamsAreOpen) {
-  RawPeer bystander = WatchingHost();
-  RawPeer host = WatchingHost();
+  RawPeer bystander = WatchingClient();
+  RawPeer client = WatchingClient();
   widget.on_show = [this](std::uint64_t) { server.reset(); };
-  host.Send(CallFrame(2, kShow));
-  host.Send(NextFrame(1, Subscribe(8)));
-  EXPECT_THAT(Settle(&host), ElementsAre("COMPLETE 1"));
+  client.Send(CallFrame(2, kShow));
+  client.Send(NextFrame(1, Subscribe(8)));
+  EXPECT_THAT(Settle(&client), ElementsAre("COMPLETE 1"));
   EXPECT_THAT(Settle(&bystander), ElementsAre("COMPLETE 1"));
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
   EXPECT_TRUE(bystander.closed);
   EXPECT_EQ(RegisteredKeys(), 0u);
 }
 
-// A host that does not read.
+// A client that does not read.
 
-class StalledHostTest : public ServerEventStreamTest {
+class StalledClientTest : public ServerEventStreamTest {
  protected:
-  StalledHostTest() {
+  StalledClientTest() {
     // More than a socket takes.
     for (int i = 0; i < 16; ++i) PublishTo(7, std::string(1 << 20, 'x'));
     loop.RunUntilIdle();
   }
 
-  std::optional<RawPeer> stalled = WatchingHost();
+  std::optional<RawPeer> stalled = WatchingClient();
 };
 
-TEST_F(StalledHostTest, HoldsUpNobodyElse) {
-  RawPeer host = WatchingHost();
+TEST_F(StalledClientTest, HoldsUpNobodyElse) {
+  RawPeer client = WatchingClient();
   PublishTo(7, "tip");
-  EXPECT_THAT(Settle(&host), ElementsAre("NEXT 1"));
+  EXPECT_THAT(Settle(&client), ElementsAre("NEXT 1"));
 }
 
-TEST_F(StalledHostTest, VanishesLikeAnyOther) {
+TEST_F(StalledClientTest, VanishesLikeAnyOther) {
   stalled.reset();
   loop.RunUntilIdle();
   EXPECT_EQ(server->connections(), 0u);
   EXPECT_EQ(RegisteredKeys(), 0u);
 }
 
-TEST_F(StalledHostTest, DoesNotKeepTheServer) {
+TEST_F(StalledClientTest, DoesNotKeepTheServer) {
   server.reset();
   loop.RunUntilIdle();
   EXPECT_EQ(RegisteredKeys(), 0u);
@@ -282,10 +282,10 @@ class SmallFramesEventStreamTest : public ServerEventStreamTest {
 
 TEST_F(SmallFramesEventStreamTest,
        AnEventThatFitsNoFrameReachesNobodyAndTheStreamGoesOn) {
-  RawPeer host = WatchingHost();
+  RawPeer client = WatchingClient();
   EXPECT_EQ(PublishTo(7, std::string(kMinMaxFrameBytes, 'x')), 0u);
   EXPECT_EQ(PublishTo(7, "tip"), 1u);
-  EXPECT_THAT(Settle(&host), ElementsAre("NEXT 1"));
+  EXPECT_THAT(Settle(&client), ElementsAre("NEXT 1"));
 }
 
 }  // namespace

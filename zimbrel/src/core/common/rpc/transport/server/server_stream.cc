@@ -47,7 +47,7 @@ class Endpoint final : public StreamEndpoint {
     socket().DropSlots(header_.stream_id());
     header_.set_kind(StreamMessage::KIND_COMPLETE);
     header_.clear_call_id();
-    socket().Send(header_).IgnoreError();  // Without a connection nobody waits.
+    socket().Send(header_).IgnoreError();  // Fails if the client has gone.
   }
 
   EventLoop& loop() override { return *context_->loop; }
@@ -66,10 +66,10 @@ class Endpoint final : public StreamEndpoint {
   StreamMessage header_;
 };
 
-absl::Status NotA(const Message& message, int max_depth) {
-  return absl::InvalidArgumentError(
-      absl::StrCat("the payload is no ", message.GetTypeName(),
-                   ", or nested deeper than ", max_depth));
+absl::Status CannotParse(const Message& message, int max_depth) {
+  return absl::InvalidArgumentError(absl::StrCat(
+      "the payload cannot be parsed as ", message.GetTypeName(),
+      " (malformed, or nested deeper than ", max_depth, " levels)"));
 }
 
 }  // namespace
@@ -111,7 +111,7 @@ absl::Status ServerStream::Error(StreamMessage& frame) {
 absl::Status ServerStream::CheckSubscription(const std::string& payload) {
   if (!ParsePayload(payload, context_->limits.max_message_depth,
                     &subscription_))
-    return NotA(subscription_, context_->limits.max_message_depth);
+    return CannotParse(subscription_, context_->limits.max_message_depth);
   switch (subscription_.action_case()) {
     case rpc::EventSubscription::kSubscribe:
       return AddKey(subscription_.subscribe().SerializeAsString());
@@ -122,7 +122,7 @@ absl::Status ServerStream::CheckSubscription(const std::string& payload) {
       break;
   }
   return absl::InvalidArgumentError(
-      "a subscription frame that asks for nothing");
+      "an EventSubscription that neither subscribes nor unsubscribes");
 }
 
 absl::Status ServerStream::AddKey(std::string key) {
@@ -145,7 +145,7 @@ absl::Status ServerStream::ParseCallback(const std::string& payload) {
   return ParsePayload(payload, context_->limits.max_message_depth,
                       callback_.get())
              ? absl::OkStatus()
-             : NotA(*callback_, context_->limits.max_message_depth);
+             : CannotParse(*callback_, context_->limits.max_message_depth);
 }
 
 absl::Status ServerStream::CheckCallbackFrame(const std::string& payload) {
@@ -163,7 +163,7 @@ absl::Status ServerStream::CheckCallbackFrame(const std::string& payload) {
 void ServerStream::UnsubscribeFromAll() {
   context_->subscriptions -= keys_.size();
   for (const std::string& key : std::exchange(keys_, {})) {
-    // Parses: it was serialised from the same type.
+    // Cannot fail: the key was serialised from the same type.
     subscription_.mutable_unsubscribe()->ParseFromString(key);
     StreamMessage frame;
     frame.set_payload(subscription_.SerializeAsString());

@@ -24,21 +24,22 @@
 
 namespace orvane::internal {
 
-// What a connection gives to its streams. Outlives them, and is outlived by all
-// that it points to.
+// What the streams of a connection share. Outlives them, and everything that it
+// points to outlives it.
 struct StreamContext {
   EventLoop* loop;
   Service* service;
   std::shared_ptr<FrameSocket> socket;
   const ServerLimits& limits;
   ServerCounters* counters;
-  std::size_t subscriptions = 0;  // Of all its event streams together.
+  std::size_t subscriptions = 0;  // Of all event streams together.
 };
 
 // Owns a stream of the service and checks what the client sends on it: a frame
-// that would end the process is refused here in words. Remembers what the
-// client is subscribed to and unsubscribes it at the end, since a stream leaves
-// keys that it shares with others only when it is told to.
+// that would end the process is refused here with an error. Remembers the keys
+// to which the client is subscribed and unsubscribes it at the end, since a
+// stream leaves a key that it shares with other streams only when it is
+// unsubscribed.
 //
 // Thread: the service thread.
 class ServerStream {
@@ -55,8 +56,8 @@ class ServerStream {
   // left, completes the stream and destroys it.
   ~ServerStream();
 
-  // Delivers a frame of the client. An error, in words for it, means that
-  // the stream was not told of it.
+  // Passes a frame of the client to the stream. An error, whose text is for the
+  // client, means that the stream has not received it.
   absl::Status Next(rpc::transport::StreamMessage& frame);
   absl::Status Error(rpc::transport::StreamMessage& frame);
 
@@ -76,7 +77,7 @@ class ServerStream {
   rpc::EventSubscription subscription_;
   std::unordered_set<std::string> keys_;
 
-  // Of a callback stream: what it sends and receives.
+  // Of a callback stream: the message into which frames are parsed.
   const std::unique_ptr<google::protobuf::Message> callback_;
 };
 

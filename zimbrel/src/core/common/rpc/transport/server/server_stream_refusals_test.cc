@@ -1,5 +1,5 @@
-// What hosts must not do with streams, and what they hear. Much of it would end
-// the process if it came as far as the service.
+// What clients must not do with streams, and what they are told. Much of it
+// would end the process if it reached the service.
 
 #include <cstdint>
 #include <string>
@@ -20,8 +20,8 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-// Whatever `host` does, `bystander` hears an event and is served afterwards,
-// and so is a host that connects then.
+// Whatever `client` does, `bystander` receives an event and is served
+// afterwards, and so is a client that connects then.
 class ServerStreamRefusalsTest : public StreamFixture {
  protected:
   ServerStreamRefusalsTest() {
@@ -39,29 +39,29 @@ class ServerStreamRefusalsTest : public StreamFixture {
     EXPECT_THAT(Settle(&late), ElementsAre("REPLY 1"));
   }
 
-  // `host` opens stream 1.
+  // `client` opens stream 1.
   void Open(std::uint32_t method) {
-    host.Send(OpenFrame(1, method));
-    EXPECT_THAT(Settle(&host), IsEmpty());
+    client.Send(OpenFrame(1, method));
+    EXPECT_THAT(Settle(&client), IsEmpty());
   }
 
-  std::vector<std::string> Told() { return Settle(&host); }
+  std::vector<std::string> Told() { return Settle(&client); }
 
-  // What `host` is told when it sends this on a fresh stream 1.
+  // What `client` is told after it has sent this on a new stream 1.
   std::vector<std::string> ToldAfter(std::uint32_t method,
                                      const std::string& payload) {
     Open(method);
-    host.Send(Frame(StreamMessage::KIND_NEXT, 1, payload));
+    client.Send(Frame(StreamMessage::KIND_NEXT, 1, payload));
     return Told();
   }
 
   void ExpectConnected() {
-    EXPECT_FALSE(host.closed);
-    host.Send(CallFrame(1000, kShow));
+    EXPECT_FALSE(client.closed);
+    client.Send(CallFrame(1000, kShow));
     EXPECT_THAT(Told(), ElementsAre("REPLY 1000"));
   }
 
-  RawPeer host = ConnectRaw();
+  RawPeer client = ConnectRaw();
   RawPeer bystander = ConnectRaw();
 };
 
@@ -70,26 +70,26 @@ class ServerStreamRefusalsTest : public StreamFixture {
 TEST_F(ServerStreamRefusalsTest, NoUnaryMethodCanBeOpened) {
   for (std::uint32_t method = 0; method < kFirstStream; ++method) {
     const std::uint32_t id = method + 1;
-    host.Send(OpenFrame(id, method));
+    client.Send(OpenFrame(id, method));
     EXPECT_THAT(Told(), ElementsAre(absl::StrCat(
                             "ERROR ", id, " INVALID_ARGUMENT: ",
                             widget.GetDescriptor()
                                 ->method(static_cast<int>(method))
                                 ->full_name(),
-                            " is no stream and cannot be opened")));
+                            " is not a stream and cannot be opened")));
   }
   ExpectConnected();
 }
 
 TEST_F(ServerStreamRefusalsTest, AnUnknownMethodCannotBeOpened) {
-  host.Send(OpenFrame(1, kMethods));
+  client.Send(OpenFrame(1, kMethods));
   EXPECT_THAT(Told(), ElementsAre("ERROR 1 UNIMPLEMENTED: no method 52 in "
                                   "rpc.BrowserWidgetRpc, which has 52"));
   ExpectConnected();
 }
 
 TEST_F(ServerStreamRefusalsTest, TheLargestMethodNumberCannotBeOpened) {
-  host.Send(OpenFrame(1, 0xffffffffu));
+  client.Send(OpenFrame(1, 0xffffffffu));
   EXPECT_THAT(Told(),
               ElementsAre("ERROR 1 UNIMPLEMENTED: no method 4294967295 in "
                           "rpc.BrowserWidgetRpc, which has 52"));
@@ -98,7 +98,7 @@ TEST_F(ServerStreamRefusalsTest, TheLargestMethodNumberCannotBeOpened) {
 
 TEST_F(ServerStreamRefusalsTest, NoStreamCanBeCalled) {
   for (std::uint32_t method = kFirstStream; method < kMethods; ++method) {
-    host.Send(CallFrame(method, method));
+    client.Send(CallFrame(method, method));
     EXPECT_THAT(Told(), ElementsAre(HasSubstr("is a stream and cannot be "
                                               "called")));
   }
@@ -106,14 +106,15 @@ TEST_F(ServerStreamRefusalsTest, NoStreamCanBeCalled) {
 }
 
 TEST_F(ServerStreamRefusalsTest, WhatIsSentOnARefusedStreamIsRefusedToo) {
-  host.Send(OpenFrame(1, kShow));
-  host.Send(NextFrame(1, Subscribe(7)));
-  host.Send(CompleteFrame(1));
-  EXPECT_THAT(Told(), ElementsAre("ERROR 1 INVALID_ARGUMENT: "
-                                  "rpc.BrowserWidgetRpc.Show is no stream and "
-                                  "cannot be opened",
-                                  "ERROR 1 NOT_FOUND: stream 1 is not open",
-                                  "ERROR 1 NOT_FOUND: stream 1 is not open"));
+  client.Send(OpenFrame(1, kShow));
+  client.Send(NextFrame(1, Subscribe(7)));
+  client.Send(CompleteFrame(1));
+  EXPECT_THAT(Told(),
+              ElementsAre("ERROR 1 INVALID_ARGUMENT: "
+                          "rpc.BrowserWidgetRpc.Show is not a stream and "
+                          "cannot be opened",
+                          "ERROR 1 NOT_FOUND: stream 1 is not open",
+                          "ERROR 1 NOT_FOUND: stream 1 is not open"));
   EXPECT_EQ(ListedForTooltips(7), 1u);
   ExpectConnected();
 }
@@ -121,28 +122,28 @@ TEST_F(ServerStreamRefusalsTest, WhatIsSentOnARefusedStreamIsRefusedToo) {
 // Streams that are not open.
 
 TEST_F(ServerStreamRefusalsTest, NextOnAStreamThatIsNotOpen) {
-  host.Send(NextFrame(5, Subscribe(7)));
+  client.Send(NextFrame(5, Subscribe(7)));
   EXPECT_THAT(Told(), ElementsAre("ERROR 5 NOT_FOUND: stream 5 is not open"));
   EXPECT_EQ(ListedForTooltips(7), 1u);
   ExpectConnected();
 }
 
 TEST_F(ServerStreamRefusalsTest, ErrorOnAStreamThatIsNotOpen) {
-  host.Send(ErrorFrame(5, About(7), 1));
+  client.Send(ErrorFrame(5, About(7), 1));
   EXPECT_THAT(Told(), ElementsAre("ERROR 5 NOT_FOUND: stream 5 is not open"));
   ExpectConnected();
 }
 
 TEST_F(ServerStreamRefusalsTest, CompletionOfAStreamThatIsNotOpen) {
-  host.Send(CompleteFrame(5));
+  client.Send(CompleteFrame(5));
   EXPECT_THAT(Told(), ElementsAre("ERROR 5 NOT_FOUND: stream 5 is not open"));
   ExpectConnected();
 }
 
 TEST_F(ServerStreamRefusalsTest, NextOnAStreamThatHasCompleted) {
   Open(kWhenTooltipChanged);
-  host.Send(CompleteFrame(1));
-  host.Send(NextFrame(1, Subscribe(7)));
+  client.Send(CompleteFrame(1));
+  client.Send(NextFrame(1, Subscribe(7)));
   EXPECT_THAT(Told(), ElementsAre("COMPLETE 1",
                                   "ERROR 1 NOT_FOUND: stream 1 is not open"));
   EXPECT_EQ(ListedForTooltips(7), 1u);
@@ -151,8 +152,8 @@ TEST_F(ServerStreamRefusalsTest, NextOnAStreamThatHasCompleted) {
 
 TEST_F(ServerStreamRefusalsTest, ErrorOnAStreamThatHasCompleted) {
   Open(kOnCreateWebDialog);
-  host.Send(CompleteFrame(1));
-  host.Send(ErrorFrame(1, About(7), 1));
+  client.Send(CompleteFrame(1));
+  client.Send(ErrorFrame(1, About(7), 1));
   EXPECT_THAT(Told(), ElementsAre("COMPLETE 1",
                                   "ERROR 1 NOT_FOUND: stream 1 is not open"));
   ExpectConnected();
@@ -160,24 +161,24 @@ TEST_F(ServerStreamRefusalsTest, ErrorOnAStreamThatHasCompleted) {
 
 TEST_F(ServerStreamRefusalsTest, CompletionOfAStreamThatHasCompleted) {
   Open(kOnCreateWebDialog);
-  host.Send(CompleteFrame(1));
-  host.Send(CompleteFrame(1));
+  client.Send(CompleteFrame(1));
+  client.Send(CompleteFrame(1));
   EXPECT_THAT(Told(), ElementsAre("COMPLETE 1",
                                   "ERROR 1 NOT_FOUND: stream 1 is not open"));
   ExpectConnected();
 }
 
-TEST_F(ServerStreamRefusalsTest, AStreamOfAnotherHostIsNotOpenForThisOne) {
-  host.Send(NextFrame(1, Unsubscribe(7)));
-  host.Send(CompleteFrame(1));
+TEST_F(ServerStreamRefusalsTest, AStreamOfAnotherClientIsNotOpenForThisOne) {
+  client.Send(NextFrame(1, Unsubscribe(7)));
+  client.Send(CompleteFrame(1));
   EXPECT_THAT(Told(), ElementsAre("ERROR 1 NOT_FOUND: stream 1 is not open",
                                   "ERROR 1 NOT_FOUND: stream 1 is not open"));
   EXPECT_EQ(ListedForTooltips(7), 1u);
 }
 
 TEST_F(ServerStreamRefusalsTest, AUnaryCallIsNoStream) {
-  host.Send(CallFrame(1, kHide));
-  host.Send(NextFrame(1, Subscribe(7)));
+  client.Send(CallFrame(1, kHide));
+  client.Send(NextFrame(1, Subscribe(7)));
   EXPECT_THAT(Told(), ElementsAre("ERROR 1 NOT_FOUND: stream 1 is not open"));
   ASSERT_THAT(widget.held, ::testing::SizeIs(1));
   EXPECT_FALSE(widget.held[0].controller->IsCanceled());
@@ -185,52 +186,52 @@ TEST_F(ServerStreamRefusalsTest, AUnaryCallIsNoStream) {
   EXPECT_THAT(Told(), ElementsAre("REPLY 1"));
 }
 
-// Numbers.
+// Stream ids.
 
 TEST_F(ServerStreamRefusalsTest, AnIdUsedTwiceEndsTheConnection) {
   Open(kWhenTooltipChanged);
-  host.Send(NextFrame(1, Subscribe(7)));
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(NextFrame(1, Subscribe(7)));
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
   EXPECT_THAT(Told(), ElementsAre("ERROR 0 INVALID_ARGUMENT: stream id 1 after "
                                   "1; each must be greater than the last"));
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
   EXPECT_EQ(ListedForTooltips(7), 1u);
 }
 
 TEST_F(ServerStreamRefusalsTest, TheIdOfACompletedStreamIsUsedUp) {
   Open(kWhenTooltipChanged);
-  host.Send(CompleteFrame(1));
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(CompleteFrame(1));
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
   EXPECT_THAT(Told(), ElementsAre("COMPLETE 1",
                                   "ERROR 0 INVALID_ARGUMENT: stream id 1 after "
                                   "1; each must be greater than the last"));
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
 }
 
 TEST_F(ServerStreamRefusalsTest, TheIdOfARefusedStreamIsUsedUp) {
-  host.Send(OpenFrame(1, kShow));
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(OpenFrame(1, kShow));
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
   EXPECT_THAT(Told(), ElementsAre(HasSubstr("ERROR 1 INVALID_ARGUMENT"),
                                   HasSubstr("ERROR 0 INVALID_ARGUMENT")));
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
 }
 
 TEST_F(ServerStreamRefusalsTest, AStreamCannotHaveTheIdOfACall) {
-  host.Send(CallFrame(1, kHide));
-  host.Send(OpenFrame(1, kWhenTooltipChanged));
+  client.Send(CallFrame(1, kHide));
+  client.Send(OpenFrame(1, kWhenTooltipChanged));
   EXPECT_THAT(Told(), ElementsAre("ERROR 0 INVALID_ARGUMENT: stream id 1 after "
                                   "1; each must be greater than the last"));
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
   ASSERT_THAT(widget.held, ::testing::SizeIs(1));
   EXPECT_TRUE(widget.held[0].controller->IsCanceled());
   widget.held[0].done->Run();
 }
 
 TEST_F(ServerStreamRefusalsTest, StreamId0EndsTheConnection) {
-  host.Send(OpenFrame(0, kWhenTooltipChanged));
+  client.Send(OpenFrame(0, kWhenTooltipChanged));
   EXPECT_THAT(Told(), ElementsAre("ERROR 0 INVALID_ARGUMENT: stream id 0 after "
                                   "0; each must be greater than the last"));
-  EXPECT_TRUE(host.closed);
+  EXPECT_TRUE(client.closed);
 }
 
 // Stream 0 is the connection itself, also when an end of the host names none.
@@ -264,41 +265,45 @@ TEST_F(FramesForStream0, ACompleteEndsTheConnection) {
 
 TEST_F(ServerStreamRefusalsTest, ABareSubscription) {
   EXPECT_THAT(ToldAfter(kWhenTooltipChanged, ""),
-              ElementsAre("ERROR 1 INVALID_ARGUMENT: a subscription frame that "
-                          "asks for nothing",
+              ElementsAre("ERROR 1 INVALID_ARGUMENT: an EventSubscription "
+                          "that neither subscribes nor unsubscribes",
                           "COMPLETE 1"));
   ExpectConnected();
 }
 
 TEST_F(ServerStreamRefusalsTest, ASubscriptionWithoutAnAction) {
-  // Field 3, which there is not.
+  // Field 3, which does not exist.
   EXPECT_THAT(ToldAfter(kWhenTooltipChanged, "\x18\x01"),
-              ElementsAre("ERROR 1 INVALID_ARGUMENT: a subscription frame that "
-                          "asks for nothing",
+              ElementsAre("ERROR 1 INVALID_ARGUMENT: an EventSubscription "
+                          "that neither subscribes nor unsubscribes",
                           "COMPLETE 1"));
   ExpectConnected();
 }
 
 TEST_F(ServerStreamRefusalsTest, ASubscriptionThatCannotBeParsed) {
-  EXPECT_THAT(ToldAfter(kWhenTooltipChanged, "\xff\xff"),
-              ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
-                          "rpc.EventSubscription, or nested deeper than 100",
-                          "COMPLETE 1"));
+  EXPECT_THAT(
+      ToldAfter(kWhenTooltipChanged, "\xff\xff"),
+      ElementsAre(
+          "ERROR 1 INVALID_ARGUMENT: the payload cannot be "
+          "parsed as rpc.EventSubscription (malformed, or nested deeper "
+          "than 100 levels)",
+          "COMPLETE 1"));
   ExpectConnected();
 }
 
 TEST_F(ServerStreamRefusalsTest, ASubscriptionThatCanBeParsedInPart) {
   EXPECT_THAT(
       ToldAfter(kWhenTooltipChanged, Subscribe(9).SerializeAsString() + "\xff"),
-      ElementsAre(HasSubstr("the payload is no rpc.EventSubscription"),
-                  "COMPLETE 1"));
+      ElementsAre(
+          HasSubstr("the payload cannot be parsed as rpc.EventSubscription"),
+          "COMPLETE 1"));
   EXPECT_EQ(ListedForTooltips(9), 0u);
   ExpectConnected();
 }
 
 TEST_F(ServerStreamRefusalsTest, AnErrorOnAnEventStream) {
   Open(kWhenTooltipChanged);
-  host.Send(ErrorFrame(1, Subscribe(9), 1));
+  client.Send(ErrorFrame(1, Subscribe(9), 1));
   EXPECT_THAT(Told(), ElementsAre("ERROR 1 INVALID_ARGUMENT: an error on an "
                                   "event stream, which has no calls",
                                   "COMPLETE 1"));
@@ -308,11 +313,11 @@ TEST_F(ServerStreamRefusalsTest, AnErrorOnAnEventStream) {
 
 TEST_F(ServerStreamRefusalsTest, AStreamThatEndsForNonsenseLeavesItsKeys) {
   Open(kWhenTooltipChanged);
-  host.Send(NextFrame(1, Subscribe(7)));
-  host.Send(NextFrame(1, Subscribe(8)));
+  client.Send(NextFrame(1, Subscribe(7)));
+  client.Send(NextFrame(1, Subscribe(8)));
   loop.RunUntilIdle();
   EXPECT_EQ(ListedForTooltips(7), 2u);
-  host.Send(Frame(StreamMessage::KIND_NEXT, 1));
+  client.Send(Frame(StreamMessage::KIND_NEXT, 1));
   EXPECT_THAT(Told(), ElementsAre(HasSubstr("ERROR 1"), "COMPLETE 1"));
   EXPECT_EQ(ListedForTooltips(7), 1u);
   EXPECT_EQ(ListedForTooltips(8), 0u);
@@ -320,10 +325,12 @@ TEST_F(ServerStreamRefusalsTest, AStreamThatEndsForNonsenseLeavesItsKeys) {
 
 TEST_F(ServerStreamRefusalsTest, AfterNonsenseTheStreamIsNotOpen) {
   Open(kWhenTooltipChanged);
-  host.Send(Frame(StreamMessage::KIND_NEXT, 1));
-  host.Send(NextFrame(1, Subscribe(9)));
-  EXPECT_THAT(Told(), ElementsAre(HasSubstr("asks for nothing"), "COMPLETE 1",
-                                  "ERROR 1 NOT_FOUND: stream 1 is not open"));
+  client.Send(Frame(StreamMessage::KIND_NEXT, 1));
+  client.Send(NextFrame(1, Subscribe(9)));
+  EXPECT_THAT(
+      Told(),
+      ElementsAre(HasSubstr("neither subscribes nor unsubscribes"),
+                  "COMPLETE 1", "ERROR 1 NOT_FOUND: stream 1 is not open"));
   EXPECT_EQ(ListedForTooltips(9), 0u);
 }
 
@@ -332,8 +339,8 @@ TEST_F(ServerStreamRefusalsTest, AfterNonsenseTheStreamIsNotOpen) {
 TEST_F(ServerStreamRefusalsTest, ABareCallbackFrameOfAnyType) {
   for (std::uint32_t method = kFirstCallbackStream; method < kMethods;
        ++method) {
-    host.Send(OpenFrame(method, method));
-    host.Send(Frame(StreamMessage::KIND_NEXT, method));
+    client.Send(OpenFrame(method, method));
+    client.Send(Frame(StreamMessage::KIND_NEXT, method));
     const auto* const type =
         widget.GetDescriptor()->method(static_cast<int>(method))->input_type();
     EXPECT_THAT(
@@ -354,7 +361,7 @@ TEST_F(ServerStreamRefusalsTest, ACallbackFrameThatOnlyNamesItsBrowser) {
   ExpectConnected();
 }
 
-TEST_F(ServerStreamRefusalsTest, ACallFromTheHost) {
+TEST_F(ServerStreamRefusalsTest, ACallFromTheClient) {
   rpc::CreateWebDialog message = About(7);
   message.mutable_call()->mutable_alert();
   EXPECT_THAT(ToldAfter(kOnCreateWebDialog, message.SerializeAsString()),
@@ -375,18 +382,21 @@ TEST_F(ServerStreamRefusalsTest, AResponseThatACallReplacesIsACall) {
 }
 
 TEST_F(ServerStreamRefusalsTest, ACallbackFrameThatCannotBeParsed) {
-  EXPECT_THAT(ToldAfter(kOnCreateWebDialog, "\xff\xff"),
-              ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
-                          "rpc.CreateWebDialog, or nested deeper than 100",
-                          "COMPLETE 1"));
+  EXPECT_THAT(
+      ToldAfter(kOnCreateWebDialog, "\xff\xff"),
+      ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload cannot be "
+                  "parsed as rpc.CreateWebDialog (malformed, or nested deeper "
+                  "than 100 levels)",
+                  "COMPLETE 1"));
   ExpectConnected();
 }
 
 TEST_F(ServerStreamRefusalsTest, ACallbackFrameThatCanBeParsedInPart) {
   EXPECT_THAT(
       ToldAfter(kOnCreateWebDialog, Serve(9).SerializeAsString() + "\xff"),
-      ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
-                  "rpc.CreateWebDialog, or nested deeper than 100",
+      ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload cannot be "
+                  "parsed as rpc.CreateWebDialog (malformed, or nested deeper "
+                  "than 100 levels)",
                   "COMPLETE 1"));
   EXPECT_FALSE(IsServed<rpc::CreateWebDialog>(Browser(9)));
   ExpectConnected();
@@ -394,44 +404,48 @@ TEST_F(ServerStreamRefusalsTest, ACallbackFrameThatCanBeParsedInPart) {
 
 TEST_F(ServerStreamRefusalsTest, AnAnswerThatCanBeParsedInPartIsNone) {
   Open(kOnCreateWebDialog);
-  host.Send(NextFrame(1, Serve(9)));
+  client.Send(NextFrame(1, Serve(9)));
   loop.RunUntilIdle();
   Ask(9, "name?");
   EXPECT_THAT(Told(), ElementsAre("NEXT 1"));
-  StreamMessage frame = NextFrame(1, Answer(9, "A"), host.frames[0].call_id());
+  StreamMessage frame =
+      NextFrame(1, Answer(9, "A"), client.frames[0].call_id());
   frame.mutable_payload()->append("\xff");
-  host.Send(frame);
-  EXPECT_THAT(Told(),
-              ElementsAre(HasSubstr("the payload is no"), "COMPLETE 1"));
+  client.Send(frame);
+  EXPECT_THAT(Told(), ElementsAre(HasSubstr("the payload cannot be parsed as"),
+                                  "COMPLETE 1"));
   EXPECT_THAT(ends, ElementsAre("name? CANCELLED"));
 }
 
 TEST_F(ServerStreamRefusalsTest, AnErrorThatCannotBeParsed) {
   Open(kOnCreateWebDialog);
-  host.Send(NextFrame(1, Serve(9)));
-  host.Send(Frame(StreamMessage::KIND_ERROR, 1, "\xff\xff"));
-  EXPECT_THAT(Told(),
-              ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload is no "
-                          "rpc.CreateWebDialog, or nested deeper than 100",
-                          "COMPLETE 1"));
+  client.Send(NextFrame(1, Serve(9)));
+  client.Send(Frame(StreamMessage::KIND_ERROR, 1, "\xff\xff"));
+  EXPECT_THAT(
+      Told(),
+      ElementsAre("ERROR 1 INVALID_ARGUMENT: the payload cannot be "
+                  "parsed as rpc.CreateWebDialog (malformed, or nested deeper "
+                  "than 100 levels)",
+                  "COMPLETE 1"));
   EXPECT_FALSE(IsServed<rpc::CreateWebDialog>(Browser(9)));
   ExpectConnected();
 }
 
-// What ends the connection ends its streams.
+// The end of a connection ends its streams.
 
 TEST_F(ServerStreamRefusalsTest, BytesThatAreNoFrameEndTheStreams) {
   Open(kWhenTooltipChanged);
-  host.Send(NextFrame(1, Subscribe(7)));
-  host.Send(OpenFrame(2, kOnCreateWebDialog));
-  host.Send(NextFrame(2, Serve(7)));
+  client.Send(NextFrame(1, Subscribe(7)));
+  client.Send(OpenFrame(2, kOnCreateWebDialog));
+  client.Send(NextFrame(2, Serve(7)));
   loop.RunUntilIdle();
   Ask(7, "name?");
   EXPECT_THAT(Told(), ElementsAre("NEXT 2"));
-  host.SendBytes(std::string("\x01\0\0\0\xff", 5));
-  EXPECT_THAT(Told(), ElementsAre("ERROR 0 INVALID_ARGUMENT: frame of 1 bytes "
-                                  "that is no StreamMessage"));
-  EXPECT_TRUE(host.closed);
+  client.SendBytes(std::string("\x01\0\0\0\xff", 5));
+  EXPECT_THAT(Told(),
+              ElementsAre("ERROR 0 INVALID_ARGUMENT: a frame of 1 bytes "
+                          "cannot be parsed as StreamMessage"));
+  EXPECT_TRUE(client.closed);
   EXPECT_EQ(ListedForTooltips(7), 1u);
   EXPECT_EQ(RegisteredKeys(), 1u);
   EXPECT_THAT(ends, ElementsAre("name? CANCELLED"));

@@ -1,4 +1,4 @@
-// Bytes that arrive at one end and leave at the other, in one piece of memory.
+// A queue of bytes in contiguous memory.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_BYTE_BUFFER_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_BYTE_BUFFER_H_
@@ -10,13 +10,14 @@
 
 namespace orvane::internal {
 
-// A queue of bytes whose content is contiguous. Grows by doubling. What it has
-// grown to beyond kUsualBytes it keeps for more content of that size, and gives
-// back when it has become empty and less than a quarter was used since it was
-// empty before.
+// Bytes are added at the end and removed at the front. Grows by doubling. When
+// the buffer becomes empty, memory beyond kUsualBytes is freed if less than a
+// quarter of it has been used since the buffer was empty before; otherwise it
+// is kept for more content of that size.
 class ByteBuffer {
  public:
-  // What one read takes at the most, and what an idle connection keeps.
+  // The most that a usual read takes, and the memory that an idle connection
+  // keeps.
   static constexpr std::size_t kUsualBytes = std::size_t{64} << 10;
 
   // The content. Valid until the next call of Reserve or Consume.
@@ -25,15 +26,15 @@ class ByteBuffer {
   }
   bool empty() const { return begin_ == end_; }
 
-  // Room behind the content for `bytes` more, uninitialised. Commit makes what
-  // was written there part of the content.
+  // Returns uninitialised room behind the content for `bytes` more. Commit adds
+  // what was written there to the content.
   char* Reserve(std::size_t bytes);
   void Commit(std::size_t bytes) {
     end_ += bytes;
     used_ = std::max(used_, end_);
   }
 
-  // How much Reserve has room for without moving or growing.
+  // How many bytes Reserve can give without moving the content or growing.
   std::size_t room() const { return capacity_ - end_; }
 
   // Drops bytes from the front.

@@ -22,11 +22,12 @@ using rpc::transport::StreamMessage;
 
 namespace {
 
-// With so much queued, some hundreds of small frames, the peer can begin on
-// another core while this task goes on; a system call costs little beside it.
+// Once this much is queued, some hundreds of small frames, it is written, so
+// that the peer can start on another core while this task goes on. A system
+// call costs little in comparison.
 constexpr std::size_t kEnoughToWrite = std::size_t{8} << 10;
 
-// A batch ends when it has taken this long, which is looked at after so many
+// A batch ends when it has taken this long. The clock is read once in so many
 // frames.
 constexpr std::chrono::milliseconds kBatchTime{1};
 constexpr int kFramesPerLookAtClock = 16;
@@ -94,8 +95,8 @@ absl::Status FrameSocket::Queued(absl::Status added) {
   return added;
 }
 
-// Also within a batch: whoever is told of a frame may run the loop and wait for
-// what this sends.
+// Within a batch too: a handler may run the loop and wait for the answer to
+// what it sends here.
 void FrameSocket::FlushBeforeWaiting() {
   if (writing_ != Writing::kIdle) return;
   writing_ = Writing::kBeforeWait;
@@ -130,8 +131,8 @@ void FrameSocket::AwaitRoom() {
   });
 }
 
-// A peer that has gone may have said why before, so what has arrived is read
-// first.
+// A peer that has gone may have sent the reason before, so what has arrived is
+// read first.
 void FrameSocket::FailWriting(int error) {
   writing_ = Writing::kFailed;
   const bool has_left = error == EPIPE || error == ECONNRESET;
@@ -161,7 +162,7 @@ void FrameSocket::Close() {
 }
 
 void FrameSocket::Break(const absl::Status& why) {
-  // The receiver lets go of this object.
+  // The receiver may release this object.
   const std::shared_ptr<FrameSocket> self = shared_from_this();
   if (receiver_ != nullptr) receiver_->OnBroken(why);
 }
@@ -201,8 +202,8 @@ bool FrameSocket::Read() {
   const std::size_t room = reader_.room();
   const ssize_t bytes =
       TEMP_FAILURE_RETRY(::recv(socket_->descriptor(), space, room, 0));
-  // Less than there was room for means that there is no more until the next
-  // event, so the read that would only find that out is left out.
+  // If less has arrived than there was room for, the socket is empty until it
+  // reports input again. Another read would only find that out.
   may_have_more_ = bytes == static_cast<ssize_t>(room);
   if (bytes > 0) {
     reader_.Received(static_cast<std::size_t>(bytes));
@@ -211,7 +212,7 @@ bool FrameSocket::Read() {
   if (bytes < 0 && errno == EAGAIN) {
     AwaitInput();
   } else if (bytes == 0 || errno == ECONNRESET) {
-    // A peer that leaves without having read everything resets it.
+    // A peer that closes before it has read everything resets the connection.
     Break(absl::OkStatus());
   } else {
     Break(absl::UnavailableError(std::strerror(errno)));
@@ -230,8 +231,9 @@ void FrameSocket::HandOutFrames() {
     const std::string_view content = **next;
     std::string_view payload;
     if (!ParseFrame(content, &frame_, &payload)) {
-      return Break(absl::InvalidArgumentError(absl::StrCat(
-          "frame of ", content.size(), " bytes that is no StreamMessage")));
+      return Break(absl::InvalidArgumentError(
+          absl::StrCat("a frame of ", content.size(),
+                       " bytes cannot be parsed as StreamMessage")));
     }
     receiver_->OnFrame(frame_, payload);
     if (frames % kFramesPerLookAtClock == 0 &&
@@ -250,7 +252,7 @@ void FrameSocket::BeginDeadline() {
     Break(absl::DeadlineExceededError(
         absl::StrCat("frame not finished within ",
                      absl::FormatDuration(limits_.max_frame_time), "; ",
-                     reader_.unfinished_bytes(), " bytes of it have come")));
+                     reader_.unfinished_bytes(), " bytes of it have arrived")));
   });
 }
 

@@ -1,4 +1,4 @@
-// One connection, as frames in and frames out.
+// Sends and receives frames on one connection.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_FRAME_SOCKET_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_FRAME_SOCKET_H_
@@ -19,34 +19,35 @@
 
 namespace orvane::internal {
 
-// Reads frames and hands them to its receiver in order of arrival; queues
-// frames and writes as many as the socket takes with each system call. What is
-// sent while a batch of received frames is handled leaves together after the
-// last, or as soon as it is some KiB; what is sent by a task leaves before the
-// loop waits. A batch is bounded in bytes and in time, and other tasks run
-// before the next.
+// Reads frames and passes them to its receiver in the order of arrival. Queues
+// frames that are sent, and writes as many as the socket takes with each system
+// call. Frames that are sent while a batch of received frames is handled are
+// written together after the batch, or as soon as some KiB are queued; frames
+// that are sent in another task are written before the loop waits. A batch is
+// bounded in bytes and in time, and other tasks run before the next one.
 //
-// Thread: the service thread. Lifetime: held by its owner and by tasks that are
-// queued; the owner lets go with Close.
+// Thread: the service thread. Lifetime: shared by its owner and by queued
+// tasks; the owner calls Close when it no longer uses the socket.
 class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
  public:
   class Receiver {
    public:
     virtual ~Receiver() = default;
 
-    // `frame` and `payload` are borrowed for the call; `frame` may be changed,
-    // and the payload is hardly ever in it (see ParseFrame). May close the
-    // socket, and may destroy the receiver if it closes the socket first.
+    // Runs for each frame. `frame` and `payload` are borrowed for the call, and
+    // `frame` may be changed; it usually does not contain the payload (see
+    // ParseFrame). May close the socket, and may destroy the receiver if it
+    // closes the socket first.
     virtual void OnFrame(rpc::transport::StreamMessage& frame,
                          std::string_view payload) = 0;
 
-    // The connection cannot go on: the peer has closed it (OK), the system
-    // failed, or the bytes were no frames. Nothing follows. Not called after
-    // Close.
+    // The connection has ended: the peer closed it (`why` is OK), the system
+    // reported an error, or the peer sent bytes that are not frames. No other
+    // call follows. Not called after Close.
     virtual void OnBroken(const absl::Status& why) = 0;
 
     // A frame was refused, since too many bytes wait for the peer to read them.
-    // Called once, as a task of its own. Not called after Close.
+    // Called once, in a task of its own. Not called after Close.
     virtual void OnFull(const absl::Status& why) = 0;
   };
 
@@ -54,7 +55,7 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   FrameSocket(EventLoop* loop, std::unique_ptr<EventLoop::Watch> socket,
               const FrameLimits& limits, Receiver* receiver);
 
-  // Begins to read. Called once, after construction.
+  // Starts to read. Called once, after construction.
   void Start();
 
   // The peer takes frames of this length only, if that is less than the limit.
@@ -76,57 +77,58 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
       absl::FunctionRef<Outbox::Slot()> slot);
   void DropSlots(std::uint64_t stream_id) { outbox_.DropSlots(stream_id); }
 
-  // Writes now what the socket takes. Otherwise that happens when some KiB are
-  // queued, when the current batch of frames is done, or before the loop waits.
+  // Writes as much as the socket takes now. Without this call, frames are
+  // written when some KiB are queued, when the current batch of received frames
+  // is done, or before the loop waits.
   void Flush();
 
-  // Whether the receiver is being told of a frame right now. No other frame can
-  // arrive before that returns.
+  // Whether a batch of frames is being passed to the receiver. Until the
+  // receiver has returned, it gets no other frame.
   bool in_batch() const { return reading_ == Reading::kInBatch; }
 
-  // Hands out no more frames, and calls OnBroken (OK) once all that is queued
-  // has been written, as a task of its own.
+  // Passes on no more frames. Once everything queued has been written, calls
+  // OnBroken with OK, in a task of its own.
   void FinishWriting();
 
   // False after Close.
   bool is_open() const { return receiver_ != nullptr; }
 
   // Writes what the socket still takes, then closes it. The receiver is not
-  // called again. Closing twice is harmless.
+  // called afterwards. Closing twice is harmless.
   void Close();
 
  private:
-  // Who reads next.
   enum class Reading {
-    kIdle,           // Nobody, until Start or once there is an end.
-    kAwaitingInput,  // The socket, when something comes.
-    kQueued,         // A task, in its turn.
-    kInBatch,        // Nobody: the receiver is being told of a frame.
+    kIdle,           // Not started, or ended.
+    kAwaitingInput,  // Goes on when the socket becomes readable.
+    kQueued,         // A task is posted that goes on.
+    kInBatch,        // The receiver is handling frames.
   };
 
-  // Who writes what is queued.
   enum class Writing {
-    kIdle,          // Nobody: nothing is queued.
-    kBeforeWait,    // The loop, before it waits.
-    kAwaitingRoom,  // The socket, when it has room again.
-    kFailed,        // Nobody: the system has refused to send.
+    kIdle,          // Nothing is queued.
+    kBeforeWait,    // The loop will flush before it waits.
+    kAwaitingRoom,  // Goes on when the socket becomes writable.
+    kFailed,        // The system refuses to send.
   };
 
   void AwaitInput();
   void QueueTurn();
-  // Hands out a batch of frames, after a read if none are left of the last one.
+  // Passes on a batch of frames. Reads first if the last read has left none.
   void TakeTurn();
-  // False if nothing has come; what happens then is settled.
+  // Reads what has arrived. If nothing has, arranges what happens next and
+  // returns false.
   bool Read();
-  // Those that are whole, until that has taken its time or the receiver closes
-  // the socket.
+  // Passes on complete frames until none is left, the batch has taken its time,
+  // or the receiver closes the socket.
   void HandOutFrames();
-  // From when a frame begins until it is whole.
+  // If a frame has begun to arrive, starts the time that it may take.
   void BeginDeadline();
-  // Tells the receiver, unless it has closed the socket.
+  // Calls OnBroken, unless the receiver has closed the socket.
   void Break(const absl::Status& why);
 
-  // Has queued frames written, or the receiver told if there is no room.
+  // Called with the result of queueing a frame, which it returns: arranges that
+  // the frame is written, or that the receiver learns that there is no room.
   absl::Status Queued(absl::Status added);
   void FlushBeforeWaiting();
   void AwaitRoom();
@@ -140,15 +142,17 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
 
   Reading reading_ = Reading::kIdle;
   FrameReader reader_;
-  rpc::transport::StreamMessage frame_;  // Reused, so that its memory is too.
-  bool has_frames_left_ = false;         // Read, and not handed out yet.
-  bool may_have_more_ = false;           // The socket, without a new event.
-  // By when the frame that has begun must be whole; null if none has.
+  rpc::transport::StreamMessage frame_;  // A member to keep its memory.
+  bool has_frames_left_ = false;         // Read, but not passed on yet.
+  // Whether the socket may have more input without reporting it again.
+  bool may_have_more_ = false;
+  // Ends the connection unless the frame that has begun is complete in time;
+  // null if none has begun.
   std::unique_ptr<EventLoop::Timer> frame_deadline_;
 
   Writing writing_ = Writing::kIdle;
   Outbox outbox_;
-  absl::Status write_error_;  // With kFailed; OK if the peer has left.
+  absl::Status write_error_;  // Set with kFailed; OK if the peer has left.
   bool has_told_full_ = false;
   bool is_finishing_ = false;
 };

@@ -24,8 +24,9 @@ constexpr std::uint32_t kPayloadTag =
     WireFormatLite::MakeTag(StreamMessage::kPayloadFieldNumber,
                             WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
 
-// Reads a frame of numbers and then, perhaps, a payload, which nearly all are;
-// the payload is left where it is. False for any other, good or bad.
+// Parses a frame of numbers and possibly a payload behind them, without copying
+// the payload. Nearly all frames are like that. False for every other frame,
+// valid or not.
 bool ParseUsualFrame(std::string_view frame, StreamMessage* header,
                      std::string_view* payload) {
   CodedInputStream input(reinterpret_cast<const std::uint8_t*>(frame.data()),
@@ -75,9 +76,9 @@ absl::Status TooLong(std::size_t length, std::size_t limit) {
       absl::StrCat("frame of ", length, " bytes; the limit is ", limit));
 }
 
-// Serialised messages put one behind the other are one message, so the payload
-// need not be copied into the header first. `write_payload` puts its bytes
-// where it is told.
+// Serialised messages one behind the other are one message, so the payload need
+// not be copied into the header first. `write_payload` writes it to the address
+// that it is given.
 template <typename WritePayload>
 absl::Status Append(const StreamMessage& header, std::size_t payload_bytes,
                     std::size_t max_frame_bytes, ByteBuffer* out,
@@ -108,8 +109,8 @@ absl::Status Append(const StreamMessage& header, std::size_t payload_bytes,
 char* FrameReader::Space() {
   received_.Consume(handed_out_);
   handed_out_ = 0;
-  // One byte is what there must be; how much there is follows from how the
-  // buffer grows.
+  // There must be room for at least one byte; how much there is depends on how
+  // the buffer grows.
   return received_.Reserve(1);
 }
 
@@ -153,7 +154,7 @@ bool ParseFrame(std::string_view frame, StreamMessage* header,
 
 bool ParsePayload(std::string_view payload, int max_depth,
                   MessageLite* message) {
-  // Without a limit of one's own protobuf takes a shorter way.
+  // With its default limit protobuf parses faster.
   if (max_depth >= kMaxMessageDepth)
     return message->ParseFromArray(payload.data(),
                                    static_cast<int>(payload.size()));

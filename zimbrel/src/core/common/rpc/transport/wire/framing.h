@@ -1,5 +1,5 @@
-// Frames on a byte stream: each a serialised rpc.transport.StreamMessage behind
-// its length, 32 bits little-endian, which does not count itself.
+// Frames on a byte stream. A frame is a length, 32 bits little-endian, and a
+// serialised rpc.transport.StreamMessage of that length.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_FRAMING_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_FRAMING_H_
@@ -21,8 +21,8 @@ namespace orvane::internal {
 
 inline constexpr std::size_t kFrameLengthBytes = 4;
 
-// What a connection holds for its peer at the most. ServerLimits and
-// ClientOptions document the members and have the defaults.
+// The limits of one connection. ServerLimits and ClientOptions document the
+// members and set the defaults.
 struct FrameLimits {
   std::size_t max_frame_bytes;
   std::size_t max_queued_bytes;
@@ -37,18 +37,18 @@ class FrameReader {
   explicit FrameReader(std::size_t max_frame_bytes)
       : max_frame_bytes_(max_frame_bytes) {}
 
-  // Where to put the next bytes: `room()` of them at the most, at least one.
-  // Received says how many there were.
+  // Where to write the next bytes: at most `room()` of them, which is at least
+  // one. Then call Received with their number.
   char* Space();
   std::size_t room() const { return received_.room(); }
   void Received(std::size_t bytes) { received_.Commit(bytes); }
 
   // The next whole frame, without its length; nullopt if more bytes are needed.
-  // Valid until the next call of Next or Space. An error, in words, means that
-  // the rest of the stream cannot be read.
+  // Valid until the next call of Next or Space. An error means that the rest of
+  // the stream cannot be read.
   absl::StatusOr<std::optional<std::string_view>> Next();
 
-  // The bytes of a frame that has begun but is not whole yet.
+  // How many bytes of a frame have arrived that is not complete yet.
   std::size_t unfinished_bytes() const {
     return received_.content().size() - handed_out_;
   }
@@ -59,10 +59,10 @@ class FrameReader {
   std::size_t handed_out_ = 0;  // Bytes of the frame that Next returned last.
 };
 
-// Appends one frame: `header`, with `payload` as its payload: serialised in
-// place, or bytes that were serialised before. `header` has no payload of its
-// own unless that is empty. An error says that the frame would be longer than
-// `max_frame_bytes`; nothing was appended.
+// Appends one frame: `header` with `payload`, which is a message or the bytes
+// of a serialised one. If `payload` is not empty, `header` must not have a
+// payload of its own. kResourceExhausted if the frame would be longer than
+// `max_frame_bytes`; nothing is appended then.
 absl::Status AppendFrame(const rpc::transport::StreamMessage& header,
                          const google::protobuf::MessageLite& payload,
                          std::size_t max_frame_bytes, ByteBuffer* out);
@@ -70,15 +70,15 @@ absl::Status AppendFrame(const rpc::transport::StreamMessage& header,
                          std::string_view payload, std::size_t max_frame_bytes,
                          ByteBuffer* out);
 
-// Reads a frame into `header` and `payload`, which stays where it is, in
-// `frame`, and out of `header`. Only where fields other than numbers come too,
-// or any behind the payload, it is copied into `header`, and `payload` is that.
-// False if the frame cannot be read.
+// Parses a frame without its length. `payload` usually points into `frame`, and
+// `header` then has none. If the frame has fields that are not numbers, or
+// fields behind the payload, `header` has a copy of the payload and `payload`
+// points to that. False if the frame cannot be parsed.
 bool ParseFrame(std::string_view frame, rpc::transport::StreamMessage* header,
                 std::string_view* payload);
 
-// Reads a payload, whose messages may be nested `max_depth` deep. False if it
-// cannot be read as far as its end.
+// Parses a payload, in which messages may be nested `max_depth` levels deep.
+// False if it cannot be parsed to its end.
 bool ParsePayload(std::string_view payload, int max_depth,
                   google::protobuf::MessageLite* message);
 

@@ -16,7 +16,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-// A length in front, as it goes over the wire.
+// Adds the length, as on the wire.
 std::string Frame(const std::string& content) {
   std::string bytes;
   for (int shift = 0; shift < 32; shift += 8) {
@@ -152,7 +152,7 @@ TEST(ByteBuffer, GivesMemoryBackOnceASmallContentFollowsALargeOne) {
   EXPECT_EQ(buffer.room(), ByteBuffer::kUsualBytes);
 }
 
-// A frame, and what ParseFrame makes of it.
+// A frame and the result of ParseFrame.
 class ParseFrameTest : public ::testing::Test {
  protected:
   ParseFrameTest() {
@@ -267,7 +267,7 @@ TEST(AppendFrame, PutsAHeaderInFrontOfAPayloadSerialisedInPlace) {
   header.set_kind(StreamMessage::KIND_CALL);
   header.set_stream_id(77);
   header.set_method(39);
-  StreamMessage payload;  // Any message will do.
+  StreamMessage payload;  // Any type of message can be used here.
   payload.set_error_text("content of the payload");
   ByteBuffer out;
   ASSERT_TRUE(AppendFrame(header, payload, 1000, &out).ok());

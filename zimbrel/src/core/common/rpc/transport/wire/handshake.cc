@@ -56,9 +56,10 @@ std::string InWords(const Hello& hello) {
 
 absl::Status Misfit(const Hello& client, const Hello& server,
                     absl::string_view where) {
-  return absl::FailedPreconditionError(absl::StrCat(
-      "host and widget do not fit: they differ in ", where,
-      "; the host speaks ", InWords(client), ", the widget ", InWords(server)));
+  return absl::FailedPreconditionError(
+      absl::StrCat("client and server are incompatible: they differ in ", where,
+                   "; the client speaks ", InWords(client), ", the server ",
+                   InWords(server)));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// What both ends of a connection say first, so that a host and a widget of
-// different versions work together or part in words. Private to the transport.
+// The hello, which each end of a connection sends first. It shows whether a
+// client and a server of different versions can work together.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_HANDSHAKE_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_HANDSHAKE_H_
@@ -15,8 +15,8 @@ namespace orvane::internal {
 rpc::transport::Hello MakeHello(
     const google::protobuf::ServiceDescriptor& service);
 
-// Whether client and server can work together. If not, kFailedPrecondition in
-// words that tell both versions: the same ones at either end.
+// Whether client and server can work together. If not, kFailedPrecondition with
+// a text that tells both versions and is the same at both ends.
 absl::Status CompareHellos(const rpc::transport::Hello& client,
                            const rpc::transport::Hello& server);
 

@@ -1,4 +1,4 @@
-// What one end of a connection has to say to the other.
+// The frames that wait to be sent on a connection.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_OUTBOX_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_OUTBOX_H_
@@ -21,8 +21,8 @@
 
 namespace orvane::internal {
 
-// A bounded queue of frames. They leave in order, but for those in slots: of
-// these only the latest of each slot waits, behind all that is queued.
+// A bounded queue of frames, which leave in order. A frame can also wait in a
+// slot, where a later one replaces it; slots leave after everything queued.
 class Outbox {
  public:
   // Where a frame was queued.
@@ -56,7 +56,7 @@ class Outbox {
   absl::StatusOr<Placed> Replace(const rpc::transport::StreamMessage& header,
                                  std::string_view payload, Slot slot);
 
-  // Forgets what waits in a stream's slots.
+  // Drops the frames in a stream's slots.
   void DropSlots(std::uint64_t stream_id);
 
   // The bytes to be sent next; empty if nothing is left. Valid until the next

@@ -296,7 +296,7 @@ TEST_F(BrowserWidgetClientTest, AnEventThatCannotBeReadEndsItsStream) {
   Settle();
   Settle();  // By now the widget has learnt of it as well.
   EXPECT_EQ(end, absl::InternalError(
-                     "the widget sent a message that cannot be parsed as "
+                     "the server sent a message that cannot be parsed as "
                      "rpc.TooltipChanged"));
   EXPECT_THAT(orvane::EventStream<TooltipChanged>::stream_map_, IsEmpty());
 }
@@ -464,7 +464,7 @@ TEST_F(BrowserWidgetCallbacks, AFrameThatCallsForNothingEndsItsStream) {
   ASSERT_TRUE(entry->second->Send({}).ok());
   Settle();
   EXPECT_EQ(end, absl::InternalError(
-                     "the widget sent a rpc.CreateWebDialog without a call"));
+                     "the server sent a rpc.CreateWebDialog without a call"));
 }
 
 // Serves calls of type T by `open`, and makes one.

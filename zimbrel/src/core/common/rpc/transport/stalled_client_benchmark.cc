@@ -1,5 +1,5 @@
-// What a host that does not read costs another: the time of the other's event
-// and call, without a stalled host and beside one.
+// What a client that does not read costs another one: the time of the other's
+// event and call, without a stalled client and beside one.
 
 #include <memory>
 #include <string>
@@ -26,44 +26,45 @@ class Widget final : public rpc::BrowserWidgetRpc {
 
 // Without it the figures would mean nothing.
 void Require(bool holds) {
-  LOG_IF(FATAL, !holds) << "the hosts are not served as they should be";
+  LOG_IF(FATAL, !holds) << "the clients are not served as they should be";
 }
 
 // Subscribes and never reads, until its socket and its slot are full.
 std::unique_ptr<RawPeer> Stall(EventLoop* loop, SocketServer* server) {
   auto pair = ConnectedPair();
   Require(server->Adopt(pair->first.Release()).ok());
-  auto host = std::make_unique<RawPeer>(std::move(pair->second));
-  host->Send(OpenFrame(1, kWhenTooltipChanged));
-  host->Send(NextFrame(1, Subscribe(7)));
+  auto client = std::make_unique<RawPeer>(std::move(pair->second));
+  client->Send(OpenFrame(1, kWhenTooltipChanged));
+  client->Send(NextFrame(1, Subscribe(7)));
   loop->RunUntilIdle();
   while (server->counters().replaced_events == 0) {
     Require(Publish(Browser(7), Tooltip(std::string(1 << 16, 'x'))) == 1);
     loop->RunUntilIdle();
   }
-  return host;
+  return client;
 }
 
 void EventAndCall(benchmark::State& state) {
-  const bool beside_a_stalled_host = state.range(0) != 0;
+  const bool beside_a_stalled_client = state.range(0) != 0;
   EventLoop loop;
   Widget widget;
   SocketServer server(&loop, &widget);
-  const auto stalled = beside_a_stalled_host ? Stall(&loop, &server) : nullptr;
+  const auto stalled =
+      beside_a_stalled_client ? Stall(&loop, &server) : nullptr;
   const auto connection = ConnectInProcess(&loop, &server);
   Require(connection.ok());
-  rpc::BrowserWidgetRpcClient host(connection->get());
+  rpc::BrowserWidgetRpcClient client(connection->get());
   int events = 0;
-  const auto tooltips = host.WhenTooltipChanged(
+  const auto tooltips = client.WhenTooltipChanged(
       Browser(7), [&events](const rpc::TooltipChanged&) { ++events; });
-  Require(host.Show(Browser(7)).ok());
+  Require(client.Show(Browser(7)).ok());
   for ([[maybe_unused]] auto _ : state) {
     Publish(Browser(7), Tooltip("A picture to drag"));
-    Require(host.Show(Browser(7)).ok());
+    Require(client.Show(Browser(7)).ok());
   }
   Require(events == state.iterations());
 }
-BENCHMARK(EventAndCall)->ArgName("beside_a_stalled_host")->Arg(0)->Arg(1);
+BENCHMARK(EventAndCall)->ArgName("beside_a_stalled_client")->Arg(0)->Arg(1);
 
 }  // namespace
 }  // namespace orvane::testing

@@ -1,4 +1,4 @@
-// Hosts that do not read, and those beside them.
+// Clients that do not read, and other clients of the same server.
 
 #include <cstddef>
 #include <cstdint>
@@ -20,22 +20,22 @@ using ::testing::SizeIs;
 
 constexpr std::uint32_t kWhenDropDownCreated = 42;
 
-class SlowHostTest : public StreamFixture {
+class SlowClientTest : public StreamFixture {
  protected:
-  SlowHostTest()
+  SlowClientTest()
       : StreamFixture(ServerLimits{.max_queued_bytes = std::size_t{1} << 20}) {}
 
-  // A host that has subscribed to the events of browser 1.
+  // A client that has subscribed to the events of browser 1.
   RawPeer Subscriber(std::uint32_t method) {
-    RawPeer host = ConnectRaw();
-    host.Send(OpenFrame(1, method));
-    host.Send(NextFrame(1, Subscribe(1)));
+    RawPeer client = ConnectRaw();
+    client.Send(OpenFrame(1, method));
+    client.Send(NextFrame(1, Subscribe(1)));
     loop.RunUntilIdle();
-    return host;
+    return client;
   }
 
-  // Publishes tooltips until they begin to replace one another in front of a
-  // host that does not read. Returns how many.
+  // Publishes tooltips to a client that does not read, until they begin to
+  // replace one another. Returns how many were published.
   int FillUp(std::uint64_t browser = 1) {
     int published = 0;
     const std::uint64_t before = server->counters().replaced_events;
@@ -55,8 +55,8 @@ class SlowHostTest : public StreamFixture {
   }
 };
 
-TEST_F(SlowHostTest, GetsTheLatestOfWhatIsOnlyWorthTheLatest) {
-  RawPeer host = Subscriber(kWhenTooltipChanged);
+TEST_F(SlowClientTest, GetsTheLatestOfWhatIsOnlyWorthTheLatest) {
+  RawPeer client = Subscriber(kWhenTooltipChanged);
   const int published = FillUp();
   for (int i = 0; i < 10000; ++i)
     Publish<rpc::TooltipChanged>(Browser(1), Tooltip(std::string(1000, 'y')));
@@ -65,17 +65,17 @@ TEST_F(SlowHostTest, GetsTheLatestOfWhatIsOnlyWorthTheLatest) {
 
   std::vector<std::string> texts;
   while (texts.empty() || texts.back() != "latest") {
-    Settle(&host);
-    for (const auto& frame : host.frames) texts.push_back(TextOf(frame));
+    Settle(&client);
+    for (const auto& frame : client.frames) texts.push_back(TextOf(frame));
   }
-  // What had left before two met in one place, and the latest.
+  // The events that had been sent before one replaced another, and the latest.
   EXPECT_EQ(texts.size(), static_cast<std::size_t>(published - 2 + 1));
   EXPECT_EQ(server->counters().replaced_events, 10002u);
 }
 
-TEST_F(SlowHostTest, GetsTheLatestOfEachKey) {
-  RawPeer host = Subscriber(kWhenTooltipChanged);
-  host.Send(NextFrame(1, Subscribe(2)));
+TEST_F(SlowClientTest, GetsTheLatestOfEachKey) {
+  RawPeer client = Subscriber(kWhenTooltipChanged);
+  client.Send(NextFrame(1, Subscribe(2)));
   FillUp();
   for (const char* const text : {"old", "new"}) {
     Publish<rpc::TooltipChanged>(Browser(1), Tooltip(text + std::string("1")));
@@ -83,38 +83,38 @@ TEST_F(SlowHostTest, GetsTheLatestOfEachKey) {
   }
   std::vector<std::string> texts;
   while (texts.empty() || texts.back() != "new2") {
-    Settle(&host);
-    for (const auto& frame : host.frames) texts.push_back(TextOf(frame));
+    Settle(&client);
+    for (const auto& frame : client.frames) texts.push_back(TextOf(frame));
   }
   ASSERT_GT(texts.size(), 2u);
   EXPECT_EQ(texts[texts.size() - 2], "new1");
   EXPECT_THAT(std::vector(texts.begin(), texts.end() - 2), Each(SizeIs(1000)));
 }
 
-TEST_F(SlowHostTest, GetsNothingMoreOfAStreamThatItEnds) {
-  RawPeer host = Subscriber(kWhenTooltipChanged);
+TEST_F(SlowClientTest, GetsNothingMoreOfAStreamThatItEnds) {
+  RawPeer client = Subscriber(kWhenTooltipChanged);
   const int published = FillUp();
-  host.Send(CompleteFrame(1));
+  client.Send(CompleteFrame(1));
   std::vector<std::string> words;
   while (words.empty() || words.back() != "COMPLETE 1") {
-    for (const std::string& word : Settle(&host)) words.push_back(word);
+    for (const std::string& word : Settle(&client)) words.push_back(word);
   }
-  // What had left before two met in one place, and the end.
+  // The events that had been sent before one replaced another, and the end.
   EXPECT_EQ(words.size(), static_cast<std::size_t>(published - 2 + 1));
 }
 
-TEST_F(SlowHostTest, GetsItsRepliesBeforeTheLatestEvents) {
-  RawPeer host = Subscriber(kWhenTooltipChanged);
+TEST_F(SlowClientTest, GetsItsRepliesBeforeTheLatestEvents) {
+  RawPeer client = Subscriber(kWhenTooltipChanged);
   FillUp();
   Publish<rpc::TooltipChanged>(Browser(1), Tooltip("latest"));
-  host.Send(CallFrame(2, kShow));
+  client.Send(CallFrame(2, kShow));
   loop.RunUntilIdle();
   std::vector<std::string> words;
   while (words.empty() || words.back() != "REPLY 2") {
-    const std::vector<std::string> more = Settle(&host);
+    const std::vector<std::string> more = Settle(&client);
     words.insert(words.end(), more.begin(), more.end());
     if (!words.empty() && words.back() == "NEXT 1" &&
-        TextOf(host.frames.back()) == "latest") {
+        TextOf(client.frames.back()) == "latest") {
       break;
     }
   }
@@ -123,7 +123,7 @@ TEST_F(SlowHostTest, GetsItsRepliesBeforeTheLatestEvents) {
               ElementsAre("REPLY 2", "NEXT 1"));
 }
 
-TEST_F(SlowHostTest, IsThrownOutAtTheLimitWhereEveryEventCounts) {
+TEST_F(SlowClientTest, IsThrownOutAtTheLimitWhereEveryEventCounts) {
   RawPeer stalled = Subscriber(kWhenDropDownCreated);
   RawPeer reading = Subscriber(kWhenDropDownCreated);
   rpc::DropDownCreated event;
@@ -136,7 +136,7 @@ TEST_F(SlowHostTest, IsThrownOutAtTheLimitWhereEveryEventCounts) {
   }
   EXPECT_EQ(received, published);
   EXPECT_EQ(server->counters().thrown_out, 1u);
-  // What the socket had taken before is there, in order, and then the end.
+  // The client gets what the socket had taken before, in order, then the end.
   std::uint64_t expected = 0;
   while (!stalled.closed) {
     stalled.frames.clear();
@@ -150,9 +150,9 @@ TEST_F(SlowHostTest, IsThrownOutAtTheLimitWhereEveryEventCounts) {
   EXPECT_GT(expected, 0u);
 }
 
-TEST_F(SlowHostTest, IsNotThrownOutForABurstThatItReads) {
-  RawPeer host = Subscriber(kWhenDropDownCreated);
-  // More than may wait, in one task: written as far as the socket takes it.
+TEST_F(SlowClientTest, IsNotThrownOutForABurstThatItReads) {
+  RawPeer client = Subscriber(kWhenDropDownCreated);
+  // More than may wait, sent in one task: the socket takes part of it.
   bool done = false;
   std::size_t received = 0;
   rpc::DropDownCreated event;
@@ -161,14 +161,14 @@ TEST_F(SlowHostTest, IsNotThrownOutForABurstThatItReads) {
     for (int i = 0; i < 20; ++i) {
       for (int j = 0; j < 10000; ++j)
         Publish<rpc::DropDownCreated>(Browser(1), event);
-      host.frames.clear();
-      host.Receive();
-      received += host.frames.size();
+      client.frames.clear();
+      client.Receive();
+      received += client.frames.size();
     }
     done = true;
   });
   loop.RunUntil([&] { return done; });
-  received += Settle(&host).size();
+  received += Settle(&client).size();
   EXPECT_EQ(server->connections(), 1u);
   EXPECT_EQ(received, 200000u);
 }
