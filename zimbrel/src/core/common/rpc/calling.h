@@ -44,7 +44,8 @@ class Cancellable {
 // the call alone: most callers want the answer and nothing else. May outlive
 // everything.
 //
-// Thread: the service thread.
+// Thread: the service thread; on any other, Cancel ends the process if the call
+// has not ended.
 class CallHandle {
  public:
   // Names no call.

@@ -50,6 +50,7 @@ void OpenCall::EndAfter(absl::Duration timeout) {
 }
 
 void OpenCall::Cancel() {
+  loop_.CheckServiceThread("CallHandle::Cancel");
   Withdraw(absl::CancelledError("cancelled by the caller"));
 }
 
@@ -75,8 +76,8 @@ CallHandle EndUnserved(const Message& key,
                        OpenCall::OnEnd on_end) {
   EventLoop* const loop = CurrentLoop();
   if (loop == nullptr) {
-    LOG(FATAL) << "orvane::Call on a thread that has no EventLoop; "
-                  "EventLoop::Post and Mailbox lead to the service thread";
+    LOG(FATAL) << "orvane::Call in a process without an EventLoop, on which "
+                  "the continuation would run";
   }
   EndLater(
       *loop,

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "absl/base/thread_annotations.h"
 #include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
@@ -15,6 +16,7 @@
 
 #include "zimbrel/src/core/common/rpc/abstract_stream.h"
 #include "zimbrel/src/core/common/rpc/calling.h"
+#include "zimbrel/src/core/common/rpc/current_loop.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/callback_stream.h"
 
@@ -70,21 +72,24 @@ class OpenCall final : public Cancellable {
 };
 
 // A new id for each call of the process.
-std::int64_t NextCallId();
+std::int64_t NextCallId() ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread);
 
 // Sends `message` as the call `id`.
 absl::Status SendCall(AbstractStream& stream, std::int64_t id,
-                      const google::protobuf::Message& message);
+                      const google::protobuf::Message& message)
+    ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread);
 
 // Ends a call that there never was, since nobody serves `key`: with kNotFound,
 // as a task of the thread's loop.
 CallHandle EndUnserved(const google::protobuf::Message& key,
                        const google::protobuf::Descriptor& type,
-                       OpenCall::OnEnd on_end);
+                       OpenCall::OnEnd on_end)
+    ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread);
 
 // Ends a call whose frame could not be sent, as a task of the stream's loop.
 CallHandle EndUnsent(AbstractStream& stream, absl::Status why,
-                     OpenCall::OnEnd on_end);
+                     OpenCall::OnEnd on_end)
+    ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread);
 
 absl::Status ToStatus(StreamCallFailure why);
 

@@ -12,9 +12,11 @@
 #include <cstddef>
 #include <functional>
 
+#include "absl/base/thread_annotations.h"
 #include "google/protobuf/message.h"
 
 #include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/current_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/event_stream.h"
 #include "zimbrel/src/core/common/rpc/stream/registrations.h"
 #include "zimbrel/src/core/common/rpc/stream_messages.h"
@@ -45,9 +47,9 @@ namespace orvane {
 // `key` and `event` are borrowed for the call. Naming T, as above, lets the
 // compiler notice when they are swapped.
 //
-// Thread: the service thread; EventLoop::Post leads there from any other. May
-// be called from anywhere on it (handlers, continuations, tasks), but not from
-// inside StreamEndpoint::Send.
+// Thread: the service thread; EventLoop::Post leads there from any other, on
+// which Publish ends the process. May be called from anywhere on it (handlers,
+// continuations, tasks), but not from inside StreamEndpoint::Send.
 template <EventMessage T>
 std::size_t Publish(const google::protobuf::Message& key, const T& event);
 
@@ -64,7 +66,8 @@ namespace internal {
 // was unusually large.
 class EventFrame {
  public:
-  explicit EventFrame(const google::protobuf::Message& event);
+  explicit EventFrame(const google::protobuf::Message& event)
+      ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread);
   EventFrame(const EventFrame&) = delete;
   EventFrame& operator=(const EventFrame&) = delete;
   ~EventFrame();
@@ -82,6 +85,7 @@ class EventFrame {
 
 template <EventMessage T>
 std::size_t Publish(const google::protobuf::Message& key, const T& event) {
+  internal::CheckServiceThread("orvane::Publish");
   const auto entry = EventStream<T>::stream_map_.find(&key);
   if (entry == EventStream<T>::stream_map_.end()) return 0;
   const auto& [own_key, streams] = *entry;

@@ -56,6 +56,7 @@ ClientConnection::ClientConnection(EventLoop* loop,
 }
 
 ClientConnection::~ClientConnection() {
+  loop_->CheckServiceThread("~SocketClient");
   socket_->Close();
   QueueEnds(absl::CancelledError("the client was destroyed"));
   while (!ends_.empty()) RunEnds();
@@ -68,6 +69,7 @@ void ClientConnection::BeginCall(const MethodDescriptor& method,
                                  const Message& request,
                                  std::shared_ptr<ClientCall> call,
                                  absl::Duration timeout) {
+  loop_->CheckServiceThread(method.full_name());
   const std::uint64_t id = ++last_id_;
   absl::Status sent = SendRequest(id, method, request, timeout);
   if (sent.ok()) return ListCall(id, std::move(call), timeout);
@@ -80,6 +82,7 @@ void ClientConnection::BeginCallAndWait(const MethodDescriptor& method,
                                         const Message& request,
                                         const std::shared_ptr<ClientCall>& call,
                                         absl::Duration timeout) {
+  loop_->CheckServiceThread(method.full_name());
   if (IsInsideACallback()) {
     return call->End(absl::FailedPreconditionError(
         "a blocking call inside a callback of the same client"));
@@ -144,6 +147,7 @@ void ClientConnection::AbandonCall(std::uint64_t id, const absl::Status& why) {
 }
 
 void ClientConnection::CancelCall(std::uint64_t id) {
+  loop_->CheckServiceThread("CallHandle::Cancel");
   std::shared_ptr<ClientCall> call = TakeCall(id);
   if (call == nullptr) return;
   SendKind(StreamMessage::KIND_CANCEL, id);
@@ -163,9 +167,10 @@ std::shared_ptr<ClientCall> ClientConnection::TakeCall(std::uint64_t id) {
 
 std::unique_ptr<ClientStream> ClientConnection::OpenStream(
     const MethodDescriptor& method, ClientStreamHandlers handlers) {
+  loop_->CheckServiceThread(method.full_name());
   const std::uint64_t id = ++last_id_;
-  const auto stream =
-      std::make_shared<ClientStreamState>(id, socket_, std::move(handlers));
+  const auto stream = std::make_shared<ClientStreamState>(loop_, id, socket_,
+                                                          std::move(handlers));
   StreamMessage frame;
   frame.set_kind(StreamMessage::KIND_OPEN);
   frame.set_stream_id(id);
@@ -180,7 +185,10 @@ std::unique_ptr<ClientStream> ClientConnection::OpenStream(
   }
   return std::make_unique<ClientStream>(stream, [this, id, stream] {
     // The connection outlives what is open, but perhaps not its handlers.
-    if (stream->is_open()) CompleteStream(id);
+    if (stream->is_open()) {
+      loop_->CheckServiceThread("~ClientStream");
+      CompleteStream(id);
+    }
     stream->Close();
   });
 }
@@ -216,6 +224,11 @@ void ClientConnection::SendKind(StreamMessage::Kind kind, std::uint64_t id) {
 }
 
 // The connection --------------------------------------------------------------
+
+const absl::Status& ClientConnection::status() const {
+  loop_->CheckServiceThread("SocketClient::status");
+  return status_;
+}
 
 absl::Status ClientConnection::BindTo(const ServiceDescriptor& service) {
   if (!status_.ok() || service_ == &service) return status_;

@@ -60,7 +60,7 @@ class ClientConnection final : public FrameSocket::Receiver {
       ClientStreamHandlers handlers);
 
   // OK while the connection stands, then why it ended.
-  const absl::Status& status() const { return status_; }
+  const absl::Status& status() const;
 
  private:
   void OnFrame(rpc::transport::StreamMessage& frame,
