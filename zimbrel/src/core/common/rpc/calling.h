@@ -22,7 +22,7 @@ using OnAnswer = absl::AnyInvocable<void(absl::StatusOr<Answer>) &&>;
 
 struct CallOptions {
   // How long the answer may take; then the call ends with kDeadlineExceeded.
-  // Not positive: no time at all.
+  // With 0 or less, it ends so at once.
   absl::Duration timeout = absl::InfiniteDuration();
 };
 

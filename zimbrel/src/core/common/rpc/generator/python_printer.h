@@ -17,8 +17,8 @@ namespace orvane::generator {
 void PrintPythonClient(const FileModel& file,
                        google::protobuf::io::Printer* out);
 
-// x_pb2.py and x_pb2.pyi, as protoc writes them but for imports of orvane's own
-// protos. False, with an error, if protoc's generators refuse the file.
+// x_pb2.py and x_pb2.pyi, as protoc writes them except the imports of orvane's
+// own protos. False, with an error, if protoc's generators refuse the file.
 bool WritePythonMessages(const google::protobuf::FileDescriptor& file,
                          google::protobuf::compiler::GeneratorContext* context,
                          std::string* error);

@@ -30,9 +30,9 @@
 
 namespace orvane {
 
-// Whether a stream serves `key`, so that Call would send to it: for callers
-// that do something else, or need not prepare, if nobody does. Good until the
-// service thread goes on to other work.
+// Whether a stream serves `key`, so that Call would send to it. For callers
+// that do something else if none does, or need not prepare the call then. The
+// answer is valid until the current task returns.
 //
 // Thread: the service thread.
 template <CallMessage T>
@@ -61,9 +61,9 @@ bool IsServed(const KeyOf<T>& key);
 //     or unsubscribes it                      |   the client that received it
 //   the loop is destroyed                     | nothing: it is destroyed
 //
-// A key that was taken over is served by its new stream at once, and a key that
-// any stream unsubscribed by none. An answer that comes after the end, or that
-// nobody asked for, is dropped.
+// Once a stream has taken a key over, Call sends to that stream; once any
+// stream has unsubscribed a key, no stream serves it. An answer that comes
+// after the end, or that belongs to no call, is dropped.
 //
 // Thread: the service thread; EventLoop::Post leads there from any other, on
 // which Call ends the process, as IsServed does.
@@ -72,7 +72,7 @@ CallHandle Call(const KeyOf<T>& key, CallOf<T> call,
                 OnAnswer<ResponseOf<T>> on_answer = nullptr,
                 CallOptions options = {});
 
-// Calling T as a value: Call<T>, or a function that does something before it.
+// Call<T> as a value, or a function that does something before it.
 template <CallMessage T>
 using Caller = std::function<CallHandle(const KeyOf<T>& key, CallOf<T> call,
                                         OnAnswer<ResponseOf<T>> on_answer,

@@ -29,7 +29,7 @@ OpenCall::OpenCall(Place place, OnEnd on_end)
 
 OpenCall::~OpenCall() {
   End(absl::CancelledError(
-      "the stream was destroyed before the host answered"));
+      "the stream was destroyed before the client answered"));
 }
 
 void OpenCall::End(Outcome outcome) {
@@ -45,7 +45,7 @@ void OpenCall::Withdraw(absl::Status why) {
 void OpenCall::EndAfter(absl::Duration timeout) {
   deadline_ = loop_.RunAfter(timeout, [this, timeout] {
     Withdraw(absl::DeadlineExceededError(absl::StrCat(
-        "the host did not answer within ", absl::FormatDuration(timeout))));
+        "the client did not answer within ", absl::FormatDuration(timeout))));
   });
 }
 
@@ -81,7 +81,7 @@ CallHandle EndUnserved(const Message& key,
   }
   EndLater(
       *loop,
-      absl::NotFoundError(absl::StrCat("no host serves ", type.full_name(),
+      absl::NotFoundError(absl::StrCat("no client serves ", type.full_name(),
                                        " for {", key.ShortDebugString(), "}")),
       std::move(on_end));
   return {};
@@ -96,12 +96,12 @@ CallHandle EndUnsent(AbstractStream& stream, absl::Status why,
 absl::Status ToStatus(StreamCallFailure why) {
   switch (why) {
     case StreamCallFailure::kRemoteError:
-      return absl::UnknownError("the host answered with an error");
+      return absl::UnknownError("the client answered with an error");
     case StreamCallFailure::kCancelled:
       break;
   }
   return absl::CancelledError(
-      "the host unsubscribed the browser or ended the stream before it "
+      "the client unsubscribed the key or ended the stream before it "
       "answered");
 }
 
