@@ -125,7 +125,7 @@ TEST_F(Examples, DoorOpensOnceSomebodyConfirmsIt) {
   const ChildProcess::Result door = ChildProcess({DOOR}).Wait();
   EXPECT_EQ(door.exit_code, 0) << door.errors;
   EXPECT_EQ(door.output,
-            "UNKNOWN: no host serves building.Confirm for {value: 1}\n"
+            "UNKNOWN: no client serves building.Confirm for {value: 1}\n"
             "open\n"
             "OK\n");
 }

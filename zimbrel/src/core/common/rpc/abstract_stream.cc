@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+
 namespace orvane {
 
 AbstractStream::AbstractStream(StreamChannel channel)
@@ -10,12 +12,14 @@ AbstractStream::AbstractStream(StreamChannel channel)
 AbstractStream::~AbstractStream() = default;
 
 absl::Status AbstractStream::Send(const rpc::transport::StreamMessage& frame) {
+  loop().CheckServiceThread("orvane::Call, or AbstractStream::Send,");
   return channel_.endpoint_->Send(frame);
 }
 
 absl::Status AbstractStream::SendEvent(
     const rpc::transport::StreamMessage& frame,
     const google::protobuf::Message& key) {
+  loop().CheckServiceThread("orvane::Publish, or AbstractStream::SendEvent,");
   return channel_.endpoint_->SendEvent(frame, key);
 }
 

@@ -12,15 +12,15 @@ namespace orvane {
 
 class EventLoop;
 
-// The widget's side of one stream that a host has opened.
+// The server's side of one stream that a client has opened.
 //
 // The transport owns it. It calls OnNext and OnError any number of times, then
-// OnCompleted at most once, then nothing but the destructor. It must call
-// OnCompleted before it destroys a stream that received frames: destructors
-// leave the process-wide registries alone.
+// OnCompleted at most once, then only the destructor. It must call OnCompleted
+// before it destroys a stream that received frames: destructors leave the
+// process-wide registries alone.
 //
 // Thread: the service thread, for everything; calls of different streams must
-// not overlap either.
+// not overlap either. On any other thread, Send and SendEvent end the process.
 class AbstractStream {
  public:
   explicit AbstractStream(StreamChannel channel);
@@ -43,7 +43,7 @@ class AbstractStream {
   // error means that nothing was sent.
   absl::Status Send(const rpc::transport::StreamMessage& frame);
 
-  // The same for an event about `key`; see StreamEndpoint.
+  // Like Send, for an event about `key`; see StreamEndpoint::SendEvent.
   absl::Status SendEvent(const rpc::transport::StreamMessage& frame,
                          const google::protobuf::Message& key);
 
@@ -51,8 +51,8 @@ class AbstractStream {
   EventLoop& loop() const;
 
  protected:
-  // Tells the peer that this end is finished. The last thing that a stream does
-  // with itself: the transport is free to destroy it inside this call.
+  // Tells the peer that this end is finished. The transport may destroy the
+  // stream inside this call, so a stream must not touch itself afterwards.
   void Complete();
 
  private:

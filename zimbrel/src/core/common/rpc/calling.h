@@ -22,7 +22,7 @@ using OnAnswer = absl::AnyInvocable<void(absl::StatusOr<Answer>) &&>;
 
 struct CallOptions {
   // How long the answer may take; then the call ends with kDeadlineExceeded.
-  // Not positive: no time at all.
+  // With 0 or less, it ends so at once.
   absl::Duration timeout = absl::InfiniteDuration();
 };
 
@@ -44,7 +44,8 @@ class Cancellable {
 // the call alone: most callers want the answer and nothing else. May outlive
 // everything.
 //
-// Thread: the service thread.
+// Thread: the service thread; on any other, Cancel ends the process if the call
+// has not ended.
 class CallHandle {
  public:
   // Names no call.

@@ -1,25 +1,22 @@
 #include "zimbrel/src/core/common/rpc/current_loop.h"
 
 #include <algorithm>
-#include <thread>
+#include <utility>
 #include <vector>
 
-#include "absl/base/thread_annotations.h"
+#include "absl/log/log.h"
 
-#include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/mutex.h"
 
 namespace orvane {
 namespace {
 
-struct LivingLoop {
-  EventLoop* loop;
-  std::thread::id maker;
-};
+// Nearly everything happens inside a task, so that this nearly always answers.
+constinit thread_local EventLoop* running = nullptr;
 
 struct LivingLoops {
   Mutex mutex;
-  std::vector<LivingLoop> in_order ABSL_GUARDED_BY(mutex);
+  std::vector<const internal::LoopThread*> in_order ABSL_GUARDED_BY(mutex);
 };
 
 // Never destroyed: loops may be static.
@@ -28,33 +25,76 @@ LivingLoops& Loops() {
   return loops;
 }
 
+bool ThereAreLoops() {
+  LivingLoops& loops = Loops();
+  const MutexLock lock(loops.mutex);
+  return !loops.in_order.empty();
+}
+
+[[noreturn]] void DieOffServiceThread(absl::string_view operation) {
+  LOG(FATAL) << operation
+             << " on a thread that is not the service thread; EventLoop::Post "
+                "and Mailbox::Post lead there";
+}
+
 }  // namespace
 
 EventLoop* CurrentLoop() {
+  if (running != nullptr) return running;
   LivingLoops& loops = Loops();
   const MutexLock lock(loops.mutex);
-  EventLoop* latest_made_here = nullptr;
-  for (const auto& [loop, maker] : loops.in_order) {
-    if (loop->IsRunningHere()) return loop;
-    if (maker == std::this_thread::get_id()) latest_made_here = loop;
+  EventLoop* latest = nullptr;
+  for (const auto* const thread : loops.in_order) {
+    if (thread->IsHere()) latest = thread->loop();
   }
-  return latest_made_here;
+  return latest;
 }
 
 namespace internal {
 
-LoopRegistration::LoopRegistration(EventLoop* loop) : loop_(loop) {
-  LivingLoops& loops = Loops();
-  const MutexLock lock(loops.mutex);
-  loops.in_order.push_back({loop, std::this_thread::get_id()});
+void CheckServiceThread(absl::string_view operation) {
+  if (CurrentLoop() == nullptr && ThereAreLoops())
+    DieOffServiceThread(operation);
 }
 
-LoopRegistration::~LoopRegistration() {
+LoopThread::LoopThread(EventLoop* loop) : loop_(loop) {
+  LivingLoops& loops = Loops();
+  const MutexLock lock(loops.mutex);
+  loops.in_order.push_back(this);
+}
+
+LoopThread::~LoopThread() {
   LivingLoops& loops = Loops();
   const MutexLock lock(loops.mutex);
   loops.in_order.erase(
-      std::find_if(loops.in_order.begin(), loops.in_order.end(),
-                   [this](const LivingLoop& it) { return it.loop == loop_; }));
+      std::find(loops.in_order.begin(), loops.in_order.end(), this));
+}
+
+bool LoopThread::IsHere() const {
+  const std::thread::id here = std::this_thread::get_id();
+  const std::thread::id runner = runner_.load(std::memory_order_relaxed);
+  if (runner != std::thread::id()) return runner == here;
+  return here == maker_ || here == last_runner_.load(std::memory_order_relaxed);
+}
+
+void LoopThread::Check(absl::string_view operation) const {
+  if (!IsHere()) DieOffServiceThread(operation);
+}
+
+LoopThread::RunScope::RunScope(LoopThread* thread)
+    : thread_(thread),
+      is_outermost_(!thread->IsRunningHere()),
+      outer_(std::exchange(running, thread->loop_)) {
+  if (!is_outermost_) return;
+  const std::thread::id here = std::this_thread::get_id();
+  thread->runner_.store(here, std::memory_order_relaxed);
+  thread->last_runner_.store(here, std::memory_order_relaxed);
+}
+
+LoopThread::RunScope::~RunScope() {
+  running = outer_;
+  if (is_outermost_)
+    thread_->runner_.store(std::thread::id(), std::memory_order_relaxed);
 }
 
 }  // namespace internal

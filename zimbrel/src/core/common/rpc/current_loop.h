@@ -1,28 +1,91 @@
-// Which event loop a thread belongs to.
+// Which event loop a thread belongs to, and which thread is a loop's service
+// thread.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_CURRENT_LOOP_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_CURRENT_LOOP_H_
+
+#include <atomic>
+#include <thread>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/strings/string_view.h"
 
 namespace orvane {
 
 class EventLoop;
 
-// The loop that the calling thread is running; if it runs none, the latest of
-// those that it made and that still exist; null without any. Thread: any.
+// The loop that the calling thread is running, the innermost if it is running
+// several. If it is running none, the latest loop that has it as its service
+// thread; null if no loop has. Thread: any.
 EventLoop* CurrentLoop();
 
 namespace internal {
 
-// A member of each EventLoop, by which CurrentLoop knows it while it exists.
-class LoopRegistration {
+// A role, not a lock: clang's thread-safety analysis takes it that whoever has
+// called one of the checks is the service thread from there on.
+class ABSL_LOCKABLE ServiceThread {};
+inline constexpr ServiceThread kServiceThread{};
+
+// For operations that cannot tell which loop they belong to; those that can
+// call EventLoop::CheckServiceThread. Ends the process with a fatal log entry,
+// which names `operation`, if there are loops but none of them has the calling
+// thread as its service thread. A process without a loop has no service thread,
+// so that nothing is checked there. Thread: any.
+void CheckServiceThread(absl::string_view operation)
+    ABSL_ASSERT_EXCLUSIVE_LOCK(kServiceThread);
+
+// The part of an event loop that knows its service thread: the thread that is
+// running the loop; while none is, the one that ran it last, and the one that
+// made it, which sets up what belongs to the loop and takes it down again.
+//
+// Thread: any, but RunScope. Lifetime: CurrentLoop knows the loop as long as
+// this lives.
+class LoopThread {
  public:
-  explicit LoopRegistration(EventLoop* loop);
-  LoopRegistration(const LoopRegistration&) = delete;
-  LoopRegistration& operator=(const LoopRegistration&) = delete;
-  ~LoopRegistration();
+  class RunScope;
+
+  // The calling thread makes the loop.
+  explicit LoopThread(EventLoop* loop);
+  LoopThread(const LoopThread&) = delete;
+  LoopThread& operator=(const LoopThread&) = delete;
+  ~LoopThread();
+
+  EventLoop* loop() const { return loop_; }
+
+  // Whether the calling thread is running the loop.
+  bool IsRunningHere() const {
+    return runner_.load(std::memory_order_relaxed) ==
+           std::this_thread::get_id();
+  }
+
+  // Whether the calling thread is the service thread.
+  bool IsHere() const;
+
+  // Ends the process with a fatal log entry unless it is.
+  void Check(absl::string_view operation) const
+      ABSL_ASSERT_EXCLUSIVE_LOCK(kServiceThread);
 
  private:
   EventLoop* const loop_;
+  const std::thread::id maker_ = std::this_thread::get_id();
+  // Relaxed: each thread looks for itself only.
+  std::atomic<std::thread::id> runner_;  // None while nobody runs the loop.
+  std::atomic<std::thread::id> last_runner_;
+};
+
+// Lives as long as one run of the loop, on the thread that runs it. Runs, of
+// several loops also, may be nested.
+class LoopThread::RunScope {
+ public:
+  explicit RunScope(LoopThread* thread);
+  RunScope(const RunScope&) = delete;
+  RunScope& operator=(const RunScope&) = delete;
+  ~RunScope();
+
+ private:
+  LoopThread* const thread_;
+  const bool is_outermost_;  // Of the runs of this loop.
+  EventLoop* const outer_;   // What the thread was running.
 };
 
 }  // namespace internal

@@ -1,6 +1,5 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 
-#include <atomic>
 #include <chrono>
 #include <thread>
 #include <utility>
@@ -16,6 +15,7 @@ namespace orvane {
 
 using internal::EpollSet;
 using internal::Inbox;
+using internal::LoopThread;
 using internal::SignalRelay;
 using internal::TaskQueue;
 using internal::TimerQueue;
@@ -28,7 +28,8 @@ class EventLoop::State {
   class RunScope;
 
   State(EventLoop* loop, EventLoopOptions options)
-      : options_(options),
+      : thread_(loop),
+        options_(options),
         inbox_(std::make_shared<Inbox>()),
         set_(loop),
         timers_(loop) {
@@ -47,10 +48,10 @@ class EventLoop::State {
   const std::shared_ptr<Inbox>& inbox() const { return inbox_; }
   EpollSet& set() { return set_; }
 
-  bool IsRunningHere() const { return runner_ == std::this_thread::get_id(); }
+  const LoopThread& thread() const { return thread_; }
 
   void Post(Task task) {
-    if (IsRunningHere()) {
+    if (thread_.IsRunningHere()) {
       queue_.Push(std::move(task));
     } else {
       inbox_->Post(std::move(task));
@@ -152,38 +153,38 @@ class EventLoop::State {
     return false;
   }
 
+  // Outlives the tasks that are destroyed with the loop.
+  LoopThread thread_;
   const EventLoopOptions options_;
   const std::shared_ptr<Inbox> inbox_;
   EpollSet set_;
   TimerQueue timers_;
   TaskQueue queue_;
   TaskQueue before_waiting_;
-  std::size_t until_look_ = 0;           // Tasks before the next look.
-  int depth_ = 0;                        // Runs that are nested in each other.
-  std::atomic<std::thread::id> runner_;  // Only while there is a run.
-  bool is_watched_ = false;              // From outside, by descriptor().
+  std::size_t until_look_ = 0;  // Tasks before the next look.
+  int depth_ = 0;               // Runs that are nested in each other.
+  bool is_watched_ = false;     // From outside, by descriptor().
   std::vector<SignalRelay> signal_relays_;
   std::vector<std::unique_ptr<Watch>> signal_watches_;
 };
 
 class EventLoop::State::RunScope {
  public:
-  explicit RunScope(State* state) : state_(state) {
-    if (state_->depth_++ == 0) state_->runner_ = std::this_thread::get_id();
+  explicit RunScope(State* state) : state_(state), scope_(&state->thread_) {
+    ++state_->depth_;
   }
   RunScope(const RunScope&) = delete;
   RunScope& operator=(const RunScope&) = delete;
   ~RunScope() {
     if (state_->depth_ == 1) state_->RunWhatPrecedesWaiting();
-    if (--state_->depth_ > 0) return;
-    state_->runner_ = std::thread::id();
-    state_->LeaveReadable();
+    if (--state_->depth_ == 0) state_->LeaveReadable();
   }
 
   bool is_outermost() const { return state_->depth_ == 1; }
 
  private:
   State* const state_;
+  const LoopThread::RunScope scope_;
 };
 
 EventLoop::EventLoop(EventLoopOptions options)
@@ -257,6 +258,12 @@ void EventLoop::OnSignal(std::initializer_list<int> signal_numbers, Task task) {
 
 std::shared_ptr<Mailbox> EventLoop::mailbox() { return state_->inbox(); }
 
-bool EventLoop::IsRunningHere() const { return state_->IsRunningHere(); }
+bool EventLoop::IsRunningHere() const {
+  return state_->thread().IsRunningHere();
+}
+
+void EventLoop::CheckServiceThread(absl::string_view operation) const {
+  state_->thread().Check(operation);
+}
 
 }  // namespace orvane

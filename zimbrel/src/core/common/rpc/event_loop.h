@@ -7,8 +7,10 @@
 #include <initializer_list>
 #include <memory>
 
+#include "absl/base/thread_annotations.h"
 #include "absl/functional/any_invocable.h"
 #include "absl/status/statusor.h"
+#include "absl/strings/string_view.h"
 #include "absl/time/time.h"
 
 #include "zimbrel/src/core/common/rpc/current_loop.h"
@@ -54,8 +56,10 @@ struct EventLoopOptions {
 // task that called it goes on when it returns, so a task that waits delays
 // those that are nested around it.
 //
-// Thread: Post and Stop from any, the rest from the service thread, which
-// before the first run is whichever thread made the loop. Lifetime: the loop
+// Thread: Post and Stop from any, the rest from the service thread. While
+// nobody runs the loop, that is the thread that ran it last and the one that
+// made it, so that the maker may set up what belongs to the loop and, once
+// another thread has run it, take it down. Lifetime: the loop
 // outlives everything that was given a pointer to it, and its timers and
 // watches. What is still queued when it is destroyed is destroyed unrun, inside
 // the destructor.
@@ -159,11 +163,15 @@ class EventLoop {
   // Whether the calling thread is inside a task of this loop.
   bool IsRunningHere() const;
 
+  // Ends the process with a fatal log entry, which names `operation`, unless
+  // the calling thread is the service thread. Thread: any.
+  void CheckServiceThread(absl::string_view operation) const
+      ABSL_ASSERT_EXCLUSIVE_LOCK(internal::kServiceThread);
+
  private:
   class State;
 
   const std::unique_ptr<State> state_;
-  const internal::LoopRegistration registration_{this};
 };
 
 }  // namespace orvane

@@ -20,7 +20,7 @@ enum class MethodKind {
   kCallbackStream,
 };
 
-// Nothing for a method of none of these kinds, which the generator refuses.
+// Nothing if the method is of none of these kinds; the generator refuses it.
 inline std::optional<MethodKind> KindOf(
     const google::protobuf::MethodDescriptor& method) {
   if (method.client_streaming() != method.server_streaming())

@@ -5,7 +5,7 @@
 
 namespace orvane {
 
-// A file descriptor that is closed with its owner. -1 holds none.
+// A file descriptor that is closed with its owner. -1 stands for none.
 class OwnedDescriptor {
  public:
   explicit OwnedDescriptor(int descriptor) : descriptor_(descriptor) {}

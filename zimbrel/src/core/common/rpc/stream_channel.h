@@ -36,13 +36,13 @@ class StreamEndpoint {
   // slow. Never blocks, and calls nothing back before it returns.
   virtual absl::Status Send(const rpc::transport::StreamMessage& frame) = 0;
 
-  // The same for an event about `key`. Where the method's `slow_host` option
-  // allows it, the event may take the place of one about the same key that
-  // still waits for a slow peer. `key` is borrowed for the call.
+  // Like Send, for an event about `key`. Where the method's `slow_host` option
+  // allows it, the event may replace one about the same key that still waits
+  // for a slow peer. `key` is borrowed for the call.
   virtual absl::Status SendEvent(const rpc::transport::StreamMessage& frame,
                                  const google::protobuf::Message& key);
 
-  // Tells the peer that the stream has ended. May destroy the stream, this
+  // Tells the peer that the stream has ended. May destroy the stream, and this
   // endpoint with it.
   virtual void Complete() = 0;
 

@@ -37,7 +37,8 @@ concept CallbackMessage =
 };
 
 // A callback message whose oneof also holds a message `call`, which carries a
-// call to the host. What it is about, what it asks and what is answered:
+// call to the client. KeyOf, CallOf and ResponseOf are the types of its key, of
+// the call and of the response.
 template <typename T>
 concept CallMessage = CallbackMessage<T> && requires(T message) {
   requires std::same_as<decltype(T::kCall), decltype(T::kResponse)>;

@@ -78,8 +78,8 @@ void PrintClassComment(const ServiceModel& service, Printer* out) {
   out->PrintRaw(Comment(0, service.comment));
   if (!service.comment.empty()) out->PrintRaw("//\n");
   out->Print(
-      R"(// This class is the host's side: what is called here happens at the other end
-// of a connection, where $name$ is served.
+      R"(// The client's side: what is called here happens at the other end of a
+// connection, where $name$ is served.
 //
 // Thread: everything is called, and everything that is passed runs, on the
 // service thread of the connection's loop. Lifetime: the connection outlives
@@ -87,8 +87,8 @@ void PrintClassComment(const ServiceModel& service, Printer* out) {
 //
 // When the process at the other end dies or closes the connection, all that is
 // in progress ends with kUnavailable, and so does all that is begun later; an
-// orderly end completes streams first, which then end with OK. A host that
-// wants to go on connects again and makes a new client.
+// orderly end completes streams first, which then end with OK. To go on,
+// connect again and make a new client.
 )",
       "name", service.full_name);
   if (service.Has(MethodKind::kUnary)) {
@@ -109,7 +109,7 @@ void PrintClassComment(const ServiceModel& service, Printer* out) {
   }
   if (service.Has(MethodKind::kCallbackStream)) {
     out->Print(R"(//
-// An On... method makes this host the one that serves `key`, until the handle
+// An On... method makes this client the one that serves `key`, until the handle
 // that it returns is destroyed or another stream takes the key over. `on_call`
 // runs for each call and answers it through its responder, at once or later; it
 // never runs again once the handle is gone. `on_end` as above.

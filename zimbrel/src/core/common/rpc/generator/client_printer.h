@@ -7,7 +7,8 @@
 
 namespace orvane::generator {
 
-// Prints x.client.h: for each service, the class through which a host calls it.
+// Prints x.client.h: for each service, the class through which a client calls
+// it.
 void PrintClientHeader(const FileModel& file,
                        google::protobuf::io::Printer* out);
 

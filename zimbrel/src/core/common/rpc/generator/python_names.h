@@ -12,7 +12,7 @@ namespace orvane::generator {
 
 // The module of a file's messages: "home.thermostat_pb2". The protos that come
 // with orvane, all of them below rpc/, are modules of the package orvane, so
-// that nobody else's `rpc` is in their way.
+// that another module `rpc` is not in their way.
 std::string MessageModule(const google::protobuf::FileDescriptor& file);
 
 // A message's class inside its module: "Confirm.Call".

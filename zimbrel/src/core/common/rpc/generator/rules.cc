@@ -123,8 +123,8 @@ void CheckOptions(const FileDescriptor& file, Findings* findings) {
   }
 }
 
-// What calling a host through a stream of the type takes: by the key and the
-// stage a stream routes its frames.
+// A callback stream finds the call that a frame belongs to by its key, and what
+// to do with the frame by the member of its oneof.
 void CheckCallbackType(const MethodDescriptor& method, Findings* findings) {
   const Descriptor& type = *method.input_type();
   const std::string type_name(type.full_name());

@@ -1,4 +1,4 @@
-// What a proto file must not do if its services are to become classes.
+// The rules for a proto file whose services are to become classes.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_RULES_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_RULES_H_
@@ -15,7 +15,7 @@ namespace orvane::generator {
 // where the descriptors do not carry them.
 std::string BrokenRules(const google::protobuf::FileDescriptor& file);
 
-// The same for those of Python alone: two methods must not have one name there.
+// The same for Python's own rule: two methods must not get one name there.
 std::string BrokenPythonRules(const google::protobuf::FileDescriptor& file);
 
 }  // namespace orvane::generator

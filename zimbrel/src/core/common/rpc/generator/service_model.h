@@ -1,4 +1,4 @@
-// What the printers need to know of a proto file, and no more.
+// What the printers need to know of a proto file.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_SERVICE_MODEL_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_GENERATOR_SERVICE_MODEL_H_
@@ -20,8 +20,8 @@ struct MethodModel {
   std::string name;        // In C++.
   std::string request;     // C++ types, as spelled inside the class.
   std::string response;
-  // The same, empty for a unary method: its stream, what its accessor returns,
-  // and what a host subscribes to.
+  // C++ types too, empty for a unary method: of its stream, of what its
+  // accessor returns, and of the keys that a client subscribes to.
   std::string stream;
   std::string accessor;
   std::string key;

@@ -17,20 +17,22 @@
 #include <memory>
 #include <utility>
 
+#include "absl/base/thread_annotations.h"
 #include "absl/status/status.h"
 #include "absl/time/time.h"
 #include "google/protobuf/message.h"
 
 #include "zimbrel/src/core/common/rpc/calling.h"
+#include "zimbrel/src/core/common/rpc/current_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/callback_stream.h"
 #include "zimbrel/src/core/common/rpc/stream/open_call.h"
 #include "zimbrel/src/core/common/rpc/stream_messages.h"
 
 namespace orvane {
 
-// Whether a stream serves `key`, so that Call would send to it: for callers
-// that do something else, or need not prepare, if nobody does. Good until the
-// service thread goes on to other work.
+// Whether a stream serves `key`, so that Call would send to it. For callers
+// that do something else if none does, or need not prepare the call then. The
+// answer is valid until the current task returns.
 //
 // Thread: the service thread.
 template <CallMessage T>
@@ -59,17 +61,18 @@ bool IsServed(const KeyOf<T>& key);
 //     or unsubscribes it                      |   the client that received it
 //   the loop is destroyed                     | nothing: it is destroyed
 //
-// A key that was taken over is served by its new stream at once, and a key that
-// any stream unsubscribed by none. An answer that comes after the end, or that
-// nobody asked for, is dropped.
+// Once a stream has taken a key over, Call sends to that stream; once any
+// stream has unsubscribed a key, no stream serves it. An answer that comes
+// after the end, or that belongs to no call, is dropped.
 //
-// Thread: the service thread; EventLoop::Post leads there from any other.
+// Thread: the service thread; EventLoop::Post leads there from any other, on
+// which Call ends the process, as IsServed does.
 template <CallMessage T>
 CallHandle Call(const KeyOf<T>& key, CallOf<T> call,
                 OnAnswer<ResponseOf<T>> on_answer = nullptr,
                 CallOptions options = {});
 
-// Calling T as a value: Call<T>, or a function that does something before it.
+// Call<T> as a value, or a function that does something before it.
 template <CallMessage T>
 using Caller = std::function<CallHandle(const KeyOf<T>& key, CallOf<T> call,
                                         OnAnswer<ResponseOf<T>> on_answer,
@@ -81,7 +84,8 @@ namespace internal {
 
 // The living stream that serves `key`, or null.
 template <CallMessage T>
-CallbackStream<T>* FindServing(const KeyOf<T>& key) {
+CallbackStream<T>* FindServing(const KeyOf<T>& key)
+    ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread) {
   const auto served = CallbackStream<T>::stream_map_.find(&key);
   if (served == CallbackStream<T>::stream_map_.end() ||
       !Registrations::Get().Has(served->second, served->first)) {
@@ -100,12 +104,14 @@ void Drop(AbstractStream* stream, const google::protobuf::Message& key,
 
 template <CallMessage T>
 bool IsServed(const KeyOf<T>& key) {
+  internal::CheckServiceThread("orvane::IsServed");
   return internal::FindServing<T>(key) != nullptr;
 }
 
 template <CallMessage T>
 CallHandle Call(const KeyOf<T>& key, CallOf<T> call,
                 OnAnswer<ResponseOf<T>> on_answer, CallOptions options) {
+  internal::CheckServiceThread("orvane::Call");
   internal::OpenCall::OnEnd on_end =
       [on_answer =
            std::move(on_answer)](internal::OpenCall::Outcome outcome) mutable {

@@ -65,10 +65,10 @@ TEST_F(CallTest, EndsInATaskOfItsOwnWhenNobodyServesTheKey) {
   Ask(kBrowser, "a");
   EXPECT_THAT(ends, IsEmpty()) << "ran inside the call";
   loop.RunUntilIdle();
-  EXPECT_THAT(ends,
-              ElementsAre(AllOf(StartsWith("a NOT_FOUND"),
-                                HasSubstr("no host serves rpc.CreateWebDialog"),
-                                HasSubstr(kBrowser.ShortDebugString()))));
+  EXPECT_THAT(
+      ends, ElementsAre(AllOf(StartsWith("a NOT_FOUND"),
+                              HasSubstr("no client serves rpc.CreateWebDialog"),
+                              HasSubstr(kBrowser.ShortDebugString()))));
   EXPECT_THAT(host.received(), IsEmpty());
 }
 
@@ -145,7 +145,8 @@ TEST_F(CallTest, EndsWhenTheHostAnswersWithAnError) {
   host.Fail(kBrowser, host.last_id());
   EXPECT_THAT(ends, IsEmpty()) << "ran inside the handler";
   loop.RunUntilIdle();
-  EXPECT_THAT(ends, ElementsAre("a UNKNOWN: the host answered with an error"));
+  EXPECT_THAT(ends,
+              ElementsAre("a UNKNOWN: the client answered with an error"));
 }
 
 TEST_F(CallTest, EndsWhenItsTimeIsOver) {
@@ -156,7 +157,7 @@ TEST_F(CallTest, EndsWhenItsTimeIsOver) {
   RunUntilEnds(1);
   EXPECT_THAT(
       ends,
-      ElementsAre("a DEADLINE_EXCEEDED: the host did not answer within 2ms"));
+      ElementsAre("a DEADLINE_EXCEEDED: the client did not answer within 2ms"));
   EXPECT_EQ(host.stream().CallsOf(kBrowser).second.size(), 1u);
   host.Answer(kBrowser, host.received()[0].id, Text("late"));
   host.Answer(kBrowser, host.received()[1].id, Text("in time"));
@@ -195,7 +196,7 @@ TEST_F(CallTest, EndsWhenTheHostUnsubscribesTheKey) {
   loop.RunUntilIdle();
   EXPECT_THAT(
       ends,
-      ElementsAre("a CANCELLED: the host unsubscribed the browser or ended the "
+      ElementsAre("a CANCELLED: the client unsubscribed the key or ended the "
                   "stream before it answered"));
 }
 
@@ -219,7 +220,7 @@ TEST_F(CallTest, EndsWhenTheStreamIsDestroyedWithoutBeingCompleted) {
   EXPECT_THAT(
       ends,
       ElementsAre(
-          "a CANCELLED: the stream was destroyed before the host answered"));
+          "a CANCELLED: the stream was destroyed before the client answered"));
   RemoveRegistration<CreateWebDialog>(kBrowser);
 }
 
@@ -391,7 +392,7 @@ TEST_F(CallTest, CancellingAfterTheStreamIsGoneDoesNothing) {
   host.End();
   call.Cancel();
   loop.RunUntilIdle();
-  EXPECT_THAT(ends, ElementsAre(StartsWith("a CANCELLED: the host")));
+  EXPECT_THAT(ends, ElementsAre(StartsWith("a CANCELLED: the client")));
 }
 
 // What a call that was listed by hand holds is destroyed where a call that Call
@@ -404,7 +405,7 @@ TEST_F(CallTest, CancellingInsideTheHandlerThatEndedTheCallDoesNothing) {
   host.Unsubscribe(kBrowser);
   loop.RunUntilIdle();
   EXPECT_THAT(ends, ElementsAre("9223372036854775807 cancelled",
-                                StartsWith("a CANCELLED: the host")));
+                                StartsWith("a CANCELLED: the client")));
 }
 
 TEST_F(CallTest, MayBeCancelledWhileItsStreamIsBeingDestroyed) {

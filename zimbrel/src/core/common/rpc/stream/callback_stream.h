@@ -1,4 +1,4 @@
-// The widget's side of a stream through which it calls a host.
+// The server's side of a stream through which it calls a client.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_CALLBACK_STREAM_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_CALLBACK_STREAM_H_
@@ -28,17 +28,17 @@ namespace orvane {
 
 // Why a call ended without a reply.
 enum class StreamCallFailure : std::int32_t {
-  // The host unsubscribed the call's key on this stream, or ended the stream.
+  // The client unsubscribed the call's key on this stream, or ended the stream.
   kCancelled = 1,
-  // The host answered the call with an error.
+  // The client answered the call with an error.
   kRemoteError = 2,
 };
 
-// A host subscribes such a stream to keys (the browsers' ids) and from then on
-// answers the calls that are made under them. One stream of a type serves a key
-// at a time: the latest to have subscribed. To make a call, use Call (call.h).
+// A client subscribes such a stream to keys and from then on answers the calls
+// that are made under them. One stream of a type serves a key at a time: the
+// latest to have subscribed. To make a call, use Call (call.h).
 //
-// What a host's frame does, by the oneof case of its T:
+// What a client's frame does, by the oneof case of its T:
 //
 // - subscribe, true: this stream serves the key from now on.
 // - subscribe, false: no stream serves the key any longer, whichever did, and
@@ -47,21 +47,21 @@ enum class StreamCallFailure : std::int32_t {
 // - anything else: the process ends at once. Frames from outside are to be
 //   checked before they come here.
 //
-// An error frame ends the call of its key and id; its oneof does not matter. A
-// payload that does not parse counts as far as it was read.
+// An error frame ends the call of its key and id, whatever its oneof holds. If
+// a payload does not parse, the fields that were read before the error count.
 //
 // Thread: the service thread. Lifetime: as AbstractStream tells. Destroying a
-// stream that was not completed leaves its registrations behind, runs none of
+// stream that was not completed leaves its registrations behind, does not run
 // the pending calls' callables, and does not free the keys of `pending_calls_`.
 template <CallbackMessage T>
 class CallbackStream final : public AbstractStream {
  public:
-  // A call that waits for the host's answer. Exactly one of the two runs,
+  // A call that waits for the client's answer. Exactly one of the two runs,
   // inside the handler that ends the call, while it is still listed.
   //
-  // They may add calls, under any key. They must not end any: not cancel,
-  // unsubscribe, complete or destroy this stream. The same goes for what is
-  // destroyed with them. Call lifts that burden.
+  // They may add calls, under any key. They must not end calls: not cancel
+  // them, and not unsubscribe, complete or destroy this stream. Neither may the
+  // destructors of what they hold. What is passed to Call may do all of that.
   struct StreamCall {
     // `reply` may be moved from; it is destroyed when the callable returns.
     std::function<void(T& reply)> on_response;
@@ -93,21 +93,21 @@ class CallbackStream final : public AbstractStream {
   void Subscribe(const google::protobuf::Message& key);
 
   // Cancels the calls that wait under `key` on this stream, in the order of
-  // their ids, and drops them. An unknown key is no error. `key` may be the
-  // table's own.
+  // their ids, and drops them. Does nothing for an unknown key. `key` may be
+  // the table's own.
   void CancelPendingRequests(const google::protobuf::Message& key);
 
-  // The entry of `key` in `pending_calls_`, made if there is none.
+  // The entry of `key` in `pending_calls_`, which is added if it is missing.
   typename PendingCalls::value_type& CallsOf(
       const google::protobuf::Message& key);
 
-  // Takes a call out of `pending_calls_` and runs neither of its callables. An
-  // unknown key or id is no error. `key` may be the table's own.
+  // Takes a call out of `pending_calls_` and runs neither of its callables.
+  // Does nothing for an unknown key or id. `key` may be the table's own.
   void DropCall(const google::protobuf::Message& key, std::int64_t call_id);
 
   // Which stream serves which key: one registry for all streams of T. It owns
   // its keys. A stream that it names may have been destroyed without being
-  // completed. To be read by others; written by streams alone.
+  // completed. Others may read it; only streams change it.
   static inline Registry stream_map_;
 
  private:
@@ -127,8 +127,8 @@ class CallbackStream final : public AbstractStream {
   const google::protobuf::MethodDescriptor* const method_;
 
  public:
-  // The calls of this stream that wait for an answer, by key and by id. Like
-  // the registry it owns its keys, and is to be read by others.
+  // The calls of this stream that wait for an answer, by key and by id. Owns
+  // its keys. Others may read it.
   PendingCalls pending_calls_;
 };
 

@@ -131,7 +131,7 @@ TEST_F(CallbackStreamEndTest, AnAnswerMayAddCallsUnderItsOwnKey) {
   });
   host.Answer(kBrowser, 0);
   EXPECT_EQ(Pending(host, kBrowser).size(), 999u)
-      << "-500 to 499, but for the one answered";
+      << "-500 to 499, except the one answered";
 }
 
 TEST_F(CallbackStreamEndTest, AnAnswerMayAddCallsUnderManyNewKeys) {

@@ -27,7 +27,7 @@ void EraseEntry(Table& table, const google::protobuf::Message& key) {
   own_key.reset(entry.key());
 }
 
-// Another stream than the one subscribing now serves `key`.
+// Logs that a stream subscribes to `key` while another stream serves it.
 void WarnOfTakeover(const google::protobuf::Message& key);
 
 }  // namespace orvane::internal

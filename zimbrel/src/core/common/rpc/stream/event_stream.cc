@@ -8,7 +8,7 @@ const rpc::EventSubscription& ReadSubscription(
     const Service& service, const google::protobuf::MethodDescriptor* method,
     const rpc::transport::StreamMessage& frame) {
   Message* const request = service.GetRequestPrototype(method).New(nullptr);
-  // Whatever could be read is acted on.
+  // The result is ignored: a payload counts as far as it parsed.
   static_cast<void>(request->ParseFromString(frame.payload()));
   return static_cast<const rpc::EventSubscription&>(*request);
 }

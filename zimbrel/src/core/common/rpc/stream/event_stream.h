@@ -1,5 +1,5 @@
-// The widget's side of an event stream, and the registry of who wants to hear
-// of what. To tell the hosts that something happened, see publish.h.
+// The server's side of an event stream, and the registry of the streams that
+// are subscribed to each key. To send events to them, see publish.h.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_EVENT_STREAM_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_EVENT_STREAM_H_
@@ -23,9 +23,9 @@
 
 namespace orvane {
 
-// A host opens such a stream and sends rpc::EventSubscription frames on it,
-// each of which subscribes the stream to one key or unsubscribes it again. What
-// then becomes of the stream in the entry of a key:
+// A client opens such a stream and sends rpc::EventSubscription frames on it,
+// each of which subscribes the stream to one key or unsubscribes it again.
+// Whether the entry of a key lists the stream, before and after:
 //
 //           | subscribe | unsubscribe | OnCompleted          | destroyed
 //   --------+-----------+-------------+----------------------+-------------
@@ -34,21 +34,21 @@ namespace orvane {
 //           |           |             | else:  stays listed  |
 //
 // So the registry may list streams that have completed or are gone, under keys
-// that they shared. A transport that wants it exact unsubscribes a stream from
-// all that is left before it calls OnCompleted. Publish reaches the right ones
-// either way.
+// that they shared with others. A transport can prevent that: it unsubscribes a
+// stream from its remaining keys before it calls OnCompleted. Publish skips
+// such streams in either case.
 //
-// T gives each kind of event its own registry; streams differ in nothing else.
+// T gives each kind of event a registry of its own, and changes nothing else.
 //
-// Thread: the service thread. Lifetime: as AbstractStream tells. Memory: every
-// frame leaves one small request message behind for the rest of the process,
-// since Unsubscribe may destroy a part of it.
+// Thread: the service thread. Lifetime: as AbstractStream tells. Memory: the
+// request message of every frame, a small one, is never destroyed, since
+// Unsubscribe may destroy a part of it.
 template <EventMessage T>
 class EventStream : public AbstractStream {
  public:
-  // By content; each entry owns its key, a heap message. Streams are not owned.
-  // No entry is empty. Keys that are left when the process ends are not
-  // destroyed.
+  // By the content of the key, a heap message that its entry owns. Streams are
+  // not owned. No entry is empty. Keys that are left when the process ends are
+  // not destroyed.
   using Registry =
       std::unordered_map<const google::protobuf::Message*,
                          std::set<EventStream*>, MessageHash, MessageEqual>;
@@ -74,12 +74,12 @@ class EventStream : public AbstractStream {
   // Takes this stream out of the entry of `key`, if it is there, and erases the
   // entry if nobody is left, which destroys its key.
   //
-  // If there is no such entry, it is `key` itself that is destroyed. So `key`
-  // is the entry's own or a heap message that is given away with this call.
+  // If there is no such entry, `key` itself is destroyed. So `key` must be the
+  // entry's own, or a heap message that the caller gives away.
   void Unsubscribe(const google::protobuf::Message& key);
 
-  // The one registry of T. To be read by others; written by streams alone.
-  // References into it are good until a stream's next operation.
+  // The registry of T. Others may read it; only streams change it. References
+  // into it are valid until a stream's next operation.
   static inline Registry stream_map_;
 
  private:
@@ -89,8 +89,8 @@ class EventStream : public AbstractStream {
 
 namespace internal {
 
-// Makes the request that `frame` carries, as far as it parses, by the prototype
-// of `method`. It stays for the rest of the process.
+// Reads the request that `frame` carries, as far as it parses, into a new
+// message made from the prototype of `method`, which is never destroyed.
 const rpc::EventSubscription& ReadSubscription(
     const Service& service, const google::protobuf::MethodDescriptor* method,
     const rpc::transport::StreamMessage& frame);

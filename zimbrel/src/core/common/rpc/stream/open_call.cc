@@ -29,7 +29,7 @@ OpenCall::OpenCall(Place place, OnEnd on_end)
 
 OpenCall::~OpenCall() {
   End(absl::CancelledError(
-      "the stream was destroyed before the host answered"));
+      "the stream was destroyed before the client answered"));
 }
 
 void OpenCall::End(Outcome outcome) {
@@ -45,11 +45,12 @@ void OpenCall::Withdraw(absl::Status why) {
 void OpenCall::EndAfter(absl::Duration timeout) {
   deadline_ = loop_.RunAfter(timeout, [this, timeout] {
     Withdraw(absl::DeadlineExceededError(absl::StrCat(
-        "the host did not answer within ", absl::FormatDuration(timeout))));
+        "the client did not answer within ", absl::FormatDuration(timeout))));
   });
 }
 
 void OpenCall::Cancel() {
+  loop_.CheckServiceThread("CallHandle::Cancel");
   Withdraw(absl::CancelledError("cancelled by the caller"));
 }
 
@@ -75,12 +76,12 @@ CallHandle EndUnserved(const Message& key,
                        OpenCall::OnEnd on_end) {
   EventLoop* const loop = CurrentLoop();
   if (loop == nullptr) {
-    LOG(FATAL) << "orvane::Call on a thread that has no EventLoop; "
-                  "EventLoop::Post and Mailbox lead to the service thread";
+    LOG(FATAL) << "orvane::Call in a process without an EventLoop, on which "
+                  "the continuation would run";
   }
   EndLater(
       *loop,
-      absl::NotFoundError(absl::StrCat("no host serves ", type.full_name(),
+      absl::NotFoundError(absl::StrCat("no client serves ", type.full_name(),
                                        " for {", key.ShortDebugString(), "}")),
       std::move(on_end));
   return {};
@@ -95,12 +96,12 @@ CallHandle EndUnsent(AbstractStream& stream, absl::Status why,
 absl::Status ToStatus(StreamCallFailure why) {
   switch (why) {
     case StreamCallFailure::kRemoteError:
-      return absl::UnknownError("the host answered with an error");
+      return absl::UnknownError("the client answered with an error");
     case StreamCallFailure::kCancelled:
       break;
   }
   return absl::CancelledError(
-      "the host unsubscribed the browser or ended the stream before it "
+      "the client unsubscribed the key or ended the stream before it "
       "answered");
 }
 

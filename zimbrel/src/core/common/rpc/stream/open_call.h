@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "absl/base/thread_annotations.h"
 #include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
@@ -15,22 +16,22 @@
 
 #include "zimbrel/src/core/common/rpc/abstract_stream.h"
 #include "zimbrel/src/core/common/rpc/calling.h"
+#include "zimbrel/src/core/common/rpc/current_loop.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/callback_stream.h"
 
 namespace orvane::internal {
 
-// One call, from the departure of its frame to its one end. Owned by the
-// callables that are listed for it in a stream's table, so it lives no longer
-// than its entry there, with its key, and than the stream. Both may be touched,
-// then, while it lives; and a call that is dropped unanswered, for whatever
-// reason, ends in the destructor.
+// One call, from when its frame is sent until it ends. Owned by the callables
+// that are listed for it in a stream's table. So the stream, the entry in its
+// table and the entry's key exist as long as this does; and a call that is
+// dropped unanswered, for whatever reason, ends in the destructor.
 //
 // Thread: the service thread.
 class OpenCall final : public Cancellable {
  public:
-  // The host's message, of the type that the call was made with, or the reason
-  // why there is none.
+  // The client's message, of the type that the call was made with, or why the
+  // call ended without one.
   using Outcome = absl::StatusOr<std::unique_ptr<google::protobuf::Message>>;
   using OnEnd = absl::AnyInvocable<void(Outcome) &&>;
 
@@ -49,13 +50,13 @@ class OpenCall final : public Cancellable {
   OpenCall& operator=(const OpenCall&) = delete;
   ~OpenCall();
 
-  // Posts `on_end` to the stream's loop, the first time; then does nothing.
+  // Posts `on_end` to the stream's loop. Does nothing if the call has ended.
   void End(Outcome outcome);
 
-  // Withdraws the call as late after `timeout`. At most once.
+  // Ends the call with kDeadlineExceeded after `timeout`. Called at most once.
   void EndAfter(absl::Duration timeout);
 
-  // Withdraws the call as cancelled by the caller.
+  // Ends the call with kCancelled.
   void Cancel() override;
 
  private:
@@ -70,21 +71,25 @@ class OpenCall final : public Cancellable {
 };
 
 // A new id for each call of the process.
-std::int64_t NextCallId();
+std::int64_t NextCallId() ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread);
 
 // Sends `message` as the call `id`.
 absl::Status SendCall(AbstractStream& stream, std::int64_t id,
-                      const google::protobuf::Message& message);
+                      const google::protobuf::Message& message)
+    ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread);
 
-// Ends a call that there never was, since nobody serves `key`: with kNotFound,
-// as a task of the thread's loop.
+// For a call that no stream serves: posts `on_end` with kNotFound to the
+// thread's loop.
 CallHandle EndUnserved(const google::protobuf::Message& key,
                        const google::protobuf::Descriptor& type,
-                       OpenCall::OnEnd on_end);
+                       OpenCall::OnEnd on_end)
+    ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread);
 
-// Ends a call whose frame could not be sent, as a task of the stream's loop.
+// For a call whose frame could not be sent: posts `on_end` with the reason to
+// the stream's loop.
 CallHandle EndUnsent(AbstractStream& stream, absl::Status why,
-                     OpenCall::OnEnd on_end);
+                     OpenCall::OnEnd on_end)
+    ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread);
 
 absl::Status ToStatus(StreamCallFailure why);
 

@@ -14,7 +14,7 @@ namespace {
 // Holds what most events take; see Publish.
 constexpr std::size_t kMaxKeptBytes = std::size_t{256} << 10;
 
-StreamMessage& SharedFrame() {
+StreamMessage& SharedFrame() ABSL_EXCLUSIVE_LOCKS_REQUIRED(kServiceThread) {
   static auto& frame = *new StreamMessage;
   return frame;
 }

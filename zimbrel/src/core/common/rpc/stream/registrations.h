@@ -1,4 +1,4 @@
-// Which living stream asked for which entry of a registry.
+// Which living stream has subscribed to which entry of a registry.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_REGISTRATIONS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_REGISTRATIONS_H_
@@ -12,9 +12,9 @@
 namespace orvane::internal {
 
 // The streams' registries may name a stream that was destroyed without being
-// completed, and whose address another stream has by now. Whoever is about to
-// touch a stream that a registry names asks here first. An entry is known by
-// its key's address, which is its own for as long as the entry lives.
+// completed, and whose address another stream has by now. Code that is about to
+// use a stream from a registry asks here first. An entry is identified by the
+// address of its key, which no other entry has as long as it exists.
 //
 // Thread: the service thread.
 class Registrations {
@@ -24,7 +24,7 @@ class Registrations {
 
   void Add(const AbstractStream* stream, const google::protobuf::Message* key);
 
-  // Neither an unknown stream nor an unknown key is an error.
+  // Does nothing for an unknown stream or key.
   void Remove(const AbstractStream* stream,
               const google::protobuf::Message* key);
 

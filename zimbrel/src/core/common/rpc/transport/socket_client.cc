@@ -68,6 +68,7 @@ absl::StatusOr<std::unique_ptr<SocketClient>> SocketClient::Connect(
 
 absl::StatusOr<std::unique_ptr<SocketClient>> SocketClient::Adopt(
     EventLoop* loop, int descriptor, ClientOptions options) {
+  loop->CheckServiceThread("SocketClient::Adopt, or Connect,");
   OwnedDescriptor owned(descriptor);
   if (absl::Status status = CheckPeerIsThisUser(descriptor); !status.ok())
     return status;

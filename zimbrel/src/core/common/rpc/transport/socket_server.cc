@@ -23,8 +23,12 @@ class SocketServer::Impl {
  public:
   Impl(EventLoop* loop, Service* service, const ServerLimits& limits)
       : loop_(loop), service_(service), limits_(limits) {}
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+  ~Impl() { loop_->CheckServiceThread("~SocketServer"); }
 
   absl::Status Listen(const std::string& path) {
+    loop_->CheckServiceThread("SocketServer::Listen");
     if (is_shutting_down_) return ShutDownAlready();
     if (acceptor_ != nullptr)
       return absl::FailedPreconditionError("listening already");
@@ -40,6 +44,7 @@ class SocketServer::Impl {
   }
 
   absl::Status Adopt(OwnedDescriptor descriptor) {
+    loop_->CheckServiceThread("SocketServer::Adopt");
     if (is_shutting_down_) return ShutDownAlready();
     if (absl::Status status = CheckPeerIsThisUser(descriptor.get());
         !status.ok())
@@ -48,6 +53,7 @@ class SocketServer::Impl {
   }
 
   void Shutdown(absl::Duration within, Task done) {
+    loop_->CheckServiceThread("SocketServer::Shutdown");
     if (is_shutting_down_) return;
     is_shutting_down_ = true;
     done_ = std::move(done);
@@ -68,8 +74,14 @@ class SocketServer::Impl {
     FinishIfAllHaveLeft();
   }
 
-  std::size_t connections() const { return connections_.size(); }
-  const ServerCounters& counters() const { return counters_; }
+  std::size_t connections() const {
+    loop_->CheckServiceThread("SocketServer::connections");
+    return connections_.size();
+  }
+  const ServerCounters& counters() const {
+    loop_->CheckServiceThread("SocketServer::counters");
+    return counters_;
+  }
 
  private:
   void AwaitClient() {

@@ -58,6 +58,7 @@ ClientConnection::ClientConnection(EventLoop* loop,
 }
 
 ClientConnection::~ClientConnection() {
+  loop_->CheckServiceThread("~SocketClient");
   socket_->Close();
   QueueEnds(absl::CancelledError("the client was destroyed"));
   while (!ends_.empty()) RunEnds();
@@ -70,6 +71,7 @@ void ClientConnection::BeginCall(const MethodDescriptor& method,
                                  const Message& request,
                                  std::shared_ptr<ClientCall> call,
                                  absl::Duration timeout) {
+  loop_->CheckServiceThread(method.full_name());
   const std::uint64_t id = ++last_id_;
   absl::Status sent = SendRequest(id, method, request, timeout);
   if (sent.ok()) return ListCall(id, std::move(call), timeout);
@@ -82,6 +84,7 @@ void ClientConnection::BeginCallAndWait(const MethodDescriptor& method,
                                         const Message& request,
                                         const std::shared_ptr<ClientCall>& call,
                                         absl::Duration timeout) {
+  loop_->CheckServiceThread(method.full_name());
   if (IsInsideACallback()) {
     return call->End(absl::FailedPreconditionError(
         "a blocking call inside a callback of the same client"));
@@ -146,6 +149,7 @@ void ClientConnection::AbandonCall(std::uint64_t id, const absl::Status& why) {
 }
 
 void ClientConnection::CancelCall(std::uint64_t id) {
+  loop_->CheckServiceThread("CallHandle::Cancel");
   std::shared_ptr<ClientCall> call = TakeCall(id);
   if (call == nullptr) return;
   SendKind(StreamMessage::KIND_CANCEL, id);
@@ -165,9 +169,10 @@ std::shared_ptr<ClientCall> ClientConnection::TakeCall(std::uint64_t id) {
 
 std::unique_ptr<ClientStream> ClientConnection::OpenStream(
     const MethodDescriptor& method, ClientStreamHandlers handlers) {
+  loop_->CheckServiceThread(method.full_name());
   const std::uint64_t id = ++last_id_;
-  const auto stream =
-      std::make_shared<ClientStreamState>(id, socket_, std::move(handlers));
+  const auto stream = std::make_shared<ClientStreamState>(loop_, id, socket_,
+                                                          std::move(handlers));
   StreamMessage frame;
   frame.set_kind(StreamMessage::KIND_OPEN);
   frame.set_stream_id(id);
@@ -182,7 +187,10 @@ std::unique_ptr<ClientStream> ClientConnection::OpenStream(
   }
   return std::make_unique<ClientStream>(stream, [this, id, stream] {
     // While the stream is open, the connection exists; later it may be gone.
-    if (stream->is_open()) CompleteStream(id);
+    if (stream->is_open()) {
+      loop_->CheckServiceThread("~ClientStream");
+      CompleteStream(id);
+    }
     stream->Close();
   });
 }
@@ -218,6 +226,11 @@ void ClientConnection::SendKind(StreamMessage::Kind kind, std::uint64_t id) {
 }
 
 // The connection --------------------------------------------------------------
+
+const absl::Status& ClientConnection::status() const {
+  loop_->CheckServiceThread("SocketClient::status");
+  return status_;
+}
 
 absl::Status ClientConnection::BindTo(const ServiceDescriptor& service) {
   if (!status_.ok() || service_ == &service) return status_;

@@ -60,7 +60,7 @@ class ClientConnection final : public FrameSocket::Receiver {
       ClientStreamHandlers handlers);
 
   // OK while the connection exists, then the reason why it ended.
-  const absl::Status& status() const { return status_; }
+  const absl::Status& status() const;
 
   // See SocketClient::server_limits.
   const rpc::transport::Limits& server_limits() const;

@@ -7,10 +7,11 @@ namespace orvane::internal {
 using google::protobuf::MessageLite;
 using rpc::transport::StreamMessage;
 
-ClientStreamState::ClientStreamState(std::uint64_t id,
+ClientStreamState::ClientStreamState(EventLoop* loop, std::uint64_t id,
                                      std::shared_ptr<FrameSocket> socket,
                                      ClientStreamHandlers handlers)
-    : id_(id),
+    : loop_(loop),
+      id_(id),
       socket_(std::move(socket)),
       handlers_(std::make_shared<ClientStreamHandlers>(std::move(handlers))) {}
 
@@ -50,6 +51,7 @@ absl::Status ClientStreamState::Send(StreamMessage::Kind kind,
                                      std::int64_t call_id,
                                      const absl::Status& error) {
   if (!is_open_) return absl::UnavailableError("the stream has ended");
+  loop_->CheckServiceThread("Answering a call, or ClientStreamSender,");
   StreamMessage header;
   header.set_kind(kind);
   header.set_stream_id(id_);

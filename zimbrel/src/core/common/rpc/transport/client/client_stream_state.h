@@ -12,6 +12,7 @@
 #include "google/protobuf/message_lite.h"
 
 #include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
 
@@ -28,7 +29,9 @@ namespace orvane::internal {
 // Thread: the service thread. May outlive the connection.
 class ClientStreamState final : public ClientStreamSender {
  public:
-  ClientStreamState(std::uint64_t id, std::shared_ptr<FrameSocket> socket,
+  // `loop` outlives the connection.
+  ClientStreamState(EventLoop* loop, std::uint64_t id,
+                    std::shared_ptr<FrameSocket> socket,
                     ClientStreamHandlers handlers);
 
   bool is_open() const { return is_open_; }
@@ -57,6 +60,7 @@ class ClientStreamState final : public ClientStreamSender {
                     const google::protobuf::MessageLite& message,
                     std::int64_t call_id, const absl::Status& error);
 
+  EventLoop* const loop_;  // May be gone once the stream is not open.
   const std::uint64_t id_;
   const std::shared_ptr<FrameSocket> socket_;
   std::shared_ptr<ClientStreamHandlers> handlers_;  // Null once it has ended.

@@ -24,8 +24,8 @@ namespace testdata {
 //
 // with an empty one.
 //
-// This class is the host's side: what is called here happens at the other end
-// of a connection, where testdata.Comments is served.
+// The client's side: what is called here happens at the other end of a
+// connection, where testdata.Comments is served.
 //
 // Thread: everything is called, and everything that is passed runs, on the
 // service thread of the connection's loop. Lifetime: the connection outlives
@@ -33,8 +33,8 @@ namespace testdata {
 //
 // When the process at the other end dies or closes the connection, all that is
 // in progress ends with kUnavailable, and so does all that is begun later; an
-// orderly end completes streams first, which then end with OK. A host that
-// wants to go on connects again and makes a new client.
+// orderly end completes streams first, which then end with OK. To go on,
+// connect again and make a new client.
 //
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop

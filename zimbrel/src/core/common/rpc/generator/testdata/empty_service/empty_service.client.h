@@ -19,8 +19,8 @@ static_assert(orvane::kVersion == "0.2.0",
 
 namespace testdata {
 
-// This class is the host's side: what is called here happens at the other end
-// of a connection, where testdata.EmptyService is served.
+// The client's side: what is called here happens at the other end of a
+// connection, where testdata.EmptyService is served.
 //
 // Thread: everything is called, and everything that is passed runs, on the
 // service thread of the connection's loop. Lifetime: the connection outlives
@@ -28,8 +28,8 @@ namespace testdata {
 //
 // When the process at the other end dies or closes the connection, all that is
 // in progress ends with kUnavailable, and so does all that is begun later; an
-// orderly end completes streams first, which then end with OK. A host that
-// wants to go on connects again and makes a new client.
+// orderly end completes streams first, which then end with OK. To go on,
+// connect again and make a new client.
 class EmptyServiceClient {
  public:
   explicit EmptyServiceClient(orvane::SocketClient* connection)

@@ -21,8 +21,8 @@ namespace testdata {
 
 // Tells the time.
 //
-// This class is the host's side: what is called here happens at the other end
-// of a connection, where testdata.EventStreams is served.
+// The client's side: what is called here happens at the other end of a
+// connection, where testdata.EventStreams is served.
 //
 // Thread: everything is called, and everything that is passed runs, on the
 // service thread of the connection's loop. Lifetime: the connection outlives
@@ -30,8 +30,8 @@ namespace testdata {
 //
 // When the process at the other end dies or closes the connection, all that is
 // in progress ends with kUnavailable, and so does all that is begun later; an
-// orderly end completes streams first, which then end with OK. A host that
-// wants to go on connects again and makes a new client.
+// orderly end completes streams first, which then end with OK. To go on,
+// connect again and make a new client.
 //
 // A When... method runs `on_event` for each event of `key`, until the handle
 // that it returns is destroyed. From then on the handler never runs again. If

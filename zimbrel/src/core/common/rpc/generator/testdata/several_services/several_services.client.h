@@ -21,8 +21,8 @@ namespace testdata {
 
 // The first.
 //
-// This class is the host's side: what is called here happens at the other end
-// of a connection, where testdata.First is served.
+// The client's side: what is called here happens at the other end of a
+// connection, where testdata.First is served.
 //
 // Thread: everything is called, and everything that is passed runs, on the
 // service thread of the connection's loop. Lifetime: the connection outlives
@@ -30,8 +30,8 @@ namespace testdata {
 //
 // When the process at the other end dies or closes the connection, all that is
 // in progress ends with kUnavailable, and so does all that is begun later; an
-// orderly end completes streams first, which then end with OK. A host that
-// wants to go on connects again and makes a new client.
+// orderly end completes streams first, which then end with OK. To go on,
+// connect again and make a new client.
 //
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
@@ -57,8 +57,8 @@ class FirstClient {
 
 // The second, with a method of the same name.
 //
-// This class is the host's side: what is called here happens at the other end
-// of a connection, where testdata.Second is served.
+// The client's side: what is called here happens at the other end of a
+// connection, where testdata.Second is served.
 //
 // Thread: everything is called, and everything that is passed runs, on the
 // service thread of the connection's loop. Lifetime: the connection outlives
@@ -66,8 +66,8 @@ class FirstClient {
 //
 // When the process at the other end dies or closes the connection, all that is
 // in progress ends with kUnavailable, and so does all that is begun later; an
-// orderly end completes streams first, which then end with OK. A host that
-// wants to go on connects again and makes a new client.
+// orderly end completes streams first, which then end with OK. To go on,
+// connect again and make a new client.
 //
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
@@ -97,8 +97,8 @@ class SecondClient {
   orvane::SocketClient* connection_;
 };
 
-// This class is the host's side: what is called here happens at the other end
-// of a connection, where testdata.Third is served.
+// The client's side: what is called here happens at the other end of a
+// connection, where testdata.Third is served.
 //
 // Thread: everything is called, and everything that is passed runs, on the
 // service thread of the connection's loop. Lifetime: the connection outlives
@@ -106,8 +106,8 @@ class SecondClient {
 //
 // When the process at the other end dies or closes the connection, all that is
 // in progress ends with kUnavailable, and so does all that is begun later; an
-// orderly end completes streams first, which then end with OK. A host that
-// wants to go on connects again and makes a new client.
+// orderly end completes streams first, which then end with OK. To go on,
+// connect again and make a new client.
 class ThirdClient {
  public:
   explicit ThirdClient(orvane::SocketClient* connection)

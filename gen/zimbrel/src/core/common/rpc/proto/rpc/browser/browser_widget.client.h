@@ -39,8 +39,8 @@ namespace rpc {
 //
 // A method is known by its position, so the order of the methods never changes.
 //
-// This class is the host's side: what is called here happens at the other end
-// of a connection, where rpc.BrowserWidgetRpc is served.
+// The client's side: what is called here happens at the other end of a
+// connection, where rpc.BrowserWidgetRpc is served.
 //
 // Thread: everything is called, and everything that is passed runs, on the
 // service thread of the connection's loop. Lifetime: the connection outlives
@@ -48,8 +48,8 @@ namespace rpc {
 //
 // When the process at the other end dies or closes the connection, all that is
 // in progress ends with kUnavailable, and so does all that is begun later; an
-// orderly end completes streams first, which then end with OK. A host that
-// wants to go on connects again and makes a new client.
+// orderly end completes streams first, which then end with OK. To go on,
+// connect again and make a new client.
 //
 // Each unary method has two forms. One blocks until the call has ended; the
 // loop runs meanwhile, so it must not be used inside anything that the loop
@@ -61,7 +61,7 @@ namespace rpc {
 // that it returns is destroyed. From then on the handler never runs again. If
 // the stream ends otherwise, `on_end` runs once and tells why.
 //
-// An On... method makes this host the one that serves `key`, until the handle
+// An On... method makes this client the one that serves `key`, until the handle
 // that it returns is destroyed or another stream takes the key over. `on_call`
 // runs for each call and answers it through its responder, at once or later; it
 // never runs again once the handle is gone. `on_end` as above.
