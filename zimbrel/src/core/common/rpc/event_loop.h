@@ -57,8 +57,11 @@ struct EventLoopOptions {
 // Thread: Post and Stop from any, the rest from the service thread, which
 // before the first run is whichever thread made the loop. Lifetime: the loop
 // outlives everything that was given a pointer to it, and its timers and
-// watches. What is still queued when it is destroyed is destroyed unrun, inside
-// the destructor.
+// watches, except for what its own tasks own. Its destructor destroys all tasks
+// unrun, those of timers and watches too, and what these leave behind.
+//
+// A child process made by fork shares the loop's descriptors. It must not touch
+// the loop, or anything that uses it, and must leave by exec or _exit.
 class EventLoop {
  public:
   // A task that waits for its time. Destroying the handle before then drops the
