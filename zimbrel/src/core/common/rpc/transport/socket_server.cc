@@ -23,6 +23,13 @@ class SocketServer::Impl {
  public:
   Impl(EventLoop* loop, Service* service, const ServerLimits& limits)
       : loop_(loop), service_(service), limits_(limits) {}
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  ~Impl() {
+    StopListening();
+    EndConnections();
+  }
 
   absl::Status Listen(const std::string& path) {
     if (is_shutting_down_) return ShutDownAlready();
@@ -51,9 +58,7 @@ class SocketServer::Impl {
     if (is_shutting_down_) return;
     is_shutting_down_ = true;
     done_ = std::move(done);
-    next_accept_.reset();
-    acceptor_.reset();
-    listening_.reset();
+    StopListening();
     cut_off_ = loop_->RunAfter(within, [this] { CutOff(); });
     std::vector<int> ids;
     for (const auto& [id, connection] : connections_) ids.push_back(id);
@@ -126,11 +131,25 @@ class SocketServer::Impl {
     return absl::UnavailableError("the server has been shut down");
   }
 
+  void StopListening() {
+    next_accept_.reset();
+    acceptor_.reset();
+    listening_.reset();
+  }
+
   // The rest has had its time.
   void CutOff() {
     const std::weak_ptr<char> alive = alive_;
-    std::exchange(connections_, {}).clear();
+    EndConnections();
     if (!alive.expired()) FinishIfAllHaveLeft();
+  }
+
+  // A handler that is told may end other connections, run the loop, and destroy
+  // the server.
+  void EndConnections() {
+    const std::weak_ptr<char> alive = alive_;
+    while (!alive.expired() && !connections_.empty())
+      connections_.extract(connections_.begin());
   }
 
   void FinishIfAllHaveLeft() {

@@ -47,6 +47,9 @@ class SocketServer {
 
   // Stops listening, removes the socket file, and ends every connection: its
   // streams are completed, which the host is told, and its calls cancelled.
+  // Handlers that have not answered yet are told from inside the destructor, if
+  // they asked to be, and still have to run `done`. Calls to hosts end with
+  // kCancelled, as tasks of the loop.
   ~SocketServer();
 
   // Accepts hosts at `path`, whose folder must be private to this user and is
