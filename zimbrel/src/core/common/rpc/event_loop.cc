@@ -40,9 +40,21 @@ class EventLoop::State {
   ~State() {
     inbox_->Close();
     signal_relays_.clear();
-    // Each may own timers and watches, and queue others when it is destroyed.
-    while (!queue_.empty()) queue_.Pop();
-    while (!before_waiting_.empty()) before_waiting_.Pop();
+    // A task may own timers, watches and whole clients, and leave other tasks
+    // when it is destroyed. Watches come last, since clients still write.
+    while (true) {
+      if (!queue_.empty()) {
+        queue_.Pop();
+      } else if (!before_waiting_.empty()) {
+        before_waiting_.Pop();
+      } else if (!timers_.empty()) {
+        timers_.Drop();
+      } else if (!set_.empty()) {
+        set_.Drop();
+      } else {
+        return;
+      }
+    }
   }
 
   const std::shared_ptr<Inbox>& inbox() const { return inbox_; }
@@ -171,7 +183,8 @@ class EventLoop::State {
 class EventLoop::State::RunScope {
  public:
   explicit RunScope(State* state) : state_(state), scope_(&state->thread_) {
-    ++state_->depth_;
+    // What this run posts comes after what was posted before it.
+    if (state_->depth_++ == 0) state_->inbox_->MoveTo(&state_->queue_);
   }
   RunScope(const RunScope&) = delete;
   RunScope& operator=(const RunScope&) = delete;

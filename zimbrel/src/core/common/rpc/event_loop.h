@@ -61,8 +61,11 @@ struct EventLoopOptions {
 // made it, so that the maker may set up what belongs to the loop and, once
 // another thread has run it, take it down. Lifetime: the loop
 // outlives everything that was given a pointer to it, and its timers and
-// watches. What is still queued when it is destroyed is destroyed unrun, inside
-// the destructor.
+// watches, except for what its own tasks own. Its destructor destroys all tasks
+// unrun, those of timers and watches too, and what these leave behind.
+//
+// A child process made by fork shares the loop's descriptors. It must not touch
+// the loop, or anything that uses it, and must leave by exec or _exit.
 class EventLoop {
  public:
   // A task that waits for its time. Destroying the handle before then drops the

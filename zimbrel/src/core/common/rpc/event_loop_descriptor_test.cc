@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <semaphore>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -232,6 +234,24 @@ TEST(EventLoopDescriptor, StaysReadableForMoreSocketsThanOneLookFinds) {
   EXPECT_EQ(told, kSockets);
 }
 
+TEST(EventLoopDescriptor, IsReadableForTenThousandTimersOfOneMoment) {
+  constexpr int kTimers = 10'000;
+  EventLoop loop;
+  loop.descriptor();
+  std::vector<std::unique_ptr<EventLoop::Timer>> timers;
+  int ran = 0;
+  for (int i = 0; i < kTimers; ++i) {
+    timers.push_back(loop.RunAfter(absl::Milliseconds(1), [&] {
+      ++ran;
+      timers[static_cast<std::size_t>(kTimers - ran)].reset();
+    }));
+  }
+  // The second half is dropped by the first.
+  DriveUntil(loop, [&ran] { return ran == kTimers / 2; });
+  RunUntilQuiet(loop);
+  EXPECT_EQ(ran, kTimers / 2);
+}
+
 // A run that ends ------------------------------------------------------------
 
 // A task that never ends: it posts itself.
@@ -339,6 +359,45 @@ TEST(EventLoopDescriptor, NoneOfManyPostsOfFourThreadsIsLost) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_THAT(seen, ElementsAre(kPosts, kPosts, kPosts, kPosts));
   EXPECT_FALSE(IsReadable(loop));
+}
+
+// As where a toolkit cannot wait for descriptors.
+TEST(EventLoopDescriptor, MayBeWaitedForByAnotherThread) {
+  constexpr int kTasks = 1000;
+  EventLoop loop;
+  const int descriptor = loop.descriptor();
+  std::atomic<bool> is_over = false;
+  std::counting_semaphore<> seen{0};
+  std::counting_semaphore<> handled{0};
+  std::thread waiter([&] {
+    do {
+      pollfd wanted{.fd = descriptor, .events = POLLIN, .revents = 0};
+      EXPECT_EQ(::poll(&wanted, 1, -1), 1);
+      seen.release();
+      handled.acquire();
+    } while (!is_over);
+  });
+  const auto run_when_told = [&] {
+    seen.acquire();
+    RunUntilQuiet(loop);
+    handled.release();
+  };
+  int ran = 0;
+  std::unique_ptr<EventLoop::Timer> timer;
+  for (int i = 0; i < kTasks; ++i) {
+    if (i % 2 == 0) {
+      loop.Post([&ran] { ++ran; });
+    } else {
+      timer = loop.RunAfter(absl::Microseconds(10), [&ran] { ++ran; });
+    }
+    while (ran == i) run_when_told();
+  }
+  loop.Post([] {});
+  seen.acquire();
+  RunUntilQuiet(loop);
+  is_over = true;
+  handled.release();
+  waiter.join();
 }
 
 // Every post here finds the loop asleep, so each has to wake it.

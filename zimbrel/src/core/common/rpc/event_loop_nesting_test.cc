@@ -2,13 +2,20 @@
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 
+#include <pthread.h>
+
+#include <atomic>
+#include <csignal>
 #include <iterator>
+#include <latch>
 #include <map>
 #include <memory>
 #include <random>
 #include <set>
+#include <thread>
 #include <vector>
 
+#include "absl/time/time.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
@@ -92,6 +99,58 @@ TEST(NestedRun, IsStillInsideTheLoopAfterwards) {
   loop.RunUntilIdle();
   EXPECT_TRUE(inside);
   EXPECT_FALSE(loop.IsRunningHere());
+}
+
+TEST(NestedRun, ThreeDeepEachTaskGoesOnAfterAStopInTheMiddle) {
+  EventLoop loop;
+  std::vector<int> returned;
+  const auto wait = [&](int depth) {
+    EXPECT_FALSE(loop.RunUntil([] { return false; }));
+    returned.push_back(depth);
+  };
+  loop.Post([&] {
+    loop.Post([&] {
+      loop.Post([&] {
+        loop.Stop();
+        wait(3);
+      });
+      wait(2);
+      wait(2);  // Still stopped.
+    });
+    wait(1);
+  });
+  loop.Run();
+  EXPECT_THAT(returned, ElementsAre(3, 2, 2, 1));
+  bool ran = false;
+  loop.Post([&ran] { ran = true; });
+  EXPECT_TRUE(loop.RunUntil([&ran] { return ran; }));
+}
+
+TEST(NestedRun, SeesASignalAndIsNotEndedByIt) {
+  EventLoop loop;
+  bool told = false;
+  loop.OnSignal({SIGUSR1}, [&told] { told = true; });
+  bool seen = false;
+  // Each interrupts a wait, wherever the run is.
+  std::atomic<bool> is_over = false;
+  const pthread_t runner = ::pthread_self();
+  std::latch inside(1);
+  std::thread other([&] {
+    inside.wait();
+    while (!is_over) ::pthread_kill(runner, SIGUSR1);
+  });
+  std::unique_ptr<EventLoop::Timer> later;
+  loop.Post([&] {
+    bool is_late = false;
+    later =
+        loop.RunAfter(absl::Milliseconds(5), [&is_late] { is_late = true; });
+    inside.count_down();
+    seen = loop.RunUntil([&] { return told && is_late; });
+  });
+  loop.RunUntilIdle();
+  is_over = true;
+  other.join();
+  EXPECT_TRUE(seen);
 }
 
 // At random ------------------------------------------------------------------

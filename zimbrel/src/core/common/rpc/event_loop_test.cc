@@ -24,6 +24,21 @@ TEST(EventLoop, RunsTasksInOrderAndNotInsidePost) {
   EXPECT_THAT(ran, ElementsAre(1, 2));
 }
 
+// Those of a run used to overtake them.
+TEST(EventLoop, RunsWhatWasPostedBetweenTwoRunsBeforeWhatTheSecondPosts) {
+  EventLoop loop;
+  std::vector<int> ran;
+  loop.Post([&ran] { ran.push_back(1); });
+  loop.Post([&] {
+    ran.push_back(2);
+    loop.Post([&ran] { ran.push_back(4); });
+  });
+  loop.RunUntil([&ran] { return ran.size() == 1; });
+  loop.Post([&ran] { ran.push_back(3); });
+  loop.RunUntil([&ran] { return ran.size() == 4; });
+  EXPECT_THAT(ran, ElementsAre(1, 2, 3, 4));
+}
+
 TEST(EventLoop, StopEndsRunAndALaterRunWorksAgain) {
   EventLoop loop;
   int runs = 0;

@@ -31,8 +31,8 @@ constexpr int kEventsPerLook = 64;
 // gone.
 class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
  public:
-  Watched(EventLoop* loop, int set, OwnedDescriptor descriptor)
-      : loop_(loop), set_(set), descriptor_(std::move(descriptor)) {}
+  Watched(EpollSet* set, OwnedDescriptor descriptor)
+      : set_(set), descriptor_(std::move(descriptor)) {}
 
   int descriptor() const { return descriptor_.get(); }
 
@@ -40,7 +40,8 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
     epoll_event event{};
     event.events = events;
     event.data.ptr = this;
-    return ::epoll_ctl(set_, operation, descriptor_.get(), &event) == 0;
+    return ::epoll_ctl(set_->descriptor(), operation, descriptor_.get(),
+                       &event) == 0;
   }
 
   void WhenReadable(Task task) {
@@ -65,7 +66,10 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
     }
   }
 
+  // Closing twice is harmless.
   void Close() {
+    if (descriptor_.get() < 0) return;
+    set_->watched_.erase(this);
     // Closing alone is not enough: a child process may have the same socket.
     Control(EPOLL_CTL_DEL, 0);
     const OwnedDescriptor closed(std::move(descriptor_));
@@ -86,7 +90,7 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
   void Post() {
     Direction& self = this->*direction;
     if (self.task == nullptr || std::exchange(self.is_posted, true)) return;
-    loop_->Post([watched = shared_from_this()] {
+    set_->loop_->Post([watched = shared_from_this()] {
       Direction& due = (*watched).*direction;
       due.is_posted = false;
       due.is_ready = due.stays_ready;
@@ -105,9 +109,8 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
       PLOG(FATAL) << "event loop: cannot watch a descriptor";
   }
 
-  EventLoop* const loop_;
-  const int set_;
-  OwnedDescriptor descriptor_;
+  EpollSet* const set_;
+  OwnedDescriptor descriptor_;  // None once it is closed.
   Direction input_;
   Direction output_;
   bool awaits_output_ = false;
@@ -149,15 +152,22 @@ absl::StatusOr<std::unique_ptr<EventLoop::Watch>> EpollSet::Watch(
     OwnedDescriptor descriptor) {
   const int number = descriptor.get();
   const int flags = ::fcntl(number, F_GETFL);
-  const auto watched =
-      std::make_shared<Watched>(loop_, set_.get(), std::move(descriptor));
+  const auto watched = std::make_shared<Watched>(this, std::move(descriptor));
   if (flags < 0 || ::fcntl(number, F_SETFL, flags | O_NONBLOCK) != 0 ||
       ::fcntl(number, F_SETFD, FD_CLOEXEC) != 0 ||
       !watched->Control(EPOLL_CTL_ADD, kInput)) {
     const int error = errno;
     return absl::ErrnoToStatus(error, "cannot watch the descriptor");
   }
+  watched_.insert(watched.get());
   return std::make_unique<WatchHandle>(watched);
+}
+
+void EpollSet::Drop() {
+  while (!watched_.empty()) {
+    const auto watched = (*watched_.begin())->shared_from_this();
+    watched->Close();
+  }
 }
 
 void EpollSet::Look(Waiting waiting) {

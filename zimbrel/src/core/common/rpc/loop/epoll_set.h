@@ -4,6 +4,7 @@
 #define ZIMBREL_SRC_CORE_COMMON_RPC_LOOP_EPOLL_SET_H_
 
 #include <memory>
+#include <unordered_set>
 
 #include "absl/status/statusor.h"
 
@@ -35,12 +36,20 @@ class EpollSet {
 
   int descriptor() const { return set_.get(); }
 
+  // Whether nothing is watched.
+  bool empty() const { return watched_.empty(); }
+
+  // Closes all that is watched and destroys the tasks unrun. What still has a
+  // handle of one may only destroy it.
+  void Drop();
+
  private:
   class Watched;
   class WatchHandle;
 
   EventLoop* const loop_;
   const OwnedDescriptor set_;
+  std::unordered_set<Watched*> watched_;  // Those that are open.
 };
 
 }  // namespace orvane::internal

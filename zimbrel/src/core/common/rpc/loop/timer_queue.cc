@@ -70,6 +70,15 @@ std::unique_ptr<EventLoop::Timer> TimerQueue::Add(absl::Duration delay,
   return handle;
 }
 
+void TimerQueue::Drop() {
+  // Each out of the table first: its task may own any of the handles, its own
+  // among them.
+  while (!entries_.empty()) {
+    const Entries::node_type dropped = entries_.extract(entries_.begin());
+    dropped.mapped().handle->Taken();
+  }
+}
+
 bool TimerQueue::IsDue() const {
   return !entries_.empty() && entries_.begin()->first <= Now();
 }

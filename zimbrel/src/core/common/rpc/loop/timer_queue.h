@@ -20,6 +20,11 @@ class TimerQueue {
   // `loop` runs the tasks.
   explicit TimerQueue(EventLoop* loop);
 
+  bool empty() const { return entries_.empty(); }
+
+  // Destroys all tasks unrun; their handles may stay or go.
+  void Drop();
+
   std::unique_ptr<EventLoop::Timer> Add(absl::Duration delay, Task task);
 
   // If a timer is due, posts a task that runs the earliest one and posts the

@@ -44,6 +44,33 @@ class Glib {
 
 INSTANTIATE_TYPED_TEST_SUITE_P(Glib, MainLoopTest, Glib);
 
+// The task's own source sleeps meanwhile, but the loop does not.
+TEST(GlibSource, LetsATaskIterateTheContextWhoseTimerRunsTheLoop) {
+  EventLoop loop;
+  const GlibSource source(&loop);
+  struct Nesting {
+    EventLoop* loop;
+    bool ran = false;
+    bool seen = false;
+  } nesting{&loop};
+  bool is_over = false;
+  loop.Post([&] {
+    g_timeout_add(
+        1,
+        [](gpointer data) -> gboolean {
+          auto* const inner = static_cast<Nesting*>(data);
+          inner->loop->Post([inner] { inner->ran = true; });
+          inner->seen = inner->loop->RunUntil([inner] { return inner->ran; });
+          return G_SOURCE_REMOVE;
+        },
+        &nesting);
+    while (!nesting.seen) g_main_context_iteration(nullptr, TRUE);
+    is_over = true;
+  });
+  while (!is_over) g_main_context_iteration(nullptr, TRUE);
+  EXPECT_TRUE(nesting.ran);
+}
+
 TEST(GlibSource, RunsInAContextOfItsOwn) {
   GMainContext* const context = g_main_context_new();
   {

@@ -25,6 +25,7 @@
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/subscriptions.h"
 
 namespace orvane {
 namespace {
@@ -221,6 +222,18 @@ TEST_F(BlockingCallTest, IsRefusedInTheHandlerOfAnEvent) {
   EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
 }
 
+TEST_F(BlockingCallTest, IsRefusedInTheHandlerOfACall) {
+  absl::Status status;
+  const auto stream = widget_->OnTakeFocus(
+      Browser(), [&](const rpc::TakeFocusCall&, Responder<rpc::TakeFocus>) {
+        status = Show();
+      });
+  ASSERT_TRUE(Show().ok());
+  Call<rpc::TakeFocus>(Browser(), {}, nullptr);
+  loop_.RunUntilIdle();
+  EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+}
+
 TEST_F(BlockingCallTest, IsRefusedInTheEndOfAStream) {
   absl::Status status;
   const auto stream = widget_->WhenCursorChanged(
@@ -239,6 +252,70 @@ TEST_F(BlockingCallTest, IsRefusedInTheEndOfAStreamWhoseConnectionHasEnded) {
   server_.reset();
   loop_.RunUntilIdle();
   EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+}
+
+TEST_F(BlockingCallTest, IsRefusedInTheEndOfAStreamThatCouldNotBeOpened) {
+  EndTheConnection();
+  absl::Status status;
+  const auto stream = widget_->WhenCursorChanged(
+      Browser(), nullptr, [&](const absl::Status&) { status = Show(); });
+  loop_.RunUntilIdle();
+  EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+}
+
+// Callbacks and calls whose types are known at run time only.
+class UntypedBlockingCallTest : public BlockingCallTest {
+ protected:
+  static const google::protobuf::MethodDescriptor* Method(const char* name) {
+    return rpc::BrowserWidgetRpc::descriptor()->FindMethodByName(name);
+  }
+
+  // What each callback does.
+  void Show() {
+    shown_ = client_->CallAndWait(Method("Show"), Browser()).status();
+  }
+  void ExpectRefused() {
+    loop_.RunUntilIdle();
+    EXPECT_EQ(shown_.code(), absl::StatusCode::kFailedPrecondition);
+    EXPECT_THAT(shown_.message(), HasSubstr("blocking call"));
+  }
+
+  absl::Status shown_;
+};
+
+TEST_F(UntypedBlockingCallTest, IsRefusedInTheContinuationOfAnAnswer) {
+  client_->Call(Method("Show"), Browser(), [this](const auto&) { Show(); });
+  ExpectRefused();
+}
+
+TEST_F(UntypedBlockingCallTest, IsRefusedInTheHandlerOfAnEvent) {
+  const auto stream =
+      WatchEvents(&*client_, Method("WhenCursorChanged"), Browser(),
+                  std::make_unique<rpc::CursorChanged>(),
+                  [this](const google::protobuf::Message&) { Show(); });
+  loop_.RunUntilIdle();
+  EXPECT_EQ(Publish<rpc::CursorChanged>(Browser(), {}), 1u);
+  ExpectRefused();
+}
+
+TEST_F(UntypedBlockingCallTest, IsRefusedInTheHandlerOfACall) {
+  const auto stream = ServeCalls(&*client_, Method("OnTakeFocus"), Browser(),
+                                 std::make_unique<rpc::TakeFocus>(),
+                                 [this](const google::protobuf::Message&,
+                                        const PendingAnswer&) { Show(); });
+  loop_.RunUntilIdle();
+  Call<rpc::TakeFocus>(Browser(), {}, nullptr);
+  ExpectRefused();
+}
+
+TEST_F(UntypedBlockingCallTest, IsRefusedInTheEndOfAStream) {
+  const auto stream =
+      WatchEvents(&*client_, Method("WhenCursorChanged"), Browser(),
+                  std::make_unique<rpc::CursorChanged>(), nullptr,
+                  [this](const absl::Status&) { Show(); });
+  loop_.RunUntilIdle();
+  server_->Shutdown(absl::Seconds(1), nullptr);
+  ExpectRefused();
 }
 
 TEST_F(BlockingCallTest, IsServedInACallbackOfAnotherClient) {

@@ -1,6 +1,9 @@
 // The end of a client: everything in progress has ended when its destructor
 // returns.
 
+#include <unistd.h>
+
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +21,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/testing/forked_process.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
@@ -158,6 +162,61 @@ TEST_F(ClientEndTest, EndsEachOnceThoughOneOfThemDestroysTheClient) {
   loop_.RunUntilIdle();
   EXPECT_THAT(ends_, ElementsAre(absl::StatusCode::kUnavailable,
                                  absl::StatusCode::kUnavailable));
+}
+
+TEST_F(ClientEndTest, RefusesABlockingCallOfWhomItTells) {
+  absl::Status status;
+  widget_->Hide(Browser(), [&](const auto&) {
+    status = widget_->Show(Browser()).status();
+  });
+  client_.reset();
+  EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
+}
+
+// Where the connection has gone, a call used to begin and fail for the same
+// reason again and again, and the destructor never returned.
+TEST_F(ClientEndTest, EndsACallOfWhomItTellsOnceAndForAll) {
+  server_.reset();
+  loop_.RunUntilIdle();
+  std::function<void(const absl::StatusOr<Empty>&)> try_again =
+      [&](const absl::StatusOr<Empty>& answer) {
+        ends_.push_back(answer.status().code());
+        ASSERT_LE(ends_.size(), 2u);
+        if (absl::IsUnavailable(answer.status()))
+          widget_->Show(Browser(), try_again);
+      };
+  widget_->Show(Browser(), try_again);
+  EXPECT_THAT(EndsInTheDestructor(), ElementsAre(absl::StatusCode::kUnavailable,
+                                                 absl::StatusCode::kCancelled));
+}
+
+TEST_F(ClientEndTest, LetsWhomItTellsRunTheLoop) {
+  for (int i = 0; i < 3; ++i) {
+    widget_->Hide(Browser(), [this](const auto& answer) {
+      loop_.RunUntilIdle();
+      ends_.push_back(answer.status().code());
+    });
+  }
+  EXPECT_THAT(EndsInTheDestructor(), ElementsAre(absl::StatusCode::kCancelled,
+                                                 absl::StatusCode::kCancelled,
+                                                 absl::StatusCode::kCancelled));
+}
+
+// Both ends used to stay connected as long as such a process lived.
+TEST_F(ClientEndTest, IsSeenByTheServerThoughAChildProcessHasACopyOfTheSocket) {
+  ASSERT_TRUE(widget_->Show(Browser()).ok());
+  const testing::ForkedProcess child([] { ::pause(); });
+  client_.reset();
+  loop_.RunUntilIdle();
+  EXPECT_EQ(server_->connections(), 0u);
+}
+
+TEST_F(ClientEndTest, OfTheServerIsSeenThoughAChildProcessHasACopyOfTheSocket) {
+  ASSERT_TRUE(widget_->Show(Browser()).ok());
+  const testing::ForkedProcess child([] { ::pause(); });
+  server_.reset();
+  loop_.RunUntilIdle();
+  EXPECT_EQ(client_->status().code(), absl::StatusCode::kUnavailable);
 }
 
 TEST_F(ClientEndTest, AStreamThatIsClosedBeforeItEndedIsNotToldOfIt) {

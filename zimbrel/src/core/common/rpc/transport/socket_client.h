@@ -50,8 +50,11 @@ struct ClientOptions {
 //
 // Thread: the service thread of its loop. Lifetime: the loop outlives the
 // client. May be destroyed at any time, also in continuations and in streams'
-// handlers. The destructor ends what is in progress with kCancelled, and what
-// was about to end with its own reason. No callback runs after it has returned.
+// handlers. When the destructor returns, everything has ended: what was in
+// progress with kCancelled, and what was about to end with its own reason. No
+// callback runs later. A call or stream that a callback begins meanwhile ends
+// there too, with kCancelled; one that begins another each time would keep the
+// destructor from returning.
 class SocketClient {
  public:
   // Connects to a server that listens at `path`. Blocks only while the server's

@@ -25,7 +25,12 @@ class SocketServer::Impl {
       : loop_(loop), service_(service), limits_(limits) {}
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
-  ~Impl() { loop_->CheckServiceThread("~SocketServer"); }
+
+  ~Impl() {
+    loop_->CheckServiceThread("~SocketServer");
+    StopListening();
+    EndConnections();
+  }
 
   absl::Status Listen(const std::string& path) {
     loop_->CheckServiceThread("SocketServer::Listen");
@@ -57,9 +62,7 @@ class SocketServer::Impl {
     if (is_shutting_down_) return;
     is_shutting_down_ = true;
     done_ = std::move(done);
-    next_accept_.reset();
-    acceptor_.reset();
-    listening_.reset();
+    StopListening();
     cut_off_ = loop_->RunAfter(within, [this] { CutOff(); });
     std::vector<int> ids;
     for (const auto& [id, connection] : connections_) ids.push_back(id);
@@ -139,11 +142,25 @@ class SocketServer::Impl {
     return absl::UnavailableError("the server has been shut down");
   }
 
+  void StopListening() {
+    next_accept_.reset();
+    acceptor_.reset();
+    listening_.reset();
+  }
+
   // Ends the connections that did not finish in time.
   void CutOff() {
     const std::weak_ptr<char> alive = alive_;
-    std::exchange(connections_, {}).clear();
+    EndConnections();
     if (!alive.expired()) FinishIfAllHaveLeft();
+  }
+
+  // A handler that is told may end other connections, run the loop, and destroy
+  // the server.
+  void EndConnections() {
+    const std::weak_ptr<char> alive = alive_;
+    while (!alive.expired() && !connections_.empty())
+      connections_.extract(connections_.begin());
   }
 
   void FinishIfAllHaveLeft() {

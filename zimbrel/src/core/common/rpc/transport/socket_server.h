@@ -46,8 +46,11 @@ class SocketServer {
   SocketServer(const SocketServer&) = delete;
   SocketServer& operator=(const SocketServer&) = delete;
 
-  // Stops listening, removes the socket file and ends every connection: its
+  // Stops listening, removes the socket file, and ends every connection: its
   // streams are completed, which the client is told, and its calls cancelled.
+  // Handlers that have not answered yet are told from inside the destructor, if
+  // they asked to be, and still have to run `done`. Calls to clients end with
+  // kCancelled, as tasks of the loop.
   ~SocketServer();
 
   // Accepts clients at `path`. The folder must be private to this user; if it

@@ -60,7 +60,9 @@ ClientConnection::ClientConnection(EventLoop* loop,
 ClientConnection::~ClientConnection() {
   loop_->CheckServiceThread("~SocketClient");
   socket_->Close();
-  QueueEnds(absl::CancelledError("the client was destroyed"));
+  // Also that of calls which begin in the callbacks that are run here.
+  status_ = absl::CancelledError("the client was destroyed");
+  QueueEnds(status_);
   while (!ends_.empty()) RunEnds();
   callbacks_->connection_is_gone = true;
 }

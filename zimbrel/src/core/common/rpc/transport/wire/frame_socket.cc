@@ -158,6 +158,9 @@ void FrameSocket::Close() {
   Flush();
   receiver_ = nullptr;
   frame_deadline_.reset();
+  // Closing alone does not end the connection while a child process has a copy
+  // of the socket.
+  ::shutdown(socket_->descriptor(), SHUT_RDWR);
   socket_.reset();
 }
 
