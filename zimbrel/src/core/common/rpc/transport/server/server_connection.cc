@@ -26,9 +26,6 @@ using rpc::transport::StreamMessage;
 
 namespace {
 
-// Words for people need no more, and always fit a frame.
-constexpr std::size_t kMaxErrorTextBytes = 2048;
-
 bool IsStream(const MethodDescriptor& method) {
   return method.client_streaming() || method.server_streaming();
 }

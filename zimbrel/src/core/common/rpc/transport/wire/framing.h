@@ -21,6 +21,10 @@ namespace orvane::internal {
 
 inline constexpr std::size_t kFrameLengthBytes = 4;
 
+// What is sent of an error's text. Words for people need no more, and so they
+// always fit a frame.
+inline constexpr std::size_t kMaxErrorTextBytes = 2048;
+
 // What a connection holds for its peer at the most. ServerLimits and
 // ClientOptions document the members and have the defaults.
 struct FrameLimits {
