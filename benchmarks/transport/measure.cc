@@ -85,7 +85,7 @@ void PinTo(int core) {
 struct CommandLine {
   Options options;
   std::string allocation_counter;
-  // The host passes these to its server:
+  // The host passes these to its server, and a socket:
   int meter_descriptor = -1;
   int core = 0;
 };
@@ -160,10 +160,19 @@ Meter& MapMeter(int descriptor) {
   return *static_cast<Meter*>(memory);
 }
 
+int CreateMeter() {
+  const int descriptor = memfd_create("meter", 0);
+  if (descriptor < 0 || ftruncate(descriptor, sizeof(Meter)) != 0)
+    Fail("cannot create shared memory");
+  return descriptor;
+}
+
 int RunServer(const CommandLine& line, const Sides& sides) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   PinTo(line.core);
-  Meter& meter = MapMeter(line.meter_descriptor);
+  // A host in another language measures by itself.
+  const bool has_meter = line.meter_descriptor >= 0;
+  Meter& meter = MapMeter(has_meter ? line.meter_descriptor : CreateMeter());
   meter.CountAllocations();
   sides.serve(line.options, meter);
   return 0;
@@ -222,9 +231,7 @@ int RunHost(int argc, char** argv, CommandLine line, const Sides& sides) {
     Fail("cannot create a folder for the socket");
   line.options.socket_path = folder + "/socket";
 
-  const int descriptor = memfd_create("meter", 0);
-  if (descriptor < 0 || ftruncate(descriptor, sizeof(Meter)) != 0)
-    Fail("cannot create shared memory");
+  const int descriptor = CreateMeter();
   Meter& meter = MapMeter(descriptor);
 
   const std::int64_t spawned = Now();
@@ -352,7 +359,7 @@ void Fail(const std::string& why) {
 
 int Run(int argc, char** argv, const Sides& sides) {
   CommandLine line = Parse(argc, argv);
-  if (line.meter_descriptor >= 0) return RunServer(line, sides);
+  if (!line.options.socket_path.empty()) return RunServer(line, sides);
   return RunHost(argc, argv, std::move(line), sides);
 }
 

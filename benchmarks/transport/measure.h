@@ -148,7 +148,11 @@ struct Sides {
 //          --pin same|across --duration-ms N --spin-us N
 //          --count-allocations LIBRARY
 //
-// LIBRARY is the one built from count_allocations.cc.
+// LIBRARY is the one built from count_allocations.cc. With
+//
+//   FIGURE --interface NAME --socket PATH --core N
+//
+// it is only the server, for a host in another language, until that ends.
 int Run(int argc, char** argv, const Sides& sides);
 
 // Prints `why` to stderr and ends the process with exit code 1.

@@ -15,6 +15,7 @@ import orvane
 from orvane.rpc.browser import browser_widget_pb2
 from orvane.rpc.browser.browser_id_pb2 import BrowserId
 from orvane.rpc.browser.browser_widget_client import BrowserWidgetRpcClient
+from orvane.rpc.transport.stream_message_pb2 import StreamMessage
 
 SERVICE = browser_widget_pb2.DESCRIPTOR.services_by_name["BrowserWidgetRpc"]
 DEADLINE_SECONDS = 20
@@ -51,6 +52,11 @@ def read_steps(path: Path) -> list[tuple[str, str]]:
 
 def bytes_of(text: str) -> bytes:
     return bytes.fromhex(text)
+
+
+def bytes_of_frame(frame: StreamMessage) -> bytes:
+    content = frame.SerializeToString()
+    return len(content).to_bytes(4, "little") + content
 
 
 class Cut(Exception):

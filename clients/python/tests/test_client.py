@@ -8,9 +8,11 @@ import unittest
 from collections.abc import AsyncIterator
 from contextlib import asynccontextmanager
 
+from scripted import bytes_of_frame
+
 import orvane
 from orvane import Code, RpcError
-from orvane._wire import FrameReader, encode
+from orvane._wire import FrameReader
 from orvane.rpc.browser.browser_id_pb2 import BrowserId
 from orvane.rpc.browser.browser_widget_client import BrowserWidgetRpcClient
 from orvane.rpc.browser.cursor_pb2 import CursorChanged
@@ -40,7 +42,7 @@ class Widget:
 
     async def send(self, **fields: object) -> None:
         frame = StreamMessage(**fields)  # type: ignore[arg-type]
-        await asyncio.get_running_loop().sock_sendall(self.socket, encode(frame))
+        await asyncio.get_running_loop().sock_sendall(self.socket, bytes_of_frame(frame))
 
 
 class ClientTest(unittest.IsolatedAsyncioTestCase):

@@ -6,9 +6,9 @@ import unittest
 from pathlib import Path
 
 from programs import WidgetServer
-from scripted import DEADLINE_SECONDS, SERVICE, bytes_of, read_steps
+from scripted import DEADLINE_SECONDS, SERVICE, bytes_of, bytes_of_frame, read_steps
 
-from orvane._wire import FrameReader, encode, hello_of
+from orvane._wire import FrameReader, hello_of
 from orvane.rpc.transport.stream_message_pb2 import StreamMessage
 
 SCRIPTS = sorted((Path(os.environ["ORVANE_CORPUS"]) / "scripts/hosts").glob("*.script"))
@@ -41,7 +41,7 @@ class Hosts(unittest.TestCase):
         with host.socket:
             for word, rest in read_steps(script):
                 if word == "hello":
-                    host.socket.sendall(encode(HELLO))
+                    host.socket.sendall(bytes_of_frame(HELLO))
                     hello = host.frame()
                     assert hello is not None
                     self.assertEqual(hello.kind, StreamMessage.KIND_HELLO)

@@ -17,7 +17,6 @@ import {
   type Hello,
   HelloSchema,
   type Limits,
-  type StreamMessage,
   StreamMessage_Kind as Kind,
 } from './rpc/transport/stream_message_pb.js';
 import {
@@ -35,12 +34,16 @@ import {
   checkFit,
   encode,
   errorOf,
+  type Frame,
   type FrameInit,
   FrameReader,
   helloOf,
   LEAST_MAX_FRAME_BYTES,
+  MAX_ERROR_TEXT_BYTES,
   parse,
 } from './wire.js';
+
+const ENOUGH_TO_WRITE_BYTES = 8 << 10;
 
 /** How long closing waits for a widget to take what has been sent. */
 const CLOSE_MS = 2000;
@@ -110,13 +113,16 @@ export class Connection {
   readonly #socket: Socket;
   readonly #options: Required<Omit<Options, 'onHandlerError'>>;
   readonly #reader: FrameReader;
-  readonly #calls = new Map<bigint, PendingCall>();
-  readonly #streams = new Map<bigint, Stream>();
+  readonly #calls = new Map<number, PendingCall>();
+  readonly #streams = new Map<number, Stream>();
   #service: DescService | undefined;
+  #indexOf = new Map<DescMethod, number>(); // Of its methods.
   #hello: Hello | undefined; // Of this end,
   #widget: Hello | undefined; // and of the other once it has said it.
   #maxSentFrameBytes: number;
-  #lastId = 0n;
+  #lastId = 0;
+  #unsent: Buffer[] = []; // Until #flush.
+  #unsentBytes = 0;
   #tellClosed!: (reason: RpcError) => void;
 
   constructor(socket: Socket, options: Options) {
@@ -163,6 +169,7 @@ export class Connection {
 
   /** Ends all that is in progress with CANCELLED, and the connection. */
   async close(): Promise<void> {
+    this.#flush();
     this.#end(new RpcError(Code.CANCELLED, 'the connection was closed'));
     if (this.#socket.closed) return;
     const timer = setTimeout(() => this.#socket.destroy(), CLOSE_MS);
@@ -185,6 +192,7 @@ export class Connection {
     }
     if (this.error !== undefined) throw this.error;
     this.#service = service;
+    this.#indexOf = new Map(service.methods.map((method, index) => [method, index]));
     this.#hello = helloOf(service);
     this.#write({ kind: Kind.HELLO, payload: toBinary(HelloSchema, this.#hello) });
   }
@@ -275,7 +283,7 @@ export class Connection {
       streamId: stream.streamId,
       callId,
       errorCode: Code.UNKNOWN,
-      errorText: Buffer.from(text),
+      errorText: Buffer.from(text).subarray(0, MAX_ERROR_TEXT_BYTES),
       payload,
     });
   }
@@ -304,11 +312,11 @@ export class Connection {
     }
   }
 
-  #begin(kind: Kind, method: DescMethod, payload: Uint8Array | undefined): bigint {
+  #begin(kind: Kind, method: DescMethod, payload: Uint8Array | undefined): number {
     if (this.error !== undefined) throw this.error;
     this.use(method.parent);
     const streamId = ++this.#lastId;
-    const index = method.parent.methods.indexOf(method);
+    const index = this.#indexOf.get(method) ?? 0;
     this.#send({ kind, streamId, method: index, ...(payload && { payload }) });
     return streamId;
   }
@@ -324,18 +332,39 @@ export class Connection {
         `frame of ${length} bytes; the limit is ${this.#maxSentFrameBytes}`,
       );
     }
-    if (this.#socket.writableLength + length > this.#options.maxQueuedBytes) {
+    const waiting = this.#socket.writableLength + this.#unsentBytes;
+    if (waiting + length > this.#options.maxQueuedBytes) {
       throw new RpcError(
         Code.RESOURCE_EXHAUSTED,
-        `${this.#socket.writableLength} bytes wait for the server to read them; ` +
+        `${waiting} bytes wait for the server to read them; ` +
           `the limit is ${this.#options.maxQueuedBytes}`,
       );
     }
-    this.#socket.write(bytes);
+    this.#queue(bytes);
   }
 
   #write(frame: FrameInit): void {
-    if (this.error === undefined) this.#socket.write(encode(frame));
+    if (this.error === undefined) this.#queue(encode(frame));
+  }
+
+  /** What is sent in one turn of the event loop leaves together, or as soon as it is some KiB. */
+  #queue(frame: Buffer): void {
+    if (this.#unsent.length === 0) {
+      process.nextTick(() => {
+        this.#flush();
+      });
+    }
+    this.#unsent.push(frame);
+    this.#unsentBytes += frame.length;
+    if (this.#unsentBytes >= ENOUGH_TO_WRITE_BYTES) this.#flush();
+  }
+
+  #flush(): void {
+    const [only] = this.#unsent;
+    if (only === undefined) return;
+    this.#socket.write(this.#unsent.length === 1 ? only : Buffer.concat(this.#unsent));
+    this.#unsent = [];
+    this.#unsentBytes = 0;
   }
 
   #received(chunk: Buffer): void {
@@ -352,9 +381,9 @@ export class Connection {
   }
 
   /** RpcError ends the connection. */
-  #take(frame: StreamMessage): void {
+  #take(frame: Frame): void {
     const { kind, streamId } = frame;
-    if (kind === Kind.ERROR && streamId === 0n) {
+    if (kind === Kind.ERROR && streamId === 0) {
       throw new RpcError(
         Code.UNAVAILABLE,
         `the server ended the connection: ${errorOf(frame).text}`,
@@ -393,7 +422,7 @@ export class Connection {
     }
   }
 
-  #endCall(frame: StreamMessage): void {
+  #endCall(frame: Frame): void {
     const call = this.#calls.get(frame.streamId);
     if (call === undefined) return; // Given up; the answer was on its way.
     this.#calls.delete(frame.streamId);
@@ -408,7 +437,7 @@ export class Connection {
     }
   }
 
-  #endStream(streamId: bigint, reason?: RpcError): void {
+  #endStream(streamId: number, reason?: RpcError): void {
     const stream = this.#streams.get(streamId);
     this.#streams.delete(streamId);
     stream?.end(reason);

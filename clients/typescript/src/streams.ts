@@ -12,15 +12,14 @@ import {
 import type { Connection } from './connection.js';
 import { Code, Fail, RpcError } from './errors.js';
 import { slow_host, SlowHost } from './rpc/stream_options_pb.js';
-import type { StreamMessage } from './rpc/transport/stream_message_pb.js';
-import { parse } from './wire.js';
+import { type Frame, parse } from './wire.js';
 
 // What an unread event takes beside its bytes, about.
 const EVENT_OVERHEAD_BYTES = 128;
 
 /** An open stream, as its connection sees it. */
 export abstract class Stream {
-  streamId = 0n; // Given by the connection.
+  streamId = 0; // Given by the connection.
   isOpen = true;
   reason: RpcError | undefined; // Of an end that was not orderly.
 
@@ -29,7 +28,7 @@ export abstract class Stream {
     readonly method: DescMethod,
   ) {}
 
-  abstract onNext(frame: StreamMessage): void;
+  abstract onNext(frame: Frame): void;
   abstract onEnd(): void;
 
   /** The stream has ended at the other end. */
@@ -71,6 +70,7 @@ interface Reader {
 
 export class EventQueue extends Stream implements Events<Message> {
   #payloads: Uint8Array[] = [];
+  #taken = 0; // So many of them have been read.
   #bytes = 0;
   // Waits for what comes next; nothing is queued then.
   #reader: Reader | undefined;
@@ -85,11 +85,14 @@ export class EventQueue extends Stream implements Events<Message> {
     this.#keepsLatest = getOption(method, slow_host) === SlowHost.KEEP_LATEST;
   }
 
-  override onNext(frame: StreamMessage): void {
+  override onNext(frame: Frame): void {
+    if (this.#reader !== undefined) {
+      this.#hand(this.#reader, frame.payload);
+      return;
+    }
     // A copy of its own, since what has arrived with it need not be kept.
-    this.#payloads.push(frame.payload.slice());
+    this.#payloads.push(new Uint8Array(frame.payload));
     this.#bytes += frame.payload.length + EVENT_OVERHEAD_BYTES;
-    this.#deliver();
     if (this.#bytes <= this.maxBytes) return;
     if (this.#keepsLatest) {
       this.#take();
@@ -123,26 +126,36 @@ export class EventQueue extends Stream implements Events<Message> {
     const reader = this.#reader;
     if (reader === undefined) return;
     const payload = this.#take();
-    if (payload === undefined && this.isOpen) return;
-    this.#reader = undefined;
     if (payload !== undefined) {
-      try {
-        const value = parse(this.method.output, payload, Code.INTERNAL, 'an event');
-        reader.resolve({ done: false, value });
-      } catch (error) {
-        this.close(error as RpcError);
-        reader.reject(error as RpcError);
-      }
-    } else if (this.reason !== undefined) {
-      reader.reject(this.reason);
-    } else {
-      reader.resolve({ done: true, value: undefined });
+      this.#hand(reader, payload);
+    } else if (!this.isOpen) {
+      this.#reader = undefined;
+      if (this.reason !== undefined) reader.reject(this.reason);
+      else reader.resolve({ done: true, value: undefined });
+    }
+  }
+
+  #hand(reader: Reader, payload: Uint8Array): void {
+    this.#reader = undefined;
+    try {
+      const value = parse(this.method.output, payload, Code.INTERNAL, 'an event');
+      reader.resolve({ done: false, value });
+    } catch (error) {
+      this.close(error as RpcError);
+      reader.reject(error as RpcError);
     }
   }
 
   #take(): Uint8Array | undefined {
-    const payload = this.#payloads.shift();
-    if (payload !== undefined) this.#bytes -= payload.length + EVENT_OVERHEAD_BYTES;
+    const payload = this.#payloads[this.#taken];
+    if (payload === undefined) return undefined;
+    this.#bytes -= payload.length + EVENT_OVERHEAD_BYTES;
+    // What has been taken is dropped when it is half of all: shifting a long array
+    // each time would move all of it.
+    if (++this.#taken * 2 >= this.#payloads.length) {
+      this.#payloads = this.#payloads.slice(this.#taken);
+      this.#taken = 0;
+    }
     return payload;
   }
 
@@ -222,7 +235,7 @@ export class Server extends Stream implements Serving {
     this.ended.catch(() => undefined); // Whoever wants to know asks.
   }
 
-  override onNext(frame: StreamMessage): void {
+  override onNext(frame: Frame): void {
     let message: Message & Partial<Record<string, unknown>>;
     try {
       message = parse(this.type.message, frame.payload, Code.INTERNAL, 'a call');

@@ -17,6 +17,8 @@ from orvane._errors import Code, RpcError
 from orvane._streams import EventQueue, Events, Handler, Server, Serving, Stream
 from orvane._wire import (
     LEAST_MAX_FRAME_BYTES,
+    LENGTH_BYTES,
+    MAX_ERROR_TEXT_BYTES,
     UNREADABLE,
     FrameReader,
     check_fit,
@@ -31,6 +33,19 @@ from orvane.rpc.transport.stream_message_pb2 import Hello, Limits, StreamMessage
 
 MessageT = TypeVar("MessageT", bound=Message)
 EventT = TypeVar("EventT", bound=Message)
+
+# Kinds of frames, which are numbers here: looking them up in the class takes time.
+_CALL = int(StreamMessage.KIND_CALL)
+_REPLY = int(StreamMessage.KIND_REPLY)
+_ERROR = int(StreamMessage.KIND_ERROR)
+_CANCEL = int(StreamMessage.KIND_CANCEL)
+_OPEN = int(StreamMessage.KIND_OPEN)
+_NEXT = int(StreamMessage.KIND_NEXT)
+_COMPLETE = int(StreamMessage.KIND_COMPLETE)
+_HELLO = int(StreamMessage.KIND_HELLO)
+
+# What one task of the loop sends leaves together, or as soon as it is so much.
+_ENOUGH_TO_WRITE = 8 << 10
 
 # How long closing waits for a widget to take what has been sent.
 _CLOSE_SECONDS = 2.0
@@ -180,6 +195,7 @@ class Connection:
         self._last_id = 0
         self._calls: dict[int, asyncio.Future[bytes]] = {}
         self._streams: dict[int, Stream] = {}
+        self._unsent = bytearray()  # Until _flush.
         self._is_full = False  # The widget has too much to read.
         self._gone: asyncio.Future[None] = loop.create_future()
 
@@ -197,6 +213,7 @@ class Connection:
     async def close(self) -> None:
         """Ends all that is in progress with CANCELLED, and the connection."""
         assert self._transport is not None
+        self._flush()
         self._transport.close()  # Once what waits has been sent.
         self._end(RpcError(Code.CANCELLED, "the connection was closed"))
         try:
@@ -224,11 +241,7 @@ class Connection:
             raise self.error
         self._service = service
         hello = hello_of(service)
-        self._write(
-            StreamMessage(
-                kind=StreamMessage.KIND_HELLO, payload=hello.SerializeToString()
-            )
-        )
+        self._write(encode(_HELLO, 0, payload=hello.SerializeToString()))
 
     async def call(
         self,
@@ -243,9 +256,7 @@ class Connection:
         """
         if timeout is not None and timeout <= 0:
             raise RpcError(Code.DEADLINE_EXCEEDED, "the call's timeout is not above 0")
-        stream_id = self._begin(
-            StreamMessage.KIND_CALL, method, _serialise(request, "the request")
-        )
+        stream_id = self._begin(_CALL, method, _serialise(request, "the request"))
         answer: asyncio.Future[bytes] = self.loop.create_future()
         self._calls[stream_id] = answer
         deadline = (
@@ -315,9 +326,9 @@ class Connection:
         """Sends a message on an open stream; nothing on one that has ended."""
         if stream.is_open:
             self._send(
-                StreamMessage(
-                    kind=StreamMessage.KIND_NEXT,
-                    stream_id=stream.stream_id,
+                encode(
+                    _NEXT,
+                    stream.stream_id,
                     call_id=call_id,
                     payload=_serialise(message, "the message"),
                 )
@@ -328,12 +339,12 @@ class Connection:
     ) -> None:
         """Fails a call of the widget."""
         self._write(
-            StreamMessage(
-                kind=StreamMessage.KIND_ERROR,
-                stream_id=stream.stream_id,
+            encode(
+                _ERROR,
+                stream.stream_id,
                 call_id=call_id,
                 error_code=Code.UNKNOWN,
-                error_text=text.encode(errors="backslashreplace"),
+                error_text=text.encode(errors="backslashreplace")[:MAX_ERROR_TEXT_BYTES],
                 payload=message.SerializeToString(),
             )
         )
@@ -346,7 +357,7 @@ class Connection:
     # ------------------------------------------------------------------------
 
     def _open(self, stream: Stream, subscription: Message | None) -> None:
-        stream.stream_id = self._begin(StreamMessage.KIND_OPEN, stream.method, b"")
+        stream.stream_id = self._begin(_OPEN, stream.method, b"")
         self._streams[stream.stream_id] = stream
         if subscription is not None:
             try:
@@ -355,26 +366,17 @@ class Connection:
                 stream.close()
                 raise
 
-    def _begin(
-        self, kind: StreamMessage.Kind, method: MethodDescriptor, payload: bytes
-    ) -> int:
+    def _begin(self, kind: int, method: MethodDescriptor, payload: bytes) -> int:
         if self.error is not None:
             raise self.error
         self.use(method.containing_service)
         self._last_id += 1
-        self._send(
-            StreamMessage(
-                kind=kind,
-                stream_id=self._last_id,
-                method=method.index,
-                payload=payload,
-            )
-        )
+        self._send(encode(kind, self._last_id, method=method.index, payload=payload))
         return self._last_id
 
-    def _send(self, frame: StreamMessage) -> None:
+    def _send(self, frame: bytes) -> None:
         """As _write, within the limits."""
-        length = frame.ByteSize()
+        length = len(frame) - LENGTH_BYTES
         if length > self._max_sent_frame_bytes:
             raise RpcError(
                 Code.RESOURCE_EXHAUSTED,
@@ -387,22 +389,25 @@ class Connection:
             )
         self._write(frame)
 
-    def _write(self, frame: StreamMessage) -> None:
-        if self.error is None and not self.loop.is_closed():
-            assert self._transport is not None
-            self._transport.write(encode(frame))
+    def _write(self, frame: bytes) -> None:
+        if self.error is not None or self.loop.is_closed():
+            return
+        if not self._unsent:
+            self.loop.call_soon(self._flush)
+        self._unsent += frame
+        if len(self._unsent) >= _ENOUGH_TO_WRITE:
+            self._flush()
+
+    def _flush(self) -> None:
+        if self._unsent and self._transport is not None:
+            unsent, self._unsent = self._unsent, bytearray()
+            self._transport.write(unsent)
 
     def _write_end_of(self, stream: Stream) -> None:
-        self._write(
-            StreamMessage(
-                kind=StreamMessage.KIND_COMPLETE, stream_id=stream.stream_id
-            )
-        )
+        self._write(encode(_COMPLETE, stream.stream_id))
 
     def _cancel(self, stream_id: int) -> None:
-        self._write(
-            StreamMessage(kind=StreamMessage.KIND_CANCEL, stream_id=stream_id)
-        )
+        self._write(encode(_CANCEL, stream_id))
 
     def _expire(self, stream_id: int, timeout: float) -> None:
         answer = self._calls.pop(stream_id, None)
@@ -447,39 +452,37 @@ class Connection:
     def _take(self, frame: StreamMessage) -> None:
         """RpcError ends the connection."""
         kind = frame.kind
-        is_error = kind == StreamMessage.KIND_ERROR
-        if is_error and frame.stream_id == 0:
+        stream_id = frame.stream_id
+        if kind == _ERROR and stream_id == 0:
             raise RpcError(
                 Code.UNAVAILABLE,
                 f"the server ended the connection: {error_of(frame).text}",
             )
         if self._service is None:
             raise RpcError(Code.UNAVAILABLE, "the server sent a frame before the client")
-        if (kind == StreamMessage.KIND_HELLO) != (self._widget is None):
+        if (kind == _HELLO) != (self._widget is None):
             raise RpcError(
                 Code.UNAVAILABLE,
                 "the server's first frame, and no other, must be a hello",
             )
-        if kind == StreamMessage.KIND_HELLO:
-            self._meet(frame)
-        elif kind == StreamMessage.KIND_REPLY or (
-            is_error and frame.stream_id in self._calls
-        ):
-            answer = self._calls.pop(frame.stream_id, None)
+        if kind == _NEXT:
+            stream = self._streams.get(stream_id)
+            if stream is not None:  # Else it has ended; this was on its way.
+                stream.on_next(frame)
+        elif kind == _REPLY or (kind == _ERROR and stream_id in self._calls):
+            answer = self._calls.pop(stream_id, None)
             if answer is None or answer.done():
                 return  # Cancelled; the answer was on its way.
-            if is_error:
+            if kind == _ERROR:
                 answer.set_exception(error_of(frame))
             else:
                 answer.set_result(frame.payload)
-        elif kind == StreamMessage.KIND_NEXT:
-            stream = self._streams.get(frame.stream_id)
-            if stream is not None:  # Else it has ended; this was on its way.
-                stream.on_next(frame)
-        elif is_error or kind == StreamMessage.KIND_COMPLETE:
-            stream = self._streams.pop(frame.stream_id, None)
+        elif kind == _ERROR or kind == _COMPLETE:
+            stream = self._streams.pop(stream_id, None)
             if stream is not None:
-                stream.end(error_of(frame) if is_error else None)
+                stream.end(error_of(frame) if kind == _ERROR else None)
+        elif kind == _HELLO:
+            self._meet(frame)
         else:
             raise RpcError(
                 Code.UNAVAILABLE, f"the server sent a frame of kind {kind}"

@@ -30,7 +30,7 @@ class ClientStreamSender {
 
   // Fails the server's call `call_id`. Of `message` only `browser_id` is used.
   // The text is for people who read the frames; the server's code learns only
-  // that the call has failed.
+  // that the call has failed. At most 2048 bytes of it are sent.
   virtual absl::Status Error(const google::protobuf::MessageLite& message,
                              std::int64_t call_id, const std::string& text) = 0;
 };

@@ -24,7 +24,7 @@ absl::Status ClientStreamState::Error(const MessageLite& message,
                                       std::int64_t call_id,
                                       const std::string& text) {
   return Send(StreamMessage::KIND_ERROR, message, call_id,
-              absl::UnknownError(text));
+              absl::UnknownError(text.substr(0, kMaxErrorTextBytes)));
 }
 
 absl::Status ClientStreamState::Receive(std::string_view payload,

@@ -28,9 +28,6 @@ using rpc::transport::StreamMessage;
 
 namespace {
 
-// Enough for a text that people read, and always fits a frame.
-constexpr std::size_t kMaxErrorTextBytes = 2048;
-
 // The method with that index, if it is of that kind. The service relies on this
 // check.
 absl::StatusOr<const MethodDescriptor*> FindMethod(

@@ -21,6 +21,9 @@ namespace orvane::internal {
 
 inline constexpr std::size_t kFrameLengthBytes = 4;
 
+// What is sent of an error's text: enough for people, and it fits every frame.
+inline constexpr std::size_t kMaxErrorTextBytes = 2048;
+
 // The limits of one connection. ServerLimits and ClientOptions document the
 // members and set the defaults.
 struct FrameLimits {
