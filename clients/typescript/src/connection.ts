@@ -1,4 +1,4 @@
-// A host's connection to a widget.
+// A client's connection to a server.
 
 import { once } from 'node:events';
 import { connect as connectSocket, type Socket } from 'node:net';
@@ -32,26 +32,26 @@ import {
 } from './streams.js';
 import { checkFit, encode, errorOf, type FrameInit, FrameReader, helloOf, parse } from './wire.js';
 
-/** How long closing waits for a widget to take what has been sent. */
+/** How long closing waits until the server has taken what was sent. */
 const CLOSE_MS = 2000;
 
 export interface Options {
   /** The longest frame that is sent or accepted; by default 4 MiB. */
   maxFrameBytes?: number;
   /**
-   * Once so much waits for the widget to read it, calls and answers fail with
-   * RESOURCE_EXHAUSTED; by default 64 MiB.
+   * Once this many bytes wait for the server to read them, calls and answers fail
+   * with RESOURCE_EXHAUSTED; by default 64 MiB.
    */
   maxQueuedBytes?: number;
-  /** Events of one iteration that have come and that nobody has read; by default 16 MiB. */
+  /** Bytes of one iteration's events that have not been read; by default 16 MiB. */
   maxUnreadEventBytes?: number;
-  /** Calls of the widget that one handler may be busy with; more fail. By default 1024. */
+  /** Calls that one handler may serve at the same time; more fail. By default 1024. */
   maxServedCalls?: number;
-  /** Told what a handler throws that is no Fail; by default a process warning. */
+  /** Called with errors of handlers other than Fail; by default a process warning. */
   onHandlerError?: (error: unknown) => void;
 }
 
-/** Where a server listens that is not told another path. */
+/** The default path of a server's socket. */
 export function defaultSocketPath(name = 'widget'): string {
   const runtime = process.env['XDG_RUNTIME_DIR'];
   const folder = runtime ? `${runtime}/orvane` : `/tmp/orvane-${process.geteuid?.() ?? 0}`;
@@ -59,8 +59,8 @@ export function defaultSocketPath(name = 'widget'): string {
 }
 
 /**
- * Connects to the server at a path, by default the widget's usual one, or over a
- * connected socket. Rejects with RpcError, UNAVAILABLE where nobody listens.
+ * Connects to the server at a path, by default the browser widget's, or over a
+ * connected socket. Rejects with RpcError: UNAVAILABLE if no server listens there.
  */
 export async function connect(
   to: string | Socket = defaultSocketPath(),
@@ -85,13 +85,13 @@ interface PendingCall {
 /**
  * Calls one service at the other end of a Unix-domain socket.
  *
- * What is sent reaches the widget in the order in which it was sent; answers come
- * in any order. When the connection ends, all that is in progress on it ends with
- * the same RpcError, `error`, and so does what is begun later. A connection does not
- * come back: the widget at the other end would be another one.
+ * Calls and messages reach the server in the order in which they are sent; answers
+ * arrive in any order. When the connection ends, everything in progress ends with the
+ * same RpcError, `error`, and so do later calls and streams. A connection does not
+ * reconnect, since it might reach a new server process.
  */
 export class Connection {
-  /** Undefined while the connection stands. */
+  /** Undefined while the connection exists. */
   error: RpcError | undefined;
   /** Resolves when the connection has ended, to the reason. */
   readonly closed: Promise<RpcError>;
@@ -103,8 +103,8 @@ export class Connection {
   readonly #calls = new Map<bigint, PendingCall>();
   readonly #streams = new Map<bigint, Stream>();
   #service: DescService | undefined;
-  #hello: Hello | undefined; // Of this end,
-  #widget: Hello | undefined; // and of the other once it has said it.
+  #hello: Hello | undefined; // Of this end.
+  #widget: Hello | undefined; // Of the server, once it has arrived.
   #lastId = 0n;
   #tellClosed!: (reason: RpcError) => void;
 
@@ -139,7 +139,7 @@ export class Connection {
     return makeClient(this, service);
   }
 
-  /** Ends all that is in progress with CANCELLED, and the connection. */
+  /** Ends everything in progress with CANCELLED, and the connection. */
   async close(): Promise<void> {
     this.#end(new RpcError(Code.CANCELLED, 'the connection was closed'));
     if (this.#socket.closed) return;
@@ -152,7 +152,7 @@ export class Connection {
     clearTimeout(timer);
   }
 
-  /** Says hello for the service that this connection is for from now on. */
+  /** Sends the hello; from now on the connection is for this service. */
   use(service: DescService): void {
     if (this.#service?.typeName === service.typeName) return;
     if (this.#service !== undefined) {
@@ -167,7 +167,7 @@ export class Connection {
     this.#write({ kind: Kind.HELLO, payload: toBinary(HelloSchema, this.#hello) });
   }
 
-  /** Calls a unary method. What goes wrong rejects, and is never thrown. */
+  /** Calls a unary method. Errors reject the promise and are never thrown. */
   call(method: DescMethod, request: Message, options: CallOptions = {}): Promise<Message> {
     const { signal, timeoutMs } = options;
     return new Promise((resolve, reject) => {
@@ -229,7 +229,7 @@ export class Connection {
     return server;
   }
 
-  /** Resolves when the widget has handled all that was sent so far. */
+  /** Resolves when the server has handled everything that was sent so far. */
   async settle(): Promise<void> {
     const method = this.#service?.methods.find((each) => each.methodKind !== 'unary');
     if (method === undefined) {
@@ -258,7 +258,7 @@ export class Connection {
     });
   }
 
-  /** Forgets a stream and tells the widget. */
+  /** Removes a stream and tells the server that it has ended. */
   complete(stream: Stream): void {
     this.#streams.delete(stream.streamId);
     this.#write({ kind: Kind.COMPLETE, streamId: stream.streamId });
@@ -292,7 +292,7 @@ export class Connection {
     return streamId;
   }
 
-  /** As #write, within the limits. */
+  /** Like #write, but checks the limits. */
   #send(frame: FrameInit): void {
     if (this.error !== undefined) return;
     const bytes = encode(frame);
@@ -354,7 +354,7 @@ export class Connection {
         this.#endCall(frame);
         return;
       case Kind.NEXT:
-        this.#streams.get(streamId)?.onNext(frame); // Else it has ended; this was on its way.
+        this.#streams.get(streamId)?.onNext(frame); // The stream may have ended meanwhile.
         return;
       case Kind.COMPLETE:
         this.#endStream(streamId);
@@ -370,7 +370,7 @@ export class Connection {
 
   #endCall(frame: StreamMessage): void {
     const call = this.#calls.get(frame.streamId);
-    if (call === undefined) return; // Given up; the answer was on its way.
+    if (call === undefined) return; // Cancelled while the answer was on its way.
     this.#calls.delete(frame.streamId);
     if (frame.kind === Kind.ERROR) {
       call.reject(errorOf(frame));

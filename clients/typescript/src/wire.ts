@@ -1,4 +1,4 @@
-// Bytes to frames and back, and what two ends say of themselves.
+// Frames, their bytes, and the hello of each end.
 
 import {
   create,
@@ -23,7 +23,7 @@ const LENGTH_BYTES = 4;
 
 export type FrameInit = MessageInitShape<typeof StreamMessageSchema>;
 
-/** The frame behind its length. */
+/** The bytes of a frame, with its length in front. */
 export function encode(frame: FrameInit): Buffer {
   const content = toBinary(StreamMessageSchema, create(StreamMessageSchema, frame));
   const bytes = Buffer.allocUnsafe(LENGTH_BYTES + content.length);
@@ -32,15 +32,15 @@ export function encode(frame: FrameInit): Buffer {
   return bytes;
 }
 
-/** Finds the frames in what arrives, however it is split. */
+/** Finds the frames in the received bytes, however these are split. */
 export class FrameReader {
   #chunks: Buffer[] = [];
   #size = 0;
-  #needed = LENGTH_BYTES; // Until there is something new to find.
+  #needed = LENGTH_BYTES; // Below this size there is no new frame.
 
   constructor(readonly maxFrameBytes: number) {}
 
-  /** Yields what is complete now. RpcError: the rest cannot be understood. */
+  /** Yields the complete frames. RpcError: the rest cannot be parsed. */
   *feed(chunk: Buffer): Generator<StreamMessage> {
     this.#chunks.push(chunk);
     this.#size += chunk.length;
@@ -88,7 +88,7 @@ function lineOf(method: DescMethod): string {
   return `${method.name}(${stream}${method.input.typeName}) returns (${stream}${method.output.typeName})\n`;
 }
 
-/** What an end says of itself. */
+/** What an end tells about itself. */
 export function helloOf(service: DescService): Hello {
   const methods: bigint[] = [];
   let hash = 0xcbf29ce484222325n; // 64-bit FNV-1a.
@@ -143,7 +143,7 @@ const CODES = new Map<number, Code>(
     .map((code) => [code, code]),
 );
 
-/** What an ERROR says. Its text need not be UTF-8. */
+/** The error that an ERROR frame describes. Its text need not be UTF-8. */
 export function errorOf(frame: StreamMessage): RpcError {
   return new RpcError(CODES.get(frame.errorCode) ?? Code.UNKNOWN, Buffer.from(frame.errorText).toString());
 }

@@ -1,4 +1,4 @@
-"""Bytes to frames and back, and what two ends say of themselves."""
+"""Frames, their bytes, and the hello of each end."""
 
 from collections.abc import Iterator
 from functools import cache
@@ -12,25 +12,25 @@ from orvane.rpc.transport.stream_message_pb2 import Hello, StreamMessage
 PROTOCOL = 1
 _LENGTH_BYTES = 4
 
-# What protobuf's implementations raise for bytes that are no such message.
+# What protobuf's implementations raise for bytes that they cannot parse.
 UNREADABLE = (DecodeError, RecursionError, ValueError)
 
 
 def encode(frame: StreamMessage) -> bytes:
-    """The frame behind its length."""
+    """The bytes of a frame, with its length in front."""
     content = frame.SerializeToString()
     return len(content).to_bytes(_LENGTH_BYTES, "little") + content
 
 
 class FrameReader:
-    """Finds the frames in what arrives, however it is split."""
+    """Finds the frames in the received bytes, however these are split."""
 
     def __init__(self, max_frame_bytes: int) -> None:
         self._max_frame_bytes = max_frame_bytes
         self._received = bytearray()
 
     def feed(self, data: bytes) -> Iterator[StreamMessage]:
-        """Yields what is complete now. RpcError: the rest cannot be understood."""
+        """Yields the complete frames. RpcError: the rest cannot be parsed."""
         received = self._received
         received += data
         begin = 0
@@ -68,9 +68,9 @@ def _line(method: MethodDescriptor) -> str:
 
 
 def is_stream(method: MethodDescriptor) -> bool:
-    """Methods of orvane stream on both sides or on none.
+    """Whether a method is a stream, which it is in both directions or in neither.
 
-    Read from the proto, since older protobufs do not tell it of the method.
+    Read from the proto, since descriptors of older protobufs do not have it.
     """
     return _streams(method.containing_service)[method.index]
 
@@ -86,7 +86,7 @@ def _streams(service: ServiceDescriptor) -> list[bool]:
 
 @cache
 def hello_of(service: ServiceDescriptor) -> Hello:
-    """What an end says of itself."""
+    """What an end tells about itself."""
     hello = Hello(
         oldest_protocol=PROTOCOL, newest_protocol=PROTOCOL, service=service.full_name
     )
@@ -130,7 +130,7 @@ def _difference(host: Hello, widget: Hello) -> str | None:
 
 
 def error_of(frame: StreamMessage) -> RpcError:
-    """What an ERROR says. Its text need not be UTF-8."""
+    """The error that an ERROR frame describes. Its text need not be UTF-8."""
     text = frame.error_text.decode(errors="backslashreplace")
     return RpcError(Code(frame.error_code), text)
 
