@@ -20,8 +20,8 @@ using orvane::SocketClient;
 
 namespace {
 
-// The fields of every callback type that are used here; an EventSubscription
-// has the second one.
+// Fields that every callback type has; an EventSubscription has the second one
+// too.
 constexpr char kBrowserId[] = "browser_id";
 constexpr char kSubscribe[] = "subscribe";
 constexpr char kResponse[] = "response";
