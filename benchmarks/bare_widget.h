@@ -1,5 +1,5 @@
-// The least that dispatch can cost: a switch on an index that the caller knows,
-// then a virtual call.
+// The lowest possible cost of dispatch: a switch on an index that the caller
+// knows, then a virtual call.
 
 #ifndef BENCHMARKS_BARE_WIDGET_H_
 #define BENCHMARKS_BARE_WIDGET_H_

@@ -1,6 +1,6 @@
-// From CallMethod to a handler: ours, a bare switch plus virtual call, and the
-// dispatch of protobuf's own generic services. Each calls the 40 unary methods
-// in the same random order.
+// The time from CallMethod to a handler: ours, a bare switch plus virtual call,
+// and the dispatch of protobuf's own generic services. Each calls the 40 unary
+// methods in the same random order.
 
 #include <array>
 #include <cstddef>

@@ -1,11 +1,11 @@
-# Everything that we build on. scripts/setup installs it on Debian. A project
-# around ours sees the targets too, since it links what we make.
+# The libraries that we use. scripts/setup installs them on Debian. An enclosing
+# project sees their targets too, since it links our libraries.
 set(CMAKE_FIND_PACKAGE_TARGETS_GLOBAL ${_orvane_is_subproject})
 find_package(Threads REQUIRED)
 include(Abseil)
 
-# Protobuf's own package where there is one (it brings its Abseil along), else
-# CMake's finder, which knows Debian 12's.
+# Protobuf's own package if it is installed (it finds its Abseil too), otherwise
+# CMake's module, which finds Debian 12's.
 if(NOT TARGET protobuf::libprotobuf)
   find_package(Protobuf CONFIG QUIET)
   if(NOT Protobuf_FOUND)
@@ -16,7 +16,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND ORVANE_SANITIZE STREQUAL "thread")
   add_compile_options("SHELL:-include \"${CMAKE_CURRENT_LIST_DIR}/protobuf_under_tsan.h\"")
 endif()
 
-# What runs inside these toolkits' main loops is built and tested where they are.
+# Event loops inside toolkits' main loops, for the toolkits that are installed.
 include(OrvaneMainLoops)
 if(ORVANE_PROGRAMS)
   foreach(toolkit IN ITEMS glib qt sdl)
@@ -33,8 +33,8 @@ endif()
 find_package(GTest CONFIG REQUIRED)
 find_package(benchmark CONFIG REQUIRED)
 
-# Standalone Asio, headers only, is something to measure against. Without
-# exceptions it asks for a throw hook, which benchmarks/transport/asio_hook.h is.
+# Standalone Asio, headers only, with which benchmarks compare our transport.
+# Without exceptions it needs a throw hook: benchmarks/transport/asio_hook.h.
 find_path(ORVANE_ASIO_INCLUDE_DIR asio.hpp REQUIRED)
 mark_as_advanced(ORVANE_ASIO_INCLUDE_DIR)
 add_library(orvane_asio INTERFACE)

@@ -5,11 +5,12 @@ if(NOT TARGET update-generated)
 endif()
 
 # orvane_committed_output(NAME DIRECTORY dir PROTOS file... [IMPORTS dir...] [PARAMETER text])
-# What the generator makes of PROTOS is committed in DIRECTORY, at the protos'
-# paths: x.rpc.h, x.rpc.cc, x.client.h and x.client.cc, or x_client.py, or none for a
-# proto without services, or x.error.txt for one that is refused. The test NAME holds it against what the
-# generator makes now; the target update-generated rewrites it. Protos are found
-# below IMPORTS, by default DIRECTORY. PARAMETER goes to the generator.
+# The generator's output for PROTOS is committed in DIRECTORY, at the protos'
+# paths: x.rpc.h, x.rpc.cc, x.client.h and x.client.cc, or x_client.py; no file for
+# a proto without services; x.error.txt for a proto that is refused. The test NAME
+# compares it with the generator's current output; the target update-generated
+# rewrites it. Protos are found below IMPORTS, by default DIRECTORY. PARAMETER is
+# passed to the generator.
 function(orvane_committed_output name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "DIRECTORY;PARAMETER" "IMPORTS;PROTOS")
   if(NOT arg_IMPORTS)

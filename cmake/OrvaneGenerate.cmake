@@ -10,22 +10,22 @@ cmake_policy(VERSION 3.25)
 #   x.pb.h      its messages
 #   x.rpc.h     the classes to derive a server from
 #   x.client.h  the classes to call a server through
-# The last two are empty if the proto has no service. Whatever links NAME also
+# The last two are empty if the proto has no service. A target that links NAME also
 # links the runtime and the transport.
 #
 # DEPENDS are other such libraries, whose protos these may import. All may import
 # rpc/browser/browser_id.proto, rpc/event_subscription.proto and
-# rpc/stream_options.proto, which services are declared with.
+# rpc/stream_options.proto, which declarations of services need.
 #
 # MESSAGES_ONLY makes x.pb.h only. NAME then links protobuf and DEPENDS only, and
 # the protos may import those of DEPENDS only, such as orvane::runtime_protos.
 #
-# Everything is generated in the build tree, again whenever a proto, one of its
-# imports, protoc or protoc-gen-orvane has changed.
+# Everything is generated in the build tree, and again after a change of a proto,
+# of one of its imports, of protoc or of protoc-gen-orvane.
 function(orvane_generate name)
   set(call "orvane_generate(${name} ...)")
   cmake_parse_arguments(PARSE_ARGV 1 arg "MESSAGES_ONLY" "IMPORT_ROOT" "PROTOS;DEPENDS")
-  # CMake adds an unknown word to the list in front of it.
+  # CMake adds an unknown word to the list before it.
   set(unknown ${arg_PROTOS})
   list(FILTER unknown EXCLUDE REGEX "\\.proto$")
   list(PREPEND unknown ${arg_UNPARSED_ARGUMENTS})

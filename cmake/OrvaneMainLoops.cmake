@@ -1,12 +1,12 @@
-# What runs an event loop inside a toolkit's main loop, in this build and,
-# installed with the package, in that of anybody else.
+# Runs an event loop inside a toolkit's main loop, in this build and, installed
+# with the package, in other projects.
 
 cmake_policy(VERSION 3.25)
 
 # orvane_main_loop(COMPONENT)
-# Makes orvane::COMPONENT, which brings the toolkit and what our header for it
-# needs: glib (GLib 2, so GTK too), qt (Qt 6) or sdl (SDL 2). Makes nothing if
-# the toolkit is not installed.
+# Adds orvane::COMPONENT, which links the toolkit and what our header for it needs:
+# glib (GLib 2, for GTK too), qt (Qt 6) or sdl (SDL 2). Adds nothing if the toolkit
+# is not installed.
 function(orvane_main_loop component)
   if(TARGET orvane::${component})
     return()

@@ -1,39 +1,39 @@
-# One function for each kind of thing that we build. Compiler options of ours
-# are set here and nowhere else; sources are listed by hand.
+# One function for each kind of target. Compiler options of our code are set here
+# and nowhere else; sources are listed by hand.
 include(OrvaneGenerate)
 
 set(ORVANE_SANITIZE "" CACHE STRING "Sanitizers to build with: address,undefined or thread")
 if(ORVANE_SANITIZE)
-  # For everything, Abseil included: a sanitizer must see all that synchronises.
+  # For everything, including Abseil: a sanitizer must see all synchronisation.
   string(APPEND CMAKE_CXX_FLAGS
     " -fsanitize=${ORVANE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1")
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # With these checks g++ 12 takes no function's address for a constant, which
+    # With these checks g++ 12 does not treat a function's address as a constant, which
     # Abseil's hash tables compare with null; clang++ has them. And its thread
     # sanitizer does not see the fences that Asio adds to its locks.
     string(APPEND CMAKE_CXX_FLAGS
       " -fno-sanitize=null,nonnull-attribute,returns-nonnull-attribute -Wno-tsan")
   endif()
 endif()
-# Clang brings libFuzzer along, which has most to find where memory is watched.
+# Clang includes libFuzzer, which finds most together with the address sanitizer.
 set(_orvane_has_libfuzzer FALSE)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND ORVANE_SANITIZE MATCHES "address")
   set(_orvane_has_libfuzzer TRUE)
 endif()
 set(ORVANE_FUZZ_SECONDS 10 CACHE STRING "How long the test of each fuzzer looks for new inputs")
 
-# A project around ours is not warned of our code and headers, as if it had found
-# them installed.
+# An enclosing project gets no warnings from our code and headers, as if they were
+# installed.
 set(_orvane_is_subproject ON)
 if(PROJECT_IS_TOP_LEVEL)
   set(_orvane_is_subproject OFF)
 endif()
 
 # orvane_options(TARGET)
-# Has a target compiled as all of our code is. Warnings are errors where
-# CMAKE_COMPILE_WARNING_AS_ERROR says so, as our presets do: a newer compiler or
-# library that warns of more must not stop anybody else's build. Paths in __FILE__
-# and debug info are those of the tree, wherever it lies.
+# Sets the compiler options of our code for a target. Warnings are errors if
+# CMAKE_COMPILE_WARNING_AS_ERROR is set, as our presets do; without it, a newer
+# compiler or library with more warnings does not stop other people's builds. Paths
+# in __FILE__ and debug info are relative to the tree.
 function(orvane_options target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
@@ -93,7 +93,7 @@ function(orvane_add_test name)
 endfunction()
 
 # orvane_no_test(file...)
-# Test sources that make no test here, since what they need is not installed.
+# Test sources that are not built here, since what they need is not installed.
 function(orvane_no_test)
   _orvane_register_tests(${ARGN})
 endfunction()
@@ -107,9 +107,9 @@ function(_orvane_register_tests)
 endfunction()
 
 # orvane_test(NAME [OWN_HEAP] SOURCES file... [DEPENDS target...] [ARGUMENTS word...])
-# A GoogleTest program that runs as one ctest test, where tests are built at all.
-# OWN_HEAP: it replaces operator new to watch the heap, which the thread sanitizer
-# keeps to itself; there the test does not exist.
+# A GoogleTest program that runs as one ctest test, if tests are built at all.
+# OWN_HEAP: it replaces operator new to watch the heap, which is impossible under
+# the thread sanitizer; the test does not exist there.
 function(orvane_test name)
   if(NOT ORVANE_TESTS)
     return()
@@ -120,7 +120,7 @@ function(orvane_test name)
     return()
   endif()
   orvane_program(${name} SOURCES ${arg_SOURCES} DEPENDS ${arg_DEPENDS} GTest::gmock_main)
-  # Qt wants position-independent code, which these headers are not compiled for.
+  # Qt needs position-independent code, and these headers are compiled without it.
   if(NOT "orvane::qt" IN_LIST arg_DEPENDS)
     target_precompile_headers(${name} REUSE_FROM orvane_test_headers)
   endif()
@@ -142,8 +142,8 @@ function(orvane_test_headers)
 endfunction()
 
 # orvane_benchmark(NAME [OWN_HEAP] SOURCES file... [DEPENDS target...])
-# A Google Benchmark program. Each runs for a moment among the tests, so that it
-# cannot rot; nothing there asserts a time. OWN_HEAP as above.
+# A Google Benchmark program. Each runs briefly as a test too, so that it keeps
+# working; that test does not check times. OWN_HEAP as above.
 function(orvane_benchmark name)
   if(NOT ORVANE_TESTS)
     return()
@@ -157,9 +157,9 @@ function(orvane_benchmark name)
 endfunction()
 
 # orvane_fuzzer(NAME SOURCES file... [DEPENDS target...] [ARGUMENTS word...])
-# A program with libFuzzer's entry point, and a test of the same name: where
-# there is libFuzzer it starts from corpus/NAME and tries new inputs for a while,
-# with these arguments; elsewhere it plays that folder through.
+# A program with libFuzzer's entry point, and a test of the same name. With
+# libFuzzer the test starts from corpus/NAME and tries new inputs for a while, with
+# these arguments; without it, the test plays the inputs of that folder.
 function(orvane_fuzzer name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS;ARGUMENTS")
   set(corpus "${CMAKE_CURRENT_SOURCE_DIR}/corpus/${name}")
@@ -168,7 +168,7 @@ function(orvane_fuzzer name)
     DEPENDS ${arg_DEPENDS} absl::log absl::log_initialize GTest::gtest)
   if(_orvane_has_libfuzzer)
     target_link_options(${name} PRIVATE -fsanitize=fuzzer)
-    # What is new goes to the first folder.
+    # New inputs are written to the first folder.
     file(MAKE_DIRECTORY "${found}")
     orvane_add_test(${name} ${name} "-max_total_time=${ORVANE_FUZZ_SECONDS}" ${arg_ARGUMENTS}
       "${found}" "${corpus}")

@@ -1,7 +1,7 @@
 # cmake -DROOT=dir -P check_docs.cmake
 #
-# Checks that README.md and the pages in docs/ show the files that the build
-# compiles, and that their links lead somewhere. A block of C++, and any other
+# Checks that README.md and the pages in docs/ show files that the build compiles,
+# and that the targets of their links exist. A block of C++, and any other block
 # whose first line is a comment with the path of a file, must be that whole file.
 
 cmake_policy(VERSION 3.25)

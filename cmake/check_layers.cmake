@@ -18,8 +18,8 @@ function(allow folder)
     message(SEND_ERROR "${folder} holds no sources")
   endif()
   foreach(file IN LISTS files)
-    # What comes before the first namespace: the generator's own files hold the
-    # includes of its output further below.
+    # Only up to the first namespace: further below, the generator's sources contain
+    # the includes of its output.
     file(READ "${ROOT}/${file}" text)
     string(REGEX REPLACE "\nnamespace .*" "" text "${text}")
     string(REGEX MATCHALL "#include \"(${ours})/[^\"]+" lines "${text}")
@@ -41,7 +41,8 @@ set(protos "rpc/[a-z_/]+\\.pb\\.h")
 set(transport_protos "rpc/transport/[a-z_]+\\.pb\\.h" "rpc/event_subscription\\.pb\\.h"
     "rpc/stream_options\\.pb\\.h")
 set(generated "rpc/browser/[a-z_]+\\.(rpc|client)\\.h")
-# What applications include, and of it what a transport's own parts may.
+# The headers that applications include, and the parts of them that a transport may
+# include too.
 set(server_api "orvane/server\\.h" "${rpc}/stream/(call|publish)\\.h"
     "${rpc}/transport/(in_process|server_[a-z]+|socket_server|unix_socket)\\.h")
 set(client_api "orvane/client\\.h"
@@ -65,12 +66,13 @@ allow(${rpc}/transport "${rpc}/transport/((client|server|wire)/)?[a-z_]+\\.h" "$
       ${transport_protos})
 allow(orvane "${contracts}" ${server_api} ${client_api})
 
-# What is generated, and the generator.
+# Generated code, and the generator.
 allow(${rpc}/generator "${rpc}/generator/[a-z_]+\\.h" "${rpc}/(method_kind|version)\\.h")
 allow(gen/${rpc}/proto/rpc/browser "${generated}" "${contracts}" "${protos}"
       "${rpc}/stream/[a-z_]+\\.h" "${rpc}/transport/typed_client\\.h")
 
-# Programs. None of the runtime is private to them but what their tests need.
+# Programs, which include only public headers of the runtime; their tests may
+# include more.
 allow(examples ${api})
 allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples/host "examples/host/[a-z_]+\\.h" ${api})
@@ -84,14 +86,14 @@ allow(benchmarks/transport "benchmarks/transport/[a-z_.]+\\.h" ${api})
 allow(benchmarks/grpc "benchmarks/transport/[a-z_.]+\\.h" "rpc/[a-z_/]+\\.h")
 allow(benchmarks/capnp "benchmarks/(transport|capnp)/[a-z_.]+\\.h")
 
-# What only tests use.
+# Code that only tests use.
 allow(${rpc}/testing "${rpc}/testing/[a-z_]+\\.h" "${rpc}/stream/[a-z_]+\\.h"
       "${rpc}/transport/wire/[a-z_]+\\.h" ${api} "${rpc}/transport/frame_limits\\.h")
 allow(fuzz "${rpc}/testing/[a-z_]+\\.h" "${rpc}/stream/[a-z_]+\\.h"
       "${rpc}/transport/wire/[a-z_]+\\.h" "examples/widget_server/[a-z_]+\\.h"
       "tools/widgetctl/[a-z_]+\\.h" ${api})
 
-# A folder of tests alone needs no line.
+# A folder that has only tests need not be listed.
 file(GLOB_RECURSE all RELATIVE "${ROOT}" "${ROOT}/*.h" "${ROOT}/*.cc")
 list(FILTER all EXCLUDE REGEX "^(build|cmake|\\.git)/|/testdata/|_(test|benchmark|fixture)\\.(h|cc)$|/node_modules/")
 foreach(file IN LISTS all)

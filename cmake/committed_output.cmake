@@ -1,5 +1,6 @@
-# Run by what Generated.cmake defines: makes the output anew in SCRATCH, then
-# compares it with what is committed in DIRECTORY or, with UPDATE, replaces that.
+# Run by the tests and targets of Generated.cmake: generates the output in SCRATCH,
+# then compares it with the committed one in DIRECTORY or, with UPDATE, replaces
+# that.
 
 string(REPLACE "," ";" PROTOS "${PROTOS}")
 string(REPLACE "," ";" imports "${IMPORTS}")

@@ -1,4 +1,4 @@
-// Whether docs/protocol.md tells the truth: its worked example, byte by byte.
+// The worked example of docs/protocol.md, byte by byte, against a real server.
 
 #include <sys/socket.h>
 
@@ -36,12 +36,13 @@ using ::testing::Field;
 // One ```hex block of the page, under its heading.
 struct Exchange {
   std::string heading;
-  std::string from_host;
-  std::string from_widget;
+  std::string from_client;
+  std::string from_server;
 };
 
-// A line of a block begins with who sends its bytes, `>` the host, `<` the
-// widget, `=` each of them; without that it goes on. `#` begins a remark.
+// A line of a block begins with the sender of its bytes: `>` the client, `<`
+// the server, `=` both; a line without one continues the line before. `#`
+// begins a remark.
 void ReadBytes(std::string line, char* sender, Exchange* exchange) {
   line = line.substr(0, line.find('#'));
   if (!line.empty() && line[0] != ' ') *sender = line[0];
@@ -55,11 +56,11 @@ void ReadBytes(std::string line, char* sender, Exchange* exchange) {
     bytes.push_back(static_cast<char>(
         std::strtol(digits.substr(i, 2).c_str(), nullptr, 16)));
   }
-  if (*sender == '>' || *sender == '=') exchange->from_host += bytes;
-  if (*sender == '<' || *sender == '=') exchange->from_widget += bytes;
+  if (*sender == '>' || *sender == '=') exchange->from_client += bytes;
+  if (*sender == '<' || *sender == '=') exchange->from_server += bytes;
 }
 
-// The path is PROTOCOL_PAGE.
+// Reads the page at PROTOCOL_PAGE.
 std::vector<Exchange> ReadPage() {
   std::ifstream page(PROTOCOL_PAGE);
   std::vector<Exchange> exchanges;
@@ -85,7 +86,7 @@ std::string Hex(const std::string& bytes) {
   return absl::BytesToHexString(bytes);
 }
 
-// Shows at once, and never answers Minimize by itself.
+// Answers Show at once, but Minimize only when the test says so.
 class Widget final : public rpc::BrowserWidgetRpc {
  public:
   void Show(google::protobuf::RpcController*, const BrowserId* request,
@@ -116,14 +117,14 @@ class WorkedExample : public testing::Test {
   WorkedExample() {
     auto pair = orvane::ConnectedPair();
     EXPECT_TRUE(pair.ok()) << pair.status();
-    host_ = pair->second.Release();
+    client_ = pair->second.Release();
     const absl::Status adopted = server_.Adopt(pair->first.Release());
     EXPECT_TRUE(adopted.ok()) << adopted;
   }
-  ~WorkedExample() override { const orvane::OwnedDescriptor closed(host_); }
+  ~WorkedExample() override { const orvane::OwnedDescriptor closed(client_); }
 
   void Send(const std::string& bytes) {
-    ASSERT_EQ(::send(host_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+    ASSERT_EQ(::send(client_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(bytes.size()));
     loop_.RunUntilIdle();
   }
@@ -131,7 +132,8 @@ class WorkedExample : public testing::Test {
   std::string Receive() {
     loop_.RunUntilIdle();
     std::string bytes(4096, '\0');
-    const ssize_t got = ::recv(host_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    const ssize_t got =
+        ::recv(client_, bytes.data(), bytes.size(), MSG_DONTWAIT);
     if (got == 0) is_closed_ = true;
     bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
     return bytes;
@@ -168,35 +170,35 @@ class WorkedExample : public testing::Test {
   orvane::EventLoop loop_;
   Widget widget_;
   orvane::SocketServer server_{&loop_, &widget_};
-  int host_ = -1;
+  int client_ = -1;
   bool is_closed_ = false;
 };
 
 TEST_F(WorkedExample, HasTheBytesThatTravel) {
-  // What the widget does once the host's bytes under a heading have come.
-  std::map<std::string, std::function<void()>> of_widget = {
+  // What the server does after the client's bytes under a heading.
+  std::map<std::string, std::function<void()>> of_server = {
       {"An event", [] { ChangeTooltip(); }},
-      {"A call of the widget", [this] { LeaveTheLastElement(); }},
-      {"A call of the widget that fails", [this] { LeaveTheLastElement(); }},
+      {"A call of the server", [this] { LeaveTheLastElement(); }},
+      {"A call of the server that fails", [this] { LeaveTheLastElement(); }},
       {"A call that is given up", [this] { FinishMinimizing(); }},
   };
   std::vector<Exchange> page = ReadPage();
   ASSERT_FALSE(page.empty()) << PROTOCOL_PAGE;
-  // The page opens with a piece of the conversation.
+  // The page begins with a part of the conversation.
   const Exchange opening = page.front();
   page.erase(page.begin());
   EXPECT_THAT(page, Contains(AllOf(
-                        Field(&Exchange::from_host, opening.from_host),
-                        Field(&Exchange::from_widget, opening.from_widget))));
+                        Field(&Exchange::from_client, opening.from_client),
+                        Field(&Exchange::from_server, opening.from_server))));
   for (const Exchange& exchange : page) {
     SCOPED_TRACE(exchange.heading);
-    Send(exchange.from_host);
-    if (auto acts = of_widget.extract(exchange.heading); !acts.empty())
+    Send(exchange.from_client);
+    if (auto acts = of_server.extract(exchange.heading); !acts.empty())
       acts.mapped()();
-    ASSERT_EQ(Hex(Receive()), Hex(exchange.from_widget));
+    ASSERT_EQ(Hex(Receive()), Hex(exchange.from_server));
   }
-  EXPECT_TRUE(of_widget.empty())
-      << "the page has no " << of_widget.begin()->first;
+  EXPECT_TRUE(of_server.empty())
+      << "the page has no " << of_server.begin()->first;
 
   EXPECT_THAT(widget_.happened,
               ElementsAre("Show 9", "Minimize cancelled", "TakeFocus taken 1",

@@ -1,5 +1,5 @@
-// examples/hello_host.cc: the whole program that it takes to call a method and
-// to watch events.
+// examples/hello_host.cc: a complete program that calls a method and watches
+// events.
 
 #include <csignal>
 #include <iostream>

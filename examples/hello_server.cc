@@ -1,4 +1,4 @@
-// examples/hello_server.cc: the whole program that it takes to serve a method.
+// examples/hello_server.cc: a complete program that serves a method.
 
 #include <csignal>
 #include <iostream>

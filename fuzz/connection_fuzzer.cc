@@ -1,9 +1,9 @@
-// A stranger connects to the example widget and sends bytes. It may achieve
-// nothing by that but what its calls do: another host is served as before, and
-// nothing stays when the stranger has left.
+// A stranger connects to the example widget and sends bytes. Apart from what
+// its calls do, these must have no effect: another host is served as before,
+// and nothing is left when the stranger has disconnected.
 //
-// The first byte says whether the stranger says a proper hello first (odd) or
-// begins with the bytes.
+// If the first byte is odd, the stranger sends a valid hello before the other
+// bytes.
 
 #include <cstddef>
 #include <cstdint>
@@ -36,7 +36,7 @@ using rpc::transport::StreamMessage;
 
 namespace {
 
-// What a socket takes in one piece while nobody reads.
+// What a socket takes at once while nobody reads.
 constexpr std::size_t kMaxInputBytes = std::size_t{64} << 10;
 
 const std::optional<Hello>& ProperHello() {
@@ -57,7 +57,7 @@ void ExpectServed(RawPeer& host, EventLoop& loop) {
   host.Receive();
   ASSERT_EQ(host.frames.size(), 1u);
   EXPECT_EQ(host.frames[0].stream_id(), 1u);
-  // What the stranger did may be why the browser cannot be shown.
+  // Show may fail because of what the stranger did.
   EXPECT_TRUE(host.frames[0].kind() == StreamMessage::KIND_REPLY ||
               host.frames[0].kind() == StreamMessage::KIND_ERROR);
   EXPECT_FALSE(host.closed);
@@ -77,7 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
         server, data[0] % 2 == 1 ? ProperHello() : std::optional<Hello>());
     stranger.SendBytes(std::string(data + 1, data + size));
     loop.RunUntilIdle();
-    stranger.Receive();  // Fails for what is no frame.
+    stranger.Receive();  // Fails if the server sent something else than frames.
   }
   loop.RunUntilIdle();
   EXPECT_EQ(server.connections(), 1u);

@@ -1,9 +1,9 @@
-// Up to three hosts and a widget do things in any order, most of them right by
-// themselves. A bystander, a fourth host, gets every event that is due to it
-// and no other; every call of the widget ends once; nothing stays in a
+// Up to three clients and a server take steps in any order, most of which are
+// valid. A bystander, which is a fourth client, must get exactly its events;
+// every call of the server must end once; and nothing may be left in a
 // registry.
 //
-// The input is a list of steps of eight bytes, those of Step.
+// The input is a list of steps of eight bytes each; see Step.
 
 #include <algorithm>
 #include <array>
@@ -50,7 +50,7 @@ using google::protobuf::MethodDescriptor;
 using google::protobuf::Reflection;
 using rpc::transport::StreamMessage;
 
-// Small, so that they are met.
+// Small, so that the steps reach them.
 constexpr ServerLimits kLimits = {.max_connections = 4,
                                   .max_calls = 4,
                                   .max_streams = 6,
@@ -68,14 +68,14 @@ struct Step {
     kConnect,
     kHangUp,
     kSend,
-    kAnswerCall,  // The host answers a call that it has received.
-    kSettle,      // All happens that can.
+    kAnswerCall,  // The client answers a call that it has received.
+    kSettle,      // Everything happens that can.
     kPublish,
     kCall,
     kCancel,
-    kAnswerHeld,  // The widget answers a call of a host.
-    kWatchHeld,   // The widget wants to know when a host gives up on a call.
-    kReaction,    // What the widget does from inside its handlers.
+    kAnswerHeld,  // The server answers a call of a client.
+    kWatchHeld,   // The server asks to be told when a client cancels a call.
+    kReaction,    // What the server does inside its handlers.
     kShutDown,
     kRestart,
     kWhats
@@ -83,9 +83,9 @@ struct Step {
 
   std::uint8_t what;
   std::uint8_t host;
-  std::uint8_t kind;     // Of a frame, an event or a call.
-  std::uint8_t id;       // Of a stream, or an index.
-  std::uint8_t method;   // Of the service, or beyond; or a reaction.
+  std::uint8_t kind;    // Of a frame, an event or a call.
+  std::uint8_t id;      // Of a stream, or an index.
+  std::uint8_t method;  // An index in the service, or beyond it; or a reaction.
   std::uint8_t browser;  // One of a few.
   std::uint8_t variant;  // Of a stream's message, or of the options.
   std::uint8_t damage;   // To the payload: see Payload.
@@ -132,8 +132,8 @@ const std::optional<rpc::transport::Hello>& Greeting() {
   return hello;
 }
 
-// A message that a host may send for a method. `variant` chooses what of a
-// stream's messages it is.
+// A message that a client may send for a method. For a stream, `variant`
+// chooses the kind of message.
 std::string ValidPayload(std::uint32_t method, std::uint64_t browser,
                          std::uint8_t variant) {
   if (method >= kMethods) return "";
@@ -172,8 +172,8 @@ std::string ValidPayload(std::uint32_t method, std::uint64_t browser,
   return message->SerializeAsString();
 }
 
-// The same with one flaw, or with none: the lowest two bits of `damage` choose
-// it, the others its place.
+// The same message, with at most one mistake: the lowest two bits of `damage`
+// choose the mistake, the others its place.
 std::string Payload(std::uint32_t method, std::uint64_t browser,
                     std::uint8_t variant, std::uint8_t damage) {
   std::string payload = ValidPayload(method, browser, variant);
@@ -202,7 +202,7 @@ class Play {
 
   void Take(const Step& step) {
     if (server_ == nullptr) Start();
-    if (server_ == nullptr) return;  // Again, by a reaction.
+    if (server_ == nullptr) return;  // A reaction calls this a second time.
     std::unique_ptr<Host>& host = hosts_[step.host % hosts_.size()];
     switch (step.what % Step::kWhats) {
       case Step::kConnect:
@@ -245,7 +245,7 @@ class Play {
     loop_.RunUntilIdle();
     if (server_ != nullptr) {
       EXPECT_EQ(server_->connections(), 0u);
-      // All have left, which is what a server that shuts down waits for.
+      // All clients have left; a server that shuts down waits for that.
       EXPECT_EQ(has_shut_down_, is_shutting_down_);
     }
     Destroy();
@@ -256,8 +256,8 @@ class Play {
   }
 
  private:
-  // Starts a server, to which the bystander connects, and hears what became of
-  // the one before.
+  // Checks what the bystander got from the server before, then starts a new
+  // server, to which the bystander connects.
   void Start() {
     CheckBystander();
     server_ = std::make_unique<SocketServer>(&loop_, &widget_, kLimits);
@@ -274,13 +274,14 @@ class Play {
     loop_.RunUntilIdle();
   }
 
-  // There is none any more for what its end sets off.
+  // Reset before it is destroyed, so that code that its end runs does not use
+  // it.
   void Destroy() { const auto dying = std::move(server_); }
 
   void Connect(std::unique_ptr<Host>& place) {
     auto pair = ConnectedPair();
     place.reset();
-    // There may be too many that the server has not seen leaving.
+    // Fails if too many clients have left without the server having noticed.
     if (!server_->Adopt(pair->first.Release()).ok()) return;
     place = std::make_unique<Host>(
         Host{RawPeer(std::move(pair->second), Greeting()), {}, {}});
@@ -300,7 +301,7 @@ class Play {
       frame.set_method(method);
     } else if (const auto opened = host.opened.find(step.id);
                opened != host.opened.end()) {
-      // A message of the stream, most of the time.
+      // Usually a message of the stream.
       frame.set_call_id(step.method);
       if (step.method != 0xff) method = opened->second;
     }
@@ -320,8 +321,9 @@ class Play {
     host.peer.Send(frame);
   }
 
-  // Also reads what the hosts were sent, so that they know who is left: nobody,
-  // once a server that shuts down has no call to answer.
+  // Also reads what the clients were sent, so that they notice the end of their
+  // connections: a server that shuts down ends them once it has answered all
+  // calls.
   void Settle() {
     loop_.RunUntilIdle();
     CheckBystander();
@@ -356,7 +358,7 @@ class Play {
   }
 
   void PublishOne(const Step& step) {
-    // While a server ends, who still hears of it is nobody's business.
+    // While a server ends, it is not defined who still gets the event.
     if (server_ == nullptr) return;
     const std::uint8_t type = step.kind % kEventTypes;
     const std::uint64_t browser = step.browser % kBrowsers;
@@ -401,8 +403,7 @@ class Play {
     call.controller->NotifyOnCancel(new Then([this] { React(); }));
   }
 
-  // From inside a handler or continuation. The reaction's kind stands in place
-  // of a method.
+  // Called inside a handler or continuation. `method` is the reaction's kind.
   void React() {
     if (!reaction_.has_value() || reactions_ == kMaxReactions) return;
     ++reactions_;
@@ -425,7 +426,7 @@ class Play {
 
   void ShutDown(const Step& step) {
     if (server_ == nullptr) return;
-    // A second time does nothing.
+    // A second call does nothing.
     const bool is_first = !std::exchange(is_shutting_down_, true);
     server_->Shutdown(
         step.variant % 2 == 0 ? absl::ZeroDuration() : absl::Hours(1),
@@ -437,7 +438,7 @@ class Play {
 
   EventLoop loop_;
   StreamingWidget widget_;
-  std::set<google::protobuf::RpcController*> watched_;  // Of those it holds.
+  std::set<google::protobuf::RpcController*> watched_;  // Of the held calls.
   std::optional<Step> reaction_;
   int reactions_ = 0;
 

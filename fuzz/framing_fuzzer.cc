@@ -1,5 +1,6 @@
-// The bytes are what arrives on a connection. However they are split, the same
-// frames come out, and the same error; and what was read can be written.
+// The input is the bytes that arrive on a connection. Every split of them must
+// give the same frames and the same error, and frames that were read must be
+// written the same.
 
 #include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
 
@@ -33,7 +34,7 @@ struct Reading {
   explicit Reading(std::size_t max_frame_bytes = kMaxFrameBytes)
       : reader(max_frame_bytes) {}
 
-  // Takes what arrives next.
+  // Receives the next bytes.
   void Receive(std::string_view bytes) {
     while (!bytes.empty() && error.empty()) {
       char* const space = reader.Space();
@@ -71,8 +72,9 @@ void ExpectSame(const Reading& split, const Reading& whole) {
   }
 }
 
-// A frame that can be read as a message is written so that it reads the same.
-// It may grow: a negative number was perhaps not as long as it is written.
+// A frame that can be parsed must be the same message after it was written and
+// parsed again. It may become longer, since a negative number may have had a
+// shorter encoding.
 void ExpectWrittenAsRead(const std::string& frame) {
   StreamMessage message;
   if (!message.ParseFromString(frame)) return;

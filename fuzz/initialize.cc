@@ -1,6 +1,6 @@
 // What every fuzzer does first. A failed expectation ends the process, so that
-// the input is kept. The log is silent, since it would fill with connections
-// that the server ends.
+// the input is kept. The log is off, since it would be full of connections that
+// the server ends.
 
 #include <cstdlib>
 

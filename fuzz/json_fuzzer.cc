@@ -1,8 +1,8 @@
-// What widgetctl reads as text. The first byte says what the rest is:
+// Text that widgetctl reads. The first byte tells what the rest is:
 //
 //   c   METHOD JSON   of `call`: a method and its request
 //   k   METHOD KEY    of `watch` and `serve`: a method and a browser
-//   r   METHOD JSON   of `serve`: a method and what its calls are answered with
+//   r   METHOD JSON   of `serve`: a method and the answer to its calls
 //   s   a session file; so is everything behind any other byte
 //
 // A message that was read is printed as JSON that reads as the same message.

@@ -1,4 +1,4 @@
-# Sourced by the scripts beside it: how they say what they do, and how long it took.
+# Sourced by the other scripts: prints their steps and how long these took.
 # shellcheck shell=bash
 
 say() {
@@ -19,7 +19,7 @@ timed() {
   say "took $((SECONDS - begun)) s"
 }
 
-# Says nothing unless the command fails.
+# Prints the command's output only if it fails.
 quietly() {
   local log
   log=$(mktemp)

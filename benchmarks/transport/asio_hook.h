@@ -1,5 +1,5 @@
-// What Asio wants when exceptions are off. Every file that includes Asio
-// includes this header first.
+// The throw hook that Asio needs when exceptions are off. Every file that
+// includes Asio includes this header first.
 
 #ifndef BENCHMARKS_TRANSPORT_ASIO_HOOK_H_
 #define BENCHMARKS_TRANSPORT_ASIO_HOOK_H_
@@ -9,8 +9,8 @@
 
 namespace asio::detail {
 
-// Only operations without an error_code come here, and only when the system
-// refuses what every loop needs, such as a descriptor for its own wake-ups.
+// Called only by operations without an error_code, and only if the system
+// refuses what every loop needs, such as a descriptor for its wake-ups.
 template <typename Exception>
 void throw_exception(const Exception& exception) {
   LOG(FATAL) << "Asio: " << exception.what();

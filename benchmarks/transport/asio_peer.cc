@@ -1,9 +1,9 @@
-// Bare Asio, as one would write it by hand: one thread, an asynchronous read
-// loop, frames written without waiting.
+// Bare Asio, as people write it by hand: one thread, an asynchronous read loop,
+// frames written without waiting.
 //
-//   --interface each      each frame is written by itself, as it is made
-//   --interface batched   what is made while a batch of received frames is
-//                         handled is written together after it
+//   --interface each      each frame is written separately, at once
+//   --interface batched   frames that are sent while a batch of received frames
+//                         is handled are written together afterwards
 
 #include "benchmarks/transport/asio_hook.h"
 
@@ -35,11 +35,11 @@ class AsioLink final : public Link {
 
   AsioLink(stream_protocol::socket socket, bool is_batched)
       : socket_(std::move(socket)), is_batched_(is_batched) {
-    asio::error_code refused;  // If so, the first read says why.
+    asio::error_code refused;  // Ignored: the first read would report it.
     socket_.non_blocking(true, refused);
   }
 
-  // `on_batch` runs when all that was received has been handed out.
+  // `on_batch` runs when all received frames have been passed on.
   void Start(OnFrame on_frame, std::function<void()> on_batch,
              std::function<void()> on_end) {
     on_frame_ = std::move(on_frame);
@@ -86,14 +86,14 @@ class AsioLink final : public Link {
   }
 
  private:
-  // But for the bytes that have been written.
+  // Without the bytes that have been written.
   void Queue(const char* bytes, std::size_t size, std::size_t* written) {
     const std::size_t skipped = std::min(size, *written);
     queued_.append(bytes + skipped, size - skipped);
     *written -= skipped;
   }
 
-  // How many bytes of what is queued leave together.
+  // How many of the queued bytes are written together.
   std::size_t NextToWrite() {
     if (is_batched_) return queued_.size() - sent_;
     if (frame_left_ == 0) {
@@ -133,7 +133,7 @@ class AsioLink final : public Link {
 
 using Links = std::vector<std::unique_ptr<AsioLink>>;
 
-// What one has received may be for others.
+// After a batch on one connection, others may have frames to write.
 void FlushAll(const Links& links) {
   for (const auto& link : links) link->Flush();
 }

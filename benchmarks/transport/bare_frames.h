@@ -1,5 +1,5 @@
-// The frames of the benchmarks with bare sockets: the least that separates
-// messages on a stream.
+// The frames of the benchmarks with bare sockets: no more than is needed to
+// separate messages on a stream.
 
 #ifndef BENCHMARKS_TRANSPORT_BARE_FRAMES_H_
 #define BENCHMARKS_TRANSPORT_BARE_FRAMES_H_

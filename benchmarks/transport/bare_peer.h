@@ -1,4 +1,4 @@
-// What a host and a server do with bare frames, independent of the socket code.
+// The two ends of a connection with bare frames, without the socket code.
 
 #ifndef BENCHMARKS_TRANSPORT_BARE_PEER_H_
 #define BENCHMARKS_TRANSPORT_BARE_PEER_H_

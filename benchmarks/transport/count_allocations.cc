@@ -1,5 +1,5 @@
-// Preloaded into a server, this library counts its heap allocations, those of C
-// and of other libraries included.
+// A library that is preloaded into a server and counts its heap allocations,
+// including those of C code and of other libraries.
 
 #include <atomic>
 #include <cstddef>
@@ -7,7 +7,7 @@
 
 extern "C" {
 
-// The C library's own functions, under names that nobody replaces.
+// The C library's own functions, under names that are never replaced.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t nmemb, std::size_t size);

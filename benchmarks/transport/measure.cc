@@ -26,7 +26,7 @@ namespace {
 
 constexpr std::int64_t kNsPerS = 1'000'000'000;
 
-// A server that has not started by then never will.
+// A server that has not started after this time will not start any more.
 constexpr std::int64_t kStartLimitNs = 30 * kNsPerS;
 
 std::int64_t ToNs(const timespec& time) {
@@ -42,7 +42,8 @@ std::int64_t CpuNs(pid_t process) {
   return ToNs(used);
 }
 
-// The memory that the process does not share. 0 if the system does not tell.
+// The memory that the process does not share, in KiB; 0 if the system does not
+// tell.
 std::int64_t PrivateBytes(pid_t process) {
   std::ifstream rollup("/proc/" + std::to_string(process) + "/smaps_rollup");
   std::int64_t kib = 0;

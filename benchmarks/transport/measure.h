@@ -1,4 +1,4 @@
-// What all programs that measure a stack share: the command line, two pinned
+// Common to all programs that measure a stack: the command line, two pinned
 // processes, a clock, and one line of results.
 //
 // Each program is a host that starts itself once more as a server. Both map one
@@ -59,8 +59,8 @@ inline constexpr std::size_t kPictureBytes = std::size_t{1920} * 1080 * 4;
 // The time between two mouse moves of one host.
 inline constexpr std::int64_t kStormPeriodNs = 1'000'000;
 
-// Events come in bursts that the host asks for, eight at a time, so that the
-// server always has some to send and never more than the host can take.
+// Events are sent in bursts that the host asks for, eight at a time, so that
+// the server always has some to send but never more than the host can take.
 inline constexpr int kBurst = 256;
 inline constexpr int kBurstsInFlight = 8;
 
@@ -99,7 +99,7 @@ class Meter {
  private:
   enum class Phase { kWarmUp, kBeginning, kMeasuring, kEnding, kDone };
 
-  // What the processes have used so far.
+  // What both processes have used so far.
   struct Usage {
     std::int64_t time_ns;
     std::int64_t cpu_ns;  // Of both processes.

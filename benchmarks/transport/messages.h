@@ -1,4 +1,4 @@
-// The messages, filled in alike for every stack that carries protobuf.
+// The messages, with the same content for every stack that carries protobuf.
 
 #ifndef BENCHMARKS_TRANSPORT_MESSAGES_H_
 #define BENCHMARKS_TRANSPORT_MESSAGES_H_

@@ -1,5 +1,5 @@
-// The messages alone, without a socket: one process writes them into memory and
-// parses them. No stack that carries protobuf can be faster.
+// Only the messages, without a socket: one process serializes them into memory
+// and parses them. A stack that carries protobuf cannot be faster.
 
 #include <unistd.h>
 

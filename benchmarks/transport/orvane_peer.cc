@@ -76,7 +76,7 @@ class Server final : public PeerRpc {
   }
 
  private:
-  // Again and again.
+  // Makes one call after the other.
   template <typename T>
   void Call(const orvane::CallOf<T>& call) {
     orvane::Call<T>(Browser(), call,
@@ -109,7 +109,7 @@ void Serve(const Options& options, Meter& meter) {
   loop.Run();
 }
 
-// Drives one figure through connections that are open.
+// Runs one figure on connections that are open.
 class Host {
  public:
   Host(const Options& options, Meter& meter, orvane::EventLoop* loop,
@@ -158,7 +158,7 @@ class Host {
 
   template <typename Answer>
   bool GoesOn(const Answer& answer, std::int64_t begun) {
-    if (meter_.is_done()) return false;  // Others were in flight.
+    if (meter_.is_done()) return false;  // Other calls were still in flight.
     if (!answer.ok()) Fail(std::string(answer.status().message()));
     if (meter_.Ended(begun)) return true;
     loop_->Stop();
@@ -189,7 +189,7 @@ class Host {
             if (meter_.Ended(burst)) return AskBurst();
             loop_->Stop();
           }));
-      // Once it is answered, the subscription has been seen.
+      // After the answer, the server has handled the subscription.
       if (!client.Echo({}).ok()) Fail("no answer");
     }
     for (int i = 0; i < kBurstsInFlight; ++i) AskBurst();
@@ -249,7 +249,7 @@ void Drive(const Options& options, Meter& meter) {
   }
   Host host(options, meter, &loop, std::move(clients));
   host.Run();
-  connections.clear();  // Tells the host of what is still in flight.
+  connections.clear();  // Ends the calls in flight while `host` exists.
 }
 
 }  // namespace

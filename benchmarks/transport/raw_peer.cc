@@ -1,5 +1,5 @@
-// The simplest yardstick: blocking system calls on a Unix-domain socket, one
-// write for each frame.
+// The simplest stack to compare with: blocking system calls on a Unix-domain
+// socket, one write for each frame.
 
 #include <poll.h>
 #include <sys/socket.h>

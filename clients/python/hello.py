@@ -1,5 +1,5 @@
-# clients/python/hello.py: the whole program that it takes to call a method, to
-# watch events and to answer the widget.
+# clients/python/hello.py: a complete program that calls a method, watches events
+# and answers the widget.
 
 import asyncio
 import sys

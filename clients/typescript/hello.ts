@@ -1,5 +1,5 @@
-// clients/typescript/hello.ts: the whole program that it takes to call a method, to
-// watch events and to answer the widget.
+// clients/typescript/hello.ts: a complete program that calls a method, watches events
+// and answers the widget.
 
 import { connect } from 'orvane';
 import { BrowserWidgetRpc } from 'orvane/rpc/browser/browser_widget_pb.js';

@@ -1,4 +1,4 @@
-// The programs that the pages show, at work.
+// Runs the programs that the pages show.
 
 #include <csignal>
 #include <memory>
@@ -62,7 +62,7 @@ TEST_F(Examples, ServiceAnswersInWordsAndFromAnotherThread) {
   const auto service = Start(SERVICE, "service");
   const auto client = Connect();
   EXPECT_EQ(CallByName(client.get(), "Show", "").message(),
-            "0 names no browser");
+            "browser 0 does not exist");
   EXPECT_EQ(CallByName(client.get(), "GetAccessibilityToken", "value: 7"),
             absl::OkStatus());
   EXPECT_EQ(

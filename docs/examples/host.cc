@@ -21,7 +21,7 @@ int main(int argc, char** argv) {
   BrowserId browser;
   browser.set_value(7);
 
-  // Subscribed as long as the handles live.
+  // Subscribed as long as the handles exist.
   const auto tooltips =
       widget.WhenTooltipChanged(browser, [](const rpc::TooltipChanged& event) {
         std::cout << "tooltip: " << event.text() << std::endl;
@@ -33,7 +33,7 @@ int main(int argc, char** argv) {
         std::cout << "the page gives the focus away" << std::endl;
         rpc::TakeFocusResponse response;
         response.set_taken(true);
-        // An error means that the widget has gone, which `on_end` tells.
+        // Fails if the widget has gone; then `on_end` runs too.
         std::move(responder).Respond(response).IgnoreError();
       },
       [&loop](const absl::Status& why) {
@@ -41,14 +41,14 @@ int main(int argc, char** argv) {
         loop.Stop();
       });
 
-  // Waits; streams work meanwhile. The subscriptions above arrive first.
+  // Waits; streams go on meanwhile. The subscriptions above arrive first.
   if (const auto shown = widget.Show(browser, {.timeout = absl::Seconds(5)});
       !shown.ok()) {
     std::cerr << "Show: " << shown.status() << std::endl;
     return 1;
   }
 
-  // Does not wait: input is sent as it comes, and handled in that order.
+  // Does not wait: input is handled in the order in which it is sent.
   rpc::KeyPressRequest press;
   *press.mutable_browser_id() = browser;
   press.mutable_key()->set_key("Tab");

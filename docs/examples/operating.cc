@@ -1,5 +1,5 @@
-// docs/examples/operating.cc: a server with limits of its own, whose log and
-// counters somebody reads.
+// docs/examples/operating.cc: a server with its own limits, which logs its
+// counters.
 
 #include <csignal>
 #include <iostream>
@@ -14,7 +14,7 @@
 #include "orvane/server.h"
 #include "rpc/browser/browser_widget.rpc.h"
 
-// Logs now, and every minute from now on.
+// Logs the counters now and then every minute.
 class Watch {
  public:
   Watch(orvane::EventLoop* loop, const orvane::SocketServer* server)
@@ -37,7 +37,7 @@ class Watch {
 
 int main(int argc, char** argv) {
   absl::InitializeLog();
-  // Else warnings stay out of the standard error from here on.
+  // Otherwise InitializeLog() stops warnings from being written to stderr.
   absl::SetStderrThreshold(absl::LogSeverityAtLeast::kInfo);
   orvane::EventLoop loop;
   rpc::BrowserWidgetRpc widget;
@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
       &loop, &widget,
       {.max_frame_bytes = 64 << 10, .max_connections = 2, .max_calls = 100});
   const Watch watch(&loop, &server);
-  // What hosts have to read the last replies.
+  // Hosts have two seconds to read the last replies.
   loop.OnSignal({SIGINT, SIGTERM}, [&] {
     server.Shutdown(absl::Seconds(2), [&loop] { loop.Stop(); });
   });

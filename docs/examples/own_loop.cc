@@ -1,5 +1,5 @@
-// docs/examples/own_loop.cc: a host in a program that has a main loop already,
-// here around poll.
+// docs/examples/own_loop.cc: a host in a program that has its own main loop,
+// here with poll.
 
 #include <poll.h>
 #include <sys/timerfd.h>
@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
   BrowserId browser;
   browser.set_value(7);
 
-  // What this program does besides: something each second.
+  // The program's own work: something each second.
   const int clock = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
   const itimerspec each_second{.it_interval = {1, 0}, .it_value = {0, 1}};
   ::timerfd_settime(clock, 0, &each_second, nullptr);

@@ -1,6 +1,6 @@
-// docs/examples/round_trip.cc: how long a call takes here, answered by whatever
-// listens at a path. A second argument says for how many microseconds this end
-// looks for the answer before it sleeps.
+// docs/examples/round_trip.cc: measures the time of a call to the server that
+// listens at a path. The second argument tells for how many microseconds this
+// end looks for the answer before it sleeps.
 
 #include <algorithm>
 #include <cstdlib>
@@ -33,7 +33,7 @@ int main(int argc, char** argv) {
   std::vector<absl::Duration> times;
   for (int i = 0; i < 1000; ++i) {
     const absl::Time begun = absl::Now();
-    // A failed call takes as long as any other; a lost connection ends this.
+    // A call that fails counts too, unless the connection is lost.
     if (absl::IsUnavailable(widget.Unfocus(browser).status())) return 1;
     times.push_back(absl::Now() - begun);
   }

@@ -1,5 +1,5 @@
-// docs/examples/service.cc: answers at once, in words, and from another thread;
-// publishes an event; asks the host.
+// docs/examples/service.cc: answers at once, with an error, and from another
+// thread; publishes an event; calls the host.
 
 #include <csignal>
 #include <iostream>
@@ -15,33 +15,34 @@ using google::protobuf::Empty;
 using google::protobuf::RpcController;
 
 class Widget final : public rpc::BrowserWidgetRpc {
-  // At once. The event leaves behind the reply.
+  // Answers at once. The event is sent after the reply.
   void Show(RpcController* controller, const BrowserId* request, Empty*,
             Closure* done) override {
     const BrowserId browser = *request;
     if (browser.value() == 0) {
-      controller->SetFailed("0 names no browser");
+      controller->SetFailed("browser 0 does not exist");
       done->Run();
       return;
     }
-    done->Run();  // From here on `request` is gone.
+    done->Run();  // Destroys `request`.
     rpc::TooltipChanged event;
     *event.mutable_browser_id() = browser;
     event.set_text("Shown");
     orvane::Publish<rpc::TooltipChanged>(browser, event);
   }
 
-  // Later, from another thread. Controller and messages live until `done` runs.
+  // Answers later, on another thread. Controller and messages exist until
+  // `done` has run.
   void GetAccessibilityToken(RpcController*, const BrowserId*,
                              rpc::AccessibilityToken* response,
                              Closure* done) override {
     threads_.emplace_back([response, done] {
-      response->set_token("what took a while to find out");
+      response->set_token("found after a while");
       done->Run();
     });
   }
 
-  // Asks the host, and answers when that has answered.
+  // Calls the host, and answers once the host has answered.
   void ForwardKeyPress(RpcController* controller,
                        const rpc::KeyPressRequest* request, Empty*,
                        Closure* done) override {
@@ -51,7 +52,7 @@ class Widget final : public rpc::BrowserWidgetRpc {
         request->browser_id(), call,
         [controller,
          done](const absl::StatusOr<rpc::TakeFocusResponse>& answer) {
-          // If nobody serves it, the page keeps the focus.
+          // If no host serves the call, the page keeps the focus.
           if (!answer.ok() && !absl::IsNotFound(answer.status()))
             controller->SetFailed(std::string(answer.status().message()));
           done->Run();

@@ -15,9 +15,9 @@
 
 namespace host {
 
-// Watches the events of a browser and answers its calls. Prints a line for each
-// thing that happens; what is a line here is a window, a menu or a sound in a
-// host with a screen.
+// Watches the events of a browser and answers its calls. Prints a line for
+// everything that happens; a graphical host would show a window or a menu, or
+// play a sound.
 //
 // Thread: the service thread. Lifetime: loop and connection outlive the
 // console.
@@ -28,21 +28,24 @@ class Console {
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
 
+  // Prints a line.
   void Tell(const std::string& news);
 
-  // Waits for a line that begins so, unless there was one since the last Await
-  // that was OK. An error if the connection ends, or nothing comes for 10 s.
-  // Must not be called inside anything that the loop runs.
+  // Waits for a line that begins with `beginning`, unless such a line was
+  // printed since the last Await that returned OK. Fails if the connection
+  // ends, or if there is no such line within 10 s. Must not be called by code
+  // that the loop runs.
   absl::Status Await(const std::string& beginning);
 
-  // The last picture of the view. Without pixels before the first.
+  // The latest picture of the view; without pixels before the first one.
   const Image& view() const { return view_; }
 
  private:
   void Watch();
   void Serve();
 
-  // What became of a frame, whose pixels are the host's until it is answered.
+  // Copies a frame and returns the receipt for it. The pixels belong to the
+  // host until the receipt is sent.
   rpc::FrameReceipt Receive(const rpc::PixelFrame& frame,
                             const std::string& what, Image* image);
 
@@ -51,7 +54,7 @@ class Console {
   rpc::BrowserWidgetRpcClient widget_;
   const BrowserId browser_;
   Image view_;
-  std::vector<std::string> news_;  // Since the last Await that was OK.
+  std::vector<std::string> news_;  // Since the last Await that returned OK.
   std::vector<std::unique_ptr<orvane::ClientStream>> streams_;
 };
 

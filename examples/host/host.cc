@@ -1,5 +1,6 @@
-// A host: attaches a browser, and uses its page as somebody at a screen would.
-// The console draws the page, answers what it asks, and tells what happens.
+// A host: attaches a browser, and uses its page like a person at a screen. The
+// console receives the pictures, answers the page's calls, and prints what
+// happens.
 
 #include <cstdlib>
 #include <iostream>
@@ -30,7 +31,7 @@ constexpr Point kField = {190, 60};
 constexpr Point kList = {144, 96};
 constexpr Point kButton = {248, 96};
 
-// Ends the process, unless all is well.
+// Ends the process if `status` is an error.
 void Must(const absl::Status& status) {
   if (status.ok()) return;
   std::cerr << "host: " << status.message() << "\n";
@@ -58,11 +59,11 @@ class User {
   void PressTab();
   void TypeText(const std::string& text);
 
-  // Each step waits for the last thing that it leads to, so that the lines come
-  // in the same order every time.
+  // Each step waits for the last thing that it causes, so that the lines are
+  // printed in the same order every time.
   void Await(const std::string& news) { Must(console_->Await(news)); }
 
-  // What all requests begin with.
+  // A new request that names the browser.
   template <typename Request>
   Request New() const {
     Request request;
@@ -166,7 +167,7 @@ void User::Drag() {
 void User::Type() {
   Must(widget_.Focus(New<rpc::FocusRequest>()).status());
   Press(kField);
-  Await("layer 1: ");  // The caret comes last.
+  Await("layer 1: ");  // The caret is sent last.
   Release(kField);
   for (const char* const text : {",", " y", "ou", "\r"}) {
     TypeText(text);
@@ -189,7 +190,7 @@ void User::Choose() {
   Await("view: ");
   Press(kButton);
   Release(kButton);
-  Await("screen reader: ");  // The view may look the same with this name.
+  Await("screen reader: ");  // Not "view: ": the picture may stay the same.
 }
 
 void User::UseThePage() {

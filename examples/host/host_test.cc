@@ -1,4 +1,4 @@
-// The host program against the widget's, and against widgets that fail it.
+// The host program with widget_server, and with widgets that fail.
 
 #include <cstdlib>
 #include <fstream>
@@ -30,7 +30,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-// All that a fresh widget_server makes happen.
+// Everything that the host prints with a new widget_server.
 constexpr char kTranscript[] =
     R"(attached: 480 x 320 DIPs at scale 1
 screen reader: the page is :1.1:/org/a11y/atspi/accessible/root
@@ -77,7 +77,7 @@ view: picture 13, 480 x 320 pixels, on average #f8f9fa
 detached
 )";
 
-// Dies in the middle of a call, or later while its host waits for events.
+// Dies in the middle of a call, or later while the host waits for events.
 class DyingWidget final : public rpc::BrowserWidgetRpc {
  public:
   DyingWidget(orvane::EventLoop* loop, std::string dies_in)

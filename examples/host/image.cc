@@ -34,7 +34,7 @@ absl::Status CheckLayout(const rpc::PixelFrame& frame) {
   if (frame.format() != rpc::PIXEL_FORMAT_BGRA_8888_PREMULTIPLIED) {
     return absl::UnimplementedError(absl::StrCat(
         "a frame of pixel format ", static_cast<int>(frame.format()),
-        "; drawn are those of ",
+        "; this host only draws format ",
         static_cast<int>(rpc::PIXEL_FORMAT_BGRA_8888_PREMULTIPLIED)));
   }
   const std::uint64_t stride = frame.stride_bytes();
@@ -43,10 +43,9 @@ absl::Status CheckLayout(const rpc::PixelFrame& frame) {
   if (stride < row || stride % 4 != 0 ||
       stride * static_cast<std::uint64_t>(size.height()) > kMaxBytes) {
     return absl::InvalidArgumentError(
-        absl::StrCat("a frame with ", stride,
-                     " bytes from row to row; it takes a multiple "
-                     "of 4, at least ",
-                     row, ", and ", kMaxBytes, " in all at most"));
+        absl::StrCat("a frame with a stride of ", stride,
+                     " bytes; it must be a multiple of 4 and at least ", row,
+                     ", and the frame at most ", kMaxBytes, " bytes"));
   }
   return absl::OkStatus();
 }
@@ -72,23 +71,26 @@ absl::StatusOr<Image> CopySharedMemory(const rpc::PixelFrame& frame,
                                        std::uint64_t needed) {
   const rpc::SharedMemory& memory = frame.shared_memory();
   if (memory.length_bytes() < needed || memory.length_bytes() > kMaxBytes) {
-    return absl::InvalidArgumentError(absl::StrCat(
-        "a frame of ", needed, " bytes in a range of ", memory.length_bytes()));
+    return absl::InvalidArgumentError(
+        absl::StrCat("a frame of ", needed, " bytes in a range of ",
+                     memory.length_bytes(), " bytes of shared memory"));
   }
   const orvane::OwnedDescriptor object(
       ::shm_open(memory.name().c_str(), O_RDONLY, 0));
   if (object.get() < 0)
-    return SystemError(absl::StrCat("no shared memory ", memory.name()));
+    return SystemError(
+        absl::StrCat("cannot open shared memory ", memory.name()));
   struct stat found = {};
   if (::fstat(object.get(), &found) != 0)
-    return SystemError(absl::StrCat("shared memory ", memory.name()));
+    return SystemError(
+        absl::StrCat("cannot inspect shared memory ", memory.name()));
   const auto size = static_cast<std::uint64_t>(found.st_size);
   // Compared without adding, since the sum could overflow.
   if (memory.offset_bytes() > size ||
       memory.length_bytes() > size - memory.offset_bytes()) {
     return absl::InvalidArgumentError(absl::StrCat(
-        "a frame in bytes ", memory.offset_bytes(), " and the next ",
-        memory.length_bytes(), " of an object of ", size));
+        "a frame of ", memory.length_bytes(), " bytes from byte ",
+        memory.offset_bytes(), " of a shared-memory object of ", size));
   }
 
   const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
@@ -98,7 +100,8 @@ absl::StatusOr<Image> CopySharedMemory(const rpc::PixelFrame& frame,
       ::mmap(nullptr, length, PROT_READ, MAP_SHARED, object.get(),
              static_cast<off_t>(memory.offset_bytes() - skipped));
   if (mapped == MAP_FAILED)
-    return SystemError(absl::StrCat("shared memory ", memory.name()));
+    return SystemError(
+        absl::StrCat("cannot map shared memory ", memory.name()));
   Image image =
       CopyRows(frame, static_cast<const std::uint8_t*>(mapped) + skipped);
   ::munmap(mapped, length);
@@ -118,9 +121,9 @@ absl::StatusOr<Image> ReadFrame(const rpc::PixelFrame& frame) {
     case rpc::PixelFrame::kInlinePixels: {
       const std::string& pixels = frame.inline_pixels();
       if (pixels.size() != needed || needed > kMaxInlineBytes) {
-        return absl::InvalidArgumentError(
-            absl::StrCat("a frame of ", needed, " bytes with ", pixels.size(),
-                         " in its message; the limit is ", kMaxInlineBytes));
+        return absl::InvalidArgumentError(absl::StrCat(
+            "a frame of ", needed, " bytes with ", pixels.size(),
+            " bytes in the message; the limit is ", kMaxInlineBytes));
       }
       return CopyRows(frame,
                       reinterpret_cast<const std::uint8_t*>(pixels.data()));

@@ -25,7 +25,7 @@ struct Image {
 // Fails if the frame breaks the rules of PixelFrame, if its shared memory does
 // not exist, or if this host cannot draw its format. A widget that shrinks the
 // shared memory during the copy kills this process (SIGBUS); a host that does
-// not trust its widget makes the copy in a process of its own.
+// not trust its widget copies in another process.
 absl::StatusOr<Image> ReadFrame(const rpc::PixelFrame& frame);
 
 // As "#rrggbb". The image must have at least one pixel.

@@ -26,7 +26,7 @@ using ::testing::HasSubstr;
 
 constexpr char kFormat[] = " format: PIXEL_FORMAT_BGRA_8888_PREMULTIPLIED ";
 
-// An object of shared memory with the bytes given.
+// A shared-memory object with these bytes.
 class Memory {
  public:
   explicit Memory(const std::string& bytes)
@@ -40,7 +40,7 @@ class Memory {
   Memory& operator=(const Memory&) = delete;
   ~Memory() { ::shm_unlink(name_.c_str()); }
 
-  // A frame of 1 x 2 pixels there, 8 bytes from row to row.
+  // A frame of 1 x 2 pixels in it, with a stride of 8 bytes.
   rpc::PixelFrame Frame(std::uint64_t offset, std::uint64_t length) const {
     return Parsed<rpc::PixelFrame>(absl::StrCat(
         "size { width: 1 height: 2 } stride_bytes: 8", kFormat,
@@ -61,7 +61,7 @@ std::string RefusalOfLayout(const std::string& layout) {
       Parsed<rpc::PixelFrame>(layout + " inline_pixels: 'abcdefgh'"));
 }
 
-// What is drawn
+// Frames that are drawn
 
 TEST(Image, RowsAreCopiedWithoutTheGapsBetweenThem) {
   const Memory memory("....abcd----efgh----");
@@ -88,25 +88,26 @@ TEST(Image, PixelsMayLieInTheMessage) {
   EXPECT_EQ(image->bgra.size(), 8u);
 }
 
-// What is refused
+// Frames that are refused
 
 TEST(Image, AFrameBeyondTheEndOfItsMemoryIsRefused) {
   const Memory memory(std::string(16, '.'));
   EXPECT_TRUE(ReadFrame(memory.Frame(0, 16)).ok());
   EXPECT_EQ(Refusal(memory.Frame(1, 16)),
-            "a frame in bytes 1 and the next 16 of an object of 16");
+            "a frame of 16 bytes from byte 1 of a shared-memory object of 16");
   EXPECT_EQ(Refusal(memory.Frame(17, 16)),
-            "a frame in bytes 17 and the next 16 of an object of 16");
+            "a frame of 16 bytes from byte 17 of a shared-memory object of 16");
   EXPECT_THAT(Refusal(memory.Frame(~std::uint64_t{0}, 16)),
-              HasSubstr("of an object of 16"));
+              HasSubstr("of a shared-memory object of 16"));
 }
 
 TEST(Image, ARangeThatDoesNotHoldTheFrameIsRefused) {
   const Memory memory(std::string(16, '.'));
   EXPECT_EQ(Refusal(memory.Frame(0, 15)),
-            "a frame of 16 bytes in a range of 15");
-  EXPECT_EQ(Refusal(memory.Frame(0, (std::uint64_t{1} << 30) + 1)),
-            "a frame of 16 bytes in a range of 1073741825");
+            "a frame of 16 bytes in a range of 15 bytes of shared memory");
+  EXPECT_EQ(
+      Refusal(memory.Frame(0, (std::uint64_t{1} << 30) + 1)),
+      "a frame of 16 bytes in a range of 1073741825 bytes of shared memory");
 }
 
 TEST(Image, MemoryThatIsGoneIsRefused) {
@@ -129,20 +130,21 @@ TEST(Image, RowsThatDoNotFitAreRefused) {
                                         kFormat, "stride_bytes: ");
   for (const char* const stride : {"4", "9", "65540"}) {
     EXPECT_THAT(RefusalOfLayout(size + stride),
-                HasSubstr("it takes a multiple of 4, at least 8, and "
-                          "1073741824 in all at most"));
+                HasSubstr("it must be a multiple of 4 and at least 8, and "
+                          "the frame at most 1073741824 bytes"));
   }
 }
 
 TEST(Image, AnotherPixelFormatIsRefused) {
   EXPECT_EQ(RefusalOfLayout("size { width: 2 height: 1 } stride_bytes: 8"),
-            "a frame of pixel format 0; drawn are those of 1");
+            "a frame of pixel format 0; this host only draws format 1");
 }
 
 TEST(Image, PixelsInTheMessageHaveToBeExactlyThoseOfTheFrame) {
-  EXPECT_EQ(RefusalOfLayout(absl::StrCat(
-                "size { width: 2 height: 2 } stride_bytes: 8", kFormat)),
-            "a frame of 16 bytes with 8 in its message; the limit is 1048576");
+  EXPECT_EQ(
+      RefusalOfLayout(
+          absl::StrCat("size { width: 2 height: 2 } stride_bytes: 8", kFormat)),
+      "a frame of 16 bytes with 8 bytes in the message; the limit is 1048576");
 }
 
 TEST(Image, AFrameWithoutPixelsIsRefused) {
@@ -151,7 +153,7 @@ TEST(Image, AFrameWithoutPixelsIsRefused) {
             "a frame without pixels");
 }
 
-// What is told of it
+// What can be done with an image
 
 TEST(Image, TheAverageIsInRedGreenAndBlue) {
   EXPECT_EQ(AverageColor({2, 1, {1, 2, 255, 255, 3, 4, 255, 255}}), "#ff0302");

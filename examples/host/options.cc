@@ -14,7 +14,7 @@ constexpr int kExitUsage = 2;
 
 void PrintHelp() {
   std::cout << "Usage: host [OPTION]...\n"
-               "Drives browser 1 of a widget_server as a user would,\n"
+               "Drives browser 1 of a widget_server like a user,\n"
                "and prints what happens.\n"
                "\n"
                "  --socket PATH    connect to the widget that listens at PATH\n"

@@ -1,5 +1,5 @@
-// examples/main_loops/glib_host.cc: a host in a program whose main loop is
-// GLib's, or GTK's.
+// examples/main_loops/glib_host.cc: a host in a program with GLib's main loop,
+// which is GTK's too.
 
 #include <csignal>
 #include <iostream>

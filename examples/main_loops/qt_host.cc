@@ -1,5 +1,5 @@
-// examples/main_loops/qt_host.cc: a host in a program whose main loop is Qt's.
-// With widgets, the application is a QApplication and the rest the same.
+// examples/main_loops/qt_host.cc: a host in a program with Qt's main loop. A
+// program with widgets uses a QApplication instead; the rest is the same.
 
 #include <QCoreApplication>
 #include <iostream>

@@ -1,6 +1,6 @@
 // examples/main_loops/sdl_host.cc: a host in a program that waits for SDL's
-// events. With a window, SDL_Init gets SDL_INIT_VIDEO too, and the rest is the
-// same.
+// events. A program with a window adds SDL_INIT_VIDEO to SDL_Init; the rest is
+// the same.
 
 #include <SDL.h>
 
@@ -19,7 +19,7 @@ void Quit() {
   SDL_PushEvent(&event);
 }
 
-// True unless there was nobody to talk to.
+// False if no server listens at `path`.
 bool Run(const std::string& path) {
   orvane::EventLoop loop;
   orvane::SdlEvents work(&loop);
@@ -47,7 +47,7 @@ bool Run(const std::string& path) {
   SDL_Event event;
   while (SDL_WaitEvent(&event) == 1) {
     if (work.Handle(event)) continue;
-    if (event.type == SDL_QUIT) break;  // SDL makes SIGINT one, too.
+    if (event.type == SDL_QUIT) break;  // Also after SIGINT.
   }
   return true;
 }

@@ -50,7 +50,7 @@ const fromJson = (type, json) => type.fromObject(JSON.parse(json));
 const toJson = (type, message) =>
   JSON.stringify(type.toObject(message, { longs: String, enums: String, bytes: String }));
 
-// What this client says of itself. The widget checks whether it fits.
+// What this client tells about itself. The widget checks whether it is compatible.
 function hello() {
   const fullName = type => type.fullName.slice(1);
   let hash = 0xcbf29ce484222325n;
@@ -144,7 +144,7 @@ function call(name, json) {
   });
 }
 
-// Opens a stream, subscribes it with `request`, and passes its messages on.
+// Opens a stream, subscribes it with `request`, and passes on its messages.
 function follow(name, method, request, onMessage) {
   const streamId = connection.begin(Kind.KIND_OPEN, method.index, undefined, frame => {
     if (frame.kind === Kind.KIND_ERROR) return end(1, errorText(frame));

@@ -21,7 +21,7 @@ int main(int argc, char** argv) {
   BrowserId kitchen;
   kitchen.set_value(7);
 
-  // While these are kept, the host hears of the room and is asked about it.
+  // As long as these exist, the host receives events and questions.
   const auto changes = thermostat.WhenTemperatureChanged(
       kitchen, [](const home::TemperatureChanged& event) {
         std::cout << "event: the kitchen has " << event.temperature().degrees()
@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
         std::move(responder).Respond(answer).IgnoreError();
       });
 
-  // Each call waits for its answer; events and questions come meanwhile.
+  // Each call waits for its answer; events and questions arrive meanwhile.
   for (const int degrees : {21, 28, 40}) {
     home::HeatRequest request;
     *request.mutable_room() = kitchen;

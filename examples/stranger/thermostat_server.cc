@@ -18,8 +18,8 @@ class HomeThermostat final : public home::Thermostat {
       return;
     }
 
-    // Asks first. The call that is being served is answered later then, by the
-    // continuation, which runs once.
+    // Asks the host first. The continuation, which runs exactly once, answers
+    // the call later.
     home::ConfirmHeatCall question;
     *question.mutable_target() = request->target();
     orvane::Call<home::ConfirmHeat>(
@@ -27,11 +27,11 @@ class HomeThermostat final : public home::Thermostat {
         [controller, request,
          done](const absl::StatusOr<home::ConfirmHeatResponse>& answer) {
           if (absl::IsNotFound(answer.status())) {
-            controller->SetFailed("nobody is there to ask");
+            controller->SetFailed("there is no host to ask");
           } else if (!answer.ok()) {
             controller->SetFailed(std::string(answer.status().message()));
           } else if (!answer->wanted()) {
-            controller->SetFailed("too hot for the host");
+            controller->SetFailed("the host does not want that");
           } else {
             SetTemperature(*request);
           }

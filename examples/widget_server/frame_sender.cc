@@ -13,7 +13,7 @@
 namespace widget_server {
 namespace {
 
-// A host that takes longer to draw has stopped drawing.
+// A host that takes longer has probably stopped drawing.
 constexpr absl::Duration kTimeout = absl::Seconds(5);
 
 std::int64_t MonotonicNow() {
@@ -22,19 +22,19 @@ std::int64_t MonotonicNow() {
       .count();
 }
 
-// Null where there is no frame to be made of the picture.
+// Null if the picture cannot be sent as a frame.
 std::shared_ptr<SharedPixels> PaintFrame(const Picture& picture,
                                          rpc::PixelFrame* frame) {
   const std::optional<rpc::SizePx> size = SizeInPixels(picture);
-  // Neither is an error of the host's: a view may be empty, and one beyond the
-  // limits of a frame can be attached all the same, as it could in a window.
+  // Not an error: a view may be empty, and one that exceeds the limits of a
+  // frame may be attached, as it could be in a window.
   if (!size.has_value()) return nullptr;
   const std::int64_t stride = size->width() * kBytesPerPixel;
   const std::int64_t length = stride * size->height();
   absl::StatusOr<std::unique_ptr<SharedPixels>> pixels =
       SharedPixels::Create(static_cast<std::size_t>(length));
   if (!pixels.ok()) {
-    LOG(WARNING) << "a frame is not drawn: " << pixels.status().message();
+    LOG(WARNING) << "cannot draw a frame: " << pixels.status().message();
     return nullptr;
   }
   Paint(picture, (*pixels)->bytes());
@@ -69,7 +69,7 @@ void FrameSender::SendNext() {
 bool FrameSender::SendView() {
   if (wanted_.view == shown_.view) return false;
   shown_.view.reset();
-  if (!wanted_.view.has_value()) return false;  // The host hides views itself.
+  if (!wanted_.view.has_value()) return false;  // The host has hidden the view.
   if (!SendSurface(*wanted_.view, {})) return false;
   shown_.view = wanted_.view;
   return true;
@@ -78,7 +78,8 @@ bool FrameSender::SendView() {
 bool FrameSender::SendPopup() {
   if (wanted_.popup == shown_.popup) return false;
   shown_.popup.reset();
-  if (!wanted_.popup.has_value()) return false;  // DropDownDeleted said so.
+  if (!wanted_.popup.has_value())
+    return false;  // The host got DropDownDeleted.
   rpc::UpdateSurfaceCall call;
   call.mutable_popup()->set_popup_id(wanted_.popup->id);
   *call.mutable_popup()->mutable_bounds() = wanted_.popup->place.ToProto();
@@ -113,7 +114,7 @@ bool FrameSender::SendCaret() {
 
 bool FrameSender::SendSurface(const Picture& picture,
                               rpc::UpdateSurfaceCall call) {
-  // Asked first, since pixels are dear.
+  // Checked before painting, which is expensive.
   if (!orvane::IsServed<rpc::UpdateSurface>(browser_)) return false;
   return Send<rpc::UpdateSurface>(service_->OnUpdateSurface(), std::move(call),
                                   &picture);
@@ -128,8 +129,8 @@ bool FrameSender::Send(const orvane::Caller<T>& caller, orvane::CallOf<T> call,
     if (pixels == nullptr) return false;
     call.mutable_frame()->set_frame_id(++last_frame_);
   }
-  // The continuation keeps the pixels until the call has ended. A picture that
-  // was not shown is not sent again, but all of the next one counts as changed.
+  // The continuation keeps the pixels until the call has ended. If a picture
+  // was not shown, it is not sent again; all of the next one counts as changed.
   caller(browser_, std::move(call),
          [pixels, weak = weak_from_this()](
              const absl::StatusOr<orvane::ResponseOf<T>>& response) {

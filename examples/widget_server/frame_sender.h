@@ -34,11 +34,11 @@ struct Scene {
   std::optional<Layer> caret;
 };
 
-// Calls the host with what has changed since the last scene, one call at a
-// time: nothing is painted before the host has answered, and then only the
-// newest scene. Pixels stay in shared memory until their call has ended. A
-// picture that is empty or too large for a frame is not sent, nor is one that
-// no host serves; the next Show tries again.
+// Sends the host what has changed since the last scene, one call at a time:
+// while the host has not answered, nothing is painted; then the newest scene
+// is. Pixels stay in shared memory until their call has ended. A picture is not
+// sent if it is empty or too large for a frame, or if no host receives
+// pictures; the next Show tries again.
 //
 // Thread: the service thread. Lifetime: `service` outlives the sender; calls
 // may outlive both.
@@ -51,8 +51,8 @@ class FrameSender : public std::enable_shared_from_this<FrameSender> {
   void Show(Scene scene);
 
  private:
-  // Each starts a call if the host does not have what is wanted. Returns false
-  // if it started none.
+  // Each starts a call if the host does not have the wanted picture yet, and
+  // returns whether it has started one.
   bool SendView();
   bool SendPopup();
   bool SendCaret();
@@ -69,10 +69,10 @@ class FrameSender : public std::enable_shared_from_this<FrameSender> {
   const BrowserId browser_;
   rpc::BrowserWidgetRpc* const service_;
   Scene wanted_;
-  Scene shown_;  // What was sent to the host.
+  Scene shown_;  // What the host has been sent.
   bool is_call_waiting_ = false;
   // The host did not present a picture. It may have been the caret's, so the
-  // next call about the caret carries its picture again.
+  // next call for the caret carries its picture again.
   bool is_picture_lost_ = false;
   std::uint64_t last_frame_ = 0;
 };

@@ -34,7 +34,7 @@ Scene CaretAt(double x, double scale_factor = 1) {
   return {{}, {}, Layer{{x, 0, 4, 2}, Plain(kInk, 4, 2, scale_factor)}};
 }
 
-// The object of that name, or nothing if there is none.
+// The object with that name, or nullopt if it does not exist.
 std::vector<std::uint8_t> ReadSharedMemory(const std::string& name) {
   const orvane::OwnedDescriptor object(::shm_open(name.c_str(), O_RDONLY, 0));
   if (object.get() < 0) return {};
@@ -50,7 +50,7 @@ std::vector<std::uint8_t> ReadSharedMemory(const std::string& name) {
   return copy;
 }
 
-// A sender between a service and hosts that do what the test says.
+// A sender between a service and scripted hosts.
 class FrameSenderTest : public ::testing::Test {
  protected:
   using Surfaces = ScriptedHost<rpc::UpdateSurface>;

@@ -23,8 +23,8 @@ absl::Status CheckKey(const rpc::Key& key) {
       "the key is not given; it needs `key` or `windows_key_code`");
 }
 
-// The same name at press and release. The key's meaning is used only if nothing
-// else is given, since a modifier pressed in between changes it.
+// A name that is the same at press and release. The key's meaning is used only
+// if nothing else is given, since a modifier pressed in between changes it.
 std::string NameOf(const rpc::Key& key) {
   if (key.code().empty() && key.windows_key_code() != 0) {
     return absl::StrCat("code ", key.windows_key_code(), " at location ",
@@ -41,7 +41,7 @@ absl::Status CheckButton(rpc::MouseButton button) {
   }
   return absl::InvalidArgumentError(absl::StrCat(
       "button ", static_cast<int>(button),
-      " is none; those of a mouse are 1 (primary) to 5 (forward)"));
+      " does not exist; a mouse has buttons 1 (primary) to 5 (forward)"));
 }
 
 absl::Status CheckPointIsGiven(const TouchPoints& points) {
@@ -85,7 +85,7 @@ absl::Status Input::KeyRelease(const rpc::KeyReleaseRequest& event) {
 absl::Status Input::KeyType(const rpc::KeyTypeRequest& event) {
   if (event.text().empty()) {
     return absl::InvalidArgumentError(
-        "the text is empty; a key that produces none is not typed");
+        "the text is empty; only text that a key produces is typed");
   }
   return Accept(absl::StrCat("KeyType ", event.text()));
 }
@@ -118,7 +118,7 @@ absl::Status Input::MouseExit(const rpc::MouseExitRequest& event) {
 absl::Status Input::MouseDrag(const rpc::MouseDragRequest& event) {
   if (event.pointer().buttons() == 0) {
     return absl::InvalidArgumentError(
-        "no button is held; the pointer moves by ForwardMouseMove then");
+        "no button is held; use ForwardMouseMove for that");
   }
   if (is_picture_pressed_) {
     is_picture_pressed_ = false;  // No release follows.
@@ -221,8 +221,8 @@ absl::Status Input::DragDrop(const rpc::DragDropRequest& event) {
 absl::Status Input::DragEnd(const rpc::DragEndRequest& event) {
   if (!has_drag_begun_in_page_) {
     return absl::FailedPreconditionError(
-        "no drag began in the page; one from elsewhere ends by "
-        "ForwardDragLeave or ForwardDragDrop");
+        "no drag began in the page; use ForwardDragLeave or ForwardDragDrop "
+        "for a drag from elsewhere");
   }
   has_drag_begun_in_page_ = false;
   is_drag_over_ = false;

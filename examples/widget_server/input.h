@@ -23,10 +23,11 @@
 namespace widget_server {
 
 // Each operation takes one event. Remembers which keys, buttons and fingers are
-// down and whether something is being dragged. An event that does not fit, such
-// as a release of a finger that is not down, is an error and changes nothing.
+// down and whether something is being dragged. An event that contradicts this,
+// such as the release of a finger that is not down, is an error and changes
+// nothing.
 //
-// All that it knows of the page is where the picture is that can be dragged.
+// Of the page it knows only the place of the picture that can be dragged.
 class Input {
  public:
   static constexpr std::size_t kRecentEvents = 8;
@@ -43,8 +44,8 @@ class Input {
   absl::Status MouseMove(const rpc::MouseMoveRequest& event);
   absl::Status MouseWheel(const rpc::MouseWheelRequest& event);
 
-  // Listed in recent_events(), but not decoded: no key, button or finger counts
-  // as held because of them.
+  // Listed in recent_events(), but not decoded: they do not change which keys,
+  // buttons and fingers are held.
   absl::Status NativeKeyEvent(const rpc::NativeKeyEventRequest& event);
   absl::Status NativeMouseEvent(const rpc::NativeMouseEventRequest& event);
   absl::Status NativeTouchEvent(const rpc::NativeTouchEventRequest& event);

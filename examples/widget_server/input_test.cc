@@ -117,7 +117,7 @@ TEST_F(InputTest, TypedTextMustNotBeEmpty) {
             absl::OkStatus());
   EXPECT_EQ(input_.KeyType(Parsed<rpc::KeyTypeRequest>("key { key: 'a' }")),
             absl::InvalidArgumentError(
-                "the text is empty; a key that produces none is not typed"));
+                "the text is empty; only text that a key produces is typed"));
 }
 
 // Mouse
@@ -136,7 +136,8 @@ TEST_F(InputTest, ButtonsAreHeldAsTheLatestEventHasThem) {
 
 TEST_F(InputTest, AButtonMustBeGiven) {
   const absl::Status refusal = absl::InvalidArgumentError(
-      "button 0 is none; those of a mouse are 1 (primary) to 5 (forward)");
+      "button 0 does not exist; a mouse has buttons 1 (primary) to 5 "
+      "(forward)");
   EXPECT_EQ(Press("pointer { buttons: 1 }"), refusal);
   EXPECT_EQ(Release(""), refusal);
   EXPECT_EQ(input_.held_buttons(), 0U);
@@ -146,7 +147,7 @@ TEST_F(InputTest, AButtonMustBeOneOfAMouse) {
   rpc::MousePressRequest event;
   event.set_button(static_cast<rpc::MouseButton>(6));
   EXPECT_EQ(input_.MousePress(event).message(),
-            "button 6 is none; those of a mouse are 1 (primary) to 5 "
+            "button 6 does not exist; a mouse has buttons 1 (primary) to 5 "
             "(forward)");
 }
 
@@ -159,9 +160,9 @@ TEST_F(InputTest, ThePointerIsInsideFromEnterToExit) {
 }
 
 TEST_F(InputTest, MovingWithAButtonNeedsOneThatIsHeld) {
-  EXPECT_EQ(MoveHolding(0),
-            absl::InvalidArgumentError("no button is held; the pointer moves "
-                                       "by ForwardMouseMove then"));
+  EXPECT_EQ(MoveHolding(0), absl::InvalidArgumentError(
+                                "no button is held; use ForwardMouseMove "
+                                "for that"));
   EXPECT_EQ(MoveHolding(rpc::MOUSE_BUTTON_FLAG_AUXILIARY), absl::OkStatus());
 }
 
@@ -207,7 +208,7 @@ TEST_F(InputTest, NativeEventsThatAreTooShortAreRefused) {
   EXPECT_EQ(input_.NativeTouchEvent(Parsed<rpc::NativeTouchEventRequest>(
                 "event { platform: PLATFORM_X11 payload: '12345' }")),
             absl::InvalidArgumentError(
-                "the event has 5 bytes; the shortest of X11 has 184"));
+                "the event has 5 bytes; the shortest X11 event has 184"));
 }
 
 // Touch
@@ -351,8 +352,8 @@ TEST_F(InputTest, ADragFromElsewhereHasNoEndInThePage) {
   ASSERT_EQ(input_.DragEnter({}), absl::OkStatus());
   EXPECT_EQ(input_.DragEnd({}),
             absl::FailedPreconditionError(
-                "no drag began in the page; one from elsewhere ends by "
-                "ForwardDragLeave or ForwardDragDrop"));
+                "no drag began in the page; use ForwardDragLeave or "
+                "ForwardDragDrop for a drag from elsewhere"));
   EXPECT_TRUE(input_.is_drag_over());
 }
 

@@ -1,5 +1,5 @@
-// A widget process without a browser engine: serves widgets in memory to the
-// hosts that connect, until SIGINT or SIGTERM.
+// A widget server without a browser engine: serves browser widgets whose page
+// exists only in memory, until SIGINT or SIGTERM.
 
 #include <csignal>
 #include <cstdlib>
@@ -14,7 +14,7 @@
 
 namespace {
 
-// What hosts have to read the last replies.
+// The time that hosts have to read the last replies.
 constexpr absl::Duration kShutdownBound = absl::Seconds(2);
 
 }  // namespace

@@ -37,7 +37,7 @@ rpc::FocusDirection DirectionOf(const rpc::KeyPressRequest& tab) {
              : rpc::FOCUS_DIRECTION_FORWARD;
 }
 
-// Where focus comes in that moves in this direction.
+// The element that gets the focus when it enters the page in this direction.
 ElementId FirstElement(rpc::FocusDirection direction) {
   return direction == rpc::FOCUS_DIRECTION_BACKWARD ? kFocusOrder.back()
                                                     : kFocusOrder.front();
@@ -129,7 +129,7 @@ void Page::ShowTooltip(const Element* under_pointer) {
 }
 
 void Page::PointAt(const rpc::PointDip& position) {
-  // What an open list covers is not pointed at.
+  // Elements below an open list are not under the pointer.
   const bool is_on_list = open_list_.has_value() &&
                           !open_list_->is_shown_by_host &&
                           OptionAt(position).has_value();
@@ -147,8 +147,8 @@ void Page::MouseMove(const rpc::MouseMoveRequest& event) {
 }
 
 void Page::MouseExit(const rpc::MouseExitRequest&) {
-  // The cursor there is the host's own; the page's next one is compared with
-  // the one that the host last heard of.
+  // Outside the view the host chooses the cursor. cursor_ stays, since it is
+  // the one that was last sent to the host.
   ShowTooltip(nullptr);
 }
 
@@ -158,7 +158,7 @@ void Page::MousePress(const rpc::MousePressRequest& event) {
   const bool is_primary = event.button() == rpc::MOUSE_BUTTON_PRIMARY;
   const rpc::PointDip& position = event.pointer().position();
   if (open_list_.has_value() && !open_list_->is_shown_by_host) {
-    // All that this press does.
+    // The press has no other effect.
     CloseList(is_primary ? OptionAt(position) : std::nullopt);
     return;
   }
@@ -183,7 +183,7 @@ void Page::Click(ElementId element) {
   if (element == ElementId::kList) OpenTheList();
 }
 
-// What opens
+// The dialog and the list
 
 void Page::OpenDialog() {
   rpc::CreateWebDialogCall dialog;
@@ -231,7 +231,7 @@ void Page::OpenTheList() {
   Ask<rpc::ShowDropdown>(
       service_->OnShowDropdown(), std::move(call),
       [id = last_list_](Page& page, const rpc::ShowDropdownResponse* answer) {
-        // It may have closed with its view before.
+        // The list may have been closed together with its view.
         if (!page.open_list_.has_value() || page.open_list_->id != id) return;
         std::optional<std::size_t> choice;
         if (answer != nullptr && answer->accepted() &&
@@ -279,7 +279,7 @@ void Page::InsertText(absl::string_view text) {
   std::size_t characters = CharactersIn(text_);
   for (const char byte : text) {
     const auto value = static_cast<unsigned char>(byte);
-    if (value < 0x20 || value == 0x7F) continue;  // No text.
+    if (value < 0x20 || value == 0x7F) continue;  // A control character.
     characters += CharactersIn({&byte, 1});
     if (characters > kFieldCharacters) break;
     text_ += byte;
@@ -327,7 +327,7 @@ void Page::FocusElement(ElementId element) {
   *call.mutable_bounds() = target.place.ToProto();
   Ask<rpc::AccessibilityRequestFocus>(
       service_->OnAccessibilityRequestFocus(), std::move(call),
-      // The keyboard focus is there wherever the other one is.
+      // The keyboard focus does not depend on the answer.
       [](Page&, const rpc::AccessibilityRequestFocusResponse*) {});
 }
 

@@ -1,4 +1,4 @@
-// The page that a browser shows: not a real one, but it behaves like one.
+// The page that a browser shows. It is not a real one, but behaves like one.
 
 #ifndef EXAMPLES_WIDGET_SERVER_PAGE_H_
 #define EXAMPLES_WIDGET_SERVER_PAGE_H_
@@ -17,7 +17,7 @@
 
 namespace widget_server {
 
-// What the page knows of the view that shows it.
+// What the page knows about the view that shows it.
 struct Viewport {
   bool is_attached = false;
   bool is_drawn_off_screen = false;  // The host gets its picture and draws it.
@@ -76,9 +76,9 @@ class Page : public std::enable_shared_from_this<Page> {
   // The live regions of the page.
   enum class Region : std::uint64_t { kDialog = 1, kChoice = 2, kText = 3 };
 
-  // Calls the host, then runs `then` with the page and a pointer to the answer,
-  // which is null if the call failed. If no host serves the call, `then` runs
-  // before Ask returns. If the page is gone by then, `then` does not run.
+  // Calls the host. `then` runs in a later task, with the page and a pointer to
+  // the answer, which is null if the call failed; it does not run if the page
+  // has been destroyed by then.
   template <typename T, typename Then>
   void Ask(const orvane::Caller<T>& caller, orvane::CallOf<T> call, Then then);
 
@@ -86,7 +86,7 @@ class Page : public std::enable_shared_from_this<Page> {
   template <typename T>
   T New() const;
 
-  // Null if the pointer is over no element.
+  // `under_pointer` is null if the pointer is not over an element.
   void ShowCursor(const Element* under_pointer);
   void ShowTooltip(const Element* under_pointer);
   void PointAt(const rpc::PointDip& position);

@@ -1,4 +1,4 @@
-// What a host that draws the page receives.
+// The pictures that a host receives which draws the page.
 
 #include <cstddef>
 

@@ -1,5 +1,5 @@
-// For tests: a page, hosts that do what the test says, and a record of what was
-// published.
+// For tests: a page, scripted hosts, and a record of the events that the page
+// publishes.
 
 #ifndef EXAMPLES_WIDGET_SERVER_PAGE_FIXTURE_H_
 #define EXAMPLES_WIDGET_SERVER_PAGE_FIXTURE_H_
@@ -20,10 +20,10 @@
 
 namespace widget_server {
 
-// Writes down what is published, and calls for real.
+// Records events instead of publishing them; makes calls like a real service.
 class RecordingService final : public rpc::BrowserWidgetRpc {
  public:
-  // What was published since the last call of this.
+  // The events published since the last call of this function.
   std::vector<std::string> Published() { return std::exchange(published_, {}); }
 
   orvane::Publisher<rpc::CursorChanged> WhenCursorChanged() override {
@@ -101,7 +101,7 @@ class RecordingService final : public rpc::BrowserWidgetRpc {
   std::vector<std::string> published_;
 };
 
-// A page in a view with everything on, and hosts that do what the test says.
+// A page in a view that has focus and accessibility, and scripted hosts.
 class PageFixture : public ::testing::Test {
  protected:
   PageFixture() {

@@ -1,5 +1,5 @@
-// Where the focus goes, what is typed and dropped there, and what happens to
-// answers when the page is gone.
+// Focus, typed and dropped text, and answers that arrive after the page has
+// been destroyed.
 
 #include <memory>
 #include <optional>
@@ -257,7 +257,7 @@ TEST_F(PageDragTest, EachDragOfThePictureIsAnnounced) {
   EXPECT_THAT(service_.Published(), SizeIs(2));
 }
 
-// After the page
+// Answers after the page has been destroyed
 
 TEST_F(PageLifeTest, AnswersThatComeLaterMakeNoDifference) {
   Serve(dialogs_);

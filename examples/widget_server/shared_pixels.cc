@@ -28,16 +28,16 @@ absl::StatusOr<std::unique_ptr<SharedPixels>> SharedPixels::Create(
   static std::uint64_t last_number = 0;
   std::string name;
   int descriptor = -1;
-  // A process that had this id before may have been killed and have left the
-  // name behind.
+  // An earlier process with the same id may have been killed and left its
+  // object behind.
   do {
     name = absl::StrCat("/orvane-widget-", ::getpid(), "-", ++last_number);
     descriptor = ::shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
   } while (descriptor < 0 && errno == EEXIST);
   if (descriptor < 0) return Failure(name, length, errno);
 
-  // Reserves the memory now. Otherwise a write kills the process if there is
-  // none left (SIGBUS).
+  // Reserves the memory now. Otherwise, if no memory is left, a later write
+  // would kill the process (SIGBUS).
   int error = 0;
   do {
     error = ::posix_fallocate(descriptor, 0, static_cast<off_t>(length));

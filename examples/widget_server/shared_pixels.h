@@ -25,7 +25,8 @@ class SharedPixels {
   SharedPixels(const SharedPixels&) = delete;
   SharedPixels& operator=(const SharedPixels&) = delete;
 
-  // Unmaps the object and removes its name. Whoever has mapped it keeps it.
+  // Unmaps the object and removes its name. Processes that have mapped it keep
+  // their mapping.
   ~SharedPixels();
 
   // For shm_open, with its leading slash.

@@ -27,7 +27,7 @@ std::unique_ptr<SharedPixels> NewPixels(std::size_t length) {
   return *std::move(pixels);
 }
 
-// As a host opens it.
+// Opens the object like a host.
 orvane::OwnedDescriptor Open(const std::string& name) {
   return orvane::OwnedDescriptor(::shm_open(name.c_str(), O_RDONLY, 0));
 }

@@ -12,9 +12,9 @@
 
 namespace widget_server {
 
-// The view's place, whether it is shown and focused, and the input that it got.
-// A new view is hidden, without focus and empty. An operation that fails
-// changes nothing.
+// The view's place, whether it is shown and focused, and the input that it has
+// received. A new view is hidden, empty and without focus. An operation that
+// fails changes nothing.
 class View {
  public:
   // `engine_window` is the window that the engine draws into; unset if

@@ -93,10 +93,11 @@ TEST(View, MovesIntoAnotherParentWindowAndKeepsWhatItShows) {
 
 TEST(View, NeedsAParentWindowUnlessItIsOffScreen) {
   View windowed = Windowed();
-  EXPECT_EQ(MoveTo(&windowed, "bounds { width: 1 height: 1 }"),
-            absl::NotFoundError(
-                "window 0 of PLATFORM_UNSPECIFIED does not exist; a window "
-                "here is one of PLATFORM_X11, from 1 to 536870911"));
+  EXPECT_EQ(
+      MoveTo(&windowed, "bounds { width: 1 height: 1 }"),
+      absl::NotFoundError(
+          "window 0 of PLATFORM_UNSPECIFIED does not exist; windows are of "
+          "PLATFORM_X11, with handles from 1 to 536870911"));
   View off_screen = OffScreen();
   EXPECT_EQ(MoveTo(&off_screen, "bounds { width: 1 height: 1 }"),
             absl::OkStatus());
@@ -104,13 +105,14 @@ TEST(View, NeedsAParentWindowUnlessItIsOffScreen) {
 
 TEST(View, DoesNotMoveIntoAWindowThatDoesNotExist) {
   for (View view : {Windowed(), OffScreen()}) {
-    EXPECT_EQ(MoveTo(&view,
-                     "parent_window { platform: PLATFORM_X11"
-                     "  handle: 536870912 }"
-                     " bounds { width: 1 height: 1 }"),
-              absl::NotFoundError(
-                  "window 536870912 of PLATFORM_X11 does not exist; a window "
-                  "here is one of PLATFORM_X11, from 1 to 536870911"));
+    EXPECT_EQ(
+        MoveTo(&view,
+               "parent_window { platform: PLATFORM_X11"
+               "  handle: 536870912 }"
+               " bounds { width: 1 height: 1 }"),
+        absl::NotFoundError(
+            "window 536870912 of PLATFORM_X11 does not exist; windows are of "
+            "PLATFORM_X11, with handles from 1 to 536870911"));
     EXPECT_EQ(view.bounds().width(), 0);
   }
 }

@@ -38,9 +38,9 @@ absl::Status Widget::Attach(const rpc::AttachRequest& request,
   }
   const rpc::RenderingMode mode = ChooseMode(request);
   if (!rpc::RenderingMode_IsValid(mode)) {
-    result->set_refusal(absl::StrCat(
-        "rendering mode ", static_cast<int>(mode),
-        " is not known here; 1 (windowed) and 2 (off-screen) are"));
+    result->set_refusal(
+        absl::StrCat("rendering mode ", static_cast<int>(mode),
+                     " is not supported; use 1 (windowed) or 2 (off-screen)"));
     return absl::OkStatus();
   }
   View view(mode, mode == rpc::RENDERING_MODE_WINDOWED ? EngineWindow(browser_)

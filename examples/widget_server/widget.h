@@ -22,15 +22,15 @@
 
 namespace widget_server {
 
-// The widget and its page live as long as the browser, the view only while it
-// is attached. Wrong use is an error with a text that a host can show, and
-// changes nothing.
+// The widget and its page exist as long as the browser, the view only while it
+// is attached. An operation that is used wrongly fails with a text that a host
+// can show, and changes nothing.
 class Widget {
  public:
   // The page publishes and calls through `service`, which outlives the widget.
   Widget(std::uint64_t browser, rpc::BrowserWidgetRpc* service);
 
-  // `result` tells whether the widget is attached, or why it refuses to be.
+  // `result` tells whether the widget is attached, and if not, why.
   absl::Status Attach(const rpc::AttachRequest& request,
                       rpc::AttachResult* result);
 
@@ -52,8 +52,8 @@ class Widget {
   absl::Status SetParentAccessibilityNodes(
       const rpc::SetParentAccessibilityNodesRequest& request);
 
-  // Static: X11 joins accessibility trees by tokens, not by windows, so no
-  // widget joins the window.
+  // Always sets `is_joined` to false, since accessibility trees are joined by
+  // tokens on X11, not by windows.
   static absl::Status AttachAccessibleWindow(
       const rpc::AttachAccessibleWindowRequest& request,
       google::protobuf::BoolValue* is_joined);

@@ -66,7 +66,8 @@ void WidgetService::ServeInput(Controller* controller, const Event& event,
                                Closure* done,
                                absl::Status (Input::*take)(const Event&),
                                void (Page::*react)(const Event&)) {
-  const Event kept = event;  // The page reacts after the reply has freed it.
+  const Event kept =
+      event;  // The reply frees the event before the page reacts.
   ServeView(
       controller, event.browser_id(), done,
       [&](View& view) { return (view.input().*take)(event); },

@@ -1,4 +1,4 @@
-// The whole service, served by widgets without a browser engine.
+// The complete service, served by widgets without a browser engine.
 
 #ifndef EXAMPLES_WIDGET_SERVER_WIDGET_SERVICE_H_
 #define EXAMPLES_WIDGET_SERVER_WIDGET_SERVICE_H_
@@ -147,7 +147,7 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
                             const rpc::SetForcedScaleFactorRequest* request,
                             Empty* response, Closure* done) override;
 
-  // Through these the pages publish events and call the host.
+  // The pages publish events and call the host through these.
   orvane::Publisher<rpc::CursorChanged> WhenCursorChanged() override;
   orvane::Publisher<rpc::TooltipChanged> WhenTooltipChanged() override;
   orvane::Publisher<rpc::DropDownCreated> WhenDropDownCreated() override;
@@ -166,8 +166,8 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
  private:
   static void DoNotReact(Page&) {}
 
-  // Serves a call: fails it if there is no such browser or `serve` returns an
-  // error. Runs `done` in either case; the handler's arguments are gone
+  // Serves a call: fails it if the browser does not exist or `serve` returns an
+  // error. Runs `done` in either case; the handler's arguments no longer exist
   // afterwards. If the call succeeded, the page gets the state of its view, and
   // `react` runs.
   void ServeWidget(Controller* controller, const BrowserId& browser_id,
@@ -185,7 +185,7 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
   void ServeInput(Controller* controller, const Event& event, Closure* done,
                   absl::Status (Input::*take)(const Event&));
 
-  // Like the one above, for an event that the page reacts to.
+  // Like the one above, for an event to which the page reacts.
   template <typename Event>
   void ServeInput(Controller* controller, const Event& event, Closure* done,
                   absl::Status (Input::*take)(const Event&),

@@ -103,16 +103,16 @@ TEST_F(WidgetTest, AModeThatIsNotKnownIsARefusalAndNoFailure) {
   EXPECT_EQ(widget_.Attach(request, &result), absl::OkStatus());
   EXPECT_FALSE(result.attached());
   EXPECT_EQ(result.refusal(),
-            "rendering mode 3 is not known here; 1 (windowed) and 2 "
-            "(off-screen) are");
+            "rendering mode 3 is not supported; use 1 (windowed) or 2 "
+            "(off-screen)");
   EXPECT_FALSE(widget_.view().ok());
 }
 
 TEST_F(WidgetTest, IsNotAttachedToAWindowThatDoesNotExist) {
   EXPECT_EQ(Attach("parent_window { platform: PLATFORM_WINDOWS handle: 5 }"),
             absl::NotFoundError(
-                "window 5 of PLATFORM_WINDOWS does not exist; a window here is "
-                "one of PLATFORM_X11, from 1 to 536870911"));
+                "window 5 of PLATFORM_WINDOWS does not exist; windows are of "
+                "PLATFORM_X11, with handles from 1 to 536870911"));
   EXPECT_FALSE(widget_.view().ok());
 }
 
@@ -174,8 +174,8 @@ TEST_F(WidgetTest, AHostWindowMustExist) {
                 .AssignHostWindow(Parsed<rpc::AssignHostWindowRequest>(
                     "host_window { platform: PLATFORM_X11 handle: 0 }"))
                 .message(),
-            "window 0 of PLATFORM_X11 does not exist; a window here is one of "
-            "PLATFORM_X11, from 1 to 536870911");
+            "window 0 of PLATFORM_X11 does not exist; windows are of "
+            "PLATFORM_X11, with handles from 1 to 536870911");
   EXPECT_EQ(widget_.host_window().handle(), 8U);
 }
 
@@ -312,7 +312,7 @@ TEST_F(WidgetTest, ATokenMustNameANode) {
             "parent_node { platform: PLATFORM_X11 token: '", token, "' }")),
         absl::InvalidArgumentError(absl::StrCat(
             "token \"", token,
-            "\" names no node; it takes a bus name, a colon and an "
+            "\" does not name a node; it must be a bus name, a colon and an "
             "object path")));
   }
 }
@@ -322,7 +322,8 @@ TEST_F(WidgetTest, AWindowNodeIsCheckedLikeAParentNode) {
                 "parent_node { platform: PLATFORM_X11 token: ':1.9:/view' }"
                 "window_node { platform: PLATFORM_X11 token: '\\377' }")
                 .message(),
-            "token \"\\377\" names no node; it takes a bus name, a colon and "
+            "token \"\\377\" does not name a node; it must be a bus name, a "
+            "colon and "
             "an object path");
   EXPECT_EQ(widget_.parent_node().token(), "");
 }

@@ -34,7 +34,7 @@ absl::Status CheckWindow(const rpc::WindowHandle& window) {
   }
   return absl::NotFoundError(absl::StrCat(
       "window ", window.handle(), " of ", NameOf(window.platform()),
-      " does not exist; a window here is one of PLATFORM_X11, from 1 to ",
+      " does not exist; windows are of PLATFORM_X11, with handles from 1 to ",
       kLargestWindow));
 }
 
@@ -47,9 +47,10 @@ absl::Status CheckNode(const rpc::AccessibilityToken& node) {
   const absl::string_view token = node.token();
   const std::size_t end_of_bus_name = token.find(":/");
   if (end_of_bus_name == token.npos || end_of_bus_name == 0) {
-    return absl::InvalidArgumentError(absl::StrCat(
-        "token \"", absl::CEscape(token),
-        "\" names no node; it takes a bus name, a colon and an object path"));
+    return absl::InvalidArgumentError(
+        absl::StrCat("token \"", absl::CEscape(token),
+                     "\" does not name a node; it must be a bus name, a colon "
+                     "and an object path"));
   }
   return absl::OkStatus();
 }
@@ -61,9 +62,9 @@ absl::Status CheckNativeEvent(const rpc::NativeEvent& event) {
                      "; this widget runs on PLATFORM_X11"));
   }
   if (event.payload().size() < kShortestEventBytes) {
-    return absl::InvalidArgumentError(
-        absl::StrCat("the event has ", event.payload().size(),
-                     " bytes; the shortest of X11 has ", kShortestEventBytes));
+    return absl::InvalidArgumentError(absl::StrCat(
+        "the event has ", event.payload().size(),
+        " bytes; the shortest X11 event has ", kShortestEventBytes));
   }
   return absl::OkStatus();
 }

@@ -1,6 +1,6 @@
-// What the widget needs from its window system, X11. The example asks no X
-// server. A widget that does, or one for another platform, replaces these few
-// functions.
+// What the widget needs from its window system, X11. The example does not talk
+// to an X server. A widget that does, or one for another platform, replaces
+// these few functions.
 
 #ifndef EXAMPLES_WIDGET_SERVER_X11_H_
 #define EXAMPLES_WIDGET_SERVER_X11_H_
@@ -16,18 +16,17 @@
 
 namespace widget_server {
 
-// OK if the window exists. The X server is not asked: any number that can be
-// the id of a window counts.
+// OK if the window can exist: its handle is a number that X11 uses for windows.
+// The X server is not asked.
 absl::Status CheckWindow(const rpc::WindowHandle& window);
 
 // OK if the token has the form of a node's name in an accessibility tree.
 absl::Status CheckNode(const rpc::AccessibilityToken& node);
 
-// OK if the payload is long enough to be an X11 event. Nothing else of it is
-// checked.
+// OK if the payload is long enough for an X11 event. Nothing else is checked.
 absl::Status CheckNativeEvent(const rpc::NativeEvent& event);
 
-// The window that the engine draws a browser into.
+// The window into which the engine draws a browser.
 rpc::WindowHandle EngineWindow(std::uint64_t browser);
 
 // The root of the accessibility tree of a browser's page, and an element in it.

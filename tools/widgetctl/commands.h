@@ -22,7 +22,7 @@ enum ExitCode : int {
   kOk = 0,
   kFailed = 1,  // A call or a stream failed, or a session was not as expected.
   kUsage = 2,   // Also unknown names, wrong JSON and unreadable files.
-  kNoConnection = 3,  // Or the widget has ended it, or the stream.
+  kNoConnection = 3,  // Also if the widget has ended the connection or stream.
 };
 
 // Prints `why` to stderr and returns `code`.

@@ -1,4 +1,4 @@
-// The sessions among the examples, played to the widget server among them.
+// Plays the recorded sessions in examples/ to the widget server in examples/.
 
 #include <csignal>
 #include <fstream>

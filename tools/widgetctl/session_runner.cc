@@ -30,12 +30,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// An answer goes below its call where both together would be wider.
+// If a call and its answer together are wider, the answer gets a line of its
+// own.
 constexpr std::size_t kColumns = 100;
 constexpr absl::string_view kLineBreak = "\n                    ";
 constexpr absl::string_view kArrow = " => ";
 
-// As a session file has it.
+// The form that an answer has in a session file.
 std::string ToText(const Answer& answer) {
   return answer.ok() ? ToJson(**answer)
                      : absl::StrCat("error: ", answer.status().message());
@@ -78,7 +79,7 @@ class Runner {
         client_(client),
         transcript_(transcript) {}
 
-  // False if there is no use in going on.
+  // Runs a step. False if the session cannot go on.
   bool Take(const SessionStep& step) {
     line_ = step.line;
     const int different = different_;
@@ -88,7 +89,8 @@ class Runner {
     return false;
   }
 
-  // What is left, and the sum of it all. True if all was as expected.
+  // Reports what arrived unexpectedly, and the totals. True if everything was
+  // as expected.
   bool Finish() {
     for (const auto& [name, why] : ended_) {
       Unexpected(absl::StrCat(
@@ -154,7 +156,7 @@ class Runner {
     Add(serve, OpenServe(
                    serve, client_,
                    [this, &step](WidgetCall call) {
-                     // An error is what the session wants.
+                     // An error is what the session asks for.
                      call.Give(step.answer).IgnoreError();
                      arrived_[step.subscription.method].push_back(
                          std::move(call).TakeMessage());
@@ -222,7 +224,7 @@ class Runner {
     };
   }
 
-  // Status and time, which is taken here.
+  // The status and the time since `begin`, which is added to the total.
   std::string Prefix(bool is_expected, Clock::time_point begin) {
     follows_step_ = true;
     const absl::Duration spent = absl::FromChrono(Clock::now() - begin);
@@ -231,7 +233,7 @@ class Runner {
                            absl::ToDoubleMilliseconds(spent));
   }
 
-  // What has no outcome to hold against anything.
+  // Writes a step that has no result.
   void Note(absl::string_view what) {
     follows_step_ = true;
     transcript_ << absl::StrFormat("%22s%s\n", "", what);
@@ -276,13 +278,13 @@ class Runner {
   int unexpected_ = 0;
   absl::Duration total_;
 
-  // What no step has expected yet.
+  // Messages that no step has expected yet.
   std::map<const MethodDescriptor*, std::deque<std::unique_ptr<Message>>,
            InServiceOrder>
       arrived_;
   // Streams that ended by themselves.
   std::vector<std::pair<std::string, absl::Status>> ended_;
-  // By the subscription's name. Handlers use what is above.
+  // By the subscription's name. The last member, since handlers use the others.
   std::map<std::string, OpenStream> open_;
 };
 

@@ -14,14 +14,14 @@
 
 namespace widgetctl {
 
-// Takes the steps in order and writes their results to `transcript`. `timeout`
-// bounds each call and each wait for an event or a call from the widget. A step
-// that was not as expected does not end the session, unless the connection is
-// gone.
+// Runs the steps in order and writes their results to `transcript`. `timeout`
+// limits each call and each wait for an event or a call from the widget. After
+// a step whose result was not as expected the session goes on, unless the
+// connection is gone.
 //
-// True if everything was as expected. It is not if a stream ended before the
-// session ended it, or if something arrived that no step expected. `loop` is
-// the client's.
+// Returns whether everything was as expected. It was not if a stream ended
+// before the session ended it, or if something arrived that no step expected.
+// `loop` is the client's.
 bool RunSession(const std::vector<SessionStep>& steps, absl::Duration timeout,
                 orvane::EventLoop& loop, orvane::SocketClient& client,
                 std::ostream& transcript);

@@ -30,11 +30,11 @@ namespace {
 
 absl::Status CannotStart(int error) {
   return absl::UnavailableError(
-      absl::StrCat("the command does not start: ", std::strerror(error)));
+      absl::StrCat("cannot start the command: ", std::strerror(error)));
 }
 
-// A file in memory to be read from its beginning. Unlike a pipe it takes any
-// amount before anybody reads, and does not mind if nobody does.
+// A file in memory with this text, to be read from its beginning. Unlike a
+// pipe, it can be filled before anybody reads, and need not be read at all.
 absl::StatusOr<OwnedDescriptor> FileOf(absl::string_view text) {
   OwnedDescriptor file(::memfd_create("stdin", MFD_CLOEXEC));
   if (file.get() < 0) return CannotStart(errno);
@@ -110,8 +110,8 @@ class ShellCommand::Process {
           loop_->RunAfter(absl::ZeroDuration(), [this] { ReadOutput(); });
       return;
     }
-    // Its stdout may be closed long before it exits. Whatever an error is, it
-    // is the end of the output.
+    // The command may close its stdout long before it exits. An error counts as
+    // the end of the output too.
     process_->WhenReadable([this] { End(); });
   }
 
@@ -120,7 +120,7 @@ class ShellCommand::Process {
     ::waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED);
     const absl::Status status = StatusOf(end);
     EndHandler on_end = std::exchange(on_end_, nullptr);
-    // It may destroy this object.
+    // on_end may destroy this object.
     if (status.ok()) {
       std::move(on_end)(std::move(printed_));
     } else {
@@ -134,7 +134,7 @@ class ShellCommand::Process {
   const std::unique_ptr<EventLoop::Watch> output_;
   std::unique_ptr<EventLoop::Timer> next_read_;
   std::string printed_;
-  EndHandler on_end_;  // Empty once it is over.
+  EndHandler on_end_;  // Empty once the command has ended.
 };
 
 absl::StatusOr<std::unique_ptr<ShellCommand>> ShellCommand::Start(
@@ -153,7 +153,7 @@ absl::StatusOr<std::unique_ptr<ShellCommand>> ShellCommand::Start(
     TEMP_FAILURE_RETRY(::waitpid(*pid, nullptr, 0));
     return why;
   };
-  // The C library's own function has no C linkage in all releases.
+  // In some releases the C library's own function has no C linkage.
   OwnedDescriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, *pid, 0)));
   if (handle.get() < 0) return abandon(CannotStart(errno));
   auto process = loop->WatchDescriptor(std::move(handle));

@@ -1,4 +1,4 @@
-// Programs that answer calls.
+// Shell commands that answer calls.
 
 #ifndef TOOLS_WIDGETCTL_SHELL_COMMAND_H_
 #define TOOLS_WIDGETCTL_SHELL_COMMAND_H_
@@ -14,18 +14,18 @@
 
 namespace widgetctl {
 
-// A command that runs beside the loop, by /bin/sh. What it writes to stderr
-// goes where ours does.
+// A command that /bin/sh runs while the loop goes on. It shares our stderr.
 //
 // Thread: the service thread. Lifetime: the loop outlives it.
 class ShellCommand {
  public:
   // Runs once, when the command has exited and its stdout is closed: with what
-  // it printed, or with words on how it failed. May destroy the command.
+  // it printed, or with an error that tells how it failed. May destroy the
+  // ShellCommand.
   using EndHandler =
       absl::AnyInvocable<void(absl::StatusOr<std::string> printed) &&>;
 
-  // Starts the command with `input` to read from its stdin. On error, in words,
+  // Starts the command, which can read `input` from its stdin. After an error
   // nothing has been started.
   static absl::StatusOr<std::unique_ptr<ShellCommand>> Start(
       orvane::EventLoop* loop, const std::string& command,
@@ -34,8 +34,8 @@ class ShellCommand {
   ShellCommand(const ShellCommand&) = delete;
   ShellCommand& operator=(const ShellCommand&) = delete;
 
-  // Asks the shell to terminate if it has not, and does not wait for that.
-  // `on_end` does not run any more.
+  // If the shell still runs, asks it to terminate, but does not wait for that.
+  // `on_end` does not run afterwards.
   ~ShellCommand();
 
  private:

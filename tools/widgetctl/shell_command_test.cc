@@ -90,7 +90,7 @@ TEST_F(ShellCommandTest, HasNotEndedWhenItHasOnlyClosedItsOutput) {
 TEST_F(ShellCommandTest, LeavesTheLoopFreeMeanwhile) {
   Start("cat " + Fifo());
   const std::unique_ptr<ShellCommand> waiting = std::move(command_);
-  // Ends the wait, if the loop gets as far as to start it.
+  // Ends the wait of the first command, which takes a loop that is free.
   const auto other =
       ShellCommand::Start(&loop_, "echo go >" + Fifo(), "",
                           [](const absl::StatusOr<std::string>&) {});

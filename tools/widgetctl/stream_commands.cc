@@ -32,13 +32,13 @@ using orvane::SocketClient;
 
 namespace {
 
-// Flushed, since whoever reads this wants to know now.
+// Flushed, so that a program that reads the output gets each line at once.
 void PrintLine(absl::string_view line) { std::cout << line << std::endl; }
 
-// Counts what a stream brings, up to the end of the command.
+// Counts the events or answers of a stream until the command ends.
 class Progress {
  public:
-  // `unit` is what is counted, in the plural.
+  // `unit` tells what is counted, in the plural.
   Progress(const Options& options, absl::string_view method,
            absl::string_view unit)
       : options_(options), method_(method), unit_(unit) {}
@@ -99,13 +99,14 @@ absl::Status CheckThereIsOneAnswer(const Options& options) {
                    : "serve takes only one of --reply, --fail and --command");
 }
 
-// The JSON of the message is never empty: it has the call.
+// The JSON of the message is never "{}", since it has the call.
 std::string ToLine(const WidgetCall& call) {
   const std::string json = ToJson(call.message());
   return absl::StrCat(R"({"callId":")", call.id(), R"(",)", json.substr(1));
 }
 
-// Answers calls with what a command prints, each as soon as it has.
+// Answers each call with what a command prints, as soon as the command has
+// ended.
 class CommandAnswers {
  public:
   CommandAnswers(EventLoop* loop, const MethodDescriptor* method,
@@ -176,7 +177,7 @@ ExitCode Serve(const Options& options,
       !checked.ok()) {
     return Fail(kUsage, checked.message());
   }
-  std::optional<Answer> fixed;  // Unless a command decides.
+  std::optional<Answer> fixed;  // Empty if a command gives the answers.
   if (options.reply.has_value()) {
     fixed = ReadResponse(*serve->method, *options.reply);
     if (!fixed->ok()) return Fail(kUsage, fixed->status().message());
@@ -194,13 +195,13 @@ ExitCode Serve(const Options& options,
   const std::unique_ptr<ClientStream> stream = OpenServe(
       *serve, **client,
       [&](WidgetCall call) {
-        // One too many: it is cancelled when the stream ends.
+        // A call beyond the count is cancelled when the stream ends.
         if (begun == options.count) return;
         ++begun;
         const std::string line = ToLine(call);
         PrintLine(line);
         if (!fixed.has_value()) return answers.Begin(std::move(call), line);
-        call.Give(*fixed).IgnoreError();  // An error is what --fail wants.
+        call.Give(*fixed).IgnoreError();  // With --fail an error is expected.
         progress.CountOne();
       },
       progress.OnEnd());

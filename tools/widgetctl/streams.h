@@ -1,4 +1,4 @@
-// Streams of one browser, from words to messages.
+// Streams of one browser, as a user types them.
 
 #ifndef TOOLS_WIDGETCTL_STREAMS_H_
 #define TOOLS_WIDGETCTL_STREAMS_H_
@@ -30,9 +30,10 @@ struct Subscription {
   std::unique_ptr<google::protobuf::Message> key;
 };
 
-// Finds an event stream, or a callback stream, in `service`, which is one of
-// the generated pool, and reads the key: JSON, or the bare number of a browser.
-// Errors, for people: an unknown method, another kind of method, wrong JSON.
+// Finds an event stream, or a callback stream, in `service`, which must be in
+// the generated pool, and reads the key: JSON, or the number of a browser. An
+// unknown method, another kind of method and wrong JSON are errors with a text
+// for the user.
 absl::StatusOr<Subscription> PrepareWatch(
     const google::protobuf::ServiceDescriptor& service,
     const std::string& method, const std::string& key);
@@ -40,13 +41,13 @@ absl::StatusOr<Subscription> PrepareServe(
     const google::protobuf::ServiceDescriptor& service,
     const std::string& method, const std::string& key);
 
-// Reads what a call of a callback stream is answered with. Wrong JSON is an
-// error, for people.
+// Reads the answer to a call of a callback stream. Wrong JSON is an error with
+// a text for the user.
 Answer ReadResponse(const google::protobuf::MethodDescriptor& method,
                     const std::string& json);
 
-// A call that the widget has made. It may be answered later or never, also
-// after its stream has ended, when nobody waits for an answer any longer.
+// A call that the widget has made. It may be answered later or never. An answer
+// after its stream has ended is dropped.
 class WidgetCall {
  public:
   WidgetCall(std::unique_ptr<google::protobuf::Message> message,
@@ -57,14 +58,13 @@ class WidgetCall {
   // Names the browser and carries the call.
   const google::protobuf::Message& message() const { return *message_; }
 
-  // The last call.
+  // No other member may be called afterwards.
   std::unique_ptr<google::protobuf::Message> TakeMessage() && {
     return std::move(message_);
   }
 
-  // Responds, or fails the call with the text of the error, as does a response
-  // that is too long to send. Returns the error, if that was the end of the
-  // call.
+  // Sends the response, or fails the call with the text of the error. A
+  // response that cannot be sent fails the call too. Returns the error, if any.
   absl::Status Give(const Answer& answer) const;
 
  private:

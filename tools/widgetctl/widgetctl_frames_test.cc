@@ -1,4 +1,4 @@
-// What the program's watch and serve send and take, frame by frame.
+// The frames that the program's watch and serve send and receive.
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -31,7 +31,7 @@ using orvane::testing::ChildProcess;
 using rpc::transport::StreamMessage;
 using ::testing::HasSubstr;
 
-// A widget that says just what a test tells it to.
+// A widget that sends what a test tells it to send.
 class RawWidget {
  public:
   explicit RawWidget(const std::string& path)
@@ -44,7 +44,8 @@ class RawWidget {
     host_.emplace(orvane::OwnedDescriptor(descriptor_));
   }
 
-  // Waits for the next frame. One without a kind at the end of the connection.
+  // Waits for the next frame. At the end of the connection, returns a frame
+  // without a kind.
   StreamMessage Next() {
     while (host_->frames.size() == taken_ && !host_->closed) {
       pollfd readable{descriptor_, POLLIN, 0};
@@ -55,7 +56,7 @@ class RawWidget {
     return host_->frames[taken_++];
   }
 
-  // Takes the frames that open a stream and subscribe it; returns its id.
+  // Receives the frames that open a stream and subscribe it; returns its id.
   std::uint64_t AcceptStream() {
     Accept();
     const std::uint64_t id = Next().stream_id();

@@ -1,4 +1,4 @@
-// Sessions with streams, replayed by the program to a widget in this process.
+// The program replays sessions with streams to a widget in this process.
 
 #include <optional>
 #include <string>
@@ -27,7 +27,7 @@ using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-// Its calls set off events and calls of its own.
+// A widget whose handlers publish events and make calls.
 class LivelyWidget final : public rpc::BrowserWidgetRpc {
  public:
   // Changes the cursor.

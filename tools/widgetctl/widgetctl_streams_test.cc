@@ -67,7 +67,8 @@ class WidgetctlStreamsTest : public ProgramTest<SilentWidget> {
     done.get_future().wait();
   }
 
-  // Publishes the first event as soon as someone hears it, the others at once.
+  // Publishes the first event as soon as there is a subscriber, then the
+  // others.
   void Publish(const std::vector<rpc::CursorChanged>& events) {
     OnServiceThread([this, &events] {
       for (const rpc::CursorChanged& event : events) {
@@ -79,7 +80,7 @@ class WidgetctlStreamsTest : public ProgramTest<SilentWidget> {
     });
   }
 
-  // Makes calls one right after the other, as soon as someone serves them.
+  // Makes the calls one right after the other, as soon as somebody serves them.
   std::vector<std::future<Answer>> Call(int number) {
     std::vector<std::future<Answer>> answers;
     OnServiceThread([this, number, &answers] {
@@ -286,7 +287,8 @@ TEST_F(WidgetctlStreamsTest, ServeFailsACallWhoseCommandPrintsNoResponse) {
 TEST_F(WidgetctlStreamsTest, ServeTakesCallsWhileACommandRuns) {
   const std::string fifo = Path("fifo");
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  // The first call is answered by what the command of the second one says.
+  // The first command prints what the second one writes to the fifo, so both
+  // have to run at the same time.
   ChildProcess serve =
       Start({"serve", "OnTakeFocus", "1", "--count", "2", "--command",
              absl::StrCat("if mkdir ", Path("again"), " 2>&-; then cat ", fifo,
@@ -299,7 +301,7 @@ TEST_F(WidgetctlStreamsTest, ServeTakesCallsWhileACommandRuns) {
     ASSERT_TRUE(answer.ok()) << answer.status();
     taken.push_back(answer->taken());
   }
-  // Which of the two commands comes first is the system's choice.
+  // Either command may end first.
   EXPECT_THAT(taken, testing::UnorderedElementsAre(true, false));
   EXPECT_EQ(serve.Wait().exit_code, 0);
 }

@@ -20,13 +20,13 @@ export interface StreamOptions {
 }
 
 export interface CallOptions {
-  /** Gives the call up when it is aborted; the call rejects with its reason. */
+  /** Cancels the call when it is aborted; the call rejects with its reason. */
   signal?: AbortSignal;
-  /** Without it the call may take as long as it likes. */
+  /** Without it the call has no timeout. */
   timeoutMs?: number;
 }
 
-// What a oneof of the message carries under this name.
+// The type of a oneof's member with this name.
 type Stage<T, Name extends string> = {
   [K in keyof T]-?: ValueOf<Extract<T[K], { case: Name }>>;
 }[keyof T];
@@ -34,7 +34,7 @@ type ValueOf<Member> = Member extends { value: infer V extends Message } ? V : n
 
 type Init<T extends Message> = MessageInitShape<GenMessage<T>>;
 
-/** Serves a call of the widget. May throw Fail. */
+/** Serves a call of the server. May throw Fail. */
 export type Handler<T extends Message> = (
   call: Stage<T, 'call'>,
   context: { signal: AbortSignal },
@@ -62,9 +62,9 @@ type Method<M> = M extends {
   : never;
 
 /**
- * The methods of a service. Unary ones return a promise; event streams, of which the
- * name is by custom `when…`, what can be iterated; callback streams, `on…`, take a
- * handler. A stream is subscribed when the method is called.
+ * The methods of a service. Unary methods return a promise; event streams, usually
+ * called `when…`, return an async iterable; callback streams, usually called `on…`,
+ * take a handler. A stream is subscribed when the method is called.
  */
 export type Client<S extends DescService> = { readonly [K in keyof S['method']]: Method<S['method'][K]> };
 

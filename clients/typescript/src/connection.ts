@@ -1,4 +1,4 @@
-// A host's connection to a widget.
+// A client's connection to a server.
 
 import { once } from 'node:events';
 import { connect as connectSocket, type Socket } from 'node:net';
@@ -45,26 +45,26 @@ import {
 
 const ENOUGH_TO_WRITE_BYTES = 8 << 10;
 
-/** How long closing waits for a widget to take what has been sent. */
+/** How long closing waits until the server has taken what was sent. */
 const CLOSE_MS = 2000;
 
 export interface Options {
   /** The longest frame that is sent or accepted; by default 4 MiB. */
   maxFrameBytes?: number;
   /**
-   * Once so much waits for the widget to read it, calls and answers fail with
-   * RESOURCE_EXHAUSTED; by default 64 MiB.
+   * Once this many bytes wait for the server to read them, calls and answers fail
+   * with RESOURCE_EXHAUSTED; by default 64 MiB.
    */
   maxQueuedBytes?: number;
-  /** Events of one iteration that have come and that nobody has read; by default 16 MiB. */
+  /** Bytes of one iteration's events that have not been read; by default 16 MiB. */
   maxUnreadEventBytes?: number;
-  /** Calls of the widget that one handler may be busy with; more fail. By default 1024. */
+  /** Calls that one handler may serve at the same time; more fail. By default 1024. */
   maxServedCalls?: number;
-  /** Told what a handler throws that is no Fail; by default a process warning. */
+  /** Called with errors of handlers other than Fail; by default a process warning. */
   onHandlerError?: (error: unknown) => void;
 }
 
-/** Where a server listens that is not told another path. */
+/** The default path of a server's socket. */
 export function defaultSocketPath(name = 'widget'): string {
   const runtime = process.env['XDG_RUNTIME_DIR'];
   const folder = runtime ? `${runtime}/orvane` : `/tmp/orvane-${process.geteuid?.() ?? 0}`;
@@ -72,8 +72,8 @@ export function defaultSocketPath(name = 'widget'): string {
 }
 
 /**
- * Connects to the server at a path, by default the widget's usual one, or over a
- * connected socket. Rejects with RpcError, UNAVAILABLE where nobody listens.
+ * Connects to the server at a path, by default the browser widget's, or over a
+ * connected socket. Rejects with RpcError: UNAVAILABLE if no server listens there.
  */
 export async function connect(
   to: string | Socket = defaultSocketPath(),
@@ -98,13 +98,13 @@ interface PendingCall {
 /**
  * Calls one service at the other end of a Unix-domain socket.
  *
- * What is sent reaches the widget in the order in which it was sent; answers come
- * in any order. When the connection ends, all that is in progress on it ends with
- * the same RpcError, `error`, and so does what is begun later. A connection does not
- * come back: the widget at the other end would be another one.
+ * Calls and messages reach the server in the order in which they are sent; answers
+ * arrive in any order. When the connection ends, everything in progress ends with the
+ * same RpcError, `error`, and so do later calls and streams. A connection does not
+ * reconnect, since it might reach a new server process.
  */
 export class Connection {
-  /** Undefined while the connection stands. */
+  /** Undefined while the connection exists. */
   error: RpcError | undefined;
   /** Resolves when the connection has ended, to the reason. */
   readonly closed: Promise<RpcError>;
@@ -117,8 +117,8 @@ export class Connection {
   readonly #streams = new Map<number, Stream>();
   #service: DescService | undefined;
   #indexOf = new Map<DescMethod, number>(); // Of its methods.
-  #hello: Hello | undefined; // Of this end,
-  #widget: Hello | undefined; // and of the other once it has said it.
+  #hello: Hello | undefined; // Of this end.
+  #server: Hello | undefined; // Of the server, once it has arrived.
   #maxSentFrameBytes: number;
   #lastId = 0;
   #unsent: Buffer[] = []; // Until #flush.
@@ -153,13 +153,13 @@ export class Connection {
   }
 
   /**
-   * What the widget takes from this host; its proto documents the fields. Known from
-   * the first answer on, such as that of `settle`. Undefined before, and if the widget
-   * does not tell. Once it is known, what is longer than the widget's longest frame
+   * What the server takes from this client; the proto documents the fields. Known from
+   * the first answer on, such as that of `settle`. Undefined before, and if the server
+   * does not tell. Once it is known, what is longer than the server's longest frame
    * fails with RESOURCE_EXHAUSTED. Until then it ends the connection.
    */
   get serverLimits(): Limits | undefined {
-    return this.#widget?.limits;
+    return this.#server?.limits;
   }
 
   /** The typed client of the service that this connection is for. */
@@ -167,7 +167,7 @@ export class Connection {
     return makeClient(this, service);
   }
 
-  /** Ends all that is in progress with CANCELLED, and the connection. */
+  /** Ends everything in progress with CANCELLED, and the connection. */
   async close(): Promise<void> {
     this.#flush();
     this.#end(new RpcError(Code.CANCELLED, 'the connection was closed'));
@@ -181,7 +181,7 @@ export class Connection {
     clearTimeout(timer);
   }
 
-  /** Says hello for the service that this connection is for from now on. */
+  /** Sends the hello; from now on the connection is for this service. */
   use(service: DescService): void {
     if (this.#service?.typeName === service.typeName) return;
     if (this.#service !== undefined) {
@@ -197,7 +197,7 @@ export class Connection {
     this.#write({ kind: Kind.HELLO, payload: toBinary(HelloSchema, this.#hello) });
   }
 
-  /** Calls a unary method. What goes wrong rejects, and is never thrown. */
+  /** Calls a unary method. Errors reject the promise and are never thrown. */
   call(method: DescMethod, request: Message, options: CallOptions = {}): Promise<Message> {
     const { signal, timeoutMs } = options;
     return new Promise((resolve, reject) => {
@@ -251,7 +251,7 @@ export class Connection {
     return queue;
   }
 
-  /** Makes this host the one that serves a key, at once. */
+  /** Makes this client the one that serves a key, at once. */
   serve(method: DescMethod, key: object, handler: AnyHandler, options: StreamOptions = {}): Serving {
     const type = callbackType(method.output);
     const server = new Server(this, type, method, handler, this.#options.maxServedCalls);
@@ -259,7 +259,7 @@ export class Connection {
     return server;
   }
 
-  /** Resolves when the widget has handled all that was sent so far. */
+  /** Resolves when the server has handled everything that was sent so far. */
   async settle(): Promise<void> {
     const method = this.#service?.methods.find((each) => each.methodKind !== 'unary');
     if (method === undefined) {
@@ -288,7 +288,7 @@ export class Connection {
     });
   }
 
-  /** Forgets a stream and tells the widget. */
+  /** Removes a stream and tells the server that it has ended. */
   complete(stream: Stream): void {
     this.#streams.delete(stream.streamId);
     this.#write({ kind: Kind.COMPLETE, streamId: stream.streamId });
@@ -321,7 +321,7 @@ export class Connection {
     return streamId;
   }
 
-  /** As #write, within the limits. */
+  /** Like #write, but checks the limits. */
   #send(frame: FrameInit): void {
     if (this.error !== undefined) return;
     const bytes = encode(frame);
@@ -389,7 +389,7 @@ export class Connection {
         `the server ended the connection: ${errorOf(frame).text}`,
       );
     }
-    if (this.#hello === undefined || (kind === Kind.HELLO) !== (this.#widget === undefined)) {
+    if (this.#hello === undefined || (kind === Kind.HELLO) !== (this.#server === undefined)) {
       throw new RpcError(
         Code.UNAVAILABLE,
         "the server's first frame, and no other, must be a hello",
@@ -397,18 +397,18 @@ export class Connection {
     }
     switch (kind) {
       case Kind.HELLO:
-        this.#widget = parse(HelloSchema, frame.payload, Code.UNAVAILABLE, "the server's hello");
-        checkFit(this.#hello, this.#widget);
+        this.#server = parse(HelloSchema, frame.payload, Code.UNAVAILABLE, "the server's hello");
+        checkFit(this.#hello, this.#server);
         this.#maxSentFrameBytes = Math.min(
           this.#options.maxFrameBytes,
-          Math.max(this.#widget.limits?.maxFrameBytes ?? Infinity, LEAST_MAX_FRAME_BYTES),
+          Math.max(this.#server.limits?.maxFrameBytes ?? Infinity, LEAST_MAX_FRAME_BYTES),
         );
         return;
       case Kind.REPLY:
         this.#endCall(frame);
         return;
       case Kind.NEXT:
-        this.#streams.get(streamId)?.onNext(frame); // Else it has ended; this was on its way.
+        this.#streams.get(streamId)?.onNext(frame); // The stream may have ended meanwhile.
         return;
       case Kind.COMPLETE:
         this.#endStream(streamId);
@@ -424,7 +424,7 @@ export class Connection {
 
   #endCall(frame: Frame): void {
     const call = this.#calls.get(frame.streamId);
-    if (call === undefined) return; // Given up; the answer was on its way.
+    if (call === undefined) return; // Cancelled while the answer was on its way.
     this.#calls.delete(frame.streamId);
     if (frame.kind === Kind.ERROR) {
       call.reject(errorOf(frame));

@@ -21,10 +21,10 @@ export enum Code {
 /**
  * A call, a stream or a connection has failed.
  *
- * `code` tells programs why, `text` people. UNKNOWN: a handler of the widget failed
- * the call. UNAVAILABLE: the connection is gone; connect again, to what may be
- * another widget. FAILED_PRECONDITION: the two ends do not fit, which no later try
- * will mend.
+ * `code` is for programs, `text` for people. UNKNOWN: a handler of the server failed
+ * the call. UNAVAILABLE: the connection is gone; connect again, perhaps to a new
+ * server process. FAILED_PRECONDITION: the two ends are incompatible, and trying
+ * again does not help.
  */
 export class RpcError extends Error {
   override readonly name = 'RpcError';
@@ -38,9 +38,9 @@ export class RpcError extends Error {
 }
 
 /**
- * Thrown by a handler that serves calls of the widget: fails the call.
+ * Thrown by a handler that serves calls of the server: fails the call.
  *
- * The text is for people who read the frames. The widget's code learns only that
+ * The text is for people who read the frames. The server's code learns only that
  * the call has failed.
  */
 export class Fail extends Error {

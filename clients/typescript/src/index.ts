@@ -1,5 +1,5 @@
 /**
- * Clients of orvane services: a browser widget in another process, or one's own.
+ * Clients of orvane services: the browser widget, or services of your own.
  *
  *     const connection = await connect();
  *     const widget = connection.client(BrowserWidgetRpc);

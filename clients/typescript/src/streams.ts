@@ -1,4 +1,4 @@
-// The host's side of streams.
+// The client's side of streams.
 
 import {
   create,
@@ -14,14 +14,14 @@ import { Code, Fail, RpcError } from './errors.js';
 import { slow_host, SlowHost } from './rpc/stream_options_pb.js';
 import { type Frame, parse } from './wire.js';
 
-// What an unread event takes beside its bytes, about.
+// About how many bytes an unread event takes in addition to its payload.
 const EVENT_OVERHEAD_BYTES = 128;
 
 /** An open stream, as its connection sees it. */
 export abstract class Stream {
   streamId = 0; // Given by the connection.
   isOpen = true;
-  reason: RpcError | undefined; // Of an end that was not orderly.
+  reason: RpcError | undefined; // Set if it ended with an error.
 
   constructor(
     readonly connection: Connection,
@@ -39,7 +39,7 @@ export abstract class Stream {
     this.onEnd();
   }
 
-  /** Ends it here and tells the widget. Harmless when it has ended. */
+  /** Ends it and tells the server. Does nothing if it has ended before. */
   close(reason?: RpcError): void {
     if (!this.isOpen) return;
     this.connection.complete(this);
@@ -48,18 +48,19 @@ export abstract class Stream {
 }
 
 /**
- * The events of one key, from the call that returned this on.
+ * The events of one key, beginning with the call that returned this.
  *
- * The iteration ends when the widget completes the stream. It throws RpcError when
- * the stream ends otherwise, also when more events came than were read
- * (`Options.maxUnreadEventBytes`), after the events that came before. Events of a
- * method with SLOW_HOST_KEEP_LATEST lose their oldest instead.
+ * The iteration ends when the server completes the stream. If the stream ends in
+ * another way, also because too many events were not read
+ * (`Options.maxUnreadEventBytes`), it first returns the events that arrived before
+ * and then throws RpcError. For a method with SLOW_HOST_KEEP_LATEST the oldest event
+ * is dropped instead.
  *
  * The stream is open until `close`, until an iteration is left, or until the
- * signal that it was opened with is aborted.
+ * signal with which it was opened is aborted.
  */
 export interface Events<Event> extends AsyncIterableIterator<Event> {
-  /** Ends the stream. Harmless when it has ended; unread events stay. */
+  /** Ends the stream, if it is open. Unread events can still be read. */
   close(): void;
 }
 
@@ -72,7 +73,7 @@ export class EventQueue extends Stream implements Events<Message> {
   #payloads: Uint8Array[] = [];
   #taken = 0; // So many of them have been read.
   #bytes = 0;
-  // Waits for what comes next; nothing is queued then.
+  // Waits for the next event; set only while nothing is queued.
   #reader: Reader | undefined;
   readonly #keepsLatest: boolean;
 
@@ -111,7 +112,7 @@ export class EventQueue extends Stream implements Events<Message> {
     this.#deliver();
   }
 
-  /** Answers at once when there is something, so that order is that of arrival. */
+  /** Returns a queued event at once, so that events keep their order. */
   next(): Promise<IteratorResult<Message, undefined>> {
     if (this.#reader !== undefined) {
       return Promise.reject(new Error(`two readers wait for events of ${this.method.name}`));
@@ -169,17 +170,17 @@ export class EventQueue extends Stream implements Events<Message> {
   }
 }
 
-/** This host serves a key, until `close`. Then its handlers' signals are aborted. */
+/** This client serves a key, until `close`. Then its handlers' signals are aborted. */
 export interface Serving {
-  /** Serves no longer. Harmless when the stream has ended. */
+  /** Stops serving. Does nothing if the stream has ended before. */
   close(): void;
-  /** Settles when the stream has ended; rejects with RpcError if for a reason. */
+  /** Settles when the stream has ended; rejects with RpcError if it failed. */
   readonly ended: Promise<void>;
 }
 
 export type AnyHandler = (call: Message, context: { signal: AbortSignal }) => unknown;
 
-/** What the messages of a callback stream are made of. */
+/** The parts of a callback stream's messages. */
 export interface CallbackType {
   message: DescMessage;
   key: DescField;
@@ -232,7 +233,7 @@ export class Server extends Stream implements Serving {
         else reject(reason);
       };
     });
-    this.ended.catch(() => undefined); // Whoever wants to know asks.
+    this.ended.catch(() => undefined); // Not an unhandled rejection if nobody asks.
   }
 
   override onNext(frame: Frame): void {
@@ -301,7 +302,7 @@ export class Barrier extends Stream {
   }
 
   override onNext(): void {
-    // Nobody has subscribed to anything.
+    // Not called: the stream has no subscription.
   }
 
   override onEnd(): void {

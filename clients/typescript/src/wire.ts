@@ -1,4 +1,4 @@
-// Bytes to frames and back, and what two ends say of themselves.
+// Frames, their bytes, and the hello of each end.
 
 import {
   create,
@@ -145,7 +145,7 @@ function decodeUsual(content: Buffer): Frame | undefined {
 export class FrameReader {
   #chunks: Buffer[] = [];
   #size = 0;
-  #needed = LENGTH_BYTES; // Until there is something new to find.
+  #needed = LENGTH_BYTES; // Below this size there is no new frame.
 
   constructor(readonly maxFrameBytes: number) {}
 
@@ -197,7 +197,7 @@ function lineOf(method: DescMethod): string {
   return `${method.name}(${stream}${method.input.typeName}) returns (${stream}${method.output.typeName})\n`;
 }
 
-/** What an end says of itself. */
+/** What an end tells about itself. */
 export function helloOf(service: DescService): Hello {
   const methods: bigint[] = [];
   let hash = 0xcbf29ce484222325n; // 64-bit FNV-1a.
@@ -224,25 +224,25 @@ function inWords(hello: Hello): string {
   );
 }
 
-function difference(host: Hello, widget: Hello): string | undefined {
-  const spoken = Math.min(host.newestProtocol, widget.newestProtocol);
-  if (spoken < Math.max(host.oldestProtocol, widget.oldestProtocol)) return 'protocol';
-  if (host.service !== widget.service) return 'service';
-  const shared = Math.min(host.methods.length, widget.methods.length);
+function difference(client: Hello, server: Hello): string | undefined {
+  const spoken = Math.min(client.newestProtocol, server.newestProtocol);
+  if (spoken < Math.max(client.oldestProtocol, server.oldestProtocol)) return 'protocol';
+  if (client.service !== server.service) return 'service';
+  const shared = Math.min(client.methods.length, server.methods.length);
   for (let i = 0; i < shared; ++i) {
-    if (host.methods[i] !== widget.methods[i]) return `method ${i}`;
+    if (client.methods[i] !== server.methods[i]) return `method ${i}`;
   }
   return undefined;
 }
 
 /** RpcError if the two ends cannot work together. */
-export function checkFit(host: Hello, widget: Hello): void {
-  const where = difference(host, widget);
+export function checkFit(client: Hello, server: Hello): void {
+  const where = difference(client, server);
   if (where === undefined) return;
   throw new RpcError(
     Code.FAILED_PRECONDITION,
     `client and server are incompatible: they differ in ${where}; ` +
-      `the client speaks ${inWords(host)}, the server ${inWords(widget)}`,
+      `the client speaks ${inWords(client)}, the server ${inWords(server)}`,
   );
 }
 

@@ -1,4 +1,4 @@
-"""Clients of orvane services: a browser widget in another process, or one's own.
+"""Clients of orvane services: the browser widget, or services of your own.
 
     async with orvane.connect(path) as connection:
         widget = BrowserWidgetRpcClient(connection)

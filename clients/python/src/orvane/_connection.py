@@ -1,4 +1,4 @@
-"""A host's connection to a widget."""
+"""A client's connection to a server."""
 
 from __future__ import annotations
 
@@ -47,27 +47,28 @@ _HELLO = int(StreamMessage.KIND_HELLO)
 # What one task of the loop sends leaves together, or as soon as it is so much.
 _ENOUGH_TO_WRITE = 8 << 10
 
-# How long closing waits for a widget to take what has been sent.
+# How long closing waits until the server has taken what was sent.
 _CLOSE_SECONDS = 2.0
 
 
 @dataclass(frozen=True)
 class Options:
-    """Limits of one connection. All are bytes but the last."""
+    """Limits of one connection. All are in bytes, except the last one."""
 
     # The longest frame that is sent or accepted.
     max_frame_bytes: int = 4 << 20
-    # Once more waits for the widget to read it, calls and answers fail with
-    # RESOURCE_EXHAUSTED, until the widget has read most of it.
+    # Once more bytes wait for the server to read them, calls and answers fail with
+    # RESOURCE_EXHAUSTED, until the server has read most of them.
     max_queued_bytes: int = 64 << 20
-    # Events of one iterator that have come and that nobody has read.
+    # Events of one iterator that have arrived but have not been read.
     max_unread_event_bytes: int = 16 << 20
-    # Calls of the widget that one stream's handler may be busy with; more fail.
+    # Calls of the server that one stream's handler may serve at the same time; more
+    # calls fail.
     max_served_calls: int = 1024
 
 
 def default_socket_path(name: str = "widget") -> str:
-    """Where a server listens that is not told another path."""
+    """The default path of a server's socket."""
     runtime = os.environ.get("XDG_RUNTIME_DIR")
     folder = f"{runtime}/orvane" if runtime else f"/tmp/orvane-{os.geteuid()}"
     return f"{folder}/{name}.sock"
@@ -79,18 +80,18 @@ def connect(
     sock: socket.socket | None = None,
     options: Options = Options(),
 ) -> Connecting:
-    """Connects to the server at `path`, by default the widget's usual one.
+    """Connects to the server at `path`, by default the browser widget's.
 
-    `sock` is a connected stream socket to be used instead, such as one of a
-    socketpair; it is closed with the connection. To be awaited, or entered by
-    `async with`, which closes the connection at its end. RpcError: UNAVAILABLE
-    where nobody listens, PERMISSION_DENIED where another user does.
+    `sock` is a connected stream socket to use instead, such as one of a
+    socketpair; it is closed with the connection. Await the result, or use it in
+    `async with`, which closes the connection at its end. RpcError: UNAVAILABLE if
+    no server listens there, PERMISSION_DENIED if it belongs to another user.
     """
     return Connecting(path, sock, options)
 
 
 class Connecting:
-    """What `connect` returns: awaited or entered, it becomes a Connection."""
+    """The result of `connect`, to be awaited or used in `async with`."""
 
     def __init__(
         self, path: str | None, sock: socket.socket | None, options: Options
@@ -137,7 +138,7 @@ class Connecting:
 
 
 def _check_peer(connected: socket.socket) -> None:
-    """Refuses a widget of another user, root aside. Linux tells who it is."""
+    """Refuses a server of another user except root. Only Linux tells the user."""
     if not hasattr(socket, "SO_PEERCRED"):
         return
     credentials = connected.getsockopt(
@@ -149,7 +150,7 @@ def _check_peer(connected: socket.socket) -> None:
 
 
 class _Protocol(asyncio.Protocol):
-    """Hands on what asyncio tells of the socket."""
+    """Passes asyncio's events of the socket on to the connection."""
 
     def __init__(self, connection: Connection) -> None:
         self._connection = connection
@@ -174,44 +175,43 @@ class _Protocol(asyncio.Protocol):
 class Connection:
     """Calls one service at the other end of a Unix-domain socket.
 
-    What is sent reaches the widget in the order in which it was sent; answers
-    come in any order. When the connection ends, all that is in progress on it
-    ends with the same RpcError, `error`, and so does what is begun later. A
-    connection does not come back: the widget at the other end would be another
-    one.
+    Calls and messages reach the server in the order in which they are sent; answers
+    arrive in any order. When the connection ends, everything in progress ends with
+    the same RpcError, `error`, and so do later calls and streams. A connection does
+    not reconnect, since it might reach a new server process.
 
     Generated clients call `call`, `watch` and `serve`.
     """
 
     def __init__(self, loop: asyncio.AbstractEventLoop, options: Options) -> None:
         self.loop = loop
-        self.error: RpcError | None = None  # None while the connection stands.
+        self.error: RpcError | None = None  # None while the connection exists.
         self._options = options
         self._reader = FrameReader(options.max_frame_bytes)
         self._transport: asyncio.Transport | None = None
         self._service: ServiceDescriptor | None = None
-        self._widget: Hello | None = None  # Once it has said hello.
+        self._server: Hello | None = None  # Set when its hello arrives.
         self._max_sent_frame_bytes = options.max_frame_bytes
         self._last_id = 0
         self._calls: dict[int, asyncio.Future[bytes]] = {}
         self._streams: dict[int, Stream] = {}
         self._unsent = bytearray()  # Until _flush.
-        self._is_full = False  # The widget has too much to read.
+        self._is_full = False  # The server reads too slowly.
         self._gone: asyncio.Future[None] = loop.create_future()
 
     @property
     def server_limits(self) -> Limits:
-        """What the widget takes from this host; its proto documents the fields.
+        """What the server takes from this client; the proto documents the fields.
 
         Known from the first answer on, such as that of `settle`. No field is set
-        before, nor if the widget does not tell. Once it is known, what is longer
-        than the widget's longest frame fails with RESOURCE_EXHAUSTED. Until then
+        before, nor if the server does not tell. Once it is known, what is longer
+        than the server's longest frame fails with RESOURCE_EXHAUSTED. Until then
         it ends the connection.
         """
-        return self._widget.limits if self._widget is not None else Limits()
+        return self._server.limits if self._server is not None else Limits()
 
     async def close(self) -> None:
-        """Ends all that is in progress with CANCELLED, and the connection."""
+        """Ends everything in progress with CANCELLED, and the connection."""
         assert self._transport is not None
         self._flush()
         self._transport.close()  # Once what waits has been sent.
@@ -228,7 +228,7 @@ class Connection:
         return self.error
 
     def use(self, service: ServiceDescriptor) -> None:
-        """Says hello for the service that this connection is for from now on."""
+        """Sends the hello; from now on the connection is for this service."""
         if self._service is service:
             return
         if self._service is not None:
@@ -250,9 +250,9 @@ class Connection:
         response_type: type[MessageT],
         timeout: float | None = None,
     ) -> MessageT:
-        """Calls a unary method. `timeout` is in seconds, None for no end.
+        """Calls a unary method. `timeout` is in seconds; None means no timeout.
 
-        Cancelling the task that waits tells the widget that nobody does.
+        If the task that waits is cancelled, the server is told that nobody waits.
         """
         if timeout is not None and timeout <= 0:
             raise RpcError(Code.DEADLINE_EXCEEDED, "the call's timeout is not above 0")
@@ -293,7 +293,7 @@ class Connection:
         message_type: type[Message],
         handler: Handler[Any, Any],
     ) -> Serving:
-        """Makes this host the one that serves `key`, at once."""
+        """Makes this client the one that serves `key`, at once."""
         server = Server(
             self, method, message_type, handler, self._options.max_served_calls
         )
@@ -305,7 +305,7 @@ class Connection:
         return Serving(server)
 
     async def settle(self) -> None:
-        """Returns when the widget has handled all that was sent so far."""
+        """Returns when the server has handled everything that was sent so far."""
         if self._service is None:
             return
         method = next((m for m in self._service.methods if is_stream(m)), None)
@@ -323,7 +323,7 @@ class Connection:
     # For streams ------------------------------------------------------------
 
     def send_next(self, stream: Stream, message: Message, call_id: int = 0) -> None:
-        """Sends a message on an open stream; nothing on one that has ended."""
+        """Sends a message if the stream is open."""
         if stream.is_open:
             self._send(
                 encode(
@@ -337,7 +337,7 @@ class Connection:
     def send_failure(
         self, stream: Stream, message: Message, call_id: int, text: str
     ) -> None:
-        """Fails a call of the widget."""
+        """Fails a call of the server."""
         self._write(
             encode(
                 _ERROR,
@@ -350,7 +350,7 @@ class Connection:
         )
 
     def complete(self, stream: Stream) -> None:
-        """Forgets a stream and tells the widget."""
+        """Removes a stream and tells the server that it has ended."""
         self._streams.pop(stream.stream_id, None)
         self._write_end_of(stream)
 
@@ -460,7 +460,7 @@ class Connection:
             )
         if self._service is None:
             raise RpcError(Code.UNAVAILABLE, "the server sent a frame before the client")
-        if (kind == _HELLO) != (self._widget is None):
+        if (kind == _HELLO) != (self._server is None):
             raise RpcError(
                 Code.UNAVAILABLE,
                 "the server's first frame, and no other, must be a hello",
@@ -491,13 +491,13 @@ class Connection:
     def _meet(self, frame: StreamMessage) -> None:
         assert self._service is not None
         try:
-            self._widget = Hello.FromString(frame.payload)
+            self._server = Hello.FromString(frame.payload)
         except UNREADABLE:
             raise RpcError(
                 Code.UNAVAILABLE, "the server's hello cannot be parsed"
             ) from None
-        check_fit(hello_of(self._service), self._widget)
-        limits = self._widget.limits
+        check_fit(hello_of(self._service), self._server)
+        limits = self._server.limits
         if limits.HasField("max_frame_bytes"):
             self._max_sent_frame_bytes = min(
                 self._options.max_frame_bytes,

@@ -1,4 +1,4 @@
-"""What goes wrong, as exceptions."""
+"""The exceptions of this package."""
 
 import enum
 
@@ -31,10 +31,10 @@ class Code(enum.IntEnum):
 class RpcError(Exception):
     """A call, a stream or a connection has failed.
 
-    `code` tells programs why, `text` people. UNKNOWN: a handler of the widget
-    failed the call. UNAVAILABLE: the connection is gone; connect again, to what
-    may be another widget. FAILED_PRECONDITION: the two ends do not fit, which no
-    later try will mend.
+    `code` is for programs, `text` for people. UNKNOWN: a handler of the server
+    failed the call. UNAVAILABLE: the connection is gone; connect again, perhaps to
+    a new server process. FAILED_PRECONDITION: the two ends are incompatible, and
+    trying again does not help.
     """
 
     def __init__(self, code: Code, text: str) -> None:
@@ -47,8 +47,8 @@ class RpcError(Exception):
 
 
 class Fail(Exception):
-    """Raised by a handler that serves calls of the widget: fails the call.
+    """Raised by a handler that serves calls of the server: fails the call.
 
-    The text is for people who read the frames. The widget's code learns only
+    The text is for people who read the frames. The server's code learns only
     that the call has failed.
     """

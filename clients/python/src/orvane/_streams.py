@@ -1,4 +1,4 @@
-"""The host's side of streams."""
+"""The client's side of streams."""
 
 from __future__ import annotations
 
@@ -23,10 +23,10 @@ EventT = TypeVar("EventT", bound=Message)
 CallT = TypeVar("CallT", bound=Message)
 ResponseT = TypeVar("ResponseT", bound=Message)
 
-# Serves a call of the widget. May raise Fail.
+# Serves a call of the server. May raise Fail.
 Handler = Callable[[CallT], Awaitable[ResponseT]]
 
-# What an unread event takes beside its bytes, about.
+# About how many bytes an unread event takes in addition to its payload.
 _EVENT_OVERHEAD_BYTES = 128
 
 
@@ -38,7 +38,7 @@ class Stream:
         self.method = method
         self.stream_id = 0  # Given by the connection.
         self.is_open = True
-        self.reason: RpcError | None = None  # Of an end that was not orderly.
+        self.reason: RpcError | None = None  # Set if it ended with an error.
 
     def on_next(self, frame: StreamMessage) -> None:
         raise NotImplementedError
@@ -54,14 +54,14 @@ class Stream:
             self.on_end()
 
     def close(self, reason: RpcError | None = None) -> None:
-        """Ends it here and tells the widget. Harmless when it has ended."""
+        """Ends it and tells the server. Does nothing if it has ended before."""
         if self.is_open:
             self.connection.complete(self)
             self.end(reason)
 
 
 class EventQueue(Stream):
-    """Events that have arrived and that nobody has read yet."""
+    """Events that have arrived but have not been read yet."""
 
     def __init__(
         self, connection: Connection, method: MethodDescriptor, max_bytes: int
@@ -108,7 +108,7 @@ class EventQueue(Stream):
         return payload
 
     async def wait(self) -> None:
-        """Returns when an event has come or the stream has ended."""
+        """Returns when an event has arrived or the stream has ended."""
         if self._reader is not None:
             raise RuntimeError(f"two tasks read the events of {self.method.name}")
         self._reader = asyncio.get_running_loop().create_future()
@@ -119,14 +119,14 @@ class EventQueue(Stream):
 
 
 class Events(AsyncIterator[EventT], Generic[EventT]):
-    """The events of one key, from the call that returned this on.
+    """The events of one key, beginning with the call that returned this.
 
-    Ends when the widget completes the stream. Raises RpcError when the stream
-    ends otherwise, also when more events came than were read
-    (Options.max_unread_event_bytes), after the events that came before. Events of
-    a method with SLOW_HOST_KEEP_LATEST lose their oldest instead.
+    Ends when the server completes the stream. If the stream ends in another way,
+    also because too many events were not read (Options.max_unread_event_bytes), it
+    first returns the events that arrived before and then raises RpcError. For a
+    method with SLOW_HOST_KEEP_LATEST the oldest event is dropped instead.
 
-    The stream is open until `close`, the end of `async with`, or until nobody
+    The stream is open until `close`, the end of `async with`, or until nothing
     refers to this object any longer.
     """
 
@@ -135,7 +135,7 @@ class Events(AsyncIterator[EventT], Generic[EventT]):
         self._event_type = event_type
 
     def close(self) -> None:
-        """Ends the stream. Harmless when it has ended; unread events stay."""
+        """Ends the stream, if it is open. Unread events can still be read."""
         self._queue.close()
 
     def __del__(self) -> None:
@@ -224,7 +224,7 @@ class Server(Stream):
         except asyncio.CancelledError:
             self._fail(message, call_id, "the handler was cancelled")
             raise
-        except Exception as error:  # The handler's own fault, which is its author's to see.
+        except Exception as error:  # A bug in the handler, which its author must see.
             self._fail(message, call_id, f"the handler raised {type(error).__name__}")
             self.connection.loop.call_exception_handler(
                 {
@@ -242,22 +242,21 @@ class Server(Stream):
 
 
 class Serving:
-    """This host serves a key, until `close` or the end of `async with`.
+    """Serves the calls of a key until `close` or the end of `async with`.
 
     Then the handlers that still run are cancelled. The end of `async with` raises
-    RpcError if the stream had ended before for a reason, such as a widget that is
-    gone.
+    RpcError if the stream has failed before, for example because the server is gone.
     """
 
     def __init__(self, server: Server) -> None:
         self._server = server
 
     def close(self) -> None:
-        """Serves no longer. Harmless when the stream has ended."""
+        """Stops serving. Does nothing if the stream has ended before."""
         self._server.close()
 
     async def wait_ended(self) -> None:
-        """Returns when the stream has ended; raises RpcError if for a reason."""
+        """Returns when the stream has ended; raises RpcError if it failed."""
         await asyncio.shield(self._server.ended)
         if self._server.reason is not None:
             raise self._server.reason

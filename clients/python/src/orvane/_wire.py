@@ -1,4 +1,4 @@
-"""Bytes to frames and back, and what two ends say of themselves."""
+"""Frames, their bytes, and the hello of each end."""
 
 import struct
 from collections.abc import Iterator
@@ -13,12 +13,12 @@ from orvane.rpc.transport.stream_message_pb2 import Hello, StreamMessage
 PROTOCOL = 1
 # Every server takes frames of this length.
 LEAST_MAX_FRAME_BYTES = 4 << 10
-# Words for people need no more, and so always fit a frame.
+# What is sent of an error's text: enough for people, and it fits every frame.
 MAX_ERROR_TEXT_BYTES = 2048
 LENGTH_BYTES = 4
 _LENGTH = struct.Struct("<I")
 
-# What protobuf's implementations raise for bytes that are no such message.
+# What protobuf's implementations raise for bytes that they cannot parse.
 UNREADABLE = (DecodeError, RecursionError, ValueError)
 
 
@@ -64,7 +64,7 @@ def encode(
 
 
 class FrameReader:
-    """Finds the frames in what arrives, however it is split."""
+    """Finds the frames in the received bytes, however these are split."""
 
     def __init__(self, max_frame_bytes: int) -> None:
         self._max_frame_bytes = max_frame_bytes
@@ -114,9 +114,9 @@ def _line(method: MethodDescriptor) -> str:
 
 
 def is_stream(method: MethodDescriptor) -> bool:
-    """Methods of orvane stream on both sides or on none.
+    """Whether a method is a stream, which it is in both directions or in neither.
 
-    Read from the proto, since older protobufs do not tell it of the method.
+    Read from the proto, since descriptors of older protobufs do not have it.
     """
     return _streams(method.containing_service)[method.index]
 
@@ -132,7 +132,7 @@ def _streams(service: ServiceDescriptor) -> list[bool]:
 
 @cache
 def hello_of(service: ServiceDescriptor) -> Hello:
-    """What an end says of itself."""
+    """What an end tells about itself."""
     hello = Hello(
         oldest_protocol=PROTOCOL, newest_protocol=PROTOCOL, service=service.full_name
     )
@@ -152,31 +152,31 @@ def _in_words(hello: Hello) -> str:
     return text + (f" ({hello.methods[-1]:016x})" if hello.methods else "")
 
 
-def check_fit(host: Hello, widget: Hello) -> None:
+def check_fit(client: Hello, server: Hello) -> None:
     """RpcError if the two ends cannot work together."""
-    difference = _difference(host, widget)
+    difference = _difference(client, server)
     if difference:
         raise RpcError(
             Code.FAILED_PRECONDITION,
             f"client and server are incompatible: they differ in {difference}; "
-            f"the client speaks {_in_words(host)}, the server {_in_words(widget)}",
+            f"the client speaks {_in_words(client)}, the server {_in_words(server)}",
         )
 
 
-def _difference(host: Hello, widget: Hello) -> str | None:
-    spoken = min(host.newest_protocol, widget.newest_protocol)
-    if spoken < max(host.oldest_protocol, widget.oldest_protocol):
+def _difference(client: Hello, server: Hello) -> str | None:
+    spoken = min(client.newest_protocol, server.newest_protocol)
+    if spoken < max(client.oldest_protocol, server.oldest_protocol):
         return "protocol"
-    if host.service != widget.service:
+    if client.service != server.service:
         return "service"
-    for index, (ours, theirs) in enumerate(zip(host.methods, widget.methods)):
+    for index, (ours, theirs) in enumerate(zip(client.methods, server.methods)):
         if ours != theirs:
             return f"method {index}"
     return None
 
 
 def error_of(frame: StreamMessage) -> RpcError:
-    """What an ERROR says. Its text need not be UTF-8."""
+    """The error that an ERROR frame describes. Its text need not be UTF-8."""
     text = frame.error_text.decode(errors="backslashreplace")
     return RpcError(Code(frame.error_code), text)
 

@@ -21,8 +21,8 @@ namespace orvane {
 // Thread: the one that iterates the context. Lifetime: the loop outlives it.
 class GlibSource {
  public:
-  // Runs after GDK has redrawn, whose priority is G_PRIORITY_HIGH_IDLE + 20. At
-  // a higher priority, a flood of events would freeze the window.
+  // Runs after GDK's redrawing, which has G_PRIORITY_HIGH_IDLE + 20. At a
+  // higher priority, a flood of events would freeze the window.
   static constexpr int kAfterRedraw = G_PRIORITY_HIGH_IDLE + 30;
 
   // If `context` is null, the default one is used. After `max_time` of work,

@@ -96,8 +96,8 @@ class ClientConnection final : public FrameSocket::Receiver {
   // Removes the stream from the table and tells the server that it has ended.
   void CompleteStream(std::uint64_t id);
 
-  // Sends a frame that has only a kind and an id. Errors are ignored: whoever
-  // sends it does not wait for an answer.
+  // Sends a frame that has only a kind and an id. Errors are ignored: its
+  // sender does not wait for an answer.
   void SendKind(rpc::transport::StreamMessage::Kind kind, std::uint64_t id);
 
   // Ends the connection and everything in progress with `why`. This object may

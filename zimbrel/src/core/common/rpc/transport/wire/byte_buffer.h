@@ -11,7 +11,7 @@
 namespace orvane::internal {
 
 // Bytes are added at the end and removed at the front. Grows by doubling. When
-// the buffer becomes empty, memory beyond kUsualBytes is freed if less than a
+// it becomes empty, memory of more than kUsualBytes is freed if less than a
 // quarter of it has been used since the buffer was empty before; otherwise it
 // is kept for more content of that size.
 class ByteBuffer {

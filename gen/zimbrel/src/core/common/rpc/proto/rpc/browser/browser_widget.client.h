@@ -23,21 +23,22 @@ namespace rpc {
 // browser; the host names it by the browser's id.
 //
 // Unary calls: from Focus to SetForcedScaleFactor. Each fails if its browser
-// does not exist, and if the widget does not serve the method. Calls of one
+// does not exist, or if the widget does not implement the method. Calls of one
 // connection are handled in the order in which they were sent, so a host may
 // send input without waiting for answers.
 //
 // Event streams: the When... methods. The host opens one, subscribes it to
 // browsers, and receives their events until it unsubscribes or ends the stream.
-// An unknown browser is no error: its events come once it exists.
+// An unknown browser may be subscribed to: its events arrive once it exists.
 //
 // Callback streams: the On... methods. The host opens one, subscribes it to
 // browsers, and from then on answers the widget's calls, each by a response or
 // an error under the id of the call. One stream serves a browser at a time: the
 // latest to have subscribed. If none does, the widget goes on without an
-// answer, in the way that each method tells.
+// answer, as each method describes.
 //
-// A method is known by its position, so the order of the methods never changes.
+// A method is identified by its position, so the order of the methods never
+// changes.
 //
 // The client's side: what is called here happens at the other end of a
 // connection, where rpc.BrowserWidgetRpc is served.
@@ -93,9 +94,10 @@ class BrowserWidgetRpcClient {
 
   // Places the browser's view in a window of the host; the view stays hidden
   // until Show. Call it once the parent window exists, and before anything
-  // below that needs an attached browser. What the widget cannot offer, such as
-  // a rendering mode, is a refusal in the result; the call fails for wrong use:
-  // a browser that is attached already, a parent window that does not exist.
+  // below that needs an attached browser. If the widget cannot offer what is
+  // asked for, such as a rendering mode, the result has a refusal. The call
+  // fails if the browser is attached already or the parent window does not
+  // exist.
   absl::StatusOr<rpc::AttachResult> Attach(const rpc::AttachRequest& request,
                                            orvane::CallOptions options = {});
   orvane::CallHandle Attach(const rpc::AttachRequest& request,
@@ -140,8 +142,8 @@ class BrowserWidgetRpcClient {
                           orvane::OnAnswer<google::protobuf::Empty> on_answer,
                           orvane::CallOptions options = {});
 
-  // Tells the browser that the host's window was minimised: nothing is drawn,
-  // and whether the view is shown or hidden is kept for later. Call it when the
+  // Tells the browser that the host's window was minimised: nothing is drawn
+  // until Restore, which shows or hides the view as it was. Call it when the
   // window system minimises the window. Fails if the browser is not attached.
   absl::StatusOr<google::protobuf::Empty> Minimize(
       const BrowserId& request, orvane::CallOptions options = {});
@@ -193,7 +195,7 @@ class BrowserWidgetRpcClient {
       orvane::CallOptions options = {});
 
   // Sends the press of a key, or its automatic repetition. Call it for every
-  // key event while the view has the focus; text goes separately, by
+  // key event while the view has the focus; text is sent separately, with
   // ForwardKeyType. Fails if the browser is not attached or the key is not
   // given.
   absl::StatusOr<google::protobuf::Empty> ForwardKeyPress(
@@ -234,8 +236,8 @@ class BrowserWidgetRpcClient {
       orvane::CallOptions options = {});
 
   // Sends the release of a mouse button or the lifting of a pen. Call it for
-  // every press that was sent, wherever the pointer is by then, save one that
-  // became a drag of the page's. Fails if the browser is not attached or no
+  // every press that was sent, wherever the pointer is by then, except one that
+  // became a drag of the page. Fails if the browser is not attached or no
   // button is given.
   absl::StatusOr<google::protobuf::Empty> ForwardMouseRelease(
       const rpc::MouseReleaseRequest& request,
@@ -265,8 +267,8 @@ class BrowserWidgetRpcClient {
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
       orvane::CallOptions options = {});
 
-  // Sends a movement of the pointer with a button held, as while selecting
-  // text. Call it for every movement between a press in the view and its
+  // Sends a movement of the pointer with a button held, for example while text
+  // is selected. Call it for every movement between a press in the view and its
   // release, also outside the view. Fails if the browser is not attached or no
   // button is held.
   absl::StatusOr<google::protobuf::Empty> ForwardMouseDrag(
@@ -287,7 +289,7 @@ class BrowserWidgetRpcClient {
       orvane::CallOptions options = {});
 
   // Sends a turn of the wheel or a scroll on a touchpad. Call it for every
-  // event of the platform, those that only begin or end a gesture included.
+  // event of the platform, including those that only begin or end a gesture.
   // Fails if the browser is not attached.
   absl::StatusOr<google::protobuf::Empty> ForwardMouseWheel(
       const rpc::MouseWheelRequest& request, orvane::CallOptions options = {});
@@ -297,7 +299,7 @@ class BrowserWidgetRpcClient {
       orvane::CallOptions options = {});
 
   // Sends a key event just as the platform delivered it, instead of the three
-  // key calls above; a host uses either way, not both. Fails if the browser is
+  // key calls above; a host uses one way or the other. Fails if the browser is
   // not attached, or if the payload is not of the widget's platform or has the
   // wrong length.
   absl::StatusOr<google::protobuf::Empty> ForwardNativeKeyEvent(
@@ -309,7 +311,7 @@ class BrowserWidgetRpcClient {
       orvane::CallOptions options = {});
 
   // Sends a mouse event just as the platform delivered it, instead of the seven
-  // mouse calls above; a host uses either way, not both. Fails if the browser
+  // mouse calls above; a host uses one way or the other. Fails if the browser
   // is not attached, or if the payload is not of the widget's platform or has
   // the wrong length.
   absl::StatusOr<google::protobuf::Empty> ForwardNativeMouseEvent(
@@ -321,7 +323,7 @@ class BrowserWidgetRpcClient {
       orvane::CallOptions options = {});
 
   // Sends a touch event just as the platform delivered it, instead of the four
-  // touch calls below; a host uses either way, not both. Fails if the browser
+  // touch calls below; a host uses one way or the other. Fails if the browser
   // is not attached, or if the payload is not of the widget's platform or has
   // the wrong length.
   absl::StatusOr<google::protobuf::Empty> ForwardNativeTouchEvent(
@@ -335,7 +337,7 @@ class BrowserWidgetRpcClient {
   // Returns the token of the page's root node, and turns the page's
   // accessibility on if it was off. Call it when assistive technology first
   // asks the host about the view. The token is empty where trees are joined by
-  // window instead; fails if the browser is not attached.
+  // window instead. Fails if the browser is not attached.
   absl::StatusOr<rpc::AccessibilityToken> GetAccessibilityToken(
       const BrowserId& request, orvane::CallOptions options = {});
   orvane::CallHandle GetAccessibilityToken(
@@ -343,9 +345,10 @@ class BrowserWidgetRpcClient {
       orvane::OnAnswer<rpc::AccessibilityToken> on_answer,
       orvane::CallOptions options = {});
 
-  // Hangs the page's accessibility tree below nodes of the host's. Call it
-  // after GetAccessibilityToken, and again when the view gets another parent or
-  // window. Fails if a token is not of the widget's platform or names no node.
+  // Joins the page's accessibility tree to the host's, below a node of the
+  // host. Call it after GetAccessibilityToken, and again when the view gets
+  // another parent or window. Fails if a token is not of the widget's platform
+  // or does not name a node.
   absl::StatusOr<google::protobuf::Empty> SetParentAccessibilityNodes(
       const rpc::SetParentAccessibilityNodesRequest& request,
       orvane::CallOptions options = {});
@@ -356,7 +359,7 @@ class BrowserWidgetRpcClient {
 
   // Joins the page's accessibility tree to a native window, where platforms
   // find trees by window. Returns true if it is joined, false if this platform
-  // does not join trees so. Fails if the window does not exist.
+  // joins trees in another way. Fails if the window does not exist.
   absl::StatusOr<google::protobuf::BoolValue> AttachAccessibleWindow(
       const rpc::AttachAccessibleWindowRequest& request,
       orvane::CallOptions options = {});
@@ -385,7 +388,7 @@ class BrowserWidgetRpcClient {
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
       orvane::CallOptions options = {});
 
-  // Reports that fingers were lifted; the page may take it for a tap. Call it
+  // Reports that fingers were lifted; the page may treat it as a tap. Call it
   // for every finger that came down on the view. Fails if the browser is not
   // attached, if no point is given, or if a finger is not down.
   absl::StatusOr<google::protobuf::Empty> ForwardTouchEnd(
@@ -395,10 +398,10 @@ class BrowserWidgetRpcClient {
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
       orvane::CallOptions options = {});
 
-  // Reports that the platform took fingers away before they were lifted; the
-  // page must not take it for a tap. Call it when the platform says so, or when
-  // the view is hidden under the fingers. Fails if the browser is not attached,
-  // if no point is given, or if a finger is not down.
+  // Reports that the platform cancelled contacts before the fingers were
+  // lifted; the page must not treat it as a tap. Call it when the platform says
+  // so, or when the view is hidden under the fingers. Fails if the browser is
+  // not attached, if no point is given, or if a finger is not down.
   absl::StatusOr<google::protobuf::Empty> ForwardTouchCancel(
       const rpc::TouchCancelRequest& request, orvane::CallOptions options = {});
   orvane::CallHandle ForwardTouchCancel(
@@ -406,10 +409,10 @@ class BrowserWidgetRpcClient {
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
       orvane::CallOptions options = {});
 
-  // Reports that a drag came over the view, and with what. What a drop would do
-  // comes back through WhenDragCursorUpdated. Call it before any other call
-  // about the drag. Fails if the browser is not attached or a drag is over the
-  // view already.
+  // Reports that a drag came over the view, and what is dragged.
+  // WhenDragCursorUpdated then tells what a drop would do. Call it before any
+  // other call about the drag. Fails if the browser is not attached or a drag
+  // is over the view already.
   absl::StatusOr<google::protobuf::Empty> ForwardDragEnter(
       const rpc::DragEnterRequest& request, orvane::CallOptions options = {});
   orvane::CallHandle ForwardDragEnter(
@@ -439,8 +442,8 @@ class BrowserWidgetRpcClient {
 
   // Reports that the user dropped what was dragged, which ends the drag over
   // the view; no leave follows. Call it only if the latest DragCursorUpdated
-  // named an operation, else call ForwardDragLeave. Fails if no drag is over
-  // the view.
+  // named an operation, otherwise call ForwardDragLeave. Fails if no drag is
+  // over the view.
   absl::StatusOr<google::protobuf::Empty> ForwardDragDrop(
       const rpc::DragDropRequest& request, orvane::CallOptions options = {});
   orvane::CallHandle ForwardDragDrop(
@@ -450,7 +453,7 @@ class BrowserWidgetRpcClient {
 
   // Reports the end of a drag that began in the page, once, wherever and
   // however it ended. Call it after the drop or the leave, if the drag ended
-  // over a view; it stands for the release of the button too. Fails if no drag
+  // over a view. It also counts as the release of the button. Fails if no drag
   // began in the page.
   absl::StatusOr<google::protobuf::Empty> ForwardDragEnd(
       const rpc::DragEndRequest& request, orvane::CallOptions options = {});
@@ -481,7 +484,7 @@ class BrowserWidgetRpcClient {
       orvane::OnAnswer<google::protobuf::Empty> on_answer,
       orvane::CallOptions options = {});
 
-  // Draws the page at a given scale factor whatever the display says, or goes
+  // Draws the page at a given scale factor instead of the display's, or goes
   // back to the display's. Call it at any time; the page is laid out anew.
   // Fails if the factor is not between 0.25 and 8.
   absl::StatusOr<google::protobuf::Empty> SetForcedScaleFactor(
@@ -494,8 +497,8 @@ class BrowserWidgetRpcClient {
 
   // Event streams -------------------------------------------------------------
 
-  // Sends an event when the pointer over the view is to look different. A
-  // stream that subscribes late learns the cursor at its next change.
+  // Sends an event when the cursor over the view has changed. A stream that
+  // subscribes later learns the cursor at its next change.
   [[nodiscard]] std::unique_ptr<orvane::ClientStream> WhenCursorChanged(
       const BrowserId& key, orvane::OnEvent<rpc::CursorChanged> on_event,
       orvane::OnEnd on_end = nullptr);
@@ -517,14 +520,14 @@ class BrowserWidgetRpcClient {
       const BrowserId& key, orvane::OnEvent<rpc::DropDownDeleted> on_event,
       orvane::OnEnd on_end = nullptr);
 
-  // Sends an event when it has changed what a drop at the drag's present
-  // position would do. One comes at least after each ForwardDragEnter, and when
-  // the page begins a drag of its own.
+  // Sends an event when a drop at the drag's current position would do
+  // something else than before, at least once after each ForwardDragEnter, and
+  // when the page begins a drag of its own.
   [[nodiscard]] std::unique_ptr<orvane::ClientStream> WhenDragCursorUpdated(
       const BrowserId& key, orvane::OnEvent<rpc::DragCursorUpdated> on_event,
       orvane::OnEnd on_end = nullptr);
 
-  // Sends an event when an ARIA live region has changed. None comes while the
+  // Sends an event when an ARIA live region has changed, but not while the
   // page's accessibility is off; GetAccessibilityToken turns it on.
   [[nodiscard]] std::unique_ptr<orvane::ClientStream> WhenAriaLiveRegionChanged(
       const BrowserId& key,
@@ -534,15 +537,15 @@ class BrowserWidgetRpcClient {
   // Callback streams ----------------------------------------------------------
 
   // Calls the host when the page opens a dialog; the host shows it and answers
-  // once it is closed. If nobody serves the browser or the call fails, the
-  // widget leaves the page on a before-unload dialog, and takes any other one
-  // as declined.
+  // once it is closed. If nobody serves the browser or the call fails, a
+  // before-unload dialog counts as accepted, so that the page is left, and any
+  // other one as declined.
   [[nodiscard]] std::unique_ptr<orvane::ClientStream> OnCreateWebDialog(
       const BrowserId& key, orvane::OnCall<rpc::CreateWebDialog> on_call,
       orvane::OnEnd on_end = nullptr);
 
   // Calls the host when a picture of the view or of a popup is ready; the host
-  // draws it and gives the memory back by its answer. Serve it in the
+  // draws it, and its answer gives the memory back. To be served in the
   // off-screen mode. If nobody serves the browser or the call fails, the
   // picture counts as discarded.
   [[nodiscard]] std::unique_ptr<orvane::ClientStream> OnUpdateSurface(
@@ -550,9 +553,10 @@ class BrowserWidgetRpcClient {
       orvane::OnEnd on_end = nullptr);
 
   // Calls the host when a layer over the view's picture is added, changed or
-  // removed; the host applies the change and answers. Serve it beside
-  // OnUpdateSurface: if nobody does, the widget draws such content into the
-  // view's picture. If the call fails, the picture counts as discarded.
+  // removed; the host applies the change and answers. To be served together
+  // with OnUpdateSurface: if nobody serves the browser, the widget draws such
+  // content into the view's picture. If the call fails, the picture counts as
+  // discarded.
   [[nodiscard]] std::unique_ptr<orvane::ClientStream> OnUpdateLayer(
       const BrowserId& key, orvane::OnCall<rpc::UpdateLayer> on_call,
       orvane::OnEnd on_end = nullptr);
@@ -564,7 +568,7 @@ class BrowserWidgetRpcClient {
       const BrowserId& key, orvane::OnCall<rpc::ShowDropdown> on_call,
       orvane::OnEnd on_end = nullptr);
 
-  // Calls the host when focus has run past the page's last or first element;
+  // Calls the host when focus has moved past the page's last or first element;
   // the host focuses a control of its own, calls Unfocus and answers, or
   // declines. If nobody serves the browser or the call fails, focus starts over
   // at the page's other end.

@@ -25,21 +25,22 @@ namespace rpc {
 // browser; the host names it by the browser's id.
 //
 // Unary calls: from Focus to SetForcedScaleFactor. Each fails if its browser
-// does not exist, and if the widget does not serve the method. Calls of one
+// does not exist, or if the widget does not implement the method. Calls of one
 // connection are handled in the order in which they were sent, so a host may
 // send input without waiting for answers.
 //
 // Event streams: the When... methods. The host opens one, subscribes it to
 // browsers, and receives their events until it unsubscribes or ends the stream.
-// An unknown browser is no error: its events come once it exists.
+// An unknown browser may be subscribed to: its events arrive once it exists.
 //
 // Callback streams: the On... methods. The host opens one, subscribes it to
 // browsers, and from then on answers the widget's calls, each by a response or
 // an error under the id of the call. One stream serves a browser at a time: the
 // latest to have subscribed. If none does, the widget goes on without an
-// answer, in the way that each method tells.
+// answer, as each method describes.
 //
-// A method is known by its position, so the order of the methods never changes.
+// A method is identified by its position, so the order of the methods never
+// changes.
 //
 // To serve it, derive from this class and override the methods that you serve.
 //
@@ -99,9 +100,10 @@ class BrowserWidgetRpc : public orvane::Service {
 
   // Places the browser's view in a window of the host; the view stays hidden
   // until Show. Call it once the parent window exists, and before anything
-  // below that needs an attached browser. What the widget cannot offer, such as
-  // a rendering mode, is a refusal in the result; the call fails for wrong use:
-  // a browser that is attached already, a parent window that does not exist.
+  // below that needs an attached browser. If the widget cannot offer what is
+  // asked for, such as a rendering mode, the result has a refusal. The call
+  // fails if the browser is attached already or the parent window does not
+  // exist.
   virtual void Attach(google::protobuf::RpcController* controller,
                       const rpc::AttachRequest* request,
                       rpc::AttachResult* response,
@@ -137,8 +139,8 @@ class BrowserWidgetRpc : public orvane::Service {
                     const BrowserId* request, google::protobuf::Empty* response,
                     google::protobuf::Closure* done);
 
-  // Tells the browser that the host's window was minimised: nothing is drawn,
-  // and whether the view is shown or hidden is kept for later. Call it when the
+  // Tells the browser that the host's window was minimised: nothing is drawn
+  // until Restore, which shows or hides the view as it was. Call it when the
   // window system minimises the window. Fails if the browser is not attached.
   virtual void Minimize(google::protobuf::RpcController* controller,
                         const BrowserId* request,
@@ -180,7 +182,7 @@ class BrowserWidgetRpc : public orvane::Service {
       rpc::WindowHandle* response, google::protobuf::Closure* done);
 
   // Sends the press of a key, or its automatic repetition. Call it for every
-  // key event while the view has the focus; text goes separately, by
+  // key event while the view has the focus; text is sent separately, with
   // ForwardKeyType. Fails if the browser is not attached or the key is not
   // given.
   virtual void ForwardKeyPress(google::protobuf::RpcController* controller,
@@ -213,8 +215,8 @@ class BrowserWidgetRpc : public orvane::Service {
                                  google::protobuf::Closure* done);
 
   // Sends the release of a mouse button or the lifting of a pen. Call it for
-  // every press that was sent, wherever the pointer is by then, save one that
-  // became a drag of the page's. Fails if the browser is not attached or no
+  // every press that was sent, wherever the pointer is by then, except one that
+  // became a drag of the page. Fails if the browser is not attached or no
   // button is given.
   virtual void ForwardMouseRelease(google::protobuf::RpcController* controller,
                                    const rpc::MouseReleaseRequest* request,
@@ -237,8 +239,8 @@ class BrowserWidgetRpc : public orvane::Service {
                                 google::protobuf::Empty* response,
                                 google::protobuf::Closure* done);
 
-  // Sends a movement of the pointer with a button held, as while selecting
-  // text. Call it for every movement between a press in the view and its
+  // Sends a movement of the pointer with a button held, for example while text
+  // is selected. Call it for every movement between a press in the view and its
   // release, also outside the view. Fails if the browser is not attached or no
   // button is held.
   virtual void ForwardMouseDrag(google::protobuf::RpcController* controller,
@@ -255,7 +257,7 @@ class BrowserWidgetRpc : public orvane::Service {
                                 google::protobuf::Closure* done);
 
   // Sends a turn of the wheel or a scroll on a touchpad. Call it for every
-  // event of the platform, those that only begin or end a gesture included.
+  // event of the platform, including those that only begin or end a gesture.
   // Fails if the browser is not attached.
   virtual void ForwardMouseWheel(google::protobuf::RpcController* controller,
                                  const rpc::MouseWheelRequest* request,
@@ -263,7 +265,7 @@ class BrowserWidgetRpc : public orvane::Service {
                                  google::protobuf::Closure* done);
 
   // Sends a key event just as the platform delivered it, instead of the three
-  // key calls above; a host uses either way, not both. Fails if the browser is
+  // key calls above; a host uses one way or the other. Fails if the browser is
   // not attached, or if the payload is not of the widget's platform or has the
   // wrong length.
   virtual void ForwardNativeKeyEvent(
@@ -272,7 +274,7 @@ class BrowserWidgetRpc : public orvane::Service {
       google::protobuf::Empty* response, google::protobuf::Closure* done);
 
   // Sends a mouse event just as the platform delivered it, instead of the seven
-  // mouse calls above; a host uses either way, not both. Fails if the browser
+  // mouse calls above; a host uses one way or the other. Fails if the browser
   // is not attached, or if the payload is not of the widget's platform or has
   // the wrong length.
   virtual void ForwardNativeMouseEvent(
@@ -281,7 +283,7 @@ class BrowserWidgetRpc : public orvane::Service {
       google::protobuf::Empty* response, google::protobuf::Closure* done);
 
   // Sends a touch event just as the platform delivered it, instead of the four
-  // touch calls below; a host uses either way, not both. Fails if the browser
+  // touch calls below; a host uses one way or the other. Fails if the browser
   // is not attached, or if the payload is not of the widget's platform or has
   // the wrong length.
   virtual void ForwardNativeTouchEvent(
@@ -292,14 +294,15 @@ class BrowserWidgetRpc : public orvane::Service {
   // Returns the token of the page's root node, and turns the page's
   // accessibility on if it was off. Call it when assistive technology first
   // asks the host about the view. The token is empty where trees are joined by
-  // window instead; fails if the browser is not attached.
+  // window instead. Fails if the browser is not attached.
   virtual void GetAccessibilityToken(
       google::protobuf::RpcController* controller, const BrowserId* request,
       rpc::AccessibilityToken* response, google::protobuf::Closure* done);
 
-  // Hangs the page's accessibility tree below nodes of the host's. Call it
-  // after GetAccessibilityToken, and again when the view gets another parent or
-  // window. Fails if a token is not of the widget's platform or names no node.
+  // Joins the page's accessibility tree to the host's, below a node of the
+  // host. Call it after GetAccessibilityToken, and again when the view gets
+  // another parent or window. Fails if a token is not of the widget's platform
+  // or does not name a node.
   virtual void SetParentAccessibilityNodes(
       google::protobuf::RpcController* controller,
       const rpc::SetParentAccessibilityNodesRequest* request,
@@ -307,7 +310,7 @@ class BrowserWidgetRpc : public orvane::Service {
 
   // Joins the page's accessibility tree to a native window, where platforms
   // find trees by window. Returns true if it is joined, false if this platform
-  // does not join trees so. Fails if the window does not exist.
+  // joins trees in another way. Fails if the window does not exist.
   virtual void AttachAccessibleWindow(
       google::protobuf::RpcController* controller,
       const rpc::AttachAccessibleWindowRequest* request,
@@ -329,7 +332,7 @@ class BrowserWidgetRpc : public orvane::Service {
                                 google::protobuf::Empty* response,
                                 google::protobuf::Closure* done);
 
-  // Reports that fingers were lifted; the page may take it for a tap. Call it
+  // Reports that fingers were lifted; the page may treat it as a tap. Call it
   // for every finger that came down on the view. Fails if the browser is not
   // attached, if no point is given, or if a finger is not down.
   virtual void ForwardTouchEnd(google::protobuf::RpcController* controller,
@@ -337,19 +340,19 @@ class BrowserWidgetRpc : public orvane::Service {
                                google::protobuf::Empty* response,
                                google::protobuf::Closure* done);
 
-  // Reports that the platform took fingers away before they were lifted; the
-  // page must not take it for a tap. Call it when the platform says so, or when
-  // the view is hidden under the fingers. Fails if the browser is not attached,
-  // if no point is given, or if a finger is not down.
+  // Reports that the platform cancelled contacts before the fingers were
+  // lifted; the page must not treat it as a tap. Call it when the platform says
+  // so, or when the view is hidden under the fingers. Fails if the browser is
+  // not attached, if no point is given, or if a finger is not down.
   virtual void ForwardTouchCancel(google::protobuf::RpcController* controller,
                                   const rpc::TouchCancelRequest* request,
                                   google::protobuf::Empty* response,
                                   google::protobuf::Closure* done);
 
-  // Reports that a drag came over the view, and with what. What a drop would do
-  // comes back through WhenDragCursorUpdated. Call it before any other call
-  // about the drag. Fails if the browser is not attached or a drag is over the
-  // view already.
+  // Reports that a drag came over the view, and what is dragged.
+  // WhenDragCursorUpdated then tells what a drop would do. Call it before any
+  // other call about the drag. Fails if the browser is not attached or a drag
+  // is over the view already.
   virtual void ForwardDragEnter(google::protobuf::RpcController* controller,
                                 const rpc::DragEnterRequest* request,
                                 google::protobuf::Empty* response,
@@ -373,8 +376,8 @@ class BrowserWidgetRpc : public orvane::Service {
 
   // Reports that the user dropped what was dragged, which ends the drag over
   // the view; no leave follows. Call it only if the latest DragCursorUpdated
-  // named an operation, else call ForwardDragLeave. Fails if no drag is over
-  // the view.
+  // named an operation, otherwise call ForwardDragLeave. Fails if no drag is
+  // over the view.
   virtual void ForwardDragDrop(google::protobuf::RpcController* controller,
                                const rpc::DragDropRequest* request,
                                google::protobuf::Empty* response,
@@ -382,7 +385,7 @@ class BrowserWidgetRpc : public orvane::Service {
 
   // Reports the end of a drag that began in the page, once, wherever and
   // however it ended. Call it after the drop or the leave, if the drag ended
-  // over a view; it stands for the release of the button too. Fails if no drag
+  // over a view. It also counts as the release of the button. Fails if no drag
   // began in the page.
   virtual void ForwardDragEnd(google::protobuf::RpcController* controller,
                               const rpc::DragEndRequest* request,
@@ -407,7 +410,7 @@ class BrowserWidgetRpc : public orvane::Service {
                            google::protobuf::Empty* response,
                            google::protobuf::Closure* done);
 
-  // Draws the page at a given scale factor whatever the display says, or goes
+  // Draws the page at a given scale factor instead of the display's, or goes
   // back to the display's. Call it at any time; the page is laid out anew.
   // Fails if the factor is not between 0.25 and 8.
   virtual void SetForcedScaleFactor(
@@ -417,8 +420,8 @@ class BrowserWidgetRpc : public orvane::Service {
 
   // Event streams -------------------------------------------------------------
 
-  // Sends an event when the pointer over the view is to look different. A
-  // stream that subscribes late learns the cursor at its next change.
+  // Sends an event when the cursor over the view has changed. A stream that
+  // subscribes later learns the cursor at its next change.
   virtual orvane::Publisher<rpc::CursorChanged> WhenCursorChanged();
 
   // Sends an event when a tooltip is to be shown, replaced or hidden.
@@ -432,12 +435,12 @@ class BrowserWidgetRpc : public orvane::Service {
   // created.
   virtual orvane::Publisher<rpc::DropDownDeleted> WhenDropDownDeleted();
 
-  // Sends an event when it has changed what a drop at the drag's present
-  // position would do. One comes at least after each ForwardDragEnter, and when
-  // the page begins a drag of its own.
+  // Sends an event when a drop at the drag's current position would do
+  // something else than before, at least once after each ForwardDragEnter, and
+  // when the page begins a drag of its own.
   virtual orvane::Publisher<rpc::DragCursorUpdated> WhenDragCursorUpdated();
 
-  // Sends an event when an ARIA live region has changed. None comes while the
+  // Sends an event when an ARIA live region has changed, but not while the
   // page's accessibility is off; GetAccessibilityToken turns it on.
   virtual orvane::Publisher<rpc::AriaLiveRegionChanged>
   WhenAriaLiveRegionChanged();
@@ -445,21 +448,22 @@ class BrowserWidgetRpc : public orvane::Service {
   // Callback streams ----------------------------------------------------------
 
   // Calls the host when the page opens a dialog; the host shows it and answers
-  // once it is closed. If nobody serves the browser or the call fails, the
-  // widget leaves the page on a before-unload dialog, and takes any other one
-  // as declined.
+  // once it is closed. If nobody serves the browser or the call fails, a
+  // before-unload dialog counts as accepted, so that the page is left, and any
+  // other one as declined.
   virtual orvane::Caller<rpc::CreateWebDialog> OnCreateWebDialog();
 
   // Calls the host when a picture of the view or of a popup is ready; the host
-  // draws it and gives the memory back by its answer. Serve it in the
+  // draws it, and its answer gives the memory back. To be served in the
   // off-screen mode. If nobody serves the browser or the call fails, the
   // picture counts as discarded.
   virtual orvane::Caller<rpc::UpdateSurface> OnUpdateSurface();
 
   // Calls the host when a layer over the view's picture is added, changed or
-  // removed; the host applies the change and answers. Serve it beside
-  // OnUpdateSurface: if nobody does, the widget draws such content into the
-  // view's picture. If the call fails, the picture counts as discarded.
+  // removed; the host applies the change and answers. To be served together
+  // with OnUpdateSurface: if nobody serves the browser, the widget draws such
+  // content into the view's picture. If the call fails, the picture counts as
+  // discarded.
   virtual orvane::Caller<rpc::UpdateLayer> OnUpdateLayer();
 
   // Calls the host when the page opens a drop-down; the host shows the list and
@@ -467,7 +471,7 @@ class BrowserWidgetRpc : public orvane::Service {
   // the list itself. If the call fails, the page keeps its choice.
   virtual orvane::Caller<rpc::ShowDropdown> OnShowDropdown();
 
-  // Calls the host when focus has run past the page's last or first element;
+  // Calls the host when focus has moved past the page's last or first element;
   // the host focuses a control of its own, calls Unfocus and answers, or
   // declines. If nobody serves the browser or the call fails, focus starts over
   // at the page's other end.
