@@ -173,7 +173,7 @@ class ServerMeetsHost : public StreamFixture {
 };
 
 TEST_F(ServerMeetsHost, AnswersItsHello) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   EXPECT_THAT(Settle(&host), IsEmpty());
   ASSERT_TRUE(host.hello.has_value());
   EXPECT_EQ(host.hello->SerializeAsString(),
@@ -235,7 +235,7 @@ TEST_F(ServerMeetsHost, PartsFromOneWhoseHelloCannotBeRead) {
 }
 
 TEST_F(ServerMeetsHost, PartsFromOneThatSaysHelloTwice) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(Frame(StreamMessage::KIND_HELLO, 0,
                   MakeHello(Widget()).SerializeAsString()));
   EXPECT_THAT(Settle(&host),

@@ -31,7 +31,7 @@ class ServerLimitsTest : public StreamFixture {
 
   // A host at another connection is served as ever.
   void ExpectOthersAreServed() {
-    RawPeer other = ConnectRaw();
+    RawPeer other = ConnectRaw(*server);
     other.Send(CallFrame(1, kShow));
     EXPECT_THAT(Settle(&other), ElementsAre("REPLY 1"));
   }
@@ -48,7 +48,7 @@ class CallLimit : public ServerLimitsTest {
 };
 
 TEST_F(CallLimit, AsManyAsItMayWait) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kHide));
   host.Send(CallFrame(2, kHide));
   EXPECT_THAT(Settle(&host), IsEmpty());
@@ -56,7 +56,7 @@ TEST_F(CallLimit, AsManyAsItMayWait) {
 }
 
 TEST_F(CallLimit, OneMoreFailsAlone) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   for (const std::uint64_t id : {1, 2, 3}) host.Send(CallFrame(id, kHide));
   EXPECT_THAT(
       Settle(&host),
@@ -67,7 +67,7 @@ TEST_F(CallLimit, OneMoreFailsAlone) {
 }
 
 TEST_F(CallLimit, AnAnswerMakesRoom) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   for (const std::uint64_t id : {1, 2}) host.Send(CallFrame(id, kHide));
   Settle(&host);
   widget.held.back().done->Run();
@@ -85,14 +85,14 @@ class StreamLimit : public ServerLimitsTest {
 };
 
 TEST_F(StreamLimit, AsManyAsItMayBeOpen) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(OpenFrame(1, kWhenTooltipChanged));
   host.Send(OpenFrame(2, kOnCreateWebDialog));
   EXPECT_THAT(Settle(&host), IsEmpty());
 }
 
 TEST_F(StreamLimit, OneMoreIsRefusedAlone) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   for (const std::uint64_t id : {1, 2, 3})
     host.Send(OpenFrame(id, kWhenTooltipChanged));
   host.Send(NextFrame(1, Subscribe(7)));
@@ -105,7 +105,7 @@ TEST_F(StreamLimit, OneMoreIsRefusedAlone) {
 }
 
 TEST_F(StreamLimit, AnEndMakesRoom) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(OpenFrame(1, kWhenTooltipChanged));
   host.Send(OpenFrame(2, kWhenTooltipChanged));
   host.Send(CompleteFrame(1));
@@ -122,7 +122,7 @@ class SubscriptionLimit : public ServerLimitsTest {
 };
 
 TEST_F(SubscriptionLimit, AsManyAsItMayStandOnAllStreamsTogether) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(OpenFrame(1, kWhenTooltipChanged));
   host.Send(OpenFrame(2, kWhenTooltipChanged));
   host.Send(NextFrame(1, Subscribe(1)));
@@ -134,7 +134,7 @@ TEST_F(SubscriptionLimit, AsManyAsItMayStandOnAllStreamsTogether) {
 }
 
 TEST_F(SubscriptionLimit, OneMoreEndsItsStreamAlone) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(OpenFrame(1, kWhenTooltipChanged));
   host.Send(OpenFrame(2, kWhenTooltipChanged));
   for (const std::uint64_t browser : {1, 2, 3})
@@ -151,7 +151,7 @@ TEST_F(SubscriptionLimit, OneMoreEndsItsStreamAlone) {
 }
 
 TEST_F(SubscriptionLimit, UnsubscribingAndEndingMakeRoom) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(OpenFrame(1, kWhenTooltipChanged));
   host.Send(OpenFrame(2, kWhenTooltipChanged));
   host.Send(NextFrame(1, Subscribe(1)));
@@ -173,15 +173,15 @@ class ConnectionLimit : public ServerLimitsTest {
 };
 
 TEST_F(ConnectionLimit, AsManyAsItAreServed) {
-  RawPeer first = ConnectRaw();
-  RawPeer second = ConnectRaw();
+  RawPeer first = ConnectRaw(*server);
+  RawPeer second = ConnectRaw(*server);
   second.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&second), ElementsAre("REPLY 1"));
 }
 
 TEST_F(ConnectionLimit, OneMoreIsToldAndClosed) {
-  RawPeer first = ConnectRaw();
-  RawPeer second = ConnectRaw();
+  RawPeer first = ConnectRaw(*server);
+  RawPeer second = ConnectRaw(*server);
   auto pair = ConnectedPair();
   ASSERT_TRUE(pair.ok()) << pair.status();
   EXPECT_TRUE(absl::IsResourceExhausted(server->Adopt(pair->first.Release())));
@@ -195,10 +195,10 @@ TEST_F(ConnectionLimit, OneMoreIsToldAndClosed) {
 }
 
 TEST_F(ConnectionLimit, AHostThatLeavesMakesRoom) {
-  RawPeer first = ConnectRaw();
-  { RawPeer second = ConnectRaw(); }
+  RawPeer first = ConnectRaw(*server);
+  { RawPeer second = ConnectRaw(*server); }
   loop.RunUntilIdle();
-  RawPeer third = ConnectRaw();
+  RawPeer third = ConnectRaw(*server);
   third.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&third), ElementsAre("REPLY 1"));
 }
@@ -223,7 +223,7 @@ class DepthLimit : public ServerLimitsTest {
 };
 
 TEST_F(DepthLimit, MessagesMayBeNestedAsDeepAsItAndNotDeeper) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   for (const int depth : {9, 10, 11})
     host.Send(NestedCall(static_cast<std::uint64_t>(depth), depth));
   EXPECT_THAT(Settle(&host),
@@ -234,7 +234,7 @@ TEST_F(DepthLimit, MessagesMayBeNestedAsDeepAsItAndNotDeeper) {
 }
 
 TEST_F(DepthLimit, HoldsOnStreamsToo) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(OpenFrame(1, kWhenTooltipChanged));
   host.Send(Frame(StreamMessage::KIND_NEXT, 1, Nested(11)));
   host.Send(OpenFrame(2, kOnCreateWebDialog));
@@ -255,7 +255,7 @@ class BoundlessDepth : public ServerLimitsTest {
 };
 
 TEST_F(BoundlessDepth, StaysWithinWhatStreamsCanRead) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   for (const int depth : {99, 100, 101})
     host.Send(NestedCall(static_cast<std::uint64_t>(depth), depth));
   EXPECT_THAT(Settle(&host),
@@ -273,7 +273,7 @@ class FrameTimeLimit : public ServerLimitsTest {
 };
 
 TEST_F(FrameTimeLimit, AFrameThatIsNotFinishedInTimeEndsTheConnection) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.SendBytes(RawPeer::Bytes(CallFrame(1, kShow)).substr(0, 5));
   loop.RunUntil([&] { return server->connections() == 0; });
   EXPECT_THAT(
@@ -286,7 +286,7 @@ TEST_F(FrameTimeLimit, AFrameThatIsNotFinishedInTimeEndsTheConnection) {
 }
 
 TEST_F(FrameTimeLimit, TheTimeBetweenFramesDoesNotCount) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   bool passed = false;
   // The first frame's time is up when the second has begun a moment ago.
   const std::string bytes = RawPeer::Bytes(CallFrame(1, kShow));

@@ -94,7 +94,7 @@ class SharedKeyTest : public StreamFixture {
   // may end anywhere, and who is due an event is known each time.
   void DieAtAnyByte() {
     const Speech speech = MakeSpeech();
-    std::optional<RawPeer> dies = ConnectRaw();
+    std::optional<RawPeer> dies = ConnectRaw(*server);
     Events received;
     due_.clear();
     std::size_t said = 0;
@@ -221,7 +221,7 @@ class SharedKeyTest : public StreamFixture {
   }
 
   std::mt19937 random_;
-  RawPeer stays_ = ConnectRaw();
+  RawPeer stays_ = ConnectRaw(*server);
   std::vector<std::string> published_;  // Since the host that stays was asked.
   int last_text_ = 0;
 

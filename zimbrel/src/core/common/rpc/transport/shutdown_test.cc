@@ -73,7 +73,7 @@ TEST_F(ShutdownTest, TakesNoFurtherHosts) {
 }
 
 TEST_F(ShutdownTest, CompletesStreamsAndTellsTheirHosts) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(OpenFrame(1, kWhenTooltipChanged));
   host.Send(NextFrame(1, Subscribe(7)));
   host.Send(OpenFrame(2, kOnCreateWebDialog));
@@ -87,7 +87,7 @@ TEST_F(ShutdownTest, CompletesStreamsAndTellsTheirHosts) {
 }
 
 TEST_F(ShutdownTest, FailsTheCallsOfTheWidget) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(OpenFrame(1, kOnCreateWebDialog));
   host.Send(NextFrame(1, Serve(7)));
   Settle(&host);
@@ -98,7 +98,7 @@ TEST_F(ShutdownTest, FailsTheCallsOfTheWidget) {
 }
 
 TEST_F(ShutdownTest, WaitsForAHandlerThatAnswers) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kHide));
   Settle(&host);
   Shutdown();
@@ -112,7 +112,7 @@ TEST_F(ShutdownTest, WaitsForAHandlerThatAnswers) {
 }
 
 TEST_F(ShutdownTest, DoesNotWaitForACallThatItsHostCancels) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kHide));
   Settle(&host);
   Shutdown();
@@ -122,7 +122,7 @@ TEST_F(ShutdownTest, DoesNotWaitForACallThatItsHostCancels) {
 }
 
 TEST_F(ShutdownTest, DoesNotWaitForAHostThatLeaves) {
-  std::optional<RawPeer> host = ConnectRaw();
+  std::optional<RawPeer> host = ConnectRaw(*server);
   host->Send(CallFrame(1, kHide));
   Settle(&*host);
   Shutdown();
@@ -132,7 +132,7 @@ TEST_F(ShutdownTest, DoesNotWaitForAHostThatLeaves) {
 }
 
 TEST_F(ShutdownTest, FailsACallThatIsNotAnsweredInTime) {
-  const auto host = Connect();
+  const auto host = Connect(&loop, *server);
   std::optional<absl::Status> answered;
   host->Call(rpc::BrowserWidgetRpc::descriptor()->method(kHide), BrowserId(),
              [&answered](const auto& answer) { answered = answer.status(); });
@@ -146,7 +146,7 @@ TEST_F(ShutdownTest, FailsACallThatIsNotAnsweredInTime) {
 }
 
 TEST_F(ShutdownTest, LetsNothingBeginMeanwhile) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kHide));
   Settle(&host);
   Shutdown();
@@ -160,7 +160,7 @@ TEST_F(ShutdownTest, LetsNothingBeginMeanwhile) {
 // More than a socket takes at once.
 class WithALongQueue : public ShutdownTest {
  protected:
-  WithALongQueue() : host(ConnectRaw()) {
+  WithALongQueue() : host(ConnectRaw(*server)) {
     host.Send(OpenFrame(1, kWhenLiveRegionChanged));
     host.Send(NextFrame(1, Subscribe(7)));
     Settle(&host);
@@ -191,14 +191,14 @@ TEST_F(WithALongQueue, LetsAllLeaveThatWasSent) {
 }
 
 TEST_F(WithALongQueue, CutsOffAHostThatDoesNotReadInTime) {
-  RawPeer reads = ConnectRaw();
+  RawPeer reads = ConnectRaw(*server);
   Shutdown(absl::Milliseconds(1));
   ASSERT_TRUE(loop.RunUntil([this] { return ended == 1; }));
   EXPECT_EQ(server->connections(), 0u);
 }
 
 TEST_F(ShutdownTest, MayBeAskedForByAHandler) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   widget.on_show = [this](std::uint64_t) { Shutdown(); };
   host.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&host), ElementsAre("REPLY 1"));
@@ -206,7 +206,7 @@ TEST_F(ShutdownTest, MayBeAskedForByAHandler) {
 }
 
 TEST_F(ShutdownTest, TheServerMayBeDestroyedAtItsEnd) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   Settle(&host);
   server->Shutdown(kLong, [this] {
     server.reset();
@@ -217,7 +217,7 @@ TEST_F(ShutdownTest, TheServerMayBeDestroyedAtItsEnd) {
 }
 
 TEST_F(ShutdownTest, TheServerMayBeDestroyedMeanwhile) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kHide));
   Settle(&host);
   Shutdown();

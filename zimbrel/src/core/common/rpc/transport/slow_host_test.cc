@@ -27,7 +27,7 @@ class SlowHostTest : public StreamFixture {
 
   // A host that has subscribed to the events of browser 1.
   RawPeer Subscriber(std::uint32_t method) {
-    RawPeer host = ConnectRaw();
+    RawPeer host = ConnectRaw(*server);
     host.Send(OpenFrame(1, method));
     host.Send(NextFrame(1, Subscribe(1)));
     loop.RunUntilIdle();

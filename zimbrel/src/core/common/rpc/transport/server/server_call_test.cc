@@ -29,7 +29,7 @@ using ::testing::SizeIs;
 using ServerCallTest = ServerFixture;
 
 TEST_F(ServerCallTest, AnswersACall) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(9, kGetChromiumWindowHandle, 1234));
   Settle(&host);
   ASSERT_THAT(host.frames, SizeIs(1));
@@ -41,14 +41,14 @@ TEST_F(ServerCallTest, AnswersACall) {
 }
 
 TEST_F(ServerCallTest, AMethodThatIsNotOverriddenFailsInItsOwnWords) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kDetach));
   Settle(&host);
   EXPECT_EQ(OnlyError(host), "1/2: Method Detach() not implemented.");
 }
 
 TEST_F(ServerCallTest, AHandlersFailureReachesTheHost) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kMinimize));
   Settle(&host);
   EXPECT_EQ(OnlyError(host), "1/2: it cannot be minimised");
@@ -56,14 +56,14 @@ TEST_F(ServerCallTest, AHandlersFailureReachesTheHost) {
 
 TEST_F(ServerCallTest, AFailureMayHaveAnyBytesAsItsText) {
   widget.failure = "\xff\xfe";
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kMinimize));
   Settle(&host);
   EXPECT_EQ(OnlyError(host), "1/2: \xff\xfe");
 }
 
 TEST_F(ServerCallTest, CallsReachTheHandlersInTheOrderTheyWereSent) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   std::vector<std::uint64_t> sent;
   std::string bytes;
   for (std::uint64_t id = 1; id <= 500; ++id) {
@@ -77,7 +77,7 @@ TEST_F(ServerCallTest, CallsReachTheHandlersInTheOrderTheyWereSent) {
 }
 
 TEST_F(ServerCallTest, AHandlerMayAnswerLaterAndInAnyOrder) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kHide));
   host.Send(CallFrame(2, kHide));
   host.Send(CallFrame(3, kShow));
@@ -93,7 +93,7 @@ TEST_F(ServerCallTest, AHandlerMayAnswerLaterAndInAnyOrder) {
 }
 
 TEST_F(ServerCallTest, AHandlerMayAnswerFromAnotherThread) {
-  const std::unique_ptr<SocketClient> client = Connect();
+  const std::unique_ptr<SocketClient> client = Connect(&loop, *server);
   std::vector<std::thread> threads;
   widget.on_restore = [&](Closure* done) {
     threads.emplace_back([done] { done->Run(); });
@@ -108,7 +108,7 @@ TEST_F(ServerCallTest, AHandlerMayAnswerFromAnotherThread) {
 
 TEST_F(ServerCallTest, AnAnswerToAHostThatHasGoneGoesNowhere) {
   {
-    RawPeer host = ConnectRaw();
+    RawPeer host = ConnectRaw(*server);
     host.Send(CallFrame(1, kHide));
     Settle(&host);
   }
@@ -121,7 +121,7 @@ TEST_F(ServerCallTest, AnAnswerToAHostThatHasGoneGoesNowhere) {
 
 TEST_F(ServerCallTest, AnAnswerFromAnotherThreadToAHostThatHasGoneGoesNowhere) {
   {
-    RawPeer host = ConnectRaw();
+    RawPeer host = ConnectRaw(*server);
     host.Send(CallFrame(1, kHide));
     Settle(&host);
   }
@@ -131,7 +131,7 @@ TEST_F(ServerCallTest, AnAnswerFromAnotherThreadToAHostThatHasGoneGoesNowhere) {
 }
 
 TEST_F(ServerCallTest, AnAnswerAfterTheServerHasGoneGoesNowhere) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kHide));
   host.Send(CallFrame(2, kHide));
   Settle(&host);
@@ -160,7 +160,7 @@ TEST(ServerCallAfterItsLoop, AnAnswerFromAnotherThreadGoesNowhere) {
 }
 
 TEST_F(ServerCallTest, AHandlerLearnsThatItsHostHasGone) {
-  std::optional<RawPeer> host = ConnectRaw();
+  std::optional<RawPeer> host = ConnectRaw(*server);
   host->Send(CallFrame(1, kHide));
   loop.RunUntilIdle();
   ASSERT_THAT(widget.held, SizeIs(1));
@@ -178,7 +178,7 @@ TEST_F(ServerCallTest, AHandlerLearnsThatItsHostHasGone) {
 
 // Each of them used to be touched again after it had been answered.
 TEST_F(ServerCallTest, WhoLearnsThatItsHostHasGoneMayAnswerAllItsCalls) {
-  std::optional<RawPeer> host = ConnectRaw();
+  std::optional<RawPeer> host = ConnectRaw(*server);
   for (std::uint64_t id = 1; id <= 5; ++id) host->Send(CallFrame(id, kHide));
   loop.RunUntilIdle();
   ASSERT_THAT(widget.held, SizeIs(5));
@@ -199,7 +199,7 @@ TEST_F(ServerCallTest, WhoLearnsThatItsHostHasGoneMayAnswerAllItsCalls) {
 }
 
 TEST_F(ServerCallTest, AHandlerLearnsThatItsCallIsCancelledAndNoAnswerIsSent) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kHide));
   host.Send(Frame(StreamMessage::KIND_CANCEL, 1));
   Settle(&host);
@@ -216,7 +216,7 @@ TEST_F(ServerCallTest, AHandlerLearnsThatItsCallIsCancelledAndNoAnswerIsSent) {
 
 TEST_F(ServerCallTest,
        WhoAskedToBeToldOfACancellationIsToldWhenTheCallEndsWithoutOne) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kHide));
   Settle(&host);
   int told = 0;
@@ -227,7 +227,7 @@ TEST_F(ServerCallTest,
 }
 
 TEST_F(ServerCallTest, CancellingWhatIsNotThereIsHarmless) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(Frame(StreamMessage::KIND_CANCEL, 12));
   host.Send(CallFrame(13, kShow));
   Settle(&host);
@@ -236,7 +236,7 @@ TEST_F(ServerCallTest, CancellingWhatIsNotThereIsHarmless) {
 }
 
 TEST_F(ServerCallTest, AHandlerMayDestroyTheServer) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   widget.on_restore = [this](Closure* done) {
     server.reset();
     done->Run();
@@ -249,7 +249,7 @@ TEST_F(ServerCallTest, AHandlerMayDestroyTheServer) {
 }
 
 TEST_F(ServerCallTest, AHostThatHasFinishedSendingStillGetsItsAnswers) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kShow));
   host.FinishSending();
   Settle(&host);

@@ -27,7 +27,7 @@ class ServerCallbackStreamTest : public StreamFixture {
 
   // A host whose stream 1 serves the dialogs of browser 7.
   RawPeer ServingHost() {
-    RawPeer host = ConnectRaw();
+    RawPeer host = ConnectRaw(*server);
     host.Send(OpenFrame(1, kOnCreateWebDialog));
     host.Send(NextFrame(1, Serve(7)));
     EXPECT_THAT(Settle(&host), IsEmpty());
@@ -43,7 +43,7 @@ class ServerCallbackStreamTest : public StreamFixture {
 };
 
 TEST_F(ServerCallbackStreamTest, EveryCallbackStreamOpensAndServes) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   for (std::uint32_t method = kFirstCallbackStream; method < kMethods;
        ++method) {
     host.Send(OpenFrame(method, method));
@@ -142,7 +142,7 @@ TEST_F(ServerCallbackStreamTest, CallsAndStreamsAreHandledInTheOrderOfArrival) {
   widget.on_show = [&](std::uint64_t browser) {
     Ask(browser, std::to_string(++calls));
   };
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   std::string bytes;
   for (const StreamMessage& frame :
        {OpenFrame(1, kOnCreateWebDialog), CallFrame(2, kShow, 7),

@@ -20,7 +20,7 @@ using ::testing::SizeIs;
 using ServerConnectionTest = ServerFixture;
 
 TEST_F(ServerConnectionTest, AnUnknownMethodIsAnError) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kMethods));
   Settle(&host);
   EXPECT_EQ(OnlyError(host),
@@ -29,7 +29,7 @@ TEST_F(ServerConnectionTest, AnUnknownMethodIsAnError) {
 }
 
 TEST_F(ServerConnectionTest, TheLargestMethodNumberIsAnErrorToo) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, 0xffffffffu));
   Settle(&host);
   EXPECT_EQ(OnlyError(host),
@@ -38,7 +38,7 @@ TEST_F(ServerConnectionTest, TheLargestMethodNumberIsAnErrorToo) {
 
 TEST_F(ServerConnectionTest, CallingAStreamIsAnError) {
   for (std::uint32_t method = kFirstStream; method < kMethods; ++method) {
-    RawPeer host = ConnectRaw();
+    RawPeer host = ConnectRaw(*server);
     host.Send(CallFrame(1, method));
     Settle(&host);
     EXPECT_THAT(OnlyError(host), HasSubstr("is a stream and cannot be called"))
@@ -49,7 +49,7 @@ TEST_F(ServerConnectionTest, CallingAStreamIsAnError) {
 
 TEST_F(ServerConnectionTest,
        ARequestThatCannotBeParsedIsAnErrorThatNamesItsType) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   StreamMessage call = CallFrame(1, kSetDisplay);
   call.set_payload("\xff\xff\xff");
   host.Send(call);
@@ -60,7 +60,7 @@ TEST_F(ServerConnectionTest,
 }
 
 TEST_F(ServerConnectionTest, AfterAnErrorReplyTheConnectionGoesOn) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, 99));
   host.Send(CallFrame(2, kShow));
   Settle(&host);
@@ -70,8 +70,8 @@ TEST_F(ServerConnectionTest, AfterAnErrorReplyTheConnectionGoesOn) {
 }
 
 TEST_F(ServerConnectionTest, AFrameAboveTheLimitEndsTheConnectionInWords) {
-  RawPeer bystander = ConnectRaw();
-  RawPeer host = ConnectRaw();
+  RawPeer bystander = ConnectRaw(*server);
+  RawPeer host = ConnectRaw(*server);
   host.SendBytes(std::string("\x01\0\x40\0", 4));  // 4 MiB and a byte.
   Settle(&host);
   EXPECT_EQ(OnlyError(host),
@@ -83,7 +83,7 @@ TEST_F(ServerConnectionTest, AFrameAboveTheLimitEndsTheConnectionInWords) {
 }
 
 TEST_F(ServerConnectionTest, BytesThatAreNoFrameEndTheConnectionInWords) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.SendBytes(std::string("\x03\0\0\0\xff\xff\xff", 7));
   Settle(&host);
   EXPECT_EQ(OnlyError(host), "0/3: frame of 3 bytes that is no StreamMessage");
@@ -94,7 +94,7 @@ TEST_F(ServerConnectionTest, BytesThatAreNoFrameEndTheConnectionInWords) {
 TEST_F(ServerConnectionTest,
        AFrameOfAKindThatHostsDoNotSendEndsTheConnectionInWords) {
   for (const int kind : {0, 2, 77}) {
-    RawPeer host = ConnectRaw();
+    RawPeer host = ConnectRaw(*server);
     StreamMessage frame = CallFrame(1, kShow);
     frame.set_kind(static_cast<StreamMessage::Kind>(kind));
     host.Send(frame);
@@ -107,7 +107,7 @@ TEST_F(ServerConnectionTest,
 }
 
 TEST_F(ServerConnectionTest, StreamId0EndsTheConnectionInWords) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(0, kShow));
   Settle(&host);
   EXPECT_EQ(OnlyError(host),
@@ -116,7 +116,7 @@ TEST_F(ServerConnectionTest, StreamId0EndsTheConnectionInWords) {
 }
 
 TEST_F(ServerConnectionTest, AStreamIdUsedTwiceEndsTheConnectionInWords) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(7, kHide));
   host.Send(CallFrame(7, kHide));
   Settle(&host);
@@ -129,7 +129,7 @@ TEST_F(ServerConnectionTest, AStreamIdUsedTwiceEndsTheConnectionInWords) {
 }
 
 TEST_F(ServerConnectionTest, AStreamIdOutOfOrderEndsTheConnectionInWords) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(7, kShow));
   host.Send(CallFrame(6, kShow));
   Settle(&host);
@@ -142,7 +142,7 @@ TEST_F(ServerConnectionTest, AStreamIdOutOfOrderEndsTheConnectionInWords) {
 TEST_F(ServerConnectionTest,
        AHostThatDiesInTheMiddleOfAFrameLeavesNothingBehind) {
   {
-    RawPeer host = ConnectRaw();
+    RawPeer host = ConnectRaw(*server);
     host.SendBytes(std::string("\x10\0\0\0half", 8));
     loop.RunUntilIdle();
     EXPECT_EQ(server->connections(), 1u);
@@ -162,7 +162,7 @@ class SmallFramesServerTest : public ServerFixture {
 
 TEST_F(SmallFramesServerTest,
        AResponseThatFitsNoFrameIsAnErrorForItsCallAlone) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kGetAccessibilityToken, kLimit));
   host.Send(CallFrame(2, kGetAccessibilityToken, kLimit / 2));
   Settle(&host);
@@ -174,7 +174,7 @@ TEST_F(SmallFramesServerTest,
 
 TEST_F(SmallFramesServerTest, AFailuresTextIsCutSoThatItFitsAFrame) {
   widget.failure = std::string(100000, 'x');
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(CallFrame(1, kMinimize));
   Settle(&host);
   EXPECT_EQ(OnlyError(host), "1/2: " + std::string(2048, 'x'));

@@ -25,7 +25,7 @@ class ServerEventStreamTest : public StreamFixture {
 
   // A host whose stream 1 is subscribed to tooltips of browser 7.
   RawPeer WatchingHost() {
-    RawPeer host = ConnectRaw();
+    RawPeer host = ConnectRaw(*server);
     host.Send(OpenFrame(1, kWhenTooltipChanged));
     host.Send(NextFrame(1, Subscribe(7)));
     EXPECT_THAT(Settle(&host), IsEmpty());
@@ -38,7 +38,7 @@ class ServerEventStreamTest : public StreamFixture {
 };
 
 TEST_F(ServerEventStreamTest, OpeningIsNotAnsweredAndSubscribesToNothing) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   host.Send(OpenFrame(1, kWhenTooltipChanged));
   EXPECT_THAT(Settle(&host), IsEmpty());
   EXPECT_FALSE(host.closed);
@@ -46,7 +46,7 @@ TEST_F(ServerEventStreamTest, OpeningIsNotAnsweredAndSubscribesToNothing) {
 }
 
 TEST_F(ServerEventStreamTest, EveryEventStreamOpensAndSubscribes) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   for (std::uint32_t method = kFirstStream; method < kFirstCallbackStream;
        ++method) {
     host.Send(OpenFrame(method, method));
@@ -108,7 +108,7 @@ TEST_F(ServerEventStreamTest, CallsAndStreamsAreHandledInTheOrderOfArrival) {
   widget.on_show = [&](std::uint64_t browser) {
     reached.push_back(PublishTo(browser, "shown"));
   };
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   std::string bytes;
   for (const StreamMessage& frame :
        {CallFrame(1, kShow, 7), OpenFrame(2, kWhenTooltipChanged),
@@ -204,7 +204,7 @@ TEST_F(ServerEventStreamTest, WhatWasPublishedToAHostThatVanishedIsNoError) {
 // The end, by the widget.
 
 TEST_F(ServerEventStreamTest, TheServersEndCompletesStreamsInOrderOfOpening) {
-  RawPeer host = ConnectRaw();
+  RawPeer host = ConnectRaw(*server);
   for (const std::uint64_t id : {3, 14, 15, 92, 653})
     host.Send(OpenFrame(id, kWhenTooltipChanged));
   host.Send(NextFrame(92, Subscribe(7)));
