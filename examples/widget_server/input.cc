@@ -70,16 +70,12 @@ std::string ListOf(const TouchPoints& points) {
 
 absl::Status Input::KeyPress(const rpc::KeyPressRequest& event) {
   if (absl::Status status = CheckKey(event.key()); !status.ok()) return status;
-  const std::string key = NameOf(event.key());
-  held_keys_.insert(key);
-  return Accept("KeyPress " + key);
+  return Accept("KeyPress " + NameOf(event.key()));
 }
 
 absl::Status Input::KeyRelease(const rpc::KeyReleaseRequest& event) {
   if (absl::Status status = CheckKey(event.key()); !status.ok()) return status;
-  const std::string key = NameOf(event.key());
-  held_keys_.erase(key);
-  return Accept("KeyRelease " + key);
+  return Accept("KeyRelease " + NameOf(event.key()));
 }
 
 absl::Status Input::KeyType(const rpc::KeyTypeRequest& event) {
@@ -106,12 +102,10 @@ absl::Status Input::MouseRelease(const rpc::MouseReleaseRequest& event) {
 }
 
 absl::Status Input::MouseEnter(const rpc::MouseEnterRequest& event) {
-  is_pointer_inside_ = true;
   return AcceptPointer("MouseEnter", event.pointer());
 }
 
 absl::Status Input::MouseExit(const rpc::MouseExitRequest& event) {
-  is_pointer_inside_ = false;
   return AcceptPointer("MouseExit", event.pointer());
 }
 
@@ -226,7 +220,6 @@ absl::Status Input::DragEnd(const rpc::DragEndRequest& event) {
   }
   has_drag_begun_in_page_ = false;
   is_drag_over_ = false;
-  held_buttons_ = 0;  // No release follows.
   return Accept("DragEnd" + At(event.position()));
 }
 
@@ -256,14 +249,11 @@ absl::Status Input::AcceptNative(absl::string_view kind,
 
 absl::Status Input::AcceptPointer(absl::string_view kind,
                                   const rpc::PointerState& pointer) {
-  held_buttons_ = pointer.buttons();
   return Accept(absl::StrCat(kind, At(pointer.position())));
 }
 
 absl::Status Input::Accept(std::string event) {
-  ++event_count_;
-  recent_events_.push_back(std::move(event));
-  if (recent_events_.size() > kRecentEvents) recent_events_.pop_front();
+  latest_event_ = std::move(event);
   return absl::OkStatus();
 }
 

@@ -3,9 +3,7 @@
 #ifndef EXAMPLES_WIDGET_SERVER_INPUT_H_
 #define EXAMPLES_WIDGET_SERVER_INPUT_H_
 
-#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <set>
 #include <string>
 
@@ -22,16 +20,13 @@
 
 namespace widget_server {
 
-// Each operation takes one event. Remembers which keys, buttons and fingers are
-// down and whether something is being dragged. An event that contradicts this,
-// such as the release of a finger that is not down, is an error and changes
-// nothing.
+// Each operation takes one event. Remembers which fingers are down and whether
+// something is being dragged. An event that contradicts this, such as the
+// release of a finger that is not down, is an error and changes nothing.
 //
 // Of the page it knows only the place of the picture that can be dragged.
 class Input {
  public:
-  static constexpr std::size_t kRecentEvents = 8;
-
   absl::Status KeyPress(const rpc::KeyPressRequest& event);
   absl::Status KeyRelease(const rpc::KeyReleaseRequest& event);
   absl::Status KeyType(const rpc::KeyTypeRequest& event);
@@ -44,8 +39,7 @@ class Input {
   absl::Status MouseMove(const rpc::MouseMoveRequest& event);
   absl::Status MouseWheel(const rpc::MouseWheelRequest& event);
 
-  // Listed in recent_events(), but not decoded: they do not change which keys,
-  // buttons and fingers are held.
+  // Checked, but not decoded: no finger counts as down because of them.
   absl::Status NativeKeyEvent(const rpc::NativeKeyEventRequest& event);
   absl::Status NativeMouseEvent(const rpc::NativeMouseEventRequest& event);
   absl::Status NativeTouchEvent(const rpc::NativeTouchEventRequest& event);
@@ -61,26 +55,10 @@ class Input {
   absl::Status DragDrop(const rpc::DragDropRequest& event);
   absl::Status DragEnd(const rpc::DragEndRequest& event);
 
-  // The keys that are down, by KeyboardEvent.code if the host sent it.
-  const std::set<std::string>& held_keys() const { return held_keys_; }
-
-  // Sum of the rpc::MouseButtonFlag values of the buttons held, from the latest
-  // event.
-  std::uint32_t held_buttons() const { return held_buttons_; }
-
-  bool is_pointer_inside() const { return is_pointer_inside_; }
-
-  // The ids of the fingers that are down.
-  const std::set<std::int32_t>& fingers() const { return fingers_; }
-
-  bool is_drag_over() const { return is_drag_over_; }
   bool has_drag_begun_in_page() const { return has_drag_begun_in_page_; }
 
-  // How many events were accepted; descriptions of the latest, oldest first.
-  std::uint64_t event_count() const { return event_count_; }
-  const std::deque<std::string>& recent_events() const {
-    return recent_events_;
-  }
+  // Describes the last event that was accepted.
+  const std::string& LatestEventForTesting() const { return latest_event_; }
 
  private:
   using TouchPoints = google::protobuf::RepeatedPtrField<rpc::TouchPoint>;
@@ -92,20 +70,16 @@ class Input {
   absl::Status AcceptNative(absl::string_view kind,
                             const rpc::NativeEvent& event);
 
-  // Both add to recent_events() and return OK.
+  // Both keep the description of the event and return OK.
   absl::Status AcceptPointer(absl::string_view kind,
                              const rpc::PointerState& pointer);
   absl::Status Accept(std::string event);
 
-  std::set<std::string> held_keys_;
-  std::uint32_t held_buttons_ = 0;
-  bool is_pointer_inside_ = false;
   bool is_picture_pressed_ = false;
-  std::set<std::int32_t> fingers_;
+  std::set<std::int32_t> fingers_;  // The ids of those that are down.
   bool is_drag_over_ = false;
   bool has_drag_begun_in_page_ = false;
-  std::uint64_t event_count_ = 0;
-  std::deque<std::string> recent_events_;
+  std::string latest_event_;
 };
 
 }  // namespace widget_server

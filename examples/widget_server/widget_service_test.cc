@@ -167,7 +167,7 @@ TEST_F(WidgetServiceTest, EachInputMethodReachesItsOperation) {
     EXPECT_EQ(Call(method, absl::StrCat("browser_id { value: 2 } ", event)),
               absl::OkStatus())
         << method;
-    EXPECT_THAT(view().input().recent_events().back(),
+    EXPECT_THAT(view().input().LatestEventForTesting(),
                 StartsWith(absl::StripPrefix(method, "Forward")));
     tried.insert(method);
   }

@@ -134,7 +134,7 @@ TEST_F(WidgetTest, DetachEndsTheViewAndAllThatCameWithIt) {
   ASSERT_EQ(Attach(kParentWindow), absl::OkStatus());
   EXPECT_FALSE((*widget_.view())->is_drawn());
   EXPECT_FALSE((*widget_.view())->has_focus());
-  EXPECT_FALSE((*widget_.view())->input().is_drag_over());
+  EXPECT_EQ((*widget_.view())->input().DragEnter({}), absl::OkStatus());
 }
 
 TEST_F(WidgetTest, DetachAndUnfocusAreHarmlessWithoutAView) {

@@ -1,4 +1,5 @@
-// For tests: a connection that can be cut at any byte.
+// For tests: hosts connected to a server, and a connection that can be cut at
+// any byte.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_LINK_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_LINK_H_
@@ -7,15 +8,36 @@
 
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "gtest/gtest.h"
 
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/transport/in_process.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane::testing {
+
+// A new client of the server, which sends what the test tells it to.
+inline RawPeer ConnectRaw(SocketServer& server) {
+  auto pair = ConnectedPair();
+  EXPECT_TRUE(server.Adopt(pair->first.Release()).ok());
+  return RawPeer(std::move(pair->second));
+}
+
+// A new client of the server, in `loop`.
+inline std::unique_ptr<SocketClient> Connect(EventLoop* loop,
+                                             SocketServer& server) {
+  auto client = ConnectInProcess(loop, &server);
+  EXPECT_TRUE(client.ok()) << client.status();
+  return *std::move(client);
+}
 
 // Joins a client's socket and a server's by hand: what one sends reaches the
 // other when the test says so, and as much of it.

@@ -5,10 +5,8 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "google/protobuf/service.h"
@@ -18,10 +16,9 @@
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/link.h"
 #include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane::testing {
 
@@ -87,18 +84,6 @@ class ServerFixture : public ::testing::Test {
     server.emplace(&loop, &widget, limits);
   }
 
-  RawPeer ConnectRaw() {
-    auto pair = ConnectedPair();
-    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
-    return RawPeer(std::move(pair->second));
-  }
-
-  std::unique_ptr<SocketClient> Connect() {
-    auto pair = ConnectedPair();
-    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
-    return *SocketClient::Adopt(&loop, pair->second.Release());
-  }
-
   // Lets everything happen that can, then looks at what the client has
   // received.
   void Settle(RawPeer* client) {
@@ -119,7 +104,7 @@ class ServerFixture : public ::testing::Test {
 
   // Proof of life: a fresh client is served.
   void ExpectServerLives() {
-    RawPeer client = ConnectRaw();
+    RawPeer client = ConnectRaw(*server);
     client.Send(CallFrame(1, kShow, 4711));
     Settle(&client);
     ASSERT_EQ(client.frames.size(), 1u);

@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -24,10 +23,9 @@
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
 #include "zimbrel/src/core/common/rpc/testing/frames.h"
+#include "zimbrel/src/core/common/rpc/testing/link.h"
 #include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane::testing {
 
@@ -93,18 +91,6 @@ class StreamFixture : public ::testing::Test {
     server.reset();
     loop.RunUntilIdle();
     EXPECT_EQ(RegisteredKeys(), 0u);
-  }
-
-  RawPeer ConnectRaw() {
-    auto pair = ConnectedPair();
-    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
-    return RawPeer(std::move(pair->second));
-  }
-
-  std::unique_ptr<SocketClient> Connect() {
-    auto pair = ConnectedPair();
-    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
-    return *SocketClient::Adopt(&loop, pair->second.Release());
   }
 
   // Lets everything happen that can. What the client has been told since the

@@ -178,7 +178,7 @@ class ServerMeetsClient : public StreamFixture {
 };
 
 TEST_F(ServerMeetsClient, AnswersItsHello) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   EXPECT_THAT(Settle(&client), IsEmpty());
   ASSERT_TRUE(client.hello.has_value());
   EXPECT_FALSE(client.closed);
@@ -188,7 +188,7 @@ TEST_F(ServerMeetsClient, AnswersItsHello) {
 }
 
 TEST_F(ServerMeetsClient, TellsItsLimits) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   Settle(&client);
   ASSERT_TRUE(client.hello.has_value());
   const Limits& limits = client.hello->limits();
@@ -211,7 +211,7 @@ class ServerOfOtherLimits : public ServerMeetsClient {
 };
 
 TEST_F(ServerOfOtherLimits, TellsThoseThatItKeeps) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   Settle(&client);
   ASSERT_TRUE(client.hello.has_value());
   const Limits& limits = client.hello->limits();
@@ -222,7 +222,7 @@ TEST_F(ServerOfOtherLimits, TellsThoseThatItKeeps) {
 }
 
 TEST_F(ServerOfOtherLimits, IsNotSentFramesThatAreTooLongForIt) {
-  const std::unique_ptr<SocketClient> client = StreamFixture::Connect();
+  const std::unique_ptr<SocketClient> client = testing::Connect(&loop, *server);
   const auto* const show = Widget().method(kShow);
   EXPECT_TRUE(client->CallAndWait(show, Browser(7)).ok());
   BrowserId longer = Browser(7);
@@ -288,7 +288,7 @@ TEST_F(ServerMeetsClient, PartsFromOneWhoseHelloCannotBeRead) {
 }
 
 TEST_F(ServerMeetsClient, PartsFromOneThatSaysHelloTwice) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(Frame(StreamMessage::KIND_HELLO, 0,
                     MakeHello(Widget()).SerializeAsString()));
   EXPECT_THAT(Settle(&client),

@@ -31,7 +31,7 @@ class ServerLimitsTest : public StreamFixture {
 
   // A client on another connection is served as before.
   void ExpectOthersAreServed() {
-    RawPeer other = ConnectRaw();
+    RawPeer other = ConnectRaw(*server);
     other.Send(CallFrame(1, kShow));
     EXPECT_THAT(Settle(&other), ElementsAre("REPLY 1"));
   }
@@ -48,7 +48,7 @@ class CallLimit : public ServerLimitsTest {
 };
 
 TEST_F(CallLimit, AsManyAsItMayWait) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kHide));
   client.Send(CallFrame(2, kHide));
   EXPECT_THAT(Settle(&client), IsEmpty());
@@ -56,7 +56,7 @@ TEST_F(CallLimit, AsManyAsItMayWait) {
 }
 
 TEST_F(CallLimit, OneMoreFailsAlone) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   for (const std::uint64_t id : {1, 2, 3}) client.Send(CallFrame(id, kHide));
   EXPECT_THAT(
       Settle(&client),
@@ -67,7 +67,7 @@ TEST_F(CallLimit, OneMoreFailsAlone) {
 }
 
 TEST_F(CallLimit, AnAnswerMakesRoom) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   for (const std::uint64_t id : {1, 2}) client.Send(CallFrame(id, kHide));
   Settle(&client);
   widget.held.back().done->Run();
@@ -85,14 +85,14 @@ class StreamLimit : public ServerLimitsTest {
 };
 
 TEST_F(StreamLimit, AsManyAsItMayBeOpen) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(OpenFrame(1, kWhenTooltipChanged));
   client.Send(OpenFrame(2, kOnCreateWebDialog));
   EXPECT_THAT(Settle(&client), IsEmpty());
 }
 
 TEST_F(StreamLimit, OneMoreIsRefusedAlone) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   for (const std::uint64_t id : {1, 2, 3})
     client.Send(OpenFrame(id, kWhenTooltipChanged));
   client.Send(NextFrame(1, Subscribe(7)));
@@ -105,7 +105,7 @@ TEST_F(StreamLimit, OneMoreIsRefusedAlone) {
 }
 
 TEST_F(StreamLimit, AnEndMakesRoom) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(OpenFrame(1, kWhenTooltipChanged));
   client.Send(OpenFrame(2, kWhenTooltipChanged));
   client.Send(CompleteFrame(1));
@@ -122,7 +122,7 @@ class SubscriptionLimit : public ServerLimitsTest {
 };
 
 TEST_F(SubscriptionLimit, AsManyAsItMayStandOnAllStreamsTogether) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(OpenFrame(1, kWhenTooltipChanged));
   client.Send(OpenFrame(2, kWhenTooltipChanged));
   client.Send(NextFrame(1, Subscribe(1)));
@@ -134,7 +134,7 @@ TEST_F(SubscriptionLimit, AsManyAsItMayStandOnAllStreamsTogether) {
 }
 
 TEST_F(SubscriptionLimit, OneMoreEndsItsStreamAlone) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(OpenFrame(1, kWhenTooltipChanged));
   client.Send(OpenFrame(2, kWhenTooltipChanged));
   for (const std::uint64_t browser : {1, 2, 3})
@@ -151,7 +151,7 @@ TEST_F(SubscriptionLimit, OneMoreEndsItsStreamAlone) {
 }
 
 TEST_F(SubscriptionLimit, UnsubscribingAndEndingMakeRoom) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(OpenFrame(1, kWhenTooltipChanged));
   client.Send(OpenFrame(2, kWhenTooltipChanged));
   client.Send(NextFrame(1, Subscribe(1)));
@@ -173,15 +173,15 @@ class ConnectionLimit : public ServerLimitsTest {
 };
 
 TEST_F(ConnectionLimit, AsManyAsItAreServed) {
-  RawPeer first = ConnectRaw();
-  RawPeer second = ConnectRaw();
+  RawPeer first = ConnectRaw(*server);
+  RawPeer second = ConnectRaw(*server);
   second.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&second), ElementsAre("REPLY 1"));
 }
 
 TEST_F(ConnectionLimit, OneMoreIsToldAndClosed) {
-  RawPeer first = ConnectRaw();
-  RawPeer second = ConnectRaw();
+  RawPeer first = ConnectRaw(*server);
+  RawPeer second = ConnectRaw(*server);
   auto pair = ConnectedPair();
   ASSERT_TRUE(pair.ok()) << pair.status();
   EXPECT_TRUE(absl::IsResourceExhausted(server->Adopt(pair->first.Release())));
@@ -196,10 +196,10 @@ TEST_F(ConnectionLimit, OneMoreIsToldAndClosed) {
 }
 
 TEST_F(ConnectionLimit, AClientThatLeavesMakesRoom) {
-  RawPeer first = ConnectRaw();
-  { RawPeer second = ConnectRaw(); }
+  RawPeer first = ConnectRaw(*server);
+  { RawPeer second = ConnectRaw(*server); }
   loop.RunUntilIdle();
-  RawPeer third = ConnectRaw();
+  RawPeer third = ConnectRaw(*server);
   third.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&third), ElementsAre("REPLY 1"));
 }
@@ -224,7 +224,7 @@ class DepthLimit : public ServerLimitsTest {
 };
 
 TEST_F(DepthLimit, MessagesMayBeNestedAsDeepAsItAndNotDeeper) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   for (const int depth : {9, 10, 11})
     client.Send(NestedCall(static_cast<std::uint64_t>(depth), depth));
   EXPECT_THAT(Settle(&client),
@@ -236,7 +236,7 @@ TEST_F(DepthLimit, MessagesMayBeNestedAsDeepAsItAndNotDeeper) {
 }
 
 TEST_F(DepthLimit, HoldsOnStreamsToo) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(OpenFrame(1, kWhenTooltipChanged));
   client.Send(Frame(StreamMessage::KIND_NEXT, 1, Nested(11)));
   client.Send(OpenFrame(2, kOnCreateWebDialog));
@@ -261,7 +261,7 @@ class BoundlessDepth : public ServerLimitsTest {
 };
 
 TEST_F(BoundlessDepth, StaysWithinWhatStreamsCanRead) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   for (const int depth : {99, 100, 101})
     client.Send(NestedCall(static_cast<std::uint64_t>(depth), depth));
   EXPECT_THAT(Settle(&client),
@@ -279,7 +279,7 @@ class FrameTimeLimit : public ServerLimitsTest {
 };
 
 TEST_F(FrameTimeLimit, AFrameThatIsNotFinishedInTimeEndsTheConnection) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.SendBytes(RawPeer::Bytes(CallFrame(1, kShow)).substr(0, 5));
   loop.RunUntil([&] { return server->connections() == 0; });
   EXPECT_THAT(
@@ -292,7 +292,7 @@ TEST_F(FrameTimeLimit, AFrameThatIsNotFinishedInTimeEndsTheConnection) {
 }
 
 TEST_F(FrameTimeLimit, TheTimeBetweenFramesDoesNotCount) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   bool passed = false;
   // The first frame's time would be up shortly after the second has begun.
   const std::string bytes = RawPeer::Bytes(CallFrame(1, kShow));

@@ -38,7 +38,8 @@ std::string Refused(const std::string& operation) {
 
 class ServiceThreadDeathTest : public StreamFixture {
  protected:
-  ServiceThreadDeathTest() : connection(Connect()), client(connection.get()) {}
+  ServiceThreadDeathTest()
+      : connection(Connect(&loop, *server)), client(connection.get()) {}
 
   std::unique_ptr<ClientStream> WatchTooltips() {
     auto stream = client.WhenTooltipChanged(
@@ -161,7 +162,7 @@ TEST_F(ServiceThreadDeathTest, DestroyingAClientElsewhereIsFatal) {
 }
 
 TEST_F(ServiceThreadDeathTest, ConnectingElsewhereIsFatal) {
-  EXPECT_DEATH(OnAnotherThread([this] { Connect(); }),
+  EXPECT_DEATH(OnAnotherThread([this] { Connect(&loop, *server); }),
                Refused("SocketServer::Adopt"));
   auto pair = ConnectedPair();
   EXPECT_DEATH(OnAnotherThread([&] {

@@ -93,7 +93,7 @@ class SharedKeyTest : public StreamFixture {
   // anywhere when it dies, and the test knows each time who must get an event.
   void DieAtAnyByte() {
     const Speech speech = MakeSpeech();
-    std::optional<RawPeer> dies = ConnectRaw();
+    std::optional<RawPeer> dies = ConnectRaw(*server);
     Events received;
     due_.clear();
     std::size_t said = 0;
@@ -220,7 +220,7 @@ class SharedKeyTest : public StreamFixture {
   }
 
   std::mt19937 random_;
-  RawPeer stays_ = ConnectRaw();
+  RawPeer stays_ = ConnectRaw(*server);
   std::vector<std::string> published_;  // Since the staying client was checked.
   int last_text_ = 0;
 

@@ -73,7 +73,7 @@ TEST_F(ShutdownTest, TakesNoFurtherClients) {
 }
 
 TEST_F(ShutdownTest, CompletesStreamsAndTellsTheirClients) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(OpenFrame(1, kWhenTooltipChanged));
   client.Send(NextFrame(1, Subscribe(7)));
   client.Send(OpenFrame(2, kOnCreateWebDialog));
@@ -87,7 +87,7 @@ TEST_F(ShutdownTest, CompletesStreamsAndTellsTheirClients) {
 }
 
 TEST_F(ShutdownTest, FailsTheCallsOfTheServer) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(OpenFrame(1, kOnCreateWebDialog));
   client.Send(NextFrame(1, Serve(7)));
   Settle(&client);
@@ -98,7 +98,7 @@ TEST_F(ShutdownTest, FailsTheCallsOfTheServer) {
 }
 
 TEST_F(ShutdownTest, WaitsForAHandlerThatAnswers) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kHide));
   Settle(&client);
   Shutdown();
@@ -112,7 +112,7 @@ TEST_F(ShutdownTest, WaitsForAHandlerThatAnswers) {
 }
 
 TEST_F(ShutdownTest, DoesNotWaitForACallThatItsClientCancels) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kHide));
   Settle(&client);
   Shutdown();
@@ -122,7 +122,7 @@ TEST_F(ShutdownTest, DoesNotWaitForACallThatItsClientCancels) {
 }
 
 TEST_F(ShutdownTest, DoesNotWaitForAClientThatLeaves) {
-  std::optional<RawPeer> client = ConnectRaw();
+  std::optional<RawPeer> client = ConnectRaw(*server);
   client->Send(CallFrame(1, kHide));
   Settle(&*client);
   Shutdown();
@@ -132,7 +132,7 @@ TEST_F(ShutdownTest, DoesNotWaitForAClientThatLeaves) {
 }
 
 TEST_F(ShutdownTest, FailsACallThatIsNotAnsweredInTime) {
-  const auto client = Connect();
+  const auto client = Connect(&loop, *server);
   std::optional<absl::Status> answered;
   client->Call(rpc::BrowserWidgetRpc::descriptor()->method(kHide), BrowserId(),
                [&answered](const auto& answer) { answered = answer.status(); });
@@ -146,7 +146,7 @@ TEST_F(ShutdownTest, FailsACallThatIsNotAnsweredInTime) {
 }
 
 TEST_F(ShutdownTest, LetsNothingBeginMeanwhile) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kHide));
   Settle(&client);
   Shutdown();
@@ -160,7 +160,7 @@ TEST_F(ShutdownTest, LetsNothingBeginMeanwhile) {
 // More than a socket takes at once.
 class WithALongQueue : public ShutdownTest {
  protected:
-  WithALongQueue() : client(ConnectRaw()) {
+  WithALongQueue() : client(ConnectRaw(*server)) {
     client.Send(OpenFrame(1, kWhenLiveRegionChanged));
     client.Send(NextFrame(1, Subscribe(7)));
     Settle(&client);
@@ -191,14 +191,14 @@ TEST_F(WithALongQueue, LetsAllLeaveThatWasSent) {
 }
 
 TEST_F(WithALongQueue, CutsOffAClientThatDoesNotReadInTime) {
-  RawPeer reads = ConnectRaw();
+  RawPeer reads = ConnectRaw(*server);
   Shutdown(absl::Milliseconds(1));
   ASSERT_TRUE(loop.RunUntil([this] { return ended == 1; }));
   EXPECT_EQ(server->connections(), 0u);
 }
 
 TEST_F(ShutdownTest, MayBeAskedForByAHandler) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   widget.on_show = [this](std::uint64_t) { Shutdown(); };
   client.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&client), ElementsAre("REPLY 1"));
@@ -206,7 +206,7 @@ TEST_F(ShutdownTest, MayBeAskedForByAHandler) {
 }
 
 TEST_F(ShutdownTest, TheServerMayBeDestroyedAtItsEnd) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   Settle(&client);
   server->Shutdown(kLong, [this] {
     server.reset();
@@ -217,7 +217,7 @@ TEST_F(ShutdownTest, TheServerMayBeDestroyedAtItsEnd) {
 }
 
 TEST_F(ShutdownTest, TheServerMayBeDestroyedMeanwhile) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kHide));
   Settle(&client);
   Shutdown();

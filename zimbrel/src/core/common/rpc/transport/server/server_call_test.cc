@@ -29,7 +29,7 @@ using ::testing::SizeIs;
 using ServerCallTest = ServerFixture;
 
 TEST_F(ServerCallTest, AnswersACall) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(9, kGetChromiumWindowHandle, 1234));
   Settle(&client);
   ASSERT_THAT(client.frames, SizeIs(1));
@@ -41,14 +41,14 @@ TEST_F(ServerCallTest, AnswersACall) {
 }
 
 TEST_F(ServerCallTest, AMethodThatIsNotOverriddenFailsInItsOwnWords) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kDetach));
   Settle(&client);
   EXPECT_EQ(OnlyError(client), "1/2: Method Detach() not implemented.");
 }
 
 TEST_F(ServerCallTest, AHandlersFailureReachesTheClient) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kMinimize));
   Settle(&client);
   EXPECT_EQ(OnlyError(client), "1/2: it cannot be minimised");
@@ -56,14 +56,14 @@ TEST_F(ServerCallTest, AHandlersFailureReachesTheClient) {
 
 TEST_F(ServerCallTest, AFailureMayHaveAnyBytesAsItsText) {
   widget.failure = "\xff\xfe";
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kMinimize));
   Settle(&client);
   EXPECT_EQ(OnlyError(client), "1/2: \xff\xfe");
 }
 
 TEST_F(ServerCallTest, CallsReachTheHandlersInTheOrderTheyWereSent) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   std::vector<std::uint64_t> sent;
   std::string bytes;
   for (std::uint64_t id = 1; id <= 500; ++id) {
@@ -77,7 +77,7 @@ TEST_F(ServerCallTest, CallsReachTheHandlersInTheOrderTheyWereSent) {
 }
 
 TEST_F(ServerCallTest, AHandlerMayAnswerLaterAndInAnyOrder) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kHide));
   client.Send(CallFrame(2, kHide));
   client.Send(CallFrame(3, kShow));
@@ -93,7 +93,7 @@ TEST_F(ServerCallTest, AHandlerMayAnswerLaterAndInAnyOrder) {
 }
 
 TEST_F(ServerCallTest, AHandlerMayAnswerFromAnotherThread) {
-  const std::unique_ptr<SocketClient> client = Connect();
+  const std::unique_ptr<SocketClient> client = Connect(&loop, *server);
   std::vector<std::thread> threads;
   widget.on_restore = [&](Closure* done) {
     threads.emplace_back([done] { done->Run(); });
@@ -108,7 +108,7 @@ TEST_F(ServerCallTest, AHandlerMayAnswerFromAnotherThread) {
 
 TEST_F(ServerCallTest, AnAnswerToAClientThatHasGoneGoesNowhere) {
   {
-    RawPeer client = ConnectRaw();
+    RawPeer client = ConnectRaw(*server);
     client.Send(CallFrame(1, kHide));
     Settle(&client);
   }
@@ -122,7 +122,7 @@ TEST_F(ServerCallTest, AnAnswerToAClientThatHasGoneGoesNowhere) {
 TEST_F(ServerCallTest,
        AnAnswerFromAnotherThreadToAClientThatHasGoneGoesNowhere) {
   {
-    RawPeer client = ConnectRaw();
+    RawPeer client = ConnectRaw(*server);
     client.Send(CallFrame(1, kHide));
     Settle(&client);
   }
@@ -132,7 +132,7 @@ TEST_F(ServerCallTest,
 }
 
 TEST_F(ServerCallTest, AnAnswerAfterTheServerHasGoneGoesNowhere) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kHide));
   client.Send(CallFrame(2, kHide));
   Settle(&client);
@@ -161,7 +161,7 @@ TEST(ServerCallAfterItsLoop, AnAnswerFromAnotherThreadGoesNowhere) {
 }
 
 TEST_F(ServerCallTest, AHandlerLearnsThatItsClientHasGone) {
-  std::optional<RawPeer> client = ConnectRaw();
+  std::optional<RawPeer> client = ConnectRaw(*server);
   client->Send(CallFrame(1, kHide));
   loop.RunUntilIdle();
   ASSERT_THAT(widget.held, SizeIs(1));
@@ -179,7 +179,7 @@ TEST_F(ServerCallTest, AHandlerLearnsThatItsClientHasGone) {
 
 // Each of them used to be touched again after it had been answered.
 TEST_F(ServerCallTest, WhoLearnsThatItsClientHasGoneMayAnswerAllItsCalls) {
-  std::optional<RawPeer> client = ConnectRaw();
+  std::optional<RawPeer> client = ConnectRaw(*server);
   for (std::uint64_t id = 1; id <= 5; ++id) client->Send(CallFrame(id, kHide));
   loop.RunUntilIdle();
   ASSERT_THAT(widget.held, SizeIs(5));
@@ -200,7 +200,7 @@ TEST_F(ServerCallTest, WhoLearnsThatItsClientHasGoneMayAnswerAllItsCalls) {
 }
 
 TEST_F(ServerCallTest, AHandlerLearnsThatItsCallIsCancelledAndNoAnswerIsSent) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kHide));
   client.Send(Frame(StreamMessage::KIND_CANCEL, 1));
   Settle(&client);
@@ -217,7 +217,7 @@ TEST_F(ServerCallTest, AHandlerLearnsThatItsCallIsCancelledAndNoAnswerIsSent) {
 
 TEST_F(ServerCallTest,
        WhoAskedToBeToldOfACancellationIsToldWhenTheCallEndsWithoutOne) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kHide));
   Settle(&client);
   int told = 0;
@@ -228,7 +228,7 @@ TEST_F(ServerCallTest,
 }
 
 TEST_F(ServerCallTest, CancellingWhatIsNotThereIsHarmless) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(Frame(StreamMessage::KIND_CANCEL, 12));
   client.Send(CallFrame(13, kShow));
   Settle(&client);
@@ -237,7 +237,7 @@ TEST_F(ServerCallTest, CancellingWhatIsNotThereIsHarmless) {
 }
 
 TEST_F(ServerCallTest, AHandlerMayDestroyTheServer) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   widget.on_restore = [this](Closure* done) {
     server.reset();
     done->Run();
@@ -250,7 +250,7 @@ TEST_F(ServerCallTest, AHandlerMayDestroyTheServer) {
 }
 
 TEST_F(ServerCallTest, AClientThatHasFinishedSendingStillGetsItsAnswers) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kShow));
   client.FinishSending();
   Settle(&client);

@@ -27,7 +27,7 @@ class ServerCallbackStreamTest : public StreamFixture {
 
   // A client whose stream 1 serves the dialogs of browser 7.
   RawPeer ServingClient() {
-    RawPeer client = ConnectRaw();
+    RawPeer client = ConnectRaw(*server);
     client.Send(OpenFrame(1, kOnCreateWebDialog));
     client.Send(NextFrame(1, Serve(7)));
     EXPECT_THAT(Settle(&client), IsEmpty());
@@ -43,7 +43,7 @@ class ServerCallbackStreamTest : public StreamFixture {
 };
 
 TEST_F(ServerCallbackStreamTest, EveryCallbackStreamOpensAndServes) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   for (std::uint32_t method = kFirstCallbackStream; method < kMethods;
        ++method) {
     client.Send(OpenFrame(method, method));
@@ -142,7 +142,7 @@ TEST_F(ServerCallbackStreamTest, CallsAndStreamsAreHandledInTheOrderOfArrival) {
   widget.on_show = [&](std::uint64_t browser) {
     Ask(browser, std::to_string(++calls));
   };
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   std::string bytes;
   for (const StreamMessage& frame :
        {OpenFrame(1, kOnCreateWebDialog), CallFrame(2, kShow, 7),

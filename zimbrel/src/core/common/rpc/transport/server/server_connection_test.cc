@@ -20,7 +20,7 @@ using ::testing::SizeIs;
 using ServerConnectionTest = ServerFixture;
 
 TEST_F(ServerConnectionTest, AnUnknownMethodIsAnError) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kMethods));
   Settle(&client);
   EXPECT_EQ(OnlyError(client),
@@ -29,7 +29,7 @@ TEST_F(ServerConnectionTest, AnUnknownMethodIsAnError) {
 }
 
 TEST_F(ServerConnectionTest, TheLargestMethodNumberIsAnErrorToo) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, 0xffffffffu));
   Settle(&client);
   EXPECT_EQ(OnlyError(client),
@@ -38,7 +38,7 @@ TEST_F(ServerConnectionTest, TheLargestMethodNumberIsAnErrorToo) {
 
 TEST_F(ServerConnectionTest, CallingAStreamIsAnError) {
   for (std::uint32_t method = kFirstStream; method < kMethods; ++method) {
-    RawPeer client = ConnectRaw();
+    RawPeer client = ConnectRaw(*server);
     client.Send(CallFrame(1, method));
     Settle(&client);
     EXPECT_THAT(OnlyError(client),
@@ -50,7 +50,7 @@ TEST_F(ServerConnectionTest, CallingAStreamIsAnError) {
 
 TEST_F(ServerConnectionTest,
        ARequestThatCannotBeParsedIsAnErrorThatNamesItsType) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   StreamMessage call = CallFrame(1, kSetDisplay);
   call.set_payload("\xff\xff\xff");
   client.Send(call);
@@ -62,7 +62,7 @@ TEST_F(ServerConnectionTest,
 }
 
 TEST_F(ServerConnectionTest, AfterAnErrorReplyTheConnectionGoesOn) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, 99));
   client.Send(CallFrame(2, kShow));
   Settle(&client);
@@ -72,8 +72,8 @@ TEST_F(ServerConnectionTest, AfterAnErrorReplyTheConnectionGoesOn) {
 }
 
 TEST_F(ServerConnectionTest, AFrameAboveTheLimitEndsTheConnectionInWords) {
-  RawPeer bystander = ConnectRaw();
-  RawPeer client = ConnectRaw();
+  RawPeer bystander = ConnectRaw(*server);
+  RawPeer client = ConnectRaw(*server);
   client.SendBytes(std::string("\x01\0\x40\0", 4));  // 4 MiB and a byte.
   Settle(&client);
   EXPECT_EQ(OnlyError(client),
@@ -85,7 +85,7 @@ TEST_F(ServerConnectionTest, AFrameAboveTheLimitEndsTheConnectionInWords) {
 }
 
 TEST_F(ServerConnectionTest, BytesThatAreNoFrameEndTheConnectionInWords) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.SendBytes(std::string("\x03\0\0\0\xff\xff\xff", 7));
   Settle(&client);
   EXPECT_EQ(OnlyError(client),
@@ -97,7 +97,7 @@ TEST_F(ServerConnectionTest, BytesThatAreNoFrameEndTheConnectionInWords) {
 TEST_F(ServerConnectionTest,
        AFrameOfAKindThatClientsDoNotSendEndsTheConnectionInWords) {
   for (const int kind : {0, 2, 77}) {
-    RawPeer client = ConnectRaw();
+    RawPeer client = ConnectRaw(*server);
     StreamMessage frame = CallFrame(1, kShow);
     frame.set_kind(static_cast<StreamMessage::Kind>(kind));
     client.Send(frame);
@@ -110,7 +110,7 @@ TEST_F(ServerConnectionTest,
 }
 
 TEST_F(ServerConnectionTest, StreamId0EndsTheConnectionInWords) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(0, kShow));
   Settle(&client);
   EXPECT_EQ(OnlyError(client),
@@ -119,7 +119,7 @@ TEST_F(ServerConnectionTest, StreamId0EndsTheConnectionInWords) {
 }
 
 TEST_F(ServerConnectionTest, AStreamIdUsedTwiceEndsTheConnectionInWords) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(7, kHide));
   client.Send(CallFrame(7, kHide));
   Settle(&client);
@@ -132,7 +132,7 @@ TEST_F(ServerConnectionTest, AStreamIdUsedTwiceEndsTheConnectionInWords) {
 }
 
 TEST_F(ServerConnectionTest, AStreamIdOutOfOrderEndsTheConnectionInWords) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(7, kShow));
   client.Send(CallFrame(6, kShow));
   Settle(&client);
@@ -145,7 +145,7 @@ TEST_F(ServerConnectionTest, AStreamIdOutOfOrderEndsTheConnectionInWords) {
 TEST_F(ServerConnectionTest,
        AClientThatDiesInTheMiddleOfAFrameLeavesNothingBehind) {
   {
-    RawPeer client = ConnectRaw();
+    RawPeer client = ConnectRaw(*server);
     client.SendBytes(std::string("\x10\0\0\0half", 8));
     loop.RunUntilIdle();
     EXPECT_EQ(server->connections(), 1u);
@@ -165,7 +165,7 @@ class SmallFramesServerTest : public ServerFixture {
 
 TEST_F(SmallFramesServerTest,
        AResponseThatFitsNoFrameIsAnErrorForItsCallAlone) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kGetAccessibilityToken, kLimit));
   client.Send(CallFrame(2, kGetAccessibilityToken, kLimit / 2));
   Settle(&client);
@@ -177,7 +177,7 @@ TEST_F(SmallFramesServerTest,
 
 TEST_F(SmallFramesServerTest, AFailuresTextIsCutSoThatItFitsAFrame) {
   widget.failure = std::string(100000, 'x');
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(CallFrame(1, kMinimize));
   Settle(&client);
   EXPECT_EQ(OnlyError(client), "1/2: " + std::string(2048, 'x'));

@@ -25,7 +25,7 @@ class ServerEventStreamTest : public StreamFixture {
 
   // A client whose stream 1 is subscribed to tooltips of browser 7.
   RawPeer WatchingClient() {
-    RawPeer client = ConnectRaw();
+    RawPeer client = ConnectRaw(*server);
     client.Send(OpenFrame(1, kWhenTooltipChanged));
     client.Send(NextFrame(1, Subscribe(7)));
     EXPECT_THAT(Settle(&client), IsEmpty());
@@ -38,7 +38,7 @@ class ServerEventStreamTest : public StreamFixture {
 };
 
 TEST_F(ServerEventStreamTest, OpeningIsNotAnsweredAndSubscribesToNothing) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   client.Send(OpenFrame(1, kWhenTooltipChanged));
   EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_FALSE(client.closed);
@@ -46,7 +46,7 @@ TEST_F(ServerEventStreamTest, OpeningIsNotAnsweredAndSubscribesToNothing) {
 }
 
 TEST_F(ServerEventStreamTest, EveryEventStreamOpensAndSubscribes) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   for (std::uint32_t method = kFirstStream; method < kFirstCallbackStream;
        ++method) {
     client.Send(OpenFrame(method, method));
@@ -108,7 +108,7 @@ TEST_F(ServerEventStreamTest, CallsAndStreamsAreHandledInTheOrderOfArrival) {
   widget.on_show = [&](std::uint64_t browser) {
     reached.push_back(PublishTo(browser, "shown"));
   };
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   std::string bytes;
   for (const StreamMessage& frame :
        {CallFrame(1, kShow, 7), OpenFrame(2, kWhenTooltipChanged),
@@ -204,7 +204,7 @@ TEST_F(ServerEventStreamTest, WhatWasPublishedToAClientThatVanishedIsNoError) {
 // The end, by the server.
 
 TEST_F(ServerEventStreamTest, TheServersEndCompletesStreamsInOrderOfOpening) {
-  RawPeer client = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
   for (const std::uint64_t id : {3, 14, 15, 92, 653})
     client.Send(OpenFrame(id, kWhenTooltipChanged));
   client.Send(NextFrame(92, Subscribe(7)));

@@ -34,7 +34,7 @@ class ServerStreamRefusalsTest : public StreamFixture {
     Publish(Browser(7), Tooltip("tip"));
     bystander.Send(CallFrame(2, kShow));
     EXPECT_THAT(Settle(&bystander), ElementsAre("NEXT 1", "REPLY 2"));
-    RawPeer late = ConnectRaw();
+    RawPeer late = ConnectRaw(*server);
     late.Send(CallFrame(1, kShow));
     EXPECT_THAT(Settle(&late), ElementsAre("REPLY 1"));
   }
@@ -61,8 +61,8 @@ class ServerStreamRefusalsTest : public StreamFixture {
     EXPECT_THAT(Told(), ElementsAre("REPLY 1000"));
   }
 
-  RawPeer client = ConnectRaw();
-  RawPeer bystander = ConnectRaw();
+  RawPeer client = ConnectRaw(*server);
+  RawPeer bystander = ConnectRaw(*server);
 };
 
 // Methods.
