@@ -1,5 +1,5 @@
-// clients/typescript/hello.ts: the whole program that it takes to call a method, to
-// watch events and to answer the widget.
+// examples/node/hello.ts: the whole program that it takes to call a method, to watch
+// events and to answer the widget.
 
 import { connect } from 'orvane';
 import { BrowserWidgetRpc } from 'orvane/rpc/browser/browser_widget_pb.js';
