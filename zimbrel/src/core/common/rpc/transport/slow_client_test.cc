@@ -27,15 +27,9 @@ class SlowClientTest : public StreamFixture {
 
   // A client that has subscribed to the events of browser 1.
   RawPeer Subscriber(std::uint32_t method) {
-<<<<<<< HEAD:zimbrel/src/core/common/rpc/transport/slow_client_test.cc
     RawPeer client = ConnectRaw(*server);
     client.Send(OpenFrame(1, method));
     client.Send(NextFrame(1, Subscribe(1)));
-=======
-    RawPeer host = ConnectRaw(*server);
-    host.Send(OpenFrame(1, method));
-    host.Send(NextFrame(1, Subscribe(1)));
->>>>>>> w16:zimbrel/src/core/common/rpc/transport/slow_host_test.cc
     loop.RunUntilIdle();
     return client;
   }

@@ -1,4 +1,4 @@
-// clients/typescript/hello.ts: a complete program that calls a method, watches events
+// examples/node/hello.ts: a complete program that calls a method, watches events
 // and answers the widget.
 
 import { connect } from 'orvane';
