@@ -19,7 +19,6 @@ absl::Status AbstractStream::Send(const rpc::transport::StreamMessage& frame) {
 absl::Status AbstractStream::SendEvent(
     const rpc::transport::StreamMessage& frame,
     const google::protobuf::Message& key) {
-  loop().CheckServiceThread("orvane::Publish, or AbstractStream::SendEvent,");
   return channel_.endpoint_->SendEvent(frame, key);
 }
 

@@ -20,7 +20,8 @@ class EventLoop;
 // process-wide registries alone.
 //
 // Thread: the service thread, for everything; calls of different streams must
-// not overlap either. On any other thread, Send and SendEvent end the process.
+// not overlap either. On any other thread, Send ends the process, and so does
+// Publish.
 class AbstractStream {
  public:
   explicit AbstractStream(StreamChannel channel);
