@@ -1,6 +1,7 @@
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -357,6 +358,44 @@ TEST_F(SocketClientTest, ARequestThatFitsNoFrameFailsAndTheConnectionGoesOn) {
   PendingCall call;
   Wait(&call);
   EXPECT_TRUE(call.status.ok());
+}
+
+// The server used to keep such a call and such a stream as long as the
+// connection.
+TEST_F(SocketClientTest, EndsReachAServerThatWasNotReading) {
+  auto pair = ConnectedPair();
+  server.emplace(std::move(pair->first));
+  client = *SocketClient::Adopt(&loop, pair->second.Release(),
+                                {.max_queued_bytes = 1});
+  auto stream = client->OpenStream(
+      rpc::BrowserWidgetRpc::descriptor()->FindMethodByName("OnTakeFocus"), {});
+  PendingCall first;
+  Begin(&first);
+  loop.RunUntilIdle();
+  std::list<PendingCall> calls;
+  do {
+    calls.emplace_back()
+        .request.GetReflection()
+        ->MutableUnknownFields(&calls.back().request)
+        ->AddLengthDelimited(1000, std::string(100'000, 'x'));
+    Begin(&calls.back());
+    loop.RunUntilIdle();
+  } while (calls.back().ended == 0);
+  EXPECT_TRUE(absl::IsResourceExhausted(calls.back().status));
+
+  first.handle.Cancel();
+  stream.reset();
+  while (server->frames.empty() ||
+         server->frames.back().kind() != StreamMessage::KIND_COMPLETE) {
+    const std::size_t before = server->frames.size();
+    Settle();
+    ASSERT_GT(server->frames.size(), before);
+  }
+  const auto cancel = server->frames.rbegin() + 1;
+  EXPECT_EQ(cancel->kind(), StreamMessage::KIND_CANCEL);
+  EXPECT_EQ(cancel->stream_id(), 2u);
+  EXPECT_EQ(server->frames.back().stream_id(), 1u);
+  client.reset();
 }
 
 // Things that a continuation may do.

@@ -145,7 +145,7 @@ void ClientConnection::EndCall(const StreamMessage& frame,
 void ClientConnection::AbandonCall(std::uint64_t id, const absl::Status& why) {
   const std::shared_ptr<ClientCall> call = TakeCall(id);
   if (call == nullptr) return;
-  SendKind(StreamMessage::KIND_CANCEL, id);
+  SendEnd(StreamMessage::KIND_CANCEL, id);
   const CallbackScope scope(callbacks_);
   call->End(why);
 }
@@ -154,7 +154,7 @@ void ClientConnection::CancelCall(std::uint64_t id) {
   loop_->CheckServiceThread("CallHandle::Cancel");
   std::shared_ptr<ClientCall> call = TakeCall(id);
   if (call == nullptr) return;
-  SendKind(StreamMessage::KIND_CANCEL, id);
+  SendEnd(StreamMessage::KIND_CANCEL, id);
   EndSoon([call = std::move(call)] {
     call->End(absl::CancelledError("cancelled by the caller"));
   });
@@ -217,14 +217,14 @@ void ClientConnection::EndStream(std::uint64_t id, const absl::Status& why) {
 
 void ClientConnection::CompleteStream(std::uint64_t id) {
   streams_.erase(id);
-  SendKind(StreamMessage::KIND_COMPLETE, id);
+  SendEnd(StreamMessage::KIND_COMPLETE, id);
 }
 
-void ClientConnection::SendKind(StreamMessage::Kind kind, std::uint64_t id) {
+void ClientConnection::SendEnd(StreamMessage::Kind kind, std::uint64_t id) {
   StreamMessage frame;
   frame.set_kind(kind);
   frame.set_stream_id(id);
-  socket_->Send(frame).IgnoreError();
+  socket_->SendEnd(frame).IgnoreError();
 }
 
 // The connection --------------------------------------------------------------

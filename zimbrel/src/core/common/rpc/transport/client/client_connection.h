@@ -96,9 +96,9 @@ class ClientConnection final : public FrameSocket::Receiver {
   // Removes the stream from the table and tells the server that it has ended.
   void CompleteStream(std::uint64_t id);
 
-  // Sends a frame that has only a kind and an id. Errors are ignored: its
-  // sender does not wait for an answer.
-  void SendKind(rpc::transport::StreamMessage::Kind kind, std::uint64_t id);
+  // Tells the server that a call or a stream has ended, unless the connection
+  // has ended.
+  void SendEnd(rpc::transport::StreamMessage::Kind kind, std::uint64_t id);
 
   // Ends the connection and everything in progress with `why`. This object may
   // have been destroyed when it returns.

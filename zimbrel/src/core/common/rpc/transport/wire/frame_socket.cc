@@ -67,6 +67,11 @@ absl::Status FrameSocket::Send(const StreamMessage& header,
   return Queued(outbox_.Add(header, payload));
 }
 
+absl::Status FrameSocket::SendEnd(const StreamMessage& header) {
+  if (receiver_ == nullptr) return Closed();
+  return Queued(outbox_.AddEnd(header));
+}
+
 absl::StatusOr<Outbox::Placed> FrameSocket::SendLatest(
     const StreamMessage& header, std::string_view payload,
     absl::FunctionRef<Outbox::Slot()> slot) {

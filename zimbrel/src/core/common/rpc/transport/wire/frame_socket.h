@@ -70,6 +70,10 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   absl::Status Send(const rpc::transport::StreamMessage& header,
                     std::string_view payload = {});
 
+  // Queues a frame that ends a call or a stream, also if too much is queued. An
+  // error means that the socket is closed.
+  absl::Status SendEnd(const rpc::transport::StreamMessage& header);
+
   // Like Send, but while the peer is not reading, a later frame replaces the
   // one that is queued in its slot. `slot` is called only then.
   absl::StatusOr<Outbox::Placed> SendLatest(

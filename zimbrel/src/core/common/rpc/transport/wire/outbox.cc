@@ -21,6 +21,11 @@ absl::Status Outbox::Add(const StreamMessage& header,
   return AppendFrame(header, payload, limits_.max_frame_bytes, &queue_);
 }
 
+absl::Status Outbox::AddEnd(const StreamMessage& header) {
+  return AppendFrame(header, std::string_view(), limits_.max_frame_bytes,
+                     &queue_);
+}
+
 absl::StatusOr<Outbox::Placed> Outbox::Replace(const StreamMessage& header,
                                                std::string_view payload,
                                                Slot slot) {
