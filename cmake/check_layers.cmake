@@ -82,7 +82,7 @@ allow(examples/main_loops "${rpc}/main_loops/[a-z_]+\\.h" ${api})
 allow(docs/examples ${api} "docs/examples/[a-z_.]+\\.h")
 allow(tools/widgetctl "tools/widgetctl/[a-z_]+\\.h" ${api})
 allow(benchmarks "benchmarks/[a-z_.]+\\.h" ${api})
-allow(benchmarks/transport "benchmarks/transport/[a-z_.]+\\.h" ${api})
+allow(benchmarks/transport "benchmarks/transport/[a-z_.]+\\.h" "${rpc}/main_loops/[a-z_]+\\.h" ${api})
 allow(benchmarks/grpc "benchmarks/transport/[a-z_.]+\\.h" "rpc/[a-z_/]+\\.h")
 allow(benchmarks/capnp "benchmarks/(transport|capnp)/[a-z_.]+\\.h")
 

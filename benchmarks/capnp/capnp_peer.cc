@@ -147,6 +147,9 @@ class Driver {
         return;
       case Figure::kSurface:
         Fail("Cap'n Proto carries pictures as uploads; measure upload");
+      case Figure::kPosts:
+      case Figure::kIdle:
+        Fail("posts and idle are measured in toolkits' main loops");
     }
   }
 

@@ -238,6 +238,9 @@ class Host {
         return Answer();
       case Figure::kSurface:
         Fail("gRPC carries pictures as uploads; measure upload");
+      case Figure::kPosts:
+      case Figure::kIdle:
+        Fail("posts and idle are measured in toolkits' main loops");
     }
   }
 

@@ -77,6 +77,9 @@ BareHost::BareHost(const Options& options, Meter& meter,
       break;
     case Figure::kSurface:
       Fail("bare sockets carry pictures as uploads; measure upload");
+    case Figure::kPosts:
+    case Figure::kIdle:
+      Fail("posts and idle are measured in toolkits' main loops");
   }
 }
 

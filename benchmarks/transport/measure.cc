@@ -98,6 +98,8 @@ Figure ParseFigure(std::string_view name) {
   if (name == "events") return Figure::kEvents;
   if (name == "callback") return Figure::kCallback;
   if (name == "surface") return Figure::kSurface;
+  if (name == "posts") return Figure::kPosts;
+  if (name == "idle") return Figure::kIdle;
   Fail("unknown figure " + std::string(name));
 }
 
@@ -311,6 +313,7 @@ void Meter::Start(const Options& options, pid_t server,
   host_ = getpid();
   server_ = server;
   spawned_ns_ = spawned_ns;
+  figure_ = options.figure;
   duration_ns_ = std::chrono::nanoseconds(options.duration).count();
 }
 
@@ -323,7 +326,45 @@ void Meter::CountAllocations() {
   count_in(&server_allocations_);
 }
 
+Meter::Activity Meter::HostActivity() const {
+  timespec own{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &own);
+  Activity activity{CpuNs(host_) - ToNs(own), 0};
+  const std::string self = std::to_string(gettid());
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/self/task")) {
+    if (task.path().filename() == self) continue;
+    std::ifstream status(task.path() / "status");
+    for (std::string word; status >> word;) {
+      std::int64_t switches = 0;
+      if (word == "voluntary_ctxt_switches:" && status >> switches)
+        activity.wake_ups += switches;
+    }
+  }
+  return activity;
+}
+
+void Meter::WatchIdleHost() {
+  // What the start has left to do is over by then.
+  SleepUntil(Now() + duration_ns_ / 4);
+  const Activity before = HostActivity();
+  SleepUntil(Now() + duration_ns_);
+  const Activity after = HostActivity();
+  // The clocks of a process and of its thread differ by some microseconds.
+  idle_ = {std::max<std::int64_t>(0, after.cpu_ns - before.cpu_ns),
+           after.wake_ups - before.wake_ups};
+  phase_ = Phase::kDone;
+}
+
 void Meter::Print() const {
+  if (figure_ == Figure::kIdle) {
+    const double seconds = static_cast<double>(duration_ns_) / kNsPerS;
+    std::printf(R"({"wake_ups_per_s": %.1f, "cpu_us_per_s": %.1f})"
+                "\n",
+                static_cast<double>(idle_.wake_ups) / seconds,
+                static_cast<double>(idle_.cpu_ns) / 1e3 / seconds);
+    return;
+  }
   const auto operations =
       static_cast<double>(std::max<std::int64_t>(1, operations_));
   const auto time_ns = static_cast<double>(end_.time_ns - begin_.time_ns);

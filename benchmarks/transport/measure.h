@@ -32,6 +32,10 @@ enum class Figure {
   kCallback,
   // Pictures of 1920 x 1080 pixels, from the server's memory to the host's.
   kSurface,
+  // Tasks that `in_flight` threads of the host post to its main thread.
+  kPosts,
+  // A host that is connected and has nothing to do.
+  kIdle,
 };
 
 enum class Pinning {
@@ -83,6 +87,11 @@ class Meter {
   // Like Ended above, for several operations whose times are not recorded.
   bool Ended(int operations);
 
+  // For kIdle: counts for the duration, which it sleeps, how often the host's
+  // other threads wake up, and their processor time. Thread: one of the host's
+  // that does nothing else.
+  void WatchIdleHost();
+
   bool is_done() const { return phase_ == Phase::kDone; }
 
   // Call it when the server listens.
@@ -106,6 +115,13 @@ class Meter {
     std::uint64_t server_allocations;
   };
 
+  // What the host's threads have done so far, but for the calling one.
+  struct Activity {
+    std::int64_t cpu_ns;
+    std::int64_t wake_ups;
+  };
+  Activity HostActivity() const;
+
   Usage UsageNow() const;
   bool Advance(std::int64_t now, int operations);
 
@@ -114,6 +130,7 @@ class Meter {
   pid_t host_;
   pid_t server_;
   std::int64_t spawned_ns_;
+  Figure figure_;
   std::int64_t duration_ns_;
   bool counts_allocations_;
 
@@ -123,6 +140,7 @@ class Meter {
   // Written between two phases, by the thread that changes the phase.
   Usage begin_;
   Usage end_;
+  Activity idle_;  // For kIdle only.
   std::int64_t server_private_bytes_;
 
   std::atomic<std::int64_t> operations_;

@@ -1,15 +1,24 @@
-// This runtime, through the generated service and client of peer.proto.
+// This runtime, through the generated service and client of peer.proto. The
+// host runs in the main loop that the program is linked with (see main_loop.h).
+//
+//   --interface thread    unary: the event loop has a thread of its own, and
+//   the
+//                         thread that calls waits for each answer
+//   --interface toolkit   posts, idle: measures the main loop itself
 
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <semaphore>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "absl/status/status.h"
 #include "absl/time/time.h"
 
+#include "benchmarks/transport/main_loop.h"
 #include "benchmarks/transport/measure.h"
 #include "benchmarks/transport/messages.h"
 #include "benchmarks/transport/peer.client.h"
@@ -109,14 +118,25 @@ void Serve(const Options& options, Meter& meter) {
   loop.Run();
 }
 
+// Until the meter has seen enough.
+void RunIdle(Meter& meter, MainLoop* main_loop) {
+  std::thread watcher([&meter, main_loop] {
+    meter.WatchIdleHost();
+    main_loop->Post([main_loop] { main_loop->Quit(); });
+  });
+  main_loop->Run();
+  watcher.join();
+}
+
 // Runs one figure on connections that are open.
 class Host {
  public:
   Host(const Options& options, Meter& meter, orvane::EventLoop* loop,
-       std::vector<PeerRpcClient> clients)
+       MainLoop* main_loop, std::vector<PeerRpcClient> clients)
       : options_(options),
         meter_(meter),
         loop_(loop),
+        main_loop_(main_loop),
         clients_(std::move(clients)) {
     payload_.set_data(std::string(options.payload_bytes, '\0'));
   }
@@ -124,6 +144,7 @@ class Host {
   void Run() {
     switch (options_.figure) {
       case Figure::kUnary:
+        if (options_.interface == "thread") return CallFromAThread();
         return CallInFlight([this] { Echo(); });
       case Figure::kUpload:
         return CallInFlight([this] { Upload(); });
@@ -135,13 +156,17 @@ class Host {
         return AnswerFocus();
       case Figure::kSurface:
         return AnswerSurface();
+      case Figure::kPosts:
+        return PostFromThreads();
+      case Figure::kIdle:
+        return Idle();
     }
   }
 
  private:
   void CallInFlight(const std::function<void()>& call) {
     for (int i = 0; i < options_.in_flight; ++i) call();
-    loop_->Run();
+    main_loop_->Run();
   }
 
   void Echo() {
@@ -156,12 +181,73 @@ class Host {
     });
   }
 
+  void CallFromAThread() {
+    std::thread service([this] { loop_->Run(); });
+    std::binary_semaphore is_answered{0};
+    std::int64_t begun = 0;
+    do {
+      begun = Now();
+      loop_->Post([this, &is_answered] {
+        clients_[0].Echo(payload_, [&is_answered](const auto& answer) {
+          if (!answer.ok()) Fail(std::string(answer.status().message()));
+          is_answered.release();
+        });
+      });
+      is_answered.acquire();
+    } while (meter_.Ended(begun));
+    loop_->Stop();
+    service.join();
+  }
+
+  // Each thread posts one to our loop and one to the main loop at the same
+  // time, and waits for both.
+  void PostFromThreads() {
+    const bool measures_toolkit = options_.interface == "toolkit";
+    int working = options_.in_flight;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < options_.in_flight; ++i) {
+      threads.emplace_back([this, measures_toolkit, &working] {
+        std::counting_semaphore<2> ran{0};
+        for (bool is_ours_first = true; !meter_.is_done();
+             is_ours_first = !is_ours_first) {
+          const auto measured = [this, &ran, begun = Now()] {
+            meter_.Ended(begun);
+            ran.release();
+          };
+          const auto beside = [&ran] { ran.release(); };
+          const auto post_ours = [&] {
+            if (measures_toolkit) return loop_->Post(beside);
+            loop_->Post(measured);
+          };
+          if (is_ours_first) post_ours();
+          main_loop_->Post(measures_toolkit ? std::function<void()>(measured)
+                                            : beside);
+          if (!is_ours_first) post_ours();
+          ran.acquire();
+          ran.acquire();
+        }
+        loop_->Post([this, &working] {
+          if (--working == 0) main_loop_->Quit();
+        });
+      });
+    }
+    main_loop_->Run();
+    for (std::thread& thread : threads) thread.join();
+  }
+
+  void Idle() {
+    const auto stream =
+        clients_[0].WhenCursorChanged(Browser(), [](const auto&) {});
+    if (!clients_[0].Echo({}).ok()) Fail("no answer");
+    RunIdle(meter_, main_loop_);
+  }
+
   template <typename Answer>
   bool GoesOn(const Answer& answer, std::int64_t begun) {
     if (meter_.is_done()) return false;  // Other calls were still in flight.
     if (!answer.ok()) Fail(std::string(answer.status().message()));
     if (meter_.Ended(begun)) return true;
-    loop_->Stop();
+    main_loop_->Quit();
     return false;
   }
 
@@ -187,13 +273,13 @@ class Host {
             if (++events < burst) return;
             events = 0;
             if (meter_.Ended(burst)) return AskBurst();
-            loop_->Stop();
+            main_loop_->Quit();
           }));
       // After the answer, the server has handled the subscription.
       if (!client.Echo({}).ok()) Fail("no answer");
     }
     for (int i = 0; i < kBurstsInFlight; ++i) AskBurst();
-    loop_->Run();
+    main_loop_->Run();
   }
 
   void AskBurst() {
@@ -206,7 +292,7 @@ class Host {
         [](const rpc::TakeFocusCall&, orvane::Responder<rpc::TakeFocus> call) {
           std::move(call).Respond({}).IgnoreError();
         },
-        [this](const absl::Status&) { loop_->Stop(); });
+        [this](const absl::Status&) { main_loop_->Quit(); });
     BeginCalling();
   }
 
@@ -219,25 +305,29 @@ class Host {
           reader.Read(update.frame().shared_memory().name());
           std::move(call).Respond({}).IgnoreError();
         },
-        [this](const absl::Status&) { loop_->Stop(); });
+        [this](const absl::Status&) { main_loop_->Quit(); });
     BeginCalling();
   }
 
   // Until the server ends the stream.
   void BeginCalling() {
     clients_[0].BeginCalling({}, [](const auto&) {});
-    loop_->Run();
+    main_loop_->Run();
   }
 
   const Options& options_;
   Meter& meter_;
   orvane::EventLoop* const loop_;
+  MainLoop* const main_loop_;
   std::vector<PeerRpcClient> clients_;
   Payload payload_;
 };
 
 void Drive(const Options& options, Meter& meter) {
+  if (options.figure == Figure::kIdle && options.interface == "toolkit")
+    return RunIdle(meter, MakeMainLoop(nullptr).get());
   orvane::EventLoop loop(LoopOptions(options));
+  const std::unique_ptr<MainLoop> main_loop = MakeMainLoop(&loop);
   std::vector<std::unique_ptr<orvane::SocketClient>> connections;
   std::vector<PeerRpcClient> clients;
   for (int i = 0; i < options.hosts; ++i) {
@@ -247,7 +337,7 @@ void Drive(const Options& options, Meter& meter) {
     connections.push_back(*std::move(connection));
     clients.emplace_back(connections.back().get());
   }
-  Host host(options, meter, &loop, std::move(clients));
+  Host host(options, meter, &loop, main_loop.get(), std::move(clients));
   host.Run();
   connections.clear();  // Ends the calls in flight while `host` exists.
 }

@@ -13,6 +13,7 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_MAIN_LOOP_TEST_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_MAIN_LOOP_TEST_H_
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <string>
@@ -54,17 +55,23 @@ TYPED_TEST_P(MainLoopTest, RunsTimers) {
   this->toolkit.RunUntil([&ran] { return ran; });
 }
 
-TYPED_TEST_P(MainLoopTest, RunsAllThatFourThreadsPost) {
+TYPED_TEST_P(MainLoopTest, RunsAllThatFourThreadsPostInTheOrderOfEach) {
   constexpr int kThreads = 4;
   constexpr int kPosts = 25'000;
-  int ran = 0;
+  std::array<int, kThreads> ran{};
+  int all_ran = 0;
   std::vector<std::thread> threads;
-  for (int thread = 0; thread < kThreads; ++thread) {
-    threads.emplace_back([this, &ran] {
-      for (int i = 0; i < kPosts; ++i) this->loop.Post([&ran] { ++ran; });
+  for (int& of_thread : ran) {
+    threads.emplace_back([this, &of_thread, &all_ran] {
+      for (int i = 0; i < kPosts; ++i) {
+        this->loop.Post([&of_thread, &all_ran, i] {
+          EXPECT_EQ(of_thread++, i);
+          ++all_ran;
+        });
+      }
     });
   }
-  this->toolkit.RunUntil([&ran] { return ran == kThreads * kPosts; });
+  this->toolkit.RunUntil([&all_ran] { return all_ran == kThreads * kPosts; });
   for (std::thread& thread : threads) thread.join();
 }
 
@@ -121,7 +128,7 @@ TYPED_TEST_P(MainLoopTest, AllowsABlockingCallInTheToolkitsOwnHandlers) {
 }
 
 REGISTER_TYPED_TEST_SUITE_P(MainLoopTest, RunsWhatItsOwnThreadPosts, RunsTimers,
-                            RunsAllThatFourThreadsPost,
+                            RunsAllThatFourThreadsPostInTheOrderOfEach,
                             LeavesTheToolkitItsTurnsInAFlood,
                             CarriesCallsAndEvents,
                             AllowsABlockingCallInTheToolkitsOwnHandlers);
