@@ -316,11 +316,14 @@ class ClientModel final : public rpc::BrowserWidgetRpc {
     client->is_gone = true;
     for (const auto& [id, call] : calls_) {
       // One that blocks is told of its end when its turn comes.
-      if (call.client == client && !call.blocks) EXPECT_EQ(call.ends, 1);
+      if (call.client == client && !call.blocks) {
+        EXPECT_EQ(call.ends, 1);
+      }
     }
     for (const auto& stream : streams_) {
-      if (stream->client == client && !stream->is_closed)
+      if (stream->client == client && !stream->is_closed) {
         EXPECT_EQ(stream->ends, 1);
+      }
     }
   }
 

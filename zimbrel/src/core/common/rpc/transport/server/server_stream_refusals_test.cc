@@ -234,17 +234,17 @@ TEST_F(ServerStreamRefusalsTest, StreamId0EndsTheConnection) {
   EXPECT_TRUE(client.closed);
 }
 
-// Stream 0 is the connection itself, also when an end of the host names none.
+// Stream 0 is the connection itself, also in an ERROR or COMPLETE without an id.
 class FramesForStream0 : public ServerStreamRefusalsTest {
  protected:
   void ExpectTheEndAfter(const StreamMessage& frame) {
     Open(kWhenTooltipChanged);
-    host.Send(NextFrame(1, Subscribe(7)));
-    host.Send(frame);
+    client.Send(NextFrame(1, Subscribe(7)));
+    client.Send(frame);
     EXPECT_THAT(Told(),
                 ElementsAre("ERROR 0 INVALID_ARGUMENT: a frame for stream 0, "
                             "which is the connection itself"));
-    EXPECT_TRUE(host.closed);
+    EXPECT_TRUE(client.closed);
     EXPECT_EQ(ListedForTooltips(7), 1u);  // The fixture's own.
   }
 };
