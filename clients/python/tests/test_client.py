@@ -212,6 +212,15 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
             self.assertEqual(frame.kind, StreamMessage.KIND_COMPLETE)
             self.assertEqual(frame.stream_id, opened.stream_id)
 
+    async def test_an_iterator_may_be_collected_on_another_thread(self) -> None:
+        async with self.connected() as (client, _, widget):
+            iterators = [client.when_tooltip_changed(BROWSER)]
+            await widget.frame()
+            await widget.frame()
+            await asyncio.to_thread(iterators.clear)
+            frame = await widget.frame()
+            self.assertEqual(frame.kind, StreamMessage.KIND_COMPLETE)
+
     async def serve_one(
         self, client: BrowserWidgetRpcClient, widget: Widget, handler: object
     ) -> StreamMessage:

@@ -59,6 +59,12 @@ class Stream:
             self.connection.complete(self)
             self.end(reason)
 
+    def close_soon(self) -> None:
+        """Like close, from any thread."""
+        loop = self.connection.loop
+        if self.is_open and not loop.is_closed():
+            loop.call_soon_threadsafe(self.close)
+
 
 class EventQueue(Stream):
     """Events that have arrived but have not been read yet."""
@@ -139,7 +145,8 @@ class Events(AsyncIterator[EventT], Generic[EventT]):
         self._queue.close()
 
     def __del__(self) -> None:
-        self._queue.close()
+        # On whichever thread the garbage is collected.
+        self._queue.close_soon()
 
     async def __anext__(self) -> EventT:
         queue = self._queue
