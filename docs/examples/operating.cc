@@ -6,13 +6,11 @@
 #include <memory>
 #include <string>
 
-#include "absl/base/log_severity.h"
-#include "absl/log/globals.h"
-#include "absl/log/initialize.h"
 #include "absl/log/log.h"
 
 #include "orvane/server.h"
 #include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/logging/log_to_stderr.h"
 
 // Logs the counters now and then every minute.
 class Watch {
@@ -36,9 +34,8 @@ class Watch {
 };
 
 int main(int argc, char** argv) {
-  absl::InitializeLog();
-  // Otherwise InitializeLog() stops warnings from being written to stderr.
-  absl::SetStderrThreshold(absl::LogSeverityAtLeast::kInfo);
+  // Whoever reads the log may stop reading; the hosts are not affected.
+  logging::LogToStderr();
   orvane::EventLoop loop;
   rpc::BrowserWidgetRpc widget;
   orvane::SocketServer server(

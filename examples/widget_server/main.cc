@@ -11,6 +11,7 @@
 #include "examples/widget_server/options.h"
 #include "examples/widget_server/widget_service.h"
 #include "orvane/server.h"
+#include "zimbrel/src/core/common/logging/log_to_stderr.h"
 
 namespace {
 
@@ -21,6 +22,7 @@ constexpr absl::Duration kShutdownBound = absl::Seconds(2);
 
 int main(int argc, char** argv) {
   const auto options = widget_server::ParseOptions(argc, argv);
+  logging::LogToStderr();
 
   // Each outlives those below it.
   orvane::EventLoop loop;
