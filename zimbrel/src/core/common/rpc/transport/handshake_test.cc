@@ -196,7 +196,7 @@ TEST_F(ServerMeetsClient, TellsItsLimits) {
   EXPECT_EQ(limits.max_message_depth(), 100u);
   EXPECT_EQ(limits.max_calls(), 1024u);
   EXPECT_EQ(limits.max_streams(), 1024u);
-  EXPECT_EQ(limits.max_subscriptions(), 16384u);
+  EXPECT_EQ(limits.max_subscriptions(), 2048u);
   EXPECT_EQ(limits.max_queued_bytes(), 16777216u);
   EXPECT_EQ(limits.max_frame_ms(), 10000u);
 }
@@ -205,9 +205,9 @@ class ServerOfOtherLimits : public ServerMeetsClient {
  protected:
   ServerOfOtherLimits()
       : ServerMeetsClient({.max_frame_bytes = 1,
-                         .max_message_depth = 1000,
-                         .max_queued_bytes = std::size_t{5} << 30,
-                         .max_frame_time = absl::InfiniteDuration()}) {}
+                           .max_message_depth = 1000,
+                           .max_queued_bytes = std::size_t{5} << 30,
+                           .max_frame_time = absl::InfiniteDuration()}) {}
 };
 
 TEST_F(ServerOfOtherLimits, TellsThoseThatItKeeps) {

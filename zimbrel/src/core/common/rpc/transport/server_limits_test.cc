@@ -142,7 +142,7 @@ TEST_F(SubscriptionLimit, OneMoreEndsItsStreamAlone) {
   client.Send(NextFrame(2, Subscribe(4)));
   EXPECT_THAT(
       Settle(&client),
-      ElementsAre("ERROR 2 RESOURCE_EXHAUSTED: subscription 4; the limit "
+      ElementsAre("ERROR 2 RESOURCE_EXHAUSTED: 3 subscriptions; the limit "
                   "is 3",
                   "COMPLETE 2"));
   EXPECT_EQ(ListedForTooltips(3), 1u);

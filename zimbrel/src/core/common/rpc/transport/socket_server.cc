@@ -12,17 +12,22 @@
 #include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
 
+#include "zimbrel/src/core/common/rpc/transport/server/client_budget.h"
 #include "zimbrel/src/core/common/rpc/transport/server/server_connection.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane {
 
+using internal::ClientBudget;
 using internal::ServerConnection;
 
 class SocketServer::Impl {
  public:
   Impl(EventLoop* loop, Service* service, const ServerLimits& limits)
-      : loop_(loop), service_(service), limits_(limits) {}
+      : loop_(loop),
+        service_(service),
+        limits_(limits),
+        budget_(ClientBudget::MakeTotal(limits)) {}
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
@@ -69,6 +74,7 @@ class SocketServer::Impl {
     // Code that learns of a stream's end may close other connections, and may
     // destroy the server.
     const std::weak_ptr<char> alive = alive_;
+    UnsubscribeStreams();
     for (const int id : ids) {
       const auto connection = connections_.find(id);
       if (connection != connections_.end()) connection->second->ShutDown();
@@ -120,6 +126,7 @@ class SocketServer::Impl {
     absl::StatusOr<std::unique_ptr<EventLoop::Watch>> socket =
         loop_->WatchDescriptor(std::move(descriptor));
     if (!socket.ok()) return socket.status();
+    if (connections_.size() >= limits_.max_connections) MakeRoom();
     if (connections_.size() >= limits_.max_connections) {
       absl::Status why = absl::ResourceExhaustedError(absl::StrCat(
           connections_.size(), " clients are connected; the limit is ",
@@ -130,12 +137,35 @@ class SocketServer::Impl {
     const int id = next_id_++;
     connections_.emplace(
         id, std::make_unique<ServerConnection>(
-                loop_, service_, limits_, &counters_, *std::move(socket),
-                [this, id, alive = std::weak_ptr(alive_)] {
+                loop_, service_, limits_,
+                std::make_unique<ClientBudget>(budget_), &counters_,
+                *std::move(socket), [this, id, alive = std::weak_ptr(alive_)] {
                   connections_.extract(id);
                   if (!alive.expired()) FinishIfAllHaveLeft();
                 }));
     return absl::OkStatus();
+  }
+
+  // Closes the oldest connection on which nothing has come yet, if there is
+  // one.
+  void MakeRoom() {
+    auto oldest = connections_.end();
+    for (auto it = connections_.begin(); it != connections_.end(); ++it) {
+      if (!it->second->IsSilent()) continue;
+      if (oldest == connections_.end() || it->first < oldest->first)
+        oldest = it;
+    }
+    if (oldest == connections_.end()) return;
+    oldest->second->Close(absl::ResourceExhaustedError(absl::StrCat(
+        "silent, and ", connections_.size(),
+        " clients are connected; the limit is ", limits_.max_connections)));
+  }
+
+  // Called before many streams end: each of them looks at all keys of its type,
+  // whoever is subscribed to them.
+  void UnsubscribeStreams() {
+    for (const auto& [id, connection] : connections_)
+      connection->UnsubscribeStreams();
   }
 
   static absl::Status ShutDownAlready() {
@@ -159,6 +189,7 @@ class SocketServer::Impl {
   // the server.
   void EndConnections() {
     const std::weak_ptr<char> alive = alive_;
+    UnsubscribeStreams();
     while (!alive.expired() && !connections_.empty())
       connections_.extract(connections_.begin());
   }
@@ -177,6 +208,7 @@ class SocketServer::Impl {
   EventLoop* const loop_;
   Service* const service_;
   const ServerLimits limits_;
+  const std::shared_ptr<ClientBudget::Total> budget_;
   ServerCounters counters_;
   const std::shared_ptr<char> alive_ = std::make_shared<char>();
   // Removes the socket file, after the acceptor below has been closed.

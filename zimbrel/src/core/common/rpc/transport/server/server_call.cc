@@ -10,11 +10,15 @@ using google::protobuf::Message;
 
 ServerCall::ServerCall(std::uint64_t id, ServerConnection* connection,
                        std::shared_ptr<Mailbox> mailbox,
+                       std::shared_ptr<ClientBudget> budget,
+                       std::size_t request_bytes,
                        const Message& request_prototype,
                        const Message& response_prototype)
     : id_(id),
       service_thread_(std::this_thread::get_id()),
       mailbox_(std::move(mailbox)),
+      budget_(std::move(budget)),
+      request_bytes_(request_bytes),
       request_(request_prototype.New(nullptr)),
       response_(response_prototype.New(nullptr)),
       connection_(connection) {}
@@ -60,6 +64,8 @@ void ServerCall::Run() {
 
 void ServerCall::Finish() {
   const std::unique_ptr<ServerCall> self(this);
+  budget_->GiveBack(Held::kCalls);
+  budget_->GiveBack(Held::kRequestBytes, request_bytes_);
   if (connection_ != nullptr) connection_->Finish(*this);
 }
 

@@ -3,6 +3,7 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_CALL_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_CALL_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -15,6 +16,7 @@
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/mutex.h"
+#include "zimbrel/src/core/common/rpc/transport/server/client_budget.h"
 
 namespace orvane::internal {
 
@@ -28,8 +30,11 @@ class ServerConnection;
 class ServerCall final : public google::protobuf::RpcController,
                          public google::protobuf::Closure {
  public:
+  // `request_bytes` is the size of the request as it came. `budget` has this
+  // call and its bytes, and gets them back when the call has been answered.
   ServerCall(std::uint64_t id, ServerConnection* connection,
              std::shared_ptr<Mailbox> mailbox,
+             std::shared_ptr<ClientBudget> budget, std::size_t request_bytes,
              const google::protobuf::Message& request_prototype,
              const google::protobuf::Message& response_prototype);
   ~ServerCall() override;
@@ -68,6 +73,8 @@ class ServerCall final : public google::protobuf::RpcController,
   const std::uint64_t id_;
   const std::thread::id service_thread_;
   const std::shared_ptr<Mailbox> mailbox_;
+  const std::shared_ptr<ClientBudget> budget_;
+  const std::size_t request_bytes_;
   const std::unique_ptr<google::protobuf::Message> request_;
   const std::unique_ptr<google::protobuf::Message> response_;
 

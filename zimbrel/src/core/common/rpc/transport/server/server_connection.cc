@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -28,6 +29,10 @@ using rpc::transport::StreamMessage;
 
 namespace {
 
+// How long a task spends on the streams of a connection that has ended. Then
+// other tasks run before the next one.
+constexpr std::chrono::milliseconds kClosingTime{1};
+
 // The method with that index, if it is of that kind. The service relies on this
 // check.
 absl::StatusOr<const MethodDescriptor*> FindMethod(
@@ -45,12 +50,6 @@ absl::StatusOr<const MethodDescriptor*> FindMethod(
   return absl::InvalidArgumentError(absl::StrCat(
       method->full_name(), stream ? " is not a stream and cannot be opened"
                                   : " is a stream and cannot be called"));
-}
-
-absl::Status TooMany(absl::string_view what, std::size_t there_are,
-                     std::size_t limit) {
-  return absl::ResourceExhaustedError(
-      absl::StrCat(there_are, " ", what, "; the limit is ", limit));
 }
 
 StreamMessage ErrorFrame(std::uint64_t id, const absl::Status& why) {
@@ -95,6 +94,7 @@ absl::Status ShuttingDown() {
 
 ServerConnection::ServerConnection(EventLoop* loop, Service* service,
                                    const ServerLimits& limits,
+                                   std::unique_ptr<ClientBudget> budget,
                                    ServerCounters* counters,
                                    std::unique_ptr<EventLoop::Watch> socket,
                                    absl::AnyInvocable<void() &&> on_end)
@@ -107,13 +107,21 @@ ServerConnection::ServerConnection(EventLoop* loop, Service* service,
                                .max_frame_time = limits.max_frame_time},
                    this),
                .limits = limits,
-               .counters = counters},
+               .counters = counters,
+               .budget = std::move(budget)},
       mailbox_(loop->mailbox()),
       on_end_(std::move(on_end)) {
   context_.socket->Start();
+  if (limits.max_hello_time == absl::InfiniteDuration()) return;
+  hello_deadline_ = loop->RunAfter(limits.max_hello_time, [this] {
+    Close(absl::DeadlineExceededError(
+        absl::StrCat("no hello within ",
+                     absl::FormatDuration(context_.limits.max_hello_time))));
+  });
 }
 
 ServerConnection::~ServerConnection() {
+  UnsubscribeStreams();
   while (!streams_.empty()) EndStream(streams_.begin()->first);
   context_.socket->Close();
   // Abandoning a call may run a handler's closure, which may do anything, for
@@ -121,6 +129,10 @@ ServerConnection::~ServerConnection() {
   std::set<std::uint64_t> ids;
   for (const auto& [id, call] : calls_) ids.insert(id);
   for (const std::uint64_t id : ids) CancelCall(id);
+}
+
+void ServerConnection::UnsubscribeStreams() {
+  for (const auto& [id, stream] : streams_) stream->UnsubscribeFromAll();
 }
 
 void ServerConnection::ShutDown() {
@@ -181,6 +193,11 @@ void ServerConnection::OnHello(const StreamMessage& frame,
   if (status.ok()) status = CompareHellos(client, server);
   if (!status.ok()) return Close(status);
   has_received_hello_ = true;
+  hello_deadline_.reset();
+}
+
+bool ServerConnection::IsSilent() const {
+  return !has_received_hello_ && !context_.socket->HasInput();
 }
 
 void ServerConnection::OnBroken(const absl::Status& why) { Close(why); }
@@ -206,17 +223,18 @@ void ServerConnection::BeginCall(const StreamMessage& frame,
   const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
       *context_.service->GetDescriptor(), frame.method(), /*stream=*/false);
   if (!found.ok()) return SendError(id, found.status());
-  if (calls_.size() >= context_.limits.max_calls) {
-    return SendError(id, TooMany("calls in progress", calls_.size(),
-                                 context_.limits.max_calls));
-  }
+  if (absl::Status taken = TakeCall(payload.size()); !taken.ok())
+    return SendError(id, taken);
   const MethodDescriptor* const method = *found;
 
   auto call = std::make_unique<ServerCall>(
-      id, this, mailbox_, context_.service->GetRequestPrototype(method),
+      id, this, mailbox_, context_.budget, payload.size(),
+      context_.service->GetRequestPrototype(method),
       context_.service->GetResponsePrototype(method));
   if (!ParsePayload(payload, context_.limits.max_message_depth,
                     &call->request())) {
+    context_.budget->GiveBack(Held::kCalls);
+    context_.budget->GiveBack(Held::kRequestBytes, payload.size());
     return SendError(id, absl::InvalidArgumentError(absl::StrCat(
                              "the request cannot be parsed as ",
                              method->input_type()->full_name(),
@@ -228,6 +246,14 @@ void ServerConnection::BeginCall(const StreamMessage& frame,
   context_.service->CallMethod(method, handed_over, &handed_over->request(),
                                &handed_over->response(), handed_over);
   // The handler may have destroyed this object.
+}
+
+absl::Status ServerConnection::TakeCall(std::size_t request_bytes) {
+  absl::Status taken = context_.budget->Take(Held::kCalls);
+  if (!taken.ok()) return taken;
+  taken = context_.budget->Take(Held::kRequestBytes, request_bytes);
+  if (!taken.ok()) context_.budget->GiveBack(Held::kCalls);
+  return taken;
 }
 
 void ServerConnection::Finish(const ServerCall& call) {
@@ -261,10 +287,9 @@ void ServerConnection::OpenStream(const StreamMessage& frame) {
   const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
       *context_.service->GetDescriptor(), frame.method(), /*stream=*/true);
   if (!found.ok()) return SendError(id, found.status());
-  if (streams_.size() >= context_.limits.max_streams) {
-    return SendError(id, TooMany("streams open", streams_.size(),
-                                 context_.limits.max_streams));
-  }
+  if (absl::Status taken = context_.budget->Take(Held::kStreams); !taken.ok())
+    return SendError(id, taken);
+  context_.Count(Done::kOpenStream);
   streams_.emplace(id, std::make_unique<ServerStream>(&context_, *found, id));
 }
 
@@ -299,7 +324,10 @@ void ServerConnection::RefuseFrame(std::uint64_t id) {
 bool ServerConnection::EndStream(std::uint64_t id) {
   // Removed from the table first, since code that learns of the stream's end
   // may use the connection.
-  return !streams_.extract(id).empty();
+  const auto stream = streams_.extract(id);
+  if (stream.empty()) return false;
+  context_.budget->GiveBack(Held::kStreams);
+  return true;
 }
 
 void ServerConnection::SendError(std::uint64_t id, const absl::Status& why) {
@@ -315,6 +343,23 @@ void ServerConnection::Close(const absl::Status& why) {
     SendError(0, why);
   }
   context_.socket->Close();
+  hello_deadline_.reset();
+  FinishClosing();
+}
+
+void ServerConnection::FinishClosing() {
+  const auto begun = std::chrono::steady_clock::now();
+  while (!streams_.empty()) {
+    if (std::chrono::steady_clock::now() - begun >= kClosingTime) {
+      next_end_ = context_.loop->RunAfter(absl::ZeroDuration(),
+                                          [this] { FinishClosing(); });
+      return;
+    }
+    // Code that learns of a stream's end may destroy this object.
+    const std::weak_ptr<char> alive = alive_;
+    EndStream(streams_.begin()->first);
+    if (alive.expired()) return;
+  }
   // Moved out of this object before it runs, since it destroys this object.
   auto on_end = std::move(on_end_);
   std::move(on_end)();

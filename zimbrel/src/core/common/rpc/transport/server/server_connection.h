@@ -29,10 +29,13 @@ class ServerCall;
 // to them.
 class ServerConnection final : public FrameSocket::Receiver {
  public:
-  // `on_end` runs once when the connection has ended, called by this object,
-  // which it may destroy. The destructor does not call it.
+  // `budget` is this client's part of the limits. `on_end` runs once when the
+  // connection has ended, called by this object, which it may destroy. The
+  // destructor does not call it.
   ServerConnection(EventLoop* loop, Service* service,
-                   const ServerLimits& limits, ServerCounters* counters,
+                   const ServerLimits& limits,
+                   std::unique_ptr<ClientBudget> budget,
+                   ServerCounters* counters,
                    std::unique_ptr<EventLoop::Watch> socket,
                    absl::AnyInvocable<void() &&> on_end);
   ServerConnection(const ServerConnection&) = delete;
@@ -43,10 +46,21 @@ class ServerConnection final : public FrameSocket::Receiver {
   static void Refuse(std::unique_ptr<EventLoop::Watch> socket,
                      const absl::Status& why);
 
+  // Unsubscribes all streams from all keys. Where many connections end, this is
+  // done first for all of them: a stream that ends looks at the keys of others.
+  void UnsubscribeStreams();
+
   // Ends the streams and refuses new calls and streams. Once every call has
   // been answered and everything is written, the connection ends as if the
   // client had left.
   void ShutDown();
+
+  // Whether nothing has come from the client yet.
+  bool IsSilent() const;
+
+  // Ends the connection. `why` is OK if the client has left; otherwise the
+  // client is told, and the reason is logged and counted.
+  void Close(const absl::Status& why);
 
   // Called when a handler has answered: sends the answer and removes the call
   // from the table.
@@ -66,6 +80,8 @@ class ServerConnection final : public FrameSocket::Receiver {
   bool AcceptId(std::uint64_t id);
   void BeginCall(const rpc::transport::StreamMessage& frame,
                  std::string_view payload);
+  // Counts a call against the limits, or refuses it.
+  absl::Status TakeCall(std::size_t request_bytes);
   void CancelCall(std::uint64_t id);
   void OpenStream(const rpc::transport::StreamMessage& frame);
   void Deliver(rpc::transport::StreamMessage& frame, std::string_view payload);
@@ -76,21 +92,24 @@ class ServerConnection final : public FrameSocket::Receiver {
   bool EndStream(std::uint64_t id);
   void FinishIfAllIsAnswered();
   void SendError(std::uint64_t id, const absl::Status& why);
-  // Ends the connection. `why` is OK if the client has left; otherwise the
-  // client is told, and the reason is logged and counted.
-  void Close(const absl::Status& why);
+  // Ends the remaining streams, in several tasks if there are many, and calls
+  // `on_end_`.
+  void FinishClosing();
 
+  const std::shared_ptr<char> alive_ = std::make_shared<char>();
   StreamContext context_;
   // For calls that are answered on another thread.
   const std::shared_ptr<Mailbox> mailbox_;
   absl::AnyInvocable<void() &&> on_end_;
   bool has_received_hello_ = false;
+  std::unique_ptr<EventLoop::Timer> hello_deadline_;  // Until then.
   bool is_shutting_down_ = false;
   // Calls without an answer yet. Each is owned by its handler, through `done`.
   absl::flat_hash_map<std::uint64_t, ServerCall*> calls_;
   // In the order in which they were opened, which is the order of their ends.
   std::map<std::uint64_t, std::unique_ptr<ServerStream>> streams_;
   std::uint64_t last_id_ = 0;  // Of the client's latest call or stream.
+  std::unique_ptr<EventLoop::Timer> next_end_;  // Runs FinishClosing again.
 };
 
 }  // namespace orvane::internal

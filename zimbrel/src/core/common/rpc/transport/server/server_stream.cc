@@ -1,15 +1,15 @@
 #include "zimbrel/src/core/common/rpc/transport/server/server_stream.h"
 
+#include <map>
 #include <utility>
 
 #include "absl/strings/str_cat.h"
 
 #include "rpc/stream_options.pb.h"
-#include "zimbrel/src/core/common/rpc/method_kind.h"
 
 namespace orvane::internal {
 
-using google::protobuf::FieldDescriptor;
+using google::protobuf::Descriptor;
 using google::protobuf::Message;
 using google::protobuf::MethodDescriptor;
 using rpc::transport::StreamMessage;
@@ -66,10 +66,15 @@ class Endpoint final : public StreamEndpoint {
   StreamMessage header_;
 };
 
-absl::Status CannotParse(const Message& message, int max_depth) {
-  return absl::InvalidArgumentError(absl::StrCat(
-      "the payload cannot be parsed as ", message.GetTypeName(),
-      " (malformed, or nested deeper than ", max_depth, " levels)"));
+// Which callback stream serves a key, by the type of the stream's messages and
+// by key. The streams' own registries know that too, but can be read only where
+// the types are known. Like them, there is one for the process.
+using ServingStreams =
+    std::map<std::pair<const Descriptor*, std::string>, const ServerStream*>;
+
+ServingStreams& AllServingStreams() {
+  static auto& streams = *new ServingStreams;
+  return streams;
 }
 
 }  // namespace
@@ -77,98 +82,131 @@ absl::Status CannotParse(const Message& message, int max_depth) {
 ServerStream::ServerStream(StreamContext* context,
                            const MethodDescriptor* method, std::uint64_t id)
     : context_(context),
-      is_event_stream_(KindOf(*method) == MethodKind::kEventStream),
       stream_(context->service->OpenStream(
           method,
           StreamChannel(std::make_unique<Endpoint>(context, *method, id)))),
-      callback_(
-          is_event_stream_
-              ? nullptr
-              : context->service->GetResponsePrototype(method).New(nullptr)) {}
+      request_(context->service->GetRequestPrototype(method)) {}
 
 ServerStream::~ServerStream() {
   UnsubscribeFromAll();
   stream_->OnCompleted();
 }
 
+void ServerStream::UnsubscribeFromAll() {
+  for (const std::string& key : std::exchange(keys_, {})) {
+    context_->budget->GiveBack(Held::kSubscriptions);
+    if (!request_.is_event()) {
+      // Another stream may serve it by now, and goes on.
+      const auto serving = AllServingStreams().find({Type(), key});
+      if (serving == AllServingStreams().end() || serving->second != this)
+        continue;
+      AllServingStreams().erase(serving);
+    }
+    Pass(StreamRequest::Action::kUnsubscribe, key);
+  }
+}
+
 absl::Status ServerStream::Next(StreamMessage& frame) {
-  absl::Status checked = is_event_stream_ ? CheckSubscription(frame.payload())
-                                          : CheckCallbackFrame(frame.payload());
-  if (checked.ok()) stream_->OnNext(&frame);
-  return checked;
-}
-
-absl::Status ServerStream::Error(StreamMessage& frame) {
-  if (is_event_stream_) {
+  if (absl::Status read = Read(frame); !read.ok()) return read;
+  const StreamRequest::Action action = request_.action();
+  if (action == StreamRequest::Action::kAnswer) {
+    if (MayConcernCall(frame)) stream_->OnNext(&frame);
+    return absl::OkStatus();
+  }
+  if (action == StreamRequest::Action::kNone) {
     return absl::InvalidArgumentError(
-        "an error on an event stream, which has no calls");
+        request_.is_event()
+            ? "an EventSubscription that neither subscribes nor unsubscribes"
+            : absl::StrCat("a ", Type()->full_name(),
+                           " that neither subscribes nor responds"));
   }
-  absl::Status checked = ParseCallback(frame.payload());
-  if (checked.ok()) stream_->OnError(&frame);
-  return checked;
-}
-
-absl::Status ServerStream::CheckSubscription(const std::string& payload) {
-  if (!ParsePayload(payload, context_->limits.max_message_depth,
-                    &subscription_))
-    return CannotParse(subscription_, context_->limits.max_message_depth);
-  switch (subscription_.action_case()) {
-    case rpc::EventSubscription::kSubscribe:
-      return AddKey(subscription_.subscribe().SerializeAsString());
-    case rpc::EventSubscription::kUnsubscribe:
-      RemoveKey(subscription_.unsubscribe().SerializeAsString());
-      return absl::OkStatus();
-    case rpc::EventSubscription::ACTION_NOT_SET:
-      break;
-  }
-  return absl::InvalidArgumentError(
-      "an EventSubscription that neither subscribes nor unsubscribes");
-}
-
-absl::Status ServerStream::AddKey(std::string key) {
-  if (keys_.contains(key)) return absl::OkStatus();
-  if (context_->subscriptions >= context_->limits.max_subscriptions) {
-    return absl::ResourceExhaustedError(
-        absl::StrCat("subscription ", context_->subscriptions + 1,
-                     "; the limit is ", context_->limits.max_subscriptions));
-  }
-  keys_.insert(std::move(key));
-  ++context_->subscriptions;
+  request_.DiscardUnknownInKey();
+  const std::string key = request_.key();
+  if (action == StreamRequest::Action::kSubscribe) return Subscribe(key);
+  Unsubscribe(key);
   return absl::OkStatus();
 }
 
-void ServerStream::RemoveKey(const std::string& key) {
-  context_->subscriptions -= keys_.erase(key);
-}
-
-absl::Status ServerStream::ParseCallback(const std::string& payload) {
-  return ParsePayload(payload, context_->limits.max_message_depth,
-                      callback_.get())
-             ? absl::OkStatus()
-             : CannotParse(*callback_, context_->limits.max_message_depth);
-}
-
-absl::Status ServerStream::CheckCallbackFrame(const std::string& payload) {
-  if (absl::Status parsed = ParseCallback(payload); !parsed.ok()) return parsed;
-  for (const char* const name : {kSubscribeField, kResponseField}) {
-    const FieldDescriptor* const field =
-        callback_->GetDescriptor()->FindFieldByName(name);
-    if (callback_->GetReflection()->HasField(*callback_, field))
-      return absl::OkStatus();
+absl::Status ServerStream::Error(StreamMessage& frame) {
+  if (request_.is_event()) {
+    return absl::InvalidArgumentError(
+        "an error on an event stream, which has no calls");
   }
+  if (absl::Status read = Read(frame); !read.ok()) return read;
+  if (MayConcernCall(frame)) stream_->OnError(&frame);
+  return absl::OkStatus();
+}
+
+absl::Status ServerStream::Read(const StreamMessage& frame) {
+  const int max_depth = context_->limits.max_message_depth;
+  if (request_.Parse(frame.payload(), max_depth)) return absl::OkStatus();
   return absl::InvalidArgumentError(absl::StrCat(
-      "a ", callback_->GetTypeName(), " that neither subscribes nor responds"));
+      "the payload cannot be parsed as ", Type()->full_name(),
+      " (malformed, or nested deeper than ", max_depth, " levels)"));
 }
 
-void ServerStream::UnsubscribeFromAll() {
-  context_->subscriptions -= keys_.size();
-  for (const std::string& key : std::exchange(keys_, {})) {
-    // Cannot fail: the key was serialised from the same type.
-    subscription_.mutable_unsubscribe()->ParseFromString(key);
-    StreamMessage frame;
-    frame.set_payload(subscription_.SerializeAsString());
-    stream_->OnNext(&frame);
+absl::Status ServerStream::Subscribe(const std::string& key) {
+  if (key.size() > context_->limits.max_key_bytes) {
+    return absl::ResourceExhaustedError(
+        absl::StrCat("key of ", key.size(), " bytes; the limit is ",
+                     context_->limits.max_key_bytes));
   }
+  const bool is_new = !keys_.contains(key);
+  if (is_new) {
+    if (absl::Status taken = TakeSubscription(); !taken.ok()) return taken;
+    keys_.insert(key);
+  }
+  if (request_.is_event()) {
+    if (!is_new) return absl::OkStatus();
+  } else {
+    const ServerStream*& serving = AllServingStreams()[{Type(), key}];
+    if (serving == this) return absl::OkStatus();
+    if (serving != nullptr) context_->Count(Done::kTakeOver);
+    serving = this;
+  }
+  context_->Count(Done::kSubscribe);
+  Pass(StreamRequest::Action::kSubscribe, key);
+  return absl::OkStatus();
+}
+
+absl::Status ServerStream::TakeSubscription() {
+  ClientBudget& budget = *context_->budget;
+  absl::Status taken = budget.Take(Held::kSubscriptions);
+  if (!taken.ok() || !request_.is_event()) return taken;
+  taken = budget.Take(Held::kLifetimeSubscriptions);
+  if (!taken.ok()) budget.GiveBack(Held::kSubscriptions);
+  return taken;
+}
+
+void ServerStream::Unsubscribe(const std::string& key) {
+  const bool was_subscribed = keys_.erase(key) > 0;
+  if (was_subscribed) context_->budget->GiveBack(Held::kSubscriptions);
+  // Any callback stream may unsubscribe a key, whichever serves it.
+  const bool was_served =
+      !request_.is_event() && AllServingStreams().erase({Type(), key}) > 0;
+  if (was_subscribed || was_served)
+    Pass(StreamRequest::Action::kUnsubscribe, key);
+}
+
+void ServerStream::Pass(StreamRequest::Action action, const std::string& key) {
+  request_.Make(action, key);
+  StreamMessage frame;
+  frame.set_payload(request_.message().SerializeAsString());
+  stream_->OnNext(&frame);
+}
+
+// A call waits only under a key that the client has subscribed to and not
+// unsubscribed from since.
+bool ServerStream::MayConcernCall(StreamMessage& frame) {
+  if (keys_.contains(request_.key())) return true;
+  request_.DiscardUnknownInKey();
+  if (!keys_.contains(request_.key())) return false;
+  frame.set_payload(request_.message().SerializeAsString());
+  return true;
+}
+
+const Descriptor* ServerStream::Type() const {
+  return request_.message().GetDescriptor();
 }
 
 }  // namespace orvane::internal

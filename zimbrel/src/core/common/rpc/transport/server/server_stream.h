@@ -3,21 +3,21 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_STREAM_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_STREAM_H_
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
-#include <unordered_set>
 
 #include "absl/status/status.h"
 #include "google/protobuf/descriptor.h"
 #include "google/protobuf/message.h"
 
-#include "rpc/event_subscription.pb.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/abstract_stream.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/transport/server/client_budget.h"
+#include "zimbrel/src/core/common/rpc/transport/server/stream_request.h"
 #include "zimbrel/src/core/common/rpc/transport/server_counters.h"
 #include "zimbrel/src/core/common/rpc/transport/server_limits.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
@@ -32,14 +32,20 @@ struct StreamContext {
   std::shared_ptr<FrameSocket> socket;
   const ServerLimits& limits;
   ServerCounters* counters;
-  std::size_t subscriptions = 0;  // Of all event streams together.
+  std::shared_ptr<ClientBudget> budget;
+
+  // Counts something that the client has done. If the client does that too
+  // often, nothing is read from it for a while.
+  void Count(Done what) { socket->Pause(budget->Count(what)); }
 };
 
 // Owns a stream of the service and checks what the client sends on it: a frame
-// that would end the process is refused here with an error. Remembers the keys
-// to which the client is subscribed and unsubscribes it at the end, since a
-// stream leaves a key that it shares with other streams only when it is
-// unsubscribed.
+// that would end the process is refused here with an error. A subscription is
+// not passed on as it came: the stream gets one with the known fields of its
+// key, and only if it changes something, since streams may keep what they get.
+// Remembers the keys to which the client is subscribed and unsubscribes it at
+// the end, since a stream leaves a key that it shares with other streams only
+// when it is unsubscribed.
 //
 // Thread: the service thread.
 class ServerStream {
@@ -56,29 +62,42 @@ class ServerStream {
   // left, completes the stream and destroys it.
   ~ServerStream();
 
-  // Passes a frame of the client to the stream. An error, whose text is for the
-  // client, means that the stream has not received it.
+  // Unsubscribes the stream from all its keys. The destructor does that too. A
+  // stream that ends looks at all keys of its type, whoever is subscribed to
+  // them, so where many streams end, this is called first for all of them.
+  void UnsubscribeFromAll();
+
+  // Passes what a frame of the client asks for to the stream. An error, whose
+  // text is for the client, means that the stream has not received it.
   absl::Status Next(rpc::transport::StreamMessage& frame);
   absl::Status Error(rpc::transport::StreamMessage& frame);
 
  private:
-  absl::Status CheckSubscription(const std::string& payload);
-  absl::Status AddKey(std::string key);
-  void RemoveKey(const std::string& key);
-  absl::Status CheckCallbackFrame(const std::string& payload);
-  absl::Status ParseCallback(const std::string& payload);
-  void UnsubscribeFromAll();
+  // Reads `request_`, or refuses the frame.
+  absl::Status Read(const rpc::transport::StreamMessage& frame);
+
+  absl::Status Subscribe(const std::string& key);
+  // Counts one more key against the limits, or refuses it.
+  absl::Status TakeSubscription();
+  void Unsubscribe(const std::string& key);
+  // Has the service's stream do it.
+  void Pass(StreamRequest::Action action, const std::string& key);
+
+  // Whether a call under the key of `request_` may wait on this stream. If so,
+  // `frame` is made to name the key as the stream knows it.
+  bool MayConcernCall(rpc::transport::StreamMessage& frame);
+
+  // The type of what the client sends.
+  const google::protobuf::Descriptor* Type() const;
 
   StreamContext* const context_;
-  const bool is_event_stream_;
   const std::unique_ptr<AbstractStream> stream_;
-
-  // Of an event stream: the keys that it is subscribed to, serialised.
-  rpc::EventSubscription subscription_;
-  std::unordered_set<std::string> keys_;
-
-  // Of a callback stream: the message into which frames are parsed.
-  const std::unique_ptr<google::protobuf::Message> callback_;
+  StreamRequest request_;  // The latest of the client.
+  // The keys to which the client is subscribed, as StreamRequest::key() returns
+  // them. On a callback stream also keys that another stream has taken over or
+  // unsubscribed since. Not a hash table, since a client could choose keys with
+  // equal hashes.
+  std::set<std::string> keys_;
 };
 
 }  // namespace orvane::internal

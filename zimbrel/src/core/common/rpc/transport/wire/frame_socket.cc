@@ -19,6 +19,7 @@ namespace orvane::internal {
 
 using google::protobuf::MessageLite;
 using rpc::transport::StreamMessage;
+using std::chrono::steady_clock;
 
 namespace {
 
@@ -27,10 +28,10 @@ namespace {
 // call costs little in comparison.
 constexpr std::size_t kEnoughToWrite = std::size_t{8} << 10;
 
-// A batch ends when it has taken this long. The clock is read once in so many
-// frames.
-constexpr std::chrono::milliseconds kBatchTime{1};
-constexpr int kFramesPerLookAtClock = 16;
+// A batch ends with the frame at which it has taken this long. That is enough
+// for some hundreds of usual frames, and short enough for each of many peers
+// that send all the time to have a turn every few milliseconds.
+constexpr std::chrono::microseconds kBatchTime{100};
 
 FrameLimits AtLeastUsable(FrameLimits limits) {
   limits.max_frame_bytes = std::max(limits.max_frame_bytes, kMinMaxFrameBytes);
@@ -148,6 +149,16 @@ void FrameSocket::FailWriting(int error) {
   if (reading_ == Reading::kAwaitingInput) QueueTurn();
 }
 
+bool FrameSocket::HasInput() const {
+  char byte = 0;
+  return socket_ != nullptr &&
+         ::recv(socket_->descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+}
+
+void FrameSocket::Pause(absl::Duration how_long) {
+  pause_ = std::max(pause_, how_long);
+}
+
 void FrameSocket::FinishWriting() {
   is_finishing_ = true;
   Flush();
@@ -163,6 +174,7 @@ void FrameSocket::Close() {
   Flush();
   receiver_ = nullptr;
   frame_deadline_.reset();
+  pause_end_.reset();
   // Closing alone does not end the connection while a child process has a copy
   // of the socket.
   ::shutdown(socket_->descriptor(), SHUT_RDWR);
@@ -200,6 +212,14 @@ void FrameSocket::TakeTurn() {
   if (receiver_ == nullptr) return;
   Flush();
   if (is_finishing_) return;
+  if (pause_ > absl::ZeroDuration()) {
+    reading_ = Reading::kPaused;
+    pause_end_ =
+        loop_->RunAfter(std::exchange(pause_, absl::ZeroDuration()), [this] {
+          if (reading_ == Reading::kPaused) TakeTurn();
+        });
+    return;
+  }
   if (!has_frames_left_) BeginDeadline();
   if (has_frames_left_ || may_have_more_) return QueueTurn();
   AwaitInput();
@@ -229,8 +249,8 @@ bool FrameSocket::Read() {
 }
 
 void FrameSocket::HandOutFrames() {
-  const auto begun = std::chrono::steady_clock::now();
-  for (int frames = 1; receiver_ != nullptr && !is_finishing_; ++frames) {
+  const auto begun = steady_clock::now();
+  while (receiver_ != nullptr && !is_finishing_) {
     const absl::StatusOr<std::optional<std::string_view>> next = reader_.Next();
     if (!next.ok()) return Break(next.status());
     has_frames_left_ = next->has_value();
@@ -244,8 +264,8 @@ void FrameSocket::HandOutFrames() {
                        " bytes cannot be parsed as StreamMessage")));
     }
     receiver_->OnFrame(frame_, payload);
-    if (frames % kFramesPerLookAtClock == 0 &&
-        std::chrono::steady_clock::now() - begun >= kBatchTime) {
+    if (pause_ > absl::ZeroDuration() ||
+        steady_clock::now() - begun >= kBatchTime) {
       return;
     }
   }

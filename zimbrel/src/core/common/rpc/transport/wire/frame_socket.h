@@ -10,6 +10,7 @@
 #include "absl/functional/function_ref.h"
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
+#include "absl/time/time.h"
 #include "google/protobuf/message_lite.h"
 
 #include "rpc/transport/stream_message.pb.h"
@@ -90,9 +91,17 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   // receiver has returned, it gets no other frame.
   bool in_batch() const { return reading_ == Reading::kInBatch; }
 
+  // Called by the receiver while it handles a frame: reads and passes on no
+  // other frame for `how_long`. If called twice, the longer time counts. What
+  // has arrived is kept, and a peer that goes on sending finds the socket full.
+  void Pause(absl::Duration how_long);
+
   // Passes on no more frames. Once everything queued has been written, calls
   // OnBroken with OK, in a task of its own.
   void FinishWriting();
+
+  // Whether bytes have arrived that have not been read.
+  bool HasInput() const;
 
   // False after Close.
   bool is_open() const { return receiver_ != nullptr; }
@@ -107,6 +116,7 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
     kAwaitingInput,  // Goes on when the socket becomes readable.
     kQueued,         // A task is posted that goes on.
     kInBatch,        // The receiver is handling frames.
+    kPaused,         // A timer will go on.
   };
 
   enum class Writing {
@@ -153,6 +163,8 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   // Ends the connection unless the frame that has begun is complete in time;
   // null if none has begun.
   std::unique_ptr<EventLoop::Timer> frame_deadline_;
+  absl::Duration pause_;                         // After this batch.
+  std::unique_ptr<EventLoop::Timer> pause_end_;  // With kPaused.
 
   Writing writing_ = Writing::kIdle;
   Outbox outbox_;

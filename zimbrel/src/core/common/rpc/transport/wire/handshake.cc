@@ -1,10 +1,12 @@
 #include "zimbrel/src/core/common/rpc/transport/wire/handshake.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "absl/strings/escaping.h"
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
 
@@ -37,6 +39,15 @@ std::string Line(const MethodDescriptor& method) {
                       method.output_type()->full_name(), ")\n");
 }
 
+// What the peer calls its service: cut, and without line feeds and escape
+// codes, since it goes to logs and terminals.
+std::string Printable(absl::string_view name) {
+  constexpr std::size_t kMostBytes = 200;
+  return name.size() <= kMostBytes
+             ? absl::CEscape(name)
+             : absl::CEscape(name.substr(0, kMostBytes)) + "...";
+}
+
 std::string InWords(const Hello& hello) {
   const int methods = hello.methods_size();
   return absl::StrCat(
@@ -46,7 +57,7 @@ std::string InWords(const Hello& hello) {
       hello.oldest_protocol() == hello.newest_protocol()
           ? ""
           : absl::StrCat(" to ", hello.newest_protocol()),
-      " and ", hello.service(), " with ", methods, " methods",
+      " and ", Printable(hello.service()), " with ", methods, " methods",
       methods == 0
           ? ""
           : absl::StrCat(

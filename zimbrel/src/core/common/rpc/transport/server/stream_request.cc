@@ -1,0 +1,102 @@
+#include "zimbrel/src/core/common/rpc/transport/server/stream_request.h"
+
+#include "google/protobuf/io/coded_stream.h"
+#include "google/protobuf/io/zero_copy_stream_impl_lite.h"
+
+#include "rpc/event_subscription.pb.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
+
+namespace orvane::internal {
+
+using google::protobuf::FieldDescriptor;
+using google::protobuf::Message;
+using rpc::EventSubscription;
+
+namespace {
+
+// Null in what event streams take.
+const FieldDescriptor* CallbackField(const Message& message, const char* name) {
+  if (message.GetDescriptor() == EventSubscription::descriptor())
+    return nullptr;
+  return message.GetDescriptor()->FindFieldByName(name);
+}
+
+}  // namespace
+
+StreamRequest::StreamRequest(const Message& prototype)
+    : message_(prototype.New(nullptr)),
+      key_field_(CallbackField(*message_, kKeyField)),
+      subscribe_field_(CallbackField(*message_, kSubscribeField)),
+      response_field_(CallbackField(*message_, kResponseField)) {}
+
+bool StreamRequest::Parse(std::string_view payload, int max_depth) {
+  return ParsePayload(payload, max_depth, message_.get());
+}
+
+StreamRequest::Action StreamRequest::action() const {
+  if (is_event()) {
+    switch (static_cast<const EventSubscription&>(*message_).action_case()) {
+      case EventSubscription::kSubscribe:
+        return Action::kSubscribe;
+      case EventSubscription::kUnsubscribe:
+        return Action::kUnsubscribe;
+      case EventSubscription::ACTION_NOT_SET:
+        break;
+    }
+    return Action::kNone;
+  }
+  const google::protobuf::Reflection& fields = *message_->GetReflection();
+  if (fields.HasField(*message_, response_field_)) return Action::kAnswer;
+  if (!fields.HasField(*message_, subscribe_field_)) return Action::kNone;
+  return fields.GetBool(*message_, subscribe_field_) ? Action::kSubscribe
+                                                     : Action::kUnsubscribe;
+}
+
+std::string StreamRequest::key() const {
+  std::string bytes;
+  google::protobuf::io::StringOutputStream stream(&bytes);
+  google::protobuf::io::CodedOutputStream out(&stream);
+  out.SetSerializationDeterministic(true);
+  Key().SerializeToCodedStream(&out);
+  out.Trim();
+  return bytes;
+}
+
+void StreamRequest::DiscardUnknownInKey() {
+  MutableKey()->DiscardUnknownFields();
+}
+
+void StreamRequest::Make(Action action, std::string_view key) {
+  message_->Clear();
+  if (is_event()) {
+    auto& subscription = static_cast<EventSubscription&>(*message_);
+    action == Action::kSubscribe ? subscription.mutable_subscribe()
+                                 : subscription.mutable_unsubscribe();
+  } else {
+    message_->GetReflection()->SetBool(message_.get(), subscribe_field_,
+                                       action == Action::kSubscribe);
+  }
+  // Parses: it was serialised from the same type.
+  MutableKey()->ParseFromArray(key.data(), static_cast<int>(key.size()));
+}
+
+const Message& StreamRequest::Key() const {
+  if (!is_event())
+    return message_->GetReflection()->GetMessage(*message_, key_field_);
+  const auto& subscription = static_cast<const EventSubscription&>(*message_);
+  return subscription.has_subscribe() ? subscription.subscribe()
+                                      : subscription.unsubscribe();
+}
+
+Message* StreamRequest::MutableKey() {
+  if (!is_event()) {
+    return message_->GetReflection()->MutableMessage(message_.get(),
+                                                     key_field_);
+  }
+  auto& subscription = static_cast<EventSubscription&>(*message_);
+  return subscription.has_subscribe() ? subscription.mutable_subscribe()
+                                      : subscription.mutable_unsubscribe();
+}
+
+}  // namespace orvane::internal
