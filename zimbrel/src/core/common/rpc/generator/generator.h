@@ -17,8 +17,8 @@ namespace orvane::generator {
 // its imports and the parameter alone.
 //
 // The parameter is a list of options, with commas between:
-//   log_path_prefix=PATH  where the output lies in its tree, for the source path
-//                         that fatal log entries name;
+//   log_path_prefix=PATH  where the output lies in its tree, for the source
+//                         path that fatal log entries name;
 //   language=python       writes Python instead: clients into DIR/x_client.py.
 //                         The messages are protoc's own --python_out.
 //

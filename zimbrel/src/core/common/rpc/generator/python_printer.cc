@@ -5,7 +5,6 @@
 #include <set>
 #include <vector>
 
-
 #include "zimbrel/src/core/common/rpc/generator/python_names.h"
 
 namespace orvane::generator {

@@ -234,7 +234,7 @@ TEST_F(ServerStreamRefusalsTest, StreamId0EndsTheConnection) {
   EXPECT_TRUE(client.closed);
 }
 
-// Stream 0 is the connection itself, also in an ERROR or COMPLETE without an id.
+// Stream 0 is the connection itself, also in a frame without an id.
 class FramesForStream0 : public ServerStreamRefusalsTest {
  protected:
   void ExpectTheEndAfter(const StreamMessage& frame) {

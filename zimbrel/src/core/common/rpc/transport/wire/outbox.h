@@ -52,9 +52,9 @@ class Outbox {
   absl::Status Add(const rpc::transport::StreamMessage& header,
                    std::string_view payload);
 
-  // Queues a frame without a payload that ends a call or a stream, also if there
-  // is no room: otherwise the peer would keep what it ends. There are no more of
-  // these frames than of those which began the calls and streams.
+  // Queues a frame without a payload that ends a call or a stream, also if
+  // there is no room: otherwise the peer would keep what it ends. There are no
+  // more of these frames than of those which began the calls and streams.
   absl::Status AddEnd(const rpc::transport::StreamMessage& header);
 
   // Queues a frame in a slot, in place of the frame that waits there, if any.
