@@ -103,13 +103,14 @@ TEST_F(Examples, OwnLoopGoesOnUntilTheWidgetHasGone) {
 
 TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {
   auto operating = Start(OPERATING, "operating");
+  // A client that has said nothing would make room for the next one.
   const auto first = Connect();
-  const auto second = Connect();
-  const auto third = Connect();
   EXPECT_EQ(CallByName(first.get(), "Show", "").message(),
             "Method Show() not implemented.");
+  const auto second = Connect();
   EXPECT_EQ(CallByName(second.get(), "Show", "").message(),
             "Method Show() not implemented.");
+  const auto third = Connect();
   EXPECT_THAT(std::string(CallByName(third.get(), "Show", "").message()),
               HasSubstr("2 clients are connected; the limit is 2"));
   operating->Signal(SIGTERM);
