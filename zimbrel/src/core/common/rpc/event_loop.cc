@@ -104,7 +104,11 @@ class EventLoop::State {
   // been stopped, a wait was interrupted, or there was something to do before.
   void WaitAndStep() {
     if (queue_.empty()) {
-      if (RunWhatPrecedesWaiting()) return;
+      if (RunWhatPrecedesWaiting()) {
+        // It may ask again and again; other work has its turn, too.
+        if (!before_waiting_.empty()) Collect();
+        return;
+      }
       if (!Spin()) {
         timers_.SetAlarm();
         Collect(inbox_->FallAsleep() ? EpollSet::Waiting::kYes
@@ -114,10 +118,12 @@ class EventLoop::State {
     if (!queue_.empty()) Step();
   }
 
-  // False if there was nothing.
+  // Runs the tasks that are there now, not those that they add. False if there
+  // was none.
   bool RunWhatPrecedesWaiting() {
     const bool has_some = !before_waiting_.empty();
-    while (!before_waiting_.empty()) {
+    for (std::size_t left = before_waiting_.size();
+         left > 0 && !before_waiting_.empty(); --left) {
       if (Task task = before_waiting_.Pop(); task != nullptr) std::move(task)();
     }
     return has_some;

@@ -55,6 +55,20 @@ class EventLoopEndTest : public ::testing::Test {
   std::optional<OwnedDescriptor> peer_;
 };
 
+TEST_F(EventLoopEndTest, IsNotWaitedForByTheDestructorOfATask) {
+  int waits = 0;
+  loop_->Post([held = held_, waiting = WhenDestroyed([&, loop = loop_.get()] {
+                               loop->Run();
+                               loop->RunReady();
+                               EXPECT_FALSE(
+                                   loop->RunUntil([] { return false; }));
+                               ++waits;
+                             })] { FAIL(); });
+  loop_.reset();
+  EXPECT_EQ(waits, 1);
+  ExpectAllIsDestroyed();
+}
+
 TEST_F(EventLoopEndTest, DestroysTasksThatAnotherThreadHasPosted) {
   std::thread([this] { loop_->Post([held = held_] { FAIL(); }); }).join();
   loop_.reset();

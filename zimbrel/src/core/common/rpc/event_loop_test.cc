@@ -1,6 +1,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 
 #include <csignal>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -247,6 +248,18 @@ TEST(EventLoop, WhatIsToRunBeforeWaitingRunsAfterTheTasksThatAreReady) {
   loop.Post([&ran] { ran.push_back(2); });
   EXPECT_TRUE(loop.RunUntil([&ran] { return ran.size() == 3; }));
   EXPECT_THAT(ran, ElementsAre(1, 2, 3));
+}
+
+TEST(EventLoop, WhatAsksAgainToRunBeforeWaitingLetsOtherTasksRun) {
+  EventLoop loop;
+  std::function<void()> ask_again = [&] { loop.RunBeforeWaiting(ask_again); };
+  ask_again();
+  bool ran = false;
+  loop.Post([&ran] { ran = true; });
+  loop.RunReady();
+  EXPECT_TRUE(ran);
+  std::jthread other([&loop] { loop.Post([&loop] { loop.Stop(); }); });
+  loop.Run();
 }
 
 TEST(EventLoop, WhatIsToRunBeforeWaitingRunsBeforeANestedRunWaits) {

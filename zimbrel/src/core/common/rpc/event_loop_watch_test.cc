@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cerrno>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -167,6 +168,32 @@ TEST_F(WatchTest, ASecondTaskReplacesTheFirst) {
   EXPECT_EQ(held.use_count(), 1);
   Send();
   EXPECT_EQ(Told(), 1);
+}
+
+// For a task to hold: runs `what` when the task is destroyed.
+std::shared_ptr<void> WhenDestroyed(std::function<void()> what) {
+  return {nullptr, [what = std::move(what)](void*) { what(); }};
+}
+
+TEST_F(WatchTest, ATaskThatIsReplacedMayAskAgain) {
+  watch_->WhenReadable([end = WhenDestroyed([this] { Watch(); })] { FAIL(); });
+  watch_->WhenReadable([] { FAIL(); });
+  Send();
+  EXPECT_EQ(Told(), 1);
+}
+
+TEST_F(WatchTest, ATaskThatIsReplacedMayDestroyIt) {
+  const auto drop = [this] { watch_.reset(); };
+  watch_->WhenReadable([end = WhenDestroyed(drop)] { FAIL(); });
+  watch_->WhenReadable([] { FAIL(); });
+  EXPECT_EQ(watch_, nullptr);
+}
+
+TEST_F(WatchTest, ATaskThatIsReplacedMayDestroyItWhileItAwaitsRoom) {
+  const auto drop = [this] { watch_.reset(); };
+  watch_->WhenWritable([end = WhenDestroyed(drop)] { FAIL(); });
+  watch_->WhenWritable([] { FAIL(); });
+  EXPECT_EQ(watch_, nullptr);
 }
 
 TEST_F(WatchTest, AnEmptyTaskWaitsForNothing) {

@@ -44,13 +44,17 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
                        &event) == 0;
   }
 
+  // The destructor of the task that is replaced may use this object, or drop
+  // the handle of it.
   void WhenReadable(Task task) {
-    input_.task = std::move(task);
+    const auto self = shared_from_this();
+    const Task replaced = std::exchange(input_.task, std::move(task));
     if (input_.is_ready) Post<&Watched::input_>();
   }
 
   void WhenWritable(Task task) {
-    output_.task = std::move(task);
+    const auto self = shared_from_this();
+    const Task replaced = std::exchange(output_.task, std::move(task));
     SetAwaitingOutput(output_.task != nullptr);
   }
 

@@ -37,6 +37,11 @@ void Inbox::Stop() {
   if (wakes) Wake();
 }
 
+void Inbox::ForgetStop() {
+  const MutexLock lock(mutex_);
+  is_stopped_ = is_closed_;
+}
+
 void Inbox::MoveTo(TaskQueue* queue) {
   const MutexLock lock(mutex_);
   is_asleep_ = false;
@@ -61,6 +66,7 @@ void Inbox::Close() {
   std::vector<Task> unrun;  // Destroyed after the lock: that may post.
   const MutexLock lock(mutex_);
   is_closed_ = true;
+  is_stopped_ = true;
   unrun.swap(tasks_);
 }
 

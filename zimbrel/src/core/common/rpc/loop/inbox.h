@@ -30,7 +30,8 @@ class Inbox final : public Mailbox {
   // Thread: the loop's ----------------------------------------------------
 
   bool is_stopped() const { return is_stopped_; }
-  void ForgetStop() { is_stopped_ = false; }
+  // Unless it is closed.
+  void ForgetStop();
 
   // Moves the tasks to `queue`. The loop is awake from now on, so Post need not
   // wake it.
@@ -45,7 +46,8 @@ class Inbox final : public Mailbox {
   int descriptor() const { return wake_.get(); }
   void Wake();
 
-  // Refuses tasks from now on, and destroys those that have not been moved.
+  // Refuses tasks from now on, and destroys those that have not been moved. The
+  // loop counts as stopped.
   void Close();
 
  private:
