@@ -85,7 +85,7 @@ ServerStream::ServerStream(StreamContext* context,
       stream_(context->service->OpenStream(
           method,
           StreamChannel(std::make_unique<Endpoint>(context, *method, id)))),
-      request_(context->service->GetRequestPrototype(method)) {}
+      request_(*method, context->service->GetRequestPrototype(method)) {}
 
 ServerStream::~ServerStream() {
   UnsubscribeFromAll();

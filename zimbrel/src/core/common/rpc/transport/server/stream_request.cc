@@ -11,24 +11,26 @@ namespace orvane::internal {
 
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
+using google::protobuf::MethodDescriptor;
 using rpc::EventSubscription;
 
 namespace {
 
-// Null in what event streams take.
-const FieldDescriptor* CallbackField(const Message& message, const char* name) {
-  if (message.GetDescriptor() == EventSubscription::descriptor())
-    return nullptr;
-  return message.GetDescriptor()->FindFieldByName(name);
+// Null if the method is an event stream.
+const FieldDescriptor* CallbackField(const MethodDescriptor& method,
+                                     const char* name) {
+  if (KindOf(method) != MethodKind::kCallbackStream) return nullptr;
+  return method.input_type()->FindFieldByName(name);
 }
 
 }  // namespace
 
-StreamRequest::StreamRequest(const Message& prototype)
+StreamRequest::StreamRequest(const MethodDescriptor& method,
+                             const Message& prototype)
     : message_(prototype.New(nullptr)),
-      key_field_(CallbackField(*message_, kKeyField)),
-      subscribe_field_(CallbackField(*message_, kSubscribeField)),
-      response_field_(CallbackField(*message_, kResponseField)) {}
+      key_field_(CallbackField(method, kKeyField)),
+      subscribe_field_(CallbackField(method, kSubscribeField)),
+      response_field_(CallbackField(method, kResponseField)) {}
 
 bool StreamRequest::Parse(std::string_view payload, int max_depth) {
   return ParsePayload(payload, max_depth, message_.get());

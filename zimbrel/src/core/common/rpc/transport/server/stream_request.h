@@ -20,8 +20,9 @@ class StreamRequest {
  public:
   enum class Action { kNone, kSubscribe, kUnsubscribe, kAnswer };
 
-  // `prototype` is the input of a streaming method.
-  explicit StreamRequest(const google::protobuf::Message& prototype);
+  // `prototype` is the input of `method`, which the generator has accepted.
+  StreamRequest(const google::protobuf::MethodDescriptor& method,
+                const google::protobuf::Message& prototype);
 
   bool is_event() const { return key_field_ == nullptr; }
   const google::protobuf::Message& message() const { return *message_; }
