@@ -8,7 +8,6 @@
 
 #include <array>
 #include <csignal>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -17,16 +16,15 @@
 #include "absl/time/time.h"
 #include "gtest/gtest.h"
 
+#include "zimbrel/src/core/common/rpc/testing/when_destroyed.h"
+
 namespace orvane {
 namespace {
 
+using testing::WhenDestroyed;
+
 using SharedTimer = std::shared_ptr<std::unique_ptr<EventLoop::Timer>>;
 using SharedWatch = std::shared_ptr<std::unique_ptr<EventLoop::Watch>>;
-
-// For a task to hold: runs `what` when the task is destroyed.
-std::shared_ptr<void> WhenDestroyed(std::function<void()> what) {
-  return {nullptr, [what = std::move(what)](void*) { what(); }};
-}
 
 class EventLoopEndTest : public ::testing::Test {
  protected:

@@ -9,7 +9,6 @@
 
 #include <array>
 #include <cerrno>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,8 +17,12 @@
 #include "absl/status/status.h"
 #include "gtest/gtest.h"
 
+#include "zimbrel/src/core/common/rpc/testing/when_destroyed.h"
+
 namespace orvane {
 namespace {
+
+using testing::WhenDestroyed;
 
 // One end of a pair of sockets is watched, the other is the test's.
 class WatchTest : public ::testing::Test {
@@ -168,11 +171,6 @@ TEST_F(WatchTest, ASecondTaskReplacesTheFirst) {
   EXPECT_EQ(held.use_count(), 1);
   Send();
   EXPECT_EQ(Told(), 1);
-}
-
-// For a task to hold: runs `what` when the task is destroyed.
-std::shared_ptr<void> WhenDestroyed(std::function<void()> what) {
-  return {nullptr, [what = std::move(what)](void*) { what(); }};
 }
 
 TEST_F(WatchTest, ATaskThatIsReplacedMayAskAgain) {

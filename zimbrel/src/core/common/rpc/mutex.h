@@ -1,6 +1,7 @@
 // A mutex that clang's thread-safety analysis knows, and its lock. Abseil's has
-// locks that older releases take by pointer and newer ones by reference only; and
-// the thread sanitizer sees into the standard library's, however it was built.
+// locks that older releases take by pointer and newer ones by reference only;
+// and the thread sanitizer sees into the standard library's, however it was
+// built.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_MUTEX_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_MUTEX_H_

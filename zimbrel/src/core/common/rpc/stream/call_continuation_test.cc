@@ -14,6 +14,7 @@
 #include "zimbrel/src/core/common/rpc/testing/call_fixture.h"
 #include "zimbrel/src/core/common/rpc/testing/event_host.h"
 #include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/when_destroyed.h"
 
 namespace orvane::testing {
 namespace {
@@ -22,6 +23,7 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
+using testing::WhenDestroyed;
 
 using CallContinuationTest = CallFixture;
 
@@ -130,7 +132,7 @@ TEST_F(CallContinuationTest,
 
 TEST_F(CallContinuationTest,
        WhatAContinuationHoldsMayEndTheStreamWhenItIsDestroyed) {
-  std::shared_ptr<void> ender(nullptr, [&](void*) {
+  auto ender = WhenDestroyed([&] {
     ends.emplace_back("released");
     host.End();
   });

@@ -1,7 +1,6 @@
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +15,7 @@
 
 #include "zimbrel/src/core/common/rpc/testing/call_fixture.h"
 #include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/when_destroyed.h"
 
 namespace orvane::testing {
 namespace {
@@ -26,6 +26,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
+using testing::WhenDestroyed;
 
 static_assert(CallMessage<rpc::CreateWebDialog> &&
               CallMessage<rpc::UpdateSurface> &&
@@ -411,7 +412,7 @@ TEST_F(CallTest, CancellingInsideTheHandlerThatEndedTheCallDoesNothing) {
 TEST_F(CallTest, MayBeCancelledWhileItsStreamIsBeingDestroyed) {
   host.Subscribe(kBrowser);
   auto call = Ask(kBrowser, "a");
-  std::shared_ptr<void> canceller(nullptr, [&](void*) { call.Cancel(); });
+  auto canceller = WhenDestroyed([&] { call.Cancel(); });
   List(host, kBrowser, INT64_MAX, [canceller] { FAIL(); });
   canceller.reset();
   host.Vanish();
@@ -424,7 +425,7 @@ TEST_F(CallTest, MayBeCancelledWhileItsEntryIsBeingErased) {
   host.Subscribe(kBrowser);
   List(host, kOther, 1);  // So that there is something to look up among.
   CallHandle call;
-  std::shared_ptr<void> canceller(nullptr, [&](void*) { call.Cancel(); });
+  auto canceller = WhenDestroyed([&] { call.Cancel(); });
   // Behind the walk, so that the call is dropped without being told.
   List(host, kBrowser, INT64_MAX,
        [&, canceller] { call = Ask(kBrowser, "a"); });

@@ -1,7 +1,6 @@
 #include "zimbrel/src/core/common/rpc/stream/callback_stream.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -18,6 +17,7 @@
 
 #include "zimbrel/src/core/common/rpc/testing/call_fixture.h"
 #include "zimbrel/src/core/common/rpc/testing/scripted_host.h"
+#include "zimbrel/src/core/common/rpc/testing/when_destroyed.h"
 
 namespace orvane::testing {
 namespace {
@@ -26,6 +26,7 @@ using google::protobuf::Message;
 using rpc::CreateWebDialog;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using testing::WhenDestroyed;
 using Stream = CallbackStream<CreateWebDialog>;
 
 static_assert(CallbackMessage<rpc::CreateWebDialog>);
@@ -255,7 +256,7 @@ TEST_F(CallbackStreamTest, TheCallableThatDidNotRunIsDestroyedWithTheOther) {
 TEST_F(CallbackStreamTest,
        CallablesAreDestroyedBeforeTheEntryIsLookedAtAndMayAddToIt) {
   std::size_t entries = 0;
-  std::shared_ptr<void> adder(nullptr, [&](void*) {
+  auto adder = WhenDestroyed([&] {
     entries = host.stream().pending_calls_.size();
     EXPECT_THAT(Pending(host, kBrowser), IsEmpty()) << "not out of the table";
     List(host, kBrowser, 2);

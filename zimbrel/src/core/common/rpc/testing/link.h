@@ -1,4 +1,4 @@
-// For tests: hosts connected to a server, and a connection that can be cut at
+// For tests: clients connected to a server, and a connection that can be cut at
 // any byte.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_LINK_H_
