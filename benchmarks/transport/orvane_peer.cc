@@ -2,8 +2,7 @@
 // host runs in the main loop that the program is linked with (see main_loop.h).
 //
 //   --interface thread    unary: the event loop has a thread of its own, and
-//   the
-//                         thread that calls waits for each answer
+//                         the thread that calls waits for each answer
 //   --interface toolkit   posts, idle: measures the main loop itself
 
 #include <chrono>
