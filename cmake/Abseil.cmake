@@ -6,10 +6,12 @@
 # without a sanitizer must not be mixed. ORVANE_BUILT_ABSEIL is then the folder of
 # that build, which packaging/ installs with our libraries.
 
-set(ORVANE_CACHE_DIR "$ENV{ORVANE_CACHE_DIR}" CACHE PATH
-    "Folder for sources and builds of dependencies, shared by all build trees")
+set(ORVANE_CACHE_DIR "" CACHE PATH
+    "Folder for sources and builds of dependencies, shared by all build trees; if empty, that of the environment variable")
 if(NOT ORVANE_CACHE_DIR)
-  if(DEFINED ENV{XDG_CACHE_HOME})
+  if(NOT "$ENV{ORVANE_CACHE_DIR}" STREQUAL "")
+    set(ORVANE_CACHE_DIR "$ENV{ORVANE_CACHE_DIR}")
+  elseif(NOT "$ENV{XDG_CACHE_HOME}" STREQUAL "")
     set(ORVANE_CACHE_DIR "$ENV{XDG_CACHE_HOME}/orvane")
   else()
     set(ORVANE_CACHE_DIR "$ENV{HOME}/.cache/orvane")
@@ -47,6 +49,8 @@ if(NOT EXISTS "${abseil_variant}/complete")
   # Locked, since two build trees may be configured at the same time.
   file(LOCK "${abseil_variant}.lock" GUARD FILE)
   if(NOT EXISTS "${abseil_variant}/complete")
+    # Of a build that was interrupted, maybe with another generator.
+    file(REMOVE_RECURSE "${abseil_variant}/build")
     foreach(step IN ITEMS
         "-S;${CMAKE_CURRENT_LIST_DIR}/abseil;-B;${abseil_variant}/build;-G;${CMAKE_GENERATOR};-DCMAKE_BUILD_TYPE=Release;-DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER};-DCMAKE_CXX_FLAGS=${CMAKE_CXX_FLAGS};-DCMAKE_INSTALL_PREFIX=${abseil_variant};-DABSEIL_SOURCE_DIR=${abseil_source_dir}"
         "--build;${abseil_variant}/build;--target;needed"
@@ -54,7 +58,12 @@ if(NOT EXISTS "${abseil_variant}/complete")
       execute_process(COMMAND "${CMAKE_COMMAND}" ${step}
         OUTPUT_FILE "${abseil_variant}.log" ERROR_FILE "${abseil_variant}.log" RESULT_VARIABLE failed)
       if(failed)
-        message(FATAL_ERROR "cannot build Abseil; see ${abseil_variant}.log")
+        file(SIZE "${abseil_variant}.log" size)
+        math(EXPR shown_from "${size} > 1000 ? ${size} - 1000 : 0")
+        file(READ "${abseil_variant}.log" end_of_log OFFSET ${shown_from})
+        message(FATAL_ERROR
+          "cannot build Abseil. If the disk is full, set ORVANE_CACHE_DIR to a folder on another "
+          "one. The end of ${abseil_variant}.log:\n${end_of_log}")
       endif()
     endforeach()
     file(REMOVE_RECURSE "${abseil_variant}/build")

@@ -106,7 +106,9 @@ function(orvane_generate name)
 
   add_library(${name} STATIC ${sources})
   target_sources(${name} PUBLIC FILE_SET HEADERS BASE_DIRS "${out}" FILES ${headers})
-  set_target_properties(${name} PROPERTIES CXX_EXTENSIONS OFF ORVANE_PROTO_ROOTS "${roots}")
+  # protoc gives the same names to local variables of all its files.
+  set_target_properties(${name} PROPERTIES
+    CXX_EXTENSIONS OFF ORVANE_PROTO_ROOTS "${roots}" UNITY_BUILD OFF)
   target_compile_features(${name} PUBLIC cxx_std_20)
   # Nobody edits generated code, so it compiles without warnings, here and where it
   # is included.

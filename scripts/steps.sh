@@ -1,6 +1,9 @@
 # Sourced by the other scripts: prints their steps and how long these took.
 # shellcheck shell=bash
 
+# Below it are caches, ours and those of the programs that we call.
+export HOME="${HOME:-$(getent passwd "$(id -u)" | cut -d: -f6)}"
+
 say() {
   printf '%s: %s\n' "$(basename "$0")" "$*"
 }
