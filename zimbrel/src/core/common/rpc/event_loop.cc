@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "absl/log/log.h"
+
 #include "zimbrel/src/core/common/rpc/loop/epoll_set.h"
 #include "zimbrel/src/core/common/rpc/loop/inbox.h"
 #include "zimbrel/src/core/common/rpc/loop/signal_relay.h"
@@ -38,6 +40,8 @@ class EventLoop::State {
   }
 
   ~State() {
+    thread_.Check("~EventLoop");
+    if (depth_ > 0) LOG(FATAL) << "~EventLoop inside a task of the loop";
     inbox_->Close();
     signal_relays_.clear();
     // A task may own timers, watches and whole clients, and leave other tasks
@@ -246,32 +250,39 @@ std::size_t EventLoop::RunUntilIdle(absl::Duration max_time) {
 
 bool EventLoop::RunUntil(absl::AnyInvocable<bool()> done) {
   const State::RunScope scope(state_.get());
-  while (!done()) {
+  while (done == nullptr || !done()) {
     if (state_->inbox()->is_stopped()) return false;
     state_->WaitAndStep();
   }
   return true;
 }
 
-int EventLoop::descriptor() { return state_->Descriptor(); }
+int EventLoop::descriptor() {
+  CheckServiceThread("EventLoop::descriptor");
+  return state_->Descriptor();
+}
 
 void EventLoop::Post(Task task) { state_->Post(std::move(task)); }
 
 void EventLoop::RunBeforeWaiting(Task task) {
+  CheckServiceThread("EventLoop::RunBeforeWaiting");
   state_->RunBeforeWaiting(std::move(task));
 }
 
 std::unique_ptr<EventLoop::Timer> EventLoop::RunAfter(absl::Duration delay,
                                                       Task task) {
+  CheckServiceThread("EventLoop::RunAfter");
   return state_->RunAfter(delay, std::move(task));
 }
 
 absl::StatusOr<std::unique_ptr<EventLoop::Watch>> EventLoop::WatchDescriptor(
     OwnedDescriptor descriptor) {
+  CheckServiceThread("EventLoop::WatchDescriptor");
   return state_->set().Watch(std::move(descriptor));
 }
 
 void EventLoop::OnSignal(std::initializer_list<int> signal_numbers, Task task) {
+  CheckServiceThread("EventLoop::OnSignal");
   state_->OnSignal(signal_numbers, std::move(task));
 }
 
