@@ -153,7 +153,7 @@ class EventLoop::State {
       const SignalRelay& relay = signal_relays_.emplace_back(signal_number);
       absl::StatusOr<std::unique_ptr<Watch>> watch =
           set_.Watch(relay.Descriptor());
-      if (!watch.ok()) continue;  // A number that is no signal.
+      if (!watch.ok()) continue;  // Not the number of a signal.
       signal_watches_.push_back(*std::move(watch));
       signal_watches_.back()->WhenReadable([shared] {
         if (Task first = std::exchange(*shared, nullptr); first != nullptr)
