@@ -9,7 +9,7 @@
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
 
 class Door final : public building::Door {
-  // Asks the host whether it may.
+  // Asks the client that serves OnConfirm whether it may.
   void Open(google::protobuf::RpcController* controller,
             const BrowserId* request, google::protobuf::Empty*,
             google::protobuf::Closure* done) override {

@@ -130,7 +130,7 @@ class Session:
             expected = match[2].removeprefix("error:").removeprefix(" ")
             assert error.text == expected, f"{name}: {error}"
             return
-        # What the JSON of a wrapper is, such as `false`, is no object.
+        # The JSON of a wrapper message is a plain value such as `false`.
         assert json.dumps(json_format.MessageToDict(response)) == json.dumps(
             json_format.MessageToDict(json_format.Parse(match[2], response_type()))
         ), f"{name}: {response}"

@@ -88,7 +88,10 @@ LoopThread::RunScope::RunScope(LoopThread* thread)
       outer_(std::exchange(running, thread->loop_)) {
   if (!is_outermost_) return;
   const std::thread::id here = std::this_thread::get_id();
-  thread->runner_.store(here, std::memory_order_relaxed);
+  std::thread::id nobody;
+  if (!thread->runner_.compare_exchange_strong(nobody, here,
+                                               std::memory_order_relaxed))
+    LOG(FATAL) << "an EventLoop is run while another thread is running it";
   thread->last_runner_.store(here, std::memory_order_relaxed);
 }
 

@@ -1,11 +1,19 @@
 #include "zimbrel/src/core/common/rpc/current_loop.h"
 
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
 #include <latch>
+#include <memory>
 #include <thread>
 
+#include "absl/strings/str_cat.h"
+#include "absl/time/time.h"
 #include "gtest/gtest.h"
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/owned_descriptor.h"
 
 namespace orvane {
 namespace {
@@ -116,6 +124,111 @@ TEST(ServiceThreadCheckDeathTest, TellsTheLoopsOfOneThreadFromThoseOfAnother) {
                  loop.CheckServiceThread("Ringing");
                }).join(),
                "Ringing on a thread that is not the service thread");
+}
+
+// The loop's own operations ---------------------------------------------------
+
+class LoopOperationDeathTest : public ::testing::Test {
+ protected:
+  // Whether `operation` ends the process, by that name, on another thread.
+  template <typename Operation>
+  void ExpectRefused(const char* name, Operation operation) {
+    EXPECT_DEATH(std::thread(operation).join(),
+                 absl::StrCat(name, " on a thread that is not the service"));
+  }
+
+  std::unique_ptr<EventLoop::Watch> Watch() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::pipe(ends.data()), 0);
+    const OwnedDescriptor closed(ends[1]);
+    return *loop_.WatchDescriptor(OwnedDescriptor(ends[0]));
+  }
+
+  EventLoop loop_;
+};
+
+TEST_F(LoopOperationDeathTest, SettingATimerElsewhereIsFatal) {
+  ExpectRefused("EventLoop::RunAfter", [this] {
+    const auto timer = loop_.RunAfter(absl::Hours(1), [] {});
+  });
+}
+
+TEST_F(LoopOperationDeathTest, DroppingATimerElsewhereIsFatal) {
+  auto timer = loop_.RunAfter(absl::Hours(1), [] {});
+  ExpectRefused("EventLoop::Timer::~Timer", [&timer] { timer.reset(); });
+}
+
+TEST_F(LoopOperationDeathTest, ATimerThatHasRunMayBeDroppedAnywhere) {
+  auto timer = loop_.RunAfter(absl::ZeroDuration(), [] {});
+  EXPECT_EQ(loop_.RunUntilIdle(), 1u);
+  std::thread([&timer] { timer.reset(); }).join();
+}
+
+TEST_F(LoopOperationDeathTest, WatchingADescriptorElsewhereIsFatal) {
+  ExpectRefused("EventLoop::WatchDescriptor", [this] { Watch(); });
+}
+
+TEST_F(LoopOperationDeathTest, UsingAWatchElsewhereIsFatal) {
+  auto watch = Watch();
+  ExpectRefused("EventLoop::Watch::WhenReadable",
+                [&watch] { watch->WhenReadable([] {}); });
+  ExpectRefused("EventLoop::Watch::WhenWritable",
+                [&watch] { watch->WhenWritable([] {}); });
+  ExpectRefused("EventLoop::Watch::~Watch", [&watch] { watch.reset(); });
+}
+
+TEST_F(LoopOperationDeathTest, AskingForItsDescriptorElsewhereIsFatal) {
+  ExpectRefused("EventLoop::descriptor", [this] { loop_.descriptor(); });
+}
+
+TEST_F(LoopOperationDeathTest, AskingToRunBeforeWaitingElsewhereIsFatal) {
+  ExpectRefused("EventLoop::RunBeforeWaiting",
+                [this] { loop_.RunBeforeWaiting([] {}); });
+}
+
+TEST_F(LoopOperationDeathTest, TakingASignalElsewhereIsFatal) {
+  ExpectRefused("EventLoop::OnSignal",
+                [this] { loop_.OnSignal({SIGUSR1}, [] {}); });
+}
+
+// Runs a loop on a thread of its own until the process ends.
+std::thread RunElsewhere(EventLoop& loop) {
+  std::latch is_running(1);
+  std::thread runner([&] {
+    loop.Post([&] { is_running.count_down(); });
+    loop.Run();
+  });
+  is_running.wait();
+  return runner;
+}
+
+TEST_F(LoopOperationDeathTest, RunningItOnTwoThreadsIsFatal) {
+  EXPECT_DEATH(
+      {
+        const std::thread runner = RunElsewhere(loop_);
+        loop_.RunUntilIdle();
+      },
+      "an EventLoop is run while another thread is running it");
+}
+
+TEST_F(LoopOperationDeathTest, DestroyingItWhileAnotherThreadRunsItIsFatal) {
+  EXPECT_DEATH(
+      {
+        auto loop = std::make_unique<EventLoop>();
+        const std::thread runner = RunElsewhere(*loop);
+        loop.reset();
+      },
+      "~EventLoop on a thread that is not the service thread");
+}
+
+TEST_F(LoopOperationDeathTest, DestroyingItInsideItsTaskIsFatal) {
+  EXPECT_DEATH(
+      {
+        auto loop = std::make_unique<EventLoop>();
+        loop->Post([&loop] { loop.reset(); });
+        loop->RunUntilIdle();
+      },
+      "~EventLoop inside a task of the loop");
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "absl/log/log.h"
+
 #include "zimbrel/src/core/common/rpc/loop/epoll_set.h"
 #include "zimbrel/src/core/common/rpc/loop/inbox.h"
 #include "zimbrel/src/core/common/rpc/loop/signal_relay.h"
@@ -38,6 +40,8 @@ class EventLoop::State {
   }
 
   ~State() {
+    thread_.Check("~EventLoop");
+    if (depth_ > 0) LOG(FATAL) << "~EventLoop inside a task of the loop";
     inbox_->Close();
     signal_relays_.clear();
     // A task may own timers, watches and whole clients, and leave other tasks
@@ -88,12 +92,18 @@ class EventLoop::State {
     timers_.PostDue();
     inbox_->MoveTo(&queue_);
     until_look_ = queue_.size();
+    has_followed_ = false;
     return until_look_;
   }
 
   // Runs the next task, after a look at what else is ready once those that were
-  // there at the last look have run. False if there is none.
+  // there at the last look have run, and those that they have posted: most of
+  // the time these are all that there is, and a look is a system call. False if
+  // there is none.
   bool Step() {
+    if (until_look_ == 0 && !queue_.empty() &&
+        !std::exchange(has_followed_, true))
+      until_look_ = queue_.size();
     if (until_look_ == 0 && Collect() == 0) return false;
     --until_look_;
     if (Task task = queue_.Pop(); task != nullptr) std::move(task)();
@@ -149,7 +159,7 @@ class EventLoop::State {
       const SignalRelay& relay = signal_relays_.emplace_back(signal_number);
       absl::StatusOr<std::unique_ptr<Watch>> watch =
           set_.Watch(relay.Descriptor());
-      if (!watch.ok()) continue;  // A number that is no signal.
+      if (!watch.ok()) continue;  // Not the number of a signal.
       signal_watches_.push_back(*std::move(watch));
       signal_watches_.back()->WhenReadable([shared] {
         if (Task first = std::exchange(*shared, nullptr); first != nullptr)
@@ -180,29 +190,37 @@ class EventLoop::State {
   TaskQueue queue_;
   TaskQueue before_waiting_;
   std::size_t until_look_ = 0;  // Tasks before the next look.
-  int depth_ = 0;               // Runs that are nested in each other.
-  bool is_watched_ = false;     // From outside, by descriptor().
+  // Whether these are the ones that followed the tasks of the last look.
+  bool has_followed_ = false;
+  int depth_ = 0;            // Runs that are nested in each other.
+  bool is_watched_ = false;  // From outside, by descriptor().
   std::vector<SignalRelay> signal_relays_;
   std::vector<std::unique_ptr<Watch>> signal_watches_;
 };
 
 class EventLoop::State::RunScope {
  public:
-  explicit RunScope(State* state) : state_(state), scope_(&state->thread_) {
+  // Whether a Stop still holds once the outermost run has returned.
+  enum class Stop { kIsOver, kHolds };
+
+  explicit RunScope(State* state, Stop stop = Stop::kIsOver)
+      : state_(state), stop_(stop), scope_(&state->thread_) {
     // What this run posts comes after what was posted before it.
     if (state_->depth_++ == 0) state_->inbox_->MoveTo(&state_->queue_);
   }
   RunScope(const RunScope&) = delete;
   RunScope& operator=(const RunScope&) = delete;
   ~RunScope() {
-    if (state_->depth_ == 1) state_->RunWhatPrecedesWaiting();
+    if (state_->depth_ == 1) {
+      state_->RunWhatPrecedesWaiting();
+      if (stop_ == Stop::kIsOver) state_->inbox_->ForgetStop();
+    }
     if (--state_->depth_ == 0) state_->LeaveReadable();
   }
 
-  bool is_outermost() const { return state_->depth_ == 1; }
-
  private:
   State* const state_;
+  const Stop stop_;
   const LoopThread::RunScope scope_;
 };
 
@@ -214,7 +232,6 @@ EventLoop::~EventLoop() = default;
 void EventLoop::Run() {
   const State::RunScope scope(state_.get());
   while (!state_->inbox()->is_stopped()) state_->WaitAndStep();
-  if (scope.is_outermost()) state_->inbox()->ForgetStop();
 }
 
 void EventLoop::Stop() { state_->inbox()->Stop(); }
@@ -228,7 +245,6 @@ std::size_t EventLoop::RunReady(absl::Duration max_time) {
     ++steps;
     if (absl::FromChrono(steady_clock::now() - begun) >= max_time) break;
   }
-  if (scope.is_outermost()) state_->inbox()->ForgetStop();
   return steps;
 }
 
@@ -240,38 +256,44 @@ std::size_t EventLoop::RunUntilIdle(absl::Duration max_time) {
     ++steps;
     if (absl::FromChrono(steady_clock::now() - begun) >= max_time) break;
   }
-  if (scope.is_outermost()) state_->inbox()->ForgetStop();
   return steps;
 }
 
 bool EventLoop::RunUntil(absl::AnyInvocable<bool()> done) {
-  const State::RunScope scope(state_.get());
-  while (!done()) {
+  const State::RunScope scope(state_.get(), State::RunScope::Stop::kHolds);
+  while (done == nullptr || !done()) {
     if (state_->inbox()->is_stopped()) return false;
     state_->WaitAndStep();
   }
   return true;
 }
 
-int EventLoop::descriptor() { return state_->Descriptor(); }
+int EventLoop::descriptor() {
+  CheckServiceThread("EventLoop::descriptor");
+  return state_->Descriptor();
+}
 
 void EventLoop::Post(Task task) { state_->Post(std::move(task)); }
 
 void EventLoop::RunBeforeWaiting(Task task) {
+  CheckServiceThread("EventLoop::RunBeforeWaiting");
   state_->RunBeforeWaiting(std::move(task));
 }
 
 std::unique_ptr<EventLoop::Timer> EventLoop::RunAfter(absl::Duration delay,
                                                       Task task) {
+  CheckServiceThread("EventLoop::RunAfter");
   return state_->RunAfter(delay, std::move(task));
 }
 
 absl::StatusOr<std::unique_ptr<EventLoop::Watch>> EventLoop::WatchDescriptor(
     OwnedDescriptor descriptor) {
+  CheckServiceThread("EventLoop::WatchDescriptor");
   return state_->set().Watch(std::move(descriptor));
 }
 
 void EventLoop::OnSignal(std::initializer_list<int> signal_numbers, Task task) {
+  CheckServiceThread("EventLoop::OnSignal");
   state_->OnSignal(signal_numbers, std::move(task));
 }
 

@@ -56,13 +56,15 @@ struct EventLoopOptions {
 // task that called it goes on when it returns, so a task that waits delays
 // those that are nested around it.
 //
-// Thread: Post and Stop from any, the rest from the service thread. While
-// nobody runs the loop, that is the thread that ran it last and the one that
-// made it, so that the maker may set up what belongs to the loop and, once
-// another thread has run it, take it down. Lifetime: the loop
-// outlives everything that was given a pointer to it, and its timers and
-// watches, except for what its own tasks own. Its destructor destroys all tasks
-// unrun, those of timers and watches too, and what these leave behind.
+// Thread: Post, Stop and mailbox from any, the rest from the service thread;
+// elsewhere it ends the process with a fatal log entry. While nobody runs the
+// loop, the service thread is the thread that ran it last and the one that made
+// it, so that the maker may set up what belongs to the loop and, once another
+// thread has run it, take it down; and any thread may begin to run it.
+// Lifetime: the loop outlives everything that was given a pointer to it, and
+// its timers and watches, except for what its own tasks own. Its destructor,
+// which may not be called inside a task, destroys all tasks unrun, those of
+// timers and watches too, and what these leave behind.
 //
 // A child process made by fork shares the loop's descriptors. It must not touch
 // the loop, or anything that uses it, and must leave by exec or _exit.
@@ -108,7 +110,8 @@ class EventLoop {
   void Run();
 
   // Makes Run return after the task in progress, and everything that runs
-  // nested. Does not wait for it.
+  // nested. Does not wait for it. Not for signal handlers, since it locks a
+  // mutex: see OnSignal.
   void Stop();
 
   // Runs what is ready when it is called, without waiting, and stops before the
@@ -123,8 +126,8 @@ class EventLoop {
   std::size_t RunUntilIdle(absl::Duration max_time = absl::Seconds(10));
 
   // Works until `done` holds, waiting where need be; looked at after each task.
-  // False if Stop came first, which also later calls return until Run or
-  // RunReady has.
+  // An empty one never holds. False if Stop came first, which also later calls
+  // return until Run or RunReady has.
   bool RunUntil(absl::AnyInvocable<bool()> done);
 
   // Readable while there is work: a task that was posted on whatever thread, a

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <semaphore>
 #include <thread>
@@ -328,10 +329,25 @@ TEST(EventLoop, ManyTimersOfOneTimeRunInOrderEachAsAStepOfItsOwn) {
     timers.push_back(
         loop.RunAfter(absl::ZeroDuration(), [&ran, i] { ran.push_back(i); }));
   }
-  EXPECT_EQ(loop.RunReady(), 1u);
+  EXPECT_EQ(loop.RunReady(absl::ZeroDuration()), 1u);
   EXPECT_THAT(ran, ElementsAre(0));
-  DriveUntil(loop, [&ran] { return ran.size() == kTimers; });
+  EXPECT_EQ(loop.RunReady(), static_cast<std::size_t>(kTimers - 1));
+  EXPECT_EQ(ran.size(), static_cast<std::size_t>(kTimers));
   EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+}
+
+TEST(RunReady, LeavesATimerThatATimerHasSet) {
+  EventLoop loop;
+  int ran = 0;
+  std::unique_ptr<EventLoop::Timer> timer;
+  std::function<void()> again = [&] {
+    ++ran;
+    timer = loop.RunAfter(absl::ZeroDuration(), [&again] { again(); });
+  };
+  timer = loop.RunAfter(absl::ZeroDuration(), [&again] { again(); });
+  EXPECT_EQ(loop.RunReady(), 1u);
+  EXPECT_EQ(ran, 1);
+  EXPECT_TRUE(IsReadable(loop));
 }
 
 // Threads --------------------------------------------------------------------

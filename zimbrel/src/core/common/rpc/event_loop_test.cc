@@ -87,6 +87,17 @@ TEST(EventLoop, RunUntilInsideATaskRunsTheOthers) {
   EXPECT_TRUE(loop.RunUntil([&] { return outer; }));
 }
 
+TEST(EventLoop, RunUntilWithoutAConditionRunsUntilTheLoopIsStopped) {
+  EventLoop loop;
+  bool ran = false;
+  loop.Post([&loop, &ran] {
+    ran = true;
+    loop.Stop();
+  });
+  EXPECT_FALSE(loop.RunUntil(nullptr));
+  EXPECT_TRUE(ran);
+}
+
 TEST(EventLoop, RunUntilGivesUpWhenTheLoopIsStopped) {
   EventLoop loop;
   loop.Post([&] { loop.Stop(); });

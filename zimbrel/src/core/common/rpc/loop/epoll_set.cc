@@ -47,12 +47,14 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
   // The destructor of the task that is replaced may use this object, or drop
   // the handle of it.
   void WhenReadable(Task task) {
+    set_->loop_->CheckServiceThread("EventLoop::Watch::WhenReadable");
     const auto self = shared_from_this();
     const Task replaced = std::exchange(input_.task, std::move(task));
     if (input_.is_ready) Post<&Watched::input_>();
   }
 
   void WhenWritable(Task task) {
+    set_->loop_->CheckServiceThread("EventLoop::Watch::WhenWritable");
     const auto self = shared_from_this();
     const Task replaced = std::exchange(output_.task, std::move(task));
     SetAwaitingOutput(output_.task != nullptr);
@@ -73,6 +75,7 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
   // Closing twice is harmless.
   void Close() {
     if (descriptor_.get() < 0) return;
+    set_->loop_->CheckServiceThread("EventLoop::Watch::~Watch");
     set_->watched_.erase(this);
     // Closing alone is not enough: a child process may have the same socket.
     Control(EPOLL_CTL_DEL, 0);

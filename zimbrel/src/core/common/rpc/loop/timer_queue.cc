@@ -34,12 +34,13 @@ std::int64_t TimeAfter(absl::Duration delay) {
 
 class TimerQueue::Handle final : public EventLoop::Timer {
  public:
-  explicit Handle(Entries* entries) : entries_(entries) {}
+  explicit Handle(TimerQueue* queue) : queue_(queue) {}
 
   ~Handle() override {
     if (!is_waiting_) return;
+    queue_->loop_->CheckServiceThread("EventLoop::Timer::~Timer");
     // Removed from the table first: the task's destructor may use it.
-    const Entries::node_type dropped = entries_->extract(place_);
+    const Entries::node_type dropped = queue_->entries_.extract(place_);
   }
 
   void Wait(Entries::iterator place) {
@@ -49,7 +50,7 @@ class TimerQueue::Handle final : public EventLoop::Timer {
   void Taken() { is_waiting_ = false; }
 
  private:
-  Entries* const entries_;
+  TimerQueue* const queue_;
   Entries::iterator place_;
   bool is_waiting_ = false;
 };
@@ -64,7 +65,7 @@ TimerQueue::TimerQueue(EventLoop* loop)
 
 std::unique_ptr<EventLoop::Timer> TimerQueue::Add(absl::Duration delay,
                                                   Task task) {
-  auto handle = std::make_unique<Handle>(&entries_);
+  auto handle = std::make_unique<Handle>(this);
   handle->Wait(
       entries_.emplace(TimeAfter(delay), Entry{std::move(task), handle.get()}));
   return handle;
@@ -84,17 +85,20 @@ bool TimerQueue::IsDue() const {
 }
 
 void TimerQueue::PostDue() {
-  if (is_posted_ || !IsDue()) return;
-  is_posted_ = true;
-  loop_->Post([this] { RunNext(); });
+  if (posted_ > 0 || entries_.empty()) return;
+  const std::int64_t now = Now();
+  for (auto due = entries_.begin(); due != entries_.end() && due->first <= now;
+       ++due) {
+    ++posted_;
+    loop_->Post([this] { RunNext(); });
+  }
 }
 
 void TimerQueue::RunNext() {
-  is_posted_ = false;
+  --posted_;
   if (!IsDue()) return;  // The timer was dropped meanwhile.
   Entries::node_type node = entries_.extract(entries_.begin());
   node.mapped().handle->Taken();
-  PostDue();
   if (node.mapped().task != nullptr) std::move(node.mapped().task)();
 }
 

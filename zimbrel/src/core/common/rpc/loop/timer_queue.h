@@ -27,8 +27,8 @@ class TimerQueue {
 
   std::unique_ptr<EventLoop::Timer> Add(absl::Duration delay, Task task);
 
-  // If a timer is due, posts a task that runs the earliest one and posts the
-  // next, so that timers take turns with other tasks.
+  // Posts a task for each timer that is due, unless some of the last ones are
+  // still waiting. Each runs the earliest timer that is due by then.
   void PostDue();
 
   // Makes descriptor() become readable when the earliest timer is due, which an
@@ -55,7 +55,7 @@ class TimerQueue {
   const OwnedDescriptor alarm_;
   Entries entries_;
   std::int64_t alarm_time_;  // kNever if no alarm is set.
-  bool is_posted_ = false;   // Whether RunNext is.
+  int posted_ = 0;           // Tasks that have not run yet.
 };
 
 }  // namespace orvane::internal

@@ -4,6 +4,7 @@
 #define ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_SDL_EVENTS_H_
 
 #include <SDL_events.h>
+#include <SDL_thread.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 
@@ -43,8 +44,10 @@ class SdlEvents {
         max_time_(max_time),
         type_(SDL_RegisterEvents(1)),
         end_(::eventfd(0, EFD_CLOEXEC)),
-        waiter_([this, descriptor = loop->descriptor()] { Wait(descriptor); }) {
-  }
+        waiter_([this, descriptor = loop->descriptor()] {
+          Wait(descriptor);
+          SDL_TLSCleanup();  // SDL does so only in threads that it has made.
+        }) {}
   SdlEvents(const SdlEvents&) = delete;
   SdlEvents& operator=(const SdlEvents&) = delete;
 

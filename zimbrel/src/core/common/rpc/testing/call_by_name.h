@@ -1,4 +1,4 @@
-// Calls as tests make them.
+// For tests: calls of methods by their names.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_CALL_BY_NAME_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_CALL_BY_NAME_H_

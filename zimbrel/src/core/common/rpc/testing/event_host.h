@@ -1,5 +1,5 @@
-// For tests: the host's end of an event stream, and the driver of the widget's
-// end, in one process and without a transport.
+// For tests: the client's end of an event stream, which also delivers what the
+// client sends to the server's end, without a transport.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_EVENT_HOST_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_EVENT_HOST_H_
@@ -82,10 +82,10 @@ class EventHost {
     stream()->OnNext(&frame);
   }
 
-  // Ends the stream. It stays as long as its transport likes.
+  // Ends the stream without destroying it.
   void Complete() { stream()->OnCompleted(); }
 
-  // Destroys the stream as it is. Does nothing if there is none.
+  // Destroys the stream without ending it, if it is open.
   void Vanish() {
     if (!is_open_) return;
     is_open_ = false;
@@ -94,7 +94,7 @@ class EventHost {
     Lock();
   }
 
-  // Leaves in good order.
+  // Ends the stream and destroys it.
   void Leave() {
     Complete();
     Vanish();
@@ -102,7 +102,7 @@ class EventHost {
 
   bool is_open() const { return is_open_; }
 
-  // Where the stream is, or was.
+  // The address of the stream, also after it was destroyed.
   Stream* stream() { return reinterpret_cast<Stream*>(memory_.data()); }
 
   std::vector<std::string> received;  // Payloads.
@@ -135,8 +135,8 @@ class EventHost {
     EventHost* const host_;
   };
 
-  // Without the address sanitizer, touching the memory still crashes: whatever
-  // is read from it is no pointer.
+  // Without the address sanitizer, using the memory still crashes, since the
+  // bytes in it are not valid pointers.
   void Lock() {
     std::memset(memory_.data(), 0xDB, memory_.size());
     ASAN_POISON_MEMORY_REGION(memory_.data(), memory_.size());

@@ -1,6 +1,5 @@
-// For tests: a system whose sockets move few bytes at a time and are
-// interrupted. What links this has it in place of the C library's recv and
-// send.
+// For tests: replaces the C library's recv, send and accept4 by ones that can
+// be made to take few bytes at a time and to fail.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_FAULTY_SOCKETS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_FAULTY_SOCKETS_H_
@@ -11,29 +10,30 @@
 namespace orvane::testing {
 
 struct SocketFaults {
-  // What one send takes at the most. The next one then finds no room, so that
+  // The most that one send takes. The next one then fails with EAGAIN, so that
   // these bytes arrive by themselves.
   std::size_t max_bytes = static_cast<std::size_t>(-1);
 
-  // Every so-many-th call fails with EINTR; 0: none.
+  // If this is n, every n-th call fails with EINTR; 0: none does.
   int interrupt_every = 0;
 
-  // So many sends fail with `send_error`.
+  // How many of the next sends fail with `send_error`.
   int failing_sends = 0;
   int send_error = 0;
 
-  // So many times accept fails with EMFILE, as if no descriptor were left. The
-  // sanitizers need some, so they cannot be used up in earnest.
+  // How many of the next accepts fail with EMFILE, as if no descriptor were
+  // left. A test cannot really use them up, since the sanitizers need some.
   int failing_accepts = 0;
 };
 
 // From now on, for all sockets of the process.
 void SetSocketFaults(const SocketFaults& faults);
 
-// How many calls have failed so since faults were set.
+// How many calls have failed with EINTR since faults were set.
 int InterruptedCalls();
 
-// Collects what is sent on a descriptor from now on, until it is asked for.
+// Record collects what is sent on a descriptor from then on; Recorded returns
+// it and stops.
 void Record(int descriptor);
 std::string Recorded(int descriptor);
 

@@ -1,4 +1,4 @@
-// For tests: a process to be killed.
+// For tests: a process that can be stopped and killed.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_FORKED_PROCESS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_FORKED_PROCESS_H_
@@ -14,8 +14,8 @@
 namespace orvane::testing {
 
 // A copy of the test's process that does one thing instead of the test. It has
-// copies of all descriptors, which close when it dies, and no threads. To be
-// made while the test has none either.
+// copies of all descriptors, which close when it dies, and no threads. Make it
+// before the test starts threads.
 class ForkedProcess {
  public:
   explicit ForkedProcess(const std::function<void()>& body) : pid_(::fork()) {
@@ -35,7 +35,7 @@ class ForkedProcess {
     return WIFSTOPPED(status);
   }
 
-  // Kills it, and returns when it is dead: true if this is what it died of.
+  // Kills it and waits until it is dead. True if it died of that.
   bool Kill() {
     if (pid_ <= 0) return false;
     ::kill(pid_, SIGKILL);

@@ -14,8 +14,8 @@ namespace orvane::testing::heap_probe {
 std::size_t Allocations();
 std::size_t LiveBlocks();
 
-// Waits for `block`, the address of one that is alive, to be freed. At most 16
-// at a time. Thread: one at a time, as with the rest.
+// Notes when `block`, the address of one that is alive, is freed. At most 16
+// blocks at a time. Thread: one at a time.
 void Watch(const void* block);
 
 // The watched blocks that have been freed since the last call, in that order.

@@ -1,5 +1,5 @@
-// For tests: the host's end of a callback stream, and the driver of the
-// widget's end, in one process and without a transport.
+// For tests: the client's end of a callback stream, which also delivers what
+// the client sends to the server's end, without a transport.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_SCRIPTED_HOST_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_SCRIPTED_HOST_H_
@@ -27,16 +27,15 @@
 
 namespace orvane::testing {
 
-// What the widget sent.
+// A call that the server has sent.
 template <CallMessage T>
 struct SentCall {
   std::int64_t id;
   T message;
 };
 
-// One open stream of T's method. The host does what its operations say; the
-// driver delivers it to the widget at once, as a correct transport would, and
-// destroys the stream inside Complete(), as a transport may.
+// A client with one open stream of T's method. What it sends reaches the
+// server's end at once, and Complete() destroys the stream, as a transport may.
 template <CallMessage T>
 class ScriptedHost {
  public:
@@ -72,7 +71,7 @@ class ScriptedHost {
     Send(message, call_id);
   }
 
-  // The failure of one call: nothing but the browser and the id.
+  // Fails one call: sends only the browser and the call's id.
   void Fail(const BrowserId& browser, std::int64_t call_id) {
     T message;
     *message.mutable_browser_id() = browser;
@@ -91,11 +90,11 @@ class ScriptedHost {
     stream_->OnError(&frame);
   }
 
-  // Ends the stream in good order.
+  // Ends the stream.
   void End() { stream_->OnCompleted(); }
 
-  // Destroys the stream without a word to it, and frees the keys of its pending
-  // calls, which a stream leaves behind then. Returns how many those were.
+  // Destroys the stream without ending it. A stream then leaves the keys of its
+  // pending calls behind: frees them and returns how many there were.
   std::size_t Vanish() {
     std::vector<std::unique_ptr<const google::protobuf::Message>> left;
     for (const auto& [key, calls] : stream_->pending_calls_)
@@ -111,7 +110,7 @@ class ScriptedHost {
 
   // What sending to this host results in from now on; only OK delivers.
   absl::Status send_result;
-  // Runs when the widget completes the stream, just before it is destroyed.
+  // Runs when the server completes the stream, just before it is destroyed.
   std::function<void()> on_complete = [] {};
 
  private:

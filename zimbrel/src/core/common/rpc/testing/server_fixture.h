@@ -91,7 +91,7 @@ class ServerFixture : public ::testing::Test {
     client->Receive();
   }
 
-  // The words of the only frame that the client has received, an error.
+  // The only frame that the client has received, an error: "stream/code: text".
   static std::string OnlyError(const RawPeer& client) {
     if (client.frames.size() != 1)
       return std::to_string(client.frames.size()) + " frames";
@@ -102,7 +102,7 @@ class ServerFixture : public ::testing::Test {
            std::to_string(frame.error_code()) + ": " + frame.error_text();
   }
 
-  // Proof of life: a fresh client is served.
+  // Checks that a new client is served.
   void ExpectServerLives() {
     RawPeer client = ConnectRaw(*server);
     client.Send(CallFrame(1, kShow, 4711));

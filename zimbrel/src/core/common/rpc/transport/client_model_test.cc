@@ -249,9 +249,10 @@ class ClientModel final : public rpc::BrowserWidgetRpc {
   void WaitForATask() {
     if (depth_ >= kMaxDepth) return;
     if (tasks_.empty()) {
+      const bool is_outermost = !loop_.IsRunningHere();
       loop_.RunReady();
       // Only the outermost run forgets that it was stopped.
-      if (depth_ == 1 && !is_running_) is_stopped_ = false;
+      if (is_outermost) is_stopped_ = false;
       return;
     }
     const int id = *Any(tasks_);
@@ -267,7 +268,6 @@ class ClientModel final : public rpc::BrowserWidgetRpc {
   }
 
   void RunTheLoop() {
-    is_running_ = true;
     switch (Upto(3)) {
       case 0:
         loop_.RunReady();
@@ -280,7 +280,6 @@ class ClientModel final : public rpc::BrowserWidgetRpc {
         loop_.Run();
         break;
     }
-    is_running_ = false;
     is_stopped_ = false;
   }
 
@@ -538,7 +537,10 @@ class ClientModel final : public rpc::BrowserWidgetRpc {
                            shutdowns_ == 0 && asked_ == asked_ended_);
     };
     // A task may still stop it, which is forgotten each time.
-    while (!loop_.RunUntil(is_over)) loop_.RunUntilIdle();
+    while (!loop_.RunUntil(is_over)) {
+      loop_.RunUntilIdle();
+      is_stopped_ = false;
+    }
     loop_.RunUntilIdle();
   }
 
@@ -553,9 +555,8 @@ class ClientModel final : public rpc::BrowserWidgetRpc {
   std::mt19937 random_;
   EventLoop loop_;
   int left_ = kActions;
-  int depth_ = 0;            // Actions inside of each other.
-  int ran_ = 0;              // Tasks, callbacks and handlers that act.
-  bool is_running_ = false;  // The outermost run is RunTheLoop's.
+  int depth_ = 0;  // Actions inside of each other.
+  int ran_ = 0;    // Tasks, callbacks and handlers that act.
   bool is_stopped_ = false;
   bool has_hung_ = false;
 

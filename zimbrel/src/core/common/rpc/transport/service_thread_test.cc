@@ -170,7 +170,26 @@ TEST_F(ServiceThreadDeathTest, ConnectingElsewhereIsFatal) {
                      .status()
                      .IgnoreError();
                }),
-               Refused("SocketClient::Adopt, or Connect,"));
+               Refused("SocketClient::Adopt"));
+}
+
+TEST_F(ServiceThreadDeathTest, ConnectingElsewhereIsFatalThoughNobodyListens) {
+  EXPECT_DEATH(
+      OnAnotherThread([this] {
+        SocketClient::Connect(&loop, "/nowhere").status().IgnoreError();
+      }),
+      Refused("SocketClient::Connect"));
+}
+
+TEST_F(ServiceThreadDeathTest, AskingForTheServersLimitsElsewhereIsFatal) {
+  EXPECT_DEATH(OnAnotherThread([this] { connection->server_limits(); }),
+               Refused("SocketClient::server_limits"));
+}
+
+TEST_F(ServiceThreadDeathTest, MakingAServerElsewhereIsFatal) {
+  EXPECT_DEATH(
+      OnAnotherThread([this] { const SocketServer other(&loop, &widget); }),
+      Refused("SocketServer"));
 }
 
 TEST_F(ServiceThreadDeathTest, EndingAServerElsewhereIsFatal) {

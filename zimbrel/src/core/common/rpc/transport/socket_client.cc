@@ -61,6 +61,7 @@ std::shared_ptr<ClientCall> MakeCall(const MethodDescriptor& method,
 
 absl::StatusOr<std::unique_ptr<SocketClient>> SocketClient::Connect(
     EventLoop* loop, const std::string& path, ClientOptions options) {
+  loop->CheckServiceThread("SocketClient::Connect");
   absl::StatusOr<OwnedDescriptor> descriptor = ConnectTo(path);
   if (!descriptor.ok()) return descriptor.status();
   return Adopt(loop, descriptor->Release(), options);
@@ -68,7 +69,7 @@ absl::StatusOr<std::unique_ptr<SocketClient>> SocketClient::Connect(
 
 absl::StatusOr<std::unique_ptr<SocketClient>> SocketClient::Adopt(
     EventLoop* loop, int descriptor, ClientOptions options) {
-  loop->CheckServiceThread("SocketClient::Adopt, or Connect,");
+  loop->CheckServiceThread("SocketClient::Adopt");
   OwnedDescriptor owned(descriptor);
   if (absl::Status status = CheckPeerIsThisUser(descriptor); !status.ok())
     return status;

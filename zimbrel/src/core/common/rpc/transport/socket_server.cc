@@ -27,7 +27,9 @@ class SocketServer::Impl {
       : loop_(loop),
         service_(service),
         limits_(limits),
-        budget_(ClientBudget::MakeTotal(limits)) {}
+        budget_(ClientBudget::MakeTotal(limits)) {
+    loop->CheckServiceThread("SocketServer");
+  }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 

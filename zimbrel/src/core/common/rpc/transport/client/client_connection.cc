@@ -266,6 +266,7 @@ void ClientConnection::OnHello(std::string_view payload) {
 }
 
 const Limits& ClientConnection::server_limits() const {
+  loop_->CheckServiceThread("SocketClient::server_limits");
   return server_hello_.has_value() ? server_hello_->limits()
                                    : Limits::default_instance();
 }

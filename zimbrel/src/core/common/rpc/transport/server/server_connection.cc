@@ -62,7 +62,8 @@ StreamMessage ErrorFrame(std::uint64_t id, const absl::Status& why) {
   return error;
 }
 
-// A greater number is no limit to whoever reads it.
+// The limits in a hello are 32-bit numbers; one that is greater is sent as the
+// greatest.
 std::uint32_t ToUint32(std::size_t number) {
   return static_cast<std::uint32_t>(
       std::min<std::size_t>(number, std::numeric_limits<std::uint32_t>::max()));
