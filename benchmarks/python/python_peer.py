@@ -2,11 +2,11 @@
 """A host in Python, over our client or gRPC's, and the C++ server of that stack.
 
   python_peer.py FIGURE --server PROGRAM [--server-interface NAME]
-      --interface orvane|grpc|grpc-aio --in-flight N --pin same|across --duration-ms N
+      --interface orvane|grpc|grpc-aio --in-flight N --pin same|across
+      --duration-ms N --warm-up-ms N
 
 FIGURE is unary or events. Prints one line of JSON, as the programs in C++ do
-(../transport/measure.h). scripts/benchmark puts it beside the modules that it
-imports.
+(../transport/measure.h). `stage` puts it beside the modules that it imports.
 """
 
 import argparse
@@ -30,17 +30,15 @@ from orvane.rpc.event_subscription_pb2 import EventSubscription
 BURST = 256
 BURSTS_IN_FLIGHT = 8
 
-# Before anything is measured, so that caches are warm.
-WARM_UP_NS = 1_000_000_000
 START_LIMIT_S = 30
 
 
 class Meter:
     """Counts operations once it is warm, until the duration is over."""
 
-    def __init__(self, duration_ms: int) -> None:
+    def __init__(self, warm_up_ms: int, duration_ms: int) -> None:
         self._duration_ns = duration_ms * 1_000_000
-        self._warm_at = time.perf_counter_ns() + WARM_UP_NS
+        self._warm_at = time.perf_counter_ns() + warm_up_ms * 1_000_000
         self._begun = 0  # Once it is warm.
         self._operations = 0
         self._times: list[int] = []
@@ -212,6 +210,8 @@ def main() -> None:
     parser.add_argument("--in-flight", type=int, default=1)
     parser.add_argument("--pin", choices=("same", "across"), default="same")
     parser.add_argument("--duration-ms", type=int, default=300)
+    # Before anything is measured, so that caches are warm.
+    parser.add_argument("--warm-up-ms", type=int, default=1000)
     options = parser.parse_args()
 
     cores = sorted(os.sched_getaffinity(0))
@@ -229,7 +229,7 @@ def main() -> None:
                 if server.poll() is not None or time.monotonic() > until:
                     sys.exit("the server does not listen")
                 time.sleep(0.01)
-            meter = Meter(options.duration_ms)
+            meter = Meter(options.warm_up_ms, options.duration_ms)
             INTERFACES[options.interface](options, path, meter)
         finally:
             server.kill()

@@ -3,11 +3,11 @@
 // that stack.
 //
 //   typescript_peer.js FIGURE --server PROGRAM --server-interface NAME
-//       --interface orvane|grpc --in-flight N --pin same|across --duration-ms N
+//       --interface orvane|grpc --in-flight N --pin same|across
+//       --duration-ms N --warm-up-ms N
 //
 // FIGURE is unary or events. Prints one line of JSON, as the programs in C++ do
-// (../transport/measure.h). scripts/benchmark puts it beside the modules that it
-// imports.
+// (../transport/measure.h). `stage` puts it beside the modules that it imports.
 
 import { execFileSync, spawn } from 'node:child_process';
 import { once } from 'node:events';
@@ -27,20 +27,19 @@ import { PayloadSchema, PeerRpc } from './benchmarks/transport/peer_pb.js';
 const BURST = 256;
 const BURSTS_IN_FLIGHT = 8;
 
-// Before anything is measured: the compiler of Node.js takes its time.
-const WARM_UP_MS = 3000;
 const START_LIMIT_MS = 30_000;
 
 /** Counts operations once it is warm, until the duration is over. */
 class Meter {
-  #warmAt = performance.now() + WARM_UP_MS;
+  #warmAt;
   #begun = 0; // Once it is warm.
   #ended = 0;
   #operations = 0;
   #times = [];
   isDone = false;
 
-  constructor(durationMs) {
+  constructor(warmUpMs, durationMs) {
+    this.#warmAt = performance.now() + warmUpMs;
     this.durationMs = durationMs;
   }
 
@@ -166,6 +165,8 @@ const { positionals, values } = parseArgs({
     'in-flight': { type: 'string', default: '1' },
     pin: { type: 'string', default: 'same' },
     'duration-ms': { type: 'string', default: '300' },
+    // Before anything is measured: the compiler of Node.js takes its time.
+    'warm-up-ms': { type: 'string', default: '3000' },
   },
 });
 const [figure] = positionals;
@@ -185,7 +186,7 @@ try {
     if (server.exitCode !== null || performance.now() > until) throw new Error('the server does not listen');
     await sleep(10);
   }
-  const meter = new Meter(Number(values['duration-ms']));
+  const meter = new Meter(Number(values['warm-up-ms']), Number(values['duration-ms']));
   const run = values.interface === 'grpc' ? runGrpc : runOrvane;
   await run(figure, Number(values['in-flight']), path, meter);
   console.log(JSON.stringify(meter.results()));

@@ -2,11 +2,14 @@
 
 import asyncio
 import gc
+import math
 import socket
 import sys
 import unittest
 from collections.abc import AsyncIterator
 from contextlib import asynccontextmanager
+from typing import Any
+from unittest import mock
 
 from scripted import bytes_of_frame
 
@@ -17,6 +20,7 @@ from orvane.rpc.browser.browser_id_pb2 import BrowserId
 from orvane.rpc.browser.browser_widget_client import BrowserWidgetRpcClient
 from orvane.rpc.browser.cursor_pb2 import CursorChanged
 from orvane.rpc.browser.focus_pb2 import TakeFocus, TakeFocusCall, TakeFocusResponse
+from orvane.rpc.browser.keyboard_pb2 import KeyTypeRequest
 from orvane.rpc.browser.tooltip_pb2 import TooltipChanged
 from orvane.rpc.transport.stream_message_pb2 import Hello, StreamMessage
 
@@ -72,6 +76,19 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
         )
         await settled
 
+    async def settle_as_first(
+        self, connection: orvane.Connection, widget: Widget
+    ) -> None:
+        """Nothing has been sent that the widget has not seen yet."""
+        settled = asyncio.create_task(connection.settle())
+        opened = await widget.frame()
+        self.assertEqual(opened.kind, StreamMessage.KIND_OPEN)
+        self.assertEqual((await widget.frame()).kind, StreamMessage.KIND_COMPLETE)
+        await widget.send(
+            kind=StreamMessage.KIND_COMPLETE, stream_id=opened.stream_id
+        )
+        await settled
+
     async def test_a_cancelled_task_gives_up_its_call(self) -> None:
         async with self.connected() as (client, _, widget):
             call = asyncio.create_task(client.show(BROWSER))
@@ -91,6 +108,49 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
             await widget.frame()
             frame = await widget.frame()
             self.assertEqual(frame.kind, StreamMessage.KIND_CANCEL)
+
+    async def test_an_infinite_timeout_is_none(self) -> None:
+        async with self.connected() as (client, connection, widget):
+            with mock.patch.object(connection.loop, "call_later") as call_later:
+                call = asyncio.create_task(client.show(BROWSER, timeout=math.inf))
+                sent = await widget.frame()
+                call_later.assert_not_called()
+            await widget.send(
+                kind=StreamMessage.KIND_REPLY, stream_id=sent.stream_id
+            )
+            await call
+
+    async def test_a_timeout_of_0_or_less_has_passed(self) -> None:
+        async with self.connected() as (client, connection, widget):
+            for timeout in (0, -1, -math.inf):
+                with self.assertRaises(RpcError) as raised:
+                    await client.show(BROWSER, timeout=timeout)
+                self.assertEqual(raised.exception.code, Code.DEADLINE_EXCEEDED)
+            await self.settle_as_first(connection, widget)
+
+    async def test_a_timeout_is_a_number(self) -> None:
+        async with self.connected() as (client, connection, widget):
+            with self.assertRaisesRegex(ValueError, "timeout is not a number"):
+                await client.show(BROWSER, timeout=math.nan)
+            await self.settle_as_first(connection, widget)
+
+    async def test_a_request_of_another_type_is_not_sent(self) -> None:
+        async def handler(call: TakeFocusCall) -> TakeFocusResponse:
+            return TakeFocusResponse()
+
+        wrong: Any = TooltipChanged()
+        async with self.connected() as (client, connection, widget):
+            with self.assertRaisesRegex(
+                TypeError, "Show takes BrowserId, not rpc.TooltipChanged"
+            ):
+                await client.show(wrong)
+            with self.assertRaisesRegex(TypeError, "Show takes BrowserId, not NoneType"):
+                await client.show(None)  # type: ignore[arg-type]
+            with self.assertRaisesRegex(TypeError, "WhenTooltipChanged takes BrowserId"):
+                client.when_tooltip_changed(wrong)
+            with self.assertRaisesRegex(TypeError, "OnTakeFocus takes BrowserId"):
+                client.on_take_focus(wrong, handler)
+            await self.settle_as_first(connection, widget)
 
     async def test_the_end_of_the_connection_ends_all_with_its_reason(self) -> None:
         async with self.connected() as (client, connection, widget):
@@ -118,6 +178,19 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
             self.assertEqual(await anext(events), event)
             with self.assertRaises(RpcError):
                 await anext(events)
+
+    async def test_only_one_task_waits_for_events(self) -> None:
+        async with self.connected() as (client, _, widget):
+            events = client.when_tooltip_changed(BROWSER)
+            opened = await widget.frame()
+            first = asyncio.create_task(events.__anext__())
+            await asyncio.sleep(0)  # It waits.
+            with self.assertRaisesRegex(RuntimeError, "two tasks read"):
+                await anext(events)
+            await widget.send(
+                kind=StreamMessage.KIND_NEXT, stream_id=opened.stream_id
+            )
+            self.assertEqual(await first, TooltipChanged())
 
     async def test_unread_events_are_bounded(self) -> None:
         options = orvane.Options(max_unread_event_bytes=1000)
@@ -156,12 +229,10 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
 
     async def test_what_the_widget_does_not_read_is_bounded(self) -> None:
         options = orvane.Options(max_queued_bytes=100_000)
-        request = TooltipChanged(text="x" * 10_000)
-        async with self.connected(options) as (client, connection, _):
-            method = client.SERVICE.methods[0]
+        request = KeyTypeRequest(text="x" * 10_000)
+        async with self.connected(options) as (client, _, _):
             calls = [
-                asyncio.create_task(connection.call(method, request, TooltipChanged))
-                for _ in range(200)
+                asyncio.create_task(client.forward_key_type(request)) for _ in range(200)
             ]
             done, _ = await asyncio.wait(
                 calls, return_when=asyncio.FIRST_COMPLETED
@@ -177,11 +248,7 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
         options = orvane.Options(max_frame_bytes=1000)
         async with self.connected(options) as (client, connection, widget):
             with self.assertRaises(RpcError) as raised:
-                await connection.call(
-                    client.SERVICE.methods[0],
-                    TooltipChanged(text="x" * 1000),
-                    TooltipChanged,
-                )
+                await client.forward_key_type(KeyTypeRequest(text="x" * 1000))
             self.assertEqual(raised.exception.code, Code.RESOURCE_EXHAUSTED)
             await self.settle(connection, widget)
 

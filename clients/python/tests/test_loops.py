@@ -1,6 +1,7 @@
-"""The client in the loops of others: a thread of its own, and GLib through gbulb."""
+"""The client in a thread of its own; test_gbulb.py has it in GLib's loop."""
 
 import asyncio
+import math
 import threading
 import unittest
 
@@ -21,7 +22,7 @@ async def drive(path: str) -> str:
         async with widget.when_tooltip_changed(BROWSER):
             await connection.settle()
             try:
-                await widget.show(BROWSER, timeout=DEADLINE_SECONDS)
+                await widget.show(BROWSER, timeout=math.inf)
             except orvane.RpcError as error:
                 return error.text
     return "shown"
@@ -37,25 +38,6 @@ class Loops(unittest.TestCase):
             self.assertIn("not attached", future.result(DEADLINE_SECONDS))
         loop.call_soon_threadsafe(loop.stop)
         thread.join()
-        loop.close()
-
-    def test_glib_by_gbulb(self) -> None:
-        try:
-            import gbulb  # type: ignore[import]
-        except ImportError:
-            self.skipTest("there is no gbulb (Debian: python3-gbulb)")
-        from gi.repository import GLib  # type: ignore[import]
-
-        async def drive_in_glib(path: str) -> str:
-            is_glib = asyncio.Event()
-            GLib.idle_add(is_glib.set)
-            async with asyncio.timeout(DEADLINE_SECONDS):
-                await is_glib.wait()
-            return await drive(path)
-
-        loop = gbulb.GLibEventLoop(context=GLib.MainContext.default())
-        with WidgetServer() as path:
-            self.assertIn("not attached", loop.run_until_complete(drive_in_glib(path)))
         loop.close()
 
 

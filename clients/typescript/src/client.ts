@@ -1,12 +1,11 @@
 // The typed client of a service, made from its descriptor.
 
-import {
-  create,
-  type DescMessage,
-  type DescService,
-  type Message,
-  type MessageInitShape,
-  type MessageShape,
+import type {
+  DescMessage,
+  DescService,
+  Message,
+  MessageInitShape,
+  MessageShape,
 } from '@bufbuild/protobuf';
 import type { GenMessage } from '@bufbuild/protobuf/codegenv2';
 import type { Connection } from './connection.js';
@@ -15,14 +14,17 @@ import type { BrowserIdSchema } from './rpc/browser/browser_id_pb.js';
 import type { AnyHandler, Events, Serving } from './streams.js';
 
 export interface StreamOptions {
-  /** Ends the stream when it is aborted. */
+  /** Ends the stream with its reason when it is aborted, or at once. */
   signal?: AbortSignal;
 }
 
 export interface CallOptions {
   /** Cancels the call when it is aborted; the call rejects with its reason. */
   signal?: AbortSignal;
-  /** Without it the call has no timeout. */
+  /**
+   * Without it, or with Infinity, the call has no timeout. With 0 it fails at once
+   * with DEADLINE_EXCEEDED. RangeError if it is negative or NaN.
+   */
   timeoutMs?: number;
 }
 
@@ -64,7 +66,8 @@ type Method<M> = M extends {
 /**
  * The methods of a service. Unary methods return a promise; event streams, usually
  * called `when…`, return an async iterable; callback streams, usually called `on…`,
- * take a handler. A stream is subscribed when the method is called.
+ * take a handler. A stream is subscribed when the method is called. TypeError if a
+ * method is given a message of another type than its own.
  */
 export type Client<S extends DescService> = { readonly [K in keyof S['method']]: Method<S['method'][K]> };
 
@@ -73,8 +76,8 @@ export function makeClient<S extends DescService>(connection: Connection, servic
   const client: Record<string, unknown> = {};
   for (const method of service.methods) {
     if (method.methodKind === 'unary') {
-      client[method.localName] = (request: Record<string, unknown>, options?: CallOptions) =>
-        connection.call(method, create(method.input, request), options);
+      client[method.localName] = (request: object, options?: CallOptions) =>
+        connection.call(method, request, options);
     } else if (method.input.typeName === EventSubscriptionSchema.typeName) {
       client[method.localName] = (key: object, options?: StreamOptions) =>
         connection.watch(method, key, options);

@@ -11,7 +11,8 @@ import {
   toBinary,
 } from '@bufbuild/protobuf';
 import { type CallOptions, type Client, makeClient, type StreamOptions } from './client.js';
-import { Code, RpcError } from './errors.js';
+import { Code, inspectThrown, RpcError } from './errors.js';
+import { BrowserIdSchema } from './rpc/browser/browser_id_pb.js';
 import { EventSubscriptionSchema } from './rpc/event_subscription_pb.js';
 import {
   type Hello,
@@ -40,6 +41,7 @@ import {
   helloOf,
   LEAST_MAX_FRAME_BYTES,
   MAX_ERROR_TEXT_BYTES,
+  messageOf,
   parse,
 } from './wire.js';
 
@@ -47,6 +49,24 @@ const ENOUGH_TO_WRITE_BYTES = 8 << 10;
 
 /** How long closing waits until the server has taken what was sent. */
 const CLOSE_MS = 2000;
+
+/** A longer timer of Node.js would fire at once. */
+const MAX_TIMER_MS = 2 ** 31 - 1;
+
+/** Runs `expire` after a time of any length. Returns what prevents it. */
+function startTimer(ms: number, expire: () => void): () => void {
+  let timer: NodeJS.Timeout;
+  const wait = (left: number): void => {
+    timer =
+      left > MAX_TIMER_MS
+        ? setTimeout(wait, MAX_TIMER_MS, left - MAX_TIMER_MS)
+        : setTimeout(expire, left);
+  };
+  wait(ms);
+  return () => {
+    clearTimeout(timer);
+  };
+}
 
 export interface Options {
   /** The longest frame that is sent or accepted; by default 4 MiB. */
@@ -56,7 +76,10 @@ export interface Options {
    * with RESOURCE_EXHAUSTED; by default 64 MiB.
    */
   maxQueuedBytes?: number;
-  /** Bytes of one iteration's events that have not been read; by default 16 MiB. */
+  /**
+   * Bytes of one stream's events that have arrived but have not been read; by default
+   * 16 MiB. Each counts 512 bytes more than its message.
+   */
   maxUnreadEventBytes?: number;
   /** Calls that one handler may serve at the same time; more fail. By default 1024. */
   maxServedCalls?: number;
@@ -136,7 +159,7 @@ export class Connection {
     this.onHandlerError =
       options.onHandlerError ??
       ((error) => {
-        process.emitWarning(error instanceof Error ? error : String(error));
+        process.emitWarning(inspectThrown(error));
       });
     this.#maxSentFrameBytes = this.#options.maxFrameBytes;
     this.#reader = new FrameReader(this.#options.maxFrameBytes);
@@ -198,14 +221,18 @@ export class Connection {
   }
 
   /** Calls a unary method. Errors reject the promise and are never thrown. */
-  call(method: DescMethod, request: Message, options: CallOptions = {}): Promise<Message> {
+  call(method: DescMethod, request: object, options: CallOptions = {}): Promise<Message> {
     const { signal, timeoutMs } = options;
     return new Promise((resolve, reject) => {
       signal?.throwIfAborted();
-      if (timeoutMs !== undefined && timeoutMs <= 0) {
+      const message = messageOf(method.input, request, `${method.name} takes`);
+      if (timeoutMs !== undefined && !(timeoutMs >= 0)) {
+        throw new RangeError(`timeoutMs is ${timeoutMs}; it must be 0 or more`);
+      }
+      if (timeoutMs === 0) {
         throw new RpcError(Code.DEADLINE_EXCEEDED, "the call's timeout is not above 0");
       }
-      const id = this.#begin(Kind.CALL, method, toBinary(method.input, request));
+      const id = this.#begin(Kind.CALL, method, toBinary(method.input, message));
       const call: PendingCall = { method, resolve, reject };
       this.#calls.set(id, call);
       if (signal === undefined && timeoutMs === undefined) return;
@@ -218,15 +245,15 @@ export class Connection {
       const onAbort = (): void => {
         giveUp(signal?.reason);
       };
-      const timer =
+      const stopTimer =
         timeoutMs === undefined
           ? undefined
-          : setTimeout(() => {
+          : startTimer(timeoutMs, () => {
               giveUp(new RpcError(Code.DEADLINE_EXCEEDED, `no answer within ${timeoutMs} ms`));
-            }, timeoutMs);
+            });
       signal?.addEventListener('abort', onAbort);
       const cleanUp = (): void => {
-        clearTimeout(timer);
+        stopTimer?.();
         signal?.removeEventListener('abort', onAbort);
       };
       call.resolve = (response) => {
@@ -245,7 +272,7 @@ export class Connection {
   watch(method: DescMethod, key: object, options: StreamOptions = {}): Events<Message> {
     const queue = new EventQueue(this, method, this.#options.maxUnreadEventBytes);
     const subscription = create(EventSubscriptionSchema, {
-      action: { case: 'subscribe', value: key },
+      action: { case: 'subscribe', value: messageOf(BrowserIdSchema, key, `${method.name} takes`) },
     });
     this.#open(queue, toBinary(EventSubscriptionSchema, subscription), options);
     return queue;
@@ -255,7 +282,8 @@ export class Connection {
   serve(method: DescMethod, key: object, handler: AnyHandler, options: StreamOptions = {}): Serving {
     const type = callbackType(method.output);
     const server = new Server(this, type, method, handler, this.#options.maxServedCalls);
-    this.#open(server, stage(type, key, { case: 'subscribe', value: true }), options);
+    const id = messageOf(type.key.message, key, `${method.name} takes`);
+    this.#open(server, stage(type, id, { case: 'subscribe', value: true }), options);
     return server;
   }
 
@@ -297,12 +325,13 @@ export class Connection {
   // ------------------------------------------------------------------------------
 
   #open(stream: Stream, subscription: Uint8Array | undefined, { signal }: StreamOptions): void {
-    signal?.throwIfAborted();
+    if (signal?.aborted) {
+      stream.end(signal.reason);
+      return;
+    }
     stream.streamId = this.#begin(Kind.OPEN, stream.method, undefined);
     this.#streams.set(stream.streamId, stream);
-    signal?.addEventListener('abort', () => {
-      stream.close();
-    });
+    if (signal !== undefined) stream.closeOnAbort(signal);
     if (subscription === undefined) return;
     try {
       this.sendNext(stream, subscription);

@@ -1,3 +1,5 @@
+import { inspect } from 'node:util';
+
 /** The canonical status codes. */
 export enum Code {
   CANCELLED = 1,
@@ -34,6 +36,33 @@ export class RpcError extends Error {
     readonly text: string,
   ) {
     super(`${Code[code]}: ${text}`);
+  }
+}
+
+/**
+ * What a handler has thrown, in a line for the other end. It can be anything, even an
+ * object that throws when it is looked at.
+ */
+export function describe(thrown: unknown): { text: string; isFailure: boolean } {
+  try {
+    if (!(thrown instanceof Error)) {
+      return { text: `the handler threw ${typeof thrown}`, isFailure: false };
+    }
+    const { message, name }: { message: unknown; name: unknown } = thrown;
+    return thrown instanceof Fail || thrown instanceof RpcError
+      ? { text: String(message), isFailure: true }
+      : { text: `the handler threw ${String(name)}`, isFailure: false };
+  } catch {
+    return { text: 'the handler threw an object that cannot be read', isFailure: false };
+  }
+}
+
+/** The same for the people who debug the handler. */
+export function inspectThrown(thrown: unknown): string {
+  try {
+    return `the handler threw ${inspect(thrown)}`;
+  } catch {
+    return describe(thrown).text;
   }
 }
 

@@ -10,18 +10,20 @@ import {
   toBinary,
 } from '@bufbuild/protobuf';
 import type { Connection } from './connection.js';
-import { Code, Fail, RpcError } from './errors.js';
+import { Code, describe, Fail, RpcError } from './errors.js';
 import { slow_host, SlowHost } from './rpc/stream_options_pb.js';
-import { type Frame, parse } from './wire.js';
+import { type Frame, messageOf, parse } from './wire.js';
 
-// About how many bytes an unread event takes in addition to its payload.
-const EVENT_OVERHEAD_BYTES = 128;
+// About how many bytes an unread event takes in addition to its payload: an array of
+// bytes costs this much even if it is empty.
+const EVENT_OVERHEAD_BYTES = 512;
 
 /** An open stream, as its connection sees it. */
 export abstract class Stream {
   streamId = 0; // Given by the connection.
   isOpen = true;
-  reason: RpcError | undefined; // Set if it ended with an error.
+  reason: unknown; // Set if it ended with an error; a signal's may be anything.
+  #signal: AbortSignal | undefined;
 
   constructor(
     readonly connection: Connection,
@@ -31,20 +33,31 @@ export abstract class Stream {
   abstract onNext(frame: Frame): void;
   abstract onEnd(): void;
 
-  /** The stream has ended at the other end. */
-  end(reason?: RpcError): void {
+  /** The stream has ended at the other end, or was never begun. */
+  end(reason?: unknown): void {
     if (!this.isOpen) return;
     this.isOpen = false;
     this.reason = reason;
+    this.#signal?.removeEventListener('abort', this.#onAbort);
     this.onEnd();
   }
 
   /** Ends it and tells the server. Does nothing if it has ended before. */
-  close(reason?: RpcError): void {
+  close(reason?: unknown): void {
     if (!this.isOpen) return;
     this.connection.complete(this);
     this.end(reason);
   }
+
+  /** From now on, aborting the signal ends it with the signal's reason. */
+  closeOnAbort(signal: AbortSignal): void {
+    this.#signal = signal;
+    signal.addEventListener('abort', this.#onAbort);
+  }
+
+  readonly #onAbort = (): void => {
+    this.close(this.#signal?.reason);
+  };
 }
 
 /**
@@ -57,7 +70,9 @@ export abstract class Stream {
  * is dropped instead.
  *
  * The stream is open until `close`, until an iteration is left, or until the
- * signal with which it was opened is aborted.
+ * signal with which it was opened is aborted; then the iteration throws its reason.
+ *
+ * There is one reader. While its `next` waits, another `next` rejects.
  */
 export interface Events<Event> extends AsyncIterableIterator<Event> {
   /** Ends the stream, if it is open. Unread events can still be read. */
@@ -66,7 +81,7 @@ export interface Events<Event> extends AsyncIterableIterator<Event> {
 
 interface Reader {
   resolve: (result: IteratorResult<Message, undefined>) => void;
-  reject: (reason: Error) => void;
+  reject: (reason: unknown) => void;
 }
 
 export class EventQueue extends Stream implements Events<Message> {
@@ -142,8 +157,8 @@ export class EventQueue extends Stream implements Events<Message> {
       const value = parse(this.method.output, payload, Code.INTERNAL, 'an event');
       reader.resolve({ done: false, value });
     } catch (error) {
-      this.close(error as RpcError);
-      reader.reject(error as RpcError);
+      this.close(error);
+      reader.reject(error);
     }
   }
 
@@ -174,7 +189,10 @@ export class EventQueue extends Stream implements Events<Message> {
 export interface Serving {
   /** Stops serving. Does nothing if the stream has ended before. */
   close(): void;
-  /** Settles when the stream has ended; rejects with RpcError if it failed. */
+  /**
+   * Settles when the stream has ended. Rejects with RpcError if it failed, and with its
+   * signal's reason if that was aborted.
+   */
   readonly ended: Promise<void>;
 }
 
@@ -183,15 +201,17 @@ export type AnyHandler = (call: Message, context: { signal: AbortSignal }) => un
 /** The parts of a callback stream's messages. */
 export interface CallbackType {
   message: DescMessage;
-  key: DescField;
-  call: DescField;
-  response: DescField;
+  key: MessageField;
+  call: MessageField;
+  response: MessageField;
 }
 
+type MessageField = DescField & { message: DescMessage };
+
 export function callbackType(message: DescMessage): CallbackType {
-  const field = (name: string): DescField => {
+  const field = (name: string): MessageField => {
     const found = message.fields.find((each) => each.name === name);
-    if (found === undefined) throw new TypeError(`${message.typeName} has no field ${name}`);
+    if (!found?.message) throw new TypeError(`${message.typeName} has no message ${name}`);
     return found;
   };
   return {
@@ -215,7 +235,7 @@ export function stage(
 
 export class Server extends Stream implements Serving {
   readonly ended: Promise<void>;
-  #settle!: (reason?: RpcError) => void;
+  #settle!: (reason: unknown) => void;
   #busy = 0;
   readonly #left = new AbortController();
 
@@ -230,6 +250,7 @@ export class Server extends Stream implements Serving {
     this.ended = new Promise((resolve, reject) => {
       this.#settle = (reason) => {
         if (reason === undefined) resolve();
+        // eslint-disable-next-line @typescript-eslint/prefer-promise-reject-errors -- a signal's reason may be anything
         else reject(reason);
       };
     });
@@ -241,7 +262,7 @@ export class Server extends Stream implements Serving {
     try {
       message = parse(this.type.message, frame.payload, Code.INTERNAL, 'a call');
     } catch (error) {
-      this.close(error as RpcError);
+      this.close(error);
       return;
     }
     const key = message[this.type.key.localName];
@@ -265,17 +286,17 @@ export class Server extends Stream implements Serving {
   async #serve(key: unknown, callId: bigint, call: Message): Promise<void> {
     ++this.#busy;
     try {
-      const value = await this.handler(call, { signal: this.#left.signal });
+      const value = messageOf(
+        this.type.response.message,
+        await this.handler(call, { signal: this.#left.signal }),
+        `the handler of ${this.method.name} must return`,
+      );
       const answer = { case: this.type.response.localName, value };
       if (this.isOpen) this.connection.sendNext(this, stage(this.type, key, answer), callId);
     } catch (error) {
-      if (error instanceof Fail || error instanceof RpcError) {
-        this.#fail(key, callId, error.message);
-      } else {
-        const name = error instanceof Error ? error.name : typeof error;
-        this.#fail(key, callId, `the handler threw ${name}`);
-        this.connection.onHandlerError(error);
-      }
+      const { text, isFailure } = describe(error);
+      this.#fail(key, callId, text);
+      if (!isFailure) this.connection.onHandlerError(error);
     } finally {
       --this.#busy;
     }
@@ -296,6 +317,7 @@ export class Barrier extends Stream {
     this.ended = new Promise((resolve, reject) => {
       this.#settle = () => {
         if (this.reason === undefined) resolve();
+        // eslint-disable-next-line @typescript-eslint/prefer-promise-reject-errors -- as it ended
         else reject(this.reason);
       };
     });

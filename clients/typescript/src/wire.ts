@@ -6,6 +6,8 @@ import {
   type DescMethod,
   type DescService,
   fromBinary,
+  isMessage,
+  type MessageInitShape,
   type MessageShape,
   toBinary,
 } from '@bufbuild/protobuf';
@@ -176,6 +178,22 @@ export class FrameReader {
     this.#chunks = [rest];
     this.#size = rest.length;
   }
+}
+
+/**
+ * The given message, or a new one with the given fields. TypeError, which begins with
+ * `what`, if it is something else, such as a message of another type.
+ */
+export function messageOf<T extends DescMessage>(
+  schema: T,
+  given: unknown,
+  what: string,
+): MessageShape<T> {
+  const name = isMessage(given) ? given.$typeName : given === null ? 'null' : typeof given;
+  if (name !== schema.typeName && name !== 'object') {
+    throw new TypeError(`${what} ${schema.typeName}, not ${name}`);
+  }
+  return create(schema, given as MessageInitShape<T>);
 }
 
 /** RpcError of this code if the payload cannot be parsed as that message. */

@@ -1,8 +1,11 @@
 // What the client promises beyond what travels.
 
 import assert from 'node:assert/strict';
-import { once } from 'node:events';
+import { getEventListeners, once } from 'node:events';
+import process from 'node:process';
 import { after, test } from 'node:test';
+import { setFlagsFromString } from 'node:v8';
+import { runInNewContext } from 'node:vm';
 import { create, fromBinary, toBinary } from '@bufbuild/protobuf';
 import { Code, connect, Fail, RpcError } from '../dist/index.js';
 import { BrowserWidgetRpc } from '../dist/rpc/browser/browser_widget_pb.js';
@@ -16,6 +19,9 @@ import {
 } from '../dist/rpc/transport/stream_message_pb.js';
 import { encode, FrameReader } from '../dist/wire.js';
 import { Pairs } from './scripted.js';
+
+setFlagsFromString('--expose-gc');
+const collectGarbage = runInNewContext('gc');
 
 const browser = { value: 9n };
 const pairs = new Pairs();
@@ -42,6 +48,16 @@ class Widget {
 
   send(frame) {
     this.socket.write(encode(frame));
+  }
+
+  /** The host has sent nothing that the widget has not seen yet. */
+  async settleAsFirst(connection) {
+    const settled = connection.settle();
+    const { kind, streamId } = await this.frame();
+    assert.equal(kind, Kind.OPEN);
+    assert.equal((await this.frame()).kind, Kind.COMPLETE);
+    this.send({ kind: Kind.COMPLETE, streamId });
+    await settled;
   }
 
   /** All that it has sent has been handled by the host. */
@@ -80,12 +96,36 @@ test('an aborted signal gives up its call', { timeout: 20_000 }, () =>
     assert.equal(frame.streamId, sent.streamId);
   }));
 
-test('a signal that is aborted already begins nothing', () =>
+test('an aborted signal ends its streams with its reason', { timeout: 20_000 }, () =>
+  connected(async (host, widget) => {
+    const controller = new AbortController();
+    const { signal } = controller;
+    const events = host.whenTooltipChanged(browser, { signal });
+    const serving = host.onTakeFocus(browser, () => ({ taken: true }), { signal });
+    for (let i = 0; i < 4; ++i) await widget.frame();
+    controller.abort('enough');
+    await assert.rejects(events.next(), (reason) => reason === 'enough');
+    await assert.rejects(serving.ended, (reason) => reason === 'enough');
+    assert.equal((await widget.frame()).kind, Kind.COMPLETE);
+    assert.equal((await widget.frame()).kind, Kind.COMPLETE);
+  }));
+
+test('a signal that is aborted already begins nothing', { timeout: 20_000 }, () =>
   connected(async (host, widget, connection) => {
-    const signal = AbortSignal.abort();
-    await assert.rejects(host.show(browser, { signal }), { name: 'AbortError' });
-    assert.throws(() => host.whenTooltipChanged(browser, { signal }), { name: 'AbortError' });
-    await widget.settle(connection);
+    const signal = AbortSignal.abort('enough');
+    const isReason = (reason) => reason === 'enough';
+    await assert.rejects(host.show(browser, { signal }), isReason);
+    await assert.rejects(host.whenTooltipChanged(browser, { signal }).next(), isReason);
+    await assert.rejects(host.onTakeFocus(browser, () => ({}), { signal }).ended, isReason);
+    await widget.settleAsFirst(connection);
+  }));
+
+test('a signal does not keep the streams that have ended', { timeout: 20_000 }, () =>
+  connected(async (host) => {
+    const { signal } = new AbortController();
+    host.whenTooltipChanged(browser, { signal }).close();
+    host.onTakeFocus(browser, () => ({}), { signal }).close();
+    assert.equal(getEventListeners(signal, 'abort').length, 0);
   }));
 
 test('a call ends at its timeout', { timeout: 20_000 }, () =>
@@ -93,6 +133,63 @@ test('a call ends at its timeout', { timeout: 20_000 }, () =>
     await assert.rejects(host.show(browser, { timeoutMs: 10 }), failsWith(Code.DEADLINE_EXCEEDED));
     await widget.frame();
     assert.equal((await widget.frame()).kind, Kind.CANCEL);
+  }));
+
+for (const timeoutMs of [Infinity, 2 ** 31]) {
+  test(`a call may have a timeout of ${timeoutMs} ms`, { timeout: 20_000 }, () =>
+    connected(async (host, widget) => {
+      const call = host.show(browser, { timeoutMs });
+      const { streamId } = await widget.frame();
+      // The timer of 1 ms that Node.js makes of such a number would come before this.
+      await new Promise((resolve) => setTimeout(resolve, 2));
+      widget.send({ kind: Kind.REPLY, streamId });
+      await call;
+    }));
+}
+
+test('a timeout that is longer than any timer passes in the end', { timeout: 20_000 }, (context) =>
+  connected(async (host, widget) => {
+    context.mock.timers.enable({ apis: ['setTimeout'] });
+    const call = host.show(browser, { timeoutMs: 2 ** 31 });
+    await widget.frame();
+    context.mock.timers.tick(2 ** 31 - 1);
+    context.mock.timers.tick(1);
+    await assert.rejects(call, failsWith(Code.DEADLINE_EXCEEDED));
+    context.mock.timers.reset();
+  }));
+
+test('a timeout of 0 has passed', { timeout: 20_000 }, () =>
+  connected(async (host, widget, connection) => {
+    await assert.rejects(host.show(browser, { timeoutMs: 0 }), failsWith(Code.DEADLINE_EXCEEDED));
+    await widget.settleAsFirst(connection);
+  }));
+
+for (const timeoutMs of [NaN, -1]) {
+  test(`a timeout of ${timeoutMs} ms is refused`, { timeout: 20_000 }, () =>
+    connected(async (host, widget, connection) => {
+      await assert.rejects(host.show(browser, { timeoutMs }), {
+        name: 'RangeError',
+        message: `timeoutMs is ${timeoutMs}; it must be 0 or more`,
+      });
+      await widget.settleAsFirst(connection);
+    }));
+}
+
+test('a request of another type is not sent', { timeout: 20_000 }, () =>
+  connected(async (host, widget, connection) => {
+    const wrong = create(TooltipChangedSchema);
+    const takes = (method, given) => ({
+      name: 'TypeError',
+      message: `${method} takes BrowserId, not ${given}`,
+    });
+    await assert.rejects(host.show(wrong), takes('Show', 'rpc.TooltipChanged'));
+    await assert.rejects(host.show(null), takes('Show', 'null'));
+    assert.throws(
+      () => host.whenTooltipChanged(wrong),
+      takes('WhenTooltipChanged', 'rpc.TooltipChanged'),
+    );
+    assert.throws(() => host.onTakeFocus('7', () => ({})), takes('OnTakeFocus', 'string'));
+    await widget.settleAsFirst(connection);
   }));
 
 test('the end of the connection ends all with its reason', { timeout: 20_000 }, () =>
@@ -122,6 +219,35 @@ test('leaving an iteration ends its stream', { timeout: 20_000 }, () =>
     assert.equal((await widget.frame()).kind, Kind.COMPLETE);
   }));
 
+test('only one reader waits for events', { timeout: 20_000 }, () =>
+  connected(async (host, widget) => {
+    const events = host.whenTooltipChanged(browser);
+    const { streamId } = await widget.frame();
+    const first = events.next();
+    await assert.rejects(events.next(), { message: /two readers wait for events/ });
+    widget.send({ kind: Kind.NEXT, streamId });
+    assert.equal((await first).value.text, '');
+  }));
+
+test('empty events that are not read take no more memory than the limit', { timeout: 60_000 }, () => {
+  const maxUnreadEventBytes = 4 << 20;
+  return connected(
+    async (host, widget, connection) => {
+      const events = host.whenDropDownDeleted(browser);
+      const { streamId } = await widget.frame();
+      await widget.settle(connection);
+      collectGarbage();
+      const before = process.memoryUsage().heapUsed;
+      for (let i = 0; i < 40_000; ++i) widget.send({ kind: Kind.NEXT, streamId });
+      await widget.settle(connection);
+      collectGarbage();
+      assert(process.memoryUsage().heapUsed - before < maxUnreadEventBytes);
+      await events.next(); // They are still there.
+    },
+    { maxUnreadEventBytes },
+  );
+});
+
 test('unread events are bounded', { timeout: 20_000 }, () =>
   connected(
     async (host, widget, connection) => {
@@ -133,9 +259,9 @@ test('unread events are bounded', { timeout: 20_000 }, () =>
       await assert.rejects(async () => {
         for await (const event of events) count += event ? 1 : 0;
       }, failsWith(Code.RESOURCE_EXHAUSTED));
-      assert.equal(count, 7); // 128 bytes each.
+      assert.equal(count, 7); // 512 bytes each.
     },
-    { maxUnreadEventBytes: 1000 },
+    { maxUnreadEventBytes: 4000 },
   ));
 
 test('the latest is kept where only that counts', { timeout: 20_000 }, () =>
@@ -154,7 +280,7 @@ test('the latest is kept where only that counts', { timeout: 20_000 }, () =>
       assert.equal(values.at(-1), 100n);
       assert(values.length < 8);
     },
-    { maxUnreadEventBytes: 1000 },
+    { maxUnreadEventBytes: 4000 },
   ));
 
 test('what the widget does not read is bounded', { timeout: 20_000 }, () =>
@@ -212,6 +338,47 @@ test('a handler that throws fails its call and is reported', { timeout: 20_000 }
       assert.equal(answer.kind, Kind.ERROR);
       assert.equal(Buffer.from(answer.errorText).toString(), 'the handler threw TypeError');
       assert.deepEqual(reported, [mistake]);
+    },
+    { onHandlerError: (error) => reported.push(error) },
+  );
+});
+
+const hostile = {
+  'an error whose name throws': Object.defineProperty(new Error(), 'name', {
+    get: () => {
+      throw new Error();
+    },
+  }),
+  'an error whose name is a symbol': Object.assign(new Error(), { name: Symbol('name') }),
+  'a failure whose message is an object': Object.assign(new Fail(), { message: {} }),
+  'a proxy that throws': new Proxy(new Error(), {
+    get: () => {
+      throw new Error();
+    },
+    getPrototypeOf: () => {
+      throw new Error();
+    },
+  }),
+  'an object without a prototype': Object.create(null),
+};
+for (const [what, thrown] of Object.entries(hostile)) {
+  test(`a handler that throws ${what} fails its call`, { timeout: 20_000 }, () =>
+    connected(async (host, widget) => {
+      const answer = await serveOne(host, widget, () => Promise.reject(thrown));
+      assert.equal(answer.kind, Kind.ERROR);
+    }));
+}
+
+test('a handler that returns another type fails its call', { timeout: 20_000 }, () => {
+  const reported = [];
+  return connected(
+    async (host, widget) => {
+      const answer = await serveOne(host, widget, () => create(TooltipChangedSchema));
+      assert.equal(answer.kind, Kind.ERROR);
+      assert.equal(
+        reported[0].message,
+        'the handler of OnTakeFocus must return rpc.TakeFocusResponse, not rpc.TooltipChanged',
+      );
     },
     { onHandlerError: (error) => reported.push(error) },
   );

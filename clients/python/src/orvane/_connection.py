@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import asyncio
+import math
 import os
 import socket
 import struct
@@ -22,6 +23,7 @@ from orvane._wire import (
     UNREADABLE,
     FrameReader,
     check_fit,
+    check_type,
     encode,
     error_of,
     hello_of,
@@ -60,7 +62,8 @@ class Options:
     # Once more bytes wait for the server to read them, calls and answers fail with
     # RESOURCE_EXHAUSTED, until the server has read most of them.
     max_queued_bytes: int = 64 << 20
-    # Events of one iterator that have arrived but have not been read.
+    # Events of one iterator that have arrived but have not been read; each counts 128
+    # bytes more than its message.
     max_unread_event_bytes: int = 16 << 20
     # Calls of the server that one stream's handler may serve at the same time; more
     # calls fail.
@@ -252,25 +255,30 @@ class Connection:
     ) -> MessageT:
         """Calls a unary method. `timeout` is in seconds; None means no timeout.
 
-        If the task that waits is cancelled, the server is told that nobody waits.
+        So does math.inf. With a timeout of 0 or less the call fails at once with
+        DEADLINE_EXCEEDED. If the task that waits is cancelled, the server is told
+        that nobody waits. TypeError: the request is not of the method's type.
         """
+        check_type(method, request, method.input_type)
+        if timeout is not None and math.isnan(timeout):
+            raise ValueError("the call's timeout is not a number")
         if timeout is not None and timeout <= 0:
             raise RpcError(Code.DEADLINE_EXCEEDED, "the call's timeout is not above 0")
         stream_id = self._begin(_CALL, method, _serialise(request, "the request"))
         answer: asyncio.Future[bytes] = self.loop.create_future()
         self._calls[stream_id] = answer
-        deadline = (
-            None
-            if timeout is None
-            else self.loop.call_later(timeout, self._expire, stream_id, timeout)
-        )
+        deadline: asyncio.TimerHandle | None = None
         try:
+            if timeout is not None and timeout != math.inf:
+                deadline = self.loop.call_later(
+                    timeout, self._expire, stream_id, timeout
+                )
             payload = await answer
         finally:
             if deadline is not None:
                 deadline.cancel()
             if self._calls.pop(stream_id, None) is not None:
-                self._cancel(stream_id)  # The task was cancelled.
+                self._cancel(stream_id)  # Cancelled, or the loop took no such timeout.
         response = parse(response_type, payload, "the response")
         assert isinstance(response, response_type)
         return response
@@ -281,6 +289,7 @@ class Connection:
         """Subscribes to the events of `key`, at once."""
         queue = EventQueue(self, method, self._options.max_unread_event_bytes)
         subscription = EventSubscription()
+        check_type(method, key, subscription.subscribe.DESCRIPTOR)
         subscription.subscribe.MergeFrom(key)  # type: ignore[arg-type]
         subscription.subscribe.SetInParent()
         self._open(queue, subscription)
@@ -298,6 +307,7 @@ class Connection:
             self, method, message_type, handler, self._options.max_served_calls
         )
         subscription: Any = message_type()
+        check_type(method, key, subscription.browser_id.DESCRIPTOR)
         subscription.browser_id.CopyFrom(key)
         subscription.browser_id.SetInParent()
         subscription.subscribe = True

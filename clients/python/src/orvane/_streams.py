@@ -132,6 +132,9 @@ class Events(AsyncIterator[EventT], Generic[EventT]):
     first returns the events that arrived before and then raises RpcError. For a
     method with SLOW_HOST_KEEP_LATEST the oldest event is dropped instead.
 
+    One task reads. While it waits, RuntimeError is raised in another one that
+    finds no event either.
+
     The stream is open until `close`, the end of `async with`, or until nothing
     refers to this object any longer.
     """

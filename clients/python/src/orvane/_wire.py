@@ -4,7 +4,7 @@ import struct
 from collections.abc import Iterator
 from functools import cache
 
-from google.protobuf.descriptor import MethodDescriptor, ServiceDescriptor
+from google.protobuf.descriptor import Descriptor, MethodDescriptor, ServiceDescriptor
 from google.protobuf.message import DecodeError, Message
 
 from orvane._errors import Code, RpcError
@@ -179,6 +179,13 @@ def error_of(frame: StreamMessage) -> RpcError:
     """The error that an ERROR frame describes. Its text need not be UTF-8."""
     text = frame.error_text.decode(errors="backslashreplace")
     return RpcError(Code(frame.error_code), text)
+
+
+def check_type(method: MethodDescriptor, given: object, expected: Descriptor) -> None:
+    """TypeError if a method is given something else than such a message."""
+    name = given.DESCRIPTOR.full_name if isinstance(given, Message) else type(given).__name__
+    if not isinstance(given, Message) or name != expected.full_name:
+        raise TypeError(f"{method.name} takes {expected.full_name}, not {name}")
 
 
 def parse(message_type: type[Message], payload: bytes, what: str) -> Message:

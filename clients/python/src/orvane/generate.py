@@ -4,8 +4,8 @@
 
 This runs protoc with protoc-gen-orvane beside it. The protos that come with
 orvane need no -I. Their modules are found in this package: where protoc writes
-"from rpc.browser import", the result says "from orvane.rpc.browser import", so
-that nobody's own module `rpc` is in the way.
+"from rpc.browser import browser_id_pb2", the result imports it from
+orvane.rpc.browser. Other protos may be in a folder `rpc` too.
 """
 
 from __future__ import annotations
@@ -19,7 +19,7 @@ import sys
 import tempfile
 
 _PACKAGE = pathlib.Path(__file__).resolve().parent
-_IMPORT_OF_OURS = re.compile(r"^(from|import) rpc(?=[. ])", re.MULTILINE)
+_IMPORT = re.compile(r"^from (rpc[\w.]*) import (\S+)", re.MULTILINE)
 
 
 def _arguments() -> argparse.Namespace:
@@ -47,6 +47,14 @@ def _arguments() -> argparse.Namespace:
     return parser.parse_args()
 
 
+def _modules() -> set[str]:
+    """What protoc calls the modules of this package."""
+    return {
+        ".".join(proto.relative_to(_PACKAGE).with_suffix("").parts) + "_pb2"
+        for proto in _PACKAGE.glob("rpc/**/*.proto")
+    }
+
+
 def _program(name: str) -> str:
     found = shutil.which(name)
     if found is None:
@@ -56,6 +64,13 @@ def _program(name: str) -> str:
 
 def main() -> None:
     arguments = _arguments()
+    ours = _modules()
+
+    def from_package(statement: re.Match[str]) -> str:
+        module, name = statement.groups()
+        is_ours = not ours.isdisjoint((module, f"{module}.{name}"))
+        return f"from orvane.{module} import {name}" if is_ours else statement[0]
+
     folders = [*(arguments.proto_path or ["."]), str(_PACKAGE)]
     with tempfile.TemporaryDirectory() as scratch:
         protoc = [
@@ -73,9 +88,7 @@ def main() -> None:
             target = arguments.out / written.relative_to(scratch)
             target.parent.mkdir(parents=True, exist_ok=True)
             code = written.read_text(encoding="utf-8")
-            target.write_text(
-                _IMPORT_OF_OURS.sub(r"\1 orvane.rpc", code), encoding="utf-8"
-            )
+            target.write_text(_IMPORT.sub(from_package, code), encoding="utf-8")
 
 
 if __name__ == "__main__":

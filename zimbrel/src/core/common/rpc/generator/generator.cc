@@ -9,6 +9,7 @@
 
 #include "zimbrel/src/core/common/rpc/generator/client_printer.h"
 #include "zimbrel/src/core/common/rpc/generator/header_printer.h"
+#include "zimbrel/src/core/common/rpc/generator/python_names.h"
 #include "zimbrel/src/core/common/rpc/generator/python_printer.h"
 #include "zimbrel/src/core/common/rpc/generator/rules.h"
 #include "zimbrel/src/core/common/rpc/generator/service_model.h"
@@ -74,7 +75,7 @@ void WritePython(const FileDescriptor& file, const Options& options,
                  GeneratorContext* context) {
   if (file.service_count() == 0) return;
   const FileModel model = ReadFile(file, options.log_path_prefix);
-  Write(model, model.stem + "_client.py", PrintPythonClient, context);
+  Write(model, ClientPath(file), PrintPythonClient, context);
 }
 
 }  // namespace

@@ -10,12 +10,21 @@
 namespace orvane::generator {
 namespace {
 
-constexpr const char* kReserved[] = {
-    "and",      "as",       "assert", "async", "await",  "break",  "class",
-    "continue", "def",      "del",    "elif",  "else",   "except", "finally",
-    "for",      "from",     "global", "if",    "import", "in",     "is",
-    "lambda",   "nonlocal", "not",    "or",    "pass",   "raise",  "return",
-    "try",      "while",    "with",   "yield"};
+constexpr const char* kKeywords[] = {
+    "False",  "None",   "True",    "and",      "as",       "assert", "async",
+    "await",  "break",  "class",   "continue", "def",      "del",    "elif",
+    "else",   "except", "finally", "for",      "from",     "global", "if",
+    "import", "in",     "is",      "lambda",   "nonlocal", "not",    "or",
+    "pass",   "raise",  "return",  "try",      "while",    "with",   "yield"};
+
+// The client's attribute, and what the types of its methods are made of, in
+// addition to the modules of messages.
+constexpr const char* kUsedByClients[] = {"_connection", "float", "orvane"};
+
+template <typename Names>
+bool IsOneOf(const std::string& name, const Names& names) {
+  return std::find(std::begin(names), std::end(names), name) != std::end(names);
+}
 
 bool IsUpper(char c) {
   return std::isupper(static_cast<unsigned char>(c)) != 0;
@@ -24,21 +33,37 @@ bool IsLower(char c) {
   return std::islower(static_cast<unsigned char>(c)) != 0;
 }
 
+// A file's path without ".proto", as part of the names of Python's modules.
+std::string ModuleStem(const google::protobuf::FileDescriptor& file) {
+  std::string stem =
+      google::protobuf::compiler::StripProto(std::string(file.name()));
+  std::replace(stem.begin(), stem.end(), '-', '_');
+  std::replace(stem.begin(), stem.end(), '/', '.');
+  return stem;
+}
+
 }  // namespace
 
 std::string MessageModule(const google::protobuf::FileDescriptor& file) {
-  std::string module =
-      google::protobuf::compiler::StripProto(std::string(file.name()));
-  std::replace(module.begin(), module.end(), '-', '_');
-  std::replace(module.begin(), module.end(), '/', '.');
-  return (module.starts_with("rpc.") ? "orvane." : "") + module + "_pb2";
+  return ModuleStem(file) + "_pb2";
 }
 
-std::string ClassInModule(const google::protobuf::Descriptor& type) {
+std::string ClientPath(const google::protobuf::FileDescriptor& file) {
+  std::string path = ModuleStem(file);
+  std::replace(path.begin(), path.end(), '.', '/');
+  return path + "_client.py";
+}
+
+bool IsKeyword(const std::string& name) { return IsOneOf(name, kKeywords); }
+
+std::string ClassIn(const std::string& module,
+                    const google::protobuf::Descriptor& type) {
+  const std::string owner = type.containing_type() == nullptr
+                                ? module
+                                : ClassIn(module, *type.containing_type());
   const std::string name(type.name());
-  return type.containing_type() == nullptr
-             ? name
-             : ClassInModule(*type.containing_type()) + "." + name;
+  return IsKeyword(name) ? "getattr(" + owner + ", \"" + name + "\")"
+                         : owner + "." + name;
 }
 
 std::string PythonMethodName(const std::string& name) {
@@ -52,9 +77,9 @@ std::string PythonMethodName(const std::string& name) {
     words.push_back(
         static_cast<char>(std::tolower(static_cast<unsigned char>(name[i]))));
   }
-  const bool is_reserved = std::find(std::begin(kReserved), std::end(kReserved),
-                                     words) != std::end(kReserved);
-  return is_reserved ? words + "_" : words;
+  const bool is_taken = IsKeyword(words) || IsOneOf(words, kUsedByClients) ||
+                        words.ends_with("_pb2");
+  return is_taken ? words + "_" : words;
 }
 
 }  // namespace orvane::generator

@@ -1,8 +1,11 @@
 #include "zimbrel/src/core/common/rpc/generator/python_printer.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <map>
 #include <set>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include "zimbrel/src/core/common/rpc/generator/python_names.h"
@@ -21,6 +24,7 @@ const Descriptor& TypeOfField(const MethodDescriptor& method,
   return *method.input_type()->FindFieldByName(field)->message_type();
 }
 
+// What the method's parameters and its result are made of.
 std::vector<const Descriptor*> TypesOf(const MethodModel& method) {
   const MethodDescriptor& proto = *method.proto;
   switch (method.kind) {
@@ -32,7 +36,25 @@ std::vector<const Descriptor*> TypesOf(const MethodModel& method) {
       break;
   }
   return {&KeyTypeOf(proto), &TypeOfField(proto, kCallField),
-          &TypeOfField(proto, kResponseField), proto.output_type()};
+          &TypeOfField(proto, kResponseField)};
+}
+
+bool HasKeyword(const std::string& module) {
+  std::istringstream parts(module);
+  for (std::string part; std::getline(parts, part, '.');) {
+    if (IsKeyword(part)) return true;
+  }
+  return false;
+}
+
+// Whether a type checker understands the class as Python spells it. If not, the
+// stub that protoc writes for its module cannot be parsed either.
+bool HasType(const Descriptor& type) {
+  for (const Descriptor* part = &type; part != nullptr;
+       part = part->containing_type()) {
+    if (IsKeyword(std::string(part->name()))) return false;
+  }
+  return !HasKeyword(MessageModule(*type.file()));
 }
 
 // The modules that a client imports, each with the name it has there.
@@ -42,31 +64,52 @@ class Imports {
     Add(*file.proto);
     for (const ServiceModel& service : file.services) {
       for (const MethodModel& method : service.methods) {
-        for (const Descriptor* type : TypesOf(method)) Add(*type->file());
+        Add(*method.proto->output_type()->file());
+        for (const Descriptor* type : TypesOf(method)) {
+          Add(*type->file());
+          has_any_ = has_any_ || !HasType(*type);
+        }
       }
     }
     std::map<std::string, int> last_parts;
     for (const auto& [module, name] : names_) ++last_parts[LastPart(module)];
+    std::set<std::string> taken;
     for (auto& [module, name] : names_) {
       name = LastPart(module);
-      if (last_parts[name] == 1) continue;
-      name = module;
-      for (char& c : name) c = c == '.' ? '_' : c;
+      if (last_parts[name] > 1) {
+        name = module;
+        std::replace(name.begin(), name.end(), '.', '_');
+      }
+      while (!taken.insert(name).second) name.push_back('_');
     }
   }
 
   // How the class of a message is spelled.
   std::string Spelled(const Descriptor& type) const {
-    return NameOf(*type.file()) + "." + ClassInModule(type);
+    return ClassIn(NameOf(*type.file()), type);
+  }
+
+  // The same where it is the type of a parameter or result.
+  std::string Annotation(const Descriptor& type) const {
+    return HasType(type) ? Spelled(type) : "Any";
   }
 
   const std::string& NameOf(const FileDescriptor& file) const {
     return names_.at(MessageModule(file));
   }
 
-  // In the order of the modules.
+  // The standard library first, then ours and protoc's, in the order of the
+  // modules.
   void Print(Printer* out) const {
+    const bool has_keyword =
+        std::any_of(names_.begin(), names_.end(),
+                    [](const auto& entry) { return HasKeyword(entry.first); });
+    if (has_keyword) out->Print("import importlib\n");
+    if (has_any_) out->Print("from typing import Any\n");
+    if (has_keyword || has_any_) out->Print("\n");
+    out->Print("import orvane\n");
     for (const auto& [module, name] : names_) {
+      if (HasKeyword(module)) continue;
       const std::size_t dot = module.rfind('.');
       if (dot != std::string::npos)
         out->Print("from $package$ ", "package", module.substr(0, dot));
@@ -74,6 +117,12 @@ class Imports {
       out->Print("import $module$", "module", last);
       if (name != last) out->Print(" as $name$", "name", name);
       out->Print("\n");
+    }
+    if (has_keyword) out->Print("\n");
+    for (const auto& [module, name] : names_) {
+      if (!HasKeyword(module)) continue;
+      out->Print("$name$ = importlib.import_module(\"$module$\")\n", "name",
+                 name, "module", module);
     }
   }
 
@@ -88,6 +137,7 @@ class Imports {
   }
 
   std::map<std::string, std::string> names_;  // By module.
+  bool has_any_ = false;
 };
 
 // A comment's text as it may stand between the quotes of a docstring.
@@ -134,8 +184,8 @@ void PrintUnary(const MethodModel& method, const Imports& imports,
       "        timeout: float | None = None,\n"
       "    ) -> $response$:\n",
       "name", PythonMethodName(method.proto_name), "request",
-      imports.Spelled(*method.proto->input_type()), "response",
-      imports.Spelled(*method.proto->output_type()));
+      imports.Annotation(*method.proto->input_type()), "response",
+      imports.Annotation(*method.proto->output_type()));
   PrintDocstring(
       "        ",
       Documentation(method.comment, " Calls " + method.proto_name + "."), out);
@@ -156,8 +206,8 @@ void PrintEventStream(const MethodModel& method, const Imports& imports,
       "        self, key: $key$\n"
       "    ) -> orvane.Events[$event$]:\n",
       "name", PythonMethodName(method.proto_name), "key",
-      imports.Spelled(KeyTypeOf(*method.proto)), "event",
-      imports.Spelled(*method.proto->output_type()));
+      imports.Annotation(KeyTypeOf(*method.proto)), "event",
+      imports.Annotation(*method.proto->output_type()));
   PrintDocstring(
       "        ",
       Documentation(method.comment, " Watches " + method.proto_name + "."),
@@ -183,9 +233,9 @@ void PrintCallbackStream(const MethodModel& method, const Imports& imports,
       "        ],\n"
       "    ) -> orvane.Serving:\n",
       "name", PythonMethodName(method.proto_name), "key",
-      imports.Spelled(KeyTypeOf(*method.proto)), "call",
-      imports.Spelled(TypeOfField(*method.proto, kCallField)), "response",
-      imports.Spelled(TypeOfField(*method.proto, kResponseField)));
+      imports.Annotation(KeyTypeOf(*method.proto)), "call",
+      imports.Annotation(TypeOfField(*method.proto, kCallField)), "response",
+      imports.Annotation(TypeOfField(*method.proto, kResponseField)));
   PrintDocstring(
       "        ",
       Documentation(method.comment, " Serves " + method.proto_name + "."), out);
@@ -237,8 +287,7 @@ void PrintPythonClient(const FileModel& file, Printer* out) {
       "\"\"\"The client's side of the services of $path$.\"\"\"\n"
       "\n"
       "from __future__ import annotations\n"
-      "\n"
-      "import orvane\n",
+      "\n",
       "path", file.path);
   imports.Print(out);
   for (const ServiceModel& service : file.services)

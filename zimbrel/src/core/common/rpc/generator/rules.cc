@@ -247,11 +247,23 @@ std::string BrokenRules(const FileDescriptor& file) {
 
 std::string BrokenPythonRules(const FileDescriptor& file) {
   Findings findings(file);
+  if (file.name().starts_with("orvane/")) {
+    findings.Add(
+        std::vector<int>{},
+        "a proto cannot be in a folder orvane, since Python would look "
+        "for its modules in the package of that name");
+  }
   for (int i = 0; i < file.service_count(); ++i) {
     Names names;
     for (int j = 0; j < file.service(i)->method_count(); ++j) {
       const MethodDescriptor& method = *file.service(i)->method(j);
       const std::string name(method.name());
+      if (name.starts_with("__")) {
+        findings.Add(method,
+                     "a method's name cannot begin with two "
+                     "underscores, which Python treats specially in a "
+                     "class");
+      }
       const auto [first, is_new] = names.emplace(PythonMethodName(name), name);
       if (!is_new) {
         findings.Add(method, "the Python name " + first->first +

@@ -15,7 +15,8 @@ namespace orvane::generator {
 // where the descriptors do not carry them.
 std::string BrokenRules(const google::protobuf::FileDescriptor& file);
 
-// The same for Python's own rule: two methods must not get one name there.
+// The same for Python's own rules, which are about names. A file without
+// services can break them too.
 std::string BrokenPythonRules(const google::protobuf::FileDescriptor& file);
 
 }  // namespace orvane::generator

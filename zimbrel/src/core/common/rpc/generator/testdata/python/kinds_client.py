@@ -5,9 +5,9 @@ from __future__ import annotations
 
 import orvane
 from google.protobuf import empty_pb2
-from orvane.rpc.browser import browser_id_pb2
 from python import kinds_pb2 as python_kinds_pb2
 from python.other import kinds_pb2 as python_other_kinds_pb2
+from rpc.browser import browser_id_pb2
 
 
 class KindsClient:
