@@ -22,8 +22,8 @@ export interface CallOptions {
   /** Cancels the call when it is aborted; the call rejects with its reason. */
   signal?: AbortSignal;
   /**
-   * Without it, or with Infinity, the call has no timeout. With 0 it fails at once
-   * with DEADLINE_EXCEEDED. RangeError if it is negative or NaN.
+   * Without it, or with Infinity, the call has no timeout. With 0 or less it fails
+   * at once with DEADLINE_EXCEEDED. RangeError if it is NaN.
    */
   timeoutMs?: number;
 }

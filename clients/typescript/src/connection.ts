@@ -226,10 +226,8 @@ export class Connection {
     return new Promise((resolve, reject) => {
       signal?.throwIfAborted();
       const message = messageOf(method.input, request, `${method.name} takes`);
-      if (timeoutMs !== undefined && !(timeoutMs >= 0)) {
-        throw new RangeError(`timeoutMs is ${timeoutMs}; it must be 0 or more`);
-      }
-      if (timeoutMs === 0) {
+      if (Number.isNaN(timeoutMs)) throw new RangeError('timeoutMs is not a number');
+      if (timeoutMs !== undefined && timeoutMs <= 0) {
         throw new RpcError(Code.DEADLINE_EXCEEDED, "the call's timeout is not above 0");
       }
       const id = this.#begin(Kind.CALL, method, toBinary(method.input, message));

@@ -158,22 +158,22 @@ test('a timeout that is longer than any timer passes in the end', { timeout: 20_
     context.mock.timers.reset();
   }));
 
-test('a timeout of 0 has passed', { timeout: 20_000 }, () =>
-  connected(async (host, widget, connection) => {
-    await assert.rejects(host.show(browser, { timeoutMs: 0 }), failsWith(Code.DEADLINE_EXCEEDED));
-    await widget.settleAsFirst(connection);
-  }));
-
-for (const timeoutMs of [NaN, -1]) {
-  test(`a timeout of ${timeoutMs} ms is refused`, { timeout: 20_000 }, () =>
+for (const timeoutMs of [0, -1, -Infinity]) {
+  test(`a timeout of ${timeoutMs} ms has passed`, { timeout: 20_000 }, () =>
     connected(async (host, widget, connection) => {
-      await assert.rejects(host.show(browser, { timeoutMs }), {
-        name: 'RangeError',
-        message: `timeoutMs is ${timeoutMs}; it must be 0 or more`,
-      });
+      await assert.rejects(host.show(browser, { timeoutMs }), failsWith(Code.DEADLINE_EXCEEDED));
       await widget.settleAsFirst(connection);
     }));
 }
+
+test('a timeout that is not a number is refused', { timeout: 20_000 }, () =>
+  connected(async (host, widget, connection) => {
+    await assert.rejects(host.show(browser, { timeoutMs: NaN }), {
+      name: 'RangeError',
+      message: 'timeoutMs is not a number',
+    });
+    await widget.settleAsFirst(connection);
+  }));
 
 test('a request of another type is not sent', { timeout: 20_000 }, () =>
   connected(async (host, widget, connection) => {
