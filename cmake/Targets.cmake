@@ -122,8 +122,9 @@ function(orvane_test name)
     return()
   endif()
   orvane_program(${name} SOURCES ${arg_SOURCES} DEPENDS ${arg_DEPENDS} GTest::gmock_main)
-  # Qt needs position-independent code, and these headers are compiled without it.
-  if(NOT "orvane::qt" IN_LIST arg_DEPENDS)
+  # Toolkits have compiler options of their own, such as -pthread, with which the
+  # shared headers are not compiled.
+  if(NOT arg_DEPENDS MATCHES "orvane::(glib|qt|sdl)")
     target_precompile_headers(${name} REUSE_FROM orvane_test_headers)
   endif()
   orvane_add_test(${name} ${name} ${arg_ARGUMENTS})
