@@ -18,7 +18,7 @@ class GlibMainLoop final : public MainLoop {
   void Quit() override { g_main_loop_quit(main_loop_); }
   void Post(std::function<void()> task) override {
     g_idle_add_full(
-        orvane::GlibSource::kAfterRedraw,
+        G_PRIORITY_DEFAULT_IDLE,
         [](gpointer data) -> gboolean {
           (*static_cast<std::function<void()>*>(data))();
           return G_SOURCE_REMOVE;

@@ -31,6 +31,14 @@ bool ThereAreLoops() {
   return !loops.in_order.empty();
 }
 
+// Of the calling thread, never used again; above 0.
+std::uint64_t ThreadNumber() {
+  static constinit std::atomic<std::uint64_t> threads = 0;
+  constinit static thread_local std::uint64_t number = 0;
+  if (number == 0) number = ++threads;
+  return number;
+}
+
 [[noreturn]] void DieOffServiceThread(absl::string_view operation) {
   LOG(FATAL) << operation
              << " on a thread that is not the service thread; EventLoop::Post "
@@ -57,7 +65,7 @@ void CheckServiceThread(absl::string_view operation) {
     DieOffServiceThread(operation);
 }
 
-LoopThread::LoopThread(EventLoop* loop) : loop_(loop) {
+LoopThread::LoopThread(EventLoop* loop) : loop_(loop), maker_(ThreadNumber()) {
   LivingLoops& loops = Loops();
   const MutexLock lock(loops.mutex);
   loops.in_order.push_back(this);
@@ -71,9 +79,9 @@ LoopThread::~LoopThread() {
 }
 
 bool LoopThread::IsHere() const {
-  const std::thread::id here = std::this_thread::get_id();
   const std::thread::id runner = runner_.load(std::memory_order_relaxed);
-  if (runner != std::thread::id()) return runner == here;
+  if (runner != std::thread::id()) return runner == std::this_thread::get_id();
+  const std::uint64_t here = ThreadNumber();
   return here == maker_ || here == last_runner_.load(std::memory_order_relaxed);
 }
 
@@ -92,7 +100,7 @@ LoopThread::RunScope::RunScope(LoopThread* thread)
   if (!thread->runner_.compare_exchange_strong(nobody, here,
                                                std::memory_order_relaxed))
     LOG(FATAL) << "an EventLoop is run while another thread is running it";
-  thread->last_runner_.store(here, std::memory_order_relaxed);
+  thread->last_runner_.store(ThreadNumber(), std::memory_order_relaxed);
 }
 
 LoopThread::RunScope::~RunScope() {

@@ -5,6 +5,7 @@
 #define ZIMBREL_SRC_CORE_COMMON_RPC_CURRENT_LOOP_H_
 
 #include <atomic>
+#include <cstdint>
 #include <thread>
 
 #include "absl/base/thread_annotations.h"
@@ -67,10 +68,12 @@ class LoopThread {
 
  private:
   EventLoop* const loop_;
-  const std::thread::id maker_ = std::this_thread::get_id();
   // Relaxed: each thread looks for itself only.
   std::atomic<std::thread::id> runner_;  // None while nobody runs the loop.
-  std::atomic<std::thread::id> last_runner_;
+  // Numbers of our own, since the system uses a thread's id again once the
+  // thread has ended.
+  const std::uint64_t maker_;
+  std::atomic<std::uint64_t> last_runner_ = 0;
 };
 
 // Lives as long as one run of the loop, on the thread that runs it. Runs, of

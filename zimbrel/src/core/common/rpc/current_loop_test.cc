@@ -1,5 +1,6 @@
 #include "zimbrel/src/core/common/rpc/current_loop.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
@@ -177,8 +178,23 @@ TEST_F(LoopOperationDeathTest, UsingAWatchElsewhereIsFatal) {
   ExpectRefused("EventLoop::Watch::~Watch", [&watch] { watch.reset(); });
 }
 
-TEST_F(LoopOperationDeathTest, AskingForItsDescriptorElsewhereIsFatal) {
-  ExpectRefused("EventLoop::descriptor", [this] { loop_.descriptor(); });
+TEST_F(LoopOperationDeathTest, WhoeverAsksForItsDescriptorMayRunIt) {
+  bool ran = false;
+  std::thread([this, &ran] {
+    loop_.descriptor();
+    const auto timer =
+        loop_.RunAfter(absl::ZeroDuration(), [&ran] { ran = true; });
+    EXPECT_EQ(loop_.RunReady(), 1u);
+  }).join();
+  EXPECT_TRUE(ran);
+}
+
+// The system may give it the same id.
+TEST_F(LoopOperationDeathTest, AThreadIsNotTakenForOneThatHasEnded) {
+  std::thread([this] { loop_.RunUntilIdle(); }).join();
+  ExpectRefused("EventLoop::RunAfter", [this] {
+    const auto timer = loop_.RunAfter(absl::Hours(1), [] {});
+  });
 }
 
 TEST_F(LoopOperationDeathTest, AskingToRunBeforeWaitingElsewhereIsFatal) {
@@ -189,6 +205,18 @@ TEST_F(LoopOperationDeathTest, AskingToRunBeforeWaitingElsewhereIsFatal) {
 TEST_F(LoopOperationDeathTest, TakingASignalElsewhereIsFatal) {
   ExpectRefused("EventLoop::OnSignal",
                 [this] { loop_.OnSignal({SIGUSR1}, [] {}); });
+}
+
+TEST_F(LoopOperationDeathTest, TakingASignalWithoutADescriptorIsFatal) {
+  loop_.OnSignal({SIGUSR1}, [] {});
+  EXPECT_DEATH(
+      {
+        EventLoop other;
+        const rlimit none{};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+        other.OnSignal({SIGUSR1}, [] {});
+      },
+      "event loop: cannot create a descriptor for signals");
 }
 
 // Runs a loop on a thread of its own until the process ends.

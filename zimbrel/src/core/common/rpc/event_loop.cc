@@ -140,6 +140,9 @@ class EventLoop::State {
   }
 
   int Descriptor() {
+    // Whoever asks is about to run the loop, maybe on another thread than the
+    // one that made it.
+    const LoopThread::RunScope scope(&thread_);
     is_watched_ = true;
     if (depth_ == 0) LeaveReadable();
     return set_.descriptor();
@@ -268,10 +271,7 @@ bool EventLoop::RunUntil(absl::AnyInvocable<bool()> done) {
   return true;
 }
 
-int EventLoop::descriptor() {
-  CheckServiceThread("EventLoop::descriptor");
-  return state_->Descriptor();
-}
+int EventLoop::descriptor() { return state_->Descriptor(); }
 
 void EventLoop::Post(Task task) { state_->Post(std::move(task)); }
 

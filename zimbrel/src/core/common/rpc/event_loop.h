@@ -66,6 +66,9 @@ struct EventLoopOptions {
 // which may not be called inside a task, destroys all tasks unrun, those of
 // timers and watches too, and what these leave behind.
 //
+// A loop to which the system refuses the few descriptors that it needs ends the
+// process with a fatal log entry.
+//
 // A child process made by fork shares the loop's descriptors. It must not touch
 // the loop, or anything that uses it, and must leave by exec or _exit.
 class EventLoop {
@@ -105,8 +108,8 @@ class EventLoop {
   EventLoop& operator=(const EventLoop&) = delete;
   ~EventLoop();
 
-  // Works until Stop. Returns at once if Stop was called since the last Run or
-  // RunReady returned.
+  // Works until Stop. Returns at once if Stop was called since the last run
+  // other than RunUntil returned.
   void Run();
 
   // Makes Run return after the task in progress, and everything that runs
@@ -126,8 +129,8 @@ class EventLoop {
   std::size_t RunUntilIdle(absl::Duration max_time = absl::Seconds(10));
 
   // Works until `done` holds, waiting where need be; looked at after each task.
-  // An empty one never holds. False if Stop came first, which also later calls
-  // return until Run or RunReady has.
+  // An empty one never holds. False if Stop came first, which later calls also
+  // return until another kind of run has returned.
   bool RunUntil(absl::AnyInvocable<bool()> done);
 
   // Readable while there is work: a task that was posted on whatever thread, a
@@ -135,7 +138,8 @@ class EventLoop {
   // Then call RunReady. May be readable for nothing. Always the same one, and
   // only to be waited for with poll, epoll and the like, level-triggered, while
   // the loop is not running: never read, never closed. A loop that is never
-  // asked for it does not pay for it.
+  // asked for it does not pay for it. The thread that asks becomes the service
+  // thread, as if it had run the loop.
   int descriptor();
 
   // Runs `task` on the service thread, never inside this call, in the order of
@@ -159,8 +163,10 @@ class EventLoop {
       OwnedDescriptor descriptor);
 
   // Runs `task` at the first of these signals to arrive, once, instead of what
-  // the process would do. Later ones are ignored while the loop lives. At most
-  // one call in a loop's life.
+  // the process would do. Later ones are ignored while the loop lives. Numbers
+  // that are not signals, and signals that cannot be caught, have no effect. At
+  // most one call in a loop's life. If several loops take a signal, it is for
+  // those that arrive after the last of these calls.
   void OnSignal(std::initializer_list<int> signal_numbers, Task task);
 
   // For threads that may outlast the loop.

@@ -218,7 +218,7 @@ TEST(EventLoopDescriptor, StaysReadableForWhatStopHasLeft) {
   EXPECT_TRUE(later);
 }
 
-TEST(EventLoopDescriptor, StaysReadableForMoreSocketsThanOneLookFinds) {
+TEST(RunReady, RunsTheTasksOfAllSocketsThatAreReady) {
   constexpr int kSockets = 200;
   EventLoop loop;
   std::vector<OwnedDescriptor> peers;
@@ -231,7 +231,7 @@ TEST(EventLoopDescriptor, StaysReadableForMoreSocketsThanOneLookFinds) {
     ASSERT_EQ(::send(theirs.get(), "x", 1, 0), 1);
     peers.push_back(std::move(theirs));
   }
-  RunUntilQuiet(loop);
+  EXPECT_EQ(loop.RunReady(), static_cast<std::size_t>(kSockets));
   EXPECT_EQ(told, kSockets);
 }
 
@@ -334,6 +334,19 @@ TEST(EventLoop, ManyTimersOfOneTimeRunInOrderEachAsAStepOfItsOwn) {
   EXPECT_EQ(loop.RunReady(), static_cast<std::size_t>(kTimers - 1));
   EXPECT_EQ(ran.size(), static_cast<std::size_t>(kTimers));
   EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+}
+
+TEST(RunReady, RunsTimersThatCameDueWhileOthersWereLeft) {
+  EventLoop loop;
+  std::vector<std::unique_ptr<EventLoop::Timer>> timers;
+  const auto set_two = [&] {
+    for (int i = 0; i < 2; ++i)
+      timers.push_back(loop.RunAfter(absl::ZeroDuration(), [] {}));
+  };
+  set_two();
+  EXPECT_EQ(loop.RunReady(absl::ZeroDuration()), 1u);
+  set_two();
+  EXPECT_EQ(loop.RunReady(), 3u);
 }
 
 TEST(RunReady, LeavesATimerThatATimerHasSet) {

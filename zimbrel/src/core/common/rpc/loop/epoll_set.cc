@@ -21,9 +21,8 @@ constexpr std::uint32_t kNoMoreInput = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 constexpr std::uint32_t kNoMoreOutput = EPOLLHUP | EPOLLERR;
 constexpr std::uint32_t kInput = EPOLLIN | EPOLLRDHUP | EPOLLET;
 
-// More than are ready at the same time in most programs; the next call of Look
-// finds the others.
-constexpr int kEventsPerLook = 64;
+// More than are ready at the same time in most programs.
+constexpr int kEventsPerWait = 64;
 
 }  // namespace
 
@@ -178,15 +177,20 @@ void EpollSet::Drop() {
 }
 
 void EpollSet::Look(Waiting waiting) {
-  std::array<epoll_event, kEventsPerLook> events;
-  // An interrupted wait has found nothing.
-  const int found = ::epoll_wait(set_.get(), events.data(), kEventsPerLook,
-                                 waiting == Waiting::kYes ? -1 : 0);
-  // Nothing is closed in this function, so all that was found still exists.
-  for (int i = 0; i < found; ++i) {
-    const epoll_event& event = events[static_cast<std::size_t>(i)];
-    if (event.data.ptr != nullptr)
-      static_cast<Watched*>(event.data.ptr)->OnEvents(event.events);
+  std::array<epoll_event, kEventsPerWait> events;
+  int milliseconds = waiting == Waiting::kYes ? -1 : 0;
+  int found = kEventsPerWait;
+  // Until all that is ready has been found; the set reports each once.
+  while (found == kEventsPerWait) {
+    // An interrupted wait has found nothing.
+    found = ::epoll_wait(set_.get(), events.data(), kEventsPerWait,
+                         std::exchange(milliseconds, 0));
+    // Nothing is closed in this function, so all that was found still exists.
+    for (int i = 0; i < found; ++i) {
+      const epoll_event& event = events[static_cast<std::size_t>(i)];
+      if (event.data.ptr != nullptr)
+        static_cast<Watched*>(event.data.ptr)->OnEvents(event.events);
+    }
   }
 }
 

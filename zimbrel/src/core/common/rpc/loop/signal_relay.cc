@@ -87,7 +87,10 @@ SignalRelay::~SignalRelay() {
 OwnedDescriptor SignalRelay::Descriptor() const {
   if (signal_number_ == 0) return OwnedDescriptor(-1);
   const int counter = counters[static_cast<std::size_t>(signal_number_)];
-  return OwnedDescriptor(::fcntl(counter, F_DUPFD_CLOEXEC, 0));
+  OwnedDescriptor copy(::fcntl(counter, F_DUPFD_CLOEXEC, 0));
+  if (copy.get() < 0)
+    PLOG(FATAL) << "event loop: cannot create a descriptor for signals";
+  return copy;
 }
 
 }  // namespace orvane::internal

@@ -85,10 +85,12 @@ bool TimerQueue::IsDue() const {
 }
 
 void TimerQueue::PostDue() {
-  if (posted_ > 0 || entries_.empty()) return;
+  if (entries_.empty()) return;
   const std::int64_t now = Now();
-  for (auto due = entries_.begin(); due != entries_.end() && due->first <= now;
-       ++due) {
+  int due = 0;
+  for (auto next = entries_.begin();
+       next != entries_.end() && next->first <= now; ++next) {
+    if (++due <= posted_) continue;
     ++posted_;
     loop_->Post([this] { RunNext(); });
   }

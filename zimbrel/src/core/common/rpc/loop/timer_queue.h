@@ -27,8 +27,8 @@ class TimerQueue {
 
   std::unique_ptr<EventLoop::Timer> Add(absl::Duration delay, Task task);
 
-  // Posts a task for each timer that is due, unless some of the last ones are
-  // still waiting. Each runs the earliest timer that is due by then.
+  // Posts tasks until there is one for each timer that is due. Each runs the
+  // earliest timer that is due by then.
   void PostDue();
 
   // Makes descriptor() become readable when the earliest timer is due, which an

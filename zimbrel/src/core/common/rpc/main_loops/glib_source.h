@@ -21,14 +21,12 @@ namespace orvane {
 // Thread: the one that iterates the context. Lifetime: the loop outlives it.
 class GlibSource {
  public:
-  // Runs after GDK's redrawing, which has G_PRIORITY_HIGH_IDLE + 20. At a
-  // higher priority, a flood of events would freeze the window.
-  static constexpr int kAfterRedraw = G_PRIORITY_HIGH_IDLE + 30;
-
   // If `context` is null, the default one is used. After `max_time` of work,
-  // other sources have their turn.
+  // other sources of this and of higher priorities have their turn. So a flood
+  // of events neither keeps GDK from drawing nor, with the default, functions
+  // that were added by g_idle_add from running.
   explicit GlibSource(EventLoop* loop, GMainContext* context = nullptr,
-                      int priority = kAfterRedraw,
+                      int priority = G_PRIORITY_DEFAULT_IDLE,
                       absl::Duration max_time = absl::Milliseconds(2))
       : source_(g_source_new(&kFunctions, sizeof(Source))) {
     auto* const source = reinterpret_cast<Source*>(source_);

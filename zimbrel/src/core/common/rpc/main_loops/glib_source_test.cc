@@ -85,6 +85,21 @@ TEST(GlibSource, RunsInAContextOfItsOwn) {
   g_main_context_unref(context);
 }
 
+TEST(GlibSource, LetsIdleFunctionsRunBesideATaskThatPostsItself) {
+  EventLoop loop;
+  Glib glib(&loop);
+  std::function<void()> flood = [&] { loop.Post([&flood] { flood(); }); };
+  flood();
+  bool ran = false;
+  g_idle_add(
+      [](gpointer data) -> gboolean {
+        *static_cast<bool*>(data) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &ran);
+  glib.RunUntil([&ran] { return ran; });
+}
+
 TEST(GlibSource, DestroyedItRunsNothingMore) {
   EventLoop loop;
   bool ran = false;

@@ -4,6 +4,7 @@
 #define ZIMBREL_SRC_CORE_COMMON_RPC_MAIN_LOOPS_QT_NOTIFIER_H_
 
 #include <QObject>
+#include <QPointer>
 #include <QSocketNotifier>
 
 #include "absl/time/time.h"
@@ -20,7 +21,8 @@ namespace orvane {
 // dialog: the loop does nothing until the handler returns. Show dialogs with
 // open().
 //
-// Thread: the one that created it. Lifetime: the loop outlives it.
+// A loop has one of these at a time. Thread: the one that created it. Lifetime:
+// the loop outlives it.
 class QtNotifier {
  public:
   // After `max_time` of work, other events have their turn.
@@ -28,10 +30,20 @@ class QtNotifier {
                       absl::Duration max_time = absl::Milliseconds(2))
       : notifier_(loop->descriptor(), QSocketNotifier::Read) {
     QObject::connect(&notifier_, &QSocketNotifier::activated,
-                     [loop, max_time] { loop->RunReady(max_time); });
+                     [this, loop, max_time] { Run(loop, max_time); });
   }
 
  private:
+  void Run(EventLoop* loop, absl::Duration max_time) {
+    // A task may destroy this object.
+    const QPointer<QSocketNotifier> notifier = &notifier_;
+    // Otherwise what arrives meanwhile would run inside a handler that calls
+    // exec(), or keep Qt busy.
+    notifier_.setEnabled(false);
+    loop->RunReady(max_time);
+    if (!notifier.isNull()) notifier->setEnabled(true);
+  }
+
   QSocketNotifier notifier_;
 };
 

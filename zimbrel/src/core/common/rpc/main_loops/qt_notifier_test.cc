@@ -40,5 +40,32 @@ class Qt6 {
 
 INSTANTIATE_TYPED_TEST_SUITE_P(Qt6, MainLoopTest, Qt6);
 
+TEST(QtNotifier, RunsNothingInsideATaskThatRunsQtsLoop) {
+  EventLoop loop;
+  Qt6 qt(&loop);
+  bool ran_inside = true;
+  bool ran = false;
+  loop.Post([&] {
+    const auto timer = loop.RunAfter(absl::ZeroDuration(), [] {});
+    loop.Post([&ran] { ran = true; });
+    // With an end, since without work Qt would wait for ever.
+    QEventLoop dialog;
+    QTimer::singleShot(10, &dialog, &QEventLoop::quit);
+    dialog.exec();
+    ran_inside = ran;
+  });
+  qt.RunUntil([&ran] { return ran; });
+  EXPECT_FALSE(ran_inside);
+}
+
+TEST(QtNotifier, MayBeDestroyedByATaskOfTheLoop) {
+  EventLoop loop;
+  Qt6 qt(&loop);
+  auto other = std::make_unique<EventLoop>();
+  auto notifier = std::make_unique<QtNotifier>(other.get());
+  other->Post([&notifier] { notifier.reset(); });
+  qt.RunUntil([&notifier] { return notifier == nullptr; });
+}
+
 }  // namespace
 }  // namespace orvane

@@ -9,10 +9,13 @@
 #include <sys/eventfd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdint>
+#include <memory>
 #include <semaphore>
 #include <thread>
 
+#include "absl/log/log.h"
 #include "absl/time/time.h"
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
@@ -44,17 +47,21 @@ class SdlEvents {
         max_time_(max_time),
         type_(SDL_RegisterEvents(1)),
         end_(::eventfd(0, EFD_CLOEXEC)),
-        waiter_([this, descriptor = loop->descriptor()] {
-          Wait(descriptor);
-          SDL_TLSCleanup();  // SDL does so only in threads that it has made.
-        }) {}
+        handled_(std::make_shared<Semaphore>(0)) {
+    if (end_.get() < 0) PLOG(FATAL) << "SdlEvents: cannot create a descriptor";
+    if (type_ == kNoType) LOG(FATAL) << "SdlEvents: SDL has no event type left";
+    waiter_ = std::thread([this, descriptor = loop->descriptor()] {
+      Wait(descriptor);
+      SDL_TLSCleanup();  // SDL does so only in threads that it has made.
+    });
+  }
   SdlEvents(const SdlEvents&) = delete;
   SdlEvents& operator=(const SdlEvents&) = delete;
 
   // Afterwards SDL does not report the loop's work any more.
   ~SdlEvents() {
     ::eventfd_write(end_.get(), 1);
-    handled_.release();
+    handled_->release();
     waiter_.join();
     SDL_FlushEvent(type_);
   }
@@ -63,24 +70,36 @@ class SdlEvents {
   // false if it has not: the caller then has to handle the event.
   bool Handle(const SDL_Event& event) {
     if (event.type != type_) return false;
+    // A task may destroy this object.
+    const std::shared_ptr<Semaphore> handled = handled_;
     loop_->RunReady(max_time_);
-    handled_.release();
+    handled->release();
     return true;
   }
 
  private:
+  using Semaphore = std::counting_semaphore<>;
+
+  // What SDL_RegisterEvents returns if there are none left.
+  static constexpr auto kNoType = static_cast<std::uint32_t>(-1);
+
   // SDL's queue may be full for a while.
   static constexpr int kRetryMilliseconds = 10;
+
+  // The program may have thrown the event away, such as with all that a user
+  // did while it was busy; then it is sent again.
+  static constexpr auto kLongestSilence = std::chrono::milliseconds(100);
 
   // On the waiter's thread.
   void Wait(int descriptor) {
     while (!HasEnded(descriptor, -1)) {
       SDL_Event event{};
       event.type = type_;
-      while (SDL_PushEvent(&event) <= 0) {
+      while (SDL_HasEvent(type_) == SDL_FALSE && SDL_PushEvent(&event) <= 0) {
         if (HasEnded(-1, kRetryMilliseconds)) return;
       }
-      handled_.acquire();
+      [[maybe_unused]] const bool is_handled =
+          handled_->try_acquire_for(kLongestSilence);
     }
   }
 
@@ -98,7 +117,7 @@ class SdlEvents {
   const std::uint32_t type_;
   const OwnedDescriptor end_;  // Readable once this object is to be destroyed.
   // Released by Handle. Until then the waiter need not report the work again.
-  std::counting_semaphore<> handled_{0};
+  const std::shared_ptr<Semaphore> handled_;
   std::thread waiter_;
 };
 

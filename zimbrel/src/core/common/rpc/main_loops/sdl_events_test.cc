@@ -4,7 +4,6 @@
 
 #include <functional>
 #include <memory>
-#include <optional>
 #include <utility>
 
 #include "gtest/gtest.h"
@@ -27,7 +26,7 @@ class SdlSubsystems {
 
 class Sdl2 {
  public:
-  explicit Sdl2(EventLoop* loop) : events_(std::in_place, loop) {}
+  explicit Sdl2(EventLoop* loop) : events_(std::make_unique<SdlEvents>(loop)) {}
   ~Sdl2() {
     if (timer_ != 0) SDL_RemoveTimer(timer_);
   }
@@ -58,7 +57,7 @@ class Sdl2 {
 
  private:
   SdlSubsystems subsystems_;
-  std::optional<SdlEvents> events_;
+  std::unique_ptr<SdlEvents> events_;
   std::function<void()> tick_;
   Uint32 tick_type_ = SDL_RegisterEvents(1);
   SDL_TimerID timer_ = 0;
@@ -84,6 +83,28 @@ TEST(SdlEvents, WaitsUntilAFullQueueHasRoom) {
   bool ran = false;
   loop.Post([&ran] { ran = true; });
   sdl.RunUntil([&ran] { return ran; });
+}
+
+TEST(SdlEvents, SendsAgainWhatTheProgramHasThrownAway) {
+  EventLoop loop;
+  Sdl2 sdl(&loop);
+  bool ran = false;
+  loop.Post([&ran] { ran = true; });
+  while (SDL_HasEvents(SDL_USEREVENT, SDL_LASTEVENT) == SDL_FALSE) {
+  }
+  SDL_FlushEvents(SDL_USEREVENT, SDL_LASTEVENT);
+  sdl.RunUntil([&ran] { return ran; });
+}
+
+TEST(SdlEvents, MayBeDestroyedByATaskOfTheLoop) {
+  EventLoop loop;
+  Sdl2 sdl(&loop);
+  bool is_destroyed = false;
+  loop.Post([&] {
+    sdl.Destroy();
+    is_destroyed = true;
+  });
+  sdl.RunUntil([&is_destroyed] { return is_destroyed; });
 }
 
 TEST(SdlEvents, MayBeDestroyedWithAnEventInTheQueue) {
