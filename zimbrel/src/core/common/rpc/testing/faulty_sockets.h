@@ -1,6 +1,6 @@
 // For tests: a system whose sockets move few bytes at a time and are
-// interrupted. What links this has it in place of the C library's recv and
-// send.
+// interrupted, and that refuses to make them. What links this has it in place
+// of the C library's functions.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_FAULTY_SOCKETS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_FAULTY_SOCKETS_H_
@@ -25,6 +25,10 @@ struct SocketFaults {
   // So many times accept fails with EMFILE, as if no descriptor were left. The
   // sanitizers need some, so they cannot be used up in earnest.
   int failing_accepts = 0;
+
+  // The so-many-th of the calls that make a server listen fails with ENOSPC:
+  // mkdir, open, flock, socket, bind, chmod, listen, epoll_ctl; 0: none.
+  int failing_setup = 0;
 };
 
 // From now on, for all sockets of the process.
