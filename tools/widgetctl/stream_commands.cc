@@ -21,6 +21,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
 
 namespace widgetctl {
 
@@ -75,8 +76,9 @@ class Progress {
       return Fail(kNoConnection,
                   absl::StrCat(method_, " ended: the widget completed it"));
     }
-    return Fail(client.status().ok() ? kFailed : kNoConnection,
-                absl::StrCat(method_, " failed: ", end.message()));
+    return Fail(
+        client.status().ok() ? kFailed : kNoConnection,
+        absl::StrCat(method_, " failed: ", orvane::Printable(end.message())));
   }
 
   const Options& options_;
