@@ -158,8 +158,10 @@ The key is a BrowserId as JSON, or just its number. The answer to each call is
                      call's line as stdin. If it fails or does not print a
                      response, the call fails.
 
-Commands of several calls run at the same time. With --count it ends after N
-answers, and fails if it has not given them within the timeout.
+Up to 16 commands run at the same time. Further calls wait; if 100 wait
+already, a call fails. With --count it ends after N answers, and fails if it has
+not given them within the timeout. Commands that still run at the end are
+terminated, with all processes that they have started.
 
   widgetctl serve OnTakeFocus 1 --reply '{"taken": true}'
 )",
