@@ -26,8 +26,10 @@ Console::Console(orvane::EventLoop* loop, orvane::SocketClient* connection,
 }
 
 void Console::Tell(const std::string& news) {
-  std::cout << news << std::endl;
-  news_.push_back(news);
+  // Most of it comes from the widget, which has it from a page.
+  std::string line = orvane::Printable(news);
+  std::cout << line << std::endl;
+  news_.push_back(std::move(line));
 }
 
 absl::Status Console::Await(const std::string& beginning) {
@@ -145,11 +147,15 @@ void Console::Serve() {
         std::string list = absl::StrCat("drop-down ", call.popup_id(), ":");
         for (const rpc::DropDownItem& item : call.items())
           absl::StrAppend(&list, " ", item.label());
-        Tell(list + "; the next one is chosen");
         rpc::ShowDropdownResponse answer;
-        answer.set_accepted(true);
-        answer.add_selected_indices((call.selected_index() + 1) %
-                                    static_cast<unsigned>(call.items_size()));
+        if (call.items().empty()) {
+          Tell(list + " nothing to choose");
+        } else {
+          Tell(list + "; the next one is chosen");
+          answer.set_accepted(true);
+          answer.add_selected_indices((call.selected_index() + 1) %
+                                      static_cast<unsigned>(call.items_size()));
+        }
         std::move(responder).Respond(std::move(answer)).IgnoreError();
       }));
   streams_.push_back(widget_.OnTakeFocus(

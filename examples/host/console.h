@@ -28,7 +28,7 @@ class Console {
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
 
-  // Prints a line.
+  // Prints a line. What a terminal would obey in it is escaped.
   void Tell(const std::string& news);
 
   // Waits for a line that begins with `beginning`, unless such a line was

@@ -34,7 +34,7 @@ constexpr Point kButton = {248, 96};
 // Ends the process if `status` is an error.
 void Must(const absl::Status& status) {
   if (status.ok()) return;
-  std::cerr << "host: " << status.message() << "\n";
+  std::cerr << "host: " << orvane::Printable(status.message()) << "\n";
   std::exit(EXIT_FAILURE);
 }
 

@@ -8,12 +8,15 @@
 #include <utility>
 #include <vector>
 
+#include "absl/status/statusor.h"
 #include "absl/strings/str_cat.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/stream/call.h"
+#include "zimbrel/src/core/common/rpc/stream/publish.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
@@ -109,6 +112,26 @@ class DyingWidget final : public rpc::BrowserWidgetRpc {
   Closure* done_ = nullptr;
 };
 
+// A page that has got hold of the widget.
+class HostileWidget final : public rpc::BrowserWidgetRpc {
+ public:
+  void Attach(RpcController*, const rpc::AttachRequest* request,
+              rpc::AttachResult* response, Closure* done) override {
+    rpc::TooltipChanged event;
+    event.set_text("\x1b[2J" + std::string(5000, 'x'));
+    orvane::Publish<rpc::TooltipChanged>(request->browser_id(), event);
+    orvane::Call<rpc::ShowDropdown>(
+        request->browser_id(), rpc::ShowDropdownCall(),
+        [this](absl::StatusOr<rpc::ShowDropdownResponse> answer) {
+          dropdown = std::move(answer);
+        });
+    response->set_refusal("no\n\x1b]0;room\x07");
+    done->Run();
+  }
+
+  absl::StatusOr<rpc::ShowDropdownResponse> dropdown;
+};
+
 class HostTest : public ::testing::Test {
  protected:
   static ChildProcess::Result Run(std::vector<std::string> arguments) {
@@ -197,6 +220,24 @@ TEST_F(HostTest, ARefusalIsToldInTheWidgetsWords) {
   const ChildProcess::Result result = host.Wait();
   EXPECT_EQ(result.errors, "host: no room\n");
   EXPECT_EQ(result.exit_code, 1);
+}
+
+TEST_F(HostTest, AHostileWidgetCannotEndItOrCommandTheTerminal) {
+  orvane::EventLoop loop;
+  HostileWidget widget;
+  orvane::SocketServer server(&loop, &widget);
+  ASSERT_EQ(server.Listen(socket_), absl::OkStatus());
+  ChildProcess host({HOST, "--socket", socket_});
+  loop.RunUntil([&] { return server.connections() == 1; });
+  loop.RunUntil([&] { return server.connections() == 0; });
+  const ChildProcess::Result result = host.Wait();
+  EXPECT_THAT(result.output, HasSubstr("\ntooltip: \\033[2Jxxx"));
+  EXPECT_THAT(result.output, HasSubstr("xxx...\n"));
+  EXPECT_THAT(result.output, HasSubstr("\ndrop-down 0: nothing to choose\n"));
+  EXPECT_EQ(result.errors, "host: no\\n\\033]0;room\\007\n");
+  EXPECT_EQ(result.exit_code, 1);
+  ASSERT_TRUE(widget.dropdown.ok()) << widget.dropdown.status();
+  EXPECT_FALSE(widget.dropdown->accepted());
 }
 
 TEST_F(HostTest, HelpTellsTheOptions) {

@@ -20,6 +20,7 @@
 #include "tools/widgetctl/session_runner.h"
 #include "tools/widgetctl/stream_commands.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
 namespace widgetctl {
@@ -84,7 +85,8 @@ ExitCode Call(const Options& options,
   const Answer answer = MakeCall(*call, options.timeout, **client);
   if (!answer.ok()) {
     return Fail((*client)->status().ok() ? kFailed : kNoConnection,
-                absl::StrCat(method, " failed: ", answer.status().message()));
+                absl::StrCat(method, " failed: ",
+                             orvane::Printable(answer.status().message())));
   }
   std::cout << ToJson(**answer) << '\n';
   return kOk;
@@ -108,7 +110,8 @@ ExitCode Run(const Options& options, const std::vector<std::string>& file) {
   if (RunSession(*session, options.timeout, loop, **client, std::cout))
     return kOk;
   const absl::Status& connection = (*client)->status();
-  return connection.ok() ? kFailed : Fail(kNoConnection, connection.message());
+  if (connection.ok()) return kFailed;
+  return Fail(kNoConnection, orvane::Printable(connection.message()));
 }
 
 constexpr Command kCommands[] = {
@@ -155,8 +158,10 @@ The key is a BrowserId as JSON, or just its number. The answer to each call is
                      call's line as stdin. If it fails or does not print a
                      response, the call fails.
 
-Commands of several calls run at the same time. With --count it ends after N
-answers, and fails if it has not given them within the timeout.
+Up to 16 commands run at the same time. Further calls wait; if 100 wait
+already, a call fails. With --count it ends after N answers, and fails if it has
+not given them within the timeout. Commands that still run at the end are
+terminated, with all processes that they have started.
 
   widgetctl serve OnTakeFocus 1 --reply '{"taken": true}'
 )",

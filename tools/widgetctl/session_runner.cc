@@ -19,6 +19,7 @@
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
 #include "zimbrel/src/core/common/rpc/method_kind.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
 
 namespace widgetctl {
 
@@ -36,10 +37,12 @@ constexpr std::size_t kColumns = 100;
 constexpr absl::string_view kLineBreak = "\n                    ";
 constexpr absl::string_view kArrow = " => ";
 
-// The form that an answer has in a session file.
+// The form that an answer has in a session file, but fit for a terminal.
 std::string ToText(const Answer& answer) {
-  return answer.ok() ? ToJson(**answer)
-                     : absl::StrCat("error: ", answer.status().message());
+  return answer.ok()
+             ? ToJson(**answer)
+             : absl::StrCat("error: ",
+                            orvane::Printable(answer.status().message()));
 }
 
 bool AreSame(const Answer& one, const Answer& other) {
@@ -94,7 +97,8 @@ class Runner {
   bool Finish() {
     for (const auto& [name, why] : ended_) {
       Unexpected(absl::StrCat(
-          "end of ", name, why.ok() ? "" : absl::StrCat(": ", why.message())));
+          "end of ", name,
+          why.ok() ? "" : ": " + orvane::Printable(why.message())));
     }
     for (const auto& [method, messages] : arrived_) {
       for (const auto& message : messages) {

@@ -57,9 +57,14 @@ absl::StatusOr<pid_t> Spawn(std::string command, const OwnedDescriptor& input,
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, input.get(), STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, output.get(), STDOUT_FILENO);
+  // A group of its own, so that what the shell starts can be ended with it.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
   pid_t pid = 0;
-  const int error =
-      ::posix_spawn(&pid, shell.c_str(), &actions, nullptr, words, ::environ);
+  const int error = ::posix_spawn(&pid, shell.c_str(), &actions, &attributes,
+                                  words, ::environ);
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) return CannotStart(error);
   return pid;
@@ -91,7 +96,7 @@ class ShellCommand::Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
   ~Process() {
-    if (on_end_) ::kill(pid_, SIGTERM);  // Not reaped yet, so still its id.
+    if (on_end_) ::kill(-pid_, SIGTERM);  // Not reaped yet, so still its id.
   }
 
  private:
@@ -149,7 +154,7 @@ absl::StatusOr<std::unique_ptr<ShellCommand>> ShellCommand::Start(
   const absl::StatusOr<pid_t> pid = Spawn(command, *file, write_end);
   if (!pid.ok()) return pid.status();
   const auto abandon = [&pid](const absl::Status& why) {
-    ::kill(*pid, SIGKILL);
+    ::kill(-*pid, SIGKILL);
     TEMP_FAILURE_RETRY(::waitpid(*pid, nullptr, 0));
     return why;
   };

@@ -14,7 +14,8 @@
 
 namespace widgetctl {
 
-// A command that /bin/sh runs while the loop goes on. It shares our stderr.
+// A command that /bin/sh runs, in a process group of its own, while the loop
+// goes on. It shares our stderr.
 //
 // Thread: the service thread. Lifetime: the loop outlives it.
 class ShellCommand {
@@ -34,8 +35,9 @@ class ShellCommand {
   ShellCommand(const ShellCommand&) = delete;
   ShellCommand& operator=(const ShellCommand&) = delete;
 
-  // If the shell still runs, asks it to terminate, but does not wait for that.
-  // `on_end` does not run afterwards.
+  // If the command has not ended, sends SIGTERM to the shell and to all that it
+  // has started in its process group, but does not wait for their end. `on_end`
+  // does not run afterwards.
   ~ShellCommand();
 
  private:

@@ -109,5 +109,14 @@ TEST_F(ShellCommandTest, IsTerminatedWithItsOwner) {
   EXPECT_FALSE(printed_.has_value());
 }
 
+TEST_F(ShellCommandTest, IsTerminatedWithAllThatItHasStarted) {
+  Start("exec >" + Fifo() + "; sleep 1000 & echo started; sleep 1000; true");
+  std::ifstream output(Fifo());
+  std::string line;
+  ASSERT_TRUE(std::getline(output, line));
+  command_.reset();
+  EXPECT_FALSE(std::getline(output, line));  // Their end closes the fifo.
+}
+
 }  // namespace
 }  // namespace widgetctl

@@ -1,6 +1,8 @@
 #include "tools/widgetctl/stream_commands.h"
 
 #include <csignal>
+#include <cstddef>
+#include <deque>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -19,6 +21,7 @@
 #include "tools/widgetctl/shell_command.h"
 #include "tools/widgetctl/streams.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
@@ -75,8 +78,9 @@ class Progress {
       return Fail(kNoConnection,
                   absl::StrCat(method_, " ended: the widget completed it"));
     }
-    return Fail(client.status().ok() ? kFailed : kNoConnection,
-                absl::StrCat(method_, " failed: ", end.message()));
+    return Fail(
+        client.status().ok() ? kFailed : kNoConnection,
+        absl::StrCat(method_, " failed: ", orvane::Printable(end.message())));
   }
 
   const Options& options_;
@@ -106,26 +110,52 @@ std::string ToLine(const WidgetCall& call) {
 }
 
 // Answers each call with what a command prints, as soon as the command has
-// ended.
+// ended. Some commands run at the same time; further calls wait for their end,
+// and beyond a limit they fail.
 class CommandAnswers {
  public:
   CommandAnswers(EventLoop* loop, const MethodDescriptor* method,
                  const Options& options, Progress* progress)
       : loop_(loop), method_(method), options_(options), progress_(progress) {}
 
-  void Begin(WidgetCall call, const std::string& line) {
-    const auto waiting = std::make_shared<const WidgetCall>(std::move(call));
-    absl::StatusOr<std::unique_ptr<ShellCommand>> started = ShellCommand::Start(
-        loop_, *options_.command, absl::StrCat(line, "\n"),
-        [this, waiting](const absl::StatusOr<std::string>& printed) {
-          const auto ended = running_.extract(waiting.get());
-          Give(*waiting, printed);
-        });
-    if (!started.ok()) return Give(*waiting, started.status());
-    running_.emplace(waiting.get(), *std::move(started));
+  void Take(WidgetCall call, const std::string& line) {
+    Call taken = std::make_shared<const WidgetCall>(std::move(call));
+    if (waiting_.size() == kMostWaiting) {
+      return Give(*taken, absl::ResourceExhaustedError(absl::StrCat(
+                              kMostRunning, " commands run and ", kMostWaiting,
+                              " calls wait, which are the limits")));
+    }
+    waiting_.emplace_back(std::move(taken), line);
+    BeginNext();
   }
 
  private:
+  using Call = std::shared_ptr<const WidgetCall>;
+
+  // The help of serve tells these.
+  static constexpr std::size_t kMostRunning = 16;
+  static constexpr std::size_t kMostWaiting = 100;
+
+  void BeginNext() {
+    while (!waiting_.empty() && running_.size() < kMostRunning) {
+      const auto [call, line] = std::move(waiting_.front());
+      waiting_.pop_front();
+      Begin(call, line);
+    }
+  }
+
+  void Begin(const Call& call, const std::string& line) {
+    absl::StatusOr<std::unique_ptr<ShellCommand>> started = ShellCommand::Start(
+        loop_, *options_.command, absl::StrCat(line, "\n"),
+        [this, call](const absl::StatusOr<std::string>& printed) {
+          const auto ended = running_.extract(call);
+          Give(*call, printed);
+          BeginNext();
+        });
+    if (!started.ok()) return Give(*call, started.status());
+    running_.emplace(call, *std::move(started));
+  }
+
   void Give(const WidgetCall& call,
             const absl::StatusOr<std::string>& printed) {
     const Answer answer = printed.ok() ? ReadResponse(*method_, *printed)
@@ -141,7 +171,8 @@ class CommandAnswers {
   const MethodDescriptor* const method_;
   const Options& options_;
   Progress* const progress_;
-  std::map<const WidgetCall*, std::unique_ptr<ShellCommand>> running_;
+  std::map<Call, std::unique_ptr<ShellCommand>> running_;
+  std::deque<std::pair<Call, std::string>> waiting_;  // With its line.
 };
 
 }  // namespace
@@ -200,7 +231,7 @@ ExitCode Serve(const Options& options,
         ++begun;
         const std::string line = ToLine(call);
         PrintLine(line);
-        if (!fixed.has_value()) return answers.Begin(std::move(call), line);
+        if (!fixed.has_value()) return answers.Take(std::move(call), line);
         call.Give(*fixed).IgnoreError();  // With --fail an error is expected.
         progress.CountOne();
       },

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <fstream>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -306,9 +307,53 @@ TEST_F(WidgetctlStreamsTest, ServeTakesCallsWhileACommandRuns) {
   EXPECT_EQ(serve.Wait().exit_code, 0);
 }
 
-TEST_F(WidgetctlStreamsTest, ServeTakesItsCommandsAlongWhenItIsInterrupted) {
+TEST_F(WidgetctlStreamsTest, ServeRunsSomeCommandsAtOnceAndTheOthersLater) {
+  const std::string gate = Path("gate");
+  ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
+  std::fstream both_ends(gate);
+  ChildProcess serve =
+      Start({"serve", "OnTakeFocus", "1", "--count", "40", "--command",
+             absl::StrCat("read line <", gate, R"(; echo '{"taken": true}')")});
+  std::vector<std::future<Answer>> answers = Call(40);
+  // A line is printed before its command begins, so all but one have begun if
+  // they are ever to begin before others have ended.
+  for (int i = 0; i < 40; ++i) serve.ReadLine();
+  EXPECT_EQ(serve.CountChildren(), 16);
+  both_ends << std::string(40, '\n') << std::flush;  // A line for each.
+  for (std::future<Answer>& answer : answers) EXPECT_TRUE(answer.get().ok());
+  EXPECT_THAT(serve.Wait(), Succeeds(""));
+}
+
+TEST_F(WidgetctlStreamsTest, ServeFailsACallIfTooManyWait) {
   ChildProcess serve =
       Start({"serve", "OnTakeFocus", "1", "--command", "exec sleep 1000"});
+  std::vector<std::future<Answer>> answers = Call(117);
+  EXPECT_EQ(answers.back().get().status().code(), absl::StatusCode::kUnknown);
+  for (int i = 0; i < 117; ++i) serve.ReadLine();
+  serve.Signal(SIGTERM);
+  EXPECT_THAT(serve.Wait().errors,
+              HasSubstr(" failed: 16 commands run and 100 calls wait"));
+}
+
+TEST_F(WidgetctlStreamsTest, ACommandInheritsNoDescriptors) {
+  const auto content = [](const std::string& path) {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  const std::string list = "ls /proc/self/fd >";
+  ChildProcess({"/bin/sh", "-c", list + Path("here")}).Wait();
+  ChildProcess serve =
+      Start({"serve", "OnTakeFocus", "1", "--count", "1", "--command",
+             list + Path("there") + "; echo '{}'"});
+  EXPECT_TRUE(CallOne().ok());
+  serve.ReadLine();
+  EXPECT_THAT(serve.Wait(), Succeeds(""));
+  EXPECT_EQ(content(Path("there")), content(Path("here")));
+}
+
+TEST_F(WidgetctlStreamsTest, ServeTakesItsCommandsAlongWhenItIsInterrupted) {
+  ChildProcess serve =
+      Start({"serve", "OnTakeFocus", "1", "--command", "sleep 1000; true"});
   std::future<Answer> answer = std::move(Call(1).front());
   EXPECT_THAT(serve.ReadLine(), StartsWith("{\"callId\":"));
   serve.Signal(SIGTERM);

@@ -22,9 +22,11 @@ using google::protobuf::Closure;
 using google::protobuf::Empty;
 using google::protobuf::RpcController;
 using orvane::testing::ChildProcess;
+using ::testing::AllOf;
 using ::testing::ContainsRegex;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 // One method for each way in which a call may end.
@@ -49,6 +51,12 @@ class ScriptedWidget final : public rpc::BrowserWidgetRpc {
             Closure* done) override {
     controller->SetFailed(
         absl::StrCat("browser ", request->value(), " will not hide "));
+    done->Run();
+  }
+
+  void Unfocus(RpcController* controller, const BrowserId*, Empty*,
+               Closure* done) override {
+    controller->SetFailed("no\nwidgetctl: \x1b[2J" + std::string(2010, 'x'));
     done->Run();
   }
 
@@ -127,10 +135,20 @@ TEST_F(WidgetctlTest, CallReadsTheRequestFromStdin) {
 TEST_F(WidgetctlTest, CallTellsTheTextOfAFailedCall) {
   EXPECT_THAT(Widgetctl({"call", "Hide", R"({"value": 7})"}),
               Fails(1, "widgetctl: Hide failed: browser 7 will not hide \n"));
-  EXPECT_THAT(Widgetctl({"call", "Unfocus"}),
+  EXPECT_THAT(Widgetctl({"call", "Restore"}),
               Fails(1,
-                    "widgetctl: Unfocus failed: "
-                    "Method Unfocus() not implemented.\n"));
+                    "widgetctl: Restore failed: "
+                    "Method Restore() not implemented.\n"));
+}
+
+TEST_F(WidgetctlTest, TheTextOfAFailedCallCannotCommandTheTerminal) {
+  const auto printed = AllOf(HasSubstr("no\\nwidgetctl: \\033[2Jxxx"),
+                             HasSubstr("xxx...\n"), Not(HasSubstr("\x1b")));
+  EXPECT_THAT(Widgetctl({"call", "Unfocus"}), Fails(1, printed));
+  const ChildProcess::Result run =
+      Widgetctl({"run", File("calls", "Unfocus {} => {}\n")});
+  EXPECT_THAT(run.output, printed);
+  EXPECT_EQ(run.exit_code, 1);
 }
 
 TEST_F(WidgetctlTest, CallGivesUpAfterTheTimeout) {

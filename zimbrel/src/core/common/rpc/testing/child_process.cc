@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <utility>
 
 #include "absl/log/log.h"
@@ -80,6 +82,14 @@ std::string ChildProcess::ReadLine() {
 }
 
 void ChildProcess::Signal(int number) const { ::kill(pid_, number); }
+
+int ChildProcess::CountChildren() const {
+  const std::string id = std::to_string(pid_);
+  std::ifstream children("/proc/" + id + "/task/" + id + "/children");
+  if (!children) LOG(FATAL) << "the system does not tell a process's children";
+  return static_cast<int>(
+      std::distance(std::istream_iterator<pid_t>(children), {}));
+}
 
 ChildProcess::Result ChildProcess::Wait() {
   std::string output = ReadAll(output_);

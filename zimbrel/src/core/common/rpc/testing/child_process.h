@@ -37,6 +37,9 @@ class ChildProcess {
 
   void Signal(int number) const;
 
+  // How many processes it has started that have not been waited for.
+  int CountChildren() const;
+
   // Waits until the child has ended. No other member may be called afterwards.
   Result Wait();
 

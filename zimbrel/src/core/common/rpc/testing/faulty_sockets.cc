@@ -1,11 +1,16 @@
 #include "zimbrel/src/core/common/rpc/testing/faulty_sockets.h"
 
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <map>
 #include <set>
 
@@ -50,6 +55,17 @@ int SendError(int descriptor) {
   if (is_new) return 0;
   TheState().full.erase(place);
   return EAGAIN;
+}
+
+// Makes the call unless it is the one that fails.
+template <typename... Arguments>
+int SetUp(long call, Arguments... arguments) {
+  int& failing = TheState().faults.failing_setup;
+  if (failing > 0 && --failing == 0) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return static_cast<int>(::syscall(call, arguments...));
 }
 
 }  // namespace
@@ -115,5 +131,47 @@ int accept4(int descriptor, sockaddr* address, socklen_t* length, int flags) {
   return static_cast<int>(
       ::syscall(SYS_accept4, descriptor, address, length, flags));
 }
+
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
+
+int mkdir(const char* path, mode_t mode) noexcept {
+  return orvane::testing::SetUp(SYS_mkdirat, AT_FDCWD, path, mode);
+}
+
+int open(const char* path, int flags, ...) {
+  std::va_list rest;
+  va_start(rest, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
+  va_end(rest);
+  return orvane::testing::SetUp(SYS_openat, AT_FDCWD, path, flags, mode);
+}
+
+int flock(int descriptor, int operation) noexcept {
+  return orvane::testing::SetUp(SYS_flock, descriptor, operation);
+}
+
+int socket(int domain, int type, int protocol) noexcept {
+  return orvane::testing::SetUp(SYS_socket, domain, type, protocol);
+}
+
+int bind(int descriptor, const sockaddr* address, socklen_t length) noexcept {
+  return orvane::testing::SetUp(SYS_bind, descriptor, address, length);
+}
+
+int chmod(const char* path, mode_t mode) noexcept {
+  return orvane::testing::SetUp(SYS_fchmodat, AT_FDCWD, path, mode);
+}
+
+int listen(int descriptor, int waiting) noexcept {
+  return orvane::testing::SetUp(SYS_listen, descriptor, waiting);
+}
+
+int epoll_ctl(int set, int operation, int descriptor,
+              epoll_event* event) noexcept {
+  return orvane::testing::SetUp(SYS_epoll_ctl, set, operation, descriptor,
+                                event);
+}
+
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 }  // extern "C"

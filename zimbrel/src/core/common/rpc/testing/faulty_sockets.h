@@ -1,5 +1,5 @@
-// For tests: replaces the C library's recv, send and accept4 by ones that can
-// be made to take few bytes at a time and to fail.
+// For tests: replaces the C library's functions that make, read and write
+// sockets by ones that can be made to take few bytes at a time and to fail.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_FAULTY_SOCKETS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TESTING_FAULTY_SOCKETS_H_
@@ -24,6 +24,11 @@ struct SocketFaults {
   // How many of the next accepts fail with EMFILE, as if no descriptor were
   // left. A test cannot really use them up, since the sanitizers need some.
   int failing_accepts = 0;
+
+  // If this is n, the n-th of the calls that make a server listen fails with
+  // ENOSPC: mkdir, open, flock, socket, bind, chmod, listen, epoll_ctl; 0: none
+  // does.
+  int failing_setup = 0;
 };
 
 // From now on, for all sockets of the process.

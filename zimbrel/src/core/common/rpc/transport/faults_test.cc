@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -175,6 +176,30 @@ TEST_F(FaultsTest, InterruptedCallsChangeNothing) {
 TEST_F(FaultsTest, BothTogetherChangeNothing) {
   ExpectAllAsEver({.max_bytes = 1, .interrupt_every = 2});
   EXPECT_GT(InterruptedCalls(), 0);
+}
+
+TEST_F(FaultsTest, AListenThatFailsAtAnyStepLeavesNothingBehind) {
+  const TemporaryFolder folder;
+  const std::string new_folder = folder.path() + "/new";
+  std::vector<std::string> errors;
+  absl::Status listens;
+  do {
+    SetSocketFaults({.failing_setup = static_cast<int>(errors.size()) + 1});
+    listens = server->Listen(new_folder + "/s");
+    SetSocketFaults({});
+    if (listens.ok()) break;
+    errors.emplace_back(listens.message());
+    EXPECT_FALSE(std::filesystem::exists(new_folder)) << listens;
+  } while (errors.size() < 100);
+  EXPECT_THAT(
+      errors,
+      ElementsAre(HasSubstr("cannot make the socket's folder"),
+                  HasSubstr("cannot open the lock"),
+                  HasSubstr("cannot take the lock"),
+                  HasSubstr("cannot make a socket"), HasSubstr("cannot bind"),
+                  HasSubstr("/s private"), HasSubstr("cannot listen at"),
+                  HasSubstr("cannot watch the descriptor")));
+  EXPECT_TRUE(ConnectTo(new_folder + "/s").ok());
 }
 
 TEST_F(FaultsTest, ASocketThatIsFullTimeAndAgainChangesNothing) {

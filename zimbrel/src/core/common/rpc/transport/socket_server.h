@@ -53,10 +53,12 @@ class SocketServer {
   // kCancelled, as tasks of the loop.
   ~SocketServer();
 
-  // Accepts clients at `path`. The folder must be private to this user; if it
-  // is missing, it is created, but not its parent. A socket file is replaced if
-  // no server listens there any more; if one does, this fails. After an error
-  // nothing has changed. Once the server listens, a second call fails.
+  // Accepts clients at `path`. The folder must be private to this user, and
+  // nobody else but root may be able to replace it; if it is missing, it is
+  // created, but not its parent. A socket file is replaced if no server listens
+  // there any more; if one does, this fails. After an error nothing is left
+  // behind (see ListeningSocket::Open). Once the server listens, a second call
+  // fails.
   absl::Status Listen(const std::string& path);
 
   // Serves the client at the other end of a connected stream socket, such as

@@ -1,5 +1,6 @@
 #include "zimbrel/src/core/common/rpc/transport/subscriptions.h"
 
+#include <cstddef>
 #include <string_view>
 #include <utility>
 
@@ -17,6 +18,10 @@ using google::protobuf::Message;
 using google::protobuf::MethodDescriptor;
 
 namespace {
+
+// A stream reuses the memory of a message for the next one, but not that of a
+// payload longer than this, which may have become many times as long.
+constexpr std::size_t kMaxReusedBytes = std::size_t{16} << 10;
 
 absl::Status Read(std::string_view payload, Message* message) {
   if (internal::ParsePayload(payload, kMaxMessageDepth, message))
@@ -44,9 +49,10 @@ std::unique_ptr<ClientStream> WatchEvents(
   auto stream = client->OpenStream(
       method, {[event = std::move(event), on_event = std::move(on_event)](
                    std::string_view payload, std::int64_t) mutable {
-                 // One message for all events, so that its memory is reused.
                  absl::Status read = Read(payload, event.get());
                  if (read.ok() && on_event) on_event(*event);
+                 if (payload.size() > kMaxReusedBytes)
+                   event.reset(event->New());
                  return read;
                },
                std::move(on_end)});
@@ -88,6 +94,7 @@ std::unique_ptr<ClientStream> ServeCalls(
          } else {
            answer.Fail(*message, "the client has no handler for calls");
          }
+         if (payload.size() > kMaxReusedBytes) message.reset(message->New());
          return absl::OkStatus();
        },
        std::move(on_end)});

@@ -11,12 +11,19 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <list>
+#include <optional>
+#include <system_error>
 #include <utility>
 
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
 
 namespace orvane {
+
+namespace fs = std::filesystem;
+
 namespace {
 
 absl::Status SystemError(absl::string_view what) {
@@ -48,56 +55,109 @@ absl::StatusOr<OwnedDescriptor> NewSocket() {
   return descriptor;
 }
 
-std::string FolderOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
+using FileId = std::pair<dev_t, ino_t>;
+
+FileId IdOf(const struct stat& info) { return {info.st_dev, info.st_ino}; }
+
+// The file or link of that name; empty if there is none.
+std::optional<FileId> Find(const fs::path& path) {
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) != 0) return std::nullopt;
+  return IdOf(info);
 }
 
-absl::Status EnsurePrivate(const std::string& folder) {
-  if (::mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
-    return SystemError(
-        absl::StrCat("cannot make the socket's folder ", folder));
-  }
-  struct stat info {};
-  if (::lstat(folder.c_str(), &info) != 0) {
-    return SystemError(
-        absl::StrCat("cannot inspect the socket's folder ", folder));
-  }
-  if (!S_ISDIR(info.st_mode)) {
-    return absl::FailedPreconditionError(
-        absl::StrCat(folder, " is not a folder"));
-  }
-  if (info.st_uid != ::geteuid()) {
+std::string ModeInWords(mode_t mode) {
+  return absl::StrCat("mode ", absl::Hex(mode >> 6 & 7),
+                      absl::Hex(mode >> 3 & 7), absl::Hex(mode & 7));
+}
+
+// OK if only this user and root can replace a folder or link, or what is in it.
+// In a sticky folder, nobody can replace what belongs to others.
+absl::Status CheckOnTheWay(const fs::path& path, const struct stat& info) {
+  if (info.st_uid != ::geteuid() && info.st_uid != 0) {
     return absl::PermissionDeniedError(absl::StrCat(
-        "the socket's folder ", folder, " belongs to user ", info.st_uid,
-        ", and this process runs as user ", ::geteuid()));
+        path.native(), ", on the way to the socket, belongs to user ",
+        info.st_uid, "; it must belong to root or user ", ::geteuid(),
+        ", as whom this process runs"));
   }
-  if ((info.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+  if (S_ISDIR(info.st_mode) && (info.st_mode & (S_IWGRP | S_IWOTH)) != 0 &&
+      (info.st_mode & S_ISVTX) == 0) {
     return absl::PermissionDeniedError(absl::StrCat(
-        "the socket's folder ", folder, " has mode ",
-        absl::Hex(info.st_mode >> 6 & 7), absl::Hex(info.st_mode >> 3 & 7),
-        absl::Hex(info.st_mode & 7), "; it must be 700, private to its owner"));
+        path.native(), ", on the way to the socket, has ",
+        ModeInWords(info.st_mode),
+        ", so others could replace what is in it; make it writable by its "
+        "owner only, or sticky"));
   }
   return absl::OkStatus();
 }
 
-// Reserves `path` for this server until the result is destroyed. Without it, if
-// two servers started at the same time over a stale socket, one could remove
-// the socket that the other has just created. The lock file is never removed:
-// otherwise two servers could each hold a lock on a file of that name.
-absl::StatusOr<OwnedDescriptor> Lock(const std::string& path) {
-  const std::string lock_path = path + ".lock";
-  OwnedDescriptor lock(::open(lock_path.c_str(),
-                              O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                              S_IRUSR | S_IWUSR));
-  if (lock.get() < 0) {
-    return SystemError(absl::StrCat("cannot open the lock ", lock_path));
+// Follows the absolute path of a folder up to its last name and returns it
+// without links. The last name may be missing or a link.
+absl::StatusOr<fs::path> FollowTo(const fs::path& folder) {
+  constexpr int kMostLinks = 40;  // As many as the kernel follows.
+  std::list<fs::path> names(folder.begin(), folder.end());
+  const auto says_nothing = [](const fs::path& name) {
+    return name.empty() || name == ".";
+  };
+  names.remove_if(says_nothing);
+  fs::path reached = "/";
+  for (int links = 0; names.size() > 1;) {
+    const fs::path name = std::move(names.front());
+    names.pop_front();
+    if (name == "..") {
+      reached = reached.parent_path();
+      continue;
+    }
+    const fs::path next = reached / name;
+    struct stat info {};
+    if (::lstat(next.c_str(), &info) != 0) {
+      return SystemError(absl::StrCat("cannot inspect ", next.native(),
+                                      ", on the way to the socket"));
+    }
+    if (absl::Status status = CheckOnTheWay(next, info); !status.ok())
+      return status;
+    if (!S_ISLNK(info.st_mode)) {
+      reached = next;
+      continue;
+    }
+    std::error_code error;
+    const fs::path target = fs::read_symlink(next, error);
+    if (error || ++links > kMostLinks) {
+      return absl::FailedPreconditionError(absl::StrCat(
+          "cannot follow the link ", next.native(), " on the way to the socket",
+          error ? ": " + error.message() : ", after so many others"));
+    }
+    std::list<fs::path> behind(target.begin(), target.end());
+    behind.remove_if(says_nothing);
+    names.splice(names.begin(), behind);
   }
-  if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return lock;
-  if (errno != EWOULDBLOCK) {
-    return SystemError(absl::StrCat("cannot take the lock ", lock_path));
+  return reached / names.back();
+}
+
+absl::Status CheckPrivate(const fs::path& folder) {
+  struct stat info {};
+  if (::lstat(folder.c_str(), &info) != 0) {
+    return SystemError(
+        absl::StrCat("cannot inspect the socket's folder ", folder.native()));
   }
+  if (!S_ISDIR(info.st_mode)) {
+    return absl::FailedPreconditionError(
+        absl::StrCat(folder.native(), " is not a folder"));
+  }
+  if (info.st_uid != ::geteuid()) {
+    return absl::PermissionDeniedError(absl::StrCat(
+        "the socket's folder ", folder.native(), " belongs to user ",
+        info.st_uid, ", and this process runs as user ", ::geteuid()));
+  }
+  if ((info.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    return absl::PermissionDeniedError(absl::StrCat(
+        "the socket's folder ", folder.native(), " has ",
+        ModeInWords(info.st_mode), "; it must be 700, private to its owner"));
+  }
+  return absl::OkStatus();
+}
+
+absl::Status ListensAlready(const std::string& path) {
   return absl::AlreadyExistsError(
       absl::StrCat("a server listens at ", path, " already"));
 }
@@ -111,10 +171,8 @@ absl::Status RemoveStale(const std::string& path, const sockaddr_un& address) {
   }
   const absl::StatusOr<OwnedDescriptor> probe = NewSocket();
   if (!probe.ok()) return probe.status();
-  if (::connect(probe->get(), AsGeneric(address), sizeof address) == 0) {
-    return absl::AlreadyExistsError(
-        absl::StrCat("a server listens at ", path, " already"));
-  }
+  if (::connect(probe->get(), AsGeneric(address), sizeof address) == 0)
+    return ListensAlready(path);
   if (errno != ECONNREFUSED)
     return SystemError(
         absl::StrCat("cannot tell whether a server listens at ", path));
@@ -134,64 +192,135 @@ std::string DefaultSocketPath(const std::string& name) {
   return absl::StrCat(folder, "/", name, ".sock");
 }
 
+// What is in the file system goes away with this object, however far it came.
+class ListeningSocket::Files {
+ public:
+  explicit Files(std::string path) : path_(std::move(path)) {}
+  Files(const Files&) = delete;
+  Files& operator=(const Files&) = delete;
+  ~Files() {
+    if (socket_.has_value() && Find(socket_path_) == socket_)
+      ::unlink(socket_path_.c_str());
+    if (lock_.has_value()) ::unlink(lock_path_.c_str());
+    if (made_folder_) ::rmdir(folder_.c_str());  // If it is empty.
+  }
+
+  // Keeps the path for this server, and with it the folder. Without it, if two
+  // servers started at the same time over a stale socket, one could remove the
+  // socket that the other has just created.
+  absl::Status Reserve() {
+    std::error_code error;
+    const fs::path whole = fs::absolute(path_, error);
+    if (error) {
+      return absl::UnavailableError(
+          absl::StrCat("cannot find the current folder: ", error.message()));
+    }
+    absl::StatusOr<fs::path> folder = FollowTo(whole.parent_path());
+    if (!folder.ok()) return folder.status();
+    folder_ = *std::move(folder);
+    socket_path_ = folder_ / whole.filename();
+    lock_path_ = socket_path_.native() + ".lock";
+    absl::StatusOr<bool> is_reserved = false;
+    while (is_reserved.ok() && !*is_reserved) {
+      if (absl::Status status = MakeFolder(); !status.ok()) return status;
+      is_reserved = Lock();
+    }
+    return is_reserved.status();
+  }
+
+  absl::Status Bind(int socket, const sockaddr_un& address) {
+    const auto bind = [&] {
+      return ::bind(socket, AsGeneric(address), sizeof address) == 0;
+    };
+    if (!bind()) {
+      if (errno != EADDRINUSE)
+        return SystemError(absl::StrCat("cannot bind ", path_));
+      if (absl::Status status = RemoveStale(path_, address); !status.ok())
+        return status;
+      if (!bind()) return SystemError(absl::StrCat("cannot bind ", path_));
+    }
+    socket_ = Find(socket_path_);
+    // The folder already keeps other users out.
+    if (::chmod(path_.c_str(), S_IRUSR | S_IWUSR) != 0)
+      return SystemError(absl::StrCat("cannot make ", path_, " private"));
+    return absl::OkStatus();
+  }
+
+ private:
+  absl::Status MakeFolder() {
+    if (::mkdir(folder_.c_str(), S_IRWXU) == 0) {
+      made_folder_ = true;
+    } else if (errno != EEXIST) {
+      return SystemError(
+          absl::StrCat("cannot make the socket's folder ", folder_.native()));
+    }
+    return CheckPrivate(folder_);
+  }
+
+  // False if another server has just removed the lock file or its folder.
+  absl::StatusOr<bool> Lock() {
+    OwnedDescriptor lock(::open(lock_path_.c_str(),
+                                O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+                                S_IRUSR | S_IWUSR));
+    if (lock.get() < 0) {
+      if (errno == ENOENT) return false;
+      return SystemError(
+          absl::StrCat("cannot open the lock ", lock_path_.native()));
+    }
+    struct stat info {};
+    if (::fstat(lock.get(), &info) != 0) {
+      return SystemError(
+          absl::StrCat("cannot inspect the lock ", lock_path_.native()));
+    }
+    if (!S_ISREG(info.st_mode) || info.st_size != 0) {
+      return absl::AlreadyExistsError(absl::StrCat(
+          lock_path_.native(), " exists and is not the lock of a server"));
+    }
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+      if (errno == EWOULDBLOCK) return ListensAlready(path_);
+      absl::Status why = SystemError(
+          absl::StrCat("cannot take the lock ", lock_path_.native()));
+      // Locks do not work here, so no other server has it.
+      ::unlink(lock_path_.c_str());
+      return why;
+    }
+    if (Find(lock_path_) != IdOf(info)) return false;
+    lock_.emplace(std::move(lock));
+    return true;
+  }
+
+  const std::string path_;  // As the application names it.
+  // The same without links.
+  fs::path folder_;
+  fs::path socket_path_;
+  fs::path lock_path_;
+  bool made_folder_ = false;
+  std::optional<OwnedDescriptor> lock_;
+  std::optional<FileId> socket_;  // In case another server replaces it.
+};
+
 absl::StatusOr<ListeningSocket> ListeningSocket::Open(const std::string& path) {
   const absl::StatusOr<sockaddr_un> address = AddressOf(path);
   if (!address.ok()) return address.status();
-  if (absl::Status status = EnsurePrivate(FolderOf(path)); !status.ok())
-    return status;
-  absl::StatusOr<OwnedDescriptor> lock = Lock(path);
-  if (!lock.ok()) return lock.status();
+  auto files = std::make_unique<Files>(path);
+  if (absl::Status status = files->Reserve(); !status.ok()) return status;
   absl::StatusOr<OwnedDescriptor> descriptor = NewSocket();
   if (!descriptor.ok()) return descriptor.status();
-
-  const auto bind = [&] {
-    return ::bind(descriptor->get(), AsGeneric(*address), sizeof *address) == 0;
-  };
-  if (!bind()) {
-    if (errno != EADDRINUSE)
-      return SystemError(absl::StrCat("cannot bind ", path));
-    if (absl::Status status = RemoveStale(path, *address); !status.ok())
-      return status;
-    if (!bind()) return SystemError(absl::StrCat("cannot bind ", path));
-  }
-  ListeningSocket listening(*std::move(descriptor), *std::move(lock), path);
-  // The folder already keeps other users out.
-  if (::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0) {
-    return SystemError(absl::StrCat("cannot make ", path, " private"));
-  }
-  if (::listen(listening.descriptor_.get(), SOMAXCONN) != 0) {
+  if (absl::Status status = files->Bind(descriptor->get(), *address);
+      !status.ok())
+    return status;
+  if (::listen(descriptor->get(), SOMAXCONN) != 0)
     return SystemError(absl::StrCat("cannot listen at ", path));
-  }
-  return listening;
+  return ListeningSocket(std::move(files), *std::move(descriptor));
 }
 
-ListeningSocket::ListeningSocket(OwnedDescriptor descriptor,
-                                 OwnedDescriptor lock, std::string path)
-    : lock_(std::move(lock)),
-      descriptor_(std::move(descriptor)),
-      path_(std::move(path)) {
-  struct stat info {};
-  if (::lstat(path_.c_str(), &info) == 0) {
-    device_ = info.st_dev;
-    inode_ = info.st_ino;
-  }
-}
+ListeningSocket::ListeningSocket(std::unique_ptr<Files> files,
+                                 OwnedDescriptor descriptor)
+    : files_(std::move(files)), descriptor_(std::move(descriptor)) {}
 
-ListeningSocket::ListeningSocket(ListeningSocket&& other) noexcept
-    : lock_(std::move(other.lock_)),
-      descriptor_(std::move(other.descriptor_)),
-      path_(std::exchange(other.path_, {})),
-      device_(other.device_),
-      inode_(other.inode_) {}
+ListeningSocket::ListeningSocket(ListeningSocket&&) noexcept = default;
 
-ListeningSocket::~ListeningSocket() {
-  if (path_.empty()) return;
-  struct stat info {};
-  if (::lstat(path_.c_str(), &info) == 0 && info.st_dev == device_ &&
-      info.st_ino == inode_) {
-    ::unlink(path_.c_str());
-  }
-}
+ListeningSocket::~ListeningSocket() = default;
 
 absl::StatusOr<OwnedDescriptor> ConnectTo(const std::string& path) {
   const absl::StatusOr<sockaddr_un> address = AddressOf(path);

@@ -4,6 +4,7 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_UNIX_SOCKET_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_UNIX_SOCKET_H_
 
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -18,35 +19,39 @@ namespace orvane {
 // or, if that variable is not set, in /tmp/orvane-UID.
 std::string DefaultSocketPath(const std::string& name);
 
-// A listening socket and its socket file. Destroying it removes the file,
-// unless another server has replaced the file.
+// A listening socket and the files that belong to it: the socket file, a lock
+// and, if it was missing, their folder. Destroying it removes them, but not a
+// socket file that another server has put in place of its own, nor a folder
+// with something else in it.
 class ListeningSocket {
  public:
-  // Listens at `path`. The folder must be private to this user (mode 0700); if
-  // it is missing, it is created, but not its parent. A socket file is replaced
-  // if no server listens there any more; a lock on the file `path`.lock, which
-  // is left behind, guards that. Errors tell the path and what is wrong with
-  // it: for example, a server listens there already, others can enter the
-  // folder, or the path is too long.
+  // Listens at `path`. Nobody but this user and root may be able to replace
+  // what is there: the folder must be private to this user (mode 0700), and
+  // each folder and symbolic link on the way to it must belong to this user or
+  // root. Those folders must not be writable by others unless they are sticky,
+  // like /tmp. The last folder is created if it is missing, but not its parent.
+  // A socket file is replaced if no server listens there any more; a lock on
+  // the file `path`.lock guards that.
+  //
+  // Errors tell the path and what is wrong with it: for example, a server
+  // listens there already, others can enter the folder, or the path is too
+  // long. After an error nothing is left behind.
   static absl::StatusOr<ListeningSocket> Open(const std::string& path);
 
-  ListeningSocket(ListeningSocket&& other) noexcept;
+  ListeningSocket(ListeningSocket&&) noexcept;
   ListeningSocket& operator=(ListeningSocket&&) = delete;
   ~ListeningSocket();
 
-  // Passes the descriptor to the caller; this object still removes the file.
+  // Passes the descriptor to the caller; this object still removes the files.
   int ReleaseDescriptor() { return descriptor_.Release(); }
 
  private:
-  ListeningSocket(OwnedDescriptor descriptor, OwnedDescriptor lock,
-                  std::string path);
+  class Files;
 
-  OwnedDescriptor lock_;  // Held until the file is removed.
+  ListeningSocket(std::unique_ptr<Files> files, OwnedDescriptor descriptor);
+
+  std::unique_ptr<Files> files_;
   OwnedDescriptor descriptor_;
-  std::string path_;  // Empty once moved from.
-  // Identify our file, in case another server has replaced it.
-  unsigned long device_ = 0;
-  unsigned long inode_ = 0;
 };
 
 // Connects to the server at `path`. Blocks only while the server's queue of

@@ -49,6 +49,13 @@ class UnixSocketTest : public ::testing::Test {
     return std::filesystem::exists(path);
   }
 
+  // Makes a folder of this mode and returns its path.
+  std::string Folder(const std::string& name, mode_t mode) const {
+    std::filesystem::create_directory(Path(name));
+    EXPECT_EQ(::chmod(Path(name).c_str(), mode), 0);
+    return Path(name);
+  }
+
   const TemporaryFolder folder_;
 };
 
@@ -71,9 +78,8 @@ TEST_F(UnixSocketTest, MakesItsFolderPrivate) {
 }
 
 TEST_F(UnixSocketTest, MakesNoMoreThanTheLastFolder) {
-  EXPECT_THAT(ErrorOf(Path("a/b/s")),
-              AllOf(HasSubstr("cannot make the socket's folder"),
-                    HasSubstr(Path("a/b"))));
+  EXPECT_THAT(ErrorOf(Path("a/b/s")), HasSubstr("cannot inspect " + Path("a")));
+  EXPECT_FALSE(Exists(Path("a")));
 }
 
 TEST_F(UnixSocketTest, RefusesAFolderThatOthersCanEnter) {
@@ -90,9 +96,97 @@ TEST_F(UnixSocketTest, RefusesAFolderOfSomebodyElse) {
 }
 
 TEST_F(UnixSocketTest, RefusesALinkInPlaceOfTheFolder) {
-  std::filesystem::create_directory(Path("real"));
-  std::filesystem::create_symlink(Path("real"), Path("link"));
-  EXPECT_THAT(ErrorOf(Path("link/s")), HasSubstr("is not a folder"));
+  std::filesystem::create_symlink(Folder("real", 0700), Path("link"));
+  for (const std::string path : {"link/s", "link//s", "link/./s", "link/.//s"})
+    EXPECT_THAT(ErrorOf(Path(path)), HasSubstr("link is not a folder")) << path;
+}
+
+TEST_F(UnixSocketTest, FollowsALinkOnTheWay) {
+  Folder("real", 0755);
+  std::filesystem::create_symlink("real/.", Path("relative"));
+  std::filesystem::create_symlink(Path("relative/"), Path("absolute"));
+  const auto listening = ListeningSocket::Open(Path("absolute/new/s"));
+  ASSERT_TRUE(listening.ok()) << listening.status();
+  EXPECT_TRUE(Exists(Path("real/new/s")));
+}
+
+TEST_F(UnixSocketTest, TheFolderAboveALinkIsThatOfItsTarget) {
+  Folder("real", 0755);
+  Folder("real/below", 0755);
+  std::filesystem::create_symlink("real/below", Path("link"));
+  const auto listening = ListeningSocket::Open(Path("link/../new/s"));
+  ASSERT_TRUE(listening.ok()) << listening.status();
+  EXPECT_TRUE(Exists(Path("real/new/s")));
+}
+
+TEST_F(UnixSocketTest, FollowsLinksInACircleNotForEver) {
+  std::filesystem::create_symlink("circle", Path("circle"));
+  EXPECT_THAT(ErrorOf(Path("circle/new/s")),
+              HasSubstr("cannot follow the link " + Path("circle")));
+}
+
+TEST_F(UnixSocketTest, RefusesAFolderWhoseParentOthersCanChange) {
+  for (const mode_t mode : {0777, 0702, 0720}) {
+    const std::string parent = Folder("parent", mode);
+    EXPECT_THAT(ErrorOf(parent + "/new/s"),
+                AllOf(HasSubstr(parent + ", on the way to the socket, has"),
+                      HasSubstr("others could replace what is in it")));
+    EXPECT_FALSE(Exists(parent + "/new"));
+  }
+}
+
+TEST_F(UnixSocketTest, RefusesAFolderWhoseParentsParentOthersCanChange) {
+  Folder("open", 0777);
+  Folder("open/parent", 0700);
+  EXPECT_THAT(ErrorOf(Path("open/parent/new/s")), HasSubstr("mode 777"));
+}
+
+TEST_F(UnixSocketTest, RefusesALinkToAFolderWhoseParentOthersCanChange) {
+  Folder("open", 0777);
+  Folder("open/parent", 0700);
+  std::filesystem::create_symlink("open/parent", Path("link"));
+  EXPECT_THAT(ErrorOf(Path("link/new/s")), HasSubstr("mode 777"));
+}
+
+TEST_F(UnixSocketTest, TakesAFolderInAStickyOne) {
+  const auto listening =
+      ListeningSocket::Open(Folder("sticky", 01777) + "/new/s");
+  EXPECT_TRUE(listening.ok()) << listening.status();
+}
+
+TEST_F(UnixSocketTest, RefusesAFolderBelowThatOfSomebodyElse) {
+  if (::geteuid() != 0)
+    GTEST_SKIP() << "only root can make a folder of another user";
+  const std::string parent = Folder("parent", 0755);
+  ASSERT_EQ(::chown(parent.c_str(), kNobody, kNobody), 0);
+  EXPECT_THAT(
+      ErrorOf(parent + "/new/s"),
+      HasSubstr(parent + ", on the way to the socket, belongs to user 65534"));
+}
+
+TEST_F(UnixSocketTest, RefusesALinkOfSomebodyElse) {
+  if (::geteuid() != 0)
+    GTEST_SKIP() << "only root can make a link of another user";
+  Folder("real", 0755);
+  std::filesystem::create_symlink("real", Path("link"));
+  ASSERT_EQ(::lchown(Path("link").c_str(), kNobody, kNobody), 0);
+  EXPECT_THAT(ErrorOf(Path("link/new/s")),
+              HasSubstr(Path("link") + ", on the way to the socket, belongs"));
+}
+
+TEST_F(UnixSocketTest, APathMayBeRelativeAndTheCurrentFolderMayChange) {
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(folder_.path());
+  {
+    const auto here = ListeningSocket::Open("s");
+    const auto below = ListeningSocket::Open("new/s");
+    std::filesystem::current_path(before);
+    EXPECT_TRUE(here.ok()) << here.status();
+    EXPECT_TRUE(below.ok()) << below.status();
+    EXPECT_TRUE(Exists(Path("s")));
+    EXPECT_TRUE(Exists(Path("new/s")));
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.path()));
 }
 
 TEST_F(UnixSocketTest, ReplacesASocketThatNobodyListensAt) {
@@ -189,9 +283,34 @@ TEST_F(UnixSocketTest, RefusesAPathThatDoesNotFitAnAddress) {
               HasSubstr("the limit is 107"));
 }
 
-TEST_F(UnixSocketTest, RemovesItsFileAtTheEnd) {
+TEST_F(UnixSocketTest, RefusesAFileInPlaceOfTheLockAndLeavesIt) {
+  std::ofstream(Path("s.lock")) << "precious";
+  EXPECT_THAT(ErrorOf(Path("s")), HasSubstr("s.lock exists and is not the"));
+  EXPECT_TRUE(Exists(Path("s.lock")));
+}
+
+TEST_F(UnixSocketTest, RemovesItsFilesAtTheEnd) {
   { EXPECT_TRUE(ListeningSocket::Open(Path("s")).ok()); }
-  EXPECT_FALSE(Exists(Path("s")));
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.path()));
+}
+
+TEST_F(UnixSocketTest, RemovesTheFolderThatItHasMade) {
+  { EXPECT_TRUE(ListeningSocket::Open(Path("new/s")).ok()); }
+  EXPECT_FALSE(Exists(Path("new")));
+}
+
+TEST_F(UnixSocketTest, LeavesTheFolderToAnotherServer) {
+  std::optional<ListeningSocket> first = *ListeningSocket::Open(Path("new/1"));
+  const auto second = ListeningSocket::Open(Path("new/2"));
+  first.reset();
+  EXPECT_TRUE(ConnectTo(Path("new/2")).ok());
+}
+
+TEST_F(UnixSocketTest, AServerThatCannotListenLeavesTheFilesOfTheOther) {
+  const auto listening = ListeningSocket::Open(Path("new/s"));
+  EXPECT_FALSE(ListeningSocket::Open(Path("new/s")).ok());
+  EXPECT_TRUE(Exists(Path("new/s.lock")));
+  EXPECT_TRUE(ConnectTo(Path("new/s")).ok());
 }
 
 TEST_F(UnixSocketTest, LeavesAFileThatHasTakenItsPlace) {

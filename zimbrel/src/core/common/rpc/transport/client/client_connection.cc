@@ -257,6 +257,7 @@ void ClientConnection::OnHello(std::string_view payload) {
   if (!ParsePayload(payload, kMaxMessageDepth, &server_hello_.emplace())) {
     return Close(absl::UnavailableError("the server's hello cannot be parsed"));
   }
+  server_hello_->DiscardUnknownFields();  // They would be kept for nothing.
   if (absl::Status fit = CompareHellos(); !fit.ok()) return Close(fit);
   // A longer frame would end the connection; this way it fails alone.
   if (server_limits().has_max_frame_bytes()) {

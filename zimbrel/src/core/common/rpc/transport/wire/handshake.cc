@@ -6,9 +6,10 @@
 #include <string>
 #include <string_view>
 
-#include "absl/strings/escaping.h"
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
+
+#include "zimbrel/src/core/common/rpc/printable.h"
 
 namespace orvane::internal {
 
@@ -23,6 +24,9 @@ constexpr std::uint32_t kProtocol = 1;
 // 64-bit FNV-1a, which takes three lines in any language.
 constexpr std::uint64_t kFnvOffset = 0xcbf29ce484222325;
 constexpr std::uint64_t kFnvPrime = 0x100000001b3;
+
+// Of a service, where the text tells what both ends call theirs.
+constexpr std::size_t kMostBytesOfName = 200;
 
 std::uint64_t Fnv1a(std::uint64_t hash, std::string_view text) {
   for (const char c : text) {
@@ -39,15 +43,6 @@ std::string Line(const MethodDescriptor& method) {
                       method.output_type()->full_name(), ")\n");
 }
 
-// What the peer calls its service: cut, and without line feeds and escape
-// codes, since it goes to logs and terminals.
-std::string Printable(absl::string_view name) {
-  constexpr std::size_t kMostBytes = 200;
-  return name.size() <= kMostBytes
-             ? absl::CEscape(name)
-             : absl::CEscape(name.substr(0, kMostBytes)) + "...";
-}
-
 std::string InWords(const Hello& hello) {
   const int methods = hello.methods_size();
   return absl::StrCat(
@@ -57,7 +52,8 @@ std::string InWords(const Hello& hello) {
       hello.oldest_protocol() == hello.newest_protocol()
           ? ""
           : absl::StrCat(" to ", hello.newest_protocol()),
-      " and ", Printable(hello.service()), " with ", methods, " methods",
+      " and ", Printable(hello.service(), kMostBytesOfName), " with ", methods,
+      " methods",
       methods == 0
           ? ""
           : absl::StrCat(
