@@ -111,7 +111,8 @@ endfunction()
 # orvane_test(NAME [OWN_HEAP] SOURCES file... [DEPENDS target...] [ARGUMENTS word...])
 # A GoogleTest program that runs as one ctest test, if tests are built at all.
 # OWN_HEAP: it replaces operator new to watch the heap, which is impossible under
-# the thread sanitizer; the test does not exist there.
+# the thread sanitizer; the test does not exist there. A target builds all tests of
+# a folder, without those below it: for rpc/transport it is rpc.transport.tests.
 function(orvane_test name)
   if(NOT ORVANE_TESTS)
     return()
@@ -128,6 +129,12 @@ function(orvane_test name)
     target_precompile_headers(${name} REUSE_FROM orvane_test_headers)
   endif()
   orvane_add_test(${name} ${name} ${arg_ARGUMENTS})
+  get_property(folder TEST ${name} PROPERTY LABELS)
+  string(REPLACE "/" "." tests_of_folder "${folder}.tests")
+  if(NOT TARGET ${tests_of_folder})
+    add_custom_target(${tests_of_folder})
+  endif()
+  add_dependencies(${tests_of_folder} ${name})
 endfunction()
 
 # orvane_test_headers()
