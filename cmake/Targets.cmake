@@ -62,9 +62,7 @@ function(orvane_library name)
   endif()
   add_library(orvane_${name} STATIC ${arg_SOURCES})
   add_library(orvane::${name} ALIAS orvane_${name})
-  # Several of our files give local functions the same name.
-  set_target_properties(orvane_${name} PROPERTIES
-    EXPORT_NAME ${name} SYSTEM ${_orvane_is_subproject} UNITY_BUILD OFF)
+  set_target_properties(orvane_${name} PROPERTIES EXPORT_NAME ${name} SYSTEM ${_orvane_is_subproject})
   target_include_directories(orvane_${name} PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>")
   target_sources(orvane_${name} PUBLIC FILE_SET HEADERS BASE_DIRS "${arg_HEADERS_BELOW}" FILES ${arg_HEADERS})
   target_link_libraries(orvane_${name} PUBLIC ${arg_DEPENDS} PRIVATE ${arg_PRIVATE_DEPENDS})
