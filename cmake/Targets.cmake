@@ -110,7 +110,7 @@ endfunction()
 # A GoogleTest program that runs as one ctest test, if tests are built at all.
 # OWN_HEAP: it replaces operator new to watch the heap, which is impossible under
 # the thread sanitizer; the test does not exist there. A target builds all tests of
-# a folder, without those below it: for rpc/transport it is rpc.transport.tests.
+# a folder, without those below it: for examples/host it is examples.host.tests.
 function(orvane_test name)
   if(NOT ORVANE_TESTS)
     return()
