@@ -53,8 +53,8 @@ if(NOT EXISTS "${abseil_variant}/complete")
     file(REMOVE_RECURSE "${abseil_variant}/build")
     foreach(step IN ITEMS
         "-S;${CMAKE_CURRENT_LIST_DIR}/abseil;-B;${abseil_variant}/build;-G;${CMAKE_GENERATOR};-DCMAKE_BUILD_TYPE=Release;-DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER};-DCMAKE_CXX_FLAGS=${CMAKE_CXX_FLAGS};-DCMAKE_INSTALL_PREFIX=${abseil_variant};-DABSEIL_SOURCE_DIR=${abseil_source_dir}"
-        "--build;${abseil_variant}/build;--target;needed"
-        "--install;${abseil_variant}/build")
+        "--build;${abseil_variant}/build;--target;needed;--config;Release"
+        "--install;${abseil_variant}/build;--config;Release")
       execute_process(COMMAND "${CMAKE_COMMAND}" ${step}
         OUTPUT_FILE "${abseil_variant}.log" ERROR_FILE "${abseil_variant}.log" RESULT_VARIABLE failed)
       if(failed)
