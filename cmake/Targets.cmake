@@ -125,6 +125,9 @@ function(orvane_test name)
   # shared headers are not compiled.
   if(NOT arg_DEPENDS MATCHES "orvane::(glib|qt|sdl)")
     target_precompile_headers(${name} REUSE_FROM orvane_test_headers)
+    # Some protobufs have definitions, without which the headers would not fit.
+    target_compile_definitions(${name} PRIVATE
+      $<TARGET_PROPERTY:protobuf::libprotobuf,INTERFACE_COMPILE_DEFINITIONS>)
   endif()
   orvane_add_test(${name} ${name} ${arg_ARGUMENTS})
   get_property(folder TEST ${name} PROPERTY LABELS)
