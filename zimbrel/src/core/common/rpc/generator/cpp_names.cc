@@ -43,14 +43,19 @@ std::string Identifier(const std::string& name) {
   if (std::find(std::begin(kNewWords), std::end(kNewWords), name) !=
       std::end(kNewWords))
     return name + "_";
-  // protobuf does not export its list of reserved words. The class name that it
-  // gives to a message called `name` shows whether `name` is one of them.
+  // protobuf does not export its list of reserved words. The C++ name that it
+  // gives to an enumerator called `name` shows whether `name` is one of them;
+  // in that of a message, newer protobufs also avoid the names of their own
+  // members.
   google::protobuf::FileDescriptorProto proto;
   proto.set_name("name.proto");
-  proto.add_message_type()->set_name(name);
+  auto* const type = proto.add_enum_type();
+  type->set_name(name + "_type");
+  type->add_value()->set_name(name);
+  type->mutable_value(0)->set_number(0);
   google::protobuf::DescriptorPool pool;
-  return google::protobuf::compiler::cpp::ClassName(
-      pool.BuildFile(proto)->message_type(0));
+  return google::protobuf::compiler::cpp::EnumValueName(
+      pool.BuildFile(proto)->enum_type(0)->value(0));
 }
 
 std::string NamespaceOf(const FileDescriptor& file) {

@@ -1,9 +1,12 @@
 #include "zimbrel/src/core/common/rpc/stream/open_call.h"
 
+#include <string>
 #include <utility>
 
 #include "absl/log/log.h"
+#include "absl/strings/ascii.h"
 #include "absl/strings/str_cat.h"
+#include "google/protobuf/text_format.h"
 
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/current_loop.h"
@@ -71,6 +74,16 @@ absl::Status SendCall(AbstractStream& stream, std::int64_t id,
   return stream.Send(frame);
 }
 
+// Not ShortDebugString, whose text newer protobufs change from run to run.
+std::string InOneLine(const Message& message) {
+  google::protobuf::TextFormat::Printer printer;
+  printer.SetSingleLineMode(true);
+  std::string text;
+  static_cast<void>(printer.PrintToString(message, &text));  // Into memory.
+  absl::StripTrailingAsciiWhitespace(&text);
+  return text;
+}
+
 CallHandle EndUnserved(const Message& key,
                        const google::protobuf::Descriptor& type,
                        OpenCall::OnEnd on_end) {
@@ -82,7 +95,7 @@ CallHandle EndUnserved(const Message& key,
   EndLater(
       *loop,
       absl::NotFoundError(absl::StrCat("no client serves ", type.full_name(),
-                                       " for {", key.ShortDebugString(), "}")),
+                                       " for {", InOneLine(key), "}")),
       std::move(on_end));
   return {};
 }
