@@ -29,7 +29,8 @@ int main(int argc, char** argv) {
         std::cout << rpc::CursorType_Name(event.cursor().type()) << std::endl;
       },
       [&loop](const absl::Status& why) {
-        std::cout << "the widget has gone: " << why << std::endl;
+        std::cout << "the widget has gone: "
+                  << (why.ok() ? "in order" : why.message()) << std::endl;
         loop.Stop();
       });
   if (const auto shown = widget.Show(browser); !shown.ok()) {

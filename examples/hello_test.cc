@@ -43,7 +43,7 @@ TEST(HelloHost, ShowsABrowserAndStaysUntilTheWidgetGoes) {
   EXPECT_EQ(server.ReadLine(), "Hello from browser 7");
   EXPECT_EQ(host.ReadLine(), "browser 7 is shown");
   server.Signal(SIGTERM);
-  EXPECT_EQ(host.ReadLine(), "the widget has gone: OK");
+  EXPECT_EQ(host.ReadLine(), "the widget has gone: in order");
   EXPECT_EQ(host.Wait().exit_code, 0);
 }
 

@@ -40,7 +40,7 @@ int main() {
   building::DoorClient client(connection->get());
   BrowserId front_door;
   front_door.set_value(1);
-  std::cout << client.Open(front_door).status() << std::endl;
+  std::cout << client.Open(front_door).status().message() << std::endl;
 
   const auto moves =
       client.WhenMoved(front_door, [](const building::Moved& event) {
@@ -53,5 +53,5 @@ int main() {
         response.set_may_open(true);
         std::move(responder).Respond(response).IgnoreError();
       });
-  std::cout << client.Open(front_door).status() << std::endl;
+  if (client.Open(front_door).ok()) std::cout << "opened" << std::endl;
 }

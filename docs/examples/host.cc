@@ -37,14 +37,15 @@ int main(int argc, char** argv) {
         std::move(responder).Respond(response).IgnoreError();
       },
       [&loop](const absl::Status& why) {
-        std::cout << "the widget has gone: " << why << std::endl;
+        std::cout << "the widget has gone: "
+                  << (why.ok() ? "in order" : why.message()) << std::endl;
         loop.Stop();
       });
 
   // Waits; streams go on meanwhile. The subscriptions above arrive first.
   if (const auto shown = widget.Show(browser, {.timeout = absl::Seconds(5)});
       !shown.ok()) {
-    std::cerr << "Show: " << shown.status() << std::endl;
+    std::cerr << "Show: " << shown.status().message() << std::endl;
     return 1;
   }
 
@@ -54,7 +55,9 @@ int main(int argc, char** argv) {
   press.mutable_key()->set_key("Tab");
   widget.ForwardKeyPress(
       press, [](const absl::StatusOr<google::protobuf::Empty>& pressed) {
-        std::cout << "Tab: " << pressed.status() << std::endl;
+        std::cout << "Tab: "
+                  << (pressed.ok() ? "handled" : pressed.status().message())
+                  << std::endl;
       });
   loop.Run();
 }

@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
     if (awaited[0].revents != 0 &&
         ::read(clock, &seconds, sizeof seconds) > 0) {
       widget.Show(browser, [](const auto& answer) {
-        std::cout << "shown: " << answer.status() << std::endl;
+        std::cout << (answer.ok() ? "shown" : "not shown") << std::endl;
       });
     }
     if (awaited[1].revents != 0) loop.RunReady(absl::Milliseconds(2));

@@ -40,7 +40,8 @@ int main(int argc, char** argv) {
         std::cout << rpc::CursorType_Name(event.cursor().type()) << std::endl;
       },
       [main_loop](const absl::Status& why) {
-        std::cout << "the widget has gone: " << why << std::endl;
+        std::cout << "the widget has gone: "
+                  << (why.ok() ? "in order" : why.message()) << std::endl;
         g_main_loop_quit(main_loop);
       });
   widget.Show(browser, [](const auto& answer) {

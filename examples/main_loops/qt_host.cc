@@ -31,7 +31,8 @@ int main(int argc, char** argv) {
         std::cout << rpc::CursorType_Name(event.cursor().type()) << std::endl;
       },
       [](const absl::Status& why) {
-        std::cout << "the widget has gone: " << why << std::endl;
+        std::cout << "the widget has gone: "
+                  << (why.ok() ? "in order" : why.message()) << std::endl;
         QCoreApplication::quit();
       });
   widget.Show(browser, [](const auto& answer) {

@@ -38,7 +38,8 @@ bool Run(const std::string& path) {
         std::cout << rpc::CursorType_Name(event.cursor().type()) << std::endl;
       },
       [](const absl::Status& why) {
-        std::cout << "the widget has gone: " << why << std::endl;
+        std::cout << "the widget has gone: "
+                  << (why.ok() ? "in order" : why.message()) << std::endl;
         Quit();
       });
   widget.Show(browser, [](const auto& answer) {
