@@ -1,4 +1,4 @@
-"""The client in a thread of its own; test_gbulb.py has it in GLib's loop."""
+"""The client in a thread of its own; test_glib.py has it in GLib's loop."""
 
 import asyncio
 import math
