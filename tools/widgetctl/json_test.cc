@@ -47,13 +47,16 @@ TEST(Json, TellsWhichFieldIsUnknown) {
   EXPECT_THAT(FromJson(R"({"valeu": 7})", &id).message(), HasSubstr("valeu"));
 }
 
-TEST(Json, TellsWhichValueIsWrong) {
+// Releases of protobuf spell the field as in the proto or as in JSON. Newer
+// ones name only the value if that is of an enum.
+TEST(Json, TellsWhichFieldHasAWrongValue) {
   rpc::Display display;
   EXPECT_THAT(FromJson(R"({"rotationDeg": "much"})", &display).message(),
-              HasSubstr("much"));
+              AnyOf(HasSubstr("rotation_deg"), HasSubstr("rotationDeg")));
   rpc::AttachRequest request;
   EXPECT_THAT(FromJson(R"({"renderingMode": "LARGE"})", &request).message(),
-              HasSubstr("LARGE"));
+              AnyOf(HasSubstr("rendering_mode"),
+                    HasSubstr("unknown enum value: 'LARGE'")));
 }
 
 TEST(Json, TellsWhatItWasToBe) {

@@ -218,7 +218,7 @@ const Misuse kMisuses[] = {
     {"UnknownField", {"call", "Show", R"({"valeu": 1})"}, "valeu"},
     {"WrongValue",
      {"call", "SetDisplay", R"({"rotationDeg": "much"})"},
-     "much"},
+     "rotation"},
     {"UnknownCommand", {"cal"}, "no command cal; did you mean call?\n"},
     {"NoCommand", {}, "a command is missing\nSee widgetctl --help.\n"},
     {"NoMethod", {"call"}, "the command is call METHOD [JSON]\n"},
