@@ -31,6 +31,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Lt;
 using ::testing::Not;
+using ::testing::Property;
 
 // Takes the service thread for a while, as slow code does.
 void WorkFor(absl::Duration time) {
@@ -405,6 +406,35 @@ TEST_F(HostileClientTest, OthersAreServedWhileAClientIsSlowed) {
   other.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&other), ElementsAre("REPLY 1"));
   EXPECT_THAT(Settle(&client), IsEmpty());
+}
+
+TEST_F(HostileClientTest, AClientThatLeavesWhileItIsSlowedIsGone) {
+  server.emplace(&loop, &widget, ServerLimits{.max_stream_rate = kOneAnHour});
+  {
+    RawPeer client = ConnectRaw(*server);
+    for (const std::uint64_t id : {1, 2, 3})
+      client.Send(OpenFrame(id, kWhenTooltipChanged));
+    EXPECT_THAT(Settle(&client), IsEmpty());
+    client.Send(OpenFrame(4, kWhenTooltipChanged));
+  }
+  loop.RunUntilIdle();
+  EXPECT_EQ(server->connections(), 0u);
+}
+
+TEST_F(HostileClientTest, AClientThatFinishesSendingWhileItIsSlowedIsHeard) {
+  server.emplace(&loop, &widget, ServerLimits{.max_stream_rate = kSlow});
+  RawPeer client = ConnectRaw(*server);
+  for (const std::uint64_t id : {1, 2, 3})
+    client.Send(OpenFrame(id, kWhenTooltipChanged));
+  EXPECT_THAT(Settle(&client), IsEmpty());
+  client.Send(CallFrame(4, kShow));
+  client.FinishSending();
+  loop.RunUntil([&client] {
+    client.Receive();
+    return client.closed;
+  });
+  EXPECT_THAT(client.frames, Contains(Property(&StreamMessage::kind,
+                                               StreamMessage::KIND_REPLY)));
 }
 
 TEST_F(HostileClientTest, AServerEndsWhileAClientIsSlowed) {

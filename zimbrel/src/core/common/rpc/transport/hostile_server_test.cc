@@ -37,11 +37,11 @@ std::string DeeplyNested() { return std::string(60'000, '\x0b'); }
 class HostileServerTest : public ClientStreamFixture {
  protected:
   // Another connection, to a server that says this hello.
-  void Meet(const Hello& hello) {
+  void Meet(const Hello& hello, const ClientOptions& options = {}) {
     client.reset();
     auto pair = ConnectedPair();
     server.emplace(std::move(pair->first), hello);
-    client = *SocketClient::Adopt(&loop, pair->second.Release());
+    client = *SocketClient::Adopt(&loop, pair->second.Release(), options);
   }
 
   static Hello HelloWithLimits(std::uint32_t limit) {
@@ -229,6 +229,33 @@ TEST_F(HostileServerTest, TheMessageOfALongCallIsNotUsedAgain) {
   ASSERT_EQ(used.size(), 3u);
   EXPECT_EQ(used[1], used[0]);
   EXPECT_NE(used[2], used[1]);
+}
+
+TEST_F(HostileServerTest, CallsBeyondTheLimitFailUntilOthersAreAnswered) {
+  Meet(internal::MakeHello(*rpc::BrowserWidgetRpc::descriptor()),
+       {.max_served_calls = 2});
+  std::vector<Responder<rpc::TakeFocus>> waiting;
+  stream = rpc::BrowserWidgetRpcClient(client.get())
+               .OnTakeFocus(Browser(7),
+                            [&waiting](const rpc::TakeFocusCall&,
+                                       Responder<rpc::TakeFocus> responder) {
+                              waiting.push_back(std::move(responder));
+                            });
+  rpc::TakeFocus call;
+  *call.mutable_browser_id() = Browser(7);
+  call.mutable_call();
+  for (const std::int64_t id : {1, 2}) Say(NextFrame(1, call, id));
+  EXPECT_THAT(Settle(), ElementsAre("OPEN 1", "NEXT 1"));
+  Say(NextFrame(1, call, 3));
+  EXPECT_THAT(Settle(),
+              ElementsAre(HasSubstr("the client serves 2 calls already")));
+  EXPECT_EQ(waiting.size(), 2u);
+
+  EXPECT_TRUE(std::move(waiting.back()).Respond({}).ok());
+  waiting.pop_back();
+  Say(NextFrame(1, call, 4));
+  EXPECT_THAT(Settle(), ElementsAre("NEXT 1"));
+  EXPECT_EQ(waiting.size(), 2u);
 }
 
 TEST_F(HostileServerTest, OtherTasksRunBetweenEventsThatTakeLong) {

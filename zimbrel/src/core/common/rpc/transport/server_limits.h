@@ -25,8 +25,8 @@ struct RateLimit {
 
 // A client that goes beyond a size or a number gets an error that tells the
 // value and the limit. A client that goes beyond a rate is slowed down: the
-// server reads nothing from it for a while, and nothing is lost. Other clients
-// are not affected.
+// server reads nothing from it for a while, and nothing is lost unless it
+// leaves meanwhile. Other clients are not affected.
 //
 // Most limits exist twice: for each client, and (`total`) for all clients of
 // the server together. Half of a total number is divided evenly among

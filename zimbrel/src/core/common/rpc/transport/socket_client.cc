@@ -76,15 +76,17 @@ absl::StatusOr<std::unique_ptr<SocketClient>> SocketClient::Adopt(
   absl::StatusOr<std::unique_ptr<EventLoop::Watch>> socket =
       loop->WatchDescriptor(std::move(owned));
   if (!socket.ok()) return socket.status();
-  return absl::WrapUnique(new SocketClient(std::make_unique<ClientConnection>(
-      loop, *std::move(socket),
-      FrameLimits{.max_frame_bytes = options.max_frame_bytes,
-                  .max_queued_bytes = options.max_queued_bytes,
-                  .max_frame_time = absl::InfiniteDuration()})));
+  return absl::WrapUnique(new SocketClient(
+      options, std::make_unique<ClientConnection>(
+                   loop, *std::move(socket),
+                   FrameLimits{.max_frame_bytes = options.max_frame_bytes,
+                               .max_queued_bytes = options.max_queued_bytes,
+                               .max_frame_time = absl::InfiniteDuration()})));
 }
 
-SocketClient::SocketClient(std::unique_ptr<ClientConnection> connection)
-    : connection_(std::move(connection)) {}
+SocketClient::SocketClient(const ClientOptions& options,
+                           std::unique_ptr<ClientConnection> connection)
+    : options_(options), connection_(std::move(connection)) {}
 
 SocketClient::~SocketClient() = default;
 

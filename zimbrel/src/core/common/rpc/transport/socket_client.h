@@ -33,6 +33,10 @@ struct ClientOptions {
   // Once this many bytes wait for the server to read them, calls and messages
   // on streams fail with kResourceExhausted.
   std::size_t max_queued_bytes = std::size_t{64} << 20;
+
+  // Calls of the server that wait for answers on one stream. Another one fails,
+  // and no handler runs.
+  std::size_t max_served_calls = 1024;
 };
 
 // Calls the unary methods of the service at the other end of a Unix-domain
@@ -117,6 +121,8 @@ class SocketClient {
   // OK while the connection exists, then the reason why it ended.
   const absl::Status& status() const;
 
+  const ClientOptions& options() const { return options_; }
+
   // What the server takes from this client. Known from the first answer on; no
   // field is set before, nor if the server does not tell. Once it is known,
   // what is longer than the server's longest frame fails with
@@ -136,8 +142,10 @@ class SocketClient {
       const std::shared_ptr<internal::ClientCall>& call,
       const CallOptions& options);
 
-  explicit SocketClient(std::unique_ptr<internal::ClientConnection> connection);
+  SocketClient(const ClientOptions& options,
+               std::unique_ptr<internal::ClientConnection> connection);
 
+  const ClientOptions options_;
   const std::unique_ptr<internal::ClientConnection> connection_;
 };
 

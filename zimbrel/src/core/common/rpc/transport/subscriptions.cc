@@ -78,7 +78,9 @@ std::unique_ptr<ClientStream> ServeCalls(
   const auto sender = std::make_shared<std::weak_ptr<ClientStreamSender>>();
   auto stream = client->OpenStream(
       method,
-      {[sender, message = std::move(message), &fields,
+      {[sender, max_pending = client->options().max_served_calls,
+        pending = std::make_shared<std::size_t>(0),
+        message = std::move(message), &fields,
         call = Field(*subscription, kCallField), on_call = std::move(on_call)](
            std::string_view payload, std::int64_t call_id) mutable {
          if (absl::Status read = Read(payload, message.get()); !read.ok())
@@ -88,11 +90,14 @@ std::unique_ptr<ClientStream> ServeCalls(
                                                    message->GetTypeName(),
                                                    " without a call"));
          }
-         PendingAnswer answer(sender->lock(), call_id);
-         if (on_call) {
-           on_call(*message, std::move(answer));
-         } else {
+         PendingAnswer answer(sender->lock(), call_id, pending);
+         if (!on_call) {
            answer.Fail(*message, "the client has no handler for calls");
+         } else if (*pending > max_pending) {
+           answer.Fail(*message, absl::StrCat("the client serves ", max_pending,
+                                              " calls already"));
+         } else {
+           on_call(*message, std::move(answer));
          }
          if (payload.size() > kMaxReusedBytes) message.reset(message->New());
          return absl::OkStatus();
@@ -104,8 +109,15 @@ std::unique_ptr<ClientStream> ServeCalls(
 }
 
 PendingAnswer::PendingAnswer(std::shared_ptr<ClientStreamSender> sender,
-                             std::int64_t call_id)
-    : sender_(std::move(sender)), call_id_(call_id) {}
+                             std::int64_t call_id,
+                             std::shared_ptr<std::size_t> count)
+    : sender_(std::move(sender)), call_id_(call_id), count_(std::move(count)) {
+  ++*count_;
+}
+
+PendingAnswer::~PendingAnswer() {
+  if (count_ != nullptr) --*count_;
+}
 
 absl::Status PendingAnswer::Send(Message* message) const {
   absl::Status sent = sender_->Next(*message, call_id_);

@@ -5,6 +5,7 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SUBSCRIPTIONS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SUBSCRIPTIONS_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -31,13 +32,19 @@ namespace orvane {
     OnEnd on_end = nullptr);
 
 // Answers one call of the server, on the stream on which the call arrived. Call
-// Send or Fail once.
+// Send or Fail once. Move-only; once it was moved from, it may only be
+// destroyed.
 //
 // Thread: the service thread. May outlive the stream and the client.
 class PendingAnswer {
  public:
+  // `count` is the number of the stream's pending answers; this one is counted
+  // as long as it exists.
   PendingAnswer(std::shared_ptr<ClientStreamSender> sender,
-                std::int64_t call_id);
+                std::int64_t call_id, std::shared_ptr<std::size_t> count);
+  PendingAnswer(PendingAnswer&&) noexcept = default;
+  PendingAnswer& operator=(PendingAnswer&&) = delete;
+  ~PendingAnswer();
 
   std::int64_t call_id() const { return call_id_; }
 
@@ -57,13 +64,14 @@ class PendingAnswer {
  private:
   std::shared_ptr<ClientStreamSender> sender_;
   std::int64_t call_id_;
+  std::shared_ptr<std::size_t> count_;  // Null once moved from.
 };
 
 // Opens a callback stream and subscribes it to `key`, which has the type of
 // `browser_id` in the method's messages. `message` has the method's output
 // type; each call is parsed into it. `on_call` runs for each call; it borrows
 // the message, which holds key and call, and may change it. If `on_call` is
-// empty, every call fails.
+// empty, every call fails; see also ClientOptions::max_served_calls.
 [[nodiscard]] std::unique_ptr<ClientStream> ServeCalls(
     SocketClient* client, const google::protobuf::MethodDescriptor* method,
     const google::protobuf::Message& key,

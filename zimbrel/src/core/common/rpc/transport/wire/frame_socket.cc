@@ -1,5 +1,6 @@
 #include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -195,6 +196,17 @@ void FrameSocket::AwaitInput() {
   });
 }
 
+void FrameSocket::BreakIfPeerLeaves() {
+  socket_->WhenReadable([this] {
+    may_have_more_ = true;  // This was the report of it.
+    if (reading_ != Reading::kPaused) return;
+    pollfd peer = {socket_->descriptor(), 0, 0};
+    ::poll(&peer, 1, 0);
+    if ((peer.revents & POLLHUP) != 0) return Break(absl::OkStatus());
+    BreakIfPeerLeaves();
+  });
+}
+
 void FrameSocket::QueueTurn() {
   reading_ = Reading::kQueued;
   loop_->Post([self = shared_from_this()] {
@@ -218,7 +230,7 @@ void FrameSocket::TakeTurn() {
         loop_->RunAfter(std::exchange(pause_, absl::ZeroDuration()), [this] {
           if (reading_ == Reading::kPaused) TakeTurn();
         });
-    return;
+    return BreakIfPeerLeaves();
   }
   if (!has_frames_left_) BeginDeadline();
   if (has_frames_left_ || may_have_more_) return QueueTurn();

@@ -94,6 +94,9 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   // Called by the receiver while it handles a frame: reads and passes on no
   // other frame for `how_long`. If called twice, the longer time counts. What
   // has arrived is kept, and a peer that goes on sending finds the socket full.
+  // If the peer closes its end meanwhile, the connection ends at once, and what
+  // has not been read is lost: a peer that is gone would stay connected for as
+  // long as it takes to read what it has left.
   void Pause(absl::Duration how_long);
 
   // Passes on no more frames. Once everything queued has been written, calls
@@ -127,6 +130,7 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   };
 
   void AwaitInput();
+  void BreakIfPeerLeaves();  // While reading is paused.
   void QueueTurn();
   // Passes on a batch of frames. Reads first if the last read has left none.
   void TakeTurn();
