@@ -89,8 +89,8 @@ void Pointer::Leave(const PointerSample& sample) {
 void Pointer::Move(const PointerSample& sample,
                    const std::optional<rpc::VectorDip>& movement) {
   Remember(sample);
-  FollowPosition();
   NoteLostReleases(sample.pointer.buttons());
+  FollowPosition();
   ForgetClicksThatMoved();
   if (phase_ == Phase::kMouse && held_ != 0) {
     auto drag = NewMouse<rpc::MouseDragRequest>();
@@ -116,13 +116,13 @@ void Pointer::Press(const PointerSample& sample, rpc::MouseButton button,
   if (!IsButton(button)) return;
   const std::uint32_t flag = kFlags[IndexOf(button)];
   Remember(sample);
-  FollowPosition();
   NoteLostReleases(sample.pointer.buttons() | flag);
   // Of a button that was down already, the release was lost.
   if ((down_ & flag) != 0) {
     clicks_[IndexOf(button)].count = 0;
     ReleaseNow(flag, Drop::kNo);
   }
+  FollowPosition();
   if (phase_ == Phase::kMouse && held_ == 0 && !is_inside_) return;
   down_ |= flag;
   if (phase_ != Phase::kMouse) return;
@@ -138,10 +138,10 @@ void Pointer::Release(const PointerSample& sample, rpc::MouseButton button) {
   if (!IsButton(button)) return;
   const std::uint32_t flag = kFlags[IndexOf(button)];
   Remember(sample);
+  NoteLostReleases(sample.pointer.buttons() | flag);
   // A view that the pointer has entered with a button held from elsewhere is
   // told of it here at the latest.
   FollowPosition();
-  NoteLostReleases(sample.pointer.buttons() | flag);
   ForgetClicksThatMoved();
   if ((down_ & flag) != 0) ReleaseNow(flag, Drop::kIfPossible);
 }

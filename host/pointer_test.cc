@@ -567,6 +567,16 @@ TEST_F(PointerTest, AReleaseThatIsNeverReportedDoesNotKeepThePointerAway) {
                                    "MousePress 3,4 held 1 PRIMARY x1"));
 }
 
+TEST_F(PointerTest, APressMayBeTheFirstThatIsReportedAfterALostRelease) {
+  pointer->Press(At(1, 2), kPrimary);
+  pointer->Cancel();
+  pointer->Leave(At(-1, 2, kPrimaryFlag));
+  Calls();
+  pointer->Press(At(3, 4), kSecondary);
+  EXPECT_THAT(Calls(), ElementsAre("MouseEnter 3,4",
+                                   "MousePress 3,4 held 2 SECONDARY x1"));
+}
+
 TEST_F(PointerTest, CancellingWithoutAButtonHeldExits) {
   pointer->Move(At(1, 2));
   Calls();
