@@ -32,7 +32,7 @@ function(allow folder)
   endforeach()
 endfunction()
 
-set(ours "zimbrel|rpc|orvane|examples|tools|gen|benchmarks|fuzz|docs|building")
+set(ours "zimbrel|rpc|orvane|host|examples|tools|gen|benchmarks|fuzz|docs|building")
 
 set(rpc "zimbrel/src/core/common/rpc")
 set(logging "zimbrel/src/core/common/logging/[a-z_]+\\.h")
@@ -71,11 +71,15 @@ allow(${rpc}/generator "${rpc}/generator/[a-z_]+\\.h" "${rpc}/(method_kind|versi
 allow(gen/${rpc}/proto/rpc/browser "${generated}" "${contracts}" "${protos}"
       "${rpc}/stream/[a-z_]+\\.h" "${rpc}/transport/typed_client\\.h")
 
+# Above the generated client, and without any toolkit.
+allow(host "host/[a-z_]+\\.h" "rpc/browser/browser_widget\\.client\\.h" "${contracts}" "${protos}"
+      ${client_api})
+
 # Programs, which include only public headers of the runtime; their tests may
 # include more.
 allow(examples ${api})
 allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
-allow(examples/host "examples/host/[a-z_]+\\.h" ${api})
+allow(examples/host "examples/host/[a-z_]+\\.h" "host/[a-z_]+\\.h" ${api})
 allow(examples/stranger ${api})
 allow(packaging/tests/subproject.project ${api})
 allow(examples/main_loops "${rpc}/main_loops/[a-z_]+\\.h" ${api})

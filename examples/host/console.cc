@@ -8,6 +8,8 @@
 #include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
 
+#include "examples/host/image.h"
+
 namespace host {
 namespace {
 
@@ -87,28 +89,24 @@ void Console::Watch() {
 // connection is gone, and Await reports that.
 
 rpc::FrameReceipt Console::Receive(const rpc::PixelFrame& frame,
-                                   const std::string& what, Image* image) {
-  absl::StatusOr<Image> copy = ReadFrame(frame);
-  rpc::FrameReceipt receipt;
-  receipt.set_frame_id(frame.frame_id());
-  receipt.set_outcome(copy.ok() ? rpc::FRAME_OUTCOME_PRESENTED
-                                : rpc::FRAME_OUTCOME_DISCARDED);
-  if (!copy.ok()) {
-    Tell(absl::StrCat(what, ": discarded, ", copy.status().message()));
-    return receipt;
+                                   const std::string& what,
+                                   orvane::host::Picture* picture) {
+  const absl::Status copied = picture->Update(frame);
+  if (copied.ok()) {
+    Tell(absl::StrCat(what, ": picture ", frame.frame_id(), ", ",
+                      picture->width(), " x ", picture->height(),
+                      " pixels, on average ", AverageColor(*picture)));
+  } else {
+    Tell(absl::StrCat(what, ": discarded, ", copied.message()));
   }
-  *image = *std::move(copy);
-  Tell(absl::StrCat(what, ": picture ", frame.frame_id(), ", ", image->width,
-                    " x ", image->height, " pixels, on average ",
-                    AverageColor(*image)));
-  return receipt;
+  return orvane::host::ReceiptFor(frame, copied);
 }
 
 void Console::Serve() {
   streams_.push_back(widget_.OnUpdateSurface(
       browser_, [this](const rpc::UpdateSurfaceCall& call,
                        orvane::Responder<rpc::UpdateSurface> responder) {
-        Image popup;
+        orvane::host::Picture popup;
         rpc::UpdateSurfaceResponse answer;
         *answer.mutable_receipt() =
             Receive(call.frame(), call.has_popup() ? "popup" : "view",
@@ -126,7 +124,7 @@ void Console::Serve() {
           Tell(absl::StrCat(layer, ": moved to ", call.bounds().x(), ", ",
                             call.bounds().y()));
         } else {
-          Image picture;
+          orvane::host::Picture picture;
           *answer.mutable_receipt() = Receive(call.frame(), layer, &picture);
         }
         std::move(responder).Respond(std::move(answer)).IgnoreError();

@@ -9,7 +9,7 @@
 
 #include "absl/status/status.h"
 
-#include "examples/host/image.h"
+#include "host/pixels.h"
 #include "orvane/client.h"
 #include "rpc/browser/browser_widget.client.h"
 
@@ -37,8 +37,8 @@ class Console {
   // that the loop runs.
   absl::Status Await(const std::string& beginning);
 
-  // The latest picture of the view; without pixels before the first one.
-  const Image& view() const { return view_; }
+  // The latest picture of the view.
+  const orvane::host::Picture& view() const { return view_; }
 
  private:
   void Watch();
@@ -47,13 +47,14 @@ class Console {
   // Copies a frame and returns the receipt for it. The pixels belong to the
   // host until the receipt is sent.
   rpc::FrameReceipt Receive(const rpc::PixelFrame& frame,
-                            const std::string& what, Image* image);
+                            const std::string& what,
+                            orvane::host::Picture* picture);
 
   orvane::EventLoop* const loop_;
   orvane::SocketClient* const connection_;
   rpc::BrowserWidgetRpcClient widget_;
   const BrowserId browser_;
-  Image view_;
+  orvane::host::Picture view_;
   std::vector<std::string> news_;  // Since the last Await that returned OK.
   std::vector<std::unique_ptr<orvane::ClientStream>> streams_;
 };

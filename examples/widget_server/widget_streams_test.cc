@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -18,6 +19,7 @@
 #include "examples/widget_server/page_layout.h"
 #include "examples/widget_server/page_picture.h"
 #include "examples/widget_server/widget_service.h"
+#include "host/pixels.h"
 #include "rpc/browser/browser_widget.client.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
@@ -102,15 +104,14 @@ class WidgetStreamsTest : public ::testing::Test {
   // Serves surfaces: presents each picture, and keeps a copy.
   struct Shown {
     rpc::UpdateSurfaceCall call;
-    host::Image image;
+    orvane::host::Picture picture;
   };
   Stream ServeSurfaces() {
     return widget_->OnUpdateSurface(
         browser_, [this](const rpc::UpdateSurfaceCall& call,
                          orvane::Responder<rpc::UpdateSurface> responder) {
-          auto image = host::ReadFrame(call.frame());
-          EXPECT_TRUE(image.ok()) << image.status();
-          shown_.push_back({call, *std::move(image)});
+          Shown& shown = shown_.emplace_back(Shown{call, {}});
+          EXPECT_EQ(shown.picture.Update(call.frame()), absl::OkStatus());
           rpc::UpdateSurfaceResponse answer;
           answer.mutable_receipt()->set_frame_id(call.frame().frame_id());
           answer.mutable_receipt()->set_outcome(rpc::FRAME_OUTCOME_PRESENTED);
@@ -118,10 +119,11 @@ class WidgetStreamsTest : public ::testing::Test {
         });
   }
   static Color PixelOf(const Shown& shown, double x, double y) {
-    const auto& image = shown.image;
-    const std::size_t at = 4 * (static_cast<std::size_t>(y) * image.width +
-                                static_cast<std::size_t>(x));
-    return {image.bgra[at + 2], image.bgra[at + 1], image.bgra[at]};
+    const auto bgra = shown.picture.pixels();
+    const auto width = static_cast<std::size_t>(shown.picture.width());
+    const std::size_t at =
+        4 * (static_cast<std::size_t>(y) * width + static_cast<std::size_t>(x));
+    return {bgra[at + 2], bgra[at + 1], bgra[at]};
   }
 
   orvane::EventLoop loop_;
@@ -286,18 +288,20 @@ TEST_F(WidgetStreamsTest, OnAccessibilityRequestFocusNamesTheElement) {
 TEST_F(WidgetStreamsTest, OnUpdateLayerCarriesTheCaret) {
   const Stream surfaces = ServeSurfaces();
   std::vector<rpc::UpdateLayerCall> calls;
-  std::vector<host::Image> images;
+  orvane::host::Picture caret;
   const Stream stream = widget_->OnUpdateLayer(
       browser_, [&](const rpc::UpdateLayerCall& call,
                     orvane::Responder<rpc::UpdateLayer> responder) {
-        if (call.has_frame()) images.push_back(*host::ReadFrame(call.frame()));
+        if (call.has_frame()) {
+          EXPECT_EQ(caret.Update(call.frame()), absl::OkStatus());
+        }
         calls.push_back(call);
         EXPECT_TRUE(std::move(responder).Respond({}).ok());
       });
   Show();
   Click(ElementId::kField);
   EXPECT_EQ(Await(calls).bounds().x(), CaretPlace(0).x);
-  EXPECT_EQ(host::AverageColor(images[0]), "#202020");
+  EXPECT_EQ(host::AverageColor(caret), "#202020");
   Type("ab");
   EXPECT_EQ(Await(calls, 2).bounds().x(), CaretPlace(2).x);
   EXPECT_TRUE(widget_->Unfocus(browser_).ok());
@@ -310,12 +314,12 @@ TEST_F(WidgetStreamsTest, ThePixelsOfTheViewAreWhatThePageShows) {
   const Stream surfaces = ServeSurfaces();
   Show();
   const Shown shown = Await(shown_);
-  EXPECT_EQ(shown.image.width, 320u);
-  EXPECT_EQ(shown.image.height, 200u);
+  EXPECT_EQ(shown.picture.width(), 320);
+  EXPECT_EQ(shown.picture.height(), 200);
   const Picture page = DrawPage({.button_label = "Your name"}, 320, 200, 1);
   std::vector<std::uint8_t> expected(std::size_t{320} * 200 * 4);
   Paint(page, expected);
-  EXPECT_TRUE(shown.image.bgra == expected);
+  EXPECT_TRUE(std::ranges::equal(shown.picture.pixels(), expected));
 }
 
 TEST_F(WidgetStreamsTest, WithoutLayersTheCaretIsInTheView) {
@@ -333,7 +337,7 @@ TEST_F(WidgetStreamsTest, AListThatNobodyServesIsAPopupOfItsOwn) {
   Click(ElementId::kList);
   Await(shown_, 3);  // The view, its focus, the list.
   EXPECT_EQ(shown_[2].call.popup().popup_id(), 1u);
-  EXPECT_EQ(shown_[2].image.height, 60u);
+  EXPECT_EQ(shown_[2].picture.height(), 60);
   EXPECT_EQ(PixelOf(shown_[2], 90, 10), kHighlight);
 }
 
@@ -344,11 +348,11 @@ TEST_F(WidgetStreamsTest, TheViewIsDrawnAnewAtAnotherSizeAndScale) {
   bounds.mutable_bounds()->set_width(100);
   bounds.mutable_bounds()->set_height(60);
   EXPECT_TRUE(widget_->SetViewBounds(bounds).ok());
-  EXPECT_EQ(Await(shown_, 2).image.width, 100u);
+  EXPECT_EQ(Await(shown_, 2).picture.width(), 100);
   auto scale = New<rpc::SetForcedScaleFactorRequest>();
   scale.set_scale_factor(2);
   EXPECT_TRUE(widget_->SetForcedScaleFactor(scale).ok());
-  EXPECT_EQ(Await(shown_, 3).image.width, 200u);
+  EXPECT_EQ(Await(shown_, 3).picture.width(), 200);
   EXPECT_EQ(shown_[2].call.frame().scale_factor(), 2);
 }
 
