@@ -6,14 +6,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "absl/status/status.h"
 #include "absl/strings/string_view.h"
 #include "google/protobuf/repeated_ptr_field.h"
 
 #include "rpc/browser/drag.pb.h"
+#include "rpc/browser/geometry.pb.h"
 #include "rpc/browser/keyboard.pb.h"
 #include "rpc/browser/mouse.pb.h"
 #include "rpc/browser/native_input.pb.h"
@@ -26,10 +29,16 @@ namespace widget_server {
 // down and whether something is being dragged. An event that does not fit, such
 // as a release of a finger that is not down, is an error and changes nothing.
 //
-// All that it knows of the page is where the picture is that can be dragged.
+// All that it knows of the page is where something lies that can be dragged.
 class Input {
  public:
+  using IsDraggableAt = std::function<bool(const rpc::PointDip& position)>;
+
   static constexpr std::size_t kRecentEvents = 8;
+
+  // Empty: nothing can be dragged.
+  explicit Input(IsDraggableAt is_draggable_at = nullptr)
+      : is_draggable_at_(std::move(is_draggable_at)) {}
 
   absl::Status KeyPress(const rpc::KeyPressRequest& event);
   absl::Status KeyRelease(const rpc::KeyReleaseRequest& event);
@@ -96,10 +105,11 @@ class Input {
                              const rpc::PointerState& pointer);
   absl::Status Accept(std::string event);
 
+  IsDraggableAt is_draggable_at_;
   std::set<std::string> held_keys_;
   std::uint32_t held_buttons_ = 0;
   bool is_pointer_inside_ = false;
-  bool is_picture_pressed_ = false;
+  bool is_draggable_pressed_ = false;
   std::set<std::int32_t> fingers_;
   bool is_drag_over_ = false;
   bool has_drag_begun_in_page_ = false;
