@@ -32,7 +32,7 @@ function(allow folder)
   endforeach()
 endfunction()
 
-set(ours "zimbrel|rpc|orvane|examples|tools|gen|benchmarks|fuzz|docs|building")
+set(ours "zimbrel|rpc|orvane|engines|examples|tools|gen|benchmarks|fuzz|docs|building")
 
 set(rpc "zimbrel/src/core/common/rpc")
 set(logging "zimbrel/src/core/common/logging/[a-z_]+\\.h")
@@ -71,6 +71,7 @@ allow(gen/${rpc}/proto/rpc/browser "${generated}" "${contracts}" "${protos}"
       "${rpc}/stream/[a-z_]+\\.h" "${rpc}/transport/typed_client\\.h")
 
 # Programs. None of the runtime is private to them but what their tests need.
+allow(engines/chromium "engines/chromium/[a-z_]+\\.h" "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples ${api})
 allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples/host "examples/host/[a-z_]+\\.h" ${api})
