@@ -32,7 +32,7 @@ function(allow folder)
   endforeach()
 endfunction()
 
-set(ours "zimbrel|rpc|orvane|examples|tools|gen|benchmarks|fuzz|docs|building")
+set(ours "zimbrel|rpc|orvane|engines|examples|tools|gen|benchmarks|fuzz|docs|building")
 
 set(rpc "zimbrel/src/core/common/rpc")
 set(logging "zimbrel/src/core/common/logging/[a-z_]+\\.h")
@@ -73,6 +73,7 @@ allow(gen/${rpc}/proto/rpc/browser "${generated}" "${contracts}" "${protos}"
 
 # Programs, which include only public headers of the runtime; their tests may
 # include more.
+allow(engines/chromium "engines/chromium/[a-z_]+\\.h" "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples ${api})
 allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples/host "examples/host/[a-z_]+\\.h" ${api})

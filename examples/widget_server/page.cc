@@ -50,6 +50,18 @@ Page::Page(std::uint64_t browser, rpc::BrowserWidgetRpc* service)
       service_(service),
       frames_(std::make_shared<FrameSender>(browser_, service)) {}
 
+rpc::WindowHandle Page::window() const {
+  return EngineWindow(browser_.value());
+}
+
+rpc::AccessibilityToken Page::root_node() const {
+  return RootNode(browser_.value());
+}
+
+bool Page::IsDraggableAt(const rpc::PointDip& position) const {
+  return GetElement(ElementId::kPicture).place.Contains(position);
+}
+
 void Page::SetViewport(const Viewport& viewport) {
   viewport_ = viewport;
   if (!viewport_.has_drag_begun_in_page) is_own_drag_announced_ = false;

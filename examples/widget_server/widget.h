@@ -13,10 +13,9 @@
 #include "absl/status/statusor.h"
 #include "google/protobuf/wrappers.pb.h"
 
-#include "examples/widget_server/page.h"
+#include "examples/widget_server/abstract_page.h"
 #include "examples/widget_server/view.h"
 #include "rpc/browser/accessibility.pb.h"
-#include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/browser/display.pb.h"
 #include "rpc/browser/window.pb.h"
 
@@ -27,8 +26,7 @@ namespace widget_server {
 // can show, and changes nothing.
 class Widget {
  public:
-  // The page publishes and calls through `service`, which outlives the widget.
-  Widget(std::uint64_t browser, rpc::BrowserWidgetRpc* service);
+  Widget(std::uint64_t browser, std::shared_ptr<AbstractPage> page);
 
   // `result` tells whether the widget is attached, and if not, why.
   absl::Status Attach(const rpc::AttachRequest& request,
@@ -59,8 +57,8 @@ class Widget {
       google::protobuf::BoolValue* is_joined);
 
   // Gives the page the state of the view, runs `react`, then draws the page.
-  void UpdatePage(absl::FunctionRef<void(Page&)> react);
-  const Page& page() const { return *page_; }
+  void UpdatePage(absl::FunctionRef<void(AbstractPage&)> react);
+  AbstractPage& page() { return *page_; }
 
   // Pixels per DIP: the forced scale factor if there is one; else the display's
   // if it is known and the browser is DPI aware; else 1.
@@ -77,7 +75,7 @@ class Widget {
 
  private:
   const std::uint64_t browser_;
-  const std::shared_ptr<Page> page_;
+  const std::shared_ptr<AbstractPage> page_;
   std::optional<View> view_;
   rpc::WindowHandle host_window_;
   rpc::Display display_;

@@ -15,6 +15,7 @@
 #include "gtest/gtest.h"
 
 #include "examples/host/image.h"
+#include "examples/widget_server/page.h"
 #include "examples/widget_server/page_layout.h"
 #include "examples/widget_server/page_picture.h"
 #include "examples/widget_server/widget_service.h"
@@ -90,7 +91,9 @@ class WidgetStreamsTest : public ::testing::Test {
   }
   void Show() { EXPECT_TRUE(widget_->Show(browser_).ok()); }
 
-  const Page& page() { return (*service_.FindWidget(browser_))->page(); }
+  const Page& page() {
+    return static_cast<Page&>((*service_.FindWidget(browser_))->page());
+  }
 
   // Waits until `count` messages were received; returns the last of them.
   template <typename T>

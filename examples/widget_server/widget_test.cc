@@ -1,11 +1,13 @@
 #include "examples/widget_server/widget.h"
 
 #include <limits>
+#include <memory>
 #include <string>
 
 #include "absl/strings/str_cat.h"
 #include "gtest/gtest.h"
 
+#include "examples/widget_server/page.h"
 #include "zimbrel/src/core/common/rpc/testing/text.h"
 
 namespace widget_server {
@@ -44,7 +46,7 @@ class WidgetTest : public ::testing::Test {
   }
 
   rpc::BrowserWidgetRpc service_;
-  Widget widget_{2, &service_};
+  Widget widget_{2, std::make_shared<Page>(2, &service_)};
 };
 
 // Attaching
