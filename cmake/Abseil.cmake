@@ -53,14 +53,17 @@ if(NOT EXISTS "${abseil_variant}/complete")
     file(REMOVE_RECURSE "${abseil_variant}/build")
     foreach(step IN ITEMS
         "-S;${CMAKE_CURRENT_LIST_DIR}/abseil;-B;${abseil_variant}/build;-G;${CMAKE_GENERATOR};-DCMAKE_BUILD_TYPE=Release;-DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER};-DCMAKE_CXX_FLAGS=${CMAKE_CXX_FLAGS};-DCMAKE_INSTALL_PREFIX=${abseil_variant};-DABSEIL_SOURCE_DIR=${abseil_source_dir}"
-        "--build;${abseil_variant}/build;--target;needed"
-        "--install;${abseil_variant}/build")
+        "--build;${abseil_variant}/build;--target;needed;--config;Release"
+        "--install;${abseil_variant}/build;--config;Release")
       execute_process(COMMAND "${CMAKE_COMMAND}" ${step}
         OUTPUT_FILE "${abseil_variant}.log" ERROR_FILE "${abseil_variant}.log" RESULT_VARIABLE failed)
       if(failed)
-        file(SIZE "${abseil_variant}.log" size)
-        math(EXPR shown_from "${size} > 1000 ? ${size} - 1000 : 0")
-        file(READ "${abseil_variant}.log" end_of_log OFFSET ${shown_from})
+        file(READ "${abseil_variant}.log" end_of_log)
+        string(LENGTH "${end_of_log}" length)
+        if(length GREATER 1000)
+          math(EXPR left_out "${length} - 1000")
+          string(SUBSTRING "${end_of_log}" ${left_out} -1 end_of_log)
+        endif()
         message(FATAL_ERROR
           "cannot build Abseil. If the disk is full, set ORVANE_CACHE_DIR to a folder on another "
           "one. The end of ${abseil_variant}.log:\n${end_of_log}")

@@ -62,9 +62,7 @@ function(orvane_library name)
   endif()
   add_library(orvane_${name} STATIC ${arg_SOURCES})
   add_library(orvane::${name} ALIAS orvane_${name})
-  # Several of our files give local functions the same name.
-  set_target_properties(orvane_${name} PROPERTIES
-    EXPORT_NAME ${name} SYSTEM ${_orvane_is_subproject} UNITY_BUILD OFF)
+  set_target_properties(orvane_${name} PROPERTIES EXPORT_NAME ${name} SYSTEM ${_orvane_is_subproject})
   target_include_directories(orvane_${name} PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>")
   target_sources(orvane_${name} PUBLIC FILE_SET HEADERS BASE_DIRS "${arg_HEADERS_BELOW}" FILES ${arg_HEADERS})
   target_link_libraries(orvane_${name} PUBLIC ${arg_DEPENDS} PRIVATE ${arg_PRIVATE_DEPENDS})
@@ -112,7 +110,7 @@ endfunction()
 # A GoogleTest program that runs as one ctest test, if tests are built at all.
 # OWN_HEAP: it replaces operator new to watch the heap, which is impossible under
 # the thread sanitizer; the test does not exist there. A target builds all tests of
-# a folder, without those below it: for rpc/transport it is rpc.transport.tests.
+# a folder, without those below it: for examples/host it is examples.host.tests.
 function(orvane_test name)
   if(NOT ORVANE_TESTS)
     return()
@@ -127,6 +125,9 @@ function(orvane_test name)
   # shared headers are not compiled.
   if(NOT arg_DEPENDS MATCHES "orvane::(glib|qt|sdl)")
     target_precompile_headers(${name} REUSE_FROM orvane_test_headers)
+    # Some protobufs have definitions, without which the headers would not fit.
+    target_compile_definitions(${name} PRIVATE
+      $<TARGET_PROPERTY:protobuf::libprotobuf,INTERFACE_COMPILE_DEFINITIONS>)
   endif()
   orvane_add_test(${name} ${name} ${arg_ARGUMENTS})
   get_property(folder TEST ${name} PROPERTY LABELS)

@@ -13,6 +13,12 @@ fail() {
   exit 1
 }
 
+# need_writable FOLDER OTHERWISE: makes the folder, or tells what else to do.
+need_writable() {
+  mkdir -p "$1" 2>/dev/null && [ -w "$1" ] ||
+    fail "cannot write to the folder $1: change its permissions, or $2"
+}
+
 # timed WHAT COMMAND...
 timed() {
   local what=$1 begun=$SECONDS
@@ -33,3 +39,5 @@ quietly() {
   }
   rm -f "$log"
 }
+
+[ -w "${TMPDIR:-/tmp}" ] || fail "cannot write to ${TMPDIR:-/tmp}: set TMPDIR to a folder for temporary files"

@@ -17,8 +17,8 @@ namespace {
 template <typename Message>
 void Pass(const Message& sent, std::string* bytes, Message* received) {
   bytes->resize(sent.ByteSizeLong());
-  sent.SerializeWithCachedSizesToArray(
-      reinterpret_cast<std::uint8_t*>(bytes->data()));
+  static_cast<void>(sent.SerializeWithCachedSizesToArray(
+      reinterpret_cast<std::uint8_t*>(bytes->data())));
   if (!received->ParseFromString(*bytes)) Fail("cannot parse a message");
 }
 

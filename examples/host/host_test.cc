@@ -146,6 +146,17 @@ class HostTest : public ::testing::Test {
     return server;
   }
 
+  // The same with a widget of this process, until the host has left.
+  ChildProcess::Result RunWith(orvane::EventLoop& loop,
+                               rpc::BrowserWidgetRpc& widget) {
+    orvane::SocketServer server(&loop, &widget);
+    EXPECT_EQ(server.Listen(socket_), absl::OkStatus());
+    ChildProcess host({HOST, "--socket", socket_});
+    loop.RunUntil([&] { return server.connections() == 1; });
+    loop.RunUntil([&] { return server.connections() == 0; });
+    return host.Wait();
+  }
+
   const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
 };
@@ -212,12 +223,7 @@ TEST_F(HostTest, AWidgetThatDiesIsToldInWords) {
 TEST_F(HostTest, ARefusalIsToldInTheWidgetsWords) {
   orvane::EventLoop loop;
   DyingWidget widget(&loop, "refusal");
-  orvane::SocketServer server(&loop, &widget);
-  ASSERT_EQ(server.Listen(socket_), absl::OkStatus());
-  ChildProcess host({HOST, "--socket", socket_});
-  loop.RunUntil([&] { return server.connections() == 1; });
-  loop.RunUntil([&] { return server.connections() == 0; });
-  const ChildProcess::Result result = host.Wait();
+  const ChildProcess::Result result = RunWith(loop, widget);
   EXPECT_EQ(result.errors, "host: no room\n");
   EXPECT_EQ(result.exit_code, 1);
 }
@@ -225,12 +231,7 @@ TEST_F(HostTest, ARefusalIsToldInTheWidgetsWords) {
 TEST_F(HostTest, AHostileWidgetCannotEndItOrCommandTheTerminal) {
   orvane::EventLoop loop;
   HostileWidget widget;
-  orvane::SocketServer server(&loop, &widget);
-  ASSERT_EQ(server.Listen(socket_), absl::OkStatus());
-  ChildProcess host({HOST, "--socket", socket_});
-  loop.RunUntil([&] { return server.connections() == 1; });
-  loop.RunUntil([&] { return server.connections() == 0; });
-  const ChildProcess::Result result = host.Wait();
+  const ChildProcess::Result result = RunWith(loop, widget);
   EXPECT_THAT(result.output, HasSubstr("\ntooltip: \\033[2Jxxx"));
   EXPECT_THAT(result.output, HasSubstr("xxx...\n"));
   EXPECT_THAT(result.output, HasSubstr("\ndrop-down 0: nothing to choose\n"));

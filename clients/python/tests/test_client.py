@@ -5,6 +5,7 @@ import gc
 import math
 import socket
 import sys
+import tempfile
 import unittest
 from collections.abc import AsyncIterator
 from contextlib import asynccontextmanager
@@ -163,6 +164,46 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
                     await ended
                 self.assertEqual(raised.exception.code, Code.UNAVAILABLE)
             self.assertIs(await connection.wait_closed(), connection.error)
+
+    async def test_an_error_does_not_keep_what_its_receivers_had(self) -> None:
+        async with self.connected() as (client, connection, widget):
+            events = client.when_tooltip_changed(BROWSER)
+            widget.socket.close()
+            error = await connection.wait_closed()
+            for ended in (client.show(BROWSER), anext(events)):
+                try:  # assertRaises would remove the traceback.
+                    await ended
+                except RpcError as raised:
+                    self.assertEqual(str(raised), str(error))
+                # It would hold the frames of all callers.
+                self.assertIsNone(error.__traceback__)
+
+    async def test_closing_that_is_cancelled_closes(self) -> None:
+        async with self.connected() as (client, connection, _):
+            call = asyncio.create_task(
+                client.forward_key_type(KeyTypeRequest(text="x" * (1 << 20)))
+            )
+            await asyncio.sleep(0)
+            closing = asyncio.create_task(connection.close())
+            await asyncio.sleep(0)
+            closing.cancel()
+            await connection.wait_closed()
+            await asyncio.gather(call, closing, return_exceptions=True)
+
+    async def test_a_reader_of_many_events_gives_others_their_turn(self) -> None:
+        async with self.connected() as (client, connection, widget):
+            events = client.when_tooltip_changed(BROWSER)
+            opened = await widget.frame()
+            for _ in range(1000):
+                await widget.send(kind=StreamMessage.KIND_NEXT, stream_id=opened.stream_id)
+            await self.settle(connection, widget)
+            turned = asyncio.Event()
+            connection.loop.call_soon(turned.set)
+            read = 0
+            while not turned.is_set():
+                await anext(events)
+                read += 1
+            self.assertLess(read, 200)
 
     async def test_events_that_came_before_the_end_are_delivered(self) -> None:
         async with self.connected() as (client, _, widget):
@@ -390,6 +431,25 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
         with self.assertRaises(RpcError) as raised:
             await orvane.connect("/nowhere/widget.sock")
         self.assertEqual(raised.exception.code, Code.UNAVAILABLE)
+
+    async def test_a_server_that_accepts_nobody_is_not_there(self) -> None:
+        with tempfile.TemporaryDirectory() as folder:
+            path = f"{folder}/socket"
+            with socket.socket(socket.AF_UNIX) as server, socket.socket(
+                socket.AF_UNIX
+            ) as other:
+                server.bind(path)
+                server.listen(0)
+                other.connect(path)
+                with self.assertRaises(RpcError) as raised:
+                    await orvane.connect(path)
+                self.assertEqual(raised.exception.code, Code.UNAVAILABLE)
+
+    async def test_what_cannot_be_a_path_is_refused(self) -> None:
+        for path in ("", "/tmp/socket\0", "\0socket"):
+            with self.assertRaises(RpcError) as raised:
+                await orvane.connect(path)
+            self.assertEqual(raised.exception.code, Code.INVALID_ARGUMENT)
 
     def test_no_module_has_a_name_that_others_may_have(self) -> None:
         self.assertNotIn("rpc", sys.modules)

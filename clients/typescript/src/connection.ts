@@ -83,7 +83,10 @@ export interface Options {
   maxUnreadEventBytes?: number;
   /** Calls that one handler may serve at the same time; more fail. By default 1024. */
   maxServedCalls?: number;
-  /** Called with errors of handlers other than Fail; by default a process warning. */
+  /**
+   * Called with errors of handlers other than Fail; by default a process warning. It
+   * must not throw.
+   */
   onHandlerError?: (error: unknown) => void;
 }
 
@@ -96,14 +99,18 @@ export function defaultSocketPath(name = 'widget'): string {
 
 /**
  * Connects to the server at a path, by default the browser widget's, or over a
- * connected socket. Rejects with RpcError: UNAVAILABLE if no server listens there.
+ * connected socket. Rejects with RpcError: UNAVAILABLE if no server listens there,
+ * INVALID_ARGUMENT if no socket can have that path.
  */
 export async function connect(
   to: string | Socket = defaultSocketPath(),
   options: Options = {},
 ): Promise<Connection> {
   if (typeof to !== 'string') return new Connection(to, options);
-  const socket = connectSocket(to);
+  if (to === '' || to.includes('\0')) {
+    throw new RpcError(Code.INVALID_ARGUMENT, `${JSON.stringify(to)} is not the path of a socket`);
+  }
+  const socket = connectSocket({ path: to });
   try {
     await once(socket, 'connect');
   } catch (error) {
@@ -138,6 +145,7 @@ export class Connection {
   readonly #reader: FrameReader;
   readonly #calls = new Map<number, PendingCall>();
   readonly #streams = new Map<number, Stream>();
+  readonly #aborts = new Map<AbortSignal, { all: Set<() => void>; run: () => void }>();
   #service: DescService | undefined;
   #indexOf = new Map<DescMethod, number>(); // Of its methods.
   #hello: Hello | undefined; // Of this end.
@@ -240,19 +248,20 @@ export class Connection {
         this.#write({ kind: Kind.CANCEL, streamId: id });
         call.reject(why);
       };
-      const onAbort = (): void => {
-        giveUp(signal?.reason);
-      };
       const stopTimer =
         timeoutMs === undefined
           ? undefined
           : startTimer(timeoutMs, () => {
               giveUp(new RpcError(Code.DEADLINE_EXCEEDED, `no answer within ${timeoutMs} ms`));
             });
-      signal?.addEventListener('abort', onAbort);
+      const stopListening =
+        signal &&
+        this.onAbort(signal, () => {
+          giveUp(signal.reason);
+        });
       const cleanUp = (): void => {
         stopTimer?.();
-        signal?.removeEventListener('abort', onAbort);
+        stopListening?.();
       };
       call.resolve = (response) => {
         cleanUp();
@@ -318,6 +327,30 @@ export class Connection {
   complete(stream: Stream): void {
     this.#streams.delete(stream.streamId);
     this.#write({ kind: Kind.COMPLETE, streamId: stream.streamId });
+  }
+
+  /**
+   * Runs `then` when the signal is aborted. Returns what prevents it. A signal has one
+   * listener for all, since Node.js warns of more than ten.
+   */
+  onAbort(signal: AbortSignal, then: () => void): () => void {
+    let listener = this.#aborts.get(signal);
+    if (listener === undefined) {
+      const all = new Set<() => void>();
+      const run = (): void => {
+        for (const each of [...all]) each();
+      };
+      listener = { all, run };
+      this.#aborts.set(signal, listener);
+      signal.addEventListener('abort', run);
+    }
+    const { all, run } = listener;
+    all.add(then);
+    return () => {
+      if (!all.delete(then) || all.size > 0) return;
+      signal.removeEventListener('abort', run);
+      this.#aborts.delete(signal);
+    };
   }
 
   // ------------------------------------------------------------------------------

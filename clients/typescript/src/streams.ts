@@ -23,7 +23,7 @@ export abstract class Stream {
   streamId = 0; // Given by the connection.
   isOpen = true;
   reason: unknown; // Set if it ended with an error; a signal's may be anything.
-  #signal: AbortSignal | undefined;
+  #stopListening: (() => void) | undefined;
 
   constructor(
     readonly connection: Connection,
@@ -38,7 +38,7 @@ export abstract class Stream {
     if (!this.isOpen) return;
     this.isOpen = false;
     this.reason = reason;
-    this.#signal?.removeEventListener('abort', this.#onAbort);
+    this.#stopListening?.();
     this.onEnd();
   }
 
@@ -51,13 +51,10 @@ export abstract class Stream {
 
   /** From now on, aborting the signal ends it with the signal's reason. */
   closeOnAbort(signal: AbortSignal): void {
-    this.#signal = signal;
-    signal.addEventListener('abort', this.#onAbort);
+    this.#stopListening = this.connection.onAbort(signal, () => {
+      this.close(signal.reason);
+    });
   }
-
-  readonly #onAbort = (): void => {
-    this.close(this.#signal?.reason);
-  };
 }
 
 /**

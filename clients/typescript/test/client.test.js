@@ -110,6 +110,17 @@ test('an aborted signal ends its streams with its reason', { timeout: 20_000 }, 
     assert.equal((await widget.frame()).kind, Kind.COMPLETE);
   }));
 
+test('one signal may be for many', { timeout: 20_000 }, () =>
+  connected(async (host, widget) => {
+    const { signal } = new AbortController();
+    for (let i = 0; i < 20; ++i) {
+      void host.show(browser, { signal }).catch(() => undefined);
+      host.whenTooltipChanged(browser, { signal });
+    }
+    assert.equal(getEventListeners(signal, 'abort').length, 1);
+    await widget.frame();
+  }));
+
 test('a signal that is aborted already begins nothing', { timeout: 20_000 }, () =>
   connected(async (host, widget, connection) => {
     const signal = AbortSignal.abort('enough');
@@ -398,6 +409,15 @@ test('calls beyond the limit fail', { timeout: 20_000 }, () =>
     },
     { maxServedCalls: 0 },
   ));
+
+test('a path of digits is a path', () =>
+  assert.rejects(connect('36009'), (error) => error.message.includes('ENOENT')));
+
+test('what cannot be a path is refused', async () => {
+  for (const path of ['', '/tmp/socket\0', '\0socket']) {
+    await assert.rejects(connect(path), failsWith(Code.INVALID_ARGUMENT));
+  }
+});
 
 test('nobody listens', () =>
   assert.rejects(connect('/nowhere/widget.sock'), failsWith(Code.UNAVAILABLE)));

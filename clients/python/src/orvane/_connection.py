@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import asyncio
+import contextlib
 import math
 import os
 import socket
@@ -88,7 +89,8 @@ def connect(
     `sock` is a connected stream socket to use instead, such as one of a
     socketpair; it is closed with the connection. Await the result, or use it in
     `async with`, which closes the connection at its end. RpcError: UNAVAILABLE if
-    no server listens there, PERMISSION_DENIED if it belongs to another user.
+    no server listens there, PERMISSION_DENIED if it belongs to another user,
+    INVALID_ARGUMENT if no socket can have that path.
     """
     return Connecting(path, sock, options)
 
@@ -118,26 +120,42 @@ class Connecting:
     async def _connect(self) -> Connection:
         loop = asyncio.get_running_loop()
         connection = Connection(loop, self._options)
-        path = self._path
-        if self._sock is None and path is None:
-            path = default_socket_path()
-        try:
-            transport, _ = await loop.create_unix_connection(
-                lambda: _Protocol(connection), path, sock=self._sock
-            )
-        except OSError as error:
-            code = (
-                Code.PERMISSION_DENIED
-                if isinstance(error, PermissionError)
-                else Code.UNAVAILABLE
-            )
-            raise RpcError(code, f"{path}: {error.strerror or error}") from error
+        connected = self._sock
+        if connected is None:
+            path = default_socket_path() if self._path is None else self._path
+            connected = _connect_to(path)
+        transport, _ = await loop.create_unix_connection(
+            lambda: _Protocol(connection), sock=connected
+        )
         try:
             _check_peer(transport.get_extra_info("socket"))
         except RpcError:
             transport.abort()
             raise
         return connection
+
+
+def _connect_to(path: str) -> socket.socket:
+    """Never waits: a Unix-domain socket connects at once, or not at all."""
+    if not path or "\0" in path:
+        raise RpcError(Code.INVALID_ARGUMENT, f"{path!r} is not the path of a socket")
+    connecting = socket.socket(socket.AF_UNIX)
+    connecting.setblocking(False)
+    try:
+        connecting.connect(path)
+    except OSError as error:
+        connecting.close()
+        if isinstance(error, BlockingIOError):
+            why = "the server has not accepted those who came before"
+        else:
+            why = error.strerror or str(error)
+        code = (
+            Code.PERMISSION_DENIED
+            if isinstance(error, PermissionError)
+            else Code.UNAVAILABLE
+        )
+        raise RpcError(code, f"{path}: {why}") from error
+    return connecting
 
 
 def _check_peer(connected: socket.socket) -> None:
@@ -148,6 +166,8 @@ def _check_peer(connected: socket.socket) -> None:
         socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i")
     )
     uid = struct.unpack("3i", credentials)[1]
+    if uid == -1:
+        raise RpcError(Code.UNAVAILABLE, "the socket is not connected")
     if uid not in (0, os.geteuid()):
         raise RpcError(Code.PERMISSION_DENIED, f"user {uid} is at the other end")
 
@@ -180,7 +200,7 @@ class Connection:
 
     Calls and messages reach the server in the order in which they are sent; answers
     arrive in any order. When the connection ends, everything in progress ends with
-    the same RpcError, `error`, and so do later calls and streams. A connection does
+    an RpcError like `error`, and so do later calls and streams. A connection does
     not reconnect, since it might reach a new server process.
 
     Generated clients call `call`, `watch` and `serve`.
@@ -220,9 +240,11 @@ class Connection:
         self._transport.close()  # Once what waits has been sent.
         self._end(RpcError(Code.CANCELLED, "the connection was closed"))
         try:
-            await asyncio.wait_for(asyncio.shield(self._gone), _CLOSE_SECONDS)
-        except TimeoutError:
-            self._transport.abort()
+            with contextlib.suppress(TimeoutError):
+                await asyncio.wait_for(asyncio.shield(self._gone), _CLOSE_SECONDS)
+        finally:
+            if not self._gone.done():
+                self._transport.abort()
 
     async def wait_closed(self) -> RpcError:
         """Waits until the connection has ended, and returns why."""
@@ -241,7 +263,7 @@ class Connection:
                 f"is used for {service.full_name}",
             )
         if self.error is not None:
-            raise self.error
+            raise self.error.again()
         self._service = service
         hello = hello_of(service)
         self._write(encode(_HELLO, 0, payload=hello.SerializeToString()))
@@ -328,7 +350,7 @@ class Connection:
         self._write_end_of(barrier)
         await barrier.ended
         if barrier.reason is not None:
-            raise barrier.reason
+            raise barrier.reason.again()
 
     # For streams ------------------------------------------------------------
 
@@ -378,7 +400,7 @@ class Connection:
 
     def _begin(self, kind: int, method: MethodDescriptor, payload: bytes) -> int:
         if self.error is not None:
-            raise self.error
+            raise self.error.again()
         self.use(method.containing_service)
         self._last_id += 1
         self._send(encode(kind, self._last_id, method=method.index, payload=payload))

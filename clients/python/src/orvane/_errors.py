@@ -45,6 +45,12 @@ class RpcError(Exception):
     def __str__(self) -> str:
         return f"{self.code.name}: {self.text}"
 
+    def again(self) -> "RpcError":
+        """A new one to raise. Python adds to an exception where it is raised, each
+        time, and keeps all that was there.
+        """
+        return RpcError(self.code, self.text)
+
 
 class Fail(Exception):
     """Raised by a handler that serves calls of the server: fails the call.

@@ -19,7 +19,7 @@ from orvane.rpc.transport.stream_message_pb2 import StreamMessage
 if TYPE_CHECKING:
     from orvane._connection import Connection
 
-EventT = TypeVar("EventT", bound=Message)
+EventT = TypeVar("EventT", bound=Message, covariant=True)
 CallT = TypeVar("CallT", bound=Message)
 ResponseT = TypeVar("ResponseT", bound=Message)
 
@@ -28,6 +28,9 @@ Handler = Callable[[CallT], Awaitable[ResponseT]]
 
 # About how many bytes an unread event takes in addition to its payload.
 _EVENT_OVERHEAD_BYTES = 128
+
+# Events that a reader gets before other tasks have their turn.
+_MOST_AT_ONCE = 100
 
 
 class Stream:
@@ -142,6 +145,7 @@ class Events(AsyncIterator[EventT], Generic[EventT]):
     def __init__(self, queue: EventQueue, event_type: type[EventT]) -> None:
         self._queue = queue
         self._event_type = event_type
+        self._at_once = 0  # Events that were returned without waiting.
 
     def close(self) -> None:
         """Ends the stream, if it is open. Unread events can still be read."""
@@ -153,12 +157,17 @@ class Events(AsyncIterator[EventT], Generic[EventT]):
 
     async def __anext__(self) -> EventT:
         queue = self._queue
+        self._at_once += 1
+        if self._at_once > _MOST_AT_ONCE:  # Others have their turn.
+            self._at_once = 0
+            await asyncio.sleep(0)
         while (payload := queue.take()) is None:
             if queue.reason is not None:
-                raise queue.reason
+                raise queue.reason.again()
             if not queue.is_open:
                 raise StopAsyncIteration
             await queue.wait()
+            self._at_once = 0
         try:
             event = parse(self._event_type, payload, "an event")
         except RpcError as error:
@@ -269,7 +278,7 @@ class Serving:
         """Returns when the stream has ended; raises RpcError if it failed."""
         await asyncio.shield(self._server.ended)
         if self._server.reason is not None:
-            raise self._server.reason
+            raise self._server.reason.again()
 
     async def __aenter__(self) -> Serving:
         return self
@@ -282,4 +291,4 @@ class Serving:
     ) -> None:
         self.close()
         if kind is None and self._server.reason is not None:
-            raise self._server.reason
+            raise self._server.reason.again()

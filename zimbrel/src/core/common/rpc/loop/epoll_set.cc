@@ -43,18 +43,16 @@ class EpollSet::Watched final : public std::enable_shared_from_this<Watched> {
                        &event) == 0;
   }
 
-  // The destructor of the task that is replaced may use this object, or drop
-  // the handle of it.
+  // The task that is replaced is destroyed last: its destructor may use this
+  // object, or drop the handle of it and this object with it.
   void WhenReadable(Task task) {
     set_->loop_->CheckServiceThread("EventLoop::Watch::WhenReadable");
-    const auto self = shared_from_this();
     const Task replaced = std::exchange(input_.task, std::move(task));
     if (input_.is_ready) Post<&Watched::input_>();
   }
 
   void WhenWritable(Task task) {
     set_->loop_->CheckServiceThread("EventLoop::Watch::WhenWritable");
-    const auto self = shared_from_this();
     const Task replaced = std::exchange(output_.task, std::move(task));
     SetAwaitingOutput(output_.task != nullptr);
   }

@@ -137,7 +137,8 @@ void BM_LookUpByHand(benchmark::State& state) {
   std::string bytes;
   std::size_t i = 0;
   for (auto _ : state) {
-    probes[i++ % probes.size()].SerializeToString(&bytes);
+    benchmark::DoNotOptimize(
+        probes[i++ % probes.size()].SerializeToString(&bytes));
     benchmark::DoNotOptimize(map.find(bytes));
   }
 }

@@ -29,8 +29,8 @@ EventFrame::EventFrame(const google::protobuf::Message& event) {
   // zeros first. Missing required fields are reported by the receiver.
   std::string& payload = *frame_->mutable_payload();
   payload.resize(bytes);
-  event.SerializeWithCachedSizesToArray(
-      reinterpret_cast<std::uint8_t*>(payload.data()));
+  static_cast<void>(event.SerializeWithCachedSizesToArray(
+      reinterpret_cast<std::uint8_t*>(payload.data())));
 }
 
 EventFrame::~EventFrame() {

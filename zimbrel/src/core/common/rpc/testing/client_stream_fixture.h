@@ -98,13 +98,15 @@ class ClientStreamFixture : public ::testing::Test {
     return words;
   }
 
+  // What the end of the client tells is told to these, so they outlive it.
+  std::vector<std::string> told;
+  std::function<absl::Status()> on_next = [] { return absl::OkStatus(); };
+  std::function<void()> on_end = [] {};
+
   EventLoop loop;
   std::optional<RawPeer> server;
   std::unique_ptr<SocketClient> client;
   std::unique_ptr<ClientStream> stream;
-  std::vector<std::string> told;
-  std::function<absl::Status()> on_next = [] { return absl::OkStatus(); };
-  std::function<void()> on_end = [] {};
 };
 
 }  // namespace orvane::testing

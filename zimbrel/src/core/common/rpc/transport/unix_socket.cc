@@ -36,6 +36,8 @@ absl::StatusOr<sockaddr_un> AddressOf(const std::string& path) {
   address.sun_family = AF_UNIX;
   if (path.empty())
     return absl::InvalidArgumentError("the socket's path is empty");
+  if (path.find('\0') != std::string::npos)
+    return absl::InvalidArgumentError("the socket's path has a zero byte");
   if (path.size() >= sizeof address.sun_path) {
     return absl::InvalidArgumentError(absl::StrCat(
         "the socket's path has ", path.size(), " bytes; the limit is ",

@@ -283,6 +283,12 @@ TEST_F(UnixSocketTest, RefusesAPathThatDoesNotFitAnAddress) {
               HasSubstr("the limit is 107"));
 }
 
+TEST_F(UnixSocketTest, RefusesAPathThatTheSystemWouldCut) {
+  const std::string path = Path(std::string("s\0x", 3));
+  EXPECT_THAT(ErrorOf(path), HasSubstr("zero byte"));
+  EXPECT_THAT(ConnectTo(path).status().message(), HasSubstr("zero byte"));
+}
+
 TEST_F(UnixSocketTest, RefusesAFileInPlaceOfTheLockAndLeavesIt) {
   std::ofstream(Path("s.lock")) << "precious";
   EXPECT_THAT(ErrorOf(Path("s")), HasSubstr("s.lock exists and is not the"));

@@ -60,7 +60,8 @@ std::string StreamRequest::key() const {
   google::protobuf::io::StringOutputStream stream(&bytes);
   google::protobuf::io::CodedOutputStream out(&stream);
   out.SetSerializationDeterministic(true);
-  Key().SerializeToCodedStream(&out);
+  // True: a key that lacks required fields would not have been parsed.
+  static_cast<void>(Key().SerializeToCodedStream(&out));
   out.Trim();
   return bytes;
 }
@@ -79,8 +80,9 @@ void StreamRequest::Make(Action action, std::string_view key) {
     message_->GetReflection()->SetBool(message_.get(), subscribe_field_,
                                        action == Action::kSubscribe);
   }
-  // Parses: it was serialised from the same type.
-  MutableKey()->ParseFromArray(key.data(), static_cast<int>(key.size()));
+  // True, since it was serialised from the same type.
+  static_cast<void>(
+      MutableKey()->ParseFromArray(key.data(), static_cast<int>(key.size())));
 }
 
 const Message& StreamRequest::Key() const {

@@ -129,10 +129,11 @@ absl::StatusOr<std::optional<std::string_view>> FrameReader::Next() {
 absl::Status AppendFrame(const StreamMessage& header,
                          const MessageLite& payload,
                          std::size_t max_frame_bytes, ByteBuffer* out) {
-  return Append(header, payload.ByteSizeLong(), max_frame_bytes, out,
-                [&payload](std::uint8_t* to) {
-                  payload.SerializeWithCachedSizesToArray(to);
-                });
+  return Append(
+      header, payload.ByteSizeLong(), max_frame_bytes, out,
+      [&payload](std::uint8_t* to) {
+        static_cast<void>(payload.SerializeWithCachedSizesToArray(to));
+      });
 }
 
 absl::Status AppendFrame(const StreamMessage& header, std::string_view payload,
