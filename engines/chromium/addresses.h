@@ -23,7 +23,8 @@ class Addresses {
   // allow files. kInvalidArgument for one that is not known.
   absl::Status SetSchemes(absl::string_view list);
 
-  // Allows the files in this folder and below it. kNotFound if it is none.
+  // Allows the files in this folder and below it. kNotFound if there is no such
+  // folder.
   absl::Status AddFolder(const std::string& folder);
 
   // OK if a page may load the address; else words for whoever asked for it.

@@ -13,6 +13,8 @@
 #include "absl/strings/string_view.h"
 #include "absl/strings/strip.h"
 
+#include "zimbrel/src/core/common/rpc/printable.h"
+
 namespace chromium {
 namespace {
 
@@ -57,7 +59,8 @@ std::string FindFault(const rpc::CreateWebDialogResponse& answer,
     const bool is_folder = std::filesystem::is_directory(path, error);
     if (!path.is_absolute() || !std::filesystem::exists(path, error) ||
         is_folder != (mode == rpc::FILE_DIALOG_MODE_OPEN_DIRECTORY)) {
-      return absl::StrCat("'", std::string(text), "' was chosen");
+      return absl::StrCat("'", orvane::Printable(std::string(text)),
+                          "' was chosen");
     }
   }
   return "";
@@ -73,7 +76,8 @@ std::string OriginOf(absl::string_view address) {
   if (scheme != "http" && scheme != "https") return "null";
   absl::string_view host = address.substr(end_of_scheme + 3);
   host = host.substr(0, host.find_first_of("/?#"));
-  host = host.substr(host.find('@') + 1);  // Nothing is cut if there is none.
+  // Without an '@' this cuts nothing, since npos + 1 is 0.
+  host = host.substr(host.find('@') + 1);
   return absl::StrCat(scheme, "://", host);
 }
 
@@ -126,7 +130,8 @@ rpc::CreateWebDialogCall Dialogs::NewCall(const std::string& frame,
   return call;
 }
 
-// Runs `then` with a pointer to the answer, which is null if there is none.
+// Runs `then` with a pointer to the answer, which is null unless the host has
+// accepted the dialog, and with whether the host has answered at all.
 template <typename Then>
 orvane::CallHandle Dialogs::Ask(rpc::CreateWebDialogCall call, Then then) {
   return service_->OnCreateWebDialog()(

@@ -7,6 +7,8 @@
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
 
+#include "zimbrel/src/core/common/rpc/printable.h"
+
 namespace chromium {
 namespace {
 
@@ -57,7 +59,7 @@ absl::Status Engine::Begin() {
 }
 
 void Engine::OnUp(const std::string& product) {
-  LOG(INFO) << "the engine is up: " << product;
+  LOG(INFO) << "the engine is up: " << orvane::Printable(product);
   state_ = State::kUp;
   has_been_up_ = true;
   up_since_ = absl::Now();

@@ -37,8 +37,8 @@ struct LaunchedEngine {
   orvane::OwnedDescriptor pipe;
 };
 
-// Keeps one engine for all pages. One that ends is started again, after a
-// second at first and later and later if it keeps ending, and so are the pages.
+// Runs one engine for all pages. If it ends, a new one is started after a
+// second, or later if it keeps ending, and every page is opened again.
 //
 // Thread: the service thread.
 class Engine {

@@ -14,15 +14,17 @@
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
 
+#include "zimbrel/src/core/common/rpc/printable.h"
+
 namespace chromium {
 namespace {
 
 constexpr std::size_t kReadBytes = std::size_t{64} << 10;
 
-// How far an unreadable message is logged.
+// How much is logged of what the engine says.
 constexpr std::size_t kLoggedBytes = 200;
 
-// Of one page's console there may be any number. Nobody reads them.
+// A page can write any number of these, and nobody reads them.
 constexpr absl::string_view kConsole =
     R"({"method":"Runtime.consoleAPICalled")";
 
@@ -52,9 +54,10 @@ std::optional<std::int32_t> FindId(absl::string_view message) {
 }
 
 absl::Status ToStatus(const std::string& method, const Json& error) {
-  const std::string text =
-      absl::StrCat(method, ": ", Text(error, "message"),
-                   Text(error, "data").empty() ? "" : " ", Text(error, "data"));
+  const std::string text = absl::StrCat(
+      method, ": ", orvane::Printable(Text(error, "message"), kLoggedBytes),
+      Text(error, "data").empty() ? "" : " ",
+      orvane::Printable(Text(error, "data"), kLoggedBytes));
   switch (static_cast<int>(Number(error, "code"))) {
     case -32601:
       return absl::UnimplementedError(text);
@@ -190,7 +193,7 @@ bool EnginePipe::TakeMessage(std::string message) {
   if (!json.has_value() || !json->is_object()) {
     LOG_EVERY_N_SEC(WARNING, 10)
         << "dropped from the engine, since it is not a JSON object: "
-        << message.substr(0, kLoggedBytes);
+        << orvane::Printable(message, kLoggedBytes);
     if (const auto id = FindId(message); id.has_value())
       Answer(*id, absl::DataLossError("the engine's reply is not JSON"));
   } else if (Member(*json, "id").is_number_integer()) {
@@ -201,7 +204,7 @@ bool EnginePipe::TakeMessage(std::string message) {
                  std::move((*json)["params"]), std::move(picture)});
   } else {
     LOG_EVERY_N_SEC(WARNING, 10)
-        << "the engine complains: " << message.substr(0, kLoggedBytes);
+        << "the engine complains: " << orvane::Printable(message, kLoggedBytes);
   }
   return !alive.expired() && watch_ != nullptr;
 }
@@ -213,7 +216,8 @@ void EnginePipe::TakeReply(const Json& message) {
   if (found == waiting_.end() || found->first != id) {
     if (error.is_null()) return;
     LOG_EVERY_N_SEC(WARNING, 10)
-        << "the engine refused a command: " << Text(error, "message");
+        << "the engine refused a command: "
+        << orvane::Printable(Text(error, "message"), kLoggedBytes);
     return;
   }
   if (error.is_null()) {

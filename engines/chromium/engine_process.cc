@@ -21,6 +21,7 @@
 #include "absl/strings/string_view.h"
 #include "absl/strings/strip.h"
 
+#include "zimbrel/src/core/common/rpc/printable.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace chromium {
@@ -39,9 +40,8 @@ constexpr std::size_t kKeptOutputBytes = 4096;
 // What an engine that has closed its pipe has to exit by itself.
 constexpr int kTimeToExitMs = 200;
 
-// Nobody's renderers share a process with another site's, no window opens that
-// nobody sees, colours are those of the pictures, nothing is fetched that no
-// page wants.
+// Each site has processes of its own. Pages open no windows, which nobody would
+// see. Colours stay as pages give them. The engine fetches nothing by itself.
 constexpr std::array kArguments = {
     "--remote-debugging-pipe",        "--disable-gpu",
     "--block-new-web-contents",       "--site-per-process",
@@ -149,7 +149,7 @@ absl::StatusOr<Pipe> NewPipe() {
 
 std::string LastLine(absl::string_view text) {
   text = absl::StripTrailingAsciiWhitespace(text);
-  return std::string(text.substr(text.find_last_of('\n') + 1));
+  return orvane::Printable(text.substr(text.find_last_of('\n') + 1));
 }
 
 }  // namespace

@@ -8,9 +8,6 @@
 #include <memory>
 #include <vector>
 
-#include "absl/base/log_severity.h"
-#include "absl/log/globals.h"
-#include "absl/log/initialize.h"
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
 #include "absl/time/time.h"
@@ -21,6 +18,7 @@
 #include "engines/chromium/page.h"
 #include "examples/widget_server/widget_service.h"
 #include "orvane/server.h"
+#include "zimbrel/src/core/common/logging/log_to_stderr.h"
 
 namespace {
 
@@ -37,8 +35,7 @@ int Fail(const absl::Status& status) {
 
 int main(int argc, char** argv) {
   const chromium::Options options = chromium::ParseOptions(argc, argv);
-  absl::InitializeLog();
-  absl::SetStderrThreshold(absl::LogSeverityAtLeast::kInfo);
+  logging::LogToStderr();
 
   // Each outlives those below it.
   orvane::EventLoop loop;

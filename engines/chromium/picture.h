@@ -26,8 +26,8 @@ struct Picture {
 };
 
 // `base64` is a PNG. `memory` is used again for the picture if it has the right
-// length; may be null. kInvalidArgument if it is no PNG or has another size
-// than is wanted: it was taken before the view was resized.
+// length; may be null. kInvalidArgument if it is not a PNG or has another size,
+// as pictures have that were taken before the view was resized.
 absl::StatusOr<Picture> DecodePicture(
     absl::string_view base64, std::int32_t width, std::int32_t height,
     std::unique_ptr<widget_server::SharedPixels> memory);
