@@ -238,7 +238,7 @@ void Page::OnTargetLost() {
   picture_timer_.reset();
 }
 
-absl::Status Page::CheckIsAlive() const {
+absl::Status Page::CheckTakesInput() const {
   if (target_.has_value()) return absl::OkStatus();
   return absl::UnavailableError(
       absl::StrCat("browser ", browser_.value(),

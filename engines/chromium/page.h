@@ -54,7 +54,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   ~Page() override;
 
   // From the host.
-  absl::Status CheckIsAlive() const override;
+  absl::Status CheckTakesInput() const override;
   void SetViewport(const widget_server::Viewport& viewport) override;
   void Focus(const rpc::FocusRequest& event) override;
   void KeyPress(const rpc::KeyPressRequest& event) override;

@@ -42,8 +42,8 @@ class AbstractPage {
  public:
   virtual ~AbstractPage() = default;
 
-  // Words for the host if the page cannot take input now, which then fails.
-  virtual absl::Status CheckIsAlive() const { return absl::OkStatus(); }
+  // OK if the page takes input now; else words for the host, whose input fails.
+  virtual absl::Status CheckTakesInput() const { return absl::OkStatus(); }
 
   // The window that the page can be drawn into. The handle is 0 if the page is
   // only ever drawn off-screen.

@@ -14,6 +14,7 @@
 #include "examples/widget_server/abstract_page.h"
 #include "examples/widget_server/frame_sender.h"
 #include "examples/widget_server/page_layout.h"
+#include "examples/widget_server/page_picture.h"
 #include "rpc/browser/browser_widget.rpc.h"
 
 namespace widget_server {
@@ -57,9 +58,9 @@ class Page final : public AbstractPage,
   rpc::AccessibilityToken root_node() const override;
   bool IsDraggableAt(const rpc::PointDip& position) const override;
 
-  const std::string& text() const { return text_; }  // Of the field.
-  std::size_t option() const { return option_; }     // Index of kOptions.
-  const std::optional<ElementId>& focused() const { return focused_; }
+  // What the view shows of the page. The caret is in it unless a host shows
+  // layers.
+  PageLook look() const;
 
  private:
   struct OpenList {
@@ -75,6 +76,8 @@ class Page final : public AbstractPage,
   // has been destroyed by then.
   template <typename T, typename Then>
   void Ask(const orvane::Caller<T>& caller, orvane::CallOf<T> call, Then then);
+
+  bool HasCaret() const;
 
   // A new event that names the browser.
   template <typename T>

@@ -47,9 +47,7 @@ absl::Status Widget::Attach(const rpc::AttachRequest& request,
     return absl::OkStatus();
   }
   if (mode == rpc::RENDERING_MODE_WINDOWED && engine_window.handle() == 0) {
-    result->set_refusal(
-        "this widget draws into no window; rendering mode 2 (off-screen) is "
-        "the one that it offers");
+    result->set_refusal("this widget draws into no window; use 2 (off-screen)");
     return absl::OkStatus();
   }
   View view(mode,
@@ -86,14 +84,18 @@ absl::StatusOr<View*> Widget::view() {
       "browser ", browser_, " is not attached; Attach comes first"));
 }
 
+absl::StatusOr<Input*> Widget::input() {
+  const absl::StatusOr<View*> view = this->view();
+  if (!view.ok()) return view.status();
+  if (absl::Status status = page_->CheckTakesInput(); !status.ok())
+    return status;
+  return &(*view)->input();
+}
+
 absl::Status Widget::AssignHostWindow(
     const rpc::AssignHostWindowRequest& request) {
-  if (request.has_host_window()) {
-    if (absl::Status status = CheckWindow(request.host_window()); !status.ok())
-      return status;
-  }
-  host_window_ = request.host_window();
-  return absl::OkStatus();
+  return request.has_host_window() ? CheckWindow(request.host_window())
+                                   : absl::OkStatus();
 }
 
 absl::Status Widget::SetDisplay(const rpc::Display& display) {
@@ -146,14 +148,8 @@ absl::Status Widget::SetParentAccessibilityNodes(
     if (absl::Status status = CheckNode(request.parent_node()); !status.ok())
       return status;
   }
-  if (request.has_window_node()) {
-    if (absl::Status status = CheckNode(request.window_node()); !status.ok())
-      return status;
-  }
-  parent_node_ = request.parent_node();
-  window_node_ =
-      request.has_window_node() ? request.window_node() : request.parent_node();
-  return absl::OkStatus();
+  return request.has_window_node() ? CheckNode(request.window_node())
+                                   : absl::OkStatus();
 }
 
 absl::Status Widget::AttachAccessibleWindow(

@@ -1,5 +1,4 @@
-// A widget without a browser engine: one browser, and the state that its host
-// has set.
+// A widget: one browser, and the state that its host has set.
 
 #ifndef EXAMPLES_WIDGET_SERVER_WIDGET_H_
 #define EXAMPLES_WIDGET_SERVER_WIDGET_H_
@@ -39,7 +38,14 @@ class Widget {
   // The view, valid until Detach; an error if the browser is not attached.
   absl::StatusOr<View*> view();
 
-  absl::Status AssignHostWindow(const rpc::AssignHostWindowRequest& request);
+  // The view's input, likewise; an error also if the page takes none now.
+  absl::StatusOr<Input*> input();
+
+  // Checks that the window exists. Dialogs and drop-downs are the host's to
+  // show, so nothing else is done with it.
+  static absl::Status AssignHostWindow(
+      const rpc::AssignHostWindowRequest& request);
+
   absl::Status SetDisplay(const rpc::Display& display);
   absl::Status SetDpiAware(const rpc::SetDpiAwareRequest& request);
   absl::Status SetForcedScaleFactor(
@@ -47,7 +53,9 @@ class Widget {
 
   // Turns the page's accessibility on; nothing turns it off again.
   absl::Status GetAccessibilityToken(rpc::AccessibilityToken* token);
-  absl::Status SetParentAccessibilityNodes(
+
+  // Checks the nodes. The page's tree does not tell of its parent.
+  static absl::Status SetParentAccessibilityNodes(
       const rpc::SetParentAccessibilityNodesRequest& request);
 
   // Always sets `is_joined` to false, since accessibility trees are joined by
@@ -58,32 +66,19 @@ class Widget {
 
   // Gives the page the state of the view, runs `react`, then draws the page.
   void UpdatePage(absl::FunctionRef<void(AbstractPage&)> react);
-  AbstractPage& page() { return *page_; }
 
   // Pixels per DIP: the forced scale factor if there is one; else the display's
   // if it is known and the browser is DPI aware; else 1.
   double scale_factor() const;
 
-  // The handle is 0 if there is no host window.
-  const rpc::WindowHandle& host_window() const { return host_window_; }
-
-  bool is_accessibility_on() const { return is_accessibility_on_; }
-
-  // Their tokens are empty while the page's tree has no parent.
-  const rpc::AccessibilityToken& parent_node() const { return parent_node_; }
-  const rpc::AccessibilityToken& window_node() const { return window_node_; }
-
  private:
   const std::uint64_t browser_;
   const std::shared_ptr<AbstractPage> page_;
   std::optional<View> view_;
-  rpc::WindowHandle host_window_;
   rpc::Display display_;
   bool is_dpi_aware_ = true;
   std::optional<double> forced_scale_factor_;
   bool is_accessibility_on_ = false;
-  rpc::AccessibilityToken parent_node_;
-  rpc::AccessibilityToken window_node_;
 };
 
 }  // namespace widget_server

@@ -83,11 +83,8 @@ void WidgetService::ServeInput(Controller* controller, const Event& event,
   ServeWidget(
       controller, event.browser_id(), done,
       [&](Widget& widget) {
-        const absl::StatusOr<View*> view = widget.view();
-        if (!view.ok()) return view.status();
-        if (absl::Status status = widget.page().CheckIsAlive(); !status.ok())
-          return status;
-        return ((*view)->input().*take)(event);
+        const absl::StatusOr<Input*> input = widget.input();
+        return input.ok() ? ((**input).*take)(event) : input.status();
       },
       [&](AbstractPage& page) { (page.*react)(kept); });
 }
