@@ -9,6 +9,7 @@
 #include "google/protobuf/repeated_ptr_field.h"
 
 #include "engines/chromium/input_commands.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
 
 namespace chromium {
 namespace {
@@ -35,11 +36,12 @@ Json DataOf(const Items& items, std::uint32_t allowed_operations) {
       if (path.is_absolute() && std::filesystem::exists(path, error)) {
         files.push_back(path.string());
       } else {
-        LOG(WARNING) << "not dragged, since it is not there: " << path;
+        LOG(WARNING) << "not dragged, since it is not there: "
+                     << orvane::Printable(path.string());
       }
     } else if (item.has_binary()) {
       LOG(WARNING) << "not dragged, since it is in no file: "
-                   << item.binary().mime_type();
+                   << orvane::Printable(std::string(item.binary().mime_type()));
     }
   }
   return {{"items", std::move(texts)},
@@ -77,6 +79,7 @@ void Drags::Over(const rpc::DragOverRequest& event) {
 }
 
 void Drags::Leave() {
+  if (data_.is_null()) return;
   rpc::PointDip outside;
   outside.set_x(kOutside);
   outside.set_y(kOutside);

@@ -27,7 +27,7 @@ class Drags {
 
   void Enter(const rpc::DragEnterRequest& event);
   void Over(const rpc::DragOverRequest& event);
-  void Leave();
+  void Leave();  // Does nothing while nothing is over the page.
   void Drop(const rpc::DragDropRequest& event);
 
   // Our script has reported a dropEffect of the DOM.

@@ -21,6 +21,7 @@ namespace chromium {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -229,6 +230,22 @@ TEST_F(EnginePipeTest, AMessageOfTheLimitArrivesAndALongerOneEndsThePipe) {
   Send(event + "x");  // No NUL yet.
   ASSERT_THAT(ends_, SizeIs(1));
   EXPECT_EQ(ends_[0].code(), absl::StatusCode::kResourceExhausted);
+}
+
+TEST_F(EnginePipeTest, AnEngineThatDoesNotReadIsSentNoMoreThanTheLimit) {
+  Open({.max_unsent_bytes = 2'000'000});
+  for (int i = 0; i < 3; ++i) {
+    pipe_->Call("", "big", {{"text", std::string(900'000, 'x')}},
+                [this](const absl::StatusOr<Json>& answer) {
+                  answers_.push_back(answer.status().ToString());
+                },
+                {.timeout = absl::InfiniteDuration()});
+  }
+  loop_.RunUntilIdle();
+  ASSERT_THAT(answers_, SizeIs(1));
+  EXPECT_THAT(answers_[0], HasSubstr("beyond the limit of 2000000"));
+  engine_->Settle();  // It reads again, and gets the others whole.
+  EXPECT_THAT(engine_->commands(), SizeIs(2));
 }
 
 TEST_F(EnginePipeTest, CommandsThatWaitAreLimited) {

@@ -13,6 +13,7 @@
 
 #include "engines/chromium/page_script.h"
 #include "engines/chromium/view_geometry.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
 
 namespace chromium {
 namespace {
@@ -27,11 +28,17 @@ constexpr std::size_t kMaxWorlds = 2000;
 // The engine merges what it has not drawn yet, so more would only wait.
 constexpr int kMaxUnansweredMoves = 32;
 
+// While the focus is being moved, which a page that hangs keeps from ending.
+constexpr std::size_t kMaxHeldInput = 1000;
+
 constexpr absl::Duration kLookInterval = absl::Milliseconds(100);
 
 // How long the engine may take to draw a new size, and how often to ask again.
 constexpr absl::Duration kPictureTime = absl::Milliseconds(500);
 constexpr int kMaxMissingPictures = 5;
+
+// How much of an address is logged.
+constexpr std::size_t kLoggedBytes = 200;
 
 constexpr std::size_t kMaxCrashes = 3;
 constexpr absl::Duration kCrashPeriod = absl::Minutes(1);
@@ -91,8 +98,6 @@ std::uint32_t RelevantOf(const std::string& tokens) {
              : rpc::ARIA_RELEVANT_FLAG_ADDITIONS | rpc::ARIA_RELEVANT_FLAG_TEXT;
 }
 
-const char* Literal(bool value) { return value ? "true" : "false"; }
-
 }  // namespace
 
 Page::Page(const Context& context, std::uint64_t browser, std::string address,
@@ -112,7 +117,7 @@ Page::Page(const Context& context, std::uint64_t browser, std::string address,
       drop_downs_(browser_, service),
       drags_(browser_, service,
              [this](Json params) {
-               Send("Input.dispatchDragEvent", std::move(params));
+               SendInput("Input.dispatchDragEvent", std::move(params));
              }),
       pictures_(
           loop_, browser_, service,
@@ -139,9 +144,12 @@ void Page::Send(absl::string_view method, Json params,
   }
   engine_->Call(
       target_->session, method, std::move(params),
-      [on_answer = std::move(on_answer), alive = std::weak_ptr<bool>(alive_)](
-          absl::StatusOr<Json> answer) mutable {
-        if (!alive.expired()) std::move(on_answer)(std::move(answer));
+      [this, session = target_->session, on_answer = std::move(on_answer),
+       alive =
+           std::weak_ptr<bool>(alive_)](absl::StatusOr<Json> answer) mutable {
+        if (alive.expired() || !target_.has_value()) return;
+        if (target_->session == session)
+          std::move(on_answer)(std::move(answer));
       });
 }
 
@@ -152,7 +160,11 @@ void Page::Run(absl::string_view script, orvane::OnAnswer<Json> on_answer) {
         return entry.first.session == target_->session &&
                entry.second.frame == target_->id;
       });
-  if (world == worlds_.end()) return;
+  if (world == worlds_.end()) {
+    if (on_answer)
+      std::move(on_answer)(absl::NotFoundError("there is no document yet"));
+    return;
+  }
   Send("Runtime.evaluate",
        {{"expression", script},
         {"contextId", world->first.context},
@@ -186,7 +198,8 @@ void Page::OnTarget(const Target& target) {
                                                : answer.status().ToString();
          if (!error.empty()) {
            LOG(WARNING) << "browser " << browser_.value() << ": "
-                        << address_.substr(0, 200) << ": " << error;
+                        << orvane::Printable(address_, kLoggedBytes) << ": "
+                        << orvane::Printable(error);
          }
        });
 }
@@ -230,6 +243,8 @@ void Page::OnTargetLost() {
   ForgetDocument();
   TakeCursor("default");
   is_drawn_ = false;
+  is_focus_moving_ = false;
+  held_.clear();
   newest_move_.reset();
   unanswered_moves_ = 0;
   fingers_ = Fingers();
@@ -239,11 +254,12 @@ void Page::OnTargetLost() {
 }
 
 absl::Status Page::CheckTakesInput() const {
-  if (target_.has_value()) return absl::OkStatus();
-  return absl::UnavailableError(
-      absl::StrCat("browser ", browser_.value(),
-                   " takes no input now: its engine has ended and is being "
-                   "started again"));
+  if (target_.has_value() && held_.size() < kMaxHeldInput)
+    return absl::OkStatus();
+  return absl::UnavailableError(absl::StrCat(
+      "browser ", browser_.value(), " takes no input now: ",
+      target_.has_value() ? "its page does not answer"
+                          : "its engine has ended and is being started again"));
 }
 
 // The view
@@ -264,10 +280,10 @@ void Page::SetViewport(const widget_server::Viewport& viewport) {
   }
   if (WindowPlaceOf(old) != WindowPlaceOf(viewport_)) is_placed_ = false;
   UpdateWindow();
-  if (old.has_focus && !viewport_.has_focus) LoseFocus();
+  if (old.has_focus && !viewport_.has_focus) LeavePage();
 }
 
-// So that the next host finds nothing held.
+// So that nothing is held down for the next host.
 void Page::LiftAll() {
   for (const rpc::MouseButton button : pressed_) {
     rpc::MouseReleaseRequest release;
@@ -276,10 +292,11 @@ void Page::LiftAll() {
   }
   pressed_.clear();
   if (fingers_.are_down()) {
-    Send("Input.dispatchTouchEvent",
-         {{"type", "touchCancel"}, {"touchPoints", Json::array()}});
+    SendInput("Input.dispatchTouchEvent",
+              {{"type", "touchCancel"}, {"touchPoints", Json::array()}});
   }
   fingers_ = Fingers();
+  drags_.Leave();
 }
 
 void Page::UpdateScreen() {
@@ -304,7 +321,7 @@ void Page::UpdateWindow() {
     SetWindowState("normal");
     PlaceWindow();
     // To show a window gives it the focus.
-    if (!viewport_.has_focus) LoseFocus();
+    if (!viewport_.has_focus) LeavePage();
   } else if (is_drawn_ && !is_placed_) {
     PlaceWindow();
   }
@@ -367,33 +384,98 @@ void Page::Focus(const rpc::FocusRequest& event) {
     case rpc::FOCUS_REASON_MOUSE:
       return;  // The press that follows focuses what it hits.
     case rpc::FOCUS_REASON_TAB:
-      Run("orvaneAgent.expectTab()");
-      SendTab(0);
+      EnterPageByTab(0);
       return;
     case rpc::FOCUS_REASON_BACK_TAB:
-      Run("orvaneAgent.expectTab()");
-      SendTab(kShift);
+      EnterPageByTab(kShift);
       return;
     default:
-      Run("orvaneAgent.come()");
+      EnterPage();
   }
 }
 
-void Page::LoseFocus() {
-  if (!is_drawn_) return;
-  Run("orvaneAgent.leave()");
-  SendTab(0);
-  Run("orvaneAgent.left()");
+void Page::MoveFocus(orvane::Task begin) {
+  if (held_.size() >= kMaxHeldInput) return;  // As input is refused then.
+  InOrder([this, begin = std::move(begin)]() mutable {
+    is_focus_moving_ = true;
+    std::move(begin)();
+  });
 }
 
-void Page::SendTab(int modifiers) {
-  for (const char* const type : {"rawKeyDown", "keyUp"}) {
-    Send("Input.dispatchKeyEvent", {{"type", type},
-                                    {"key", "Tab"},
-                                    {"code", "Tab"},
-                                    {"windowsVirtualKeyCode", kTabCode},
-                                    {"modifiers", modifiers}});
+void Page::FocusHasMoved() {
+  is_focus_moving_ = false;
+  // One of them may move it again.
+  while (!held_.empty() && !is_focus_moving_) {
+    orvane::Task task = std::move(held_.front());
+    held_.pop_front();
+    std::move(task)();
   }
+  SendNewestMove();
+}
+
+void Page::EnterPage() {
+  MoveFocus([this] {
+    Run("orvaneAgent.come()",
+        [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+  });
+}
+
+void Page::EnterPageByTab(int modifiers) {
+  MoveFocus([this, modifiers] {
+    Run("orvaneAgent.expectTab()",
+        [this, modifiers](const absl::StatusOr<Json>& expected) {
+          if (!expected.ok()) {
+            FocusHasMoved();
+            return;
+          }
+          SendTab(modifiers, [this](const absl::StatusOr<Json>&) {
+            // A page without anything to focus keeps the focus itself.
+            Run("orvaneAgent.hasFocus() || orvaneAgent.come()",
+                [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+          });
+        });
+  });
+}
+
+void Page::LeavePage() {
+  MoveFocus([this] {
+    if (!is_drawn_) {
+      FocusHasMoved();
+      return;
+    }
+    Run("orvaneAgent.leave()", [this](const absl::StatusOr<Json>& left) {
+      if (absl::IsNotFound(left.status())) {
+        FocusHasMoved();
+        return;
+      }
+      const auto finish = [this](const absl::StatusOr<Json>&) {
+        Run("orvaneAgent.left()",
+            [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+      };
+      // A page that does not answer, as in a dialog, may still run that script,
+      // and gets the one that takes its effects back. But the Tab in between
+      // would be the page's own.
+      left.ok() ? SendTab(0, finish) : finish(left);
+    });
+  });
+}
+
+void Page::LeavePageUnlessFocused() {
+  if (!is_drawn_ || viewport_.has_focus) return;
+  Run("orvaneAgent.hasFocus()", [this](const absl::StatusOr<Json>& answer) {
+    if (IsTrue(answer) && !viewport_.has_focus) LeavePage();
+  });
+}
+
+void Page::SendTab(int modifiers, orvane::OnAnswer<Json> on_answer) {
+  Json key = {{"type", "rawKeyDown"},
+              {"key", "Tab"},
+              {"code", "Tab"},
+              {"windowsVirtualKeyCode", kTabCode},
+              {"modifiers", modifiers}};
+  Send("Input.dispatchKeyEvent", key);
+  key["type"] = "keyUp";
+  Send("Input.dispatchKeyEvent", std::move(key), std::move(on_answer));
 }
 
 void Page::OfferFocus(rpc::FocusDirection direction) {
@@ -407,51 +489,66 @@ void Page::OfferFocus(rpc::FocusDirection direction) {
           const absl::StatusOr<rpc::TakeFocusResponse>& answer) {
         if (alive.expired()) return;
         is_focus_offered_ = false;
-        if (!answer.ok() || !answer->taken()) TakeFocusBack(direction);
+        if (answer.ok() && answer->taken()) return;
+        EnterPageByTab(direction == rpc::FOCUS_DIRECTION_BACKWARD ? kShift : 0);
       },
       {});
 }
 
-void Page::TakeFocusBack(rpc::FocusDirection direction) {
-  Run("orvaneAgent.expectTab()");
-  SendTab(direction == rpc::FOCUS_DIRECTION_BACKWARD ? kShift : 0);
-  // A page without anything to focus keeps the focus itself.
-  Run("orvaneAgent.hasFocus() || orvaneAgent.come()");
+// Input
+
+void Page::InOrder(orvane::Task task) {
+  if (is_focus_moving_) {
+    held_.push_back(std::move(task));
+  } else {
+    std::move(task)();
+  }
+}
+
+void Page::SendInput(const char* method, Json params,
+                     orvane::OnAnswer<Json> on_answer) {
+  InOrder([this, method, params = std::move(params),
+           on_answer = std::move(on_answer)]() mutable {
+    Send(method, std::move(params), std::move(on_answer));
+  });
 }
 
 // Keys
 
 void Page::KeyPress(const rpc::KeyPressRequest& event) {
-  TellWhetherListsAreServed();
-  Send("Input.dispatchKeyEvent", KeyDown(event));
+  SendInput("Input.dispatchKeyEvent", KeyDown(event));
 }
 
 void Page::KeyRelease(const rpc::KeyReleaseRequest& event) {
-  Send("Input.dispatchKeyEvent", KeyUp(event));
-  if (!IsTab(event.key())) return;
-  const bool is_back =
-      (event.input().modifiers() & rpc::MODIFIER_FLAG_SHIFT) != 0;
-  Run("orvaneAgent.hasFocus()",
-      [this, is_back](const absl::StatusOr<Json>& answer) {
-        if (!answer.ok() || IsTrue(answer)) return;
-        OfferFocus(is_back ? rpc::FOCUS_DIRECTION_BACKWARD
-                           : rpc::FOCUS_DIRECTION_FORWARD);
-      });
+  if (!IsTab(event.key())) {
+    SendInput("Input.dispatchKeyEvent", KeyUp(event));
+    return;
+  }
+  const rpc::FocusDirection direction =
+      (event.input().modifiers() & rpc::MODIFIER_FLAG_SHIFT) != 0
+          ? rpc::FOCUS_DIRECTION_BACKWARD
+          : rpc::FOCUS_DIRECTION_FORWARD;
+  SendInput("Input.dispatchKeyEvent", KeyUp(event),
+            [this, direction](const absl::StatusOr<Json>&) {
+              Run("orvaneAgent.hasFocus()",
+                  [this, direction](const absl::StatusOr<Json>& answer) {
+                    if (answer.ok() && !IsTrue(answer)) OfferFocus(direction);
+                  });
+            });
 }
 
 void Page::KeyType(const rpc::KeyTypeRequest& event) {
   if (event.is_system_key()) return;
   if (event.has_key()) {
-    Send("Input.dispatchKeyEvent", KeyText(event));
+    SendInput("Input.dispatchKeyEvent", KeyText(event));
   } else {
-    Send("Input.insertText", {{"text", std::string(event.text())}});
+    SendInput("Input.insertText", {{"text", std::string(event.text())}});
   }
 }
 
 // The mouse
 
 void Page::MousePress(const rpc::MousePressRequest& event) {
-  TellWhetherListsAreServed();
   pressed_.insert(event.button());
   SendMouse(MousePressed(event));
 }
@@ -460,7 +557,7 @@ void Page::MouseRelease(const rpc::MouseReleaseRequest& event) {
   pressed_.erase(event.button());
   SendMouse(MouseReleased(event));
   // The press has given the page the focus, which is the host's to give.
-  if (!viewport_.has_focus && event.pointer().buttons() == 0) LoseFocus();
+  if (!viewport_.has_focus && event.pointer().buttons() == 0) LeavePage();
 }
 
 void Page::MouseEnter(const rpc::MouseEnterRequest& event) {
@@ -491,10 +588,10 @@ void Page::MouseWheel(const rpc::MouseWheelRequest& event) {
 
 void Page::SendMouse(Json command) {
   if (newest_move_.has_value()) {
-    Send("Input.dispatchMouseEvent",
-         *std::exchange(newest_move_, std::nullopt));
+    SendInput("Input.dispatchMouseEvent",
+              *std::exchange(newest_move_, std::nullopt));
   }
-  Send("Input.dispatchMouseEvent", std::move(command));
+  SendInput("Input.dispatchMouseEvent", std::move(command));
 }
 
 void Page::SendMove(Json command) {
@@ -503,12 +600,14 @@ void Page::SendMove(Json command) {
 }
 
 void Page::SendNewestMove() {
-  if (!newest_move_.has_value() || unanswered_moves_ == kMaxUnansweredMoves)
+  if (!newest_move_.has_value() || is_focus_moving_ ||
+      unanswered_moves_ == kMaxUnansweredMoves) {
     return;
+  }
   ++unanswered_moves_;
   Send("Input.dispatchMouseEvent", *std::exchange(newest_move_, std::nullopt),
        [this](const absl::StatusOr<Json>&) {
-         if (unanswered_moves_ > 0) --unanswered_moves_;
+         --unanswered_moves_;
          SendNewestMove();
        });
 }
@@ -517,22 +616,22 @@ void Page::SendNewestMove() {
 
 void Page::TouchStart(const rpc::TouchStartRequest& event) {
   if (auto command = fingers_.Start(event.changed_points(), event.input()))
-    Send("Input.dispatchTouchEvent", *std::move(command));
+    SendInput("Input.dispatchTouchEvent", *std::move(command));
 }
 
 void Page::TouchMove(const rpc::TouchMoveRequest& event) {
   if (auto command = fingers_.Move(event.changed_points(), event.input()))
-    Send("Input.dispatchTouchEvent", *std::move(command));
+    SendInput("Input.dispatchTouchEvent", *std::move(command));
 }
 
 void Page::TouchEnd(const rpc::TouchEndRequest& event) {
   if (auto command = fingers_.End(event.changed_points(), event.input()))
-    Send("Input.dispatchTouchEvent", *std::move(command));
+    SendInput("Input.dispatchTouchEvent", *std::move(command));
 }
 
 void Page::TouchCancel(const rpc::TouchCancelRequest& event) {
   if (auto command = fingers_.Cancel(event.changed_points()))
-    Send("Input.dispatchTouchEvent", *std::move(command));
+    SendInput("Input.dispatchTouchEvent", *std::move(command));
 }
 
 // Drags
@@ -570,15 +669,8 @@ void Page::OnEvent(EngineEvent event) {
                          static_cast<std::int64_t>(Number(context, "id"))};
     worlds_[world] = {Text(Member(context, "auxData"), "frameId"),
                       ++last_document_};
-    RunIn(world, absl::StrCat("orvaneAgent.serveLists(",
-                              Literal(are_lists_served_), ")"));
     if (viewport_.is_accessibility_on)
       RunIn(world, "orvaneAgent.turnAccessibilityOn()");
-    // Whoever lost the focus before there was a document has it still.
-    if (is_main && is_drawn_ && !viewport_.has_focus &&
-        Text(Member(context, "auxData"), "frameId") == target_->id) {
-      LoseFocus();
-    }
   } else if (event.method == "Runtime.executionContextDestroyed") {
     worlds_.erase({event.session, static_cast<std::int64_t>(
                                       Number(params, "executionContextId"))});
@@ -586,6 +678,12 @@ void Page::OnEvent(EngineEvent event) {
     std::erase_if(worlds_, [&](const auto& entry) {
       return entry.first.session == event.session;
     });
+  } else if (event.method == "Page.domContentEventFired") {
+    // The focus cannot be taken from a page that has no document yet,
+    if (is_main) LeavePageUnlessFocused();
+  } else if (event.method == "Page.javascriptDialogClosed") {
+    // nor from one that waits for a dialog.
+    LeavePageUnlessFocused();
   } else if (event.method == "Page.frameNavigated") {
     const Json& frame = Member(params, "frame");
     if (Text(frame, "id") != target_->id) return;
@@ -626,13 +724,15 @@ void Page::CheckRequest(const EngineEvent& event) {
   }
   LOG_EVERY_N_SEC(WARNING, 10)
       << "browser " << browser_.value()
-      << " is refused an address: " << status.message();
+      << " is refused an address: " << orvane::Printable(status.message());
   engine_->Call(event.session, "Fetch.failRequest",
                 {{"requestId", request}, {"errorReason", "AccessDenied"}});
 }
 
 void Page::Recover() {
   worlds_.clear();
+  is_focus_moving_ = false;
+  held_.clear();
   dialogs_.Reset();
   pictures_.ForgetShown();
   ForgetDocument();
@@ -641,8 +741,8 @@ void Page::Recover() {
   while (!crashes_.empty() && crashes_.front() < now - kCrashPeriod)
     crashes_.pop_front();
   crashes_.push_back(now);
-  LOG(WARNING) << "browser " << browser_.value()
-               << ": its page has crashed: " << address_.substr(0, 200);
+  LOG(WARNING) << "browser " << browser_.value() << ": its page has crashed: "
+               << orvane::Printable(address_, kLoggedBytes);
   if (crashes_.size() > kMaxCrashes) {
     Send("Page.navigate", {{"url", kCrashPage}});
   } else {
@@ -712,6 +812,10 @@ void Page::ForgetDocument() {
 void Page::TakeList(const World& world, const Json& report) {
   const auto list =
       static_cast<std::int64_t>(std::clamp(Number(report, "list"), 0.0, 1e9));
+  if (!drop_downs_.AreServed()) {
+    RunIn(world, absl::StrCat("orvaneAgent.drawList(", list, ")"));
+    return;
+  }
   drop_downs_.Open(report, [this, world,
                             list](std::optional<std::uint32_t> index) {
     if (!worlds_.contains(world)) return;
@@ -719,14 +823,6 @@ void Page::TakeList(const World& world, const Json& report) {
           absl::StrCat("orvaneAgent.chooseFromList(", list, ", ",
                        index.has_value() ? absl::StrCat(*index) : "null", ")"));
   });
-}
-
-// Comes before whatever can open a list.
-void Page::TellWhetherListsAreServed() {
-  if (are_lists_served_ == drop_downs_.AreServed()) return;
-  are_lists_served_ = !are_lists_served_;
-  RunInAll(
-      absl::StrCat("orvaneAgent.serveLists(", Literal(are_lists_served_), ")"));
 }
 
 void Page::TakeLiveRegion(std::uint64_t document, const Json& report) {

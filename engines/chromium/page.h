@@ -98,15 +98,17 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
     std::uint64_t number;  // Among those that this page has had.
   };
 
+  // Sends a command to the target. Does nothing, and drops the continuation,
+  // without a target; drops it also if the target is gone by the reply.
   void Send(absl::string_view method, Json params = Json::object(),
             orvane::OnAnswer<Json> on_answer = nullptr);
-  void StartScreencast();
-  // To one of the page's sessions.
   void SetUpSession(const std::string& session);
-  // Runs a script in our world of that document, of the main frame's if there
-  // is one, or of all.
+  void StartScreencast();
+
+  // Run a script in our world of one document or of all.
   void RunIn(const World& world, absl::string_view script);
   void RunInAll(absl::string_view script);
+  // In the main frame's document. kNotFound, at once, if there is none yet.
   void Run(absl::string_view script,
            orvane::OnAnswer<Json> on_answer = nullptr);
 
@@ -119,13 +121,22 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void ExpectPicture();
   void LiftAll();
 
-  // The focus.
-  void LoseFocus();
-  void SendTab(int modifiers);
+  // The focus. Each move takes some time, in which the host's input waits: the
+  // engine lets keys overtake the scripts that move the focus.
+  void MoveFocus(orvane::Task begin);
+  void FocusHasMoved();
+  void EnterPage();
+  void EnterPageByTab(int modifiers);
+  void LeavePage();
+  // The host has not given the focus that a page may have taken by itself.
+  void LeavePageUnlessFocused();
+  void SendTab(int modifiers, orvane::OnAnswer<Json> on_answer);
   void OfferFocus(rpc::FocusDirection direction);
-  void TakeFocusBack(rpc::FocusDirection direction);
 
-  // Input.
+  // Input, in the order of the calls.
+  void InOrder(orvane::Task task);
+  void SendInput(const char* method, Json params,
+                 orvane::OnAnswer<Json> on_answer = nullptr);
   void SendMouse(Json command);
   void SendMove(Json command);
   void SendNewestMove();
@@ -136,7 +147,6 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void TakeTooltip(const Json& report);
   void HideTooltip();
   void TakeList(const World& world, const Json& report);
-  void TellWhetherListsAreServed();
   void TakeLiveRegion(std::uint64_t document, const Json& report);
   void TakeAccessibleFocus(const Json& report);
   void ForgetDocument();  // What the page showed is gone.
@@ -166,6 +176,8 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   std::unique_ptr<orvane::EventLoop::Timer> picture_timer_;
   int missing_pictures_ = 0;  // In a row.
 
+  bool is_focus_moving_ = false;
+  std::deque<orvane::Task> held_;  // Input that waits for that.
   int unanswered_moves_ = 0;
   std::optional<Json> newest_move_;  // That waits for the others' answers.
   bool is_pointer_inside_ = false;
@@ -176,8 +188,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
 
   std::string cursor_;
   bool is_tooltip_shown_ = false;
-  World pointed_at_;               // Whose document had the pointer last.
-  bool are_lists_served_ = false;  // As the documents were told.
+  World pointed_at_;  // Whose document had the pointer last.
   std::unique_ptr<orvane::EventLoop::Timer> look_timer_;
 
   const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

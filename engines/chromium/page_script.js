@@ -61,7 +61,7 @@
                pointer.y >= box.top && pointer.y < box.bottom);
   };
 
-  // What `auto` means is the engine's own business, and it does not tell.
+  // The engine does not tell what it makes of `auto`.
   const resolveAuto = (element) => {
     if (closest(element, "a[href], area[href]")) return "pointer";
     if (element instanceof HTMLInputElement)
@@ -102,8 +102,7 @@
     pointer = { x: event.clientX, y: event.clientY };
     look(innermost(event));
   }, true);
-  // Another document, or nothing, is under the pointer now, and says what it
-  // wants itself.
+  // Another document, if any, is under the pointer now and reports for itself.
   document.addEventListener("mouseleave", () => {
     pointer = null;
     lastCursor = "";
@@ -113,7 +112,7 @@
 
   // The focus -----------------------------------------------------------------
 
-  let hidesTab = false;       // The widget's own Tab is not the page's business.
+  let hidesTab = false;       // The page must not see the widget's own Tab.
   let remembered = null;      // What had the focus when the view lost it.
 
   for (const type of ["keydown", "keyup"]) {
@@ -130,9 +129,8 @@
   // Drop-downs ----------------------------------------------------------------
 
   // The engine's own list is in no picture and takes keys unseen, so it must not
-  // open. If a host serves lists, it is asked; else the list becomes a part of
-  // the page.
-  let areListsServed = false;
+  // open. The widget is told instead: it asks the host, or, if none serves
+  // lists, has the page draw the list.
   let openList = null;  // { id, select, options }
   let lastList = 0;
   const kMaxItems = 10000;
@@ -145,7 +143,9 @@
   const listFor = (event) => {
     const select = innermost(event)?.closest("select");
     const isList = select && !select.multiple && select.size <= 1;
-    return isList && !select.disabled ? select : null;
+    // One that the page draws takes its input itself while it is open.
+    return isList && !select.disabled && !select.matches(":open") ? select
+                                                                  : null;
   };
 
   const showList = (select) => {
@@ -183,7 +183,7 @@
 
   addEventListener("mousedown", (event) => {
     const select = listFor(event);
-    if (!areListsServed || !select || event.button !== 0) return;
+    if (!select || event.button !== 0) return;
     event.preventDefault();
     select.focus();
     showList(select);
@@ -191,7 +191,7 @@
 
   addEventListener("keydown", (event) => {
     const select = listFor(event);
-    if (!areListsServed || !select) return;
+    if (!select) return;
     const isArrow = event.key === "ArrowDown" || event.key === "ArrowUp";
     const opens = event.key === " " || event.key === "Enter" ||
                   event.key === "F4" || (isArrow && event.altKey);
@@ -279,12 +279,19 @@
   // What the widget calls -----------------------------------------------------
 
   globalThis.orvaneAgent = {
-    serveLists(areServed) {
-      areListsServed = areServed;
-      const others = document.adoptedStyleSheets.filter(
-        (sheet) => sheet !== drawnLists);
-      document.adoptedStyleSheets =
-        areServed ? others : [...others, drawnLists];
+    drawList(list) {
+      if (openList?.id !== list) return;
+      const { select } = openList;
+      openList = null;
+      if (!document.adoptedStyleSheets.includes(drawnLists)) {
+        document.adoptedStyleSheets =
+          [...document.adoptedStyleSheets, drawnLists];
+      }
+      try {
+        select.showPicker();
+      } catch {
+        // Not in a frame of another site's; there the next press opens it.
+      }
     },
     // Null: the list was closed without a choice.
     chooseFromList(list, index) {

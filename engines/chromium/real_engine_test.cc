@@ -168,6 +168,12 @@ class RealEngineTest : public ::testing::Test {
     return text;
   }
 
+  // Waits until it has told this, whatever it tells before.
+  void AwaitTold(const std::string& text) {
+    while (Told() != text) {
+    }
+  }
+
   std::string At(int x, int y, const std::string& more = "") const {
     return absl::StrCat("pointer { position { x: ", x, " y: ", y, " } ", more,
                         " } ");
@@ -336,6 +342,17 @@ TEST_F(RealEngineTest, AClickIsOne) {
   EXPECT_EQ(Told(), "30,40,0,1,true");
 }
 
+TEST_F(RealEngineTest, MovesTellWhereAndWhatIsHeld) {
+  Open(
+      "<script>tellOf('mousemove', (e) =>"
+      "  [e.clientX, e.clientY, e.buttons, e.shiftKey].join());</script>");
+  EXPECT_TRUE(widget_
+                  ->ForwardMouseMove(New<rpc::MouseMoveRequest>(
+                      At(11, 12) + "input { modifiers: 8 }"))
+                  .ok());
+  AwaitTold("11,12,0,true");  // The engine makes up one at 0, 0 before.
+}
+
 TEST_F(RealEngineTest, TheWheelScrolls) {
   Open(
       "<div style='height:5000px'></div><script>"
@@ -402,6 +419,99 @@ TEST_F(RealEngineTest, ThePageHasTheFocusWhileTheHostSaysSo) {
   AwaitColor(10, 10, 0x0000ff);
   EXPECT_TRUE(widget_->Unfocus(browser_).ok());
   AwaitColor(10, 10, 0xff0000);
+}
+
+TEST_F(RealEngineTest, TabLeadsThroughThePageAndOut) {
+  Open(
+      "<button>A</button><button>B</button><script>"
+      "addEventListener('focusin', (e) => tell(e.target.innerText));"
+      "</script>");
+  std::vector<rpc::FocusDirection> directions;
+  const Stream serving = widget_->OnTakeFocus(
+      browser_, [&](const rpc::TakeFocusCall& call,
+                    orvane::Responder<rpc::TakeFocus> responder) {
+        directions.push_back(call.direction());
+        rpc::TakeFocusResponse answer;
+        answer.set_taken(true);
+        EXPECT_TRUE(std::move(responder).Respond(answer).ok());
+      });
+  Focus("TAB");
+  EXPECT_EQ(Told(), "A");
+  const std::string tab = "key: 'Tab' code: 'Tab' windows_key_code: 9";
+  Press(tab);
+  Release(tab);
+  EXPECT_EQ(Told(), "B");
+  EXPECT_THAT(directions, IsEmpty());
+  Press(tab);
+  Release(tab);
+  loop_.RunUntil([&] { return !directions.empty(); });
+  EXPECT_THAT(directions, ElementsAre(rpc::FOCUS_DIRECTION_FORWARD));
+}
+
+// Cursor and tooltip
+
+TEST_F(RealEngineTest, CursorAndTooltipFollowThePointer) {
+  Open(
+      "<div title='A tip' style='width:100px;height:100px;cursor:wait'>"
+      "</div>");
+  std::vector<rpc::CursorType> cursors;
+  std::vector<std::string> tips;
+  const Stream watching = widget_->WhenCursorChanged(
+      browser_, [&](const rpc::CursorChanged& event) {
+        cursors.push_back(event.cursor().type());
+      });
+  const Stream listening = widget_->WhenTooltipChanged(
+      browser_, [&](const rpc::TooltipChanged& event) {
+        tips.emplace_back(event.text());
+      });
+  Move(50, 50);
+  // The engine merges moves until it draws, so the next one has to wait.
+  loop_.RunUntil([&] { return !cursors.empty() && !tips.empty(); });
+  Move(200, 150);
+  loop_.RunUntil([&] { return cursors.size() >= 2 && tips.size() >= 2; });
+  EXPECT_THAT(cursors,
+              ElementsAre(rpc::CURSOR_TYPE_WAIT, rpc::CURSOR_TYPE_DEFAULT));
+  EXPECT_THAT(tips, ElementsAre("A tip", ""));
+}
+
+// Drop-downs
+
+constexpr char kSelect[] =
+    "<select onchange='tell(`chose ` + this.value)' style='position:absolute;"
+    "left:10px;top:10px;width:100px;height:20px'>"
+    "<option>One<option selected>Two<option>Three</select>";
+
+TEST_F(RealEngineTest, AListIsShownByTheHost) {
+  Open(kSelect);
+  std::vector<std::string> labels;
+  const Stream serving = widget_->OnShowDropdown(
+      browser_, [&](const rpc::ShowDropdownCall& call,
+                    orvane::Responder<rpc::ShowDropdown> responder) {
+        EXPECT_EQ(call.anchor().x(), 10);
+        EXPECT_EQ(call.anchor().width(), 100);
+        EXPECT_EQ(call.selected_index(), 1u);
+        for (const rpc::DropDownItem& item : call.items())
+          labels.emplace_back(item.label());
+        rpc::ShowDropdownResponse answer;
+        answer.set_accepted(true);
+        answer.add_selected_indices(2);
+        EXPECT_TRUE(std::move(responder).Respond(answer).ok());
+      });
+  Focus("MOUSE");
+  Click(50, 20);
+  EXPECT_EQ(Told(), "chose Three");
+  EXPECT_THAT(labels, ElementsAre("One", "Two", "Three"));
+}
+
+TEST_F(RealEngineTest, AListThatNobodyServesIsDrawnInThePage) {
+  Open(std::string(kSelect) +
+       "<style>option { background: rgb(0,0,255); height: 30px }</style>");
+  EXPECT_EQ(PixelAt(90, 50), 0x008000u);
+  Focus("MOUSE");
+  Click(50, 20);
+  AwaitColor(90, 50, 0x0000ff);  // The first option, below the element.
+  Click(90, 50);
+  EXPECT_EQ(Told(), "chose One");
 }
 
 // Drags
