@@ -395,7 +395,8 @@ void Page::Focus(const rpc::FocusRequest& event) {
 }
 
 void Page::MoveFocus(orvane::Task begin) {
-  if (held_.size() >= kMaxHeldInput) return;  // As input is refused then.
+  // As input is refused then.
+  if (!target_.has_value() || held_.size() >= kMaxHeldInput) return;
   InOrder([this, begin = std::move(begin)]() mutable {
     is_focus_moving_ = true;
     std::move(begin)();

@@ -122,12 +122,13 @@ TEST_F(PageTest, AnEngineThatEndsIsStartedAgainAndShowsWhatItShowed) {
                   .status()
                   .message(),
               HasSubstr("browser 1 takes no input now"));
-  EXPECT_TRUE(host_->Unfocus(browser_).ok());  // State is kept.
+  EXPECT_TRUE(host_->Focus(New<rpc::FocusRequest>()).ok());  // State is kept.
   AnswerTheVersion();
   scripted_->Settle();
   EXPECT_THAT(scripted_->Params("Page.navigate"), SizeIs(1));
   EXPECT_THAT(Bounds(), Contains(Json{{"windowState", "normal"}}));
   Input<rpc::KeyTypeRequest>(&Client::ForwardKeyType, "text: 'a'");
+  EXPECT_THAT(scripted_->Params("Input.insertText"), SizeIs(1));
 }
 
 TEST_F(PageTest, WhatIsNotAllowedIsNotLoaded) {
