@@ -101,6 +101,20 @@ TEST_F(Examples, OwnLoopGoesOnUntilTheWidgetHasGone) {
   EXPECT_THAT(result.output, EndsWith("the widget has gone\n"));
 }
 
+TEST_F(Examples, WindowShowsThePageAndClicks) {
+  ChildProcess widget({WIDGET_SERVER, "--socket", socket_});
+  EXPECT_THAT(widget.ReadLine(), HasSubstr(socket_));
+  ChildProcess window({WINDOW, socket_});
+  const std::string first = window.ReadLine();
+  const std::string second = window.ReadLine();
+  EXPECT_THAT(
+      (std::vector{first, second}),
+      UnorderedElementsAre("picture: 320 x 200 pixels, 320 x 200 of them new",
+                           "cursor: CURSOR_TYPE_POINTER"));
+  window.Signal(SIGTERM);
+  EXPECT_EQ(window.Wait().exit_code, 0);
+}
+
 TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {
   auto operating = Start(OPERATING, "operating");
   // A client that has said nothing would make room for the next one.
