@@ -41,6 +41,14 @@ class Examples : public testing::Test {
     return *std::move(client);
   }
 
+  // The next line that begins with `start`, or an empty one at the end.
+  static std::string ReadUntil(ChildProcess& program,
+                               const std::string& start) {
+    std::string line = program.ReadLine();
+    while (!line.empty() && !line.starts_with(start)) line = program.ReadLine();
+    return line;
+  }
+
   const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
   orvane::EventLoop loop_;
@@ -99,6 +107,25 @@ TEST_F(Examples, OwnLoopGoesOnUntilTheWidgetHasGone) {
   const ChildProcess::Result result = host.Wait();
   EXPECT_EQ(result.exit_code, 0);
   EXPECT_THAT(result.output, EndsWith("the widget has gone\n"));
+}
+
+TEST_F(Examples, WindowShowsThePageOfEachWidget) {
+  ChildProcess window({WINDOW, socket_});
+  for (int widgets = 0; widgets < 2; ++widgets) {
+    ChildProcess widget({WIDGET_SERVER, "--socket", socket_});
+    EXPECT_EQ(ReadUntil(window, "attached"), "attached");
+    EXPECT_EQ(ReadUntil(window, "picture"),
+              "picture: 320 x 200 pixels, 320 x 200 of them new");
+    widget.Signal(SIGKILL);
+  }
+  window.Signal(SIGTERM);
+  EXPECT_EQ(window.Wait().exit_code, 0);
+}
+
+TEST_F(Examples, WindowTellsTheCursorOverALink) {
+  ChildProcess widget({WIDGET_SERVER, "--socket", socket_});
+  ChildProcess window({WINDOW, socket_});
+  EXPECT_EQ(ReadUntil(window, "cursor"), "cursor: CURSOR_TYPE_POINTER");
 }
 
 TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {

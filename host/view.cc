@@ -1,0 +1,260 @@
+#include "host/view.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "google/protobuf/util/message_differencer.h"
+
+namespace orvane::host {
+namespace {
+
+using Client = InputCalls::Client;
+using google::protobuf::util::MessageDifferencer;
+
+}  // namespace
+
+View::Session::Session(std::unique_ptr<SocketClient> new_connection,
+                       const ViewOptions& options)
+    : connection(std::move(new_connection)),
+      calls(connection.get(), options.browser),
+      pointer(&calls, options.pointer),
+      keyboard(&calls),
+      touch(&calls) {}
+
+View::View(EventLoop* loop, ViewOptions options, ViewHandlers handlers)
+    : loop_(loop),
+      options_(std::move(options)),
+      handlers_(std::move(handlers)),
+      retry_(options_.first_retry) {
+  // Later, so that no handler runs inside the constructor.
+  retry_timer_ = loop_->RunAfter(absl::ZeroDuration(), [this] { Connect(); });
+}
+
+View::~View() = default;
+
+Pointer* View::pointer() {
+  return state_ == ViewState::kAttached ? &session_->pointer : nullptr;
+}
+
+Keyboard* View::keyboard() {
+  return state_ == ViewState::kAttached ? &session_->keyboard : nullptr;
+}
+
+Touch* View::touch() {
+  return state_ == ViewState::kAttached ? &session_->touch : nullptr;
+}
+
+rpc::BrowserWidgetRpcClient* View::client() {
+  return session_ == nullptr ? nullptr : &session_->calls.client();
+}
+
+void View::SetState(ViewState state, absl::Status status) {
+  status_ = std::move(status);
+  if (std::exchange(state_, state) != state && handlers_.on_state)
+    handlers_.on_state(state);
+}
+
+// The widget's process -------------------------------------------------------
+
+void View::Connect() {
+  auto connection = SocketClient::Connect(loop_, options_.socket);
+  if (absl::IsPermissionDenied(connection.status())) {
+    SetState(ViewState::kIncompatible, connection.status());
+    return;
+  }
+  if (!connection.ok()) {
+    status_ = connection.status();
+    ConnectLater();
+    return;
+  }
+  session_ = std::make_shared<Session>(*std::move(connection), options_);
+  // It ends with the widget, as any other stream would.
+  session_->end = session_->calls.client().WhenDropDownDeleted(
+      options_.browser, nullptr,
+      [this](const absl::Status&) { OnWidgetGone(); });
+  const std::weak_ptr<Session> session = session_;
+  if (handlers_.on_connected) handlers_.on_connected(session_->calls.client());
+  if (session.expired()) return;  // It ran the loop, and the widget has gone.
+  if (display_.has_value())
+    session_->calls.Send(&Client::SetDisplay, *display_);
+  SetState(ViewState::kConnected, absl::OkStatus());
+  AttachIfPossible();
+}
+
+void View::ConnectLater() {
+  retry_timer_ = loop_->RunAfter(retry_, [this] { Connect(); });
+  retry_ = std::min(2 * retry_, options_.last_retry);
+}
+
+void View::OnWidgetGone() {
+  // Taken out first, since the handler may call anything.
+  const std::shared_ptr<Session> ended = std::move(session_);
+  session_ = nullptr;
+  attaching_ = 0;
+  absl::Status why = ended->connection->status();
+  // A widget that shuts down completes its streams before the connection ends.
+  if (why.ok()) why = absl::UnavailableError("the widget shuts down");
+  if (absl::IsFailedPrecondition(why)) {
+    SetState(ViewState::kIncompatible, why);
+    return;
+  }
+  ConnectLater();
+  SetState(ViewState::kWaiting, why);
+}
+
+// Attaching ------------------------------------------------------------------
+
+void View::AttachIfPossible() {
+  if (state_ != ViewState::kConnected || !bounds_.has_value() ||
+      attaching_ != 0) {
+    return;
+  }
+  attaching_ = ++attempts_;
+  told_bounds_ = *bounds_;
+  rpc::AttachRequest request;
+  *request.mutable_browser_id() = options_.browser;
+  request.set_rendering_mode(rpc::RENDERING_MODE_OFF_SCREEN);
+  *request.mutable_bounds() = bounds_->bounds();
+  if (bounds_->has_screen_bounds())
+    *request.mutable_screen_bounds() = bounds_->screen_bounds();
+  session_->calls.client().Attach(
+      request, [this, session = std::weak_ptr(session_), attempt = attaching_](
+                   const absl::StatusOr<rpc::AttachResult>& answer) {
+        if (!session.expired()) OnAttached(attempt, answer);
+      });
+}
+
+void View::OnAttached(std::uint64_t attempt,
+                      const absl::StatusOr<rpc::AttachResult>& answer) {
+  if (attempt != attaching_) return;  // Detached meanwhile.
+  attaching_ = 0;
+  if (!answer.ok() || !answer->attached()) {
+    // Without a connection, its end is told in a moment.
+    if (session_->connection->status().ok()) {
+      SetState(ViewState::kRefused,
+               answer.ok() ? absl::UnavailableError(answer->refusal())
+                           : answer.status());
+    }
+    return;
+  }
+  retry_ = options_.first_retry;
+  attached_ = *answer;
+  session_->pointer.SetViewSize(attached_.size());
+  InputCalls& calls = session_->calls;
+  TellBounds();
+  if (is_shown_) calls.Send(&Client::Show);
+  if (is_minimized_) calls.Send(&Client::Minimize);
+  if (focus_.has_value()) {
+    rpc::FocusRequest focus;
+    focus.set_reason(*focus_);
+    calls.Send(&Client::Focus, std::move(focus));
+  }
+  SetState(ViewState::kAttached, absl::OkStatus());
+}
+
+void View::Detach() {
+  bounds_.reset();
+  focus_.reset();
+  if (session_ == nullptr) return;
+  if (state_ == ViewState::kAttached) {
+    CancelInput();
+    session_->calls.Send(&Client::Unfocus);
+  }
+  if (state_ == ViewState::kAttached || attaching_ != 0)
+    session_->calls.Send(&Client::Detach);
+  attaching_ = 0;
+  SetState(ViewState::kConnected, absl::OkStatus());
+}
+
+void View::TakeOver() {
+  if (state_ != ViewState::kRefused) return;
+  session_->calls.Send(&Client::Detach);
+  SetState(ViewState::kConnected, absl::OkStatus());
+  AttachIfPossible();
+}
+
+void View::CancelInput() {
+  session_->pointer.Cancel();
+  session_->touch.CancelAll();
+  session_->keyboard.ReleaseAll();
+}
+
+// What the window wants ------------------------------------------------------
+
+void View::SetDisplay(const rpc::Display& display) {
+  rpc::Display wanted = display;
+  *wanted.mutable_browser_id() = options_.browser;
+  if (display_.has_value() && MessageDifferencer::Equals(*display_, wanted))
+    return;
+  display_ = std::move(wanted);
+  if (session_ != nullptr) session_->calls.Send(&Client::SetDisplay, *display_);
+}
+
+void View::SetBounds(const rpc::RectDip& bounds,
+                     const std::optional<rpc::RectPx>& screen_bounds) {
+  bounds_.emplace();
+  *bounds_->mutable_browser_id() = options_.browser;
+  *bounds_->mutable_bounds() = bounds;
+  if (screen_bounds.has_value())
+    *bounds_->mutable_screen_bounds() = *screen_bounds;
+  if (state_ == ViewState::kAttached) {
+    TellBounds();
+  } else {
+    AttachIfPossible();
+  }
+}
+
+void View::TellBounds() {
+  if (MessageDifferencer::Equals(*bounds_, told_bounds_)) return;
+  told_bounds_ = *bounds_;
+  rpc::SizeDip size;
+  size.set_width(told_bounds_.bounds().width());
+  size.set_height(told_bounds_.bounds().height());
+  session_->pointer.SetViewSize(size);
+  session_->calls.Send(&Client::SetViewBounds, told_bounds_);
+}
+
+void View::SetShown(bool is_shown) {
+  if (std::exchange(is_shown_, is_shown) == is_shown ||
+      state_ != ViewState::kAttached) {
+    return;
+  }
+  if (!is_shown) CancelInput();
+  if (is_shown)
+    session_->calls.Send(&Client::Show);
+  else
+    session_->calls.Send(&Client::Hide);
+}
+
+void View::SetMinimized(bool is_minimized) {
+  if (std::exchange(is_minimized_, is_minimized) == is_minimized ||
+      state_ != ViewState::kAttached) {
+    return;
+  }
+  if (is_minimized) CancelInput();
+  if (is_minimized)
+    session_->calls.Send(&Client::Minimize);
+  else
+    session_->calls.Send(&Client::Restore);
+}
+
+void View::Focus(rpc::FocusReason reason) {
+  if (std::exchange(focus_, reason).has_value() ||
+      state_ != ViewState::kAttached) {
+    return;
+  }
+  rpc::FocusRequest focus;
+  focus.set_reason(reason);
+  session_->calls.Send(&Client::Focus, std::move(focus));
+}
+
+void View::Unfocus() {
+  if (!std::exchange(focus_, std::nullopt).has_value() ||
+      state_ != ViewState::kAttached) {
+    return;
+  }
+  session_->keyboard.ReleaseAll();
+  session_->calls.Send(&Client::Unfocus);
+}
+
+}  // namespace orvane::host

@@ -1,0 +1,175 @@
+// The life of one browser in a window.
+
+#ifndef HOST_VIEW_H_
+#define HOST_VIEW_H_
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "absl/functional/any_invocable.h"
+#include "absl/status/status.h"
+#include "absl/status/statusor.h"
+#include "absl/time/time.h"
+
+#include "host/input_calls.h"
+#include "host/keyboard.h"
+#include "host/pointer.h"
+#include "host/touch.h"
+#include "rpc/browser/browser_id.pb.h"
+#include "rpc/browser/browser_widget.client.h"
+#include "rpc/browser/display.pb.h"
+#include "rpc/browser/focus.pb.h"
+#include "rpc/browser/geometry.pb.h"
+#include "rpc/browser/window.pb.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/client_stream.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+
+namespace orvane::host {
+
+enum class ViewState {
+  // There is no widget: it has not been started, or it has gone. The view
+  // connects to the next one by itself. Show the last picture dimmed.
+  kWaiting,
+
+  // There is a widget. The view attaches once it has a size.
+  kConnected,
+
+  // The page is in the window.
+  kAttached,
+
+  // The widget has refused, for the reason in View::status(). The browser may
+  // be attached to another host, or to one that has died: see View::TakeOver.
+  kRefused,
+
+  // The widget serves another service or version, or belongs to another user;
+  // trying again does not help.
+  kIncompatible,
+};
+
+struct ViewOptions {
+  std::string socket;  // Where the widget listens.
+  BrowserId browser;
+  PointerOptions pointer = {};
+
+  // The time between two attempts to connect; it doubles from the first to the
+  // last.
+  absl::Duration first_retry = absl::Milliseconds(100);
+  absl::Duration last_retry = absl::Seconds(5);
+};
+
+struct ViewHandlers {
+  // Runs for each new widget, before anything else is sent to it. Watch and
+  // serve the browser's streams here: a cursor or a tooltip is told only when
+  // it changes, and who serves OnUpdateLayer and OnShowDropdown decides who
+  // draws. The client and the streams that it opened are good until the state
+  // is kWaiting or kIncompatible.
+  absl::AnyInvocable<void(rpc::BrowserWidgetRpcClient&)> on_connected;
+
+  // Runs after each change of the state. A drop-down or dialog of the page's
+  // that is open is closed when the view is not attached any more.
+  absl::AnyInvocable<void(ViewState)> on_state;
+};
+
+// Keeps what the window wants of a browser (size, visibility, focus, display),
+// and tells it to each widget process that comes, in the right order.
+//
+// Thread: the service thread of the loop. Lifetime: the loop outlives the view.
+// Must not be destroyed in one of its handlers. Its end closes the connection;
+// call Detach before if the widget lives on, so that another host may attach
+// the browser.
+class View {
+ public:
+  View(EventLoop* loop, ViewOptions options, ViewHandlers handlers);
+  View(const View&) = delete;
+  View& operator=(const View&) = delete;
+  ~View();
+
+  ViewState state() const { return state_; }
+
+  // Why the state is not kAttached; OK if nothing has gone wrong.
+  const absl::Status& status() const { return status_; }
+
+  // What the widget has made of the size and scale; only while attached.
+  const rpc::AttachResult& attached() const { return attached_; }
+
+  // What the window wants. Each may be called in any state, again and again;
+  // what changes nothing sends nothing.
+  void SetDisplay(const rpc::Display& display);
+  void SetBounds(const rpc::RectDip& bounds,
+                 const std::optional<rpc::RectPx>& screen_bounds);
+  void SetShown(bool is_shown);
+  void SetMinimized(bool is_minimized);
+
+  // The control that holds the view has got or lost the keyboard focus.
+  void Focus(rpc::FocusReason reason);
+  void Unfocus();
+
+  // Takes the view out of the window, as before the window is destroyed:
+  // cancels input and detaches. SetBounds attaches it again.
+  void Detach();
+
+  // After kRefused: detaches the browser from whoever has it and attaches it
+  // here. A host that lives loses its view.
+  void TakeOver();
+
+  // Where input goes. Null unless the view is attached.
+  Pointer* pointer();
+  Keyboard* keyboard();
+  Touch* touch();
+
+  // Null while there is no widget.
+  rpc::BrowserWidgetRpcClient* client();
+
+ private:
+  // What belongs to one widget process.
+  struct Session {
+    Session(std::unique_ptr<SocketClient> new_connection,
+            const ViewOptions& options);
+
+    const std::unique_ptr<SocketClient> connection;
+    InputCalls calls;
+    Pointer pointer;
+    Keyboard keyboard;
+    Touch touch;
+    std::unique_ptr<ClientStream> end;  // Tells when the widget has gone.
+  };
+
+  void Connect();
+  void ConnectLater();
+  void OnWidgetGone();
+  void AttachIfPossible();
+  void OnAttached(std::uint64_t attempt,
+                  const absl::StatusOr<rpc::AttachResult>& answer);
+  void TellBounds();
+  void CancelInput();
+  void SetState(ViewState state, absl::Status status);
+
+  EventLoop* const loop_;
+  const ViewOptions options_;
+  ViewHandlers handlers_;
+  ViewState state_ = ViewState::kWaiting;
+  absl::Status status_;
+  rpc::AttachResult attached_;
+
+  // What the window wants.
+  std::optional<rpc::Display> display_;
+  std::optional<rpc::ViewBounds> bounds_;  // None: detached.
+  bool is_shown_ = false;
+  bool is_minimized_ = false;
+  std::optional<rpc::FocusReason> focus_;
+
+  absl::Duration retry_;
+  std::unique_ptr<EventLoop::Timer> retry_timer_;
+  // The number of the Attach that has no answer; 0 if there is none.
+  std::uint64_t attaching_ = 0;
+  std::uint64_t attempts_ = 0;
+  rpc::ViewBounds told_bounds_;       // What the widget knows of bounds_.
+  std::shared_ptr<Session> session_;  // Answers hold a weak pointer.
+};
+
+}  // namespace orvane::host
+
+#endif  // HOST_VIEW_H_

@@ -1,0 +1,251 @@
+#include "host/view.h"
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "absl/time/time.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/testing/keys.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+
+namespace orvane::host {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// Records the names of its calls, and attaches unless it has a refusal.
+class AttachingWidget final : public rpc::BrowserWidgetRpc {
+ public:
+  void CallMethod(const google::protobuf::MethodDescriptor* method,
+                  google::protobuf::RpcController* controller,
+                  const google::protobuf::Message* request,
+                  google::protobuf::Message* response,
+                  google::protobuf::Closure* done) override {
+    calls.push_back(method->name());
+    if (failing.contains(method->name())) controller->SetFailed("it cannot");
+    if (auto* const result = dynamic_cast<rpc::AttachResult*>(response)) {
+      const auto& bounds =
+          static_cast<const rpc::AttachRequest*>(request)->bounds();
+      result->set_attached(refusal.empty());
+      result->set_refusal(refusal);
+      result->mutable_size()->set_width(bounds.width());
+      result->mutable_size()->set_height(bounds.height());
+    }
+    done->Run();
+  }
+
+  std::vector<std::string> calls;
+  std::set<std::string> failing;
+  std::string refusal;
+};
+
+class ViewTest : public ::testing::Test {
+ protected:
+  void StartWidget() {
+    server_.emplace(&loop_, &widget_);
+    EXPECT_EQ(server_->Listen(socket_), absl::OkStatus());
+  }
+  void KillWidget() { server_.reset(); }
+  void Await(ViewState state) {
+    loop_.RunUntil([this, state] { return view_->state() == state; });
+  }
+  // Attached, with nothing recorded so far.
+  void Attach() {
+    StartWidget();
+    view_->SetBounds(Bounds(320, 200), std::nullopt);
+    Await(ViewState::kAttached);
+    Calls();
+  }
+  std::vector<std::string> Calls() {
+    loop_.RunUntilIdle();
+    return std::exchange(widget_.calls, {});
+  }
+  static rpc::RectDip Bounds(double width, double height) {
+    rpc::RectDip bounds;
+    bounds.set_width(width);
+    bounds.set_height(height);
+    return bounds;
+  }
+  static PointerSample At(double x, double y) {
+    PointerSample sample;
+    sample.pointer.mutable_position()->set_x(x);
+    sample.pointer.mutable_position()->set_y(y);
+    return sample;
+  }
+
+  const orvane::testing::TemporaryFolder folder_;
+  const std::string socket_ = folder_.path() + "/widget.sock";
+  EventLoop loop_;
+  AttachingWidget widget_;
+  std::optional<SocketServer> server_;
+  std::vector<ViewState> states_;
+  int connected_ = 0;  // How often on_connected has run.
+  std::optional<View> view_{
+      std::in_place, &loop_,
+      ViewOptions{.socket = socket_,
+                  .browser = testing::Browser(7),
+                  .first_retry = absl::Milliseconds(1),
+                  .last_retry = absl::Milliseconds(2)},
+      ViewHandlers{
+          .on_connected =
+              [this](rpc::BrowserWidgetRpcClient&) {
+                EXPECT_THAT(
+                    states_,
+                    ::testing::Not(::testing::Contains(ViewState::kAttached)));
+                ++connected_;
+              },
+          .on_state = [this](ViewState state) { states_.push_back(state); }}};
+};
+
+TEST_F(ViewTest, AViewAttachesOnceItHasASize) {
+  StartWidget();
+  Await(ViewState::kConnected);
+  EXPECT_THAT(Calls(), IsEmpty());
+  EXPECT_EQ(view_->pointer(), nullptr);
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  Await(ViewState::kAttached);
+  EXPECT_THAT(Calls(), ElementsAre("Attach"));
+  EXPECT_EQ(view_->attached().size().width(), 320);
+  EXPECT_NE(view_->pointer(), nullptr);
+  EXPECT_EQ(view_->status(), absl::OkStatus());
+  EXPECT_EQ(connected_, 1);
+}
+
+TEST_F(ViewTest, WhatTheWindowWantsIsToldInOrderOnceThereIsAWidget) {
+  view_->Focus(rpc::FOCUS_REASON_TAB);
+  view_->SetShown(true);
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  view_->SetDisplay({});
+  loop_.RunUntil([this] { return !view_->status().ok(); });
+  EXPECT_EQ(view_->state(), ViewState::kWaiting);
+  StartWidget();
+  Await(ViewState::kAttached);
+  EXPECT_THAT(Calls(), ElementsAre("SetDisplay", "Attach", "Show", "Focus"));
+  EXPECT_THAT(states_,
+              ElementsAre(ViewState::kConnected, ViewState::kAttached));
+}
+
+TEST_F(ViewTest, WhatChangesNothingIsNotTold) {
+  Attach();
+  for (int time = 0; time < 2; ++time) {
+    view_->SetBounds(Bounds(400, 300), std::nullopt);
+    view_->SetShown(true);
+    view_->SetMinimized(true);
+    view_->SetMinimized(true);
+    view_->SetMinimized(false);
+    view_->Focus(rpc::FOCUS_REASON_MOUSE);
+    view_->SetDisplay({});
+  }
+  EXPECT_THAT(Calls(),
+              ElementsAre("SetViewBounds", "Show", "Minimize", "Restore",
+                          "Focus", "SetDisplay", "Minimize", "Restore"));
+  view_->Unfocus();
+  view_->Unfocus();
+  view_->SetShown(false);
+  EXPECT_THAT(Calls(), ElementsAre("Unfocus", "Hide"));
+}
+
+TEST_F(ViewTest, AViewComesBackWithTheNextWidget) {
+  Attach();
+  view_->SetShown(true);
+  states_.clear();
+  KillWidget();
+  Await(ViewState::kWaiting);
+  EXPECT_EQ(view_->pointer(), nullptr);
+  EXPECT_EQ(view_->client(), nullptr);
+  EXPECT_FALSE(view_->status().ok());
+  view_->SetBounds(Bounds(400, 300), std::nullopt);
+  EXPECT_THAT(states_, ElementsAre(ViewState::kWaiting));
+  states_.clear();
+  Calls();
+  StartWidget();
+  Await(ViewState::kAttached);
+  EXPECT_THAT(Calls(), ElementsAre("Attach", "Show"));
+  EXPECT_EQ(view_->attached().size().width(), 400);
+  EXPECT_EQ(connected_, 2);
+}
+
+TEST_F(ViewTest, ARefusalIsToldInWords) {
+  widget_.refusal = "no such mode";
+  StartWidget();
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  Await(ViewState::kRefused);
+  EXPECT_EQ(view_->status().message(), "no such mode");
+  view_->SetBounds(Bounds(400, 300), std::nullopt);
+  EXPECT_THAT(Calls(), ElementsAre("Attach"));
+}
+
+// A host that dies leaves its browser attached.
+TEST_F(ViewTest, ABrowserThatIsAttachedElsewhereCanBeTakenOver) {
+  widget_.failing = {"Attach"};
+  StartWidget();
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  Await(ViewState::kRefused);
+  EXPECT_EQ(view_->status().message(), "it cannot");
+  widget_.failing.clear();
+  view_->TakeOver();
+  Await(ViewState::kAttached);
+  EXPECT_THAT(Calls(), ElementsAre("Attach", "Detach", "Attach"));
+}
+
+TEST_F(ViewTest, DetachingCancelsInputFirst) {
+  Attach();
+  view_->Focus(rpc::FOCUS_REASON_MOUSE);
+  view_->pointer()->Press(At(1, 2), rpc::MOUSE_BUTTON_PRIMARY);
+  view_->touch()->Start({}, 1, {});
+  KeySample key;
+  key.keysym = 'a';
+  view_->keyboard()->Press(key);
+  Calls();
+  view_->Detach();
+  EXPECT_EQ(view_->state(), ViewState::kConnected);
+  EXPECT_THAT(Calls(), ElementsAre("ForwardMouseRelease", "ForwardMouseExit",
+                                   "ForwardTouchCancel", "ForwardKeyRelease",
+                                   "Unfocus", "Detach"));
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  Await(ViewState::kAttached);
+  EXPECT_THAT(Calls(), ElementsAre("Attach"));
+}
+
+TEST_F(ViewTest, AViewMayBeDetachedWhileItAttaches) {
+  StartWidget();
+  Await(ViewState::kConnected);
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  view_->Detach();
+  view_->SetBounds(Bounds(400, 300), std::nullopt);
+  Await(ViewState::kAttached);
+  EXPECT_EQ(view_->attached().size().width(), 400);
+  EXPECT_THAT(Calls(), ElementsAre("Attach", "Detach", "Attach"));
+}
+
+TEST_F(ViewTest, HidingTakesThePointerAway) {
+  Attach();
+  view_->SetShown(true);
+  view_->pointer()->Press(At(1, 2), rpc::MOUSE_BUTTON_PRIMARY);
+  Calls();
+  view_->SetShown(false);
+  EXPECT_THAT(Calls(),
+              ElementsAre("ForwardMouseRelease", "ForwardMouseExit", "Hide"));
+}
+
+TEST_F(ViewTest, AViewMayEndAtAnyTime) {
+  StartWidget();
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  Await(ViewState::kConnected);
+  view_.reset();
+  loop_.RunUntilIdle();
+  EXPECT_THAT(states_, ElementsAre(ViewState::kConnected));
+}
+
+}  // namespace
+}  // namespace orvane::host
