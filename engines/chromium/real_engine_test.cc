@@ -26,7 +26,7 @@
 #include "gtest/gtest.h"
 
 #include "engines/chromium/engine_process.h"
-#include "examples/host/image.h"
+#include "host/pixels.h"
 #include "rpc/browser/browser_widget.client.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
@@ -36,6 +36,7 @@
 
 namespace {
 
+using ::orvane::host::Picture;
 using ::orvane::testing::ChildProcess;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -84,7 +85,7 @@ class RealEngineTest : public ::testing::Test {
 
   void Open(const std::string& body, std::vector<std::string> options = {}) {
     OpenAddress(AddressOf(kBegin + body), std::move(options));
-    AwaitPicture([](const host::Image&) { return true; });
+    AwaitPicture([](const Picture&) { return true; });
   }
 
   void OpenAddress(const std::string& address,
@@ -136,9 +137,7 @@ class RealEngineTest : public ::testing::Test {
     surfaces_ = widget_->OnUpdateSurface(
         browser_, [this](const rpc::UpdateSurfaceCall& call,
                          orvane::Responder<rpc::UpdateSurface> responder) {
-          auto image = host::ReadFrame(call.frame());
-          EXPECT_TRUE(image.ok()) << image.status();
-          image_ = *std::move(image);
+          EXPECT_EQ(picture_.Update(call.frame()), absl::OkStatus());
           frame_ = call.frame();
           rpc::UpdateSurfaceResponse answer;
           answer.mutable_receipt()->set_frame_id(call.frame().frame_id());
@@ -148,16 +147,16 @@ class RealEngineTest : public ::testing::Test {
   }
 
   // Waits for a picture of which that is true.
-  void AwaitPicture(const std::function<bool(const host::Image&)>& is_right) {
-    loop_.RunUntil([&] { return image_.width > 0 && is_right(image_); });
+  void AwaitPicture(const std::function<bool(const Picture&)>& is_right) {
+    loop_.RunUntil([&] { return !picture_.is_empty() && is_right(picture_); });
   }
   std::uint32_t PixelAt(std::size_t x, std::size_t y) const {
-    const std::uint8_t* const pixel = &image_.bgra[4 * (y * image_.width + x)];
-    return static_cast<std::uint32_t>(pixel[2] << 16 | pixel[1] << 8 |
-                                      pixel[0]);
+    const auto width = static_cast<std::size_t>(picture_.width());
+    const auto bgra = picture_.pixels().subspan(4 * (y * width + x), 4);
+    return static_cast<std::uint32_t>(bgra[2] << 16 | bgra[1] << 8 | bgra[0]);
   }
   void AwaitColor(std::size_t x, std::size_t y, std::uint32_t rgb) {
-    AwaitPicture([&](const host::Image&) { return PixelAt(x, y) == rgb; });
+    AwaitPicture([&](const Picture&) { return PixelAt(x, y) == rgb; });
   }
 
   // Waits until the page has told something; returns it.
@@ -255,7 +254,7 @@ class RealEngineTest : public ::testing::Test {
   std::vector<std::string> told_;
   std::vector<rpc::CreateWebDialogCall> asked_;
   rpc::CreateWebDialogResponse answer_;  // To what is asked.
-  host::Image image_;
+  Picture picture_;
   rpc::PixelFrame frame_;
 };
 
@@ -266,8 +265,8 @@ TEST_F(RealEngineTest, ThePageIsSeenInItsColours) {
       "<div style='position:absolute;left:100px;top:50px;width:100px;"
       "height:100px;background:rgb(255,0,128)'></div>");
   AwaitColor(150, 100, 0xff0080);
-  EXPECT_EQ(image_.width, 320u);
-  EXPECT_EQ(image_.height, 200u);
+  EXPECT_EQ(picture_.width(), 320);
+  EXPECT_EQ(picture_.height(), 200);
   EXPECT_EQ(PixelAt(10, 10), 0x008000u);
   EXPECT_EQ(PixelAt(99, 100), 0x008000u);
   EXPECT_EQ(PixelAt(100, 100), 0xff0080u);
@@ -298,8 +297,8 @@ TEST_F(RealEngineTest, AnotherSizeIsLaidOutAndDrawn) {
                       New<rpc::ViewBounds>("bounds { width: 400 height: 300 }"))
                   .ok());
   EXPECT_EQ(Told(), "400 x 300");
-  AwaitPicture([](const host::Image& image) {
-    return image.width == 400 && image.height == 300;
+  AwaitPicture([](const Picture& picture) {
+    return picture.width() == 400 && picture.height() == 300;
   });
 }
 
@@ -314,8 +313,8 @@ TEST_F(RealEngineTest, ADisplaysScaleIsThePages) {
                       " pixel_bounds { width: 2560 height: 1600 }"))
                   .ok());
   EXPECT_EQ(Told(), "2 of 1280");
-  AwaitPicture([](const host::Image& image) {
-    return image.width == 640 && image.height == 400;
+  AwaitPicture([](const Picture& picture) {
+    return picture.width() == 640 && picture.height() == 400;
   });
   EXPECT_EQ(frame_.scale_factor(), 2);
 }
@@ -326,7 +325,7 @@ TEST_F(RealEngineTest, AHiddenPageKnowsThatItIs) {
       "  tell(document.visibilityState));</script>");
   EXPECT_TRUE(widget_->Hide(browser_).ok());
   EXPECT_EQ(Told(), "hidden");
-  image_ = host::Image();
+  picture_ = Picture();
   EXPECT_TRUE(widget_->Show(browser_).ok());
   EXPECT_EQ(Told(), "visible");
   AwaitColor(10, 10, 0x008000);
@@ -654,7 +653,7 @@ TEST_F(RealEngineTest, FilesAreSeenOnlyBelowTheirFolder) {
 TEST_F(RealEngineTest, AnEngineThatIsKilledComesBackWithItsPage) {
   Open("");
   AwaitColor(10, 10, 0x008000);
-  image_ = host::Image();
+  picture_ = Picture();
   ASSERT_EQ(::kill(EnginePid(), SIGKILL), 0);
   AwaitColor(10, 10, 0x008000);
 }
