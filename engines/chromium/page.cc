@@ -21,6 +21,7 @@ namespace {
 // What our script's world and the function through which it reports are called.
 constexpr char kWorld[] = "orvane";
 constexpr char kReport[] = "orvaneReport";
+constexpr char kAddScript[] = "Page.addScriptToEvaluateOnNewDocument";
 
 // A page can have any number of documents.
 constexpr std::size_t kMaxWorlds = 2000;
@@ -96,6 +97,11 @@ std::uint32_t RelevantOf(const std::string& tokens) {
   return flags != 0
              ? flags
              : rpc::ARIA_RELEVANT_FLAG_ADDITIONS | rpc::ARIA_RELEVANT_FLAG_TEXT;
+}
+
+Json OurScript() {
+  return {
+      {"source", kPageScript}, {"worldName", kWorld}, {"runImmediately", true}};
 }
 
 }  // namespace
@@ -192,6 +198,12 @@ void Page::OnTarget(const Target& target) {
   StartScreencast();
   UpdateScreen();
   UpdateWindow();
+  // A document that is there before the script would not be noticed.
+  Send(kAddScript, OurScript(),
+       [this](const absl::StatusOr<Json>&) { Navigate(); });
+}
+
+void Page::Navigate() {
   Send("Page.navigate", {{"url", address_}},
        [this](const absl::StatusOr<Json>& answer) {
          const std::string error = answer.ok() ? Text(*answer, "errorText")
@@ -221,9 +233,6 @@ void Page::SetUpSession(const std::string& session) {
   send("DOM.enable");
   send("Runtime.addBinding",
        {{"name", kReport}, {"executionContextName", kWorld}});
-  send("Page.addScriptToEvaluateOnNewDocument", {{"source", kPageScript},
-                                                 {"worldName", kWorld},
-                                                 {"runImmediately", true}});
   send("Page.setInterceptFileChooserDialog", {{"enabled", true}});
   Json patterns = Json::array();
   for (const std::string& pattern : addresses_->PatternsToCheck())
@@ -423,15 +432,15 @@ void Page::EnterPage() {
 
 void Page::EnterPageByTab(int modifiers) {
   MoveFocus([this, modifiers] {
-    Run("orvaneAgent.expectTab()",
+    Run(modifiers == 0 ? "orvaneAgent.expectTab()"
+                       : "orvaneAgent.expectBackTab()",
         [this, modifiers](const absl::StatusOr<Json>& expected) {
           if (!expected.ok()) {
             FocusHasMoved();
             return;
           }
           SendTab(modifiers, [this](const absl::StatusOr<Json>&) {
-            // A page without anything to focus keeps the focus itself.
-            Run("orvaneAgent.hasFocus() || orvaneAgent.come()",
+            Run("orvaneAgent.haveTabbed()",
                 [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
           });
         });
@@ -694,6 +703,7 @@ void Page::OnEvent(EngineEvent event) {
   } else if (event.method == "Target.attachedToTarget") {
     engine_->AddSession(Text(params, "sessionId"), this);
     SetUpSession(Text(params, "sessionId"));
+    engine_->Call(Text(params, "sessionId"), kAddScript, OurScript());
   } else if (event.method == "Target.detachedFromTarget") {
     engine_->RemoveSession(Text(params, "sessionId"));
     std::erase_if(worlds_, [&](const auto& entry) {

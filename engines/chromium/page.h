@@ -103,6 +103,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void Send(absl::string_view method, Json params = Json::object(),
             orvane::OnAnswer<Json> on_answer = nullptr);
   void SetUpSession(const std::string& session);
+  void Navigate();
   void StartScreencast();
 
   // Run a script in our world of one document or of all.

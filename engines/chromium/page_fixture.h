@@ -55,6 +55,8 @@ class PageFixture : public ::testing::Test {
     scripted_->ReplyTo("Browser.getWindowForTarget", {{"windowId", 7}});
     scripted_->ReplyTo("Emulation.getScreenInfos",
                        {{"screenInfos", {{{"id", "screen"}}}}});
+    scripted_->ReplyTo("Page.addScriptToEvaluateOnNewDocument",
+                       {{"identifier", "1"}});
   }
 
   // Start waits for a reply, which has to be there before.

@@ -123,6 +123,23 @@
     }, true);
   }
 
+  // Tab goes on from what had the focus last, so that it leads in from an
+  // element at the edge of the page which is only there meanwhile.
+  let edge = null;
+  const beginTabAt = (place, tabIndex) => {
+    remembered = null;
+    hidesTab = true;
+    edge = document.createElement("span");
+    edge.tabIndex = tabIndex;  // 1 comes before those in the page's order.
+    document.documentElement?.[place](edge);
+    edge.focus({ preventScroll: true });
+  };
+  for (const type of ["focus", "focusin", "blur", "focusout"]) {
+    addEventListener(type, (event) => {
+      if (edge && event.target === edge) event.stopImmediatePropagation();
+    }, true);
+  }
+
   // Clicks say by themselves what is to have the focus.
   addEventListener("mousedown", () => { remembered = null; }, true);
 
@@ -336,10 +353,15 @@
       if (element?.isConnected) element.focus({ preventScroll: true });
       else window.focus();
     },
-    // The widget sends a Tab that leads into the page.
-    expectTab() {
-      remembered = null;
-      hidesTab = true;
+    // The widget sends a Tab that leads into the page, by its first element
+    // or, if backward, by its last.
+    expectTab() { beginTabAt("prepend", 1); },
+    expectBackTab() { beginTabAt("append", 0); },
+    haveTabbed() {
+      edge?.remove();
+      edge = null;
+      // A page without anything to focus keeps the focus itself.
+      if (!document.hasFocus()) window.focus();
     },
     hasFocus() {
       return document.hasFocus();

@@ -85,7 +85,9 @@ class RealEngineTest : public ::testing::Test {
 
   void Open(const std::string& body, std::vector<std::string> options = {}) {
     OpenAddress(AddressOf(kBegin + body), std::move(options));
-    AwaitPicture([](const Picture&) { return true; });
+    // Before the page there is an empty one, which is white.
+    AwaitPicture(
+        [this](const Picture&) { return PixelAt(0, 199) != 0xffffff; });
   }
 
   void OpenAddress(const std::string& address,
