@@ -577,6 +577,7 @@ void Page::MouseEnter(const rpc::MouseEnterRequest& event) {
 
 void Page::MouseExit(const rpc::MouseExitRequest&) {
   is_pointer_inside_ = false;
+  HideTooltip();
   SendMouse(MouseGone());
 }
 
@@ -765,6 +766,10 @@ void Page::TakeReport(const World& world, const Json& report) {
   const auto found = worlds_.find(world);
   if (found == worlds_.end()) return;
   const std::string& kind = Text(report, "kind");
+  if (kind == "cursor" || kind == "tooltip") {
+    // The engine's own pointer lies at the corner of the window.
+    if (!is_pointer_inside_) return;
+  }
   if (kind == "cursor") {
     pointed_at_ = world;
     TakeCursor(Text(report, "cursor"));
@@ -798,7 +803,7 @@ void Page::TakeTooltip(const Json& report) {
     HideTooltip();
     return;
   }
-  is_tooltip_shown_ = true;
+  if (std::exchange(tooltip_, text) == text) return;
   rpc::TooltipChanged event;
   *event.mutable_browser_id() = browser_;
   event.set_text(text);
@@ -809,7 +814,7 @@ void Page::TakeTooltip(const Json& report) {
 }
 
 void Page::HideTooltip() {
-  if (!std::exchange(is_tooltip_shown_, false)) return;
+  if (std::exchange(tooltip_, "").empty()) return;
   rpc::TooltipChanged event;
   *event.mutable_browser_id() = browser_;
   service_->WhenTooltipChanged()(browser_, event);

@@ -188,7 +188,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   bool is_accessible_focus_offered_ = false;
 
   std::string cursor_;
-  bool is_tooltip_shown_ = false;
+  std::string tooltip_;  // Empty if none is shown.
   World pointed_at_;  // Whose document had the pointer last.
   std::unique_ptr<orvane::EventLoop::Timer> look_timer_;
 

@@ -41,9 +41,8 @@
 
   // The cursor and the tooltip ------------------------------------------------
 
-  let lastCursor = "";
-  let lastTooltip = "";
   let pointer = null;  // Where it was last, in this document.
+  let hasTooltip = false;
 
   const textTypes = new Set([
     "date", "datetime-local", "email", "month", "number", "password", "search",
@@ -85,17 +84,12 @@
       const svg = element.closest("svg")?.querySelector(":scope > title");
       tooltip = anchor ? anchor.title ?? "" : svg?.textContent ?? "";
     }
-    if (cursor !== lastCursor) {
-      lastCursor = cursor;
-      report({ kind: "cursor", cursor: cut(cursor) });
-    }
-    if (tooltip !== lastTooltip) {
-      lastTooltip = tooltip;
-      report({
-        kind: "tooltip", text: cut(tooltip),
-        direction: element ? getComputedStyle(element).direction : "ltr",
-        anchor: anchor ? placeOf(anchor) : null });
-    }
+    hasTooltip = tooltip !== "";
+    report({ kind: "cursor", cursor: cut(cursor) });
+    report({
+      kind: "tooltip", text: cut(tooltip),
+      direction: element ? getComputedStyle(element).direction : "ltr",
+      anchor: anchor ? placeOf(anchor) : null });
   };
 
   addEventListener("mousemove", (event) => {
@@ -105,9 +99,8 @@
   // Another document, if any, is under the pointer now and reports for itself.
   document.addEventListener("mouseleave", () => {
     pointer = null;
-    lastCursor = "";
-    if (lastTooltip !== "") look(null);
-    lastCursor = "";
+    if (hasTooltip) report({ kind: "tooltip", text: "" });
+    hasTooltip = false;
   }, true);
 
   // The focus -----------------------------------------------------------------

@@ -484,6 +484,7 @@ class PageReportsTest : public PageTest {
   PageReportsTest() {
     Attach();
     TellOfDocument();
+    Input<rpc::MouseEnterRequest>(&Client::ForwardMouseEnter, "");
     loop_.RunUntilIdle();
   }
 
@@ -521,6 +522,27 @@ TEST_F(PageReportsTest, ATooltipIsShownWhereItBelongsAndHidden) {
   EXPECT_EQ(tooltips_[0].direction(), rpc::TEXT_DIRECTION_RIGHT_TO_LEFT);
   EXPECT_EQ(tooltips_[0].anchor().width(), 3);
   EXPECT_EQ(tooltips_[1].text(), "");
+}
+
+TEST_F(PageReportsTest, ATooltipIsToldOnce) {
+  Report({{"kind", "tooltip"}, {"text", "Hello"}});
+  Report({{"kind", "tooltip"}, {"text", "Hello"}});
+  EXPECT_THAT(tooltips_, SizeIs(1));
+}
+
+TEST_F(PageReportsTest, ThePointerTakesTheTooltipWithIt) {
+  Report({{"kind", "tooltip"}, {"text", "Hello"}});
+  Input<rpc::MouseExitRequest>(&Client::ForwardMouseExit, "");
+  ASSERT_THAT(tooltips_, SizeIs(2));
+  EXPECT_EQ(tooltips_[1].text(), "");
+}
+
+TEST_F(PageReportsTest, WhatTheEnginesOwnPointerIsOverIsNotTold) {
+  Input<rpc::MouseExitRequest>(&Client::ForwardMouseExit, "");
+  Report({{"kind", "tooltip"}, {"text", "Hello"}});
+  Report({{"kind", "cursor"}, {"cursor", "wait"}});
+  EXPECT_THAT(tooltips_, IsEmpty());
+  EXPECT_THAT(cursors_, IsEmpty());
 }
 
 TEST_F(PageReportsTest, ANewPageHidesTheTooltipOfTheOld) {

@@ -449,6 +449,18 @@ TEST_F(RealEngineTest, TabLeadsThroughThePageAndOut) {
   EXPECT_THAT(directions, ElementsAre(rpc::FOCUS_DIRECTION_FORWARD));
 }
 
+TEST_F(RealEngineTest, TabLeadsInByTheFirstElementAndShiftTabByTheLast) {
+  Open(
+      "<button>A</button><button autofocus>B</button><button>C</button>"
+      "<script>addEventListener('focusin', (e) => tell(e.target.innerText));"
+      "</script>");
+  Focus("TAB");
+  AwaitTold("A");
+  EXPECT_TRUE(widget_->Unfocus(browser_).ok());
+  Focus("BACK_TAB");
+  AwaitTold("C");
+}
+
 // Cursor and tooltip
 
 TEST_F(RealEngineTest, CursorAndTooltipFollowThePointer) {
