@@ -1,5 +1,6 @@
 // The pointer over a widget whose page begins drags of its own.
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,6 +9,7 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
+#include "examples/widget_server/page.h"
 #include "examples/widget_server/page_layout.h"
 #include "examples/widget_server/widget_service.h"
 #include "host/pointer.h"
@@ -51,7 +53,12 @@ class PointerWidgetTest : public ::testing::Test {
 
   const BrowserId kBrowser = testing::Browser(1);
   EventLoop loop_;
-  widget_server::WidgetService service_{1};
+  std::shared_ptr<widget_server::Page> page_;
+  widget_server::WidgetService service_{
+      {1}, [this](std::uint64_t browser, rpc::BrowserWidgetRpc* service) {
+        page_ = std::make_shared<widget_server::Page>(browser, service);
+        return page_;
+      }};
   SocketServer server_{&loop_, &service_};
   const std::unique_ptr<SocketClient> connection_ =
       testing::Connect(&loop_, server_);
@@ -71,7 +78,7 @@ TEST_F(PointerWidgetTest, APictureIsDraggedToTheField) {
   EXPECT_THAT(input().LatestEventForTesting(),
               ::testing::StartsWith("MouseMove"));
   EXPECT_FALSE(input().has_drag_begun_in_page());
-  EXPECT_NE((*service_.FindWidget(kBrowser))->page().text(), "");
+  EXPECT_NE(page_->look().text, "");
 }
 
 // All is sent before the widget's news can arrive.

@@ -4,17 +4,12 @@
 
 #include "absl/strings/str_cat.h"
 
-#include "examples/widget_server/page_layout.h"
 #include "examples/widget_server/x11.h"
 
 namespace widget_server {
 namespace {
 
 using TouchPoints = google::protobuf::RepeatedPtrField<rpc::TouchPoint>;
-
-bool IsOnPicture(const rpc::PointDip& position) {
-  return GetElement(ElementId::kPicture).place.Contains(position);
-}
 
 absl::Status CheckKey(const rpc::Key& key) {
   if (!key.key().empty() || key.windows_key_code() != 0)
@@ -89,15 +84,18 @@ absl::Status Input::KeyType(const rpc::KeyTypeRequest& event) {
 absl::Status Input::MousePress(const rpc::MousePressRequest& event) {
   if (absl::Status status = CheckButton(event.button()); !status.ok())
     return status;
-  if (event.button() == rpc::MOUSE_BUTTON_PRIMARY)
-    is_picture_pressed_ = IsOnPicture(event.pointer().position());
+  if (event.button() == rpc::MOUSE_BUTTON_PRIMARY) {
+    is_draggable_pressed_ =
+        is_draggable_at_ && is_draggable_at_(event.pointer().position());
+  }
   return AcceptPointer("MousePress", event.pointer());
 }
 
 absl::Status Input::MouseRelease(const rpc::MouseReleaseRequest& event) {
   if (absl::Status status = CheckButton(event.button()); !status.ok())
     return status;
-  if (event.button() == rpc::MOUSE_BUTTON_PRIMARY) is_picture_pressed_ = false;
+  if (event.button() == rpc::MOUSE_BUTTON_PRIMARY)
+    is_draggable_pressed_ = false;
   return AcceptPointer("MouseRelease", event.pointer());
 }
 
@@ -114,8 +112,8 @@ absl::Status Input::MouseDrag(const rpc::MouseDragRequest& event) {
     return absl::InvalidArgumentError(
         "no button is held; use ForwardMouseMove for that");
   }
-  if (is_picture_pressed_) {
-    is_picture_pressed_ = false;  // No release follows.
+  if (is_draggable_pressed_) {
+    is_draggable_pressed_ = false;  // No release follows.
     is_drag_over_ = true;
     has_drag_begun_in_page_ = true;
   }

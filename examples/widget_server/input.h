@@ -4,14 +4,17 @@
 #define EXAMPLES_WIDGET_SERVER_INPUT_H_
 
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "absl/status/status.h"
 #include "absl/strings/string_view.h"
 #include "google/protobuf/repeated_ptr_field.h"
 
 #include "rpc/browser/drag.pb.h"
+#include "rpc/browser/geometry.pb.h"
 #include "rpc/browser/keyboard.pb.h"
 #include "rpc/browser/mouse.pb.h"
 #include "rpc/browser/native_input.pb.h"
@@ -24,9 +27,15 @@ namespace widget_server {
 // something is being dragged. An event that contradicts this, such as the
 // release of a finger that is not down, is an error and changes nothing.
 //
-// Of the page it knows only the place of the picture that can be dragged.
+// Of the page it knows only where something lies that can be dragged.
 class Input {
  public:
+  using IsDraggableAt = std::function<bool(const rpc::PointDip& position)>;
+
+  // If it is empty, nothing can be dragged.
+  explicit Input(IsDraggableAt is_draggable_at = nullptr)
+      : is_draggable_at_(std::move(is_draggable_at)) {}
+
   absl::Status KeyPress(const rpc::KeyPressRequest& event);
   absl::Status KeyRelease(const rpc::KeyReleaseRequest& event);
   absl::Status KeyType(const rpc::KeyTypeRequest& event);
@@ -75,7 +84,8 @@ class Input {
                              const rpc::PointerState& pointer);
   absl::Status Accept(std::string event);
 
-  bool is_picture_pressed_ = false;
+  IsDraggableAt is_draggable_at_;
+  bool is_draggable_pressed_ = false;
   std::set<std::int32_t> fingers_;  // The ids of those that are down.
   bool is_drag_over_ = false;
   bool has_drag_begun_in_page_ = false;

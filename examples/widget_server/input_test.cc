@@ -73,7 +73,11 @@ class InputTest : public ::testing::Test {
       "button: MOUSE_BUTTON_PRIMARY"
       " pointer { position { x: 16 y: 79 } buttons: 1 }";
 
-  Input input_;
+  // The picture.
+  Input input_{[](const rpc::PointDip& position) {
+    return position.x() >= 16 && position.x() < 80 && position.y() >= 16 &&
+           position.y() < 80;
+  }};
 };
 
 // Keys

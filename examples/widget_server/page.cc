@@ -50,6 +50,18 @@ Page::Page(std::uint64_t browser, rpc::BrowserWidgetRpc* service)
       service_(service),
       frames_(std::make_shared<FrameSender>(browser_, service)) {}
 
+rpc::WindowHandle Page::window() const {
+  return EngineWindow(browser_.value());
+}
+
+rpc::AccessibilityToken Page::root_node() const {
+  return RootNode(browser_.value());
+}
+
+bool Page::IsDraggableAt(const rpc::PointDip& position) const {
+  return GetElement(ElementId::kPicture).place.Contains(position);
+}
+
 void Page::SetViewport(const Viewport& viewport) {
   viewport_ = viewport;
   if (!viewport_.has_drag_begun_in_page) is_own_drag_announced_ = false;
@@ -60,22 +72,27 @@ void Page::SetViewport(const Viewport& viewport) {
   cursor_ = rpc::CURSOR_TYPE_DEFAULT;
 }
 
+PageLook Page::look() const {
+  return {text_, button_label_, option_,
+          viewport_.has_focus ? focused_ : std::nullopt,
+          HasCaret() && !orvane::IsServed<rpc::UpdateLayer>(browser_)};
+}
+
+bool Page::HasCaret() const {
+  return viewport_.has_focus && focused_ == ElementId::kField;
+}
+
 void Page::Draw() {
   Scene scene;
   if (viewport_.is_drawn_off_screen) {
     const double scale_factor = viewport_.scale_factor;
-    const bool has_caret = viewport_.has_focus && focused_ == ElementId::kField;
-    const bool has_layers = orvane::IsServed<rpc::UpdateLayer>(browser_);
-    const PageLook look = {text_, button_label_, option_,
-                           viewport_.has_focus ? focused_ : std::nullopt,
-                           has_caret && !has_layers};
     scene.view =
-        DrawPage(look, viewport_.width, viewport_.height, scale_factor);
+        DrawPage(look(), viewport_.width, viewport_.height, scale_factor);
     if (open_list_.has_value() && !open_list_->is_shown_by_host) {
       scene.popup = {open_list_->id, OpenListPlace(),
                      DrawOpenList(option_, scale_factor)};
     }
-    if (has_caret && has_layers) {
+    if (HasCaret() && orvane::IsServed<rpc::UpdateLayer>(browser_)) {
       scene.caret = {CaretPlace(CharactersIn(text_)), DrawCaret(scale_factor)};
     }
   }

@@ -11,23 +11,13 @@
 
 #include "absl/strings/string_view.h"
 
+#include "examples/widget_server/abstract_page.h"
 #include "examples/widget_server/frame_sender.h"
 #include "examples/widget_server/page_layout.h"
+#include "examples/widget_server/page_picture.h"
 #include "rpc/browser/browser_widget.rpc.h"
 
 namespace widget_server {
-
-// What the page knows about the view that shows it.
-struct Viewport {
-  bool is_attached = false;
-  bool is_drawn_off_screen = false;  // The host gets its picture and draws it.
-  bool has_focus = false;
-  bool is_accessibility_on = false;
-  bool has_drag_begun_in_page = false;
-  double width = 0;  // In DIPs.
-  double height = 0;
-  double scale_factor = 1;
-};
 
 // Reacts to input by publishing events and calling the host, through the
 // accessors of the service. The input must have been checked.
@@ -37,35 +27,40 @@ struct Viewport {
 //
 // Thread: the service thread. Lifetime: `service` outlives the page; calls to
 // the host may outlive both. Made by std::make_shared.
-class Page : public std::enable_shared_from_this<Page> {
+class Page final : public AbstractPage,
+                   public std::enable_shared_from_this<Page> {
  public:
   Page(std::uint64_t browser, rpc::BrowserWidgetRpc* service);
 
   // Call it before the operation for the event that changed the viewport. A
   // detached view closes its list; the page keeps its text, choice and focus.
-  void SetViewport(const Viewport& viewport);
+  void SetViewport(const Viewport& viewport) override;
 
-  void Focus(const rpc::FocusRequest& event);
-  void KeyPress(const rpc::KeyPressRequest& event);
-  void KeyType(const rpc::KeyTypeRequest& event);
-  void MousePress(const rpc::MousePressRequest& event);
-  void MouseRelease(const rpc::MouseReleaseRequest& event);
-  void MouseEnter(const rpc::MouseEnterRequest& event);
-  void MouseExit(const rpc::MouseExitRequest& event);
-  void MouseMove(const rpc::MouseMoveRequest& event);
-  void MouseDrag(const rpc::MouseDragRequest& event);
-  void DragEnter(const rpc::DragEnterRequest& event);
-  void DragOver(const rpc::DragOverRequest& event);
-  void DragDrop(const rpc::DragDropRequest& event);
+  void Focus(const rpc::FocusRequest& event) override;
+  void KeyPress(const rpc::KeyPressRequest& event) override;
+  void KeyType(const rpc::KeyTypeRequest& event) override;
+  void MousePress(const rpc::MousePressRequest& event) override;
+  void MouseRelease(const rpc::MouseReleaseRequest& event) override;
+  void MouseEnter(const rpc::MouseEnterRequest& event) override;
+  void MouseExit(const rpc::MouseExitRequest& event) override;
+  void MouseMove(const rpc::MouseMoveRequest& event) override;
+  void MouseDrag(const rpc::MouseDragRequest& event) override;
+  void DragEnter(const rpc::DragEnterRequest& event) override;
+  void DragOver(const rpc::DragOverRequest& event) override;
+  void DragDrop(const rpc::DragDropRequest& event) override;
 
   // Sends the host the pictures that have changed, if the view is off-screen.
   // Call it after each operation above. The page itself calls it when the host
   // has answered.
-  void Draw();
+  void Draw() override;
 
-  const std::string& text() const { return text_; }  // Of the field.
-  std::size_t option() const { return option_; }     // Index of kOptions.
-  const std::optional<ElementId>& focused() const { return focused_; }
+  rpc::WindowHandle window() const override;
+  rpc::AccessibilityToken root_node() const override;
+  bool IsDraggableAt(const rpc::PointDip& position) const override;
+
+  // What the view shows of the page. The caret is in it unless a host shows
+  // layers.
+  PageLook look() const;
 
  private:
   struct OpenList {
@@ -81,6 +76,8 @@ class Page : public std::enable_shared_from_this<Page> {
   // has been destroyed by then.
   template <typename T, typename Then>
   void Ask(const orvane::Caller<T>& caller, orvane::CallOf<T> call, Then then);
+
+  bool HasCaret() const;
 
   // A new event that names the browser.
   template <typename T>

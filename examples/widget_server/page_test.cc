@@ -111,8 +111,8 @@ TEST_F(PageTest, ThePageWaitsWhileADialogIsOpen) {
   Type("a");
   Tab();
   EXPECT_THAT(dialogs_.received(), SizeIs(1));
-  EXPECT_EQ(page_->text(), "");
-  EXPECT_EQ(page_->focused(), ElementId::kButton);
+  EXPECT_EQ(page_->look().text, "");
+  EXPECT_EQ(page_->look().focused, ElementId::kButton);
   AnswerDialog(false, "");
   Click(ElementId::kButton);
   EXPECT_THAT(dialogs_.received(), SizeIs(2));
@@ -158,7 +158,7 @@ TEST_F(PageTest, TheHostsChoiceIsTakenAndAnnounced) {
   EXPECT_THAT(
       service_.Published(),
       ElementsAre("list 1 closes", "ARIA_LIVE_POLITENESS_POLITE 'Blue' 4"));
-  EXPECT_EQ(page_->option(), 2u);
+  EXPECT_EQ(page_->look().option, 2u);
 }
 
 TEST_F(PageTest, ThePageKeepsItsChoiceIfTheHostMadeNone) {
@@ -170,7 +170,7 @@ TEST_F(PageTest, ThePageKeepsItsChoiceIfTheHostMadeNone) {
     service_.Published();
     AnswerList(accepted, indices);
     EXPECT_THAT(service_.Published(), SizeIs(1));
-    EXPECT_EQ(page_->option(), 0u);
+    EXPECT_EQ(page_->look().option, 0u);
   }
   Click(ElementId::kList);
   service_.Published();
@@ -186,7 +186,7 @@ TEST_F(PageTest, WithoutAHostThePageShowsTheListAndAPressInItChooses) {
   EXPECT_THAT(
       service_.Published(),
       ElementsAre("list 1 closes", "ARIA_LIVE_POLITENESS_POLITE 'Green' 4"));
-  EXPECT_EQ(page_->option(), 1u);
+  EXPECT_EQ(page_->look().option, 1u);
 }
 
 TEST_F(PageTest, APressElsewhereClosesTheListAndDoesNothingElse) {
@@ -194,8 +194,8 @@ TEST_F(PageTest, APressElsewhereClosesTheListAndDoesNothingElse) {
   service_.Published();
   Click(ElementId::kButton);
   EXPECT_THAT(service_.Published(), ElementsAre("list 1 closes"));
-  EXPECT_EQ(page_->option(), 0u);
-  EXPECT_EQ(page_->focused(), ElementId::kList);
+  EXPECT_EQ(page_->look().option, 0u);
+  EXPECT_EQ(page_->look().focused, ElementId::kList);
 }
 
 TEST_F(PageTest, WhatTheListCoversIsNotPointedAt) {

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -25,7 +26,7 @@ absl::Status Failure(const std::string& name, std::size_t length, int error) {
 
 absl::StatusOr<std::unique_ptr<SharedPixels>> SharedPixels::Create(
     std::size_t length) {
-  static std::uint64_t last_number = 0;
+  static std::atomic<std::uint64_t> last_number = 0;
   std::string name;
   int descriptor = -1;
   // An earlier process with the same id may have been killed and left its

@@ -14,7 +14,8 @@
 namespace widget_server {
 
 // A POSIX shared-memory object with a unique name, which the processes of this
-// user can map. A process that is killed leaves its objects behind.
+// user can map. A process that is killed leaves its objects behind. Thread:
+// any, one at a time.
 class SharedPixels {
  public:
   // `length` must be above 0. The memory is reserved at once, so that a write

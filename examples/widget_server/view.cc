@@ -27,9 +27,11 @@ absl::Status CheckBounds(const rpc::RectDip& bounds,
 
 }  // namespace
 
-View::View(rpc::RenderingMode rendering_mode, rpc::WindowHandle engine_window)
+View::View(rpc::RenderingMode rendering_mode, rpc::WindowHandle engine_window,
+           Input::IsDraggableAt is_draggable_at)
     : rendering_mode_(rendering_mode),
-      engine_window_(std::move(engine_window)) {}
+      engine_window_(std::move(engine_window)),
+      input_(std::move(is_draggable_at)) {}
 
 absl::Status View::MoveTo(const rpc::AttachRequest& request) {
   if (rendering_mode_ == rpc::RENDERING_MODE_WINDOWED ||

@@ -19,7 +19,8 @@ class View {
  public:
   // `engine_window` is the window that the engine draws into; unset if
   // off-screen.
-  View(rpc::RenderingMode rendering_mode, rpc::WindowHandle engine_window);
+  View(rpc::RenderingMode rendering_mode, rpc::WindowHandle engine_window,
+       Input::IsDraggableAt is_draggable_at = nullptr);
 
   // Moves the view into a parent window and to its place there. An off-screen
   // view needs no parent window.

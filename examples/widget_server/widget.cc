@@ -13,11 +13,13 @@ namespace {
 constexpr double kMinForcedScaleFactor = 0.25;
 constexpr double kMaxForcedScaleFactor = 8;
 
-rpc::RenderingMode ChooseMode(const rpc::AttachRequest& request) {
+rpc::RenderingMode ChooseMode(const rpc::AttachRequest& request,
+                              const rpc::WindowHandle& engine_window) {
   if (request.rendering_mode() != rpc::RENDERING_MODE_UNSPECIFIED)
     return request.rendering_mode();
-  return request.has_parent_window() ? rpc::RENDERING_MODE_WINDOWED
-                                     : rpc::RENDERING_MODE_OFF_SCREEN;
+  return request.has_parent_window() && engine_window.handle() != 0
+             ? rpc::RENDERING_MODE_WINDOWED
+             : rpc::RENDERING_MODE_OFF_SCREEN;
 }
 
 // The nearest length that is a whole number of pixels.
@@ -27,8 +29,8 @@ double RoundToPixels(double dips, double scale_factor) {
 
 }  // namespace
 
-Widget::Widget(std::uint64_t browser, rpc::BrowserWidgetRpc* service)
-    : browser_(browser), page_(std::make_shared<Page>(browser, service)) {}
+Widget::Widget(std::uint64_t browser, std::shared_ptr<AbstractPage> page)
+    : browser_(browser), page_(std::move(page)) {}
 
 absl::Status Widget::Attach(const rpc::AttachRequest& request,
                             rpc::AttachResult* result) {
@@ -36,15 +38,24 @@ absl::Status Widget::Attach(const rpc::AttachRequest& request,
     return absl::FailedPreconditionError(absl::StrCat(
         "browser ", browser_, " is attached already; Detach comes first"));
   }
-  const rpc::RenderingMode mode = ChooseMode(request);
+  const rpc::WindowHandle engine_window = page_->window();
+  const rpc::RenderingMode mode = ChooseMode(request, engine_window);
   if (!rpc::RenderingMode_IsValid(mode)) {
     result->set_refusal(
         absl::StrCat("rendering mode ", static_cast<int>(mode),
                      " is not supported; use 1 (windowed) or 2 (off-screen)"));
     return absl::OkStatus();
   }
-  View view(mode, mode == rpc::RENDERING_MODE_WINDOWED ? EngineWindow(browser_)
-                                                       : rpc::WindowHandle());
+  if (mode == rpc::RENDERING_MODE_WINDOWED && engine_window.handle() == 0) {
+    result->set_refusal("this widget draws into no window; use 2 (off-screen)");
+    return absl::OkStatus();
+  }
+  View view(mode,
+            mode == rpc::RENDERING_MODE_WINDOWED ? engine_window
+                                                 : rpc::WindowHandle(),
+            [page = page_.get()](const rpc::PointDip& position) {
+              return page->IsDraggableAt(position);
+            });
   if (absl::Status status = view.MoveTo(request); !status.ok()) return status;
 
   result->set_attached(true);
@@ -73,14 +84,18 @@ absl::StatusOr<View*> Widget::view() {
       "browser ", browser_, " is not attached; Attach comes first"));
 }
 
+absl::StatusOr<Input*> Widget::input() {
+  const absl::StatusOr<View*> view = this->view();
+  if (!view.ok()) return view.status();
+  if (absl::Status status = page_->CheckTakesInput(); !status.ok())
+    return status;
+  return &(*view)->input();
+}
+
 absl::Status Widget::AssignHostWindow(
     const rpc::AssignHostWindowRequest& request) {
-  if (request.has_host_window()) {
-    if (absl::Status status = CheckWindow(request.host_window()); !status.ok())
-      return status;
-  }
-  host_window_ = request.host_window();
-  return absl::OkStatus();
+  return request.has_host_window() ? CheckWindow(request.host_window())
+                                   : absl::OkStatus();
 }
 
 absl::Status Widget::SetDisplay(const rpc::Display& display) {
@@ -123,7 +138,7 @@ absl::Status Widget::SetForcedScaleFactor(
 absl::Status Widget::GetAccessibilityToken(rpc::AccessibilityToken* token) {
   if (absl::Status status = view().status(); !status.ok()) return status;
   is_accessibility_on_ = true;
-  *token = RootNode(browser_);
+  *token = page_->root_node();
   return absl::OkStatus();
 }
 
@@ -133,14 +148,8 @@ absl::Status Widget::SetParentAccessibilityNodes(
     if (absl::Status status = CheckNode(request.parent_node()); !status.ok())
       return status;
   }
-  if (request.has_window_node()) {
-    if (absl::Status status = CheckNode(request.window_node()); !status.ok())
-      return status;
-  }
-  parent_node_ = request.parent_node();
-  window_node_ =
-      request.has_window_node() ? request.window_node() : request.parent_node();
-  return absl::OkStatus();
+  return request.has_window_node() ? CheckNode(request.window_node())
+                                   : absl::OkStatus();
 }
 
 absl::Status Widget::AttachAccessibleWindow(
@@ -154,10 +163,11 @@ absl::Status Widget::AttachAccessibleWindow(
   return absl::OkStatus();
 }
 
-void Widget::UpdatePage(absl::FunctionRef<void(Page&)> react) {
+void Widget::UpdatePage(absl::FunctionRef<void(AbstractPage&)> react) {
   Viewport viewport;
   viewport.is_accessibility_on = is_accessibility_on_;
   viewport.scale_factor = scale_factor();
+  viewport.display = display_;
   if (view_.has_value()) {
     viewport.is_attached = true;
     viewport.is_drawn_off_screen =
@@ -167,6 +177,7 @@ void Widget::UpdatePage(absl::FunctionRef<void(Page&)> react) {
     viewport.has_drag_begun_in_page = view_->input().has_drag_begun_in_page();
     viewport.width = view_->bounds().width();
     viewport.height = view_->bounds().height();
+    viewport.screen_bounds = view_->screen_bounds();
   }
   page_->SetViewport(viewport);
   react(*page_);

@@ -1,5 +1,4 @@
-// A widget without a browser engine: one browser, and the state that its host
-// has set.
+// A widget: one browser, and the state that its host has set.
 
 #ifndef EXAMPLES_WIDGET_SERVER_WIDGET_H_
 #define EXAMPLES_WIDGET_SERVER_WIDGET_H_
@@ -13,10 +12,9 @@
 #include "absl/status/statusor.h"
 #include "google/protobuf/wrappers.pb.h"
 
-#include "examples/widget_server/page.h"
+#include "examples/widget_server/abstract_page.h"
 #include "examples/widget_server/view.h"
 #include "rpc/browser/accessibility.pb.h"
-#include "rpc/browser/browser_widget.rpc.h"
 #include "rpc/browser/display.pb.h"
 #include "rpc/browser/window.pb.h"
 
@@ -27,8 +25,7 @@ namespace widget_server {
 // can show, and changes nothing.
 class Widget {
  public:
-  // The page publishes and calls through `service`, which outlives the widget.
-  Widget(std::uint64_t browser, rpc::BrowserWidgetRpc* service);
+  Widget(std::uint64_t browser, std::shared_ptr<AbstractPage> page);
 
   // `result` tells whether the widget is attached, and if not, why.
   absl::Status Attach(const rpc::AttachRequest& request,
@@ -41,7 +38,14 @@ class Widget {
   // The view, valid until Detach; an error if the browser is not attached.
   absl::StatusOr<View*> view();
 
-  absl::Status AssignHostWindow(const rpc::AssignHostWindowRequest& request);
+  // The view's input, likewise; an error also if the page takes none now.
+  absl::StatusOr<Input*> input();
+
+  // Checks that the window exists. Dialogs and drop-downs are the host's to
+  // show, so nothing else is done with it.
+  static absl::Status AssignHostWindow(
+      const rpc::AssignHostWindowRequest& request);
+
   absl::Status SetDisplay(const rpc::Display& display);
   absl::Status SetDpiAware(const rpc::SetDpiAwareRequest& request);
   absl::Status SetForcedScaleFactor(
@@ -49,7 +53,9 @@ class Widget {
 
   // Turns the page's accessibility on; nothing turns it off again.
   absl::Status GetAccessibilityToken(rpc::AccessibilityToken* token);
-  absl::Status SetParentAccessibilityNodes(
+
+  // Checks the nodes. The page's tree does not tell of its parent.
+  static absl::Status SetParentAccessibilityNodes(
       const rpc::SetParentAccessibilityNodesRequest& request);
 
   // Always sets `is_joined` to false, since accessibility trees are joined by
@@ -59,33 +65,20 @@ class Widget {
       google::protobuf::BoolValue* is_joined);
 
   // Gives the page the state of the view, runs `react`, then draws the page.
-  void UpdatePage(absl::FunctionRef<void(Page&)> react);
-  const Page& page() const { return *page_; }
+  void UpdatePage(absl::FunctionRef<void(AbstractPage&)> react);
 
   // Pixels per DIP: the forced scale factor if there is one; else the display's
   // if it is known and the browser is DPI aware; else 1.
   double scale_factor() const;
 
-  // The handle is 0 if there is no host window.
-  const rpc::WindowHandle& host_window() const { return host_window_; }
-
-  bool is_accessibility_on() const { return is_accessibility_on_; }
-
-  // Their tokens are empty while the page's tree has no parent.
-  const rpc::AccessibilityToken& parent_node() const { return parent_node_; }
-  const rpc::AccessibilityToken& window_node() const { return window_node_; }
-
  private:
   const std::uint64_t browser_;
-  const std::shared_ptr<Page> page_;
+  const std::shared_ptr<AbstractPage> page_;
   std::optional<View> view_;
-  rpc::WindowHandle host_window_;
   rpc::Display display_;
   bool is_dpi_aware_ = true;
   std::optional<double> forced_scale_factor_;
   bool is_accessibility_on_ = false;
-  rpc::AccessibilityToken parent_node_;
-  rpc::AccessibilityToken window_node_;
 };
 
 }  // namespace widget_server

@@ -1,16 +1,36 @@
 #include "examples/widget_server/widget_service.h"
 
+#include <cstddef>
+#include <numeric>
 #include <string>
-#include <vector>
 
 #include "absl/strings/str_cat.h"
 #include "absl/strings/str_join.h"
 
+#include "examples/widget_server/page.h"
+
 namespace widget_server {
 
-WidgetService::WidgetService(int browsers) {
-  for (int browser = 1; browser <= browsers; ++browser)
-    widgets_.try_emplace(browser, browser, this);
+namespace {
+
+std::vector<std::uint64_t> NumbersTo(int last) {
+  std::vector<std::uint64_t> numbers(static_cast<std::size_t>(last));
+  std::iota(numbers.begin(), numbers.end(), 1);
+  return numbers;
+}
+
+}  // namespace
+
+WidgetService::WidgetService(int browsers)
+    : WidgetService(NumbersTo(browsers),
+                    [](std::uint64_t browser, rpc::BrowserWidgetRpc* service) {
+                      return std::make_shared<Page>(browser, service);
+                    }) {}
+
+WidgetService::WidgetService(const std::vector<std::uint64_t>& browsers,
+                             const MakePage& make_page) {
+  for (const std::uint64_t browser : browsers)
+    widgets_.try_emplace(browser, browser, make_page(browser, this));
 }
 
 absl::StatusOr<Widget*> WidgetService::FindWidget(const BrowserId& browser_id) {
@@ -32,7 +52,7 @@ absl::StatusOr<Widget*> WidgetService::FindWidget(const BrowserId& browser_id) {
 void WidgetService::ServeWidget(Controller* controller,
                                 const BrowserId& browser_id, Closure* done,
                                 absl::FunctionRef<absl::Status(Widget&)> serve,
-                                absl::FunctionRef<void(Page&)> react) {
+                                absl::FunctionRef<void(AbstractPage&)> react) {
   const absl::StatusOr<Widget*> widget = FindWidget(browser_id);
   const absl::Status status = widget.ok() ? serve(**widget) : widget.status();
   if (!status.ok()) controller->SetFailed(std::string(status.message()));
@@ -43,7 +63,7 @@ void WidgetService::ServeWidget(Controller* controller,
 void WidgetService::ServeView(Controller* controller,
                               const BrowserId& browser_id, Closure* done,
                               absl::FunctionRef<absl::Status(View&)> serve,
-                              absl::FunctionRef<void(Page&)> react) {
+                              absl::FunctionRef<void(AbstractPage&)> react) {
   ServeWidget(
       controller, browser_id, done,
       [&](Widget& widget) {
@@ -56,22 +76,17 @@ void WidgetService::ServeView(Controller* controller,
 template <typename Event>
 void WidgetService::ServeInput(Controller* controller, const Event& event,
                                Closure* done,
-                               absl::Status (Input::*take)(const Event&)) {
-  ServeView(controller, event.browser_id(), done,
-            [&](View& view) { return (view.input().*take)(event); });
-}
-
-template <typename Event>
-void WidgetService::ServeInput(Controller* controller, const Event& event,
-                               Closure* done,
                                absl::Status (Input::*take)(const Event&),
-                               void (Page::*react)(const Event&)) {
+                               void (AbstractPage::*react)(const Event&)) {
   const Event kept =
       event;  // The reply frees the event before the page reacts.
-  ServeView(
+  ServeWidget(
       controller, event.browser_id(), done,
-      [&](View& view) { return (view.input().*take)(event); },
-      [&](Page& page) { (page.*react)(kept); });
+      [&](Widget& widget) {
+        const absl::StatusOr<Input*> input = widget.input();
+        return input.ok() ? ((**input).*take)(event) : input.status();
+      },
+      [&](AbstractPage& page) { (page.*react)(kept); });
 }
 
 void WidgetService::Focus(Controller* controller,
@@ -79,7 +94,7 @@ void WidgetService::Focus(Controller* controller,
                           Closure* done) {
   const rpc::FocusRequest kept = *request;
   ServeView(controller, request->browser_id(), done, &View::Focus,
-            [&](Page& page) { page.Focus(kept); });
+            [&](AbstractPage& page) { page.Focus(kept); });
 }
 
 void WidgetService::Unfocus(Controller* controller, const BrowserId* request,
@@ -155,80 +170,92 @@ void WidgetService::GetChromiumWindowHandle(Controller* controller,
 void WidgetService::ForwardKeyPress(Controller* controller,
                                     const rpc::KeyPressRequest* request, Empty*,
                                     Closure* done) {
-  ServeInput(controller, *request, done, &Input::KeyPress, &Page::KeyPress);
+  ServeInput(controller, *request, done, &Input::KeyPress,
+             &AbstractPage::KeyPress);
 }
 
 void WidgetService::ForwardKeyRelease(Controller* controller,
                                       const rpc::KeyReleaseRequest* request,
                                       Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::KeyRelease);
+  ServeInput(controller, *request, done, &Input::KeyRelease,
+             &AbstractPage::KeyRelease);
 }
 
 void WidgetService::ForwardKeyType(Controller* controller,
                                    const rpc::KeyTypeRequest* request, Empty*,
                                    Closure* done) {
-  ServeInput(controller, *request, done, &Input::KeyType, &Page::KeyType);
+  ServeInput(controller, *request, done, &Input::KeyType,
+             &AbstractPage::KeyType);
 }
 
 void WidgetService::ForwardMousePress(Controller* controller,
                                       const rpc::MousePressRequest* request,
                                       Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MousePress, &Page::MousePress);
+  ServeInput(controller, *request, done, &Input::MousePress,
+             &AbstractPage::MousePress);
 }
 
 void WidgetService::ForwardMouseRelease(Controller* controller,
                                         const rpc::MouseReleaseRequest* request,
                                         Empty*, Closure* done) {
   ServeInput(controller, *request, done, &Input::MouseRelease,
-             &Page::MouseRelease);
+             &AbstractPage::MouseRelease);
 }
 
 void WidgetService::ForwardMouseEnter(Controller* controller,
                                       const rpc::MouseEnterRequest* request,
                                       Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MouseEnter, &Page::MouseEnter);
+  ServeInput(controller, *request, done, &Input::MouseEnter,
+             &AbstractPage::MouseEnter);
 }
 
 void WidgetService::ForwardMouseExit(Controller* controller,
                                      const rpc::MouseExitRequest* request,
                                      Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MouseExit, &Page::MouseExit);
+  ServeInput(controller, *request, done, &Input::MouseExit,
+             &AbstractPage::MouseExit);
 }
 
 void WidgetService::ForwardMouseDrag(Controller* controller,
                                      const rpc::MouseDragRequest* request,
                                      Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MouseDrag, &Page::MouseDrag);
+  ServeInput(controller, *request, done, &Input::MouseDrag,
+             &AbstractPage::MouseDrag);
 }
 
 void WidgetService::ForwardMouseMove(Controller* controller,
                                      const rpc::MouseMoveRequest* request,
                                      Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MouseMove, &Page::MouseMove);
+  ServeInput(controller, *request, done, &Input::MouseMove,
+             &AbstractPage::MouseMove);
 }
 
 void WidgetService::ForwardMouseWheel(Controller* controller,
                                       const rpc::MouseWheelRequest* request,
                                       Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::MouseWheel);
+  ServeInput(controller, *request, done, &Input::MouseWheel,
+             &AbstractPage::MouseWheel);
 }
 
 void WidgetService::ForwardNativeKeyEvent(
     Controller* controller, const rpc::NativeKeyEventRequest* request, Empty*,
     Closure* done) {
-  ServeInput(controller, *request, done, &Input::NativeKeyEvent);
+  ServeInput(controller, *request, done, &Input::NativeKeyEvent,
+             &AbstractPage::NativeKeyEvent);
 }
 
 void WidgetService::ForwardNativeMouseEvent(
     Controller* controller, const rpc::NativeMouseEventRequest* request, Empty*,
     Closure* done) {
-  ServeInput(controller, *request, done, &Input::NativeMouseEvent);
+  ServeInput(controller, *request, done, &Input::NativeMouseEvent,
+             &AbstractPage::NativeMouseEvent);
 }
 
 void WidgetService::ForwardNativeTouchEvent(
     Controller* controller, const rpc::NativeTouchEventRequest* request, Empty*,
     Closure* done) {
-  ServeInput(controller, *request, done, &Input::NativeTouchEvent);
+  ServeInput(controller, *request, done, &Input::NativeTouchEvent,
+             &AbstractPage::NativeTouchEvent);
 }
 
 void WidgetService::GetAccessibilityToken(Controller* controller,
@@ -260,55 +287,64 @@ void WidgetService::AttachAccessibleWindow(
 void WidgetService::ForwardTouchStart(Controller* controller,
                                       const rpc::TouchStartRequest* request,
                                       Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::TouchStart);
+  ServeInput(controller, *request, done, &Input::TouchStart,
+             &AbstractPage::TouchStart);
 }
 
 void WidgetService::ForwardTouchMove(Controller* controller,
                                      const rpc::TouchMoveRequest* request,
                                      Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::TouchMove);
+  ServeInput(controller, *request, done, &Input::TouchMove,
+             &AbstractPage::TouchMove);
 }
 
 void WidgetService::ForwardTouchEnd(Controller* controller,
                                     const rpc::TouchEndRequest* request, Empty*,
                                     Closure* done) {
-  ServeInput(controller, *request, done, &Input::TouchEnd);
+  ServeInput(controller, *request, done, &Input::TouchEnd,
+             &AbstractPage::TouchEnd);
 }
 
 void WidgetService::ForwardTouchCancel(Controller* controller,
                                        const rpc::TouchCancelRequest* request,
                                        Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::TouchCancel);
+  ServeInput(controller, *request, done, &Input::TouchCancel,
+             &AbstractPage::TouchCancel);
 }
 
 void WidgetService::ForwardDragEnter(Controller* controller,
                                      const rpc::DragEnterRequest* request,
                                      Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::DragEnter, &Page::DragEnter);
+  ServeInput(controller, *request, done, &Input::DragEnter,
+             &AbstractPage::DragEnter);
 }
 
 void WidgetService::ForwardDragOver(Controller* controller,
                                     const rpc::DragOverRequest* request, Empty*,
                                     Closure* done) {
-  ServeInput(controller, *request, done, &Input::DragOver, &Page::DragOver);
+  ServeInput(controller, *request, done, &Input::DragOver,
+             &AbstractPage::DragOver);
 }
 
 void WidgetService::ForwardDragLeave(Controller* controller,
                                      const rpc::DragLeaveRequest* request,
                                      Empty*, Closure* done) {
-  ServeInput(controller, *request, done, &Input::DragLeave);
+  ServeInput(controller, *request, done, &Input::DragLeave,
+             &AbstractPage::DragLeave);
 }
 
 void WidgetService::ForwardDragDrop(Controller* controller,
                                     const rpc::DragDropRequest* request, Empty*,
                                     Closure* done) {
-  ServeInput(controller, *request, done, &Input::DragDrop, &Page::DragDrop);
+  ServeInput(controller, *request, done, &Input::DragDrop,
+             &AbstractPage::DragDrop);
 }
 
 void WidgetService::ForwardDragEnd(Controller* controller,
                                    const rpc::DragEndRequest* request, Empty*,
                                    Closure* done) {
-  ServeInput(controller, *request, done, &Input::DragEnd);
+  ServeInput(controller, *request, done, &Input::DragEnd,
+             &AbstractPage::DragEnd);
 }
 
 void WidgetService::NotifyParentWindowChanged(Controller* controller,

@@ -4,7 +4,10 @@
 #define EXAMPLES_WIDGET_SERVER_WIDGET_SERVICE_H_
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
+#include <vector>
 
 #include "absl/functional/function_ref.h"
 #include "absl/status/status.h"
@@ -27,8 +30,17 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
   using Closure = google::protobuf::Closure;
   using Empty = google::protobuf::Empty;
 
-  // Serves the browsers 1 to `browsers`, which is at least 1.
+  // Makes the page of a browser, which publishes and calls through `service`.
+  using MakePage = std::function<std::shared_ptr<AbstractPage>(
+      std::uint64_t browser, rpc::BrowserWidgetRpc* service)>;
+
+  // Serves the browsers 1 to `browsers`, which is at least 1, with pages that
+  // need no engine.
   explicit WidgetService(int browsers);
+
+  // Serves these browsers, at least one.
+  WidgetService(const std::vector<std::uint64_t>& browsers,
+                const MakePage& make_page);
 
   // The widget of a browser, valid as long as the service. If there is no such
   // browser, the error names those that exist.
@@ -164,7 +176,7 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
       override;
 
  private:
-  static void DoNotReact(Page&) {}
+  static void DoNotReact(AbstractPage&) {}
 
   // Serves a call: fails it if the browser does not exist or `serve` returns an
   // error. Runs `done` in either case; the handler's arguments no longer exist
@@ -173,23 +185,19 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
   void ServeWidget(Controller* controller, const BrowserId& browser_id,
                    Closure* done,
                    absl::FunctionRef<absl::Status(Widget&)> serve,
-                   absl::FunctionRef<void(Page&)> react = DoNotReact);
+                   absl::FunctionRef<void(AbstractPage&)> react = DoNotReact);
 
   // Like ServeWidget, but fails if the browser is not attached.
   void ServeView(Controller* controller, const BrowserId& browser_id,
                  Closure* done, absl::FunctionRef<absl::Status(View&)> serve,
-                 absl::FunctionRef<void(Page&)> react = DoNotReact);
+                 absl::FunctionRef<void(AbstractPage&)> react = DoNotReact);
 
-  // Like ServeView, for an event that goes to the view's input.
-  template <typename Event>
-  void ServeInput(Controller* controller, const Event& event, Closure* done,
-                  absl::Status (Input::*take)(const Event&));
-
-  // Like the one above, for an event to which the page reacts.
+  // Like ServeView, for an event that goes to the view's input, and then to the
+  // page.
   template <typename Event>
   void ServeInput(Controller* controller, const Event& event, Closure* done,
                   absl::Status (Input::*take)(const Event&),
-                  void (Page::*react)(const Event&));
+                  void (AbstractPage::*react)(const Event&));
 
   std::map<std::uint64_t, Widget> widgets_;  // By browser.
 };

@@ -284,6 +284,10 @@ TEST_F(WidgetServiceTest, AccessibilityTreesAreJoinedByTokensNotByWindow) {
                  "browser_id { value: 2 } parent_node {"
                  " platform: PLATFORM_X11 token: ':1.9:/view' }"),
             absl::OkStatus());
+  EXPECT_FALSE(Call("SetParentAccessibilityNodes",
+                    "browser_id { value: 2 } parent_node {"
+                    " platform: PLATFORM_X11 token: 'nonsense' }")
+                   .ok());
   google::protobuf::BoolValue is_joined;
   EXPECT_EQ(Call("AttachAccessibleWindow",
                  "browser_id { value: 2 }"
@@ -293,14 +297,17 @@ TEST_F(WidgetServiceTest, AccessibilityTreesAreJoinedByTokensNotByWindow) {
   EXPECT_FALSE(is_joined.value());
 }
 
-TEST_F(WidgetServiceTest, AHostWindowIsAssigned) {
-  EXPECT_EQ(Call("AssignHostWindow",
-                 "browser_id { value: 2 }"
-                 " host_window { platform: PLATFORM_X11 handle: 8 }"),
-            absl::OkStatus());
-  BrowserId id;
-  id.set_value(2);
-  EXPECT_EQ((*service_.FindWidget(id))->host_window().handle(), 8U);
+TEST_F(WidgetServiceTest, AHostWindowMustExist) {
+  const auto assign = [this](const std::string& handle) {
+    return Call("AssignHostWindow",
+                "browser_id { value: 2 }"
+                " host_window { platform: PLATFORM_X11 handle: " +
+                    handle + " }");
+  };
+  EXPECT_EQ(assign("8"), absl::OkStatus());
+  EXPECT_EQ(assign("0").message(),
+            "window 0 of PLATFORM_X11 does not exist; windows are of "
+            "PLATFORM_X11, with handles from 1 to 536870911");
 }
 
 }  // namespace

@@ -1,11 +1,13 @@
 #include "examples/widget_server/widget.h"
 
 #include <limits>
+#include <memory>
 #include <string>
 
 #include "absl/strings/str_cat.h"
 #include "gtest/gtest.h"
 
+#include "examples/widget_server/page.h"
 #include "zimbrel/src/core/common/rpc/testing/text.h"
 
 namespace widget_server {
@@ -44,7 +46,7 @@ class WidgetTest : public ::testing::Test {
   }
 
   rpc::BrowserWidgetRpc service_;
-  Widget widget_{2, &service_};
+  Widget widget_{2, std::make_shared<Page>(2, &service_)};
 };
 
 // Attaching
@@ -151,32 +153,17 @@ TEST_F(WidgetTest, UnfocusTakesTheFocusFromTheView) {
 
 // Host window
 
-TEST_F(WidgetTest, HasTheHostWindowThatItWasAssigned) {
+TEST_F(WidgetTest, AHostWindowMustExist) {
   EXPECT_EQ(widget_.AssignHostWindow(Parsed<rpc::AssignHostWindowRequest>(
                 "host_window { platform: PLATFORM_X11 handle: 8 }")),
             absl::OkStatus());
-  EXPECT_EQ(widget_.host_window().handle(), 8U);
-}
-
-TEST_F(WidgetTest, LosesItsHostWindowWithoutANewOne) {
-  ASSERT_EQ(widget_.AssignHostWindow(Parsed<rpc::AssignHostWindowRequest>(
-                "host_window { platform: PLATFORM_X11 handle: 8 }")),
-            absl::OkStatus());
   EXPECT_EQ(widget_.AssignHostWindow({}), absl::OkStatus());
-  EXPECT_EQ(widget_.host_window().handle(), 0U);
-}
-
-TEST_F(WidgetTest, AHostWindowMustExist) {
-  ASSERT_EQ(widget_.AssignHostWindow(Parsed<rpc::AssignHostWindowRequest>(
-                "host_window { platform: PLATFORM_X11 handle: 8 }")),
-            absl::OkStatus());
   EXPECT_EQ(widget_
                 .AssignHostWindow(Parsed<rpc::AssignHostWindowRequest>(
                     "host_window { platform: PLATFORM_X11 handle: 0 }"))
                 .message(),
             "window 0 of PLATFORM_X11 does not exist; windows are of "
             "PLATFORM_X11, with handles from 1 to 536870911");
-  EXPECT_EQ(widget_.host_window().handle(), 8U);
 }
 
 // Scale
@@ -249,47 +236,23 @@ TEST_F(WidgetTest, ADisplayHasAScale) {
 
 // Accessibility
 
-TEST_F(WidgetTest, AskingForItsTokenTurnsAccessibilityOn) {
-  ASSERT_EQ(Attach(kParentWindow), absl::OkStatus());
-  EXPECT_FALSE(widget_.is_accessibility_on());
-  rpc::AccessibilityToken token;
-  EXPECT_EQ(widget_.GetAccessibilityToken(&token), absl::OkStatus());
-  EXPECT_TRUE(widget_.is_accessibility_on());
-  EXPECT_EQ(token.platform(), rpc::PLATFORM_X11);
-  EXPECT_EQ(token.token(), ":1.2:/org/a11y/atspi/accessible/root");
-}
-
-TEST_F(WidgetTest, HasNoTokenUntilItIsAttached) {
+TEST_F(WidgetTest, HasATokenOnceItIsAttached) {
   rpc::AccessibilityToken token;
   EXPECT_EQ(widget_.GetAccessibilityToken(&token),
             absl::FailedPreconditionError(
                 "browser 2 is not attached; Attach comes first"));
-  EXPECT_FALSE(widget_.is_accessibility_on());
+  ASSERT_EQ(Attach(kParentWindow), absl::OkStatus());
+  EXPECT_EQ(widget_.GetAccessibilityToken(&token), absl::OkStatus());
+  EXPECT_EQ(token.platform(), rpc::PLATFORM_X11);
+  EXPECT_EQ(token.token(), ":1.2:/org/a11y/atspi/accessible/root");
 }
 
-TEST_F(WidgetTest, HangsBelowTheNodesOfTheHost) {
+TEST_F(WidgetTest, TakesTheNodesOfTheHostAndNone) {
   EXPECT_EQ(SetParentNodes(
                 "parent_node { platform: PLATFORM_X11 token: ':1.9:/view' }"
                 "window_node { platform: PLATFORM_X11 token: ':1.9:/window' }"),
             absl::OkStatus());
-  EXPECT_EQ(widget_.parent_node().token(), ":1.9:/view");
-  EXPECT_EQ(widget_.window_node().token(), ":1.9:/window");
-}
-
-TEST_F(WidgetTest, TheParentNodeStandsForTheWindowsToo) {
-  ASSERT_EQ(SetParentNodes(
-                "parent_node { platform: PLATFORM_X11 token: ':1.9:/view' }"),
-            absl::OkStatus());
-  EXPECT_EQ(widget_.window_node().token(), ":1.9:/view");
-}
-
-TEST_F(WidgetTest, WithoutNodesItHangsNowhere) {
-  ASSERT_EQ(SetParentNodes(
-                "parent_node { platform: PLATFORM_X11 token: ':1.9:/view' }"),
-            absl::OkStatus());
   EXPECT_EQ(SetParentNodes(""), absl::OkStatus());
-  EXPECT_EQ(widget_.parent_node().token(), "");
-  EXPECT_EQ(widget_.window_node().token(), "");
 }
 
 TEST_F(WidgetTest, ANodeMustBeOfThePlatform) {
@@ -325,7 +288,6 @@ TEST_F(WidgetTest, AWindowNodeIsCheckedLikeAParentNode) {
             "token \"\\377\" does not name a node; it must be a bus name, a "
             "colon and "
             "an object path");
-  EXPECT_EQ(widget_.parent_node().token(), "");
 }
 
 TEST_F(WidgetTest, JoinsNoTreeToAWindow) {
@@ -348,6 +310,75 @@ TEST_F(WidgetTest, AnAccessibleWindowMustExist) {
                     &is_joined)
                 .code(),
             absl::StatusCode::kNotFound);
+}
+
+// What the page is told
+
+// Keeps it.
+class WatchingPage final : public AbstractPage {
+ public:
+  void SetViewport(const Viewport& viewport) override { told = viewport; }
+
+  Viewport told;
+};
+
+class WidgetPageTest : public ::testing::Test {
+ protected:
+  const Viewport& Told() {
+    widget_.UpdatePage([](AbstractPage&) {});
+    return page_->told;
+  }
+
+  const std::shared_ptr<WatchingPage> page_ = std::make_shared<WatchingPage>();
+  Widget widget_{2, page_};
+};
+
+TEST_F(WidgetPageTest, IsTheStateOfTheView) {
+  ASSERT_EQ(widget_.SetDisplay(Parsed<rpc::Display>(
+                "bounds { width: 800 height: 600 } scale_factor: 2")),
+            absl::OkStatus());
+  EXPECT_FALSE(Told().is_attached);
+  EXPECT_EQ(Told().scale_factor, 2);
+  EXPECT_EQ(Told().display.bounds().width(), 800);
+
+  rpc::AttachResult result;
+  ASSERT_EQ(widget_.Attach(
+                Parsed<rpc::AttachRequest>("bounds { width: 30 height: 20 }"
+                                           " screen_bounds { x: 4 y: 5 }"),
+                &result),
+            absl::OkStatus());
+  EXPECT_TRUE(Told().is_attached);
+  EXPECT_FALSE(Told().is_drawn_off_screen);
+  EXPECT_EQ(Told().width, 30);
+  EXPECT_EQ(Told().height, 20);
+  EXPECT_EQ(Told().screen_bounds.x(), 4);
+
+  ASSERT_EQ((*widget_.view())->Show(), absl::OkStatus());
+  ASSERT_EQ((*widget_.view())->Focus(), absl::OkStatus());
+  EXPECT_TRUE(Told().is_drawn_off_screen);
+  EXPECT_TRUE(Told().has_focus);
+}
+
+TEST_F(WidgetPageTest, IsThatAccessibilityIsOnOnceTheTokenWasAskedFor) {
+  rpc::AccessibilityToken token;
+  EXPECT_FALSE(widget_.GetAccessibilityToken(&token).ok());  // Not attached.
+  rpc::AttachResult result;
+  ASSERT_EQ(widget_.Attach({}, &result), absl::OkStatus());
+  EXPECT_FALSE(Told().is_accessibility_on);
+  EXPECT_EQ(widget_.GetAccessibilityToken(&token), absl::OkStatus());
+  EXPECT_TRUE(Told().is_accessibility_on);
+}
+
+TEST_F(WidgetPageTest, WithoutAWindowOfItsOwnOnlyOffScreenIsOffered) {
+  rpc::AttachResult result;
+  EXPECT_EQ(widget_.Attach(
+                Parsed<rpc::AttachRequest>(absl::StrCat(
+                    kParentWindow, " rendering_mode: RENDERING_MODE_WINDOWED")),
+                &result),
+            absl::OkStatus());
+  EXPECT_FALSE(result.attached());
+  EXPECT_EQ(result.refusal(),
+            "this widget draws into no window; use 2 (off-screen)");
 }
 
 }  // namespace
