@@ -158,6 +158,7 @@ ProgramRun RunProgram(std::vector<std::string> arguments,
   const Server server(socket, bytes);
   arguments.insert(arguments.begin() + 1, {"--socket", socket});
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
 
