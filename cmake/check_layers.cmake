@@ -94,7 +94,7 @@ allow(benchmarks/capnp "benchmarks/(transport|capnp)/[a-z_.]+\\.h")
 # Code that only tests use.
 allow(${rpc}/testing "${rpc}/testing/[a-z_]+\\.h" "${rpc}/stream/[a-z_]+\\.h"
       "${rpc}/transport/wire/[a-z_]+\\.h" ${api} "${rpc}/transport/frame_limits\\.h")
-allow(fuzz "${rpc}/testing/[a-z_]+\\.h" "${rpc}/stream/[a-z_]+\\.h"
+allow(fuzz "fuzz/[a-z_]+\\.h" "${rpc}/testing/[a-z_]+\\.h" "${rpc}/stream/[a-z_]+\\.h"
       "${rpc}/transport/wire/[a-z_]+\\.h" "examples/widget_server/[a-z_]+\\.h"
       "tools/widgetctl/[a-z_]+\\.h" ${api})
 

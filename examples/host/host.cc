@@ -31,37 +31,41 @@ constexpr Point kField = {190, 60};
 constexpr Point kList = {144, 96};
 constexpr Point kButton = {248, 96};
 
-// Ends the process if `status` is an error.
-void Must(const absl::Status& status) {
-  if (status.ok()) return;
-  std::cerr << "host: " << orvane::Printable(status.message()) << "\n";
-  std::exit(EXIT_FAILURE);
+bool IsOk(const absl::Status& status) {
+  if (!status.ok())
+    std::cerr << "host: " << orvane::Printable(status.message()) << "\n";
+  return status.ok();
 }
 
+// Each step is false if something went wrong, and has printed what.
 class User {
  public:
   User(orvane::SocketClient* connection, BrowserId browser, Console* console)
       : widget_(connection), browser_(std::move(browser)), console_(console) {}
 
-  void UseThePage();
+  bool UseThePage() {
+    return Attach() && MoveTheMouse() && Drag() && Type() && MoveTheFocus() &&
+           Choose() && Detach();
+  }
 
  private:
-  void Attach();
-  void MoveTheMouse();
-  void Drag();
-  void Type();
-  void MoveTheFocus();
-  void Choose();
+  bool Attach();
+  bool MoveTheMouse();
+  bool Drag();
+  bool Type();
+  bool MoveTheFocus();
+  bool Choose();
+  bool Detach();
 
-  void Press(Point point);
-  void Release(Point point);
-  void MoveTo(Point point);
-  void PressTab();
-  void TypeText(const std::string& text);
+  bool Press(Point point);
+  bool Release(Point point);
+  bool MoveTo(Point point);
+  bool PressTab();
+  bool TypeText(const std::string& text);
 
   // Each step waits for the last thing that it causes, so that the lines are
   // printed in the same order every time.
-  void Await(const std::string& news) { Must(console_->Await(news)); }
+  bool Await(const std::string& news) { return IsOk(console_->Await(news)); }
 
   // A new request that names the browser.
   template <typename Request>
@@ -83,125 +87,109 @@ class User {
   Console* const console_;
 };
 
-void User::Press(Point point) {
+bool User::Press(Point point) {
   auto press = NewAt<rpc::MousePressRequest>(point);
   press.mutable_pointer()->set_buttons(rpc::MOUSE_BUTTON_FLAG_PRIMARY);
   press.set_button(rpc::MOUSE_BUTTON_PRIMARY);
   press.set_click_count(1);
-  Must(widget_.ForwardMousePress(press).status());
+  return IsOk(widget_.ForwardMousePress(press).status());
 }
 
-void User::Release(Point point) {
+bool User::Release(Point point) {
   auto release = NewAt<rpc::MouseReleaseRequest>(point);
   release.set_button(rpc::MOUSE_BUTTON_PRIMARY);
   release.set_click_count(1);
-  Must(widget_.ForwardMouseRelease(release).status());
+  return IsOk(widget_.ForwardMouseRelease(release).status());
 }
 
-void User::MoveTo(Point point) {
-  Must(widget_.ForwardMouseMove(NewAt<rpc::MouseMoveRequest>(point)).status());
+bool User::MoveTo(Point point) {
+  return IsOk(
+      widget_.ForwardMouseMove(NewAt<rpc::MouseMoveRequest>(point)).status());
 }
 
-void User::PressTab() {
+bool User::PressTab() {
   auto press = New<rpc::KeyPressRequest>();
   press.mutable_key()->set_key("Tab");
-  Must(widget_.ForwardKeyPress(press).status());
+  return IsOk(widget_.ForwardKeyPress(press).status());
 }
 
-void User::TypeText(const std::string& text) {
+bool User::TypeText(const std::string& text) {
   auto typed = New<rpc::KeyTypeRequest>();
   typed.set_text(text);
-  Must(widget_.ForwardKeyType(typed).status());
+  return IsOk(widget_.ForwardKeyType(typed).status());
 }
 
-void User::Attach() {
+bool User::Attach() {
   auto request = New<rpc::AttachRequest>();
   request.set_rendering_mode(rpc::RENDERING_MODE_OFF_SCREEN);
   request.mutable_bounds()->set_width(480);
   request.mutable_bounds()->set_height(320);
   const absl::StatusOr<rpc::AttachResult> result = widget_.Attach(request);
-  Must(result.status());
-  if (!result->attached()) Must(absl::UnavailableError(result->refusal()));
+  if (!IsOk(result.status())) return false;
+  if (!result->attached())
+    return IsOk(absl::UnavailableError(result->refusal()));
   console_->Tell(absl::StrCat("attached: ", result->size().width(), " x ",
                               result->size().height(), " DIPs at scale ",
                               result->scale_factor()));
 
   const auto token = widget_.GetAccessibilityToken(browser_);
-  Must(token.status());
+  if (!IsOk(token.status())) return false;
   console_->Tell("screen reader: the page is " + token->token());
-  Must(widget_.Show(browser_).status());
-  Await("view: ");
+  return IsOk(widget_.Show(browser_).status()) && Await("view: ");
 }
 
-void User::MoveTheMouse() {
-  Must(widget_.ForwardMouseEnter(NewAt<rpc::MouseEnterRequest>(kPicture))
-           .status());
-  Await("tooltip: ");
-  MoveTo(kLink);
-  Await("tooltip: ");
-  MoveTo(kField);
-  Await("tooltip: ");
+bool User::MoveTheMouse() {
+  const auto enter = NewAt<rpc::MouseEnterRequest>(kPicture);
+  return IsOk(widget_.ForwardMouseEnter(enter).status()) &&
+         Await("tooltip: ") && MoveTo(kLink) && Await("tooltip: ") &&
+         MoveTo(kField) && Await("tooltip: ");
 }
 
-void User::Drag() {
+bool User::Drag() {
   auto enter = New<rpc::DragEnterRequest>();
   enter.set_allowed_operations(rpc::DRAG_OPERATION_COPY);
   enter.mutable_position()->set_x(kField.x);
   enter.mutable_position()->set_y(kField.y);
-  Must(widget_.ForwardDragEnter(enter).status());
-  Await("drag: ");
   auto drop = New<rpc::DragDropRequest>();
   drop.add_items()->mutable_text()->set_mime_type("text/plain");
   drop.mutable_items(0)->mutable_text()->set_value("Hello");
-  Must(widget_.ForwardDragDrop(drop).status());
-  Await("view: ");
-
-  Press(kPicture);
   auto drag = NewAt<rpc::MouseDragRequest>(kLink);
   drag.mutable_pointer()->set_buttons(rpc::MOUSE_BUTTON_FLAG_PRIMARY);
-  Must(widget_.ForwardMouseDrag(drag).status());
-  Await("drag out of the page: ");
-  Must(widget_.ForwardDragEnd(New<rpc::DragEndRequest>()).status());
+  const auto end = New<rpc::DragEndRequest>();
+  return IsOk(widget_.ForwardDragEnter(enter).status()) && Await("drag: ") &&
+         IsOk(widget_.ForwardDragDrop(drop).status()) && Await("view: ") &&
+         Press(kPicture) && IsOk(widget_.ForwardMouseDrag(drag).status()) &&
+         Await("drag out of the page: ") &&
+         IsOk(widget_.ForwardDragEnd(end).status());
 }
 
-void User::Type() {
-  Must(widget_.Focus(New<rpc::FocusRequest>()).status());
-  Press(kField);
-  Await("layer 1: ");  // The caret is sent last.
-  Release(kField);
-  for (const char* const text : {",", " y", "ou", "\r"}) {
-    TypeText(text);
-    Await("layer 1: ");
+bool User::Type() {
+  // The caret is sent last, as layer 1.
+  if (!IsOk(widget_.Focus(New<rpc::FocusRequest>()).status()) ||
+      !Press(kField) || !Await("layer 1: ") || !Release(kField)) {
+    return false;
   }
+  for (const char* const text : {",", " y", "ou", "\r"}) {
+    if (!TypeText(text) || !Await("layer 1: ")) return false;
+  }
+  return true;
 }
 
-void User::MoveTheFocus() {
-  PressTab();
-  Await("layer 1: ");
-  PressTab();
-  Await("view: ");
-  PressTab();
-  Await("view: ");
+bool User::MoveTheFocus() {
+  return PressTab() && Await("layer 1: ") && PressTab() && Await("view: ") &&
+         PressTab() && Await("view: ");
 }
 
-void User::Choose() {
-  Press(kList);
-  Release(kList);
-  Await("view: ");
-  Press(kButton);
-  Release(kButton);
-  Await("screen reader: ");  // Not "view: ": the picture may stay the same.
+bool User::Choose() {
+  // At the end not "view: ": the picture may stay the same.
+  return Press(kList) && Release(kList) && Await("view: ") && Press(kButton) &&
+         Release(kButton) && Await("screen reader: ");
 }
 
-void User::UseThePage() {
-  Attach();
-  MoveTheMouse();
-  Drag();
-  Type();
-  MoveTheFocus();
-  Choose();
-  Must(widget_.Detach(browser_).status());
+bool User::Detach() {
+  if (!IsOk(widget_.Detach(browser_).status())) return false;
   console_->Tell("detached");
+  return true;
 }
 
 }  // namespace
@@ -213,13 +201,14 @@ int main(int argc, char** argv) {
   // Each outlives those below it.
   orvane::EventLoop loop;
   const auto connection = orvane::SocketClient::Connect(&loop, options.socket);
-  host::Must(connection.status());
+  if (!host::IsOk(connection.status())) return EXIT_FAILURE;
   std::cout << "connected to " << options.socket << std::endl;
   BrowserId browser;
   browser.set_value(1);
   host::Console console(&loop, connection->get(), browser);
-  host::User(connection->get(), browser, &console).UseThePage();
-  if (!options.save.empty())
-    host::Must(host::SavePpm(console.view(), options.save));
-  return EXIT_SUCCESS;
+  if (!host::User(connection->get(), browser, &console).UseThePage())
+    return EXIT_FAILURE;
+  const bool is_saved = options.save.empty() ||
+                        host::IsOk(host::SavePpm(console.view(), options.save));
+  return is_saved ? EXIT_SUCCESS : EXIT_FAILURE;
 }
