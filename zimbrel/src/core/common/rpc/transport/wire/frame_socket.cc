@@ -82,7 +82,7 @@ absl::StatusOr<Outbox::Placed> FrameSocket::SendLatest(
     return Outbox::Placed::kBehindTheOthers;
   }
   if (receiver_ == nullptr) return Closed();
-  const absl::StatusOr<Outbox::Placed> placed =
+  absl::StatusOr<Outbox::Placed> placed =
       outbox_.Replace(header, payload, slot());
   if (absl::Status queued = Queued(placed.status()); !queued.ok())
     return queued;
