@@ -1,5 +1,6 @@
 #include "host/view.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -89,7 +90,8 @@ class ViewTest : public ::testing::Test {
   AttachingWidget widget_;
   std::optional<SocketServer> server_;
   std::vector<ViewState> states_;
-  int connected_ = 0;  // How often on_connected has run.
+  int connected_ = 0;                       // How often on_connected has run.
+  std::function<void()> while_connecting_;  // In its first run.
   std::optional<View> view_{
       std::in_place, &loop_,
       ViewOptions{.socket = socket_,
@@ -103,6 +105,7 @@ class ViewTest : public ::testing::Test {
                     states_,
                     ::testing::Not(::testing::Contains(ViewState::kAttached)));
                 ++connected_;
+                if (while_connecting_) std::exchange(while_connecting_, {})();
               },
           .on_state = [this](ViewState state) { states_.push_back(state); }}};
 };
@@ -172,6 +175,20 @@ TEST_F(ViewTest, AViewComesBackWithTheNextWidget) {
   Await(ViewState::kAttached);
   EXPECT_THAT(Calls(), ElementsAre("Attach", "Show"));
   EXPECT_EQ(view_->attached().size().width(), 400);
+  EXPECT_EQ(connected_, 2);
+}
+
+TEST_F(ViewTest, AWidgetMayGoWhileTheWindowOpensItsStreams) {
+  while_connecting_ = [this] {
+    KillWidget();
+    loop_.RunUntil([this] { return view_->client() == nullptr; });
+  };
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  StartWidget();
+  loop_.RunUntil([this] { return connected_ == 1; });
+  EXPECT_THAT(states_, IsEmpty());
+  StartWidget();
+  Await(ViewState::kAttached);
   EXPECT_EQ(connected_, 2);
 }
 
