@@ -121,7 +121,7 @@ TEST(Pixels, RowsAreCopiedWithoutTheGapsBetweenThem) {
 }
 
 TEST(Pixels, PixelsMayBeginBehindThePagesBoundary) {
-  const Memory memory(std::string(5001, '.') + "abcd----efgh----");
+  const Memory memory(absl::StrCat(std::string(5001, '.'), "abcd----efgh----"));
   EXPECT_EQ(Copied(memory.Frame(5001, 16)), "abcdefgh");
 }
 

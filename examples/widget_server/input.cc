@@ -18,17 +18,6 @@ absl::Status CheckKey(const rpc::Key& key) {
       "the key is not given; it needs `key` or `windows_key_code`");
 }
 
-// A name that is the same at press and release. The key's meaning is used only
-// if nothing else is given, since a modifier pressed in between changes it.
-std::string NameOf(const rpc::Key& key) {
-  if (key.code().empty() && key.windows_key_code() != 0) {
-    return absl::StrCat("code ", key.windows_key_code(), " at location ",
-                        static_cast<int>(key.location()));
-  }
-  std::string name(key.code().empty() ? key.key() : key.code());
-  return name;
-}
-
 absl::Status CheckButton(rpc::MouseButton button) {
   if (button != rpc::MOUSE_BUTTON_UNSPECIFIED &&
       rpc::MouseButton_IsValid(button)) {
@@ -50,27 +39,14 @@ absl::Status FingerIsNotDown(std::int32_t finger) {
       "finger ", finger, " is not down; ForwardTouchStart comes first"));
 }
 
-std::string At(const rpc::PointDip& position) {
-  return absl::StrCat(" at ", position.x(), ", ", position.y());
-}
-
-std::string ListOf(const TouchPoints& points) {
-  std::string list;
-  for (const rpc::TouchPoint& point : points)
-    absl::StrAppend(&list, " ", point.id());
-  return list;
-}
-
 }  // namespace
 
 absl::Status Input::KeyPress(const rpc::KeyPressRequest& event) {
-  if (absl::Status status = CheckKey(event.key()); !status.ok()) return status;
-  return Accept("KeyPress " + NameOf(event.key()));
+  return CheckKey(event.key());
 }
 
 absl::Status Input::KeyRelease(const rpc::KeyReleaseRequest& event) {
-  if (absl::Status status = CheckKey(event.key()); !status.ok()) return status;
-  return Accept("KeyRelease " + NameOf(event.key()));
+  return CheckKey(event.key());
 }
 
 absl::Status Input::KeyType(const rpc::KeyTypeRequest& event) {
@@ -78,7 +54,7 @@ absl::Status Input::KeyType(const rpc::KeyTypeRequest& event) {
     return absl::InvalidArgumentError(
         "the text is empty; only text that a key produces is typed");
   }
-  return Accept(absl::StrCat("KeyType ", event.text()));
+  return absl::OkStatus();
 }
 
 absl::Status Input::MousePress(const rpc::MousePressRequest& event) {
@@ -88,7 +64,7 @@ absl::Status Input::MousePress(const rpc::MousePressRequest& event) {
     is_draggable_pressed_ =
         is_draggable_at_ && is_draggable_at_(event.pointer().position());
   }
-  return AcceptPointer("MousePress", event.pointer());
+  return absl::OkStatus();
 }
 
 absl::Status Input::MouseRelease(const rpc::MouseReleaseRequest& event) {
@@ -96,15 +72,15 @@ absl::Status Input::MouseRelease(const rpc::MouseReleaseRequest& event) {
     return status;
   if (event.button() == rpc::MOUSE_BUTTON_PRIMARY)
     is_draggable_pressed_ = false;
-  return AcceptPointer("MouseRelease", event.pointer());
+  return absl::OkStatus();
 }
 
-absl::Status Input::MouseEnter(const rpc::MouseEnterRequest& event) {
-  return AcceptPointer("MouseEnter", event.pointer());
+absl::Status Input::MouseEnter(const rpc::MouseEnterRequest&) {
+  return absl::OkStatus();
 }
 
-absl::Status Input::MouseExit(const rpc::MouseExitRequest& event) {
-  return AcceptPointer("MouseExit", event.pointer());
+absl::Status Input::MouseExit(const rpc::MouseExitRequest&) {
+  return absl::OkStatus();
 }
 
 absl::Status Input::MouseDrag(const rpc::MouseDragRequest& event) {
@@ -117,29 +93,29 @@ absl::Status Input::MouseDrag(const rpc::MouseDragRequest& event) {
     is_drag_over_ = true;
     has_drag_begun_in_page_ = true;
   }
-  return AcceptPointer("MouseDrag", event.pointer());
+  return absl::OkStatus();
 }
 
-absl::Status Input::MouseMove(const rpc::MouseMoveRequest& event) {
-  return AcceptPointer("MouseMove", event.pointer());
+absl::Status Input::MouseMove(const rpc::MouseMoveRequest&) {
+  return absl::OkStatus();
 }
 
-absl::Status Input::MouseWheel(const rpc::MouseWheelRequest& event) {
-  return AcceptPointer("MouseWheel", event.pointer());
+absl::Status Input::MouseWheel(const rpc::MouseWheelRequest&) {
+  return absl::OkStatus();
 }
 
 absl::Status Input::NativeKeyEvent(const rpc::NativeKeyEventRequest& event) {
-  return AcceptNative("NativeKeyEvent", event.event());
+  return CheckNativeEvent(event.event());
 }
 
 absl::Status Input::NativeMouseEvent(
     const rpc::NativeMouseEventRequest& event) {
-  return AcceptNative("NativeMouseEvent", event.event());
+  return CheckNativeEvent(event.event());
 }
 
 absl::Status Input::NativeTouchEvent(
     const rpc::NativeTouchEventRequest& event) {
-  return AcceptNative("NativeTouchEvent", event.event());
+  return CheckNativeEvent(event.event());
 }
 
 absl::Status Input::TouchStart(const rpc::TouchStartRequest& event) {
@@ -157,7 +133,7 @@ absl::Status Input::TouchStart(const rpc::TouchStartRequest& event) {
     }
   }
   fingers_ = std::move(fingers);
-  return Accept("TouchStart" + ListOf(event.changed_points()));
+  return absl::OkStatus();
 }
 
 absl::Status Input::TouchMove(const rpc::TouchMoveRequest& event) {
@@ -168,49 +144,44 @@ absl::Status Input::TouchMove(const rpc::TouchMoveRequest& event) {
   for (const rpc::TouchPoint& point : event.changed_points()) {
     if (!fingers_.contains(point.id())) return FingerIsNotDown(point.id());
   }
-  return Accept("TouchMove" + ListOf(event.changed_points()));
+  return absl::OkStatus();
 }
 
 absl::Status Input::TouchEnd(const rpc::TouchEndRequest& event) {
-  if (absl::Status status = LiftFingers(event.changed_points()); !status.ok())
-    return status;
-  return Accept("TouchEnd" + ListOf(event.changed_points()));
+  return LiftFingers(event.changed_points());
 }
 
 absl::Status Input::TouchCancel(const rpc::TouchCancelRequest& event) {
-  if (absl::Status status = LiftFingers(event.changed_points()); !status.ok())
-    return status;
-  return Accept("TouchCancel" + ListOf(event.changed_points()));
+  return LiftFingers(event.changed_points());
 }
 
-absl::Status Input::DragEnter(const rpc::DragEnterRequest& event) {
+absl::Status Input::DragEnter(const rpc::DragEnterRequest&) {
   if (is_drag_over_) {
     return absl::FailedPreconditionError(
         "a drag is over the view already; ForwardDragLeave or ForwardDragDrop "
         "comes first");
   }
   is_drag_over_ = true;
-  return Accept("DragEnter" + At(event.position()));
+  return absl::OkStatus();
 }
 
-absl::Status Input::DragOver(const rpc::DragOverRequest& event) {
-  if (absl::Status status = CheckDragIsOver(); !status.ok()) return status;
-  return Accept("DragOver" + At(event.position()));
+absl::Status Input::DragOver(const rpc::DragOverRequest&) {
+  return CheckDragIsOver();
 }
 
 absl::Status Input::DragLeave(const rpc::DragLeaveRequest&) {
   if (absl::Status status = CheckDragIsOver(); !status.ok()) return status;
   is_drag_over_ = false;
-  return Accept("DragLeave");
+  return absl::OkStatus();
 }
 
-absl::Status Input::DragDrop(const rpc::DragDropRequest& event) {
+absl::Status Input::DragDrop(const rpc::DragDropRequest&) {
   if (absl::Status status = CheckDragIsOver(); !status.ok()) return status;
   is_drag_over_ = false;
-  return Accept("DragDrop" + At(event.position()));
+  return absl::OkStatus();
 }
 
-absl::Status Input::DragEnd(const rpc::DragEndRequest& event) {
+absl::Status Input::DragEnd(const rpc::DragEndRequest&) {
   if (!has_drag_begun_in_page_) {
     return absl::FailedPreconditionError(
         "no drag began in the page; use ForwardDragLeave or ForwardDragDrop "
@@ -218,7 +189,7 @@ absl::Status Input::DragEnd(const rpc::DragEndRequest& event) {
   }
   has_drag_begun_in_page_ = false;
   is_drag_over_ = false;
-  return Accept("DragEnd" + At(event.position()));
+  return absl::OkStatus();
 }
 
 absl::Status Input::LiftFingers(const TouchPoints& points) {
@@ -236,23 +207,6 @@ absl::Status Input::CheckDragIsOver() const {
   if (is_drag_over_) return absl::OkStatus();
   return absl::FailedPreconditionError(
       "no drag is over the view; ForwardDragEnter comes first");
-}
-
-absl::Status Input::AcceptNative(absl::string_view kind,
-                                 const rpc::NativeEvent& event) {
-  if (absl::Status status = CheckNativeEvent(event); !status.ok())
-    return status;
-  return Accept(absl::StrCat(kind, " of ", event.payload().size(), " bytes"));
-}
-
-absl::Status Input::AcceptPointer(absl::string_view kind,
-                                  const rpc::PointerState& pointer) {
-  return Accept(absl::StrCat(kind, At(pointer.position())));
-}
-
-absl::Status Input::Accept(std::string event) {
-  latest_event_ = std::move(event);
-  return absl::OkStatus();
 }
 
 }  // namespace widget_server

@@ -6,11 +6,9 @@
 #include <cstdint>
 #include <functional>
 #include <set>
-#include <string>
 #include <utility>
 
 #include "absl/status/status.h"
-#include "absl/strings/string_view.h"
 #include "google/protobuf/repeated_ptr_field.h"
 
 #include "rpc/browser/drag.pb.h"
@@ -66,9 +64,6 @@ class Input {
 
   bool has_drag_begun_in_page() const { return has_drag_begun_in_page_; }
 
-  // Describes the last event that was accepted.
-  const std::string& LatestEventForTesting() const { return latest_event_; }
-
  private:
   using TouchPoints = google::protobuf::RepeatedPtrField<rpc::TouchPoint>;
 
@@ -76,20 +71,11 @@ class Input {
   absl::Status LiftFingers(const TouchPoints& points);
   absl::Status CheckDragIsOver() const;
 
-  absl::Status AcceptNative(absl::string_view kind,
-                            const rpc::NativeEvent& event);
-
-  // Both keep the description of the event and return OK.
-  absl::Status AcceptPointer(absl::string_view kind,
-                             const rpc::PointerState& pointer);
-  absl::Status Accept(std::string event);
-
   IsDraggableAt is_draggable_at_;
   bool is_draggable_pressed_ = false;
   std::set<std::int32_t> fingers_;  // The ids of those that are down.
   bool is_drag_over_ = false;
   bool has_drag_begun_in_page_ = false;
-  std::string latest_event_;
 };
 
 }  // namespace widget_server

@@ -27,8 +27,7 @@ namespace widget_server {
 //
 // Thread: the service thread. Lifetime: `service` outlives the page; calls to
 // the host may outlive both. Made by std::make_shared.
-class Page final : public AbstractPage,
-                   public std::enable_shared_from_this<Page> {
+class Page : public AbstractPage, public std::enable_shared_from_this<Page> {
  public:
   Page(std::uint64_t browser, rpc::BrowserWidgetRpc* service);
 

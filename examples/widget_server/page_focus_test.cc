@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "absl/strings/str_cat.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
@@ -177,7 +178,7 @@ TEST_F(PageTextTest, AFullFieldTakesNoMoreCharacters) {
   Type(std::string(kFieldCharacters - 1, 'a'));
   Type("\u20ac\u20ac");
   EXPECT_EQ(page_->look().text,
-            std::string(kFieldCharacters - 1, 'a') + "\u20ac");
+            absl::StrCat(std::string(kFieldCharacters - 1, 'a'), "\u20ac"));
 }
 
 // Drags
