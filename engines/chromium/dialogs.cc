@@ -1,6 +1,7 @@
 #include "engines/chromium/dialogs.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -8,7 +9,9 @@
 #include "absl/log/log.h"
 #include "absl/strings/ascii.h"
 #include "absl/strings/match.h"
+#include "absl/strings/numbers.h"
 #include "absl/strings/str_cat.h"
+#include "absl/strings/str_format.h"
 #include "absl/strings/str_split.h"
 #include "absl/strings/string_view.h"
 #include "absl/strings/strip.h"
@@ -22,15 +25,11 @@ namespace {
 constexpr std::size_t kMaxFrames = 1000;
 constexpr std::size_t kMaxTextBytes = std::size_t{64} << 10;
 constexpr std::size_t kMaxFilters = 100;
+constexpr int kMaxColors = 100;
+constexpr std::uint32_t kWhite = 0xffffff;
 
-// So much of a page's text, cut between two characters.
 std::string Cut(std::string text) {
-  if (text.size() <= kMaxTextBytes) return text;
-  std::size_t end = kMaxTextBytes;
-  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80)
-    --end;
-  text.resize(end);
-  return text;
+  return CutText(std::move(text), kMaxTextBytes);
 }
 
 // An attribute in the engine's flat list of names and values. Null if it is not
@@ -43,6 +42,16 @@ const std::string* FindAttribute(const Json::array_t& attributes,
       return attributes[i + 1].get_ptr<const std::string*>();
   }
   return nullptr;
+}
+
+// "#rrggbb", as pages write it.
+std::optional<std::uint32_t> ColorOf(absl::string_view text) {
+  std::uint32_t color = 0;
+  if (text.size() != 7 || text[0] != '#' ||
+      !absl::SimpleHexAtoi(text.substr(1), &color)) {
+    return std::nullopt;
+  }
+  return color;
 }
 
 // Empty if the answer names files that the page can have.
@@ -84,11 +93,15 @@ std::string OriginOf(absl::string_view address) {
 Dialogs::Dialogs(BrowserId browser, rpc::BrowserWidgetRpc* service, Send send)
     : browser_(std::move(browser)), service_(service), send_(std::move(send)) {}
 
-Dialogs::~Dialogs() { open_call_.Cancel(); }
+Dialogs::~Dialogs() {
+  open_call_.Cancel();
+  color_call_.Cancel();
+}
 
 void Dialogs::Reset() {
   open_ = 0;
   std::exchange(open_call_, {}).Cancel();
+  std::exchange(color_call_, {}).Cancel();
   frames_.clear();
   is_reloading_ = false;
 }
@@ -174,6 +187,12 @@ void Dialogs::OpenDialog(const EngineEvent& event) {
           });
 }
 
+void Dialogs::Decline() {
+  if (!is_open()) return;
+  std::exchange(open_call_, {}).Cancel();
+  CloseDialog(false, "");
+}
+
 void Dialogs::CloseDialog(bool is_accepted, const std::string& text) {
   open_ = 0;
   send_(open_session_, "Page.handleJavaScriptDialog",
@@ -186,9 +205,7 @@ void Dialogs::OpenFileDialog(const EngineEvent& event) {
   if (!node.is_number_integer()) return;
   const auto id = node.get<Json::number_integer_t>();
   const std::string frame = Text(event.params, "frameId");
-  const auto found = frames_.find(frame);
-  rpc::CreateWebDialogCall call =
-      NewCall(frame, found == frames_.end() ? "null" : found->second.origin);
+  rpc::CreateWebDialogCall call = NewCall(frame, OriginIn(frame));
   const bool is_multiple = Text(event.params, "mode") == "selectMultiple";
   call.mutable_file()->set_mode(is_multiple
                                     ? rpc::FILE_DIALOG_MODE_OPEN_MULTIPLE
@@ -213,6 +230,36 @@ void Dialogs::OpenFileDialog(const EngineEvent& event) {
           }
           AskForFiles(session, id, std::move(call));
         });
+}
+
+const std::string& Dialogs::OriginIn(const std::string& frame) const {
+  static const std::string* const kNone = new std::string("null");
+  const auto found = frames_.find(frame);
+  return found == frames_.end() ? *kNone : found->second.origin;
+}
+
+void Dialogs::AskForColor(
+    const std::string& frame, const Json& report,
+    std::function<void(std::optional<std::string>)> choose) {
+  std::exchange(color_call_, {}).Cancel();
+  rpc::CreateWebDialogCall call = NewCall(frame, OriginIn(frame));
+  call.mutable_color()->set_initial_color_rgb(
+      ColorOf(Text(report, "value")).value_or(0));
+  for (const Json& suggested : List(report, "suggested")) {
+    if (call.color().suggested_colors_rgb_size() == kMaxColors) break;
+    const auto* const text = suggested.get_ptr<const std::string*>();
+    if (const auto color = ColorOf(text == nullptr ? "" : *text))
+      call.mutable_color()->add_suggested_colors_rgb(*color);
+  }
+  color_call_ = Ask(std::move(call),
+                    [choose = std::move(choose)](
+                        const rpc::CreateWebDialogResponse* answer, bool) {
+                      if (answer == nullptr || answer->color_rgb() > kWhite) {
+                        choose(std::nullopt);
+                      } else {
+                        choose(absl::StrFormat("#%06x", answer->color_rgb()));
+                      }
+                    });
 }
 
 void Dialogs::AskForFiles(const std::string& session,

@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "absl/status/statusor.h"
@@ -42,6 +43,14 @@ class Dialogs {
   // The page's place in the engine is gone, and its dialogs with it.
   void Reset();
 
+  // Asks for a colour, which our script has reported that a document in that
+  // frame wants. `choose` gets it as "#rrggbb", or nothing if none was chosen.
+  void AskForColor(const std::string& frame, const Json& report,
+                   std::function<void(std::optional<std::string>)> choose);
+
+  // Closes the dialog for which the page waits, if there is one, as declined.
+  void Decline();
+
   // A dialog for which the page waits.
   bool is_open() const { return open_ != 0; }
 
@@ -58,6 +67,7 @@ class Dialogs {
   void AskForFiles(const std::string& session, Json::number_integer_t node,
                    rpc::CreateWebDialogCall call);
   void CancelFiles(const std::string& session, Json::number_integer_t node);
+  const std::string& OriginIn(const std::string& frame) const;
   rpc::CreateWebDialogCall NewCall(const std::string& frame,
                                    const std::string& origin) const;
 
@@ -76,6 +86,7 @@ class Dialogs {
   std::uint64_t open_ = 0;  // 0: none.
   std::string open_session_;
   orvane::CallHandle open_call_;
+  orvane::CallHandle color_call_;
 
   const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };

@@ -163,5 +163,45 @@ TEST(OriginOf, IsWhatAHostShows) {
   EXPECT_EQ(OriginOf("about:blank"), "null");
 }
 
+// Colours
+
+class ColorsTest : public DialogsTest {
+ protected:
+  ColorsTest() {
+    Attach();
+    TellOfDocument();
+    Serve();
+    scripted_->ForgetCommands();
+    Report({{"kind", "color"},
+            {"color", 4},
+            {"value", "#102030"},
+            {"suggested", {"#ffffff", "red", 7}}});
+  }
+};
+
+TEST_F(ColorsTest, AColourIsTheHostsToChoose) {
+  ASSERT_THAT(calls_, SizeIs(1));
+  EXPECT_EQ(calls_[0].color().initial_color_rgb(), 0x102030u);
+  EXPECT_THAT(calls_[0].color().suggested_colors_rgb(), ElementsAre(0xffffffu));
+  Answer("accepted: true color_rgb: 0x0a0b0c");
+  EXPECT_THAT(Scripts(), ElementsAre("orvaneAgent.chooseColor(4, '#0a0b0c')"));
+}
+
+TEST_F(ColorsTest, OneThatIsNotChosenIsNotChanged) {
+  Answer("");
+  EXPECT_THAT(Scripts(), ElementsAre("orvaneAgent.chooseColor(4, null)"));
+}
+
+TEST_F(ColorsTest, OneThatIsNoneIsNotChosen) {
+  Answer("accepted: true color_rgb: 0x1000000");
+  EXPECT_THAT(Scripts(), ElementsAre("orvaneAgent.chooseColor(4, null)"));
+}
+
+TEST_F(ColorsTest, OnlyTheLatestIsAskedFor) {
+  Report({{"kind", "color"}, {"color", 5}, {"value", "#000000"}});
+  EXPECT_THAT(Scripts(), ElementsAre("orvaneAgent.chooseColor(4, null)"));
+  EXPECT_THAT(calls_, SizeIs(2));
+}
+
 }  // namespace
 }  // namespace chromium

@@ -23,8 +23,11 @@ constexpr int kScreenStep = 32768;
 
 }  // namespace
 
-Engine::Engine(orvane::EventLoop* loop, Launch launch)
-    : loop_(loop), launch_(std::move(launch)), delay_(kFirstDelay) {}
+Engine::Engine(orvane::EventLoop* loop, Launch launch, std::string downloads)
+    : loop_(loop),
+      launch_(std::move(launch)),
+      downloads_(std::move(downloads)),
+      delay_(kFirstDelay) {}
 
 Engine::~Engine() = default;
 
@@ -65,6 +68,12 @@ void Engine::OnUp(const std::string& product) {
   up_since_ = absl::Now();
   Call("", "Target.setDiscoverTargets",
        {{"discover", true}, {"filter", {{{"type", "page"}}}}});
+  if (!downloads_.empty()) {
+    Call("", "Browser.setDownloadBehavior",
+         {{"behavior", "allowAndName"},
+          {"downloadPath", downloads_},
+          {"eventsEnabled", true}});
+  }
   for (const auto& place : places_) OpenTarget(place->client);
 }
 

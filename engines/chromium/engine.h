@@ -61,7 +61,8 @@ class Engine {
     virtual void OnTargetLost() = 0;
   };
 
-  Engine(orvane::EventLoop* loop, Launch launch);
+  // What pages download goes into the folder `downloads`, if there is one.
+  Engine(orvane::EventLoop* loop, Launch launch, std::string downloads = "");
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
   ~Engine();
@@ -117,6 +118,7 @@ class Engine {
 
   orvane::EventLoop* const loop_;
   const Launch launch_;
+  const std::string downloads_;
   State state_ = State::kDown;
   bool has_been_up_ = false;
   std::unique_ptr<EngineProcess> process_;

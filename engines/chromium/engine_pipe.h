@@ -33,7 +33,7 @@ struct PipeLimits {
   std::size_t max_unsent_bytes = std::size_t{64} << 20;
 
   // Commands that wait for a reply. One more fails.
-  std::size_t max_waiting = 10'000;
+  std::size_t max_waiting = 40'000;
 };
 
 // What the engine tells without being asked.

@@ -14,6 +14,15 @@ std::string PrintJson(const Json& value) {
                     Json::error_handler_t::replace);
 }
 
+std::string CutText(std::string text, std::size_t max_bytes) {
+  if (text.size() <= max_bytes) return text;
+  std::size_t end = max_bytes;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80)
+    --end;
+  text.resize(end);
+  return text;
+}
+
 const Json& Member(const Json& object, const char* name) {
   static const Json* const null = new Json();
   if (!object.is_object()) return *null;

@@ -3,6 +3,7 @@
 #ifndef ENGINES_CHROMIUM_JSON_H_
 #define ENGINES_CHROMIUM_JSON_H_
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -22,6 +23,9 @@ std::optional<Json> ParseJson(absl::string_view text);
 
 // On one line, in UTF-8. Bytes that are not UTF-8 become U+FFFD.
 std::string PrintJson(const Json& value);
+
+// At most so many bytes of a text, without a part of a character at the end.
+std::string CutText(std::string text, std::size_t max_bytes);
 
 // For reading what comes from outside: a member that is missing or of another
 // type reads as null, "", 0, false or an empty list.

@@ -39,6 +39,7 @@ void PrintHelp() {
          "                  (default http,https,data,about)\n"
          "  --files DIR     let pages load the files in DIR too; may be given\n"
          "                  several times\n"
+         "  --allow-scripts let hosts run scripts in pages\n"
          "  --engine PATH   the engine's program\n"
          "                  (default "
       << defaults.engine.path
@@ -86,7 +87,8 @@ void AddPage(absl::string_view text, Options* options) {
 }  // namespace
 
 Options ParseOptions(int argc, char** argv) {
-  const option known[] = {{"engine", required_argument, nullptr, 'e'},
+  const option known[] = {{"allow-scripts", no_argument, nullptr, 'a'},
+                          {"engine", required_argument, nullptr, 'e'},
                           {"files", required_argument, nullptr, 'f'},
                           {"help", no_argument, nullptr, 'h'},
                           {"page", required_argument, nullptr, 'p'},
@@ -99,6 +101,9 @@ Options ParseOptions(int argc, char** argv) {
   int found = 0;
   while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
     switch (found) {
+      case 'a':
+        options.allows_scripts = true;
+        break;
       case 'c':
         RefuseUnlessOk("--schemes", options.addresses.SetSchemes(optarg));
         break;

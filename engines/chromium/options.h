@@ -21,6 +21,7 @@ struct Options {
   std::map<std::uint64_t, std::string> pages;  // Addresses by browser.
   EngineCommand engine;
   Addresses addresses;
+  bool allows_scripts = false;  // That hosts run in pages.
 };
 
 // Ends the process instead of returning: with exit code 0 after --help and

@@ -11,6 +11,7 @@
 #include "absl/strings/str_split.h"
 #include "absl/strings/string_view.h"
 
+#include "engines/chromium/bitmap.h"
 #include "engines/chromium/page_script.h"
 #include "engines/chromium/view_geometry.h"
 #include "zimbrel/src/core/common/rpc/printable.h"
@@ -32,19 +33,28 @@ constexpr int kMaxUnansweredMoves = 32;
 // While the focus is being moved, which a page that hangs keeps from ending.
 constexpr std::size_t kMaxHeldInput = 1000;
 
+// A page that hangs answers nothing. Others' commands must still fit in the
+// engine's pipe.
+constexpr int kMaxUnansweredInput = 4000;
+
+// As our script does. The protocol's limit is twice that.
+constexpr int kMaxCursorSide = 128;
+constexpr std::size_t kMaxCursorImages = 64;
+
 constexpr absl::Duration kLookInterval = absl::Milliseconds(100);
 
 // How long the engine may take to draw a new size, and how often to ask again.
 constexpr absl::Duration kPictureTime = absl::Milliseconds(500);
 constexpr int kMaxMissingPictures = 5;
 
-// How much of an address is logged.
-constexpr std::size_t kLoggedBytes = 200;
+// After which a page that has not reacted to input counts as unresponsive.
+constexpr absl::Duration kInputTime = absl::Seconds(5);
 
-constexpr std::size_t kMaxCrashes = 3;
-constexpr absl::Duration kCrashPeriod = absl::Minutes(1);
-constexpr char kCrashPage[] =
-    "data:text/plain,This page keeps crashing and is not loaded again.";
+// Of a script that a host runs.
+constexpr std::uint32_t kUsualScriptMs = 5000;
+constexpr std::uint32_t kMaxScriptMs = 60'000;
+// Beyond that, for the engine to end it.
+constexpr absl::Duration kScriptGrace = absl::Seconds(1);
 
 constexpr std::uint32_t kTabCode = 9;
 constexpr int kShift = 8;  // Of the engine's modifiers.
@@ -57,6 +67,12 @@ BrowserId IdOf(std::uint64_t browser) {
 
 bool IsTab(const rpc::Key& key) {
   return key.key() == "Tab" || key.windows_key_code() == kTabCode;
+}
+
+rpc::Cursor DefaultCursor() {
+  rpc::Cursor cursor;
+  cursor.set_type(rpc::CURSOR_TYPE_DEFAULT);
+  return cursor;
 }
 
 rpc::CursorType CursorOf(const std::string& keyword) {
@@ -99,6 +115,23 @@ std::uint32_t RelevantOf(const std::string& tokens) {
              : rpc::ARIA_RELEVANT_FLAG_ADDITIONS | rpc::ARIA_RELEVANT_FLAG_TEXT;
 }
 
+// Of a script that a host has run.
+rpc::EvaluateResponse OutcomeOf(const Json& answer) {
+  rpc::EvaluateResponse outcome;
+  const Json& thrown = Member(answer, "exceptionDetails");
+  if (thrown.is_null()) {
+    outcome.set_json(PrintJson(Member(Member(answer, "result"), "value")));
+    return outcome;
+  }
+  const std::string& description =
+      Text(Member(thrown, "exception"), "description");
+  const Json& value = Member(Member(thrown, "exception"), "value");
+  outcome.set_exception(!description.empty() ? description
+                        : !value.is_null()   ? PrintJson(value)
+                                             : Text(thrown, "text"));
+  return outcome;
+}
+
 Json OurScript() {
   return {
       {"source", kPageScript}, {"worldName", kWorld}, {"runImmediately", true}};
@@ -113,7 +146,6 @@ Page::Page(const Context& context, std::uint64_t browser, std::string address,
       addresses_(context.addresses),
       browser_(IdOf(browser)),
       service_(service),
-      address_(std::move(address)),
       dialogs_(browser_, service,
                [this](absl::string_view session, absl::string_view method,
                       Json params, orvane::OnAnswer<Json> on_answer) {
@@ -121,10 +153,27 @@ Page::Page(const Context& context, std::uint64_t browser, std::string address,
                                std::move(on_answer));
                }),
       drop_downs_(browser_, service),
-      drags_(browser_, service,
-             [this](Json params) {
-               SendInput("Input.dispatchDragEvent", std::move(params));
-             }),
+      drags_(
+          browser_, service,
+          [this](Json params) {
+            SendInput("Input.dispatchDragEvent", std::move(params));
+          },
+          [this](const std::string& effect, orvane::Task drop) {
+            DropSilently(effect, std::move(drop));
+          }),
+      navigation_(loop_, browser_, std::move(address), addresses_,
+                  context.page_service,
+                  [this](absl::string_view method, Json params,
+                         orvane::OnAnswer<Json> on_answer) {
+                    // A site may take its time to answer.
+                    Send(method, std::move(params), std::move(on_answer),
+                         {.timeout = absl::InfiniteDuration()});
+                  }),
+      downloads_(
+          loop_, browser_, context.downloads, context.page_service,
+          [this](const std::string& guid) {
+            engine_->Call("", "Browser.cancelDownload", {{"guid", guid}});
+          }),
       pictures_(
           loop_, browser_, service,
           [this](std::int64_t number) {
@@ -136,13 +185,14 @@ Page::Page(const Context& context, std::uint64_t browser, std::string address,
               ExpectPicture();
             }
           }) {
+  cursor_ = DefaultCursor();  // Until it is told another one.
   engine_->Add(this);
 }
 
 Page::~Page() { engine_->Remove(this); }
 
 void Page::Send(absl::string_view method, Json params,
-                orvane::OnAnswer<Json> on_answer) {
+                orvane::OnAnswer<Json> on_answer, orvane::CallOptions options) {
   if (!target_.has_value()) return;
   if (!on_answer) {
     engine_->Call(target_->session, method, std::move(params));
@@ -156,7 +206,8 @@ void Page::Send(absl::string_view method, Json params,
         if (alive.expired() || !target_.has_value()) return;
         if (target_->session == session)
           std::move(on_answer)(std::move(answer));
-      });
+      },
+      options);
 }
 
 void Page::Run(absl::string_view script, orvane::OnAnswer<Json> on_answer) {
@@ -200,20 +251,7 @@ void Page::OnTarget(const Target& target) {
   UpdateWindow();
   // A document that is there before the script would not be noticed.
   Send(kAddScript, OurScript(),
-       [this](const absl::StatusOr<Json>&) { Navigate(); });
-}
-
-void Page::Navigate() {
-  Send("Page.navigate", {{"url", address_}},
-       [this](const absl::StatusOr<Json>& answer) {
-         const std::string error = answer.ok() ? Text(*answer, "errorText")
-                                               : answer.status().ToString();
-         if (!error.empty()) {
-           LOG(WARNING) << "browser " << browser_.value() << ": "
-                        << orvane::Printable(address_, kLoggedBytes) << ": "
-                        << orvane::Printable(error);
-         }
-       });
+       [this](const absl::StatusOr<Json>&) { navigation_.Begin(target_->id); });
 }
 
 void Page::StartScreencast() {
@@ -249,11 +287,16 @@ void Page::OnTargetLost() {
   worlds_.clear();
   dialogs_.Reset();
   pictures_.Reset();
+  navigation_.End();
+  downloads_.Reset();
   ForgetDocument();
-  TakeCursor("default");
+  ShowCursor(DefaultCursor());
   is_drawn_ = false;
   is_focus_moving_ = false;
   held_.clear();
+  begin_focus_move_ = nullptr;
+  unanswered_input_ = std::make_shared<int>(0);
+  drags_.Forget();
   newest_move_.reset();
   unanswered_moves_ = 0;
   fingers_ = Fingers();
@@ -263,8 +306,10 @@ void Page::OnTargetLost() {
 }
 
 absl::Status Page::CheckTakesInput() const {
-  if (target_.has_value() && held_.size() < kMaxHeldInput)
+  if (target_.has_value() && held_.size() < kMaxHeldInput &&
+      *unanswered_input_ < kMaxUnansweredInput) {
     return absl::OkStatus();
+  }
   return absl::UnavailableError(absl::StrCat(
       "browser ", browser_.value(), " takes no input now: ",
       target_.has_value() ? "its page does not answer"
@@ -279,7 +324,8 @@ void Page::SetViewport(const widget_server::Viewport& viewport) {
     LiftAll();
     if (std::exchange(is_pointer_inside_, false)) SendMouse(MouseGone());
     ForgetDocument();
-    cursor_.clear();  // The host has gone back to the default by itself.
+    cursor_ =
+        DefaultCursor();  // The host has gone back to the default by itself.
   }
   if (!old.is_accessibility_on && viewport_.is_accessibility_on)
     RunInAll("orvaneAgent.turnAccessibilityOn()");
@@ -305,7 +351,7 @@ void Page::LiftAll() {
               {{"type", "touchCancel"}, {"touchPoints", Json::array()}});
   }
   fingers_ = Fingers();
-  drags_.Leave();
+  drags_.Cancel();
 }
 
 void Page::UpdateScreen() {
@@ -408,8 +454,14 @@ void Page::MoveFocus(orvane::Task begin) {
   if (!target_.has_value() || held_.size() >= kMaxHeldInput) return;
   InOrder([this, begin = std::move(begin)]() mutable {
     is_focus_moving_ = true;
-    std::move(begin)();
+    begin_focus_move_ = std::move(begin);
+    BeginFocusMove();
   });
+}
+
+void Page::BeginFocusMove() {
+  if (begin_focus_move_ && *unanswered_input_ == 0)
+    std::exchange(begin_focus_move_, nullptr)();
 }
 
 void Page::FocusHasMoved() {
@@ -519,8 +571,33 @@ void Page::SendInput(const char* method, Json params,
                      orvane::OnAnswer<Json> on_answer) {
   InOrder([this, method, params = std::move(params),
            on_answer = std::move(on_answer)]() mutable {
-    Send(method, std::move(params), std::move(on_answer));
+    ++*unanswered_input_;
+    Send(method, std::move(params),
+         [this, count = unanswered_input_, on_answer = std::move(on_answer)](
+             absl::StatusOr<Json> answer) mutable {
+           --*count;
+           if (count == unanswered_input_) TakeInputsAnswer(answer.status());
+           if (on_answer) std::move(on_answer)(std::move(answer));
+           BeginFocusMove();
+         },
+         {.timeout = kInputTime});
   });
+}
+
+void Page::TakeInputsAnswer(const absl::Status& status) {
+  // A page that waits for its dialog answers nothing, nor does one that is not
+  // drawn.
+  if (!absl::IsDeadlineExceeded(status) || dialogs_.is_open() || !is_drawn_ ||
+      navigation_.state().is_unresponsive()) {
+    return;
+  }
+  navigation_.SetUnresponsive(true);
+  // Answered as soon as the page responds, or goes.
+  Send("Runtime.evaluate", {{"expression", "0"}},
+       [this](const absl::StatusOr<Json>&) {
+         navigation_.SetUnresponsive(false);
+       },
+       {.timeout = absl::InfiniteDuration()});
 }
 
 // Keys
@@ -559,11 +636,13 @@ void Page::KeyType(const rpc::KeyTypeRequest& event) {
 // The mouse
 
 void Page::MousePress(const rpc::MousePressRequest& event) {
+  pointer_ = event.pointer().position();
   pressed_.insert(event.button());
   SendMouse(MousePressed(event));
 }
 
 void Page::MouseRelease(const rpc::MouseReleaseRequest& event) {
+  pointer_ = event.pointer().position();
   pressed_.erase(event.button());
   SendMouse(MouseReleased(event));
   // The press has given the page the focus, which is the host's to give.
@@ -571,6 +650,7 @@ void Page::MouseRelease(const rpc::MouseReleaseRequest& event) {
 }
 
 void Page::MouseEnter(const rpc::MouseEnterRequest& event) {
+  pointer_ = event.pointer().position();
   is_pointer_inside_ = true;
   SendMove(MouseMoved(event.pointer(), event.input()));
 }
@@ -582,10 +662,12 @@ void Page::MouseExit(const rpc::MouseExitRequest&) {
 }
 
 void Page::MouseDrag(const rpc::MouseDragRequest& event) {
+  pointer_ = event.pointer().position();
   SendMove(MouseMoved(event.pointer(), event.input()));
 }
 
 void Page::MouseMove(const rpc::MouseMoveRequest& event) {
+  pointer_ = event.pointer().position();
   is_pointer_inside_ = true;
   SendMove(MouseMoved(event.pointer(), event.input()));
 }
@@ -657,6 +739,62 @@ void Page::DragLeave(const rpc::DragLeaveRequest&) { drags_.Leave(); }
 
 void Page::DragDrop(const rpc::DragDropRequest& event) { drags_.Drop(event); }
 
+void Page::DragEnd(const rpc::DragEndRequest& event) {
+  pressed_.clear();  // It counts as the release.
+  drags_.End(event);
+}
+
+void Page::DropSilently(const std::string& effect, orvane::Task drop) {
+  Run(absl::StrCat("orvaneAgent.takeDrops('", effect, "')"),
+      [this, drop = std::move(drop)](const absl::StatusOr<Json>&) mutable {
+        std::move(drop)();
+        // Counts as input, so that it comes after the drop.
+        MoveFocus([this] {
+          Run("orvaneAgent.takeDrops(null)",
+              [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+        });
+      });
+}
+
+// The page service
+
+absl::Status Page::Go(absl::FunctionRef<absl::Status(Navigation&)> where) {
+  // With a dialog open, the page would never follow.
+  dialogs_.Decline();
+  return where(navigation_);
+}
+
+void Page::Evaluate(const rpc::EvaluateRequest& request,
+                    orvane::OnAnswer<rpc::EvaluateResponse> on_answer) {
+  if (!target_.has_value()) {
+    loop_->Post([on_answer = std::move(on_answer)]() mutable {
+      std::move(on_answer)(absl::UnavailableError("there is no page now"));
+    });
+    return;
+  }
+  const std::uint32_t time_ms =
+      request.timeout_ms() == 0 ? kUsualScriptMs
+                                : std::min(request.timeout_ms(), kMaxScriptMs);
+  engine_->Call(
+      target_->session, "Runtime.evaluate",
+      {{"expression", std::string(request.script())},
+       {"returnByValue", true},
+       {"awaitPromise", true},
+       {"timeout", time_ms}},
+      [time_ms, on_answer = std::move(on_answer)](
+          const absl::StatusOr<Json>& answer) mutable {
+        if (absl::IsDeadlineExceeded(answer.status())) {
+          std::move(on_answer)(absl::DeadlineExceededError(absl::StrCat(
+              "the script has not ended within ", time_ms, " ms")));
+        } else if (!answer.ok()) {
+          std::move(on_answer)(answer.status());
+        } else {
+          std::move(on_answer)(OutcomeOf(*answer));
+        }
+      },
+      {.timeout = absl::Milliseconds(time_ms) + kScriptGrace});
+}
+
 // What the engine tells
 
 void Page::OnEvent(EngineEvent event) {
@@ -664,6 +802,10 @@ void Page::OnEvent(EngineEvent event) {
   const bool is_main = event.session == target_->session;
   const Json& params = event.params;
   dialogs_.OnEvent(event);
+  if (is_main) {
+    navigation_.OnEvent(event);
+    downloads_.OnEvent(event);
+  }
   if (event.method == "Page.screencastFrame") {
     if (!is_main) return;
     pictures_.Take(std::move(event));
@@ -698,9 +840,11 @@ void Page::OnEvent(EngineEvent event) {
   } else if (event.method == "Page.frameNavigated") {
     const Json& frame = Member(params, "frame");
     if (Text(frame, "id") != target_->id) return;
-    if (addresses_->Check(Text(frame, "url")).ok())
-      address_ = Text(frame, "url");
     ForgetDocument();
+    drags_.Forget();
+    // The new document does not answer for the old one's input.
+    unanswered_input_ = std::make_shared<int>(0);
+    BeginFocusMove();
   } else if (event.method == "Target.attachedToTarget") {
     engine_->AddSession(Text(params, "sessionId"), this);
     SetUpSession(Text(params, "sessionId"));
@@ -715,13 +859,7 @@ void Page::OnEvent(EngineEvent event) {
   } else if (event.method == "Fetch.requestPaused") {
     CheckRequest(event);
   } else if (event.method == "Input.dragIntercepted") {
-    // The page takes no more clicks until its drag has come to an end.
-    for (const char* const type : {"dragEnter", "dragCancel"}) {
-      Send("Input.dispatchDragEvent", {{"type", type},
-                                       {"x", 0},
-                                       {"y", 0},
-                                       {"data", Member(params, "data")}});
-    }
+    drags_.Begin(Member(params, "data"), pointer_);
   }
 }
 
@@ -745,21 +883,14 @@ void Page::Recover() {
   worlds_.clear();
   is_focus_moving_ = false;
   held_.clear();
+  begin_focus_move_ = nullptr;
+  unanswered_input_ = std::make_shared<int>(0);
+  drags_.Forget();
   dialogs_.Reset();
   pictures_.ForgetShown();
   ForgetDocument();
-  TakeCursor("default");
-  const absl::Time now = absl::Now();
-  while (!crashes_.empty() && crashes_.front() < now - kCrashPeriod)
-    crashes_.pop_front();
-  crashes_.push_back(now);
-  LOG(WARNING) << "browser " << browser_.value() << ": its page has crashed: "
-               << orvane::Printable(address_, kLoggedBytes);
-  if (crashes_.size() > kMaxCrashes) {
-    Send("Page.navigate", {{"url", kCrashPage}});
-  } else {
-    Send("Page.reload");
-  }
+  ShowCursor(DefaultCursor());
+  navigation_.Recover();
 }
 
 void Page::TakeReport(const World& world, const Json& report) {
@@ -772,28 +903,83 @@ void Page::TakeReport(const World& world, const Json& report) {
   }
   if (kind == "cursor") {
     pointed_at_ = world;
-    TakeCursor(Text(report, "cursor"));
+    TakeCursor(world, report);
   } else if (kind == "tooltip") {
     TakeTooltip(report);
   } else if (kind == "list") {
     TakeList(world, report);
   } else if (kind == "listGone") {
     drop_downs_.Close();
+  } else if (kind == "color") {
+    TakeColorWish(world, found->second.frame, report);
   } else if (kind == "drag") {
     drags_.TakeEffect(Text(report, "effect"));
   } else if (kind == "live") {
     TakeLiveRegion(found->second.number, report);
   } else if (kind == "focus") {
     TakeAccessibleFocus(report);
+  } else if (kind == "title" && found->second.frame == target_->id) {
+    navigation_.TakeTitle(report);
+  } else if (kind == "icon" && found->second.frame == target_->id) {
+    navigation_.TakeIcon(report);
   }
 }
 
-void Page::TakeCursor(const std::string& keyword) {
-  if (cursor_ == keyword || (cursor_.empty() && keyword == "default")) return;
-  cursor_ = keyword;
+void Page::TakeCursor(const World& world, const Json& report) {
+  wanted_cursor_ = report;
+  rpc::Cursor cursor;
+  cursor.set_type(CursorOf(Text(report, "cursor")));
+  const auto image =
+      static_cast<std::int64_t>(std::clamp(Number(report, "image"), 0.0, 1e6));
+  const auto document = worlds_.find(world);
+  if (image != 0 && document != worlds_.end()) {
+    const auto found = cursor_images_.find({document->second.number, image});
+    if (found == cursor_images_.end()) {
+      FetchCursorImage(world, image);
+    } else {
+      const rpc::Bitmap& bitmap = found->second;
+      cursor.set_type(rpc::CURSOR_TYPE_CUSTOM);
+      *cursor.mutable_custom()->mutable_image() = bitmap;
+      rpc::PointPx& hotspot = *cursor.mutable_custom()->mutable_hotspot();
+      hotspot.set_x(static_cast<int>(
+          std::clamp(Number(report, "x"), 0.0, bitmap.size().width() - 1.0)));
+      hotspot.set_y(static_cast<int>(
+          std::clamp(Number(report, "y"), 0.0, bitmap.size().height() - 1.0)));
+    }
+  }
+  ShowCursor(cursor);
+}
+
+void Page::FetchCursorImage(const World& world, std::int64_t image) {
+  if (std::exchange(is_fetching_cursor_, true)) return;
+  engine_->Call(
+      world.session, "Runtime.evaluate",
+      {{"expression", absl::StrCat("orvaneAgent.cursorImage(", image, ")")},
+       {"contextId", world.context},
+       {"returnByValue", true}},
+      [this, world, image, alive = std::weak_ptr<bool>(alive_)](
+          const absl::StatusOr<Json>& answer) {
+        if (alive.expired()) return;
+        is_fetching_cursor_ = false;
+        const auto document = worlds_.find(world);
+        if (!answer.ok() || document == worlds_.end()) return;
+        auto bitmap = BitmapOf(Member(Member(*answer, "result"), "value"),
+                               kMaxCursorSide);
+        if (!bitmap.has_value()) return;
+        if (cursor_images_.size() >= kMaxCursorImages) cursor_images_.clear();
+        cursor_images_.insert_or_assign({document->second.number, image},
+                                        *std::move(bitmap));
+        if (is_pointer_inside_ && pointed_at_ == world)
+          TakeCursor(world, Json(wanted_cursor_));
+      });
+}
+
+void Page::ShowCursor(const rpc::Cursor& cursor) {
+  if (cursor.SerializeAsString() == cursor_.SerializeAsString()) return;
+  cursor_ = cursor;
   rpc::CursorChanged event;
   *event.mutable_browser_id() = browser_;
-  event.mutable_cursor()->set_type(CursorOf(keyword));
+  *event.mutable_cursor() = cursor;
   service_->WhenCursorChanged()(browser_, event);
 }
 
@@ -839,6 +1025,22 @@ void Page::TakeList(const World& world, const Json& report) {
           absl::StrCat("orvaneAgent.chooseFromList(", list, ", ",
                        index.has_value() ? absl::StrCat(*index) : "null", ")"));
   });
+}
+
+void Page::TakeColorWish(const World& world, const std::string& frame,
+                         const Json& report) {
+  const auto wish =
+      static_cast<std::int64_t>(std::clamp(Number(report, "color"), 0.0, 1e9));
+  dialogs_.AskForColor(
+      frame, report,
+      [this, world, wish](const std::optional<std::string>& color) {
+        if (!worlds_.contains(world)) return;
+        RunIn(world,
+              absl::StrCat(
+                  "orvaneAgent.chooseColor(", wish, ", ",
+                  color.has_value() ? absl::StrCat("'", *color, "'") : "null",
+                  ")"));
+      });
 }
 
 void Page::TakeLiveRegion(std::uint64_t document, const Json& report) {

@@ -12,22 +12,27 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <utility>
 
+#include "absl/functional/function_ref.h"
 #include "absl/status/status.h"
 #include "absl/strings/string_view.h"
 #include "absl/time/time.h"
 
 #include "engines/chromium/addresses.h"
 #include "engines/chromium/dialogs.h"
+#include "engines/chromium/downloads.h"
 #include "engines/chromium/drags.h"
 #include "engines/chromium/drop_downs.h"
 #include "engines/chromium/engine.h"
 #include "engines/chromium/engine_pipe.h"
 #include "engines/chromium/input_commands.h"
 #include "engines/chromium/json.h"
+#include "engines/chromium/navigation.h"
 #include "engines/chromium/picture_sender.h"
 #include "examples/widget_server/abstract_page.h"
 #include "rpc/browser/browser_widget.rpc.h"
+#include "rpc/browser/page.rpc.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 
 namespace chromium {
@@ -38,7 +43,7 @@ namespace chromium {
 // The page lives in a target of the engine's, which may be lost and made anew
 // at any time. What the host has set is kept here and set again.
 //
-// Thread: the service thread. Lifetime: loop, engine, addresses and service
+// Thread: the service thread. Lifetime: loop, engine, addresses and services
 // outlive the page.
 class Page final : public widget_server::AbstractPage, public Engine::Client {
  public:
@@ -46,6 +51,8 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
     orvane::EventLoop* loop;
     Engine* engine;
     const Addresses* addresses;
+    rpc::PageRpc* page_service;  // For events and calls.
+    std::string downloads;       // The folder that the engine downloads into.
   };
 
   // `address` must be allowed.
@@ -75,6 +82,16 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void DragOver(const rpc::DragOverRequest& event) override;
   void DragLeave(const rpc::DragLeaveRequest& event) override;
   void DragDrop(const rpc::DragDropRequest& event) override;
+  void DragEnd(const rpc::DragEndRequest& event) override;
+  bool HasBegunDrag() const override { return drags_.has_begun_in_page(); }
+
+  // From the host, by the page service.
+  //
+  // Tells the page where to go.
+  absl::Status Go(absl::FunctionRef<absl::Status(Navigation&)> where);
+  void Evaluate(const rpc::EvaluateRequest& request,
+                orvane::OnAnswer<rpc::EvaluateResponse> on_answer);
+  const Navigation& navigation() const { return navigation_; }
 
   // From the engine.
   void OnTarget(const Target& target) override;
@@ -87,6 +104,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
     std::string session;
     std::int64_t context = 0;
 
+    bool operator==(const World& other) const = default;
     bool operator<(const World& other) const {
       return std::tie(session, context) <
              std::tie(other.session, other.context);
@@ -101,9 +119,9 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   // Sends a command to the target. Does nothing, and drops the continuation,
   // without a target; drops it also if the target is gone by the reply.
   void Send(absl::string_view method, Json params = Json::object(),
-            orvane::OnAnswer<Json> on_answer = nullptr);
+            orvane::OnAnswer<Json> on_answer = nullptr,
+            orvane::CallOptions options = {.timeout = absl::Seconds(10)});
   void SetUpSession(const std::string& session);
-  void Navigate();
   void StartScreencast();
 
   // Run a script in our world of one document or of all.
@@ -122,9 +140,11 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void ExpectPicture();
   void LiftAll();
 
-  // The focus. Each move takes some time, in which the host's input waits: the
-  // engine lets keys overtake the scripts that move the focus.
+  // The focus. The engine lets input and the scripts that move the focus
+  // overtake each other, so a move begins when the page has got the input that
+  // came before, and the input that comes after waits for its end.
   void MoveFocus(orvane::Task begin);
+  void BeginFocusMove();
   void FocusHasMoved();
   void EnterPage();
   void EnterPageByTab(int modifiers);
@@ -141,13 +161,19 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void SendMouse(Json command);
   void SendMove(Json command);
   void SendNewestMove();
+  void DropSilently(const std::string& effect, orvane::Task drop);
+  void TakeInputsAnswer(const absl::Status& status);
 
   // What the engine tells.
   void TakeReport(const World& world, const Json& report);
-  void TakeCursor(const std::string& keyword);
+  void TakeCursor(const World& world, const Json& report);
+  void FetchCursorImage(const World& world, std::int64_t image);
+  void ShowCursor(const rpc::Cursor& cursor);
   void TakeTooltip(const Json& report);
   void HideTooltip();
   void TakeList(const World& world, const Json& report);
+  void TakeColorWish(const World& world, const std::string& frame,
+                     const Json& report);
   void TakeLiveRegion(std::uint64_t document, const Json& report);
   void TakeAccessibleFocus(const Json& report);
   void ForgetDocument();  // What the page showed is gone.
@@ -166,10 +192,8 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
 
   // Where the page is.
   std::optional<Target> target_;
-  std::string address_;  // Of what it shows, or is to show.
   std::map<World, Document> worlds_;
   std::uint64_t last_document_ = 0;
-  std::deque<absl::Time> crashes_;  // The latest.
 
   // What the engine was told last of the view.
   bool is_drawn_ = false;
@@ -178,24 +202,35 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   int missing_pictures_ = 0;  // In a row.
 
   bool is_focus_moving_ = false;
-  std::deque<orvane::Task> held_;  // Input that waits for that.
+  orvane::Task begin_focus_move_;  // Null once it has begun.
+  std::deque<orvane::Task> held_;  // Input that waits for its end.
+  // Sent to the present document. Shared with the continuations.
+  std::shared_ptr<int> unanswered_input_ = std::make_shared<int>(0);
   int unanswered_moves_ = 0;
   std::optional<Json> newest_move_;  // That waits for the others' answers.
   bool is_pointer_inside_ = false;
+  rpc::PointDip pointer_;  // Where it was last.
   Fingers fingers_;
   std::set<rpc::MouseButton> pressed_;
   bool is_focus_offered_ = false;
   bool is_accessible_focus_offered_ = false;
 
-  std::string cursor_;
+  rpc::Cursor cursor_;  // That the host shows.
+  // What the cursor is to be, and the images that it has had: by document and
+  // number there.
+  Json wanted_cursor_;
+  bool is_fetching_cursor_ = false;  // A page can ask faster than that.
+  std::map<std::pair<std::uint64_t, std::int64_t>, rpc::Bitmap> cursor_images_;
   std::string tooltip_;  // Empty if none is shown.
-  World pointed_at_;  // Whose document had the pointer last.
+  World pointed_at_;     // Whose document had the pointer last.
   std::unique_ptr<orvane::EventLoop::Timer> look_timer_;
 
   const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   Dialogs dialogs_;
   DropDowns drop_downs_;
   Drags drags_;
+  Navigation navigation_;
+  Downloads downloads_;
   PictureSender pictures_;
 };
 

@@ -20,9 +20,11 @@
 #include "engines/chromium/engine_fixture.h"
 #include "engines/chromium/json.h"
 #include "engines/chromium/page.h"
+#include "engines/chromium/page_service.h"
 #include "examples/widget_server/widget_service.h"
 #include "rpc/browser/browser_widget.client.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/testing/text.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
@@ -129,6 +131,7 @@ class PageFixture : public ::testing::Test {
   }
 
   orvane::EventLoop loop_;
+  const orvane::testing::TemporaryFolder downloads_;
   std::unique_ptr<ScriptedEngine> scripted_;
   std::optional<orvane::OwnedDescriptor> launched_;
   int launches_ = 0;
@@ -137,13 +140,17 @@ class PageFixture : public ::testing::Test {
                    return LaunchedEngine{nullptr, std::move(*launched_)};
                  }};
   const Addresses addresses_;
+  PageService page_service_{/*allows_scripts=*/true};
   widget_server::WidgetService service_{
       {1}, [this](std::uint64_t browser, rpc::BrowserWidgetRpc* service) {
-        return std::make_shared<Page>(
-            Page::Context{&loop_, &engine_, &addresses_}, browser,
-            "https://first.example/", service);
+        auto page = std::make_shared<Page>(
+            Page::Context{&loop_, &engine_, &addresses_, &page_service_,
+                          downloads_.path()},
+            browser, "https://first.example/", service);
+        page_service_.Add(browser, page.get());
+        return page;
       }};
-  orvane::SocketServer server_{&loop_, &service_};
+  orvane::SocketServer server_{&loop_, {&service_, &page_service_}};
   std::unique_ptr<orvane::SocketClient> connection_;
   std::optional<rpc::BrowserWidgetRpcClient> host_;
   BrowserId browser_;

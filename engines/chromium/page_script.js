@@ -72,20 +72,68 @@
     return isOverText(element) ? "text" : "default";
   };
 
+  // The pixels of an image, straight and in base64, scaled to be no larger.
+  const pixelsOf = async (address, maxSide, mayShrink) => {
+    const image = new Image();
+    image.crossOrigin = "anonymous";  // Else its pixels could not be read.
+    image.src = address;
+    await image.decode();
+    const longest = Math.max(image.naturalWidth, image.naturalHeight);
+    if (longest > maxSide && !mayShrink) throw new Error("too large");
+    const scale = Math.min(1, maxSide / longest);
+    const width = Math.max(1, Math.round(image.naturalWidth * scale));
+    const height = Math.max(1, Math.round(image.naturalHeight * scale));
+    const canvas = new OffscreenCanvas(width, height).getContext("2d");
+    canvas.drawImage(image, 0, 0, width, height);
+    const { data } = canvas.getImageData(0, 0, width, height);
+    let pixels = "";
+    for (let i = 0; i < data.length; i += 8192)
+      pixels += String.fromCharCode(...data.subarray(i, i + 8192));
+    return { width, height, pixels: btoa(pixels) };
+  };
+
+  // Images of cursors: by address, their number; by number, the image or null.
+  const kMaxCursorSide = 128;
+  const kMaxCursorImages = 64;
+  const cursorNumbers = new Map();
+  const cursorImages = [null];
+
+  // The number of the image, 0 without one. "url("a") 1 2, url("b"), pointer":
+  // the first one counts, or else the keyword at the end.
+  const cursorImage = (value) => {
+    const parts = /^url\("((?:[^"\\]|\\.)*)"\)(?: ([\d.]+) ([\d.]+))?,/.exec(value);
+    if (!parts) return { image: 0 };
+    const address = parts[1].replace(/\\(.)/g, "$1");
+    const hotspot = { x: Number(parts[2] ?? 0), y: Number(parts[3] ?? 0) };
+    if (!cursorNumbers.has(address)) {
+      if (cursorImages.length > kMaxCursorImages) return { image: 0 };
+      const number = cursorImages.push(null) - 1;
+      cursorNumbers.set(address, number);
+      pixelsOf(address, kMaxCursorSide, false).then((image) => {
+        cursorImages[number] = image;
+        orvaneAgent.look();
+      }, () => {});  // The keyword stays.
+    }
+    const image = cursorNumbers.get(address);
+    return cursorImages[image] ? { image, ...hotspot } : { image: 0 };
+  };
+
   const look = (element) => {
     let cursor = "default";
+    let image = { image: 0 };
     let tooltip = "";
     let anchor = null;
     if (element) {
-      // "url(a) 1 1, url(b), pointer": the keyword is the last.
-      cursor = getComputedStyle(element).cursor.split(",").at(-1).trim();
+      const value = getComputedStyle(element).cursor;
+      image = cursorImage(value);
+      cursor = value.slice(value.lastIndexOf(",") + 1).trim();
       if (cursor === "auto") cursor = resolveAuto(element);
       anchor = closest(element, "[title]");
       const svg = element.closest("svg")?.querySelector(":scope > title");
       tooltip = anchor ? anchor.title ?? "" : svg?.textContent ?? "";
     }
     hasTooltip = tooltip !== "";
-    report({ kind: "cursor", cursor: cut(cursor) });
+    report({ kind: "cursor", cursor: cut(cursor), ...image });
     report({
       kind: "tooltip", text: cut(tooltip),
       direction: element ? getComputedStyle(element).direction : "ltr",
@@ -210,10 +258,58 @@
     showList(select);
   }, true);
 
+  // Choosers ------------------------------------------------------------------
+
+  // The engine's own are in no picture, as its lists are not. Colours are the
+  // host's to choose; dates and times can be typed.
+  let openColor = null;  // { id, input }
+  let lastColor = 0;
+
+  const hasChooser = (element) =>
+    element?.matches("input[type=date], input[type=time], input[type=month], " +
+                     "input[type=week], input[type=datetime-local]");
+
+  const askForColor = (input) => {
+    if (input.disabled) return;
+    openColor = { id: ++lastColor, input };
+    report({
+      kind: "color", color: openColor.id, value: cut(input.value),
+      suggested: [...input.list?.options ?? []].slice(0, 100).map(
+        (option) => cut(option.value)) });
+  };
+
+  addEventListener("click", (event) => {
+    const element = innermost(event);
+    if (hasChooser(element)) event.preventDefault();
+    if (!element?.matches("input[type=color]")) return;
+    event.preventDefault();
+    askForColor(element);
+  }, true);
+
+  addEventListener("keydown", (event) => {
+    if (!hasChooser(innermost(event))) return;
+    const opens = event.key === " " || event.key === "F4" ||
+                  (event.altKey && event.key === "ArrowDown");
+    if (opens) event.preventDefault();
+  }, true);
+
   // Drags ---------------------------------------------------------------------
+
+  // A drop on another target is told to the page by one of its own, which it
+  // must not see. The effect, or null.
+  let takenEffect = null;
+  for (const type of ["dragenter", "dragover", "dragleave", "drop"]) {
+    addEventListener(type, (event) => {
+      if (!takenEffect) return;
+      event.preventDefault();
+      event.stopImmediatePropagation();
+      event.dataTransfer.dropEffect = takenEffect;
+    }, true);
+  }
 
   // What a drop would do is known once all of the page's listeners have run.
   addEventListener("dragover", (event) => {
+    if (takenEffect) return;
     const target = innermost(event);
     setTimeout(() => {
       const types = event.dataTransfer.types;
@@ -286,9 +382,61 @@
       announce(region, text, isRemoval);
   };
 
+  // The title and the icon, of the main frame ---------------------------------
+
+  const kMaxIconSide = 64;
+  let title = "";
+  let icon = null;          // The address of the one that was reported last.
+  let isIconLoading = false;
+
+  const iconAddress = () => {
+    const link = [...document.querySelectorAll("link[rel~=icon i]")].at(-1);
+    if (link?.href) return link.href;
+    return /^https?:$/.test(location.protocol)
+             ? new URL("/favicon.ico", location).href : "";
+  };
+
+  const reportIcon = async () => {
+    if (isIconLoading || document.readyState !== "complete") return;
+    const address = iconAddress();
+    if (address === icon) return;
+    icon = address;
+    isIconLoading = true;
+    try {
+      report({ kind: "icon", ...await pixelsOf(address, kMaxIconSide, true) });
+    } catch {
+      report({ kind: "icon" });  // There is none that can be read.
+    }
+    isIconLoading = false;
+    reportIcon();  // It may be another one by now.
+  };
+
+  const reportTitle = () => {
+    if (document.title === title) return;
+    title = document.title;
+    report({ kind: "title", title: cut(title) });
+  };
+
+  const watchHead = () => {
+    reportTitle();
+    new MutationObserver(() => {
+      reportTitle();
+      reportIcon();
+    }).observe(document.head ?? document, {
+      attributes: true, characterData: true, childList: true, subtree: true });
+  };
+
+  if (window === window.top) {
+    if (document.readyState === "loading")
+      addEventListener("DOMContentLoaded", watchHead, { once: true });
+    else watchHead();
+    addEventListener("load", reportIcon, { once: true });
+  }
+
   // What the widget calls -----------------------------------------------------
 
   globalThis.orvaneAgent = {
+    takeDrops(effect) { takenEffect = effect; },
     drawList(list) {
       if (openList?.id !== list) return;
       const { select } = openList;
@@ -314,6 +462,17 @@
       for (const type of ["input", "change"])
         select.dispatchEvent(new Event(type, { bubbles: true }));
     },
+    // Null: none was chosen.
+    chooseColor(color, value) {
+      if (openColor?.id !== color) return;
+      const { input } = openColor;
+      openColor = null;
+      if (value === null || input.value === value) return;
+      input.value = value;
+      for (const type of ["input", "change"])
+        input.dispatchEvent(new Event(type, { bubbles: true }));
+    },
+    cursorImage(number) { return cursorImages[number] ?? null; },
     turnAccessibilityOn() {
       if (liveObserver) return;
       addEventListener("focusin", (event) => {

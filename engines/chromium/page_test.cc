@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "absl/status/status.h"
+#include "absl/strings/escaping.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
@@ -43,6 +44,12 @@ class PageTest : public testing::PageFixture {
     }
     scripted_->SendMessage(reply);
     scripted_->Settle();
+  }
+
+  void Click() {
+    const std::string button = "button: MOUSE_BUTTON_PRIMARY click_count: 1";
+    Input<rpc::MousePressRequest>(&Client::ForwardMousePress, button);
+    Input<rpc::MouseReleaseRequest>(&Client::ForwardMouseRelease, button);
   }
 
   std::vector<Json> Bounds() {
@@ -322,6 +329,36 @@ TEST_F(PageTest, APageThatDoesNotLetGoIsSentNoTab) {
   EXPECT_THAT(scripted_->Params("Input.dispatchKeyEvent"), IsEmpty());
 }
 
+TEST_F(PageTest, TheFocusLeavesOnceThePageHasGotTheClick) {
+  Attach();
+  TellOfDocument();
+  Show();
+  scripted_->ForgetCommands();
+  scripted_->NeverReplyTo("Input.dispatchMouseEvent");
+  Click();
+  ASSERT_THAT(Scripts(), IsEmpty());
+  for (const Json& command : scripted_->commands()) {
+    scripted_->SendMessage(
+        {{"id", Member(command, "id")}, {"result", Json::object()}});
+  }
+  scripted_->Settle();
+  EXPECT_THAT(Scripts(),
+              ElementsAre("orvaneAgent.leave()", "orvaneAgent.left()"));
+}
+
+TEST_F(PageTest, TheFocusDoesNotWaitForADocumentThatIsGone) {
+  Attach();
+  TellOfDocument();
+  Show();
+  scripted_->ForgetCommands();
+  scripted_->NeverReplyTo("Input.dispatchMouseEvent");
+  Click();
+  Tell("Page.frameNavigated",
+       {{"frame", {{"id", "target"}, {"url", "https://next.example/"}}}});
+  EXPECT_THAT(Scripts(),
+              ElementsAre("orvaneAgent.leave()", "orvaneAgent.left()"));
+}
+
 TEST_F(PageTest, ATabOutOfThePageAsksTheHostToTakeTheFocus) {
   Attach();
   TellOfDocument();
@@ -469,12 +506,107 @@ TEST_F(PageTest, OfMovesThatAHungPageDoesNotTakeTheNewestWaits) {
   EXPECT_EQ(Text(sent[33], "type"), "mousePressed");
 }
 
-TEST_F(PageTest, ADragOfThePagesIsEndedAtOnce) {
-  Tell("Input.dragIntercepted", {{"data", {{"items", Json::array()}}}});
-  std::vector<std::string> types;
-  for (const Json& params : scripted_->Params("Input.dispatchDragEvent"))
-    types.push_back(Text(params, "type"));
-  EXPECT_THAT(types, ElementsAre("dragEnter", "dragCancel"));
+class PageDragTest : public PageTest {
+ protected:
+  PageDragTest() {
+    Attach();
+    TellOfDocument();
+    Input<rpc::MousePressRequest>(
+        &Client::ForwardMousePress,
+        "button: MOUSE_BUTTON_PRIMARY click_count: 1 "
+        "pointer { position { x: 7 y: 8 } buttons: 1 }");
+  }
+  void Watch() {
+    watching_ = host_->WhenDragCursorUpdated(
+        browser_, [this](const rpc::DragCursorUpdated& event) {
+          told_.push_back(event);
+        });
+    loop_.RunUntilIdle();
+  }
+  void BeginDrag() {
+    scripted_->ForgetCommands();
+    Tell("Input.dragIntercepted",
+         {{"data", {{"items", Json::array()}, {"dragOperationsMask", 17}}}});
+  }
+  std::vector<std::string> Sent() {
+    std::vector<std::string> types;
+    for (const Json& params : scripted_->Params("Input.dispatchDragEvent"))
+      types.push_back(Text(params, "type"));
+    scripted_->ForgetCommands();
+    return types;
+  }
+
+  std::unique_ptr<orvane::ClientStream> watching_;
+  std::vector<rpc::DragCursorUpdated> told_;
+};
+
+TEST_F(PageDragTest, OneThatNoHostWillDragIsEndedAtOnce) {
+  BeginDrag();
+  EXPECT_THAT(Sent(), ElementsAre("dragEnter", "dragOver", "dragCancel"));
+  // The host learns that there is none.
+  const Blocking<rpc::DragEndRequest> end = &Client::ForwardDragEnd;
+  EXPECT_FALSE(Call<rpc::DragEndRequest>(end).ok());
+}
+
+TEST_F(PageDragTest, OneIsTheHostsToDrag) {
+  Watch();
+  BeginDrag();
+  const Json enter = scripted_->Params("Input.dispatchDragEvent")[0];
+  EXPECT_EQ(Number(enter, "x"), 7);
+  EXPECT_EQ(Number(enter, "y"), 8);
+  EXPECT_THAT(Sent(), ElementsAre("dragEnter", "dragOver"));
+  ASSERT_THAT(told_, SizeIs(1));
+  EXPECT_TRUE(told_[0].began_in_page());
+  Report({{"kind", "drag"}, {"effect", "move"}});
+  ASSERT_THAT(told_, SizeIs(2));
+  EXPECT_TRUE(told_[1].began_in_page());
+  EXPECT_EQ(told_[1].operation(), rpc::DRAG_OPERATION_MOVE);
+  Input<rpc::DragOverRequest>(&Client::ForwardDragOver, "");
+  EXPECT_THAT(Sent(), ElementsAre("dragOver", "dragOver"));
+  Input<rpc::DragLeaveRequest>(&Client::ForwardDragLeave, "");
+  EXPECT_THAT(Sent(), ElementsAre("dragOver"));
+  Input<rpc::DragEnterRequest>(&Client::ForwardDragEnter, "");
+  EXPECT_THAT(Sent(), ElementsAre("dragEnter", "dragOver"));
+}
+
+TEST_F(PageDragTest, OneThatIsDroppedInThePageHasEnded) {
+  Watch();
+  BeginDrag();
+  Sent();
+  Input<rpc::DragDropRequest>(&Client::ForwardDragDrop, "");
+  EXPECT_THAT(Sent(), ElementsAre("drop"));
+  Input<rpc::DragEndRequest>(&Client::ForwardDragEnd,
+                             "operation: DRAG_OPERATION_MOVE");
+  EXPECT_THAT(Sent(), IsEmpty());
+}
+
+TEST_F(PageDragTest, OneThatIsDroppedNowhereIsCancelled) {
+  Watch();
+  BeginDrag();
+  Sent();
+  Input<rpc::DragEndRequest>(&Client::ForwardDragEnd, "");
+  EXPECT_THAT(Sent(), ElementsAre("dragCancel"));
+}
+
+TEST_F(PageDragTest, OfOneThatIsDroppedElsewhereThePageLearnsTheOperation) {
+  Watch();
+  BeginDrag();
+  Input<rpc::DragLeaveRequest>(&Client::ForwardDragLeave, "");
+  Sent();
+  Input<rpc::DragEndRequest>(&Client::ForwardDragEnd,
+                             "operation: DRAG_OPERATION_MOVE");
+  EXPECT_THAT(Scripts(), ElementsAre("orvaneAgent.takeDrops('move')",
+                                     "orvaneAgent.takeDrops(null)"));
+  EXPECT_THAT(Sent(), ElementsAre("dragEnter", "dragOver", "drop"));
+}
+
+TEST_F(PageDragTest, OneGoesWithItsView) {
+  Watch();
+  BeginDrag();
+  Sent();
+  EXPECT_TRUE(host_->Detach(browser_).ok());
+  scripted_->Settle();
+  EXPECT_THAT(Sent(), ElementsAre("dragOver", "dragCancel"));
 }
 
 // Cursor and tooltip
@@ -498,6 +630,47 @@ class PageReportsTest : public PageTest {
       host_->WhenTooltipChanged(
           browser_, [this](const auto& event) { tooltips_.push_back(event); });
 };
+
+TEST_F(PageReportsTest, AnImageIsACursorOnceItIsThere) {
+  std::vector<rpc::CursorChanged> events;
+  cursor_stream_ = host_->WhenCursorChanged(
+      browser_,
+      [&](const rpc::CursorChanged& event) { events.push_back(event); });
+  loop_.RunUntilIdle();
+  scripted_->ReplyTo(
+      "Runtime.evaluate",
+      {{"result",
+        {{"value",
+          {{"width", 2},
+           {"height", 1},
+           {"pixels", absl::Base64Escape(std::string("\xff\x00\x00\x80"
+                                                     "\x00\x00\x00\x00",
+                                                     8))}}}}}});
+  Report({{"kind", "cursor"},
+          {"cursor", "pointer"},
+          {"image", 3},
+          {"x", 5},
+          {"y", -1}});
+  ASSERT_THAT(events, SizeIs(2));
+  EXPECT_EQ(events[0].cursor().type(), rpc::CURSOR_TYPE_POINTER);
+  EXPECT_EQ(events[1].cursor().type(), rpc::CURSOR_TYPE_CUSTOM);
+  const rpc::CustomCursor& custom = events[1].cursor().custom();
+  EXPECT_EQ(custom.image().size().width(), 2);
+  EXPECT_EQ(custom.image().pixels().substr(0, 4),
+            std::string("\x80\x00\x00\x80", 4));
+  EXPECT_EQ(custom.hotspot().x(), 1);  // Inside the image.
+  EXPECT_EQ(custom.hotspot().y(), 0);
+  // It is fetched once.
+  scripted_->ForgetCommands();
+  Report({{"kind", "cursor"}, {"cursor", "pointer"}, {"image", 3}});
+  EXPECT_THAT(Scripts(), IsEmpty());
+}
+
+TEST_F(PageReportsTest, AnImageThatIsNoneLeavesTheKeyword) {
+  scripted_->ReplyTo("Runtime.evaluate", {{"result", {{"value", nullptr}}}});
+  Report({{"kind", "cursor"}, {"cursor", "pointer"}, {"image", 3}});
+  EXPECT_THAT(cursors_, ElementsAre(rpc::CURSOR_TYPE_POINTER));
+}
 
 TEST_F(PageReportsTest, EveryKeywordIsACursor) {
   Report({{"kind", "cursor"}, {"cursor", "pointer"}});

@@ -1,6 +1,4 @@
-// Whole sessions: the program with the system's engine, driven by a host
-// through its socket. Pages say what they saw in live regions, which reach the
-// host as events.
+// Whole sessions: what the host does, and what the page sees of it.
 
 #include <poll.h>
 #include <signal.h>
@@ -8,257 +6,34 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <functional>
+#include <iterator>
 #include <memory>
-#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "absl/status/status.h"
-#include "absl/strings/ascii.h"
 #include "absl/strings/str_cat.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "engines/chromium/engine_process.h"
-#include "host/pixels.h"
-#include "rpc/browser/browser_widget.client.h"
-#include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/testing/child_process.h"
-#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
-#include "zimbrel/src/core/common/rpc/testing/text.h"
-#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "engines/chromium/real_engine_fixture.h"
+#include "zimbrel/src/core/common/rpc/owned_descriptor.h"
 
+namespace chromium {
 namespace {
 
 using ::orvane::host::Picture;
-using ::orvane::testing::ChildProcess;
+using testing::AddressOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using testing::kBegin;
 using ::testing::Not;
+using testing::Stream;
 using ::testing::UnorderedElementsAre;
-using Client = rpc::BrowserWidgetRpcClient;
-using Stream = std::unique_ptr<orvane::ClientStream>;
 
-// A page as an address.
-std::string AddressOf(const std::string& html) {
-  std::string address = "data:text/html;charset=utf-8,";
-  for (const char byte : html) {
-    if (absl::ascii_isalnum(static_cast<unsigned char>(byte))) {
-      address += byte;
-    } else {
-      absl::StrAppend(
-          &address, "%",
-          absl::Hex(static_cast<unsigned char>(byte), absl::kZeroPad2));
-    }
-  }
-  return address;
-}
-
-// What each page begins with: no margins, and a way to tell the test something.
-constexpr char kBegin[] =
-    "<!DOCTYPE html><body style='margin:0;background:rgb(0,128,0)'>"
-    "<script>const tell = (text) => {"
-    "  const region = document.createElement('div');"
-    "  region.setAttribute('aria-live', 'polite');"
-    "  region.style.display = 'none';"
-    "  region.textContent = text;"
-    "  document.documentElement.append(region); };"
-    "const tellOf = (type, what) =>"
-    "  addEventListener(type, (event) => tell(what(event)));</script>";
-
-// Browser 1 at 320 x 200 DIPs, shown.
-class RealEngineTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const std::string engine = chromium::EngineCommand().path;
-    if (!std::filesystem::exists(engine)) {
-      GTEST_SKIP() << "no engine at " << engine
-                   << "; install chromium-headless-shell";
-    }
-  }
-
-  void Open(const std::string& body, std::vector<std::string> options = {}) {
-    OpenAddress(AddressOf(kBegin + body), std::move(options));
-    // Before the page there is an empty one, which is white.
-    AwaitPicture(
-        [this](const Picture&) { return PixelAt(0, 199) != 0xffffff; });
-  }
-
-  void OpenAddress(const std::string& address,
-                   std::vector<std::string> options = {}) {
-    const std::string socket = folder_.path() + "/widget.sock";
-    std::vector<std::string> command = {ORVANE_CHROMIUM, "--socket=" + socket,
-                                        "--page=1=" + address};
-    command.insert(command.end(), options.begin(), options.end());
-    server_ = std::make_unique<ChildProcess>(std::move(command));
-    ASSERT_EQ(server_->ReadLine(), "orvane-chromium listens at " + socket);
-    auto connected = orvane::SocketClient::Connect(&loop_, socket);
-    ASSERT_TRUE(connected.ok()) << connected.status();
-    connection_ = *std::move(connected);
-    widget_.emplace(connection_.get());
-    browser_.set_value(1);
-    ServeDialogs();
-    ServeSurfaces();
-    reports_ = widget_->WhenAriaLiveRegionChanged(
-        browser_, [this](const rpc::AriaLiveRegionChanged& event) {
-          told_.emplace_back(event.text());
-        });
-    auto attach = New<rpc::AttachRequest>();
-    attach.mutable_bounds()->set_width(320);
-    attach.mutable_bounds()->set_height(200);
-    ASSERT_TRUE(widget_->Attach(attach).ok());
-    ASSERT_TRUE(widget_->GetAccessibilityToken(browser_).ok());
-    ASSERT_TRUE(widget_->Show(browser_).ok());
-  }
-
-  template <typename Request>
-  Request New(const std::string& text = "") const {
-    auto request = orvane::testing::Parsed<Request>(text);
-    *request.mutable_browser_id() = browser_;
-    return request;
-  }
-
-  // Answers dialogs as the test says.
-  void ServeDialogs() {
-    dialogs_ = widget_->OnCreateWebDialog(
-        browser_, [this](const rpc::CreateWebDialogCall& call,
-                         orvane::Responder<rpc::CreateWebDialog> responder) {
-          asked_.push_back(call);
-          EXPECT_TRUE(std::move(responder).Respond(answer_).ok());
-        });
-  }
-
-  // Presents every picture and keeps the latest.
-  void ServeSurfaces() {
-    surfaces_ = widget_->OnUpdateSurface(
-        browser_, [this](const rpc::UpdateSurfaceCall& call,
-                         orvane::Responder<rpc::UpdateSurface> responder) {
-          EXPECT_EQ(picture_.Update(call.frame()), absl::OkStatus());
-          frame_ = call.frame();
-          rpc::UpdateSurfaceResponse answer;
-          answer.mutable_receipt()->set_frame_id(call.frame().frame_id());
-          answer.mutable_receipt()->set_outcome(rpc::FRAME_OUTCOME_PRESENTED);
-          EXPECT_TRUE(std::move(responder).Respond(answer).ok());
-        });
-  }
-
-  // Waits for a picture of which that is true.
-  void AwaitPicture(const std::function<bool(const Picture&)>& is_right) {
-    loop_.RunUntil([&] { return !picture_.is_empty() && is_right(picture_); });
-  }
-  std::uint32_t PixelAt(std::size_t x, std::size_t y) const {
-    const auto width = static_cast<std::size_t>(picture_.width());
-    const auto bgra = picture_.pixels().subspan(4 * (y * width + x), 4);
-    return static_cast<std::uint32_t>(bgra[2] << 16 | bgra[1] << 8 | bgra[0]);
-  }
-  void AwaitColor(std::size_t x, std::size_t y, std::uint32_t rgb) {
-    AwaitPicture([&](const Picture&) { return PixelAt(x, y) == rgb; });
-  }
-
-  // Waits until the page has told something; returns it.
-  std::string Told() {
-    loop_.RunUntil([this] { return !told_.empty(); });
-    std::string text = told_.front();
-    told_.erase(told_.begin());
-    return text;
-  }
-
-  // Waits until it has told this, whatever it tells before.
-  void AwaitTold(const std::string& text) {
-    while (Told() != text) {
-    }
-  }
-
-  std::string At(int x, int y, const std::string& more = "") const {
-    return absl::StrCat("pointer { position { x: ", x, " y: ", y, " } ", more,
-                        " } ");
-  }
-  void Move(int x, int y) {
-    EXPECT_TRUE(
-        widget_->ForwardMouseMove(New<rpc::MouseMoveRequest>(At(x, y))).ok());
-  }
-  void Click(int x, int y) {
-    const std::string button = "button: MOUSE_BUTTON_PRIMARY click_count: 1";
-    EXPECT_TRUE(widget_
-                    ->ForwardMousePress(New<rpc::MousePressRequest>(
-                        At(x, y, "buttons: 1") + button))
-                    .ok());
-    EXPECT_TRUE(widget_
-                    ->ForwardMouseRelease(
-                        New<rpc::MouseReleaseRequest>(At(x, y) + button))
-                    .ok());
-  }
-  void Focus(const std::string& reason) {
-    EXPECT_TRUE(
-        widget_->Focus(New<rpc::FocusRequest>("reason: FOCUS_REASON_" + reason))
-            .ok());
-  }
-  void Press(const std::string& key) {
-    EXPECT_TRUE(
-        widget_
-            ->ForwardKeyPress(New<rpc::KeyPressRequest>("key { " + key + " }"))
-            .ok());
-  }
-  void Release(const std::string& key) {
-    EXPECT_TRUE(widget_
-                    ->ForwardKeyRelease(
-                        New<rpc::KeyReleaseRequest>("key { " + key + " }"))
-                    .ok());
-  }
-  void Type(const std::string& text, const std::string& more = "") {
-    EXPECT_TRUE(widget_
-                    ->ForwardKeyType(New<rpc::KeyTypeRequest>(
-                        absl::StrCat("text: '", text, "' ", more)))
-                    .ok());
-  }
-
-  // As nobody, if this is root.
-  void LetTheEngineReadFiles() {
-    ::chmod(files_.path().c_str(), 0755);
-    for (const auto& entry :
-         std::filesystem::recursive_directory_iterator(files_.path())) {
-      std::filesystem::permissions(entry, std::filesystem::perms(0755));
-    }
-  }
-
-  // The engine, a child of the program's.
-  pid_t EnginePid() const {
-    const std::string pid = absl::StrCat(ServerPid());
-    std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
-    pid_t child = 0;
-    children >> child;
-    return child;
-  }
-  pid_t ServerPid() const {
-    const std::string self = absl::StrCat(::getpid());
-    std::ifstream children("/proc/" + self + "/task/" + self + "/children");
-    pid_t child = 0;
-    children >> child;
-    return child;
-  }
-
-  orvane::EventLoop loop_;
-  const orvane::testing::TemporaryFolder folder_;  // Of the socket.
-  const orvane::testing::TemporaryFolder files_;
-  std::unique_ptr<ChildProcess> server_;
-  std::unique_ptr<orvane::SocketClient> connection_;
-  std::optional<Client> widget_;
-  BrowserId browser_;
-  Stream reports_;
-  Stream dialogs_;
-  Stream surfaces_;
-  std::vector<std::string> told_;
-  std::vector<rpc::CreateWebDialogCall> asked_;
-  rpc::CreateWebDialogResponse answer_;  // To what is asked.
-  Picture picture_;
-  rpc::PixelFrame frame_;
-};
+class RealEngineTest : public testing::RealEngineFixture {};
 
 // Pictures
 
@@ -487,6 +262,31 @@ TEST_F(RealEngineTest, CursorAndTooltipFollowThePointer) {
   EXPECT_THAT(tips, ElementsAre("A tip", ""));
 }
 
+TEST_F(RealEngineTest, ACursorCanBeAnImage) {
+  const std::string image = AddressOf(
+      "<svg xmlns='http://www.w3.org/2000/svg' width='4' height='2'>"
+      "<rect width='4' height='2' fill='red'/></svg>",
+      "image/svg+xml");
+  Open("<div style='width:100px;height:100px;cursor:url(" + image +
+       ") 3 1, help'></div>");
+  std::vector<rpc::Cursor> cursors;
+  const Stream watching = widget_->WhenCursorChanged(
+      browser_, [&](const rpc::CursorChanged& event) {
+        cursors.push_back(event.cursor());
+      });
+  Move(50, 50);
+  loop_.RunUntil([&] {
+    return !cursors.empty() && cursors.back().type() == rpc::CURSOR_TYPE_CUSTOM;
+  });
+  const rpc::CustomCursor& custom = cursors.back().custom();
+  EXPECT_EQ(custom.image().size().width(), 4);
+  EXPECT_EQ(custom.image().size().height(), 2);
+  EXPECT_EQ(custom.hotspot().x(), 3);
+  EXPECT_EQ(custom.hotspot().y(), 1);
+  EXPECT_EQ(custom.image().pixels().substr(0, 4),
+            std::string("\xff\x00\x00\xff", 4));
+}
+
 // Drop-downs
 
 constexpr char kSelect[] =
@@ -563,6 +363,68 @@ TEST_F(RealEngineTest, WhatIsDroppedReachesThePage) {
   EXPECT_EQ(Told(), "hello");
 }
 
+TEST_F(RealEngineTest, ADragOfThePagesIsDraggedByTheHost) {
+  Open(
+      "<div id=s draggable=true style='width:50px;height:50px'></div>"
+      "<div id=t style='position:absolute;left:100px;top:100px;width:50px;"
+      "height:50px'></div><script>"
+      "s.ondragstart = (e) => e.dataTransfer.setData('text/plain', 'mine');"
+      "s.ondragend = (e) => tell('end ' + e.dataTransfer.dropEffect);"
+      "t.ondragover = (e) => { e.preventDefault();"
+      "  e.dataTransfer.dropEffect = 'copy'; };"
+      "t.ondrop = (e) => { e.preventDefault();"
+      "  tell('drop ' + e.dataTransfer.getData('text/plain')); };"
+      "onclick = () => tell('click');</script>");
+  std::vector<rpc::DragCursorUpdated> updates;
+  const Stream watching = widget_->WhenDragCursorUpdated(
+      browser_,
+      [&](const rpc::DragCursorUpdated& event) { updates.push_back(event); });
+  const auto drag = [&] {
+    updates.clear();
+    EXPECT_TRUE(widget_
+                    ->ForwardMousePress(New<rpc::MousePressRequest>(
+                        At(20, 20, "buttons: 1") +
+                        "button: MOUSE_BUTTON_PRIMARY click_count: 1"))
+                    .ok());
+    // Until it is one: the engine wants some movement.
+    for (int x = 22; updates.empty(); x = x == 40 ? 22 : x + 2) {
+      EXPECT_TRUE(widget_
+                      ->ForwardMouseDrag(
+                          New<rpc::MouseDragRequest>(At(x, 20, "buttons: 1")))
+                      .ok());
+    }
+    EXPECT_TRUE(updates[0].began_in_page());
+  };
+  drag();
+  ASSERT_TRUE(widget_
+                  ->ForwardDragOver(New<rpc::DragOverRequest>(
+                      "allowed_operations: 19 position { x: 120 y: 120 }"))
+                  .ok());
+  loop_.RunUntil(
+      [&] { return updates.back().operation() == rpc::DRAG_OPERATION_COPY; });
+  ASSERT_TRUE(widget_
+                  ->ForwardDragDrop(
+                      New<rpc::DragDropRequest>("position { x: 120 y: 120 }"))
+                  .ok());
+  ASSERT_TRUE(widget_
+                  ->ForwardDragEnd(New<rpc::DragEndRequest>(
+                      "operation: DRAG_OPERATION_COPY"))
+                  .ok());
+  EXPECT_EQ(Told(), "drop mine");
+  EXPECT_EQ(Told(), "end copy");
+  // What another program does with it.
+  drag();
+  ASSERT_TRUE(widget_->ForwardDragLeave(New<rpc::DragLeaveRequest>()).ok());
+  ASSERT_TRUE(widget_
+                  ->ForwardDragEnd(New<rpc::DragEndRequest>(
+                      "operation: DRAG_OPERATION_MOVE"))
+                  .ok());
+  EXPECT_EQ(Told(), "end move");
+  // And the page takes clicks again.
+  Click(60, 60);
+  EXPECT_EQ(Told(), "click");
+}
+
 // Accessibility
 
 TEST_F(RealEngineTest, LiveRegionsAndTheFocusAreTold) {
@@ -633,6 +495,18 @@ TEST_F(RealEngineTest, AFileDialogThatIsDeclinedIsCancelled) {
   EXPECT_EQ(Told(), "cancelled");
 }
 
+TEST_F(RealEngineTest, AColourIsChosenByTheHost) {
+  Open(
+      "<input type=color value='#102030' oninput='tell(this.value)'"
+      " style='width:100px;height:40px'>");
+  answer_.set_accepted(true);
+  answer_.set_color_rgb(0x0a0b0c);
+  Click(20, 20);
+  EXPECT_EQ(Told(), "#0a0b0c");
+  ASSERT_EQ(asked_.size(), 1u);
+  EXPECT_EQ(asked_[0].color().initial_color_rgb(), 0x102030u);
+}
+
 // Addresses
 
 TEST_F(RealEngineTest, FilesAreSeenOnlyBelowTheirFolder) {
@@ -660,6 +534,29 @@ TEST_F(RealEngineTest, FilesAreSeenOnlyBelowTheirFolder) {
   EXPECT_THAT(
       (std::vector{first, Told()}),
       UnorderedElementsAre("inside.svg loaded", "../outside.svg refused"));
+}
+
+// A recorded session
+
+TEST_F(RealEngineTest, PlaysTheRecordedSession) {
+  std::filesystem::copy_file(EXAMPLES "/pages/order.html",
+                             files_.path() + "/order.html");
+  LetTheEngineReadFiles();
+  Start("file://" + files_.path() + "/order.html",
+        {"--files=" + files_.path()});
+  // Input for a page that is not there yet would be lost.
+  std::string title;
+  const Stream watching =
+      pages_->WhenPageChanged(browser_, [&](const rpc::PageChanged& event) {
+        title = std::string(event.state().title());
+      });
+  title = std::string(pages_->GetPage(browser_)->title());
+  loop_.RunUntil([&] { return title == "Order tea"; });
+  const auto played =
+      orvane::testing::ChildProcess({WIDGETCTL, "--socket=" + socket(), "run",
+                                     EXAMPLES "/pages/order.session"})
+          .Wait();
+  EXPECT_EQ(played.exit_code, 0) << played.output << played.errors;
 }
 
 // Failures
@@ -700,3 +597,4 @@ TEST_F(RealEngineTest, TheEngineIsSandboxedAndNeverRoot) {
 }
 
 }  // namespace
+}  // namespace chromium
