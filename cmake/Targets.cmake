@@ -204,7 +204,7 @@ function(orvane_check_every_test_is_registered)
   get_property(registered GLOBAL PROPERTY ORVANE_TEST_SOURCES)
   file(GLOB_RECURSE on_disk CONFIGURE_DEPENDS
     "${PROJECT_SOURCE_DIR}/zimbrel/*_test.cc" "${PROJECT_SOURCE_DIR}/gen/*_test.cc"
-    "${PROJECT_SOURCE_DIR}/host/*_test.cc"
+    "${PROJECT_SOURCE_DIR}/host/*_test.cc" "${PROJECT_SOURCE_DIR}/engines/*_test.cc"
     "${PROJECT_SOURCE_DIR}/examples/*_test.cc" "${PROJECT_SOURCE_DIR}/tools/*_test.cc"
     "${PROJECT_SOURCE_DIR}/benchmarks/*_test.cc" "${PROJECT_SOURCE_DIR}/docs/*_test.cc"
     "${PROJECT_SOURCE_DIR}/scripts/*_test.cc")

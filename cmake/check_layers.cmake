@@ -32,7 +32,7 @@ function(allow folder)
   endforeach()
 endfunction()
 
-set(ours "zimbrel|rpc|orvane|host|examples|tools|gen|benchmarks|fuzz|docs|building")
+set(ours "zimbrel|rpc|orvane|host|engines|examples|tools|gen|benchmarks|fuzz|docs|building")
 
 set(rpc "zimbrel/src/core/common/rpc")
 set(logging "zimbrel/src/core/common/logging/[a-z_]+\\.h")
@@ -77,7 +77,8 @@ allow(host "host/[a-z_]+\\.h" "rpc/browser/browser_widget\\.client\\.h" "${contr
 
 # Programs, which include only public headers of the runtime; their tests may
 # include more.
-allow(examples ${api})
+allow(engines/chromium "engines/chromium/[a-z_]+\\.h" "host/[a-z_]+\\.h" "examples/widget_server/[a-z0-9_]+\\.h" ${api})
+allow(examples "host/[a-z_]+\\.h" ${api})
 allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples/host "examples/host/[a-z_]+\\.h" "host/[a-z_]+\\.h" ${api})
 allow(examples/stranger ${api})

@@ -86,7 +86,7 @@ void TryResponse(const ServiceDescriptor& service, const std::string& method,
 
 void TrySession(const ServiceDescriptor& service, std::string_view text) {
   const auto steps = widgetctl::LoadSession(
-      service, absl::string_view(text.data(), text.size()));
+      {&service}, absl::string_view(text.data(), text.size()));
   if (!steps.ok()) return ExpectWords(steps.status());
   int line = 0;
   for (const widgetctl::SessionStep& step : *steps) {

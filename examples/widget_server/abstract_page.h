@@ -53,8 +53,12 @@ class AbstractPage {
   virtual rpc::AccessibilityToken root_node() const { return {}; }
 
   // Whether a press of the primary button there begins a drag once the pointer
-  // moves. A page that finds out later says so by other means.
+  // moves.
   virtual bool IsDraggableAt(const rpc::PointDip&) const { return false; }
+
+  // For a page that finds that out by itself: whether a drag of its own is in
+  // progress. Asked before each input.
+  virtual bool HasBegunDrag() const { return false; }
 
   // Comes before the operation for the event that changed the viewport, and
   // whenever it may have changed.

@@ -90,10 +90,14 @@ absl::Status Input::MouseDrag(const rpc::MouseDragRequest& event) {
   }
   if (is_draggable_pressed_) {
     is_draggable_pressed_ = false;  // No release follows.
-    is_drag_over_ = true;
-    has_drag_begun_in_page_ = true;
+    BeginDragInPage();
   }
   return absl::OkStatus();
+}
+
+void Input::BeginDragInPage() {
+  if (std::exchange(has_drag_begun_in_page_, true)) return;
+  is_drag_over_ = true;
 }
 
 absl::Status Input::MouseMove(const rpc::MouseMoveRequest&) {

@@ -62,6 +62,8 @@ class Input {
   absl::Status DragDrop(const rpc::DragDropRequest& event);
   absl::Status DragEnd(const rpc::DragEndRequest& event);
 
+  // The page has begun a drag by itself. Does nothing if that is known.
+  void BeginDragInPage();
   bool has_drag_begun_in_page() const { return has_drag_begun_in_page_; }
 
  private:

@@ -89,7 +89,9 @@ absl::StatusOr<Input*> Widget::input() {
   if (!view.ok()) return view.status();
   if (absl::Status status = page_->CheckTakesInput(); !status.ok())
     return status;
-  return &(*view)->input();
+  Input& input = (*view)->input();
+  if (page_->HasBegunDrag()) input.BeginDragInPage();
+  return &input;
 }
 
 absl::Status Widget::AssignHostWindow(

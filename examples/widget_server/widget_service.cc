@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <numeric>
 #include <string>
+#include <utility>
 
 #include "absl/strings/str_cat.h"
 #include "absl/strings/str_join.h"
@@ -21,6 +22,18 @@ std::vector<std::uint64_t> NumbersTo(int last) {
 
 }  // namespace
 
+absl::Status NoSuchBrowser(std::uint64_t browser,
+                           std::vector<std::uint64_t> browsers) {
+  const std::uint64_t last = browsers.back();
+  browsers.pop_back();
+  return absl::NotFoundError(absl::StrCat(
+      "browser ", browser, " does not exist; there ",
+      browsers.empty()
+          ? "is only "
+          : absl::StrCat("are ", absl::StrJoin(browsers, ", "), " and "),
+      last));
+}
+
 WidgetService::WidgetService(int browsers)
     : WidgetService(NumbersTo(browsers),
                     [](std::uint64_t browser, rpc::BrowserWidgetRpc* service) {
@@ -37,16 +50,9 @@ absl::StatusOr<Widget*> WidgetService::FindWidget(const BrowserId& browser_id) {
   const auto found = widgets_.find(browser_id.value());
   if (found != widgets_.end()) return &found->second;
 
-  std::vector<std::uint64_t> others;
-  for (const auto& [browser, widget] : widgets_) others.push_back(browser);
-  const std::uint64_t last = others.back();
-  others.pop_back();
-  return absl::NotFoundError(absl::StrCat(
-      "browser ", browser_id.value(), " does not exist; there ",
-      others.empty()
-          ? "is only "
-          : absl::StrCat("are ", absl::StrJoin(others, ", "), " and "),
-      last));
+  std::vector<std::uint64_t> browsers;
+  for (const auto& [browser, widget] : widgets_) browsers.push_back(browser);
+  return NoSuchBrowser(browser_id.value(), std::move(browsers));
 }
 
 void WidgetService::ServeWidget(Controller* controller,

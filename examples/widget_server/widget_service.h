@@ -19,6 +19,11 @@
 
 namespace widget_server {
 
+// The error for a call about a browser that is not one of `browsers`, which it
+// names. There is at least one.
+absl::Status NoSuchBrowser(std::uint64_t browser,
+                           std::vector<std::uint64_t> browsers);
+
 // Passes each call to its widget and answers it before the handler returns,
 // with the widget's result or its error. The widget's page reacts after the
 // reply, so events and calls caused by a call arrive after its reply.

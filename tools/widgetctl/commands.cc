@@ -16,6 +16,7 @@
 #include "tools/widgetctl/describe.h"
 #include "tools/widgetctl/documented.h"
 #include "tools/widgetctl/json.h"
+#include "tools/widgetctl/methods.h"
 #include "tools/widgetctl/session.h"
 #include "tools/widgetctl/session_runner.h"
 #include "tools/widgetctl/stream_commands.h"
@@ -49,19 +50,18 @@ absl::StatusOr<std::string> ReadAll(const std::string& path) {
 }
 
 ExitCode List(const Options& options, const std::vector<std::string>&) {
-  std::cout << ListMethods(*options.service);
+  std::cout << ListMethods(*options.services.front());
   return kOk;
 }
 
 ExitCode Describe(const Options& options,
                   const std::vector<std::string>& name) {
-  const google::protobuf::ServiceDescriptor& service =
-      WithComments(*options.service);
   if (name.empty()) {
-    std::cout << DescribeService(service);
+    std::cout << DescribeService(WithComments(*options.services.front()));
     return kOk;
   }
-  const absl::StatusOr<std::string> text = DescribeNamed(service, name[0]);
+  const absl::StatusOr<std::string> text = DescribeNamed(
+      WithComments(ServiceWithMethod(options.services, name[0])), name[0]);
   if (!text.ok()) return Fail(kUsage, text.status().message());
   std::cout << *text;
   return kOk;
@@ -75,7 +75,7 @@ ExitCode Call(const Options& options,
   if (*json == "-") json = ReadAll("-");
   if (!json.ok()) return Fail(kUsage, json.status().message());
   const absl::StatusOr<UnaryCall> call =
-      PrepareCall(*options.service, method, *json);
+      PrepareCall(ServiceWithMethod(options.services, method), method, *json);
   if (!call.ok()) return Fail(kUsage, call.status().message());
 
   EventLoop loop;
@@ -97,7 +97,7 @@ ExitCode Run(const Options& options, const std::vector<std::string>& file) {
   const absl::StatusOr<std::string> text = ReadAll(path);
   if (!text.ok()) return Fail(kUsage, text.status().message());
   const absl::StatusOr<std::vector<SessionStep>> session =
-      LoadSession(*options.service, *text);
+      LoadSession(options.services, *text);
   if (!session.ok()) {
     return Fail(kUsage, absl::StrCat(path == "-" ? "stdin" : path, ", ",
                                      session.status().message()));
@@ -117,7 +117,7 @@ ExitCode Run(const Options& options, const std::vector<std::string>& file) {
 constexpr Command kCommands[] = {
     {"list", "", "", 0, 0, "lists the methods of the service",
      "One method a line: index, name, kind, request -> response. Needs no "
-     "server.\n",
+     "server. With --service, lists those of another service.\n",
      &List},
     {"describe", "[METHOD|MESSAGE|ENUM]", "", 0, 1,
      "explains methods and types",

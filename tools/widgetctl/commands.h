@@ -29,8 +29,9 @@ enum ExitCode : int {
 ExitCode Fail(ExitCode code, absl::string_view why);
 
 struct Options {
-  // The service to describe and call; in the generated pool.
-  const google::protobuf::ServiceDescriptor* service;
+  // The services to describe and call, at least one; in the generated pool. A
+  // command is about the one that has its method, else about the first.
+  std::vector<const google::protobuf::ServiceDescriptor*> services;
   std::string socket = orvane::DefaultSocketPath("widget");
   absl::Duration timeout = absl::Seconds(5);  // Of each wait; above 0.
 

@@ -14,10 +14,12 @@
 #include "absl/strings/numbers.h"
 #include "absl/strings/str_cat.h"
 #include "absl/strings/str_format.h"
+#include "absl/strings/str_join.h"
 #include "absl/strings/string_view.h"
 #include "absl/time/time.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
+#include "rpc/browser/page.rpc.h"
 #include "tools/widgetctl/commands.h"
 #include "tools/widgetctl/methods.h"
 #include "zimbrel/src/core/common/rpc/version.h"
@@ -41,6 +43,13 @@ std::string Help(const Options& defaults) {
       "                     (default ",
       defaults.socket,
       ")\n"
+      "  --service NAME     a service that the widget serves: ",
+      absl::StrJoin(defaults.services, " or\n                     ",
+                    [](std::string* out, const auto* service) {
+                      absl::StrAppend(out, service->name());
+                    }),
+      "\n"
+      "                     (default: the one that has the method)\n"
       "  --timeout SECONDS  wait at most this long for an answer, for what a\n"
       "                     session expects and for --count, such as 0.5\n"
       "                     (default ",
@@ -83,6 +92,14 @@ bool ParseTimeout(const char* text, absl::Duration* timeout) {
   }
   *timeout = absl::Seconds(seconds);
   return *timeout > absl::ZeroDuration();
+}
+
+// By its name, with or without its package.
+bool ChooseService(absl::string_view name, Options* options) {
+  std::erase_if(options->services, [&](const auto* service) {
+    return service->name() != name && service->full_name() != name;
+  });
+  return !options->services.empty();
 }
 
 bool ParseCount(const char* text, std::optional<int>* count) {
@@ -132,6 +149,7 @@ ExitCode RunCommand(const Options& options, const std::string& name,
 
 ExitCode Main(int argc, char** argv) {
   const option known[] = {{"socket", required_argument, nullptr, 's'},
+                          {"service", required_argument, nullptr, 'S'},
                           {"timeout", required_argument, nullptr, 't'},
                           {"count", required_argument, nullptr, 'n'},
                           {"reply", required_argument, nullptr, 'r'},
@@ -140,7 +158,8 @@ ExitCode Main(int argc, char** argv) {
                           {"help", no_argument, nullptr, 'h'},
                           {"version", no_argument, nullptr, 'v'},
                           {}};
-  const Options defaults{rpc::BrowserWidgetRpc::descriptor()};
+  const Options defaults{
+      {rpc::BrowserWidgetRpc::descriptor(), rpc::PageRpc::descriptor()}};
   Options options = defaults;
   bool wants_help = false;
   int found = 0;
@@ -148,6 +167,11 @@ ExitCode Main(int argc, char** argv) {
     switch (found) {
       case 's':
         options.socket = optarg;
+        break;
+      case 'S':
+        if (!ChooseService(optarg, &options)) {
+          return RefuseUsage(absl::StrCat("--service: there is no ", optarg));
+        }
         break;
       case 't':
         if (!ParseTimeout(optarg, &options.timeout)) {

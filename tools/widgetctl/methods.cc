@@ -55,6 +55,16 @@ absl::string_view KindName(const MethodDescriptor& method) {
   return Name(*orvane::KindOf(method));
 }
 
+const ServiceDescriptor& ServiceWithMethod(
+    absl::Span<const ServiceDescriptor* const> services,
+    absl::string_view method) {
+  for (const ServiceDescriptor* const service : services) {
+    if (service->FindMethodByName(std::string(method)) != nullptr)
+      return *service;
+  }
+  return *services.front();
+}
+
 absl::StatusOr<const MethodDescriptor*> FindMethod(
     const ServiceDescriptor& service, absl::string_view name) {
   const MethodDescriptor* const method =

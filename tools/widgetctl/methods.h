@@ -8,6 +8,7 @@
 
 #include "absl/status/statusor.h"
 #include "absl/strings/string_view.h"
+#include "absl/types/span.h"
 #include "google/protobuf/descriptor.h"
 
 #include "zimbrel/src/core/common/rpc/method_kind.h"
@@ -17,6 +18,12 @@ namespace widgetctl {
 // "unary", "event stream" or "callback stream". `method` is one of a generated
 // service.
 absl::string_view KindName(const google::protobuf::MethodDescriptor& method);
+
+// The first of `services`, at least one, that has such a method; if none has,
+// the first of all.
+const google::protobuf::ServiceDescriptor& ServiceWithMethod(
+    absl::Span<const google::protobuf::ServiceDescriptor* const> services,
+    absl::string_view method);
 
 // kNotFound, with the nearest names, if the service has no such method. Names
 // are case-sensitive.

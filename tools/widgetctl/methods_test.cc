@@ -5,6 +5,7 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
+#include "rpc/browser/page.rpc.h"
 #include "zimbrel/src/core/common/rpc/method_kind.h"
 
 namespace widgetctl {
@@ -22,6 +23,19 @@ TEST(KindName, TellsTheThreeKindsApart) {
             "event stream");
   EXPECT_EQ(KindName(*Service().FindMethodByName("OnTakeFocus")),
             "callback stream");
+}
+
+TEST(ServiceWithMethod, IsTheOneThatHasIt) {
+  const google::protobuf::ServiceDescriptor* const services[] = {
+      &Service(), rpc::PageRpc::descriptor()};
+  EXPECT_EQ(ServiceWithMethod(services, "Show").name(), "BrowserWidgetRpc");
+  EXPECT_EQ(ServiceWithMethod(services, "GoBack").name(), "PageRpc");
+}
+
+TEST(ServiceWithMethod, IsTheFirstIfNoneHasIt) {
+  const google::protobuf::ServiceDescriptor* const services[] = {
+      rpc::PageRpc::descriptor(), &Service()};
+  EXPECT_EQ(ServiceWithMethod(services, "Shwo").name(), "PageRpc");
 }
 
 TEST(FindMethod, FindsAMethodByItsName) {

@@ -157,14 +157,28 @@ class Loader {
   std::set<const MethodDescriptor*> opened_methods_;
 };
 
+// Empty if there are only remarks.
+std::string FirstMethod(const std::vector<SessionLine>& lines) {
+  for (const SessionLine& line : lines) {
+    if (const auto* const call = std::get_if<RecordedCall>(&line.content))
+      return call->method;
+    if (const auto* const serve = std::get_if<RecordedServe>(&line.content))
+      return serve->call.method;
+    if (const auto* const step = std::get_if<RecordedStep>(&line.content))
+      return step->method;
+  }
+  return "";
+}
+
 }  // namespace
 
 absl::StatusOr<std::vector<SessionStep>> LoadSession(
-    const ServiceDescriptor& service, absl::string_view text) {
+    absl::Span<const ServiceDescriptor* const> services,
+    absl::string_view text) {
   const absl::StatusOr<std::vector<SessionLine>> lines = ParseSession(text);
   if (!lines.ok()) return lines.status();
   std::vector<SessionStep> steps;
-  Loader loader(service);
+  Loader loader(ServiceWithMethod(services, FirstMethod(*lines)));
   for (const SessionLine& line : *lines) {
     absl::StatusOr<SessionStep> step = loader.Load(line);
     if (!step.ok()) return step.status();

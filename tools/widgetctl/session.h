@@ -10,6 +10,7 @@
 
 #include "absl/status/statusor.h"
 #include "absl/strings/string_view.h"
+#include "absl/types/span.h"
 #include "google/protobuf/descriptor.h"
 #include "google/protobuf/message.h"
 
@@ -54,9 +55,11 @@ struct SessionStep {
 // so that a session with a mistake does nothing at all. It is an error to open
 // a stream that is open, to end one that is not, and to expect an event or a
 // call of a method that was not watched or served before. An error names its
-// line.
+// line. A session is about one service: that of `services` which has its first
+// method.
 absl::StatusOr<std::vector<SessionStep>> LoadSession(
-    const google::protobuf::ServiceDescriptor& service, absl::string_view text);
+    absl::Span<const google::protobuf::ServiceDescriptor* const> services,
+    absl::string_view text);
 
 }  // namespace widgetctl
 

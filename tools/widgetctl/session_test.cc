@@ -18,7 +18,7 @@ using ::testing::SizeIs;
 using ::testing::StartsWith;
 
 absl::StatusOr<std::vector<SessionStep>> Load(absl::string_view text) {
-  return LoadSession(*rpc::BrowserWidgetRpc::descriptor(), text);
+  return LoadSession({rpc::BrowserWidgetRpc::descriptor()}, text);
 }
 
 std::string Complaint(absl::string_view text) {

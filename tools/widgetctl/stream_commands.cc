@@ -18,6 +18,7 @@
 
 #include "tools/widgetctl/call.h"
 #include "tools/widgetctl/json.h"
+#include "tools/widgetctl/methods.h"
 #include "tools/widgetctl/shell_command.h"
 #include "tools/widgetctl/streams.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
@@ -180,7 +181,8 @@ class CommandAnswers {
 ExitCode Watch(const Options& options,
                const std::vector<std::string>& method_and_key) {
   const absl::StatusOr<Subscription> watch =
-      PrepareWatch(*options.service, method_and_key[0], method_and_key[1]);
+      PrepareWatch(ServiceWithMethod(options.services, method_and_key[0]),
+                   method_and_key[0], method_and_key[1]);
   if (!watch.ok()) return Fail(kUsage, watch.status().message());
 
   EventLoop loop;
@@ -202,7 +204,8 @@ ExitCode Watch(const Options& options,
 ExitCode Serve(const Options& options,
                const std::vector<std::string>& method_and_key) {
   const absl::StatusOr<Subscription> serve =
-      PrepareServe(*options.service, method_and_key[0], method_and_key[1]);
+      PrepareServe(ServiceWithMethod(options.services, method_and_key[0]),
+                   method_and_key[0], method_and_key[1]);
   if (!serve.ok()) return Fail(kUsage, serve.status().message());
   if (const absl::Status checked = CheckThereIsOneAnswer(options);
       !checked.ok()) {

@@ -94,6 +94,26 @@ TEST_F(WidgetctlTest, ListNeedsNoServer) {
               Succeeds(ContainsRegex("^ 0  Focus .*\n")));
 }
 
+TEST_F(WidgetctlTest, AServiceIsChosenByItsName) {
+  EXPECT_THAT(Widgetctl({"--service", "PageRpc", "list"}),
+              Succeeds(ContainsRegex("^ 0  Load .*\n")));
+  EXPECT_THAT(Widgetctl({"--service", "rpc.PageRpc", "list"}),
+              Succeeds(ContainsRegex("^ 0  Load .*\n")));
+  EXPECT_THAT(
+      Widgetctl({"--service", "PageRpc", "call", "Show"}),
+      Fails(2,
+            "widgetctl: no method Show in rpc.PageRpc; did you mean Stop?\n"));
+}
+
+TEST_F(WidgetctlTest, AServiceIsFoundByTheMethod) {
+  EXPECT_THAT(Widgetctl({"describe", "GoBack"}),
+              Succeeds(HasSubstr("\nrpc GoBack(BrowserId) returns")));
+  // The widget of these tests serves another one only.
+  const ChildProcess::Result called = Widgetctl({"call", "GetPage"});
+  EXPECT_EQ(called.exit_code, 3);
+  EXPECT_THAT(called.errors, HasSubstr("they differ in service"));
+}
+
 TEST_F(WidgetctlTest, DescribeHasTheCommentsOfTheProtos) {
   EXPECT_THAT(
       Widgetctl({"describe", "Unfocus", "--socket", Path("nobody.sock")}),
@@ -224,6 +244,9 @@ const Misuse kMisuses[] = {
     {"NoMethod", {"call"}, "the command is call METHOD [JSON]\n"},
     {"TooMuch", {"call", "Show", "{}", "{}"}, "call METHOD [JSON]\n"},
     {"ArgumentOfList", {"list", "Show"}, "the command is list\n"},
+    {"UnknownService",
+     {"--service", "Pages", "list"},
+     "--service: there is no Pages"},
     {"UnknownOption", {"list", "--fast"}, "'--fast'\nSee widgetctl --help.\n"},
     {"OptionWithoutValue", {"list", "--timeout"}, "requires an argument\n"},
     {"TimeoutOfZero",

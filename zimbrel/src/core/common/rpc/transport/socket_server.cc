@@ -23,9 +23,10 @@ using internal::ServerConnection;
 
 class SocketServer::Impl {
  public:
-  Impl(EventLoop* loop, Service* service, const ServerLimits& limits)
+  Impl(EventLoop* loop, std::vector<Service*> services,
+       const ServerLimits& limits)
       : loop_(loop),
-        service_(service),
+        services_(std::move(services)),
         limits_(limits),
         budget_(ClientBudget::MakeTotal(limits)) {
     loop->CheckServiceThread("SocketServer");
@@ -139,7 +140,7 @@ class SocketServer::Impl {
     const int id = next_id_++;
     connections_.emplace(
         id, std::make_unique<ServerConnection>(
-                loop_, service_, limits_,
+                loop_, services_, limits_,
                 std::make_unique<ClientBudget>(budget_), &counters_,
                 *std::move(socket), [this, id, alive = std::weak_ptr(alive_)] {
                   connections_.extract(id);
@@ -208,7 +209,7 @@ class SocketServer::Impl {
   static constexpr absl::Duration kAcceptRetry = absl::Milliseconds(100);
 
   EventLoop* const loop_;
-  Service* const service_;
+  const std::vector<Service*> services_;
   const ServerLimits limits_;
   const std::shared_ptr<ClientBudget::Total> budget_;
   ServerCounters counters_;
@@ -226,7 +227,11 @@ class SocketServer::Impl {
 
 SocketServer::SocketServer(EventLoop* loop, Service* service,
                            ServerLimits limits)
-    : impl_(std::make_unique<Impl>(loop, service, limits)) {}
+    : SocketServer(loop, std::vector<Service*>{service}, limits) {}
+
+SocketServer::SocketServer(EventLoop* loop, std::vector<Service*> services,
+                           ServerLimits limits)
+    : impl_(std::make_unique<Impl>(loop, std::move(services), limits)) {}
 
 SocketServer::~SocketServer() = default;
 

@@ -1,4 +1,4 @@
-// Serves one service to the clients that connect to a Unix-domain socket.
+// Serves services to the clients that connect to a Unix-domain socket.
 
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_SERVER_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SOCKET_SERVER_H_
@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "absl/status/status.h"
 #include "absl/time/time.h"
@@ -17,7 +18,8 @@
 
 namespace orvane {
 
-// Carries calls and streams between clients and a service. The frames of one
+// Carries calls and streams between clients and services. A client chooses one
+// service for its connection, in its hello, by the full name. The frames of one
 // client are handled in the order in which it sent them, calls and streams
 // together, on the service thread. A handler may run `done` immediately, later,
 // or on another thread, even after the client, the server or the loop has gone:
@@ -38,11 +40,15 @@ namespace orvane {
 // For an orderly end, call Shutdown and destroy the server once `done` has run.
 // Destroying it without Shutdown breaks off what is in progress.
 //
-// Thread: the service thread. Lifetime: loop and service outlive the server.
+// Thread: the service thread. Lifetime: loop and services outlive the server.
 // May be destroyed at any time, also by a handler.
 class SocketServer {
  public:
   SocketServer(EventLoop* loop, Service* service, ServerLimits limits = {});
+  // At least one service, each of another type. The limits are for all of them
+  // together.
+  SocketServer(EventLoop* loop, std::vector<Service*> services,
+               ServerLimits limits = {});
   SocketServer(const SocketServer&) = delete;
   SocketServer& operator=(const SocketServer&) = delete;
 

@@ -93,14 +93,16 @@ absl::Status ShuttingDown() {
 
 }  // namespace
 
-ServerConnection::ServerConnection(EventLoop* loop, Service* service,
+ServerConnection::ServerConnection(EventLoop* loop,
+                                   const std::vector<Service*>& services,
                                    const ServerLimits& limits,
                                    std::unique_ptr<ClientBudget> budget,
                                    ServerCounters* counters,
                                    std::unique_ptr<EventLoop::Watch> socket,
                                    absl::AnyInvocable<void() &&> on_end)
-    : context_{.loop = loop,
-               .service = service,
+    : services_(services),
+      context_{.loop = loop,
+               .service = nullptr,  // Until the client's hello.
                .socket = std::make_shared<FrameSocket>(
                    loop, std::move(socket),
                    FrameLimits{.max_frame_bytes = limits.max_frame_bytes,
@@ -186,6 +188,12 @@ void ServerConnection::OnHello(const StreamMessage& frame,
     return Close(absl::InvalidArgumentError(
         "a connection begins with a hello, which tells the client's version"));
   }
+  const auto chosen =
+      std::find_if(services_.begin(), services_.end(), [&](Service* service) {
+        return service->GetDescriptor()->full_name() == client.service();
+      });
+  // Without the one that it wants, the client learns which is the first.
+  context_.service = chosen == services_.end() ? services_.front() : *chosen;
   Hello server = MakeHello(*context_.service->GetDescriptor());
   *server.mutable_limits() = InHello(context_.limits);
   StreamMessage header;

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "absl/container/flat_hash_map.h"
 #include "absl/functional/any_invocable.h"
@@ -29,10 +30,10 @@ class ServerCall;
 // to them.
 class ServerConnection final : public FrameSocket::Receiver {
  public:
-  // `budget` is this client's part of the limits. `on_end` runs once when the
-  // connection has ended, called by this object, which it may destroy. The
-  // destructor does not call it.
-  ServerConnection(EventLoop* loop, Service* service,
+  // The client chooses one of `services`, at least one. `budget` is its part of
+  // the limits. `on_end` runs once when the connection has ended, called by
+  // this object, which it may destroy. The destructor does not call it.
+  ServerConnection(EventLoop* loop, const std::vector<Service*>& services,
                    const ServerLimits& limits,
                    std::unique_ptr<ClientBudget> budget,
                    ServerCounters* counters,
@@ -97,6 +98,7 @@ class ServerConnection final : public FrameSocket::Receiver {
   void FinishClosing();
 
   const std::shared_ptr<char> alive_ = std::make_shared<char>();
+  const std::vector<Service*>& services_;
   StreamContext context_;
   // For calls that are answered on another thread.
   const std::shared_ptr<Mailbox> mailbox_;

@@ -28,7 +28,7 @@ namespace orvane::internal {
 // points to outlives it.
 struct StreamContext {
   EventLoop* loop;
-  Service* service;
+  Service* service;  // The one that the client has chosen.
   std::shared_ptr<FrameSocket> socket;
   const ServerLimits& limits;
   ServerCounters* counters;

@@ -1,0 +1,382 @@
+#include "engines/chromium/navigation.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+
+#include "absl/log/log.h"
+#include "absl/strings/match.h"
+#include "absl/strings/str_cat.h"
+
+#include "engines/chromium/bitmap.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
+
+namespace chromium {
+namespace {
+
+// The longest that the engine loads.
+constexpr std::size_t kMaxAddressBytes = std::size_t{2} << 20;
+
+constexpr std::size_t kMaxTitleBytes = 4096;
+constexpr std::size_t kLoggedBytes = 200;  // Of an address.
+constexpr int kMaxIconSide = 64;
+
+constexpr std::size_t kMaxCrashes = 3;
+constexpr absl::Duration kCrashPeriod = absl::Minutes(1);
+constexpr char kCrashPage[] =
+    "data:text/plain,This page keeps crashing and is not loaded again.";
+
+// What the engine says of a load that has been stopped, replaced by another
+// one, or found to be a download.
+constexpr char kAborted[] = "net::ERR_ABORTED";
+
+rpc::PageSecurity SecurityOf(absl::string_view address) {
+  // One whose certificate is not valid is not loaded.
+  if (absl::StartsWith(address, "https:")) return rpc::PAGE_SECURITY_SECURE;
+  if (absl::StartsWith(address, "http:")) return rpc::PAGE_SECURITY_INSECURE;
+  return rpc::PAGE_SECURITY_LOCAL;
+}
+
+}  // namespace
+
+Navigation::Navigation(orvane::EventLoop* loop, BrowserId browser,
+                       std::string address, const Addresses* addresses,
+                       rpc::PageRpc* service, Send send)
+    : loop_(loop),
+      browser_(std::move(browser)),
+      addresses_(addresses),
+      service_(service),
+      send_(std::move(send)),
+      shown_(std::move(address)) {
+  state_.set_address(shown_);
+}
+
+// For hosts
+
+absl::Status Navigation::Load(const std::string& address) {
+  if (address.size() > kMaxAddressBytes) {
+    return absl::InvalidArgumentError(
+        absl::StrCat("the address has ", address.size(),
+                     " bytes; the limit is ", kMaxAddressBytes));
+  }
+  if (absl::Status allowed = addresses_->Check(address); !allowed.ok())
+    return allowed;
+  crashes_.clear();
+  if (frame_.empty()) {
+    // The engine is being started again, and then loads this.
+    shown_ = address;
+    state_.set_address(address);
+    Changed();
+  } else {
+    Navigate(address);
+  }
+  return absl::OkStatus();
+}
+
+absl::Status Navigation::Reload(bool bypass_cache) {
+  crashes_.clear();
+  if (frame_.empty()) return absl::OkStatus();
+  if (has_given_up_ || !state_.error().empty()) {
+    Navigate(shown_);
+    return absl::OkStatus();
+  }
+  WhenResponsive([this, bypass_cache] {
+    send_("Page.reload", {{"ignoreCache", bypass_cache}}, nullptr);
+  });
+  return absl::OkStatus();
+}
+
+absl::Status Navigation::Stop() {
+  WhenResponsive(
+      [this] { send_("Page.stopLoading", Json::object(), nullptr); });
+  return absl::OkStatus();
+}
+
+absl::Status Navigation::GoBack() {
+  if (!state_.can_go_back())
+    return absl::FailedPreconditionError("there is no page to go back to");
+  Go(-1);
+  return absl::OkStatus();
+}
+
+absl::Status Navigation::GoForward() {
+  if (!state_.can_go_forward())
+    return absl::FailedPreconditionError("there is no page to go forward to");
+  Go(1);
+  return absl::OkStatus();
+}
+
+void Navigation::Go(int steps) {
+  WhenResponsive([this, steps] {
+    send_("Page.getNavigationHistory", Json::object(),
+          [this, steps](const absl::StatusOr<Json>& history) {
+            if (!history.ok()) return;
+            const auto& entries = List(*history, "entries");
+            const double index = Number(*history, "currentIndex") + steps;
+            if (index < 0 || index >= static_cast<double>(entries.size()))
+              return;
+            send_("Page.navigateToHistoryEntry",
+                  {{"entryId",
+                    Member(entries[static_cast<std::size_t>(index)], "id")}},
+                  nullptr);
+          });
+  });
+}
+
+void Navigation::WhenResponsive(orvane::Task task) {
+  if (!state_.is_unresponsive()) {
+    std::move(task)();
+    return;
+  }
+  send_("Runtime.terminateExecution", Json::object(),
+        [task = std::move(task)](const absl::StatusOr<Json>&) mutable {
+          std::move(task)();
+        });
+}
+
+// Loading
+
+void Navigation::Begin(const std::string& frame) {
+  frame_ = frame;
+  has_document_ = false;
+  is_blank_page_known_ = true;
+  is_forgetting_ = false;
+  Navigate(shown_);
+}
+
+void Navigation::End() {
+  frame_.clear();
+  is_asked_for_ = false;
+  is_looking_at_history_ = false;
+  ForgetDocument();
+  state_.set_is_loading(false);
+  state_.set_can_go_back(false);
+  state_.set_can_go_forward(false);
+  state_.set_address(shown_);
+  Changed();
+}
+
+void Navigation::Navigate(const std::string& address) {
+  is_asked_for_ = true;
+  state_.set_address(address);
+  Changed();
+  WhenResponsive([this, address, load = ++last_load_] {
+    send_("Page.navigate", {{"url", address}},
+          [this, load,
+           documents = documents_](const absl::StatusOr<Json>& answer) {
+            Finish(load, answer, documents != documents_);
+          });
+  });
+}
+
+void Navigation::Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,
+                        bool is_shown) {
+  if (load != last_load_) return;
+  is_asked_for_ = false;
+  const std::string error =
+      answer.ok() ? Text(*answer, "errorText") : answer.status().ToString();
+  if (error == kAborted) {
+    state_.set_address(shown_);
+  } else if (!error.empty()) {
+    LOG(WARNING) << "browser " << browser_.value() << ": "
+                 << orvane::Printable(state_.address(), kLoggedBytes) << ": "
+                 << orvane::Printable(error);
+    state_.set_error(error);
+  } else if (is_shown) {
+    state_.set_address(shown_);
+  }  // Else the engine tells of the document next.
+  Changed();
+}
+
+void Navigation::Recover() {
+  is_asked_for_ = false;
+  ForgetDocument();
+  const absl::Time now = absl::Now();
+  while (!crashes_.empty() && crashes_.front() < now - kCrashPeriod)
+    crashes_.pop_front();
+  crashes_.push_back(now);
+  LOG(WARNING) << "browser " << browser_.value() << ": its page has crashed: "
+               << orvane::Printable(shown_, kLoggedBytes);
+  has_given_up_ = crashes_.size() > kMaxCrashes;
+  if (has_given_up_) {
+    state_.set_error("the page keeps crashing");
+    Fail(rpc::PAGE_FAILURE_KEEPS_CRASHING);
+    send_("Page.navigate", {{"url", kCrashPage}}, nullptr);
+  } else {
+    Fail(rpc::PAGE_FAILURE_CRASHED);
+    send_("Page.reload", Json::object(), nullptr);
+  }
+  Changed();
+}
+
+void Navigation::Fail(rpc::PageFailure failure) {
+  rpc::PageFailed event;
+  *event.mutable_browser_id() = browser_;
+  event.set_failure(failure);
+  service_->WhenPageFailed()(browser_, event);
+}
+
+void Navigation::SetUnresponsive(bool is_unresponsive) {
+  if (state_.is_unresponsive() == is_unresponsive) return;
+  state_.set_is_unresponsive(is_unresponsive);
+  if (is_unresponsive) Fail(rpc::PAGE_FAILURE_UNRESPONSIVE);
+  Changed();
+}
+
+// What the engine and our script tell
+
+void Navigation::OnEvent(const EngineEvent& event) {
+  const Json& params = event.params;
+  const bool is_main = Text(params, "frameId") == frame_;
+  if (event.method == "Page.frameNavigated") {
+    const Json& frame = Member(params, "frame");
+    if (Text(frame, "id") == frame_) TakeDocument(frame);
+  } else if (event.method == "Page.navigatedWithinDocument") {
+    if (!is_main || has_given_up_) return;
+    shown_ = CutText(Text(params, "url"), kMaxAddressBytes);
+    if (!is_asked_for_) state_.set_address(shown_);
+    LookAtHistory();
+    Changed();
+  } else if (event.method == "Page.frameStartedLoading") {
+    if (!is_main) return;
+    state_.set_is_loading(true);
+    Changed();
+  } else if (event.method == "Page.frameStoppedLoading") {
+    if (!is_main) return;
+    state_.set_is_loading(false);
+    ForgetBlankPage();
+    LookAtHistory();
+    Changed();
+  } else if (event.method == "Page.windowOpen") {
+    OfferWindow(params);
+  }
+}
+
+void Navigation::TakeDocument(const Json& frame) {
+  ++documents_;
+  ForgetDocument();
+  has_document_ = true;
+  ForgetBlankPage();
+  const std::string& unreachable = Text(frame, "unreachableUrl");
+  const std::string address = Text(frame, "url") + Text(frame, "urlFragment");
+  has_given_up_ = address == kCrashPage;
+  if (has_given_up_) {
+    Changed();
+    return;
+  }
+  if (!unreachable.empty()) {
+    shown_ = unreachable;
+    state_.set_security(rpc::PAGE_SECURITY_LOCAL);
+    if (state_.error().empty()) state_.set_error("the page cannot be loaded");
+  } else {
+    if (addresses_->Check(address).ok()) shown_ = address;
+    state_.set_security(SecurityOf(address));
+    state_.clear_error();
+  }
+  if (!is_asked_for_) state_.set_address(shown_);
+  LookAtHistory();
+  Changed();
+}
+
+void Navigation::ForgetDocument() {
+  state_.clear_title();
+  state_.clear_icon_id();
+  state_.set_is_unresponsive(false);
+  icon_.Clear();
+}
+
+void Navigation::ForgetBlankPage() {
+  // The engine refuses it at some moments, so it is tried again.
+  if (!has_document_ || !is_blank_page_known_ ||
+      std::exchange(is_forgetting_, true)) {
+    return;
+  }
+  send_("Page.resetNavigationHistory", Json::object(),
+        [this](const absl::StatusOr<Json>& answer) {
+          is_forgetting_ = false;
+          if (!answer.ok()) return;
+          is_blank_page_known_ = false;
+          LookAtHistory();
+        });
+}
+
+void Navigation::LookAtHistory() {
+  if (is_blank_page_known_) return;
+  // A page can change its history faster than it can be looked at.
+  if (is_looking_at_history_) {
+    must_look_again_ = true;
+    return;
+  }
+  is_looking_at_history_ = true;
+  must_look_again_ = false;
+  send_("Page.getNavigationHistory", Json::object(),
+        [this](const absl::StatusOr<Json>& history) {
+          is_looking_at_history_ = false;
+          if (history.ok()) {
+            const double index = Number(*history, "currentIndex");
+            const auto count =
+                static_cast<double>(List(*history, "entries").size());
+            state_.set_can_go_back(index > 0);
+            state_.set_can_go_forward(index + 1 < count);
+            Changed();
+          }
+          if (must_look_again_) LookAtHistory();
+        });
+}
+
+void Navigation::OfferWindow(const Json& params) {
+  const std::string address = Text(params, "url");
+  // One at a time, since a page can open windows faster than anybody answers.
+  if (is_window_offered_ || !addresses_->Check(address).ok()) return;
+  is_window_offered_ = true;
+  rpc::OpenWindowCall call;
+  call.set_address(address);
+  call.set_is_user_gesture(Flag(params, "userGesture"));
+  service_->OnOpenWindow()(
+      browser_, std::move(call),
+      [this, address, alive = std::weak_ptr<bool>(alive_)](
+          const absl::StatusOr<rpc::OpenWindowResponse>& answer) {
+        if (alive.expired()) return;
+        is_window_offered_ = false;
+        if (answer.ok() && answer->load_here() && !frame_.empty())
+          Navigate(address);
+      },
+      {});
+}
+
+void Navigation::TakeTitle(const Json& report) {
+  state_.set_title(CutText(Text(report, "title"), kMaxTitleBytes));
+  Changed();
+}
+
+void Navigation::TakeIcon(const Json& report) {
+  icon_.Clear();
+  if (auto image = BitmapOf(report, kMaxIconSide)) {
+    icon_.set_icon_id(++last_icon_);
+    *icon_.mutable_image() = *std::move(image);
+  }
+  state_.set_icon_id(icon_.icon_id());
+  Changed();
+}
+
+// What hosts are told
+
+void Navigation::Changed() {
+  if (std::exchange(is_publishing_, true)) return;
+  loop_->Post([this, alive = std::weak_ptr<bool>(alive_)] {
+    if (!alive.expired()) Publish();
+  });
+}
+
+void Navigation::Publish() {
+  is_publishing_ = false;
+  std::string state = state_.SerializeAsString();
+  if (state == published_) return;
+  published_ = std::move(state);
+  rpc::PageChanged event;
+  *event.mutable_browser_id() = browser_;
+  *event.mutable_state() = state_;
+  service_->WhenPageChanged()(browser_, event);
+}
+
+}  // namespace chromium

@@ -1,0 +1,127 @@
+// Where a page is, and where it goes.
+
+#ifndef ENGINES_CHROMIUM_NAVIGATION_H_
+#define ENGINES_CHROMIUM_NAVIGATION_H_
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "absl/status/status.h"
+#include "absl/status/statusor.h"
+#include "absl/strings/string_view.h"
+#include "absl/time/time.h"
+
+#include "engines/chromium/addresses.h"
+#include "engines/chromium/engine_pipe.h"
+#include "engines/chromium/json.h"
+#include "rpc/browser/page.rpc.h"
+#include "zimbrel/src/core/common/rpc/calling.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+
+namespace chromium {
+
+// Keeps what hosts are told of the page up to date, and publishes it when it
+// has changed. What happens in one turn of the loop makes one event.
+//
+// Thread: the service thread. Lifetime: loop, addresses and service outlive it.
+class Navigation {
+ public:
+  // Sends a command to the page's main session. Without one, and if the page is
+  // lost before the reply, the continuation does not run.
+  using Send = std::function<void(absl::string_view method, Json params,
+                                  orvane::OnAnswer<Json> on_answer)>;
+
+  // `address` is allowed.
+  Navigation(orvane::EventLoop* loop, BrowserId browser, std::string address,
+             const Addresses* addresses, rpc::PageRpc* service, Send send);
+  Navigation(const Navigation&) = delete;
+  Navigation& operator=(const Navigation&) = delete;
+
+  // For hosts. An error is for them.
+  absl::Status Load(const std::string& address);
+  absl::Status Reload(bool bypass_cache);
+  absl::Status Stop();
+  absl::Status GoBack();
+  absl::Status GoForward();
+  const rpc::PageState& state() const { return state_; }
+  const rpc::PageIcon& icon() const { return icon_; }
+
+  // There is a blank target for the page, with that main frame. Loads the
+  // address in it.
+  void Begin(const std::string& frame);
+
+  // The target is gone.
+  void End();
+
+  // The page's process has ended: loads the page again or, after several times
+  // within a minute, shows one that says so.
+  void Recover();
+
+  // An event of the main session.
+  void OnEvent(const EngineEvent& event);
+
+  // Our script has reported the title or the icon.
+  void TakeTitle(const Json& report);
+  void TakeIcon(const Json& report);
+
+  // The page has not reacted to input for some time, or does so again.
+  void SetUnresponsive(bool is_unresponsive);
+
+ private:
+  // Runs it when no script keeps the page from following. A page that is told
+  // to go elsewhere while it hangs would never come back.
+  void WhenResponsive(orvane::Task task);
+
+  void Navigate(const std::string& address);
+  // `is_shown`: the page has got a document meanwhile.
+  void Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,
+              bool is_shown);
+  void Go(int steps);
+  void TakeDocument(const Json& frame);
+  void OfferWindow(const Json& params);
+  void ForgetDocument();
+  void ForgetBlankPage();
+  void LookAtHistory();
+  void Fail(rpc::PageFailure failure);
+
+  // The state may have changed.
+  void Changed();
+  void Publish();
+
+  orvane::EventLoop* const loop_;
+  const BrowserId browser_;
+  const Addresses* const addresses_;
+  rpc::PageRpc* const service_;
+  const Send send_;
+
+  std::string frame_;  // The main one. Empty while there is no target.
+  std::string shown_;  // The address of the page.
+  std::uint64_t last_load_ = 0;
+  bool is_asked_for_ = false;    // The latest load is not finished yet.
+  std::uint64_t documents_ = 0;  // That the page has had.
+  bool has_document_ = false;    // Other than the one that it began with.
+  // The history has the blank page with which each target begins, and to which
+  // nobody wants to go back.
+  bool is_blank_page_known_ = true;
+  bool is_forgetting_ = false;
+  bool has_given_up_ = false;  // The page that is shown says that it crashes.
+  std::deque<absl::Time> crashes_;  // The latest.
+
+  bool is_looking_at_history_ = false;
+  bool must_look_again_ = false;
+  bool is_window_offered_ = false;
+
+  rpc::PageState state_;
+  std::string published_;  // The state of the latest event, serialised.
+  bool is_publishing_ = false;
+  rpc::PageIcon icon_;
+  std::uint64_t last_icon_ = 0;
+  const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+}  // namespace chromium
+
+#endif  // ENGINES_CHROMIUM_NAVIGATION_H_

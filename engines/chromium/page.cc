@@ -1,0 +1,1091 @@
+#include "engines/chromium/page.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "absl/log/log.h"
+#include "absl/strings/ascii.h"
+#include "absl/strings/match.h"
+#include "absl/strings/str_cat.h"
+#include "absl/strings/str_replace.h"
+#include "absl/strings/str_split.h"
+#include "absl/strings/string_view.h"
+
+#include "engines/chromium/bitmap.h"
+#include "engines/chromium/page_script.h"
+#include "engines/chromium/view_geometry.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
+
+namespace chromium {
+namespace {
+
+// What our script's world and the function through which it reports are called.
+constexpr char kWorld[] = "orvane";
+constexpr char kReport[] = "orvaneReport";
+constexpr char kAddScript[] = "Page.addScriptToEvaluateOnNewDocument";
+
+// A page can have any number of documents.
+constexpr std::size_t kMaxWorlds = 2000;
+
+// The engine merges what it has not drawn yet, so more would only wait.
+constexpr int kMaxUnansweredMoves = 32;
+
+// While the focus is being moved, which a page that hangs keeps from ending.
+constexpr std::size_t kMaxHeldInput = 1000;
+
+// A page that hangs answers nothing. Others' commands must still fit in the
+// engine's pipe.
+constexpr int kMaxUnansweredInput = 4000;
+
+// As our script does. The protocol's limit is twice that.
+constexpr int kMaxCursorSide = 128;
+constexpr std::size_t kMaxCursorImages = 64;
+
+constexpr absl::Duration kLookInterval = absl::Milliseconds(100);
+
+// How long the engine may take to draw a new size, and how often to ask again.
+constexpr absl::Duration kPictureTime = absl::Milliseconds(500);
+constexpr int kMaxMissingPictures = 5;
+
+// After which a page that has not reacted to input counts as unresponsive.
+constexpr absl::Duration kInputTime = absl::Seconds(5);
+
+// Of a script that a host runs.
+constexpr std::uint32_t kUsualScriptMs = 5000;
+constexpr std::uint32_t kMaxScriptMs = 60'000;
+// Beyond that, for the engine to end it.
+constexpr absl::Duration kScriptGrace = absl::Seconds(1);
+
+constexpr std::uint32_t kTabCode = 9;
+constexpr int kShift = 8;  // Of the engine's modifiers.
+
+BrowserId IdOf(std::uint64_t browser) {
+  BrowserId id;
+  id.set_value(browser);
+  return id;
+}
+
+bool IsTab(const rpc::Key& key) {
+  return key.key() == "Tab" || key.windows_key_code() == kTabCode;
+}
+
+rpc::Cursor DefaultCursor() {
+  rpc::Cursor cursor;
+  cursor.set_type(rpc::CURSOR_TYPE_DEFAULT);
+  return cursor;
+}
+
+rpc::CursorType CursorOf(const std::string& keyword) {
+  const std::string name = absl::StrCat(
+      "CURSOR_TYPE_",
+      absl::AsciiStrToUpper(absl::StrReplaceAll(keyword, {{"-", "_"}})));
+  rpc::CursorType type = rpc::CURSOR_TYPE_DEFAULT;
+  if (!rpc::CursorType_Parse(name, &type) || type == rpc::CURSOR_TYPE_CUSTOM ||
+      type == rpc::CURSOR_TYPE_UNSPECIFIED) {
+    return rpc::CURSOR_TYPE_DEFAULT;
+  }
+  return type;
+}
+
+// The value of an evaluated script.
+bool IsTrue(const absl::StatusOr<Json>& answer) {
+  return answer.ok() && Flag(Member(*answer, "result"), "value");
+}
+
+rpc::AriaLivePoliteness PolitenessOf(const std::string& politeness) {
+  if (politeness == "assertive") return rpc::ARIA_LIVE_POLITENESS_ASSERTIVE;
+  if (politeness == "polite") return rpc::ARIA_LIVE_POLITENESS_POLITE;
+  return rpc::ARIA_LIVE_POLITENESS_OFF;
+}
+
+// The flags of an aria-relevant attribute; ARIA's default without one.
+std::uint32_t RelevantOf(const std::string& tokens) {
+  std::uint32_t flags = 0;
+  for (const absl::string_view token :
+       absl::StrSplit(tokens, ' ', absl::SkipEmpty())) {
+    if (token == "additions" || token == "all")
+      flags |= rpc::ARIA_RELEVANT_FLAG_ADDITIONS;
+    if (token == "removals" || token == "all")
+      flags |= rpc::ARIA_RELEVANT_FLAG_REMOVALS;
+    if (token == "text" || token == "all")
+      flags |= rpc::ARIA_RELEVANT_FLAG_TEXT;
+  }
+  return flags != 0
+             ? flags
+             : rpc::ARIA_RELEVANT_FLAG_ADDITIONS | rpc::ARIA_RELEVANT_FLAG_TEXT;
+}
+
+// Of a script that a host has run.
+rpc::EvaluateResponse OutcomeOf(const Json& answer) {
+  rpc::EvaluateResponse outcome;
+  const Json& thrown = Member(answer, "exceptionDetails");
+  if (thrown.is_null()) {
+    outcome.set_json(PrintJson(Member(Member(answer, "result"), "value")));
+    return outcome;
+  }
+  const std::string& description =
+      Text(Member(thrown, "exception"), "description");
+  const Json& value = Member(Member(thrown, "exception"), "value");
+  outcome.set_exception(!description.empty() ? description
+                        : !value.is_null()   ? PrintJson(value)
+                                             : Text(thrown, "text"));
+  return outcome;
+}
+
+Json OurScript() {
+  return {
+      {"source", kPageScript}, {"worldName", kWorld}, {"runImmediately", true}};
+}
+
+}  // namespace
+
+Page::Page(const Context& context, std::uint64_t browser, std::string address,
+           rpc::BrowserWidgetRpc* service)
+    : loop_(context.loop),
+      engine_(context.engine),
+      addresses_(context.addresses),
+      browser_(IdOf(browser)),
+      service_(service),
+      dialogs_(browser_, service,
+               [this](absl::string_view session, absl::string_view method,
+                      Json params, orvane::OnAnswer<Json> on_answer) {
+                 engine_->Call(session, method, std::move(params),
+                               std::move(on_answer));
+               }),
+      drop_downs_(browser_, service),
+      drags_(
+          browser_, service,
+          [this](Json params) {
+            SendInput("Input.dispatchDragEvent", std::move(params));
+          },
+          [this](const std::string& effect, orvane::Task drop) {
+            DropSilently(effect, std::move(drop));
+          }),
+      navigation_(loop_, browser_, std::move(address), addresses_,
+                  context.page_service,
+                  [this](absl::string_view method, Json params,
+                         orvane::OnAnswer<Json> on_answer) {
+                    // A site may take its time to answer.
+                    Send(method, std::move(params), std::move(on_answer),
+                         {.timeout = absl::InfiniteDuration()});
+                  }),
+      downloads_(
+          loop_, browser_, context.downloads, context.page_service,
+          [this](const std::string& guid) {
+            engine_->Call("", "Browser.cancelDownload", {{"guid", guid}});
+          }),
+      pictures_(
+          loop_, browser_, service,
+          [this](std::int64_t number) {
+            Send("Page.screencastFrameAck", {{"sessionId", number}});
+          },
+          [this] {
+            if (picture_timer_ == nullptr &&
+                missing_pictures_ <= kMaxMissingPictures) {
+              ExpectPicture();
+            }
+          }) {
+  cursor_ = DefaultCursor();  // Until it is told another one.
+  engine_->Add(this);
+}
+
+Page::~Page() { engine_->Remove(this); }
+
+void Page::Send(absl::string_view method, Json params,
+                orvane::OnAnswer<Json> on_answer, orvane::CallOptions options) {
+  if (!target_.has_value()) return;
+  if (!on_answer) {
+    engine_->Call(target_->session, method, std::move(params));
+    return;
+  }
+  engine_->Call(
+      target_->session, method, std::move(params),
+      [this, session = target_->session, on_answer = std::move(on_answer),
+       alive =
+           std::weak_ptr<bool>(alive_)](absl::StatusOr<Json> answer) mutable {
+        if (alive.expired() || !target_.has_value()) return;
+        if (target_->session == session)
+          std::move(on_answer)(std::move(answer));
+      },
+      options);
+}
+
+void Page::Run(absl::string_view script, orvane::OnAnswer<Json> on_answer) {
+  if (!target_.has_value()) return;
+  const auto world =
+      std::find_if(worlds_.begin(), worlds_.end(), [&](const auto& entry) {
+        return entry.first.session == target_->session &&
+               entry.second.frame == target_->id;
+      });
+  if (world == worlds_.end()) {
+    if (on_answer)
+      std::move(on_answer)(absl::NotFoundError("there is no document yet"));
+    return;
+  }
+  Send("Runtime.evaluate",
+       {{"expression", script},
+        {"contextId", world->first.context},
+        {"returnByValue", true}},
+       std::move(on_answer));
+}
+
+void Page::RunIn(const World& world, absl::string_view script) {
+  engine_->Call(world.session, "Runtime.evaluate",
+                {{"expression", script}, {"contextId", world.context}});
+}
+
+void Page::RunInAll(absl::string_view script) {
+  for (const auto& [world, document] : worlds_) RunIn(world, script);
+}
+
+// The target
+
+void Page::OnTarget(const Target& target) {
+  target_ = target;
+  SetUpSession(target.session);
+  Send("Inspector.enable");
+  Send("Input.setInterceptDrags", {{"enabled", true}});
+  // Before the first navigation. Begun during one it would send nothing.
+  StartScreencast();
+  UpdateScreen();
+  UpdateWindow();
+  // A document that is there before the script would not be noticed.
+  Send(kAddScript, OurScript(),
+       [this](const absl::StatusOr<Json>&) { navigation_.Begin(target_->id); });
+}
+
+void Page::StartScreencast() {
+  // Without the last frame, a page that stands still after some quick changes
+  // would be seen in an old state.
+  Send("Page.startScreencast",
+       {{"format", "png"}, {"maxFramesInFlight", 2}, {"sendLastFrame", true}});
+}
+
+void Page::SetUpSession(const std::string& session) {
+  const auto send = [&](absl::string_view method,
+                        Json params = Json::object()) {
+    engine_->Call(session, method, std::move(params));
+  };
+  send("Page.enable");
+  send("Runtime.enable");
+  send("DOM.enable");
+  send("Runtime.addBinding",
+       {{"name", kReport}, {"executionContextName", kWorld}});
+  send("Page.setInterceptFileChooserDialog", {{"enabled", true}});
+  Json patterns = Json::array();
+  for (const std::string& pattern : addresses_->PatternsToCheck())
+    patterns.push_back({{"urlPattern", pattern}});
+  send("Fetch.enable", {{"patterns", std::move(patterns)}});
+  send("Target.setAutoAttach", {{"autoAttach", true},
+                                {"waitForDebuggerOnStart", false},
+                                {"flatten", true},
+                                {"filter", {{{"type", "iframe"}}}}});
+}
+
+void Page::OnTargetLost() {
+  target_.reset();
+  worlds_.clear();
+  dialogs_.Reset();
+  pictures_.Reset();
+  navigation_.End();
+  downloads_.Reset();
+  ForgetDocument();
+  ShowCursor(DefaultCursor());
+  is_drawn_ = false;
+  is_focus_moving_ = false;
+  held_.clear();
+  begin_focus_move_ = nullptr;
+  unanswered_input_ = std::make_shared<int>(0);
+  drags_.Forget();
+  newest_move_.reset();
+  unanswered_moves_ = 0;
+  fingers_ = Fingers();
+  pressed_.clear();
+  look_timer_.reset();
+  picture_timer_.reset();
+}
+
+absl::Status Page::CheckTakesInput() const {
+  if (target_.has_value() && held_.size() < kMaxHeldInput &&
+      *unanswered_input_ < kMaxUnansweredInput) {
+    return absl::OkStatus();
+  }
+  return absl::UnavailableError(absl::StrCat(
+      "browser ", browser_.value(), " takes no input now: ",
+      target_.has_value() ? "its page does not answer"
+                          : "its engine has ended and is being started again"));
+}
+
+// The view
+
+void Page::SetViewport(const widget_server::Viewport& viewport) {
+  const widget_server::Viewport old = std::exchange(viewport_, viewport);
+  if (old.is_attached && !viewport_.is_attached) {
+    LiftAll();
+    if (std::exchange(is_pointer_inside_, false)) SendMouse(MouseGone());
+    ForgetDocument();
+    cursor_ =
+        DefaultCursor();  // The host has gone back to the default by itself.
+  }
+  if (!old.is_accessibility_on && viewport_.is_accessibility_on)
+    RunInAll("orvaneAgent.turnAccessibilityOn()");
+  if (ScreenOf(old) != ScreenOf(viewport_)) {
+    UpdateScreen();
+    is_placed_ = false;
+  }
+  if (WindowPlaceOf(old) != WindowPlaceOf(viewport_)) is_placed_ = false;
+  UpdateWindow();
+  if (old.has_focus && !viewport_.has_focus) LeavePage();
+}
+
+// So that nothing is held down for the next host.
+void Page::LiftAll() {
+  for (const rpc::MouseButton button : pressed_) {
+    rpc::MouseReleaseRequest release;
+    release.set_button(button);
+    SendMouse(MouseReleased(release));
+  }
+  pressed_.clear();
+  if (fingers_.are_down()) {
+    SendInput("Input.dispatchTouchEvent",
+              {{"type", "touchCancel"}, {"touchPoints", Json::array()}});
+  }
+  fingers_ = Fingers();
+  drags_.Cancel();
+}
+
+void Page::UpdateScreen() {
+  if (!target_.has_value()) return;
+  Json screen = ScreenOf(viewport_);
+  screen["screenId"] = target_->screen;
+  screen["left"] = target_->screen_left;
+  screen["top"] = 0;
+  Send("Emulation.updateScreen", std::move(screen));
+}
+
+void Page::UpdateWindow() {
+  if (!target_.has_value()) return;
+  if (is_drawn_ && !viewport_.is_drawn_off_screen) {
+    is_drawn_ = false;
+    SetWindowState("minimized");
+    HideTooltip();
+  } else if (!is_drawn_ && viewport_.is_drawn_off_screen) {
+    is_drawn_ = true;
+    is_placed_ = false;  // Minimised windows cannot be placed.
+    pictures_.ForgetShown();
+    SetWindowState("normal");
+    PlaceWindow();
+    // To show a window gives it the focus.
+    if (!viewport_.has_focus) LeavePage();
+  } else if (is_drawn_ && !is_placed_) {
+    PlaceWindow();
+  }
+}
+
+void Page::SetWindowState(const char* state) {
+  Send("Browser.setWindowBounds",
+       {{"windowId", target_->window}, {"bounds", {{"windowState", state}}}});
+}
+
+void Page::PlaceWindow() {
+  is_placed_ = true;
+  const WindowPlace place = WindowPlaceOf(viewport_);
+  const double scale = ScaleOf(viewport_);
+  pictures_.SetSize(PixelsOf(place.width, scale), PixelsOf(place.height, scale),
+                    scale);
+  SendPlace();
+  missing_pictures_ = 0;
+  ExpectPicture();
+}
+
+void Page::SendPlace() {
+  const WindowPlace place = WindowPlaceOf(viewport_);
+  Send("Browser.setWindowBounds",
+       {{"windowId", target_->window},
+        {"bounds",
+         {{"left", target_->screen_left + std::max(place.left, 0)},
+          {"top", std::max(place.top, 0)},
+          {"width", place.width},
+          {"height", place.height}}}});
+}
+
+// A page can resize its window, of which nobody tells, and now and then the
+// engine sends no picture after a change of size. Both are put right.
+void Page::ExpectPicture() {
+  picture_timer_ = loop_->RunAfter(kPictureTime, [this] {
+    picture_timer_.reset();
+    if (!target_.has_value() || !is_drawn_) return;
+    const WindowPlace place = WindowPlaceOf(viewport_);
+    if (pictures_.is_current() || place.width == 0 || place.height == 0) {
+      missing_pictures_ = 0;
+      return;
+    }
+    if (++missing_pictures_ > kMaxMissingPictures) {
+      LOG(WARNING) << "browser " << browser_.value() << " sends no pictures";
+      return;
+    }
+    SetWindowState("normal");
+    SendPlace();
+    Send("Page.stopScreencast");
+    StartScreencast();
+    ExpectPicture();
+  });
+}
+
+// The focus
+
+void Page::Focus(const rpc::FocusRequest& event) {
+  switch (event.reason()) {
+    case rpc::FOCUS_REASON_MOUSE:
+      return;  // The press that follows focuses what it hits.
+    case rpc::FOCUS_REASON_TAB:
+      EnterPageByTab(0);
+      return;
+    case rpc::FOCUS_REASON_BACK_TAB:
+      EnterPageByTab(kShift);
+      return;
+    default:
+      EnterPage();
+  }
+}
+
+void Page::MoveFocus(orvane::Task begin) {
+  // As input is refused then.
+  if (!target_.has_value() || held_.size() >= kMaxHeldInput) return;
+  InOrder([this, begin = std::move(begin)]() mutable {
+    is_focus_moving_ = true;
+    begin_focus_move_ = std::move(begin);
+    BeginFocusMove();
+  });
+}
+
+void Page::BeginFocusMove() {
+  if (begin_focus_move_ && *unanswered_input_ == 0)
+    std::exchange(begin_focus_move_, nullptr)();
+}
+
+void Page::FocusHasMoved() {
+  is_focus_moving_ = false;
+  // One of them may move it again.
+  while (!held_.empty() && !is_focus_moving_) {
+    orvane::Task task = std::move(held_.front());
+    held_.pop_front();
+    std::move(task)();
+  }
+  SendNewestMove();
+}
+
+void Page::EnterPage() {
+  MoveFocus([this] {
+    Run("orvaneAgent.come()",
+        [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+  });
+}
+
+void Page::EnterPageByTab(int modifiers) {
+  MoveFocus([this, modifiers] {
+    Run(modifiers == 0 ? "orvaneAgent.expectTab()"
+                       : "orvaneAgent.expectBackTab()",
+        [this, modifiers](const absl::StatusOr<Json>& expected) {
+          if (!expected.ok()) {
+            FocusHasMoved();
+            return;
+          }
+          SendTab(modifiers, [this](const absl::StatusOr<Json>&) {
+            Run("orvaneAgent.haveTabbed()",
+                [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+          });
+        });
+  });
+}
+
+void Page::LeavePage() {
+  MoveFocus([this] {
+    if (!is_drawn_) {
+      FocusHasMoved();
+      return;
+    }
+    Run("orvaneAgent.leave()", [this](const absl::StatusOr<Json>& left) {
+      if (absl::IsNotFound(left.status())) {
+        FocusHasMoved();
+        return;
+      }
+      const auto finish = [this](const absl::StatusOr<Json>&) {
+        Run("orvaneAgent.left()",
+            [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+      };
+      // A page that does not answer, as in a dialog, may still run that script,
+      // and gets the one that takes its effects back. But the Tab in between
+      // would be the page's own.
+      left.ok() ? SendTab(0, finish) : finish(left);
+    });
+  });
+}
+
+void Page::LeavePageUnlessFocused() {
+  if (!is_drawn_ || viewport_.has_focus) return;
+  Run("orvaneAgent.hasFocus()", [this](const absl::StatusOr<Json>& answer) {
+    if (IsTrue(answer) && !viewport_.has_focus) LeavePage();
+  });
+}
+
+void Page::SendTab(int modifiers, orvane::OnAnswer<Json> on_answer) {
+  Json key = {{"type", "rawKeyDown"},
+              {"key", "Tab"},
+              {"code", "Tab"},
+              {"windowsVirtualKeyCode", kTabCode},
+              {"modifiers", modifiers}};
+  Send("Input.dispatchKeyEvent", key);
+  key["type"] = "keyUp";
+  Send("Input.dispatchKeyEvent", std::move(key), std::move(on_answer));
+}
+
+void Page::OfferFocus(rpc::FocusDirection direction) {
+  if (is_focus_offered_ || !viewport_.has_focus) return;
+  is_focus_offered_ = true;
+  rpc::TakeFocusCall call;
+  call.set_direction(direction);
+  service_->OnTakeFocus()(
+      browser_, std::move(call),
+      [this, direction, alive = std::weak_ptr<bool>(alive_)](
+          const absl::StatusOr<rpc::TakeFocusResponse>& answer) {
+        if (alive.expired()) return;
+        is_focus_offered_ = false;
+        if (answer.ok() && answer->taken()) return;
+        EnterPageByTab(direction == rpc::FOCUS_DIRECTION_BACKWARD ? kShift : 0);
+      },
+      {});
+}
+
+// Input
+
+void Page::InOrder(orvane::Task task) {
+  if (is_focus_moving_) {
+    held_.push_back(std::move(task));
+  } else {
+    std::move(task)();
+  }
+}
+
+void Page::SendInput(const char* method, Json params,
+                     orvane::OnAnswer<Json> on_answer) {
+  InOrder([this, method, params = std::move(params),
+           on_answer = std::move(on_answer)]() mutable {
+    ++*unanswered_input_;
+    Send(method, std::move(params),
+         [this, count = unanswered_input_, on_answer = std::move(on_answer)](
+             absl::StatusOr<Json> answer) mutable {
+           --*count;
+           if (count == unanswered_input_) TakeInputsAnswer(answer.status());
+           if (on_answer) std::move(on_answer)(std::move(answer));
+           BeginFocusMove();
+         },
+         {.timeout = kInputTime});
+  });
+}
+
+void Page::TakeInputsAnswer(const absl::Status& status) {
+  // A page that waits for its dialog answers nothing, nor does one that is not
+  // drawn.
+  if (!absl::IsDeadlineExceeded(status) || dialogs_.is_open() || !is_drawn_ ||
+      navigation_.state().is_unresponsive()) {
+    return;
+  }
+  navigation_.SetUnresponsive(true);
+  // Answered as soon as the page responds, or goes.
+  Send("Runtime.evaluate", {{"expression", "0"}},
+       [this](const absl::StatusOr<Json>&) {
+         navigation_.SetUnresponsive(false);
+       },
+       {.timeout = absl::InfiniteDuration()});
+}
+
+// Keys
+
+void Page::KeyPress(const rpc::KeyPressRequest& event) {
+  SendInput("Input.dispatchKeyEvent", KeyDown(event));
+}
+
+void Page::KeyRelease(const rpc::KeyReleaseRequest& event) {
+  if (!IsTab(event.key())) {
+    SendInput("Input.dispatchKeyEvent", KeyUp(event));
+    return;
+  }
+  const rpc::FocusDirection direction =
+      (event.input().modifiers() & rpc::MODIFIER_FLAG_SHIFT) != 0
+          ? rpc::FOCUS_DIRECTION_BACKWARD
+          : rpc::FOCUS_DIRECTION_FORWARD;
+  SendInput("Input.dispatchKeyEvent", KeyUp(event),
+            [this, direction](const absl::StatusOr<Json>&) {
+              Run("orvaneAgent.hasFocus()",
+                  [this, direction](const absl::StatusOr<Json>& answer) {
+                    if (answer.ok() && !IsTrue(answer)) OfferFocus(direction);
+                  });
+            });
+}
+
+void Page::KeyType(const rpc::KeyTypeRequest& event) {
+  if (event.is_system_key()) return;
+  if (event.has_key()) {
+    SendInput("Input.dispatchKeyEvent", KeyText(event));
+  } else {
+    SendInput("Input.insertText", {{"text", std::string(event.text())}});
+  }
+}
+
+// The mouse
+
+void Page::MousePress(const rpc::MousePressRequest& event) {
+  pointer_ = event.pointer().position();
+  pressed_.insert(event.button());
+  SendMouse(MousePressed(event));
+}
+
+void Page::MouseRelease(const rpc::MouseReleaseRequest& event) {
+  pointer_ = event.pointer().position();
+  pressed_.erase(event.button());
+  SendMouse(MouseReleased(event));
+  // The press has given the page the focus, which is the host's to give.
+  if (!viewport_.has_focus && event.pointer().buttons() == 0) LeavePage();
+}
+
+void Page::MouseEnter(const rpc::MouseEnterRequest& event) {
+  pointer_ = event.pointer().position();
+  is_pointer_inside_ = true;
+  SendMove(MouseMoved(event.pointer(), event.input()));
+}
+
+void Page::MouseExit(const rpc::MouseExitRequest&) {
+  is_pointer_inside_ = false;
+  HideTooltip();
+  SendMouse(MouseGone());
+}
+
+void Page::MouseDrag(const rpc::MouseDragRequest& event) {
+  pointer_ = event.pointer().position();
+  SendMove(MouseMoved(event.pointer(), event.input()));
+}
+
+void Page::MouseMove(const rpc::MouseMoveRequest& event) {
+  pointer_ = event.pointer().position();
+  is_pointer_inside_ = true;
+  SendMove(MouseMoved(event.pointer(), event.input()));
+}
+
+void Page::MouseWheel(const rpc::MouseWheelRequest& event) {
+  if (std::optional<Json> wheel =
+          chromium::MouseWheel(event, viewport_.height)) {
+    SendMouse(*std::move(wheel));
+  }
+}
+
+void Page::SendMouse(Json command) {
+  if (newest_move_.has_value()) {
+    SendInput("Input.dispatchMouseEvent",
+              *std::exchange(newest_move_, std::nullopt));
+  }
+  SendInput("Input.dispatchMouseEvent", std::move(command));
+}
+
+void Page::SendMove(Json command) {
+  newest_move_ = std::move(command);
+  SendNewestMove();
+}
+
+void Page::SendNewestMove() {
+  if (!newest_move_.has_value() || is_focus_moving_ ||
+      unanswered_moves_ == kMaxUnansweredMoves) {
+    return;
+  }
+  ++unanswered_moves_;
+  Send("Input.dispatchMouseEvent", *std::exchange(newest_move_, std::nullopt),
+       [this](const absl::StatusOr<Json>&) {
+         --unanswered_moves_;
+         SendNewestMove();
+       });
+}
+
+// Touch
+
+void Page::TouchStart(const rpc::TouchStartRequest& event) {
+  if (auto command = fingers_.Start(event.changed_points(), event.input()))
+    SendInput("Input.dispatchTouchEvent", *std::move(command));
+}
+
+void Page::TouchMove(const rpc::TouchMoveRequest& event) {
+  if (auto command = fingers_.Move(event.changed_points(), event.input()))
+    SendInput("Input.dispatchTouchEvent", *std::move(command));
+}
+
+void Page::TouchEnd(const rpc::TouchEndRequest& event) {
+  if (auto command = fingers_.End(event.changed_points(), event.input()))
+    SendInput("Input.dispatchTouchEvent", *std::move(command));
+}
+
+void Page::TouchCancel(const rpc::TouchCancelRequest& event) {
+  if (auto command = fingers_.Cancel(event.changed_points()))
+    SendInput("Input.dispatchTouchEvent", *std::move(command));
+}
+
+// Drags
+
+void Page::DragEnter(const rpc::DragEnterRequest& event) {
+  drags_.Enter(event);
+}
+
+void Page::DragOver(const rpc::DragOverRequest& event) { drags_.Over(event); }
+
+void Page::DragLeave(const rpc::DragLeaveRequest&) { drags_.Leave(); }
+
+void Page::DragDrop(const rpc::DragDropRequest& event) { drags_.Drop(event); }
+
+void Page::DragEnd(const rpc::DragEndRequest& event) {
+  pressed_.clear();  // It counts as the release.
+  drags_.End(event);
+}
+
+void Page::DropSilently(const std::string& effect, orvane::Task drop) {
+  Run(absl::StrCat("orvaneAgent.takeDrops('", effect, "')"),
+      [this, drop = std::move(drop)](const absl::StatusOr<Json>&) mutable {
+        std::move(drop)();
+        // Counts as input, so that it comes after the drop.
+        MoveFocus([this] {
+          Run("orvaneAgent.takeDrops(null)",
+              [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+        });
+      });
+}
+
+// The page service
+
+absl::Status Page::Go(absl::FunctionRef<absl::Status(Navigation&)> where) {
+  // With a dialog open, the page would never follow.
+  dialogs_.Decline();
+  return where(navigation_);
+}
+
+void Page::Evaluate(const rpc::EvaluateRequest& request,
+                    orvane::OnAnswer<rpc::EvaluateResponse> on_answer) {
+  if (!target_.has_value()) {
+    loop_->Post([on_answer = std::move(on_answer)]() mutable {
+      std::move(on_answer)(absl::UnavailableError("there is no page now"));
+    });
+    return;
+  }
+  const std::uint32_t time_ms =
+      request.timeout_ms() == 0 ? kUsualScriptMs
+                                : std::min(request.timeout_ms(), kMaxScriptMs);
+  engine_->Call(
+      target_->session, "Runtime.evaluate",
+      {{"expression", std::string(request.script())},
+       {"returnByValue", true},
+       {"awaitPromise", true},
+       {"timeout", time_ms}},
+      [time_ms, on_answer = std::move(on_answer)](
+          const absl::StatusOr<Json>& answer) mutable {
+        if (absl::IsDeadlineExceeded(answer.status())) {
+          std::move(on_answer)(absl::DeadlineExceededError(absl::StrCat(
+              "the script has not ended within ", time_ms, " ms")));
+        } else if (!answer.ok()) {
+          std::move(on_answer)(answer.status());
+        } else {
+          std::move(on_answer)(OutcomeOf(*answer));
+        }
+      },
+      {.timeout = absl::Milliseconds(time_ms) + kScriptGrace});
+}
+
+// What the engine tells
+
+void Page::OnEvent(EngineEvent event) {
+  if (!target_.has_value()) return;
+  const bool is_main = event.session == target_->session;
+  const Json& params = event.params;
+  dialogs_.OnEvent(event);
+  if (is_main) {
+    navigation_.OnEvent(event);
+    downloads_.OnEvent(event);
+  }
+  if (event.method == "Page.screencastFrame") {
+    if (!is_main) return;
+    pictures_.Take(std::move(event));
+    LookAgain();
+  } else if (event.method == "Runtime.bindingCalled") {
+    const auto context =
+        static_cast<std::int64_t>(Number(params, "executionContextId"));
+    const std::optional<Json> report = ParseJson(Text(params, "payload"));
+    if (report.has_value()) TakeReport({event.session, context}, *report);
+  } else if (event.method == "Runtime.executionContextCreated") {
+    const Json& context = Member(params, "context");
+    if (Text(context, "name") != kWorld || worlds_.size() >= kMaxWorlds) return;
+    const World world = {event.session,
+                         static_cast<std::int64_t>(Number(context, "id"))};
+    worlds_[world] = {Text(Member(context, "auxData"), "frameId"),
+                      ++last_document_};
+    if (viewport_.is_accessibility_on)
+      RunIn(world, "orvaneAgent.turnAccessibilityOn()");
+  } else if (event.method == "Runtime.executionContextDestroyed") {
+    worlds_.erase({event.session, static_cast<std::int64_t>(
+                                      Number(params, "executionContextId"))});
+  } else if (event.method == "Runtime.executionContextsCleared") {
+    std::erase_if(worlds_, [&](const auto& entry) {
+      return entry.first.session == event.session;
+    });
+  } else if (event.method == "Page.domContentEventFired") {
+    // The focus cannot be taken from a page that has no document yet,
+    if (is_main) LeavePageUnlessFocused();
+  } else if (event.method == "Page.javascriptDialogClosed") {
+    // nor from one that waits for a dialog.
+    LeavePageUnlessFocused();
+  } else if (event.method == "Page.frameNavigated") {
+    const Json& frame = Member(params, "frame");
+    if (Text(frame, "id") != target_->id) return;
+    ForgetDocument();
+    drags_.Forget();
+    // The new document does not answer for the old one's input.
+    unanswered_input_ = std::make_shared<int>(0);
+    BeginFocusMove();
+  } else if (event.method == "Target.attachedToTarget") {
+    engine_->AddSession(Text(params, "sessionId"), this);
+    SetUpSession(Text(params, "sessionId"));
+    engine_->Call(Text(params, "sessionId"), kAddScript, OurScript());
+  } else if (event.method == "Target.detachedFromTarget") {
+    engine_->RemoveSession(Text(params, "sessionId"));
+    std::erase_if(worlds_, [&](const auto& entry) {
+      return entry.first.session == Text(params, "sessionId");
+    });
+  } else if (event.method == "Inspector.targetCrashed") {
+    if (is_main) Recover();
+  } else if (event.method == "Fetch.requestPaused") {
+    CheckRequest(event);
+  } else if (event.method == "Input.dragIntercepted") {
+    drags_.Begin(Member(params, "data"), pointer_);
+  }
+}
+
+void Page::CheckRequest(const EngineEvent& event) {
+  const absl::Status status =
+      addresses_->Check(Text(Member(event.params, "request"), "url"));
+  const std::string& request = Text(event.params, "requestId");
+  if (status.ok()) {
+    engine_->Call(event.session, "Fetch.continueRequest",
+                  {{"requestId", request}});
+    return;
+  }
+  LOG_EVERY_N_SEC(WARNING, 10)
+      << "browser " << browser_.value()
+      << " is refused an address: " << orvane::Printable(status.message());
+  engine_->Call(event.session, "Fetch.failRequest",
+                {{"requestId", request}, {"errorReason", "AccessDenied"}});
+}
+
+void Page::Recover() {
+  worlds_.clear();
+  is_focus_moving_ = false;
+  held_.clear();
+  begin_focus_move_ = nullptr;
+  unanswered_input_ = std::make_shared<int>(0);
+  drags_.Forget();
+  dialogs_.Reset();
+  pictures_.ForgetShown();
+  ForgetDocument();
+  ShowCursor(DefaultCursor());
+  navigation_.Recover();
+}
+
+void Page::TakeReport(const World& world, const Json& report) {
+  const auto found = worlds_.find(world);
+  if (found == worlds_.end()) return;
+  const std::string& kind = Text(report, "kind");
+  if (kind == "cursor" || kind == "tooltip") {
+    // The engine's own pointer lies at the corner of the window.
+    if (!is_pointer_inside_) return;
+  }
+  if (kind == "cursor") {
+    pointed_at_ = world;
+    TakeCursor(world, report);
+  } else if (kind == "tooltip") {
+    TakeTooltip(report);
+  } else if (kind == "list") {
+    TakeList(world, report);
+  } else if (kind == "listGone") {
+    drop_downs_.Close();
+  } else if (kind == "color") {
+    TakeColorWish(world, found->second.frame, report);
+  } else if (kind == "drag") {
+    drags_.TakeEffect(Text(report, "effect"));
+  } else if (kind == "live") {
+    TakeLiveRegion(found->second.number, report);
+  } else if (kind == "focus") {
+    TakeAccessibleFocus(report);
+  } else if (kind == "title" && found->second.frame == target_->id) {
+    navigation_.TakeTitle(report);
+  } else if (kind == "icon" && found->second.frame == target_->id) {
+    navigation_.TakeIcon(report);
+  }
+}
+
+void Page::TakeCursor(const World& world, const Json& report) {
+  wanted_cursor_ = report;
+  rpc::Cursor cursor;
+  cursor.set_type(CursorOf(Text(report, "cursor")));
+  const auto image =
+      static_cast<std::int64_t>(std::clamp(Number(report, "image"), 0.0, 1e6));
+  const auto document = worlds_.find(world);
+  if (image != 0 && document != worlds_.end()) {
+    const auto found = cursor_images_.find({document->second.number, image});
+    if (found == cursor_images_.end()) {
+      FetchCursorImage(world, image);
+    } else {
+      const rpc::Bitmap& bitmap = found->second;
+      cursor.set_type(rpc::CURSOR_TYPE_CUSTOM);
+      *cursor.mutable_custom()->mutable_image() = bitmap;
+      rpc::PointPx& hotspot = *cursor.mutable_custom()->mutable_hotspot();
+      hotspot.set_x(static_cast<int>(
+          std::clamp(Number(report, "x"), 0.0, bitmap.size().width() - 1.0)));
+      hotspot.set_y(static_cast<int>(
+          std::clamp(Number(report, "y"), 0.0, bitmap.size().height() - 1.0)));
+    }
+  }
+  ShowCursor(cursor);
+}
+
+void Page::FetchCursorImage(const World& world, std::int64_t image) {
+  if (std::exchange(is_fetching_cursor_, true)) return;
+  engine_->Call(
+      world.session, "Runtime.evaluate",
+      {{"expression", absl::StrCat("orvaneAgent.cursorImage(", image, ")")},
+       {"contextId", world.context},
+       {"returnByValue", true}},
+      [this, world, image, alive = std::weak_ptr<bool>(alive_)](
+          const absl::StatusOr<Json>& answer) {
+        if (alive.expired()) return;
+        is_fetching_cursor_ = false;
+        const auto document = worlds_.find(world);
+        if (!answer.ok() || document == worlds_.end()) return;
+        auto bitmap = BitmapOf(Member(Member(*answer, "result"), "value"),
+                               kMaxCursorSide);
+        if (!bitmap.has_value()) return;
+        if (cursor_images_.size() >= kMaxCursorImages) cursor_images_.clear();
+        cursor_images_.insert_or_assign({document->second.number, image},
+                                        *std::move(bitmap));
+        if (is_pointer_inside_ && pointed_at_ == world)
+          TakeCursor(world, Json(wanted_cursor_));
+      });
+}
+
+void Page::ShowCursor(const rpc::Cursor& cursor) {
+  if (cursor.SerializeAsString() == cursor_.SerializeAsString()) return;
+  cursor_ = cursor;
+  rpc::CursorChanged event;
+  *event.mutable_browser_id() = browser_;
+  *event.mutable_cursor() = cursor;
+  service_->WhenCursorChanged()(browser_, event);
+}
+
+void Page::TakeTooltip(const Json& report) {
+  const std::string& text = Text(report, "text");
+  if (text.empty()) {
+    HideTooltip();
+    return;
+  }
+  if (std::exchange(tooltip_, text) == text) return;
+  rpc::TooltipChanged event;
+  *event.mutable_browser_id() = browser_;
+  event.set_text(text);
+  event.set_direction(DirectionOf(Text(report, "direction")));
+  if (const auto anchor = PlaceOf(Member(report, "anchor")))
+    *event.mutable_anchor() = *anchor;
+  service_->WhenTooltipChanged()(browser_, event);
+}
+
+void Page::HideTooltip() {
+  if (std::exchange(tooltip_, "").empty()) return;
+  rpc::TooltipChanged event;
+  *event.mutable_browser_id() = browser_;
+  service_->WhenTooltipChanged()(browser_, event);
+}
+
+void Page::ForgetDocument() {
+  HideTooltip();
+  drop_downs_.Close();
+}
+
+void Page::TakeList(const World& world, const Json& report) {
+  const auto list =
+      static_cast<std::int64_t>(std::clamp(Number(report, "list"), 0.0, 1e9));
+  if (!drop_downs_.AreServed()) {
+    RunIn(world, absl::StrCat("orvaneAgent.drawList(", list, ")"));
+    return;
+  }
+  drop_downs_.Open(report, [this, world,
+                            list](std::optional<std::uint32_t> index) {
+    if (!worlds_.contains(world)) return;
+    RunIn(world,
+          absl::StrCat("orvaneAgent.chooseFromList(", list, ", ",
+                       index.has_value() ? absl::StrCat(*index) : "null", ")"));
+  });
+}
+
+void Page::TakeColorWish(const World& world, const std::string& frame,
+                         const Json& report) {
+  const auto wish =
+      static_cast<std::int64_t>(std::clamp(Number(report, "color"), 0.0, 1e9));
+  dialogs_.AskForColor(
+      frame, report,
+      [this, world, wish](const std::optional<std::string>& color) {
+        if (!worlds_.contains(world)) return;
+        RunIn(world,
+              absl::StrCat(
+                  "orvaneAgent.chooseColor(", wish, ", ",
+                  color.has_value() ? absl::StrCat("'", *color, "'") : "null",
+                  ")"));
+      });
+}
+
+void Page::TakeLiveRegion(std::uint64_t document, const Json& report) {
+  if (!viewport_.is_accessibility_on) return;
+  rpc::AriaLiveRegionChanged event;
+  *event.mutable_browser_id() = browser_;
+  // Regions are numbered in each document.
+  event.set_region_id(document << 32 |
+                      static_cast<std::uint32_t>(
+                          std::clamp(Number(report, "region"), 0.0, 4e9)));
+  event.set_text(Text(report, "text"));
+  event.set_politeness(PolitenessOf(Text(report, "politeness")));
+  event.set_priority(rpc::ARIA_LIVE_PRIORITY_NORMAL);
+  event.set_is_atomic(Flag(report, "atomic"));
+  event.set_relevant(RelevantOf(Text(report, "relevant")));
+  event.set_is_busy(Flag(report, "busy"));
+  event.set_language(Text(report, "language"));
+  service_->WhenAriaLiveRegionChanged()(browser_, event);
+}
+
+void Page::TakeAccessibleFocus(const Json& report) {
+  // A page can move its focus faster than any host answers.
+  if (!viewport_.is_accessibility_on || is_accessible_focus_offered_) return;
+  is_accessible_focus_offered_ = true;
+  rpc::AccessibilityRequestFocusCall call;
+  call.mutable_node();  // The engine's nodes have no names.
+  if (const auto place = PlaceOf(Member(report, "place")))
+    *call.mutable_bounds() = *place;
+  service_->OnAccessibilityRequestFocus()(
+      browser_, std::move(call),
+      [this, alive = std::weak_ptr<bool>(alive_)](
+          const absl::StatusOr<rpc::AccessibilityRequestFocusResponse>&) {
+        if (!alive.expired()) is_accessible_focus_offered_ = false;
+      },
+      {});
+}
+
+// The engine does not tell that something else is under a pointer that rests.
+void Page::LookAgain() {
+  if (!is_pointer_inside_ || look_timer_ != nullptr) return;
+  look_timer_ = loop_->RunAfter(kLookInterval, [this] {
+    look_timer_.reset();
+    if (!target_.has_value() || !worlds_.contains(pointed_at_)) return;
+    RunIn(pointed_at_, "orvaneAgent.look()");
+  });
+}
+
+}  // namespace chromium

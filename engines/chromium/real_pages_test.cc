@@ -1,0 +1,223 @@
+// Whole sessions: where the host tells the page to go, and what it learns of
+// it.
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "engines/chromium/real_engine_fixture.h"
+
+namespace chromium {
+namespace {
+
+using testing::AddressOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using testing::Stream;
+
+// Follows the state of the page.
+class RealPagesTest : public testing::RealEngineFixture {
+ protected:
+  void Open(const std::string& body, std::vector<std::string> options = {}) {
+    RealEngineFixture::Open(body, std::move(options));
+    watching_ = pages_->WhenPageChanged(
+        browser_,
+        [this](const rpc::PageChanged& event) { state_ = event.state(); });
+    const auto state = pages_->GetPage(browser_);
+    ASSERT_TRUE(state.ok()) << state.status();
+    state_ = *state;
+  }
+
+  void Load(const std::string& address) {
+    auto request = New<rpc::LoadRequest>();
+    request.set_address(address);
+    const auto loaded = pages_->Load(request);
+    EXPECT_TRUE(loaded.ok()) << loaded.status();
+  }
+  static std::string Titled(const std::string& title) {
+    return AddressOf("<!DOCTYPE html><title>" + title + "</title>");
+  }
+  void AwaitTitle(const std::string& title) {
+    loop_.RunUntil([&] { return state_.title() == title; });
+  }
+
+  rpc::EvaluateResponse Evaluate(const std::string& script) {
+    auto request = New<rpc::EvaluateRequest>();
+    request.set_script(script);
+    const auto outcome = pages_->Evaluate(request);
+    EXPECT_TRUE(outcome.ok()) << outcome.status();
+    return outcome.ok() ? *outcome : rpc::EvaluateResponse();
+  }
+
+  rpc::PageState state_;
+  Stream watching_;
+};
+
+TEST_F(RealPagesTest, AHostGoesSomewhereAndBackAndForth) {
+  Open("");
+  Load(Titled("First"));
+  AwaitTitle("First");
+  Load(Titled("Second"));
+  AwaitTitle("Second");
+  EXPECT_EQ(state_.address(), Titled("Second"));
+  EXPECT_EQ(state_.security(), rpc::PAGE_SECURITY_LOCAL);
+  loop_.RunUntil([this] { return state_.can_go_back(); });
+  EXPECT_TRUE(pages_->GoBack(browser_).ok());
+  AwaitTitle("First");
+  loop_.RunUntil([this] { return state_.can_go_forward(); });
+  EXPECT_TRUE(pages_->GoForward(browser_).ok());
+  AwaitTitle("Second");
+  loop_.RunUntil([this] { return !state_.is_loading(); });
+}
+
+TEST_F(RealPagesTest, TheFirstPageHasNothingBeforeIt) {
+  Open("");
+  loop_.RunUntil([this] { return !state_.is_loading(); });
+  EXPECT_EQ(pages_->GoBack(browser_).status().message(),
+            "there is no page to go back to");
+}
+
+TEST_F(RealPagesTest, AnAddressThatCannotBeReachedIsToldInWords) {
+  Open("");
+  Load("http://127.0.0.1:1/");
+  loop_.RunUntil([this] { return !state_.error().empty(); });
+  EXPECT_EQ(state_.address(), "http://127.0.0.1:1/");
+  EXPECT_THAT(std::string(state_.error()), HasSubstr("net::ERR_"));
+  Load(Titled("Back again"));
+  AwaitTitle("Back again");
+  EXPECT_EQ(state_.error(), "");
+}
+
+TEST_F(RealPagesTest, APageThatWaitsForADialogCanBeLeft) {
+  Open(
+      "<script>addEventListener('click', () =>"
+      "  setTimeout(() => alert('?')));</script>");
+  std::vector<orvane::Responder<rpc::CreateWebDialog>> responders;
+  dialogs_ = widget_->OnCreateWebDialog(
+      browser_, [&](const rpc::CreateWebDialogCall&,
+                    orvane::Responder<rpc::CreateWebDialog> responder) {
+        responders.push_back(std::move(responder));
+      });
+  Click(5, 5);
+  loop_.RunUntil([&] { return !responders.empty(); });
+  Load(Titled("Elsewhere"));
+  AwaitTitle("Elsewhere");
+}
+
+TEST_F(RealPagesTest, ATitleAndAnIconThatChangeAreTold) {
+  Open(
+      "<script>addEventListener('click', () => {"
+      "  document.title = 'Another';"
+      "  const link = document.createElement('link');"
+      "  link.rel = 'icon';"
+      "  link.href = `data:image/svg+xml,<svg xmlns='http://www.w3.org/2000/"
+      "svg' width='8' height='4'><rect width='8' height='4' fill='%23f00'/>"
+      "</svg>`;"
+      "  document.head.append(link); });</script>");
+  EXPECT_EQ(state_.icon_id(), 0u);
+  Click(5, 5);
+  AwaitTitle("Another");
+  loop_.RunUntil([this] { return state_.icon_id() != 0; });
+  const auto icon = pages_->GetPageIcon(browser_);
+  ASSERT_TRUE(icon.ok()) << icon.status();
+  EXPECT_EQ(icon->icon_id(), state_.icon_id());
+  EXPECT_EQ(icon->image().size().width(), 8);
+  EXPECT_EQ(icon->image().size().height(), 4);
+  EXPECT_EQ(icon->image().pixels().substr(0, 4),
+            std::string("\xff\x00\x00\xff", 4));
+}
+
+TEST_F(RealPagesTest, AWindowThatThePageWantsIsOffered) {
+  Open("<a href='about:blank' target=_blank style='display:block'>Open</a>");
+  std::vector<std::string> asked;
+  const Stream serving = pages_->OnOpenWindow(
+      browser_, [&](const rpc::OpenWindowCall& call,
+                    orvane::Responder<rpc::OpenWindow> responder) {
+        asked.emplace_back(call.address());
+        EXPECT_TRUE(call.is_user_gesture());
+        rpc::OpenWindowResponse answer;
+        answer.set_load_here(true);
+        EXPECT_TRUE(std::move(responder).Respond(answer).ok());
+      });
+  loop_.RunUntilIdle();
+  Click(5, 5);
+  loop_.RunUntil([this] { return state_.address() == "about:blank"; });
+  EXPECT_THAT(asked, ElementsAre("about:blank"));
+}
+
+TEST_F(RealPagesTest, ADownloadIsSavedWhereTheHostSays) {
+  Open(
+      "<a href='data:text/plain,hello' download='name.txt'"
+      " style='display:block'>Save</a>");
+  const std::string path = files_.path() + "/saved.txt";
+  std::vector<std::string> names;
+  const Stream serving = pages_->OnDownload(
+      browser_, [&](const rpc::DownloadCall& call,
+                    orvane::Responder<rpc::Download> responder) {
+        names.emplace_back(call.suggested_name());
+        rpc::DownloadResponse answer;
+        answer.set_path(path);
+        EXPECT_TRUE(std::move(responder).Respond(answer).ok());
+      });
+  rpc::DownloadChanged latest;
+  const Stream following = pages_->WhenDownloadChanged(
+      browser_, [&](const rpc::DownloadChanged& event) { latest = event; });
+  loop_.RunUntilIdle();
+  Click(5, 5);
+  loop_.RunUntil([&] {
+    return latest.status() == rpc::DOWNLOAD_STATUS_COMPLETED ||
+           latest.status() == rpc::DOWNLOAD_STATUS_FAILED;
+  });
+  EXPECT_EQ(latest.error(), "");
+  EXPECT_THAT(names, ElementsAre("name.txt"));
+  std::ifstream file(path);
+  EXPECT_EQ(std::string((std::istreambuf_iterator<char>(file)), {}), "hello");
+}
+
+TEST_F(RealPagesTest, ScriptsRunIfTheServerAllowsThem) {
+  Open("<script>let answer = 40;</script>", {"--allow-scripts"});
+  EXPECT_EQ(Evaluate("answer + 2").json(), "42");
+  EXPECT_EQ(Evaluate("Promise.resolve({ a: [1, null] })").json(),
+            R"({"a":[1,null]})");
+  EXPECT_EQ(Evaluate("undefined").json(), "null");
+  EXPECT_THAT(std::string(Evaluate("throw new Error('no')").exception()),
+              HasSubstr("Error: no"));
+}
+
+TEST_F(RealPagesTest, AScriptThatDoesNotEndIsEnded) {
+  Open("", {"--allow-scripts"});
+  auto request = New<rpc::EvaluateRequest>("script: 'for (;;);'");
+  request.set_timeout_ms(100);
+  EXPECT_FALSE(pages_->Evaluate(request).ok());
+  EXPECT_EQ(Evaluate("1").json(), "1");
+}
+
+TEST_F(RealPagesTest, APageThatHangsIsToldAndCanBeStopped) {
+  Open("<script>addEventListener('mousedown', () => { for (;;); });</script>");
+  std::vector<rpc::PageFailure> failures;
+  const Stream following =
+      pages_->WhenPageFailed(browser_, [&](const rpc::PageFailed& event) {
+        failures.push_back(event.failure());
+      });
+  loop_.RunUntilIdle();
+  Click(5, 5);
+  loop_.RunUntil([&] { return state_.is_unresponsive(); });
+  EXPECT_THAT(failures, ElementsAre(rpc::PAGE_FAILURE_UNRESPONSIVE));
+  EXPECT_TRUE(pages_->Stop(browser_).ok());
+  loop_.RunUntil([&] { return !state_.is_unresponsive(); });
+}
+
+TEST_F(RealPagesTest, APageThatHangsCanBeLeft) {
+  Open("<script>addEventListener('mousedown', () => { for (;;); });</script>");
+  Click(5, 5);
+  loop_.RunUntil([&] { return state_.is_unresponsive(); });
+  Load(Titled("Elsewhere"));
+  AwaitTitle("Elsewhere");
+}
+
+}  // namespace
+}  // namespace chromium
