@@ -232,10 +232,9 @@ void Dialogs::OpenFileDialog(const EngineEvent& event) {
         });
 }
 
-const std::string& Dialogs::OriginIn(const std::string& frame) const {
-  static const std::string* const kNone = new std::string("null");
+std::string Dialogs::OriginIn(const std::string& frame) const {
   const auto found = frames_.find(frame);
-  return found == frames_.end() ? *kNone : found->second.origin;
+  return found == frames_.end() ? "null" : found->second.origin;
 }
 
 void Dialogs::AskForColor(

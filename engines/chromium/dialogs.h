@@ -67,7 +67,7 @@ class Dialogs {
   void AskForFiles(const std::string& session, Json::number_integer_t node,
                    rpc::CreateWebDialogCall call);
   void CancelFiles(const std::string& session, Json::number_integer_t node);
-  const std::string& OriginIn(const std::string& frame) const;
+  std::string OriginIn(const std::string& frame) const;
   rpc::CreateWebDialogCall NewCall(const std::string& frame,
                                    const std::string& origin) const;
 

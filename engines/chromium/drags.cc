@@ -16,12 +16,6 @@ namespace {
 
 using Items = google::protobuf::RepeatedPtrField<rpc::DragItem>;
 
-// Where a drag goes that leaves the view.
-constexpr int kOutside = -50;
-
-// Where the page itself takes a drop whose target is elsewhere.
-constexpr int kSomewhere = 1;
-
 constexpr std::uint32_t kAllOperations = rpc::DRAG_OPERATION_COPY |
                                          rpc::DRAG_OPERATION_LINK |
                                          rpc::DRAG_OPERATION_MOVE;
@@ -32,6 +26,12 @@ rpc::PointDip PointAt(double x, double y) {
   point.set_y(y);
   return point;
 }
+
+// Where a drag goes that leaves the view.
+rpc::PointDip Outside() { return PointAt(-50, -50); }
+
+// Where the page itself takes a drop whose target is elsewhere.
+rpc::PointDip Somewhere() { return PointAt(1, 1); }
 
 Json DataOf(const Items& items, std::uint32_t allowed_operations) {
   Json texts = Json::array();
@@ -96,14 +96,11 @@ void Drags::Begin(const Json& data, const rpc::PointDip& position) {
   own_data_["dragOperationsMask"] = allowed_operations_;
   data_ = own_data_;
   told_.reset();
-  SendAt("dragEnter", position, 0);
-  SendAt("dragOver", position, 0);
-  rpc::DragCursorUpdated event;
-  *event.mutable_browser_id() = browser_;
-  event.set_began_in_page(true);
-  if (service_->WhenDragCursorUpdated()(browser_, event) > 0) return;
+  SendAt("dragEnter", data_, position);
+  SendAt("dragOver", data_, position);
+  if (Tell(rpc::DRAG_OPERATION_UNSPECIFIED) > 0) return;
   // Nobody will drag it, and the page takes no clicks while it is dragged.
-  SendAt("dragCancel", position, 0);
+  SendAt("dragCancel", data_, position);
   Forget();
 }
 
@@ -120,9 +117,9 @@ void Drags::Enter(const rpc::DragEnterRequest& event) {
     data_ = DataOf(event.items(), allowed_operations_);
   }
   told_.reset();
-  SendAt("dragEnter", event.position(), event.input().modifiers());
+  SendAt("dragEnter", data_, event.position(), event.input().modifiers());
   // The first event of the page's that says what a drop would do.
-  SendAt("dragOver", event.position(), event.input().modifiers());
+  SendAt("dragOver", data_, event.position(), event.input().modifiers());
 }
 
 void Drags::Over(const rpc::DragOverRequest& event) {
@@ -132,7 +129,7 @@ void Drags::Over(const rpc::DragOverRequest& event) {
   }
   // Twice, since the first one over another element only enters that.
   for (int i = 0; i < 2; ++i)
-    SendAt("dragOver", event.position(), event.input().modifiers());
+    SendAt("dragOver", data_, event.position(), event.input().modifiers());
 }
 
 void Drags::Leave() {
@@ -140,16 +137,16 @@ void Drags::Leave() {
     Cancel();
     return;
   }
-  SendAt("dragOver", PointAt(kOutside, kOutside), 0);
+  SendAt("dragOver", data_, Outside());
   data_ = Json();
 }
 
 void Drags::Cancel() {
-  if (data_.is_null()) data_ = own_data_;
-  if (data_.is_null()) return;
-  const rpc::PointDip outside = PointAt(kOutside, kOutside);
-  SendAt("dragOver", outside, 0);  // dragCancel alone tells the page nothing.
-  SendAt("dragCancel", outside, 0);
+  const Json& data = data_.is_null() ? own_data_ : data_;
+  if (data.is_null()) return;
+  SendAt("dragOver", data,
+         Outside());  // dragCancel alone tells the page nothing.
+  SendAt("dragCancel", data, Outside());
   Forget();
 }
 
@@ -160,38 +157,32 @@ void Drags::Drop(const rpc::DragDropRequest& event) {
     allowed_operations_ = event.allowed_operations();
     data_ = DataOf(event.items(), allowed_operations_);
   }
-  SendAt("drop", event.position(), event.input().modifiers());
+  SendAt("drop", data_, event.position(), event.input().modifiers());
   data_ = Json();
 }
 
 void Drags::End(const rpc::DragEndRequest& event) {
   if (!has_begun_in_page()) return;  // The page went meanwhile.
-  const bool is_over = is_own_dropped_;
-  data_ = std::exchange(own_data_, Json());
-  if (is_over) {
-    data_ = Json();
-  } else if (event.operation() == rpc::DRAG_OPERATION_UNSPECIFIED) {
-    SendAt("dragCancel", PointAt(kOutside, kOutside), 0);
-    data_ = Json();
-  } else {
-    // The engine has no other way to tell the page what the target did.
-    drop_silently_(EffectOf(event.operation()), [this, data = std::exchange(
-                                                           data_, Json())] {
-      data_ = data;
-      const rpc::PointDip somewhere = PointAt(kSomewhere, kSomewhere);
-      for (const char* const type : {"dragEnter", "dragOver", "drop"})
-        SendAt(type, somewhere, 0);
-      data_ = Json();
-    });
+  Json data = std::move(own_data_);
+  Forget();
+  if (is_own_dropped_) return;
+  if (event.operation() == rpc::DRAG_OPERATION_UNSPECIFIED) {
+    SendAt("dragCancel", data, Outside());
+    return;
   }
+  // The engine has no other way to tell the page what the target did.
+  drop_silently_(EffectOf(event.operation()), [this, data = std::move(data)] {
+    for (const char* const type : {"dragEnter", "dragOver", "drop"})
+      SendAt(type, data, Somewhere());
+  });
 }
 
-void Drags::SendAt(const char* type, const rpc::PointDip& position,
-                   std::uint32_t modifiers) {
+void Drags::SendAt(const char* type, const Json& data,
+                   const rpc::PointDip& position, std::uint32_t modifiers) {
   send_({{"type", type},
          {"x", position.x()},
          {"y", position.y()},
-         {"data", data_},
+         {"data", data},
          {"modifiers", EngineModifiers(modifiers)}});
 }
 
@@ -200,12 +191,15 @@ void Drags::TakeEffect(const std::string& effect) {
   rpc::DragOperation operation = OperationOf(effect);
   if ((operation & allowed_operations_) == 0)
     operation = rpc::DRAG_OPERATION_UNSPECIFIED;
-  if (std::exchange(told_, operation) == operation) return;
+  if (std::exchange(told_, operation) != operation) Tell(operation);
+}
+
+std::size_t Drags::Tell(rpc::DragOperation operation) {
   rpc::DragCursorUpdated event;
   *event.mutable_browser_id() = browser_;
   event.set_operation(operation);
   event.set_began_in_page(has_begun_in_page());
-  service_->WhenDragCursorUpdated()(browser_, event);
+  return service_->WhenDragCursorUpdated()(browser_, event);
 }
 
 }  // namespace chromium

@@ -3,6 +3,7 @@
 #ifndef ENGINES_CHROMIUM_DRAGS_H_
 #define ENGINES_CHROMIUM_DRAGS_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -52,8 +53,10 @@ class Drags {
   void TakeEffect(const std::string& effect);
 
  private:
-  void SendAt(const char* type, const rpc::PointDip& position,
-              std::uint32_t modifiers);
+  void SendAt(const char* type, const Json& data, const rpc::PointDip& position,
+              std::uint32_t modifiers = 0);
+  // Returns how many hosts learn it.
+  std::size_t Tell(rpc::DragOperation operation);
 
   const BrowserId browser_;
   rpc::BrowserWidgetRpc* const service_;

@@ -23,6 +23,14 @@ constexpr int kScreenStep = 32768;
 
 }  // namespace
 
+absl::StatusOr<LaunchedEngine> LaunchEngine(orvane::EventLoop* loop,
+                                            const EngineCommand& command) {
+  auto process = EngineProcess::Start(loop, command);
+  if (!process.ok()) return process.status();
+  orvane::OwnedDescriptor pipe = (*process)->TakePipe();
+  return LaunchedEngine{*std::move(process), std::move(pipe)};
+}
+
 Engine::Engine(orvane::EventLoop* loop, Launch launch, std::string downloads)
     : loop_(loop),
       launch_(std::move(launch)),

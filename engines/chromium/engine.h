@@ -37,6 +37,10 @@ struct LaunchedEngine {
   orvane::OwnedDescriptor pipe;
 };
 
+// Starts the system's engine.
+absl::StatusOr<LaunchedEngine> LaunchEngine(orvane::EventLoop* loop,
+                                            const EngineCommand& command);
+
 // Runs one engine for all pages. If it ends, a new one is started after a
 // second, or later if it keeps ending, and every page is opened again.
 //

@@ -9,12 +9,10 @@
 #include <vector>
 
 #include "absl/status/status.h"
-#include "absl/status/statusor.h"
 #include "absl/time/time.h"
 
 #include "engines/chromium/downloads.h"
 #include "engines/chromium/engine.h"
-#include "engines/chromium/engine_process.h"
 #include "engines/chromium/options.h"
 #include "engines/chromium/page.h"
 #include "engines/chromium/page_service.h"
@@ -44,13 +42,7 @@ int main(int argc, char** argv) {
   const auto downloads = chromium::DownloadFolder::Make();
   if (!downloads.ok()) return Fail(downloads.status());
   chromium::Engine engine(
-      &loop,
-      [&]() -> absl::StatusOr<chromium::LaunchedEngine> {
-        auto process = chromium::EngineProcess::Start(&loop, options.engine);
-        if (!process.ok()) return process.status();
-        orvane::OwnedDescriptor pipe = (*process)->TakePipe();
-        return chromium::LaunchedEngine{*std::move(process), std::move(pipe)};
-      },
+      &loop, [&] { return chromium::LaunchEngine(&loop, options.engine); },
       (*downloads)->path());
   chromium::PageService page_service(options.allows_scripts);
   const chromium::Page::Context context = {&loop, &engine, &options.addresses,

@@ -138,9 +138,7 @@ void Navigation::WhenResponsive(orvane::Task task) {
 
 void Navigation::Begin(const std::string& frame) {
   frame_ = frame;
-  has_document_ = false;
-  is_blank_page_known_ = true;
-  is_forgetting_ = false;
+  blank_page_ = BlankPage::kShown;
   Navigate(shown_);
 }
 
@@ -255,7 +253,7 @@ void Navigation::OnEvent(const EngineEvent& event) {
 void Navigation::TakeDocument(const Json& frame) {
   ++documents_;
   ForgetDocument();
-  has_document_ = true;
+  if (blank_page_ == BlankPage::kShown) blank_page_ = BlankPage::kInHistory;
   ForgetBlankPage();
   const std::string& unreachable = Text(frame, "unreachableUrl");
   const std::string address = Text(frame, "url") + Text(frame, "urlFragment");
@@ -286,22 +284,19 @@ void Navigation::ForgetDocument() {
 }
 
 void Navigation::ForgetBlankPage() {
-  // The engine refuses it at some moments, so it is tried again.
-  if (!has_document_ || !is_blank_page_known_ ||
-      std::exchange(is_forgetting_, true)) {
-    return;
-  }
+  if (blank_page_ != BlankPage::kInHistory) return;
+  blank_page_ = BlankPage::kBeingForgotten;
   send_("Page.resetNavigationHistory", Json::object(),
         [this](const absl::StatusOr<Json>& answer) {
-          is_forgetting_ = false;
-          if (!answer.ok()) return;
-          is_blank_page_known_ = false;
+          // The engine refuses it at some moments, so it is tried again.
+          blank_page_ =
+              answer.ok() ? BlankPage::kForgotten : BlankPage::kInHistory;
           LookAtHistory();
         });
 }
 
 void Navigation::LookAtHistory() {
-  if (is_blank_page_known_) return;
+  if (blank_page_ != BlankPage::kForgotten) return;
   // A page can change its history faster than it can be looked at.
   if (is_looking_at_history_) {
     must_look_again_ = true;

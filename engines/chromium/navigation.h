@@ -71,6 +71,10 @@ class Navigation {
   void SetUnresponsive(bool is_unresponsive);
 
  private:
+  // The one with which each target begins, and to which nobody wants to go
+  // back.
+  enum class BlankPage { kShown, kInHistory, kBeingForgotten, kForgotten };
+
   // Runs it when no script keeps the page from following. A page that is told
   // to go elsewhere while it hangs would never come back.
   void WhenResponsive(orvane::Task task);
@@ -102,11 +106,7 @@ class Navigation {
   std::uint64_t last_load_ = 0;
   bool is_asked_for_ = false;    // The latest load is not finished yet.
   std::uint64_t documents_ = 0;  // That the page has had.
-  bool has_document_ = false;    // Other than the one that it began with.
-  // The history has the blank page with which each target begins, and to which
-  // nobody wants to go back.
-  bool is_blank_page_known_ = true;
-  bool is_forgetting_ = false;
+  BlankPage blank_page_ = BlankPage::kShown;
   bool has_given_up_ = false;  // The page that is shown says that it crashes.
   std::deque<absl::Time> crashes_;  // The latest.
 

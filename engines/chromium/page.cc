@@ -69,12 +69,6 @@ bool IsTab(const rpc::Key& key) {
   return key.key() == "Tab" || key.windows_key_code() == kTabCode;
 }
 
-rpc::Cursor DefaultCursor() {
-  rpc::Cursor cursor;
-  cursor.set_type(rpc::CURSOR_TYPE_DEFAULT);
-  return cursor;
-}
-
 rpc::CursorType CursorOf(const std::string& keyword) {
   const std::string name = absl::StrCat(
       "CURSOR_TYPE_",
@@ -185,7 +179,6 @@ Page::Page(const Context& context, std::uint64_t browser, std::string address,
               ExpectPicture();
             }
           }) {
-  cursor_ = DefaultCursor();  // Until it is told another one.
   engine_->Add(this);
 }
 
@@ -284,19 +277,11 @@ void Page::SetUpSession(const std::string& session) {
 
 void Page::OnTargetLost() {
   target_.reset();
-  worlds_.clear();
-  dialogs_.Reset();
+  ForgetProcess();
   pictures_.Reset();
   navigation_.End();
   downloads_.Reset();
-  ForgetDocument();
-  ShowCursor(DefaultCursor());
   is_drawn_ = false;
-  is_focus_moving_ = false;
-  held_.clear();
-  begin_focus_move_ = nullptr;
-  unanswered_input_ = std::make_shared<int>(0);
-  drags_.Forget();
   newest_move_.reset();
   unanswered_moves_ = 0;
   fingers_ = Fingers();
@@ -324,8 +309,7 @@ void Page::SetViewport(const widget_server::Viewport& viewport) {
     LiftAll();
     if (std::exchange(is_pointer_inside_, false)) SendMouse(MouseGone());
     ForgetDocument();
-    cursor_ =
-        DefaultCursor();  // The host has gone back to the default by itself.
+    cursor_ = {};  // The host has gone back to the default by itself.
   }
   if (!old.is_accessibility_on && viewport_.is_accessibility_on)
     RunInAll("orvaneAgent.turnAccessibilityOn()");
@@ -748,7 +732,8 @@ void Page::DropSilently(const std::string& effect, orvane::Task drop) {
   Run(absl::StrCat("orvaneAgent.takeDrops('", effect, "')"),
       [this, drop = std::move(drop)](const absl::StatusOr<Json>&) mutable {
         std::move(drop)();
-        // Counts as input, so that it comes after the drop.
+        // As a move of the focus does, this waits until the page has got what
+        // was sent before.
         MoveFocus([this] {
           Run("orvaneAgent.takeDrops(null)",
               [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
@@ -880,6 +865,12 @@ void Page::CheckRequest(const EngineEvent& event) {
 }
 
 void Page::Recover() {
+  ForgetProcess();
+  pictures_.ForgetShown();
+  navigation_.Recover();
+}
+
+void Page::ForgetProcess() {
   worlds_.clear();
   is_focus_moving_ = false;
   held_.clear();
@@ -887,10 +878,8 @@ void Page::Recover() {
   unanswered_input_ = std::make_shared<int>(0);
   drags_.Forget();
   dialogs_.Reset();
-  pictures_.ForgetShown();
   ForgetDocument();
-  ShowCursor(DefaultCursor());
-  navigation_.Recover();
+  ShowCursor({});
 }
 
 void Page::TakeReport(const World& world, const Json& report) {
@@ -927,24 +916,23 @@ void Page::TakeReport(const World& world, const Json& report) {
 
 void Page::TakeCursor(const World& world, const Json& report) {
   wanted_cursor_ = report;
-  rpc::Cursor cursor;
-  cursor.set_type(CursorOf(Text(report, "cursor")));
-  const auto image =
+  ShownCursor cursor = {.type = CursorOf(Text(report, "cursor"))};
+  const auto number =
       static_cast<std::int64_t>(std::clamp(Number(report, "image"), 0.0, 1e6));
   const auto document = worlds_.find(world);
-  if (image != 0 && document != worlds_.end()) {
-    const auto found = cursor_images_.find({document->second.number, image});
+  if (number != 0 && document != worlds_.end()) {
+    const CursorImage image = {document->second.number, number};
+    const auto found = cursor_images_.find(image);
     if (found == cursor_images_.end()) {
-      FetchCursorImage(world, image);
+      FetchCursorImage(world, number);
     } else {
-      const rpc::Bitmap& bitmap = found->second;
-      cursor.set_type(rpc::CURSOR_TYPE_CUSTOM);
-      *cursor.mutable_custom()->mutable_image() = bitmap;
-      rpc::PointPx& hotspot = *cursor.mutable_custom()->mutable_hotspot();
-      hotspot.set_x(static_cast<int>(
-          std::clamp(Number(report, "x"), 0.0, bitmap.size().width() - 1.0)));
-      hotspot.set_y(static_cast<int>(
-          std::clamp(Number(report, "y"), 0.0, bitmap.size().height() - 1.0)));
+      const rpc::SizePx& size = found->second.size();
+      const auto within = [&](const char* name, int side) {
+        return static_cast<int>(
+            std::clamp(Number(report, name), 0.0, side - 1.0));
+      };
+      cursor = {rpc::CURSOR_TYPE_CUSTOM, image, within("x", size.width()),
+                within("y", size.height())};
     }
   }
   ShowCursor(cursor);
@@ -974,12 +962,17 @@ void Page::FetchCursorImage(const World& world, std::int64_t image) {
       });
 }
 
-void Page::ShowCursor(const rpc::Cursor& cursor) {
-  if (cursor.SerializeAsString() == cursor_.SerializeAsString()) return;
-  cursor_ = cursor;
+void Page::ShowCursor(const ShownCursor& cursor) {
+  if (std::exchange(cursor_, cursor) == cursor) return;
   rpc::CursorChanged event;
   *event.mutable_browser_id() = browser_;
-  *event.mutable_cursor() = cursor;
+  event.mutable_cursor()->set_type(cursor.type);
+  if (cursor.type == rpc::CURSOR_TYPE_CUSTOM) {
+    rpc::CustomCursor& custom = *event.mutable_cursor()->mutable_custom();
+    *custom.mutable_image() = cursor_images_[cursor.image];
+    custom.mutable_hotspot()->set_x(cursor.x);
+    custom.mutable_hotspot()->set_y(cursor.y);
+  }
   service_->WhenCursorChanged()(browser_, event);
 }
 

@@ -111,6 +111,18 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
     }
   };
 
+  // By document, and by number there.
+  using CursorImage = std::pair<std::uint64_t, std::int64_t>;
+
+  struct ShownCursor {
+    rpc::CursorType type = rpc::CURSOR_TYPE_DEFAULT;
+    CursorImage image = {};  // Of a custom one, as are the next.
+    int x = 0;
+    int y = 0;
+
+    bool operator==(const ShownCursor& other) const = default;
+  };
+
   struct Document {
     std::string frame;
     std::uint64_t number;  // Among those that this page has had.
@@ -168,7 +180,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void TakeReport(const World& world, const Json& report);
   void TakeCursor(const World& world, const Json& report);
   void FetchCursorImage(const World& world, std::int64_t image);
-  void ShowCursor(const rpc::Cursor& cursor);
+  void ShowCursor(const ShownCursor& cursor);
   void TakeTooltip(const Json& report);
   void HideTooltip();
   void TakeList(const World& world, const Json& report);
@@ -177,6 +189,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void TakeLiveRegion(std::uint64_t document, const Json& report);
   void TakeAccessibleFocus(const Json& report);
   void ForgetDocument();  // What the page showed is gone.
+  void ForgetProcess();   // All that the page's process knew is gone.
   void LookAgain();
   void Recover();
   void CheckRequest(const EngineEvent& event);
@@ -215,12 +228,10 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   bool is_focus_offered_ = false;
   bool is_accessible_focus_offered_ = false;
 
-  rpc::Cursor cursor_;  // That the host shows.
-  // What the cursor is to be, and the images that it has had: by document and
-  // number there.
-  Json wanted_cursor_;
+  ShownCursor cursor_;               // By the host.
+  Json wanted_cursor_;               // The latest report of one.
   bool is_fetching_cursor_ = false;  // A page can ask faster than that.
-  std::map<std::pair<std::uint64_t, std::int64_t>, rpc::Bitmap> cursor_images_;
+  std::map<CursorImage, rpc::Bitmap> cursor_images_;
   std::string tooltip_;  // Empty if none is shown.
   World pointed_at_;     // Whose document had the pointer last.
   std::unique_ptr<orvane::EventLoop::Timer> look_timer_;

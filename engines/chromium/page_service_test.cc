@@ -49,12 +49,28 @@ class PageServiceTest : public testing::PageFixture {
   }
 
   absl::Status Load(const std::string& address) {
-    rpc::LoadRequest request;
-    *request.mutable_browser_id() = browser_;
+    auto request = New<rpc::LoadRequest>();
     request.set_address(address);
     const absl::Status status = pages_->Load(request).status();
     scripted_->Settle();
     return status;
+  }
+
+  void Reload(bool bypass_cache = false) {
+    auto request = New<rpc::ReloadRequest>();
+    request.set_bypass_cache(bypass_cache);
+    EXPECT_TRUE(pages_->Reload(request).ok());
+    scripted_->Settle();
+  }
+
+  // Its outcome will be in answer_.
+  void Evaluate(const std::string& script) {
+    auto request = New<rpc::EvaluateRequest>();
+    request.set_script(script);
+    pages_->Evaluate(request,
+                     [this](absl::StatusOr<rpc::EvaluateResponse> outcome) {
+                       answer_ = std::move(outcome);
+                     });
   }
 
   // The engine's reply to the load of that number, by default the first.
@@ -95,6 +111,7 @@ class PageServiceTest : public testing::PageFixture {
   std::unique_ptr<orvane::ClientStream> failures_;
   std::vector<rpc::PageState> states_;
   std::vector<rpc::PageFailure> failed_;
+  std::optional<absl::StatusOr<rpc::EvaluateResponse>> answer_;
 };
 
 // Going somewhere
@@ -142,10 +159,7 @@ TEST_F(PageServiceTest, AFailureIsToldInWords) {
 
 TEST_F(PageServiceTest, AReloadOfWhatFailedLoadsTheAddressAgain) {
   TellOfPage("chrome-error://chromewebdata/", "https://nowhere.example/");
-  rpc::ReloadRequest request;
-  *request.mutable_browser_id() = browser_;
-  EXPECT_TRUE(pages_->Reload(request).ok());
-  scripted_->Settle();
+  Reload();
   EXPECT_EQ(LoadedAddresses(), Json({"https://nowhere.example/"}));
 }
 
@@ -167,11 +181,7 @@ TEST_F(PageServiceTest, OfTwoLoadsTheLatestCounts) {
 }
 
 TEST_F(PageServiceTest, AReloadCanBypassTheCache) {
-  rpc::ReloadRequest request;
-  *request.mutable_browser_id() = browser_;
-  request.set_bypass_cache(true);
-  EXPECT_TRUE(pages_->Reload(request).ok());
-  scripted_->Settle();
+  Reload(/*bypass_cache=*/true);
   ASSERT_THAT(scripted_->Params("Page.reload"), SizeIs(1));
   EXPECT_TRUE(Flag(scripted_->Params("Page.reload")[0], "ignoreCache"));
 }
@@ -334,10 +344,7 @@ TEST_F(PageServiceTest, APageThatKeepsCrashingComesBackOnceItIsAskedFor) {
   TellOfPage(LoadedAddresses()[0].get<std::string>());
   EXPECT_EQ(State().address(), "https://first.example/");
   EXPECT_EQ(State().error(), "the page keeps crashing");
-  rpc::ReloadRequest request;
-  *request.mutable_browser_id() = browser_;
-  EXPECT_TRUE(pages_->Reload(request).ok());
-  scripted_->Settle();
+  Reload();
   EXPECT_EQ(LoadedAddresses()[1], "https://first.example/");
 }
 
@@ -346,16 +353,10 @@ TEST_F(PageServiceTest, APageThatKeepsCrashingComesBackOnceItIsAskedFor) {
 TEST_F(PageServiceTest, AScriptsValueIsJson) {
   scripted_->ReplyTo("Runtime.evaluate",
                      {{"result", {{"type", "object"}, {"value", {1, "a"}}}}});
-  rpc::EvaluateRequest request;
-  *request.mutable_browser_id() = browser_;
-  request.set_script("[1, 'a']");
-  std::optional<absl::StatusOr<rpc::EvaluateResponse>> answer;
-  pages_->Evaluate(request, [&](absl::StatusOr<rpc::EvaluateResponse> got) {
-    answer = std::move(got);
-  });
-  while (!answer.has_value()) scripted_->Settle();
-  ASSERT_TRUE(answer->ok()) << answer->status();
-  EXPECT_EQ((*answer)->json(), "[1,\"a\"]");
+  Evaluate("[1, 'a']");
+  while (!answer_.has_value()) scripted_->Settle();
+  ASSERT_TRUE(answer_->ok()) << answer_->status();
+  EXPECT_EQ((*answer_)->json(), "[1,\"a\"]");
   const Json params = scripted_->Params("Runtime.evaluate")[0];
   EXPECT_EQ(Text(params, "expression"), "[1, 'a']");
   EXPECT_EQ(Number(params, "timeout"), 5000);
@@ -368,29 +369,19 @@ TEST_F(PageServiceTest, WhatAScriptThrowsIsTold) {
        {"exceptionDetails",
         {{"text", "Uncaught"},
          {"exception", {{"description", "Error: no\n    at 1:1"}}}}}});
-  rpc::EvaluateRequest request;
-  *request.mutable_browser_id() = browser_;
-  std::optional<absl::StatusOr<rpc::EvaluateResponse>> answer;
-  pages_->Evaluate(request, [&](absl::StatusOr<rpc::EvaluateResponse> got) {
-    answer = std::move(got);
-  });
-  while (!answer.has_value()) scripted_->Settle();
-  ASSERT_TRUE(answer->ok()) << answer->status();
-  EXPECT_EQ((*answer)->exception(), "Error: no\n    at 1:1");
+  Evaluate("");
+  while (!answer_.has_value()) scripted_->Settle();
+  ASSERT_TRUE(answer_->ok()) << answer_->status();
+  EXPECT_EQ((*answer_)->exception(), "Error: no\n    at 1:1");
 }
 
 TEST_F(PageServiceTest, AScriptWhoseEngineEndsFails) {
   scripted_->NeverReplyTo("Runtime.evaluate");
-  rpc::EvaluateRequest request;
-  *request.mutable_browser_id() = browser_;
-  std::optional<absl::StatusOr<rpc::EvaluateResponse>> answer;
-  pages_->Evaluate(request, [&](absl::StatusOr<rpc::EvaluateResponse> got) {
-    answer = std::move(got);
-  });
+  Evaluate("");
   scripted_->Settle();
   scripted_->Close();
-  loop_.RunUntil([&] { return answer.has_value(); });
-  EXPECT_FALSE(answer->ok());
+  loop_.RunUntil([this] { return answer_.has_value(); });
+  EXPECT_FALSE(answer_->ok());
 }
 
 TEST(PageService, RunsNoScriptsUnlessItMay) {

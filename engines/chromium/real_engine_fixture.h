@@ -20,7 +20,6 @@
 #include <vector>
 
 #include "absl/status/status.h"
-#include "absl/status/statusor.h"
 #include "absl/strings/ascii.h"
 #include "absl/strings/match.h"
 #include "absl/strings/str_cat.h"
@@ -32,7 +31,6 @@
 #include "rpc/browser/browser_widget.client.h"
 #include "rpc/browser/page.client.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
-#include "zimbrel/src/core/common/rpc/owned_descriptor.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/testing/text.h"
@@ -90,12 +88,7 @@ class RealEngineFixture : public ::testing::Test {
   // is made of, and it never runs without.
   static absl::Status StartAlone() {
     orvane::EventLoop loop;
-    Engine engine(&loop, [&]() -> absl::StatusOr<LaunchedEngine> {
-      auto process = EngineProcess::Start(&loop, EngineCommand());
-      if (!process.ok()) return process.status();
-      orvane::OwnedDescriptor pipe = (*process)->TakePipe();
-      return LaunchedEngine{*std::move(process), std::move(pipe)};
-    });
+    Engine engine(&loop, [&] { return LaunchEngine(&loop, EngineCommand()); });
     return engine.Start();
   }
 
