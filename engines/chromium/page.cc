@@ -43,9 +43,11 @@ constexpr std::size_t kMaxCursorImages = 64;
 
 constexpr absl::Duration kLookInterval = absl::Milliseconds(100);
 
-// How long the engine may take to draw a new size, and how often to ask again.
+// How long the engine may take to draw a new size before it is asked again. The
+// time doubles up to the longer one, since a slow engine is slow to begin
+// again, too.
 constexpr absl::Duration kPictureTime = absl::Milliseconds(500);
-constexpr int kMaxMissingPictures = 5;
+constexpr absl::Duration kLongPictureTime = absl::Seconds(8);
 
 // After which a page that has not reacted to input counts as unresponsive.
 constexpr absl::Duration kInputTime = absl::Seconds(5);
@@ -174,11 +176,9 @@ Page::Page(const Context& context, std::uint64_t browser, std::string address,
             Send("Page.screencastFrameAck", {{"sessionId", number}});
           },
           [this] {
-            if (picture_timer_ == nullptr &&
-                missing_pictures_ <= kMaxMissingPictures) {
-              ExpectPicture();
-            }
+            if (picture_timer_ == nullptr) ExpectPicture();
           }) {
+  picture_time_ = kPictureTime;
   engine_->Add(this);
 }
 
@@ -251,7 +251,11 @@ void Page::StartScreencast() {
   // Without the last frame, a page that stands still after some quick changes
   // would be seen in an old state.
   Send("Page.startScreencast",
-       {{"format", "png"}, {"maxFramesInFlight", 2}, {"sendLastFrame", true}});
+       {{"format", "png"}, {"maxFramesInFlight", 2}, {"sendLastFrame", true}},
+       [this](const absl::StatusOr<Json>&) {
+         // Begun while the page goes elsewhere, it sends nothing.
+         pictures_.Await();
+       });
 }
 
 void Page::SetUpSession(const std::string& session) {
@@ -378,7 +382,7 @@ void Page::PlaceWindow() {
   pictures_.SetSize(PixelsOf(place.width, scale), PixelsOf(place.height, scale),
                     scale);
   SendPlace();
-  missing_pictures_ = 0;
+  picture_time_ = kPictureTime;
   ExpectPicture();
 }
 
@@ -396,17 +400,18 @@ void Page::SendPlace() {
 // A page can resize its window, of which nobody tells, and now and then the
 // engine sends no picture after a change of size. Both are put right.
 void Page::ExpectPicture() {
-  picture_timer_ = loop_->RunAfter(kPictureTime, [this] {
+  picture_timer_ = loop_->RunAfter(picture_time_, [this] {
     picture_timer_.reset();
     if (!target_.has_value() || !is_drawn_) return;
     const WindowPlace place = WindowPlaceOf(viewport_);
     if (pictures_.is_current() || place.width == 0 || place.height == 0) {
-      missing_pictures_ = 0;
+      picture_time_ = kPictureTime;
       return;
     }
-    if (++missing_pictures_ > kMaxMissingPictures) {
-      LOG(WARNING) << "browser " << browser_.value() << " sends no pictures";
-      return;
+    if (picture_time_ < kLongPictureTime) {
+      picture_time_ *= 2;
+      if (picture_time_ >= kLongPictureTime)
+        LOG(WARNING) << "browser " << browser_.value() << " sends no pictures";
     }
     SetWindowState("normal");
     SendPlace();

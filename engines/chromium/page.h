@@ -212,7 +212,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   bool is_drawn_ = false;
   bool is_placed_ = false;
   std::unique_ptr<orvane::EventLoop::Timer> picture_timer_;
-  int missing_pictures_ = 0;  // In a row.
+  absl::Duration picture_time_;  // Of the timer.
 
   bool is_focus_moving_ = false;
   orvane::Task begin_focus_move_;  // Null once it has begun.

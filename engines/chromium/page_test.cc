@@ -11,6 +11,7 @@
 #include "gtest/gtest.h"
 
 #include "engines/chromium/page_fixture.h"
+#include "engines/chromium/png.h"
 
 namespace chromium {
 namespace {
@@ -210,6 +211,34 @@ TEST_F(PageTest, PicturesThatDoNotComeAreAskedForAgain) {
       ElementsAre(
           Json{{"windowState", "normal"}},
           Json{{"left", 0}, {"top", 0}, {"width", 320}, {"height", 200}}));
+}
+
+// Pictures that are asked for while the page goes elsewhere never come, and the
+// one of the page before may still be on its way.
+TEST_F(PageTest, APictureFromBeforeItWasAskedForAgainDoesNotCount) {
+  Attach();
+  Show();
+  Json asked;
+  loop_.RunUntil([&] {
+    for (const Json& command : scripted_->Receive()) {
+      if (Text(command, "method") == "Page.startScreencast") asked = command;
+    }
+    return !asked.is_null();
+  });
+  scripted_->SendEvent("Page.screencastFrame",
+                       {{"data", Png(320, 200, 255, 255, 255)},
+                        {"sessionId", 1},
+                        {"metadata", Json::object()}},
+                       "session");
+  scripted_->SendMessage({{"id", Member(asked, "id")},
+                          {"sessionId", "session"},
+                          {"result", Json::object()}});
+  scripted_->Settle();
+  scripted_->ForgetCommands();
+  loop_.RunUntil([this] {
+    scripted_->Settle();
+    return !scripted_->Params("Page.startScreencast").empty();
+  });
 }
 
 TEST_F(PageTest, ADisplayBecomesThePagesScreen) {

@@ -55,6 +55,11 @@ void PictureSender::SetSize(std::int32_t width, std::int32_t height,
   is_current_ = false;
 }
 
+void PictureSender::Await() {
+  ++turn_;
+  is_current_ = false;
+}
+
 void PictureSender::ForgetShown() { is_shown_forgotten_ = true; }
 
 void PictureSender::Reset() {
@@ -69,7 +74,7 @@ void PictureSender::Take(EngineEvent event) {
   if (waiting_.has_value()) acknowledge_(waiting_->number);
   waiting_ = {std::move(event.picture),
               static_cast<std::int64_t>(Number(event.params, "sessionId")),
-              TimeOf(event.params)};
+              TimeOf(event.params), turn_};
   Next();
 }
 
@@ -86,10 +91,12 @@ void PictureSender::Next() {
   Waiting picture = *std::exchange(waiting_, std::nullopt);
   worker_.Post([this, base64 = std::move(picture.base64),
                 number = picture.number, time_ns = picture.time_ns,
-                width = width_, height = height_, spare = std::move(spare_),
-                mailbox = loop_->mailbox(), generation = generation_,
+                turn = picture.turn, width = width_, height = height_,
+                spare = std::move(spare_), mailbox = loop_->mailbox(),
+                generation = generation_,
                 alive = std::weak_ptr<bool>(alive_)]() mutable {
-    Decoded decoded{DecodePicture(base64, width, height, std::move(spare)), {}};
+    Decoded decoded{
+        turn, DecodePicture(base64, width, height, std::move(spare)), {}};
     // What the host has stays as it is while this runs.
     if (decoded.picture.ok() && shown_.pixels != nullptr &&
         shown_.width == width && shown_.height == height) {
@@ -115,8 +122,8 @@ void PictureSender::TakeDecoded(Decoded decoded, std::int64_t number,
     Finish(number);
     return;
   }
-  is_current_ =
-      decoded.picture->width == width_ && decoded.picture->height == height_;
+  is_current_ = decoded.turn == turn_ && decoded.picture->width == width_ &&
+                decoded.picture->height == height_;
   sending_ = *std::move(decoded.picture);
   if (decoded.damage.has_value() && decoded.damage->empty() &&
       !is_shown_forgotten_) {

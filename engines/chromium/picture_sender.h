@@ -47,9 +47,14 @@ class PictureSender {
   // The engine, or the page's place in it, is gone: its pictures are void.
   void Reset();
 
+  // Pictures that have come so far are not current any more.
+  void Await();
+
   // Whether the newest picture has the right size, as far as it has been looked
   // at.
-  bool is_current() const { return is_current_ || waiting_.has_value(); }
+  bool is_current() const {
+    return is_current_ || (waiting_.has_value() && waiting_->turn == turn_);
+  }
 
   // A Page.screencastFrame.
   void Take(EngineEvent event);
@@ -59,8 +64,10 @@ class PictureSender {
     std::string base64;
     std::int64_t number;
     std::int64_t time_ns;
+    std::uint64_t turn;
   };
   struct Decoded {
+    std::uint64_t turn;
     absl::StatusOr<Picture> picture;
     // Against what the host has, if it has something.
     std::optional<std::vector<rpc::RectPx>> damage;
@@ -83,6 +90,7 @@ class PictureSender {
   std::int32_t height_ = 0;
   double scale_factor_ = 1;
 
+  std::uint64_t turn_ = 0;  // Grows with Await.
   bool is_current_ = false;
   std::optional<Waiting> waiting_;  // The newest that is not begun.
   bool is_busy_ = false;            // One is being decoded or shown.

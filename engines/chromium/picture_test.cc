@@ -1,7 +1,5 @@
 #include "engines/chromium/picture.h"
 
-#include <png.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -9,35 +7,16 @@
 #include <vector>
 
 #include "absl/status/status.h"
-#include "absl/strings/escaping.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+
+#include "engines/chromium/png.h"
 
 namespace chromium {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-// A PNG of one colour, in base64, as the engine sends it.
-std::string Png(std::uint32_t width, std::uint32_t height, std::uint8_t red,
-                std::uint8_t green, std::uint8_t blue) {
-  std::vector<std::uint8_t> pixels;
-  for (std::uint32_t i = 0; i < width * height; ++i)
-    pixels.insert(pixels.end(), {red, green, blue});
-  png_image image = {};
-  image.version = PNG_IMAGE_VERSION;
-  image.width = width;
-  image.height = height;
-  image.format = PNG_FORMAT_RGB;
-  std::string bytes(1 << 20, '\0');
-  png_alloc_size_t length = bytes.size();
-  EXPECT_NE(png_image_write_to_memory(&image, bytes.data(), &length, 0,
-                                      pixels.data(), 0, nullptr),
-            0);
-  bytes.resize(length);
-  return absl::Base64Escape(bytes);
-}
 
 TEST(DecodePicture, GivesBlueGreenRedAndOpaqueAlpha) {
   const auto picture = DecodePicture(Png(2, 3, 10, 20, 30), 2, 3, nullptr);
