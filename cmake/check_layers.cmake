@@ -44,7 +44,7 @@ set(generated "rpc/browser/[a-z_]+\\.(rpc|client)\\.h")
 # The headers that applications include, and the parts of them that a transport may
 # include too.
 set(server_api "orvane/server\\.h" "${rpc}/stream/(call|publish)\\.h"
-    "${rpc}/transport/(in_process|server_[a-z]+|socket_server|unix_socket)\\.h")
+    "${rpc}/transport/(client_watch|in_process|server_[a-z]+|socket_server|unix_socket)\\.h")
 set(client_api "orvane/client\\.h"
     "${rpc}/transport/(client_stream|in_process|responder|socket_client|subscriptions|typed_client|unix_socket)\\.h")
 set(api "${server_api}" "${client_api}" "${contracts}" "${protos}" "${generated}" "${logging}")

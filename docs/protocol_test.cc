@@ -146,10 +146,10 @@ class WorkedExample : public testing::Test {
     orvane::Publish<rpc::TooltipChanged>(Browser9(), event);
   }
 
-  void LeaveTheLastElement() {
+  orvane::CallHandle LeaveTheLastElement() {
     rpc::TakeFocusCall call;
     call.set_direction(rpc::FOCUS_DIRECTION_FORWARD);
-    orvane::Call<rpc::TakeFocus>(
+    return orvane::Call<rpc::TakeFocus>(
         Browser9(), call,
         [this](const absl::StatusOr<rpc::TakeFocusResponse>& answer) {
           widget_.happened.push_back(
@@ -180,6 +180,8 @@ TEST_F(WorkedExample, HasTheBytesThatTravel) {
       {"An event", [] { ChangeTooltip(); }},
       {"A call of the server", [this] { LeaveTheLastElement(); }},
       {"A call of the server that fails", [this] { LeaveTheLastElement(); }},
+      {"A call that the server gives up",
+       [this] { LeaveTheLastElement().Cancel(); }},
       {"A call that is given up", [this] { FinishMinimizing(); }},
   };
   std::vector<Exchange> page = ReadPage();
@@ -202,7 +204,7 @@ TEST_F(WorkedExample, HasTheBytesThatTravel) {
 
   EXPECT_THAT(widget_.happened,
               ElementsAre("Show 9", "Minimize cancelled", "TakeFocus taken 1",
-                          "TakeFocus UNKNOWN"));
+                          "TakeFocus UNKNOWN", "TakeFocus CANCELLED"));
   Receive();
   EXPECT_TRUE(is_closed_);
 }

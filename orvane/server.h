@@ -7,6 +7,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/transport/client_watch.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 

@@ -234,8 +234,18 @@ class Player {
     std::string answer = key_and_answer.second;
     streams_[name] = widgetctl::OpenServe(
         *subscription, *client_,
-        [happened, answer,
+        [this, happened, answer,
          method = subscription->method](widgetctl::WidgetCall call) {
+          if (answer == "never") {
+            std::unique_ptr<Message> copy(call.message().New());
+            copy->CopyFrom(call.message());
+            happened->push_back({"called", {}, std::move(copy)});
+            call.OnGivenUp([happened] {
+              happened->push_back({"given_up", {}, nullptr});
+            });
+            never_answered_.push_back(std::move(call));
+            return;
+          }
           const bool fails = absl::StartsWith(answer, "error: ");
           const widgetctl::Answer given =
               fails ? widgetctl::Answer(absl::UnknownError(
@@ -335,6 +345,7 @@ class Player {
   std::map<std::string, int> answered_;  // What was expected, and came.
   std::set<std::string> open_;           // Streams that have not ended.
   std::map<std::string, orvane::CallHandle> calls_;
+  std::vector<widgetctl::WidgetCall> never_answered_;
   std::unique_ptr<orvane::SocketClient> client_;
   std::map<std::string, std::unique_ptr<orvane::ClientStream>> streams_;
 };

@@ -88,11 +88,12 @@ TEST_F(DialogsTest, AHostThatDiesLeavesThePageUsable) {
               ElementsAre(Json{{"accept", false}, {"promptText", ""}}));
 }
 
-TEST_F(DialogsTest, AnAnswerAfterACrashIsDropped) {
+TEST_F(DialogsTest, AfterACrashTheHostLearnsThatItsDialogHasGone) {
   Serve();
   OpenDialog("confirm");
+  EXPECT_FALSE(responders_.back().is_given_up());
   Tell("Inspector.targetCrashed");
-  Answer("accepted: true");
+  EXPECT_TRUE(responders_.back().is_given_up());
   EXPECT_THAT(Closed(), IsEmpty());
 }
 

@@ -120,18 +120,19 @@ class CommandAnswers {
       : loop_(loop), method_(method), options_(options), progress_(progress) {}
 
   void Take(WidgetCall call, const std::string& line) {
-    Call taken = std::make_shared<const WidgetCall>(std::move(call));
+    const Call taken = std::make_shared<WidgetCall>(std::move(call));
     if (waiting_.size() == kMostWaiting) {
       return Give(*taken, absl::ResourceExhaustedError(absl::StrCat(
                               kMostRunning, " commands run and ", kMostWaiting,
                               " calls wait, which are the limits")));
     }
-    waiting_.emplace_back(std::move(taken), line);
+    taken->OnGivenUp([this, call = taken.get()] { Drop(call); });
+    waiting_.emplace_back(taken, line);
     BeginNext();
   }
 
  private:
-  using Call = std::shared_ptr<const WidgetCall>;
+  using Call = std::shared_ptr<WidgetCall>;
 
   // The help of serve tells these.
   static constexpr std::size_t kMostRunning = 16;
@@ -143,6 +144,19 @@ class CommandAnswers {
       waiting_.pop_front();
       Begin(call, line);
     }
+  }
+
+  // Nobody waits for the answer any longer, so its command ends too.
+  void Drop(const WidgetCall* call) {
+    std::cerr << "widgetctl: call " << call->id() << " was given up"
+              << std::endl;
+    const auto is_it = [call](const auto& each) {
+      return each.first.get() == call;
+    };
+    std::erase_if(waiting_, is_it);
+    std::erase_if(running_, is_it);
+    progress_->CountOne();
+    BeginNext();
   }
 
   void Begin(const Call& call, const std::string& line) {

@@ -67,6 +67,11 @@ class WidgetCall {
   // response that cannot be sent fails the call too. Returns the error, if any.
   absl::Status Give(const Answer& answer) const;
 
+  // See orvane::PendingAnswer.
+  void OnGivenUp(absl::AnyInvocable<void() &&> task) {
+    answer_.OnGivenUp(std::move(task));
+  }
+
  private:
   std::unique_ptr<google::protobuf::Message> message_;
   orvane::PendingAnswer answer_;

@@ -161,6 +161,12 @@ class Player:
         async def handler(call: Message) -> Message:
             called = {"browserId": to_dict(key_of(key)), "call": to_dict(call)}
             await self.note(name, f"called {called}")
+            if answer == "never":
+                try:
+                    await asyncio.Future()
+                except asyncio.CancelledError:
+                    await self.note(name, "given_up")
+                    raise
             if answer.startswith("error: "):
                 raise orvane.Fail(answer.removeprefix("error: "))
             response = message_class(fields["response"].message_type)()

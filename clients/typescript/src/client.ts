@@ -36,7 +36,7 @@ type ValueOf<Member> = Member extends { value: infer V extends Message } ? V : n
 
 type Init<T extends Message> = MessageInitShape<GenMessage<T>>;
 
-/** Serves a call of the server. May throw Fail. */
+/** Serves a call of the server. May throw Fail. The signal is aborted when nobody waits for the answer. */
 export type Handler<T extends Message> = (
   call: Stage<T, 'call'>,
   context: { signal: AbortSignal },

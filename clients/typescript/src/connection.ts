@@ -470,6 +470,11 @@ export class Connection {
       case Kind.NEXT:
         this.#streams.get(streamId)?.onNext(frame); // The stream may have ended meanwhile.
         return;
+      case Kind.CANCEL: {
+        const stream = this.#streams.get(streamId);
+        if (stream instanceof Server) stream.onCancel(frame.callId);
+        return;
+      }
       case Kind.COMPLETE:
         this.#endStream(streamId);
         return;

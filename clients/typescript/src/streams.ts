@@ -233,8 +233,7 @@ export function stage(
 export class Server extends Stream implements Serving {
   readonly ended: Promise<void>;
   #settle!: (reason: unknown) => void;
-  #busy = 0;
-  readonly #left = new AbortController();
+  readonly #calls = new Map<bigint, AbortController>(); // Those without an answer.
 
   constructor(
     connection: Connection,
@@ -268,34 +267,45 @@ export class Server extends Stream implements Serving {
       | undefined;
     if (member?.case !== this.type.call.localName) {
       this.close(new RpcError(Code.INTERNAL, 'the server sent a message without a call'));
-    } else if (this.#busy >= this.maxCalls) {
-      this.#fail(key, frame.callId, `the client serves ${this.#busy} calls already`);
+    } else if (this.#calls.has(frame.callId)) {
+      const text = `the server sent call ${frame.callId} while it has no answer`;
+      this.close(new RpcError(Code.INTERNAL, text));
+    } else if (this.#calls.size >= this.maxCalls) {
+      this.#fail(key, frame.callId, `the client serves ${this.#calls.size} calls already`);
     } else {
       void this.#serve(key, frame.callId, member.value as Message);
     }
   }
 
+  /** The server does not wait for the answer to a call any longer. */
+  onCancel(callId: bigint): void {
+    this.#calls.get(callId)?.abort(new Fail('the server has given the call up'));
+  }
+
   override onEnd(): void {
-    this.#left.abort(new Fail('the stream has ended'));
+    for (const call of this.#calls.values()) call.abort(new Fail('the stream has ended'));
     this.#settle(this.reason);
   }
 
   async #serve(key: unknown, callId: bigint, call: Message): Promise<void> {
-    ++this.#busy;
+    const left = new AbortController();
+    this.#calls.set(callId, left);
     try {
       const value = messageOf(
         this.type.response.message,
-        await this.handler(call, { signal: this.#left.signal }),
+        await this.handler(call, { signal: left.signal }),
         `the handler of ${this.method.name} must return`,
       );
       const answer = { case: this.type.response.localName, value };
-      if (this.isOpen) this.connection.sendNext(this, stage(this.type, key, answer), callId);
+      if (!left.signal.aborted) {
+        this.connection.sendNext(this, stage(this.type, key, answer), callId);
+      }
     } catch (error) {
       const { text, isFailure } = describe(error);
-      this.#fail(key, callId, text);
+      if (!left.signal.aborted) this.#fail(key, callId, text);
       if (!isFailure) this.connection.onHandlerError(error);
     } finally {
-      --this.#busy;
+      this.#calls.delete(callId);
     }
   }
 

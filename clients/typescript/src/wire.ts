@@ -24,7 +24,8 @@ export const LEAST_MAX_FRAME_BYTES = 4 << 10;
 /** Words for people need no more, and so always fit a frame. */
 export const MAX_ERROR_TEXT_BYTES = 2048;
 
-const PROTOCOL = 1;
+const OLDEST_PROTOCOL = 1;
+const NEWEST_PROTOCOL = 2;
 const LENGTH_BYTES = 4;
 
 /** A StreamMessage, with what it lacks as 0 or empty. */
@@ -226,8 +227,8 @@ export function helloOf(service: DescService): Hello {
     methods.push(hash);
   }
   return create(HelloSchema, {
-    oldestProtocol: PROTOCOL,
-    newestProtocol: PROTOCOL,
+    oldestProtocol: OLDEST_PROTOCOL,
+    newestProtocol: NEWEST_PROTOCOL,
     service: service.typeName,
     methods,
   });

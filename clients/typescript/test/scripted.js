@@ -190,12 +190,17 @@ class Player {
   async serve(name, method, argument) {
     const [key, answer] = argument.split(' => ');
     const type = callbackType(method.output);
-    const serving = this.connection.serve(method, keyOf(key), (call) => {
+    const serving = this.connection.serve(method, keyOf(key), async (call, { signal }) => {
       const json = {
         browserId: toJson(BrowserIdSchema, keyOf(key)),
         call: toJson(type.call.message, call),
       };
       this.note(name, { verb: 'called', json });
+      if (answer === 'never') {
+        await once(signal, 'abort');
+        this.note(name, { verb: 'given_up' });
+        throw signal.reason;
+      }
       if (answer.startsWith('error: ')) throw new Fail(answer.slice('error: '.length));
       return fromJsonString(type.response.message, answer);
     });

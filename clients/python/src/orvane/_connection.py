@@ -501,6 +501,10 @@ class Connection:
             stream = self._streams.get(stream_id)
             if stream is not None:  # Else it has ended; this was on its way.
                 stream.on_next(frame)
+        elif kind == _CANCEL:
+            stream = self._streams.get(stream_id)
+            if stream is not None:
+                stream.on_cancel(frame.call_id)
         elif kind == _REPLY or (kind == _ERROR and stream_id in self._calls):
             answer = self._calls.pop(stream_id, None)
             if answer is None or answer.done():

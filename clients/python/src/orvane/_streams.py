@@ -23,7 +23,8 @@ EventT = TypeVar("EventT", bound=Message, covariant=True)
 CallT = TypeVar("CallT", bound=Message)
 ResponseT = TypeVar("ResponseT", bound=Message)
 
-# Serves a call of the server. May raise Fail.
+# Serves a call of the server. May raise Fail. Is cancelled when the server does not
+# wait for the answer any longer.
 Handler = Callable[[CallT], Awaitable[ResponseT]]
 
 # About how many bytes an unread event takes in addition to its payload.
@@ -45,6 +46,9 @@ class Stream:
 
     def on_next(self, frame: StreamMessage) -> None:
         raise NotImplementedError
+
+    def on_cancel(self, call_id: int) -> None:
+        """The server does not wait for the answer to a call any longer."""
 
     def on_end(self) -> None:
         raise NotImplementedError
@@ -198,7 +202,8 @@ class Server(Stream):
         self._message_type: Any = message_type
         self._handler = handler
         self._max_calls = max_calls
-        self._tasks: set[asyncio.Task[None]] = set()
+        self._tasks: dict[int, asyncio.Task[None]] = {}  # By the id of the call.
+        self._given_up: set[int] = set()  # Of those, by the server.
         self.ended: asyncio.Future[None] = connection.loop.create_future()
 
     def on_next(self, frame: StreamMessage) -> None:
@@ -211,6 +216,13 @@ class Server(Stream):
             self.close(
                 RpcError(Code.INTERNAL, "the server sent a message without a call")
             )
+        elif frame.call_id in self._tasks:
+            self.close(
+                RpcError(
+                    Code.INTERNAL,
+                    f"the server sent call {frame.call_id} while it has no answer",
+                )
+            )
         elif len(self._tasks) >= self._max_calls:
             self._fail(
                 message,
@@ -218,12 +230,22 @@ class Server(Stream):
                 f"the client serves {len(self._tasks)} calls already",
             )
         else:
-            task = self.connection.loop.create_task(self._serve(message, frame.call_id))
-            self._tasks.add(task)
-            task.add_done_callback(self._tasks.discard)
+            call_id = frame.call_id
+            task = self.connection.loop.create_task(self._serve(message, call_id))
+            self._tasks[call_id] = task
+            task.add_done_callback(lambda _: self._forget(call_id))
+
+    def _forget(self, call_id: int) -> None:
+        del self._tasks[call_id]
+        self._given_up.discard(call_id)
+
+    def on_cancel(self, call_id: int) -> None:
+        if call_id in self._tasks:
+            self._given_up.add(call_id)
+            self._tasks[call_id].cancel()
 
     def on_end(self) -> None:
-        for task in self._tasks:
+        for task in self._tasks.values():
             task.cancel()
         if not self.ended.done():
             self.ended.set_result(None)
@@ -235,7 +257,8 @@ class Server(Stream):
             response = await self._handler(message.call)
             answer.response.CopyFrom(response)
             answer.response.SetInParent()
-            self.connection.send_next(self, answer, call_id)
+            if call_id not in self._given_up:
+                self.connection.send_next(self, answer, call_id)
         except Fail as failure:
             self._fail(message, call_id, str(failure))
         except RpcError as error:  # Too long to be sent, or a call that failed.
@@ -253,7 +276,7 @@ class Server(Stream):
             )
 
     def _fail(self, message: Any, call_id: int, text: str) -> None:
-        if not self.is_open:
+        if not self.is_open or call_id in self._given_up:
             return
         answer = self._message_type()
         answer.browser_id.CopyFrom(message.browser_id)

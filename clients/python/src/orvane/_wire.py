@@ -10,7 +10,8 @@ from google.protobuf.message import DecodeError, Message
 from orvane._errors import Code, RpcError
 from orvane.rpc.transport.stream_message_pb2 import Hello, StreamMessage
 
-PROTOCOL = 1
+OLDEST_PROTOCOL = 1
+NEWEST_PROTOCOL = 2
 # Every server takes frames of this length.
 LEAST_MAX_FRAME_BYTES = 4 << 10
 # What is sent of an error's text: enough for people, and it fits every frame.
@@ -134,7 +135,9 @@ def _streams(service: ServiceDescriptor) -> list[bool]:
 def hello_of(service: ServiceDescriptor) -> Hello:
     """What an end tells about itself."""
     hello = Hello(
-        oldest_protocol=PROTOCOL, newest_protocol=PROTOCOL, service=service.full_name
+        oldest_protocol=OLDEST_PROTOCOL,
+        newest_protocol=NEWEST_PROTOCOL,
+        service=service.full_name,
     )
     digest = 0xCBF29CE484222325  # 64-bit FNV-1a.
     for method in service.methods:

@@ -22,6 +22,10 @@ absl::Status AbstractStream::SendEvent(
   return channel_.endpoint_->SendEvent(frame, key);
 }
 
+void AbstractStream::CancelCall(std::int64_t call_id) {
+  channel_.endpoint_->CancelCall(call_id);
+}
+
 EventLoop& AbstractStream::loop() const { return channel_.endpoint_->loop(); }
 
 void AbstractStream::Complete() { channel_.endpoint_->Complete(); }

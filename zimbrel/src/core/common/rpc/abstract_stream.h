@@ -3,6 +3,8 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_ABSTRACT_STREAM_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_ABSTRACT_STREAM_H_
 
+#include <cstdint>
+
 #include "absl/status/status.h"
 
 #include "rpc/transport/stream_message.pb.h"
@@ -47,6 +49,10 @@ class AbstractStream {
   // Like Send, for an event about `key`; see StreamEndpoint::SendEvent.
   absl::Status SendEvent(const rpc::transport::StreamMessage& frame,
                          const google::protobuf::Message& key);
+
+  // Tells the peer that nobody waits for the answer to a call that was sent to
+  // it.
+  void CancelCall(std::int64_t call_id);
 
   // The loop on which the stream lives. Outlives the stream.
   EventLoop& loop() const;

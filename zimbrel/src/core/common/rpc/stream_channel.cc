@@ -10,6 +10,8 @@ absl::Status StreamEndpoint::SendEvent(
   return Send(frame);
 }
 
+void StreamEndpoint::CancelCall(std::int64_t /*call_id*/) {}
+
 StreamChannel::StreamChannel(std::unique_ptr<StreamEndpoint> endpoint)
     : endpoint_(std::move(endpoint)) {}
 

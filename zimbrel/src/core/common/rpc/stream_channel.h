@@ -3,6 +3,7 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_CHANNEL_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_CHANNEL_H_
 
+#include <cstdint>
 #include <memory>
 
 #include "absl/status/status.h"
@@ -41,6 +42,10 @@ class StreamEndpoint {
   // for a slow peer. `key` is borrowed for the call.
   virtual absl::Status SendEvent(const rpc::transport::StreamMessage& frame,
                                  const google::protobuf::Message& key);
+
+  // Tells the peer that nobody waits for the answer to the call `call_id` any
+  // longer. A peer that does not know of this is told nothing, as here.
+  virtual void CancelCall(std::int64_t call_id);
 
   // Tells the peer that the stream has ended. May destroy the stream, and this
   // endpoint with it.

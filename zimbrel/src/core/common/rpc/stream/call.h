@@ -51,8 +51,7 @@ bool IsServed(const KeyOf<T>& key);
 //   the client answers                        | the response
 //   the client answers with an error          | kUnknown
 //   `options.timeout` passes                  | kDeadlineExceeded
-//   the handle cancels the call; the client   | kCancelled
-//     is not told                             |
+//   the handle cancels the call               | kCancelled
 //   the client unsubscribes the key on the    | kCancelled
 //     stream that made the call               |
 //   the stream is completed                   | kCancelled
@@ -62,8 +61,9 @@ bool IsServed(const KeyOf<T>& key);
 //   the loop is destroyed                     | nothing: it is destroyed
 //
 // Once a stream has taken a key over, Call sends to that stream; once any
-// stream has unsubscribed a key, no stream serves it. An answer that comes
-// after the end, or that belongs to no call, is dropped.
+// stream has unsubscribed a key, no stream serves it. The client is told when
+// the timeout passes or the handle cancels the call: see Responder::OnGivenUp.
+// An answer that comes after the end, or that belongs to no call, is dropped.
 //
 // Thread: the service thread; EventLoop::Post leads there from any other, on
 // which Call ends the process, as IsServed does.

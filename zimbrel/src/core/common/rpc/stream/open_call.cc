@@ -41,6 +41,7 @@ void OpenCall::End(Outcome outcome) {
 }
 
 void OpenCall::Withdraw(absl::Status why) {
+  if (on_end_ != nullptr) place_.stream->CancelCall(place_.id);
   End(std::move(why));
   place_.drop(place_.stream, *place_.key, place_.id);
 }

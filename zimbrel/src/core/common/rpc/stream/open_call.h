@@ -60,8 +60,8 @@ class OpenCall final : public Cancellable {
   void Cancel() override;
 
  private:
-  // Ends the call, unless it has ended, and takes it out of the table if it is
-  // still there. That may destroy this object.
+  // Ends the call and tells the client so, unless it has ended, and takes it
+  // out of the table if it is still there. That may destroy this object.
   void Withdraw(absl::Status why);
 
   const Place place_;

@@ -59,6 +59,10 @@ struct ClientStreamHandlers {
 
   // May be empty.
   OnEnd on_end;
+
+  // Runs when the server does not wait any longer for the answer to its call
+  // `call_id`, which has been answered or not. May be empty.
+  absl::AnyInvocable<void(std::int64_t call_id)> on_call_given_up = nullptr;
 };
 
 // An open stream. Destroying it ends the stream, and no handler runs

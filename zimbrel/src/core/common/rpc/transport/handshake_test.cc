@@ -94,7 +94,7 @@ TEST(Introduction, NamesTheServiceAndTheProtocols) {
   const Hello hello = MakeHello(Widget());
   EXPECT_EQ(hello.service(), "rpc.BrowserWidgetRpc");
   EXPECT_EQ(hello.oldest_protocol(), 1u);
-  EXPECT_EQ(hello.newest_protocol(), 1u);
+  EXPECT_EQ(hello.newest_protocol(), 2u);
   EXPECT_EQ(hello.methods_size(), 52);
 }
 
@@ -127,13 +127,13 @@ TEST(Fit, AnEndThatSpeaksNewerProtocolsTooOnEitherSide) {
 
 TEST(Misfit, NoProtocolInCommon) {
   const absl::Status fit =
-      CompareHellos(MakeHello(Widget()), WithProtocols(2, 3));
+      CompareHellos(MakeHello(Widget()), WithProtocols(3, 4));
   EXPECT_EQ(fit.code(), absl::StatusCode::kFailedPrecondition);
   EXPECT_THAT(fit.message(),
               AllOf(HasSubstr("differ in protocol"),
-                    HasSubstr("the client speaks protocol 1 and"),
-                    HasSubstr("the server protocols 2 to 3 and")));
-  EXPECT_FALSE(CompareHellos(WithProtocols(2, 3), MakeHello(Widget())).ok());
+                    HasSubstr("the client speaks protocols 1 to 2 and"),
+                    HasSubstr("the server protocols 3 to 4 and")));
+  EXPECT_FALSE(CompareHellos(WithProtocols(3, 4), MakeHello(Widget())).ok());
 }
 
 TEST(Misfit, AnotherService) {
@@ -141,12 +141,13 @@ TEST(Misfit, AnotherService) {
   other.set_service("rpc.Other");
   const absl::Status fit = CompareHellos(other, MakeHello(Widget()));
   EXPECT_EQ(fit.code(), absl::StatusCode::kFailedPrecondition);
-  EXPECT_THAT(fit.message(),
-              AllOf(HasSubstr("differ in service"),
-                    HasSubstr("the client speaks protocol 1 and rpc.Other with "
-                              "2 methods ("),
-                    HasSubstr("the server protocol 1 and rpc.BrowserWidgetRpc "
-                              "with 52 methods (")));
+  EXPECT_THAT(
+      fit.message(),
+      AllOf(HasSubstr("differ in service"),
+            HasSubstr("the client speaks protocols 1 to 2 and rpc.Other with "
+                      "2 methods ("),
+            HasSubstr("the server protocols 1 to 2 and rpc.BrowserWidgetRpc "
+                      "with 52 methods (")));
 }
 
 TEST(Misfit, AMethodThatIsNotTheSame) {
@@ -260,12 +261,12 @@ TEST_F(ServerMeetsClient, ServesOneThatKnowsFewerMethods) {
 TEST_F(ServerMeetsClient, PartsInWordsFromOneThatDoesNotFit) {
   int shown = 0;
   widget.on_show = [&shown](std::uint64_t) { ++shown; };
-  RawPeer client = Connect(WithProtocols(2, 2));
+  RawPeer client = Connect(WithProtocols(3, 3));
   client.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&client),
               ElementsAre(AllOf(HasSubstr("ERROR 0 FAILED_PRECONDITION"),
-                                HasSubstr("the client speaks protocol 2 and"),
-                                HasSubstr("the server protocol 1 and"))));
+                                HasSubstr("the client speaks protocol 3 and"),
+                                HasSubstr("the server protocols 1 to 2 and"))));
   EXPECT_TRUE(client.hello.has_value());
   EXPECT_TRUE(client.closed);
   EXPECT_EQ(shown, 0);

@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
 
 #include "zimbrel/src/core/common/rpc/stream_messages.h"
@@ -39,6 +40,13 @@ class Responder {
 
   // Fails the call; see PendingAnswer::Fail.
   void Fail(const std::string& text) &&;
+
+  // Whether nobody waits for the answer any longer, and what to do then, such
+  // as closing a dialog; see PendingAnswer::OnGivenUp.
+  bool is_given_up() const { return answer_->is_given_up(); }
+  void OnGivenUp(absl::AnyInvocable<void() &&> task) {
+    answer_->OnGivenUp(std::move(task));
+  }
 
  private:
   std::optional<PendingAnswer> answer_;  // Empty once it has answered.

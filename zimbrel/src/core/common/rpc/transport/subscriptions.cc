@@ -7,7 +7,9 @@
 #include "absl/strings/str_cat.h"
 
 #include "rpc/event_subscription.pb.h"
+#include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/method_kind.h"
+#include "zimbrel/src/core/common/rpc/transport/client/served_calls.h"
 #include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
 
@@ -16,6 +18,7 @@ namespace orvane {
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using google::protobuf::MethodDescriptor;
+using internal::ServedCalls;
 
 namespace {
 
@@ -33,6 +36,19 @@ absl::Status Read(std::string_view payload, Message* message) {
 
 const FieldDescriptor* Field(const Message& message, const char* name) {
   return message.GetDescriptor()->FindFieldByName(name);
+}
+
+void RunIfAny(Task task) {
+  if (task != nullptr) std::move(task)();
+}
+
+void GiveUpAll(const std::weak_ptr<ServedCalls>& calls) {
+  // They are gone once a task has destroyed the stream's handle.
+  const auto next = [&calls]() -> Task {
+    const auto locked = calls.lock();
+    return locked == nullptr ? nullptr : locked->GiveUpNext();
+  };
+  while (Task task = next()) std::move(task)();
 }
 
 // If the stream could not be opened, `on_end` tells why.
@@ -76,11 +92,12 @@ std::unique_ptr<ClientStream> ServeCalls(
 
   // Set once the stream is open. Weak, since the stream owns its handlers.
   const auto sender = std::make_shared<std::weak_ptr<ClientStreamSender>>();
+  auto calls = std::make_shared<ServedCalls>();
+  const std::weak_ptr<ServedCalls> weak_calls = calls;
   auto stream = client->OpenStream(
       method,
-      {[sender, max_pending = client->options().max_served_calls,
-        pending = std::make_shared<std::size_t>(0),
-        message = std::move(message), &fields,
+      {[sender, max_served = client->options().max_served_calls,
+        calls = std::move(calls), message = std::move(message), &fields,
         call = Field(*subscription, kCallField), on_call = std::move(on_call)](
            std::string_view payload, std::int64_t call_id) mutable {
          if (absl::Status read = Read(payload, message.get()); !read.ok())
@@ -90,11 +107,15 @@ std::unique_ptr<ClientStream> ServeCalls(
                                                    message->GetTypeName(),
                                                    " without a call"));
          }
-         PendingAnswer answer(sender->lock(), call_id, pending);
+         if (!calls->Begin(call_id)) {
+           return absl::InternalError(absl::StrCat(
+               "the server sent call ", call_id, " while it has no answer"));
+         }
+         PendingAnswer answer(sender->lock(), calls, call_id);
          if (!on_call) {
            answer.Fail(*message, "the client has no handler for calls");
-         } else if (*pending > max_pending) {
-           answer.Fail(*message, absl::StrCat("the client serves ", max_pending,
+         } else if (calls->size() > max_served) {
+           answer.Fail(*message, absl::StrCat("the client serves ", max_served,
                                               " calls already"));
          } else {
            on_call(*message, std::move(answer));
@@ -102,24 +123,45 @@ std::unique_ptr<ClientStream> ServeCalls(
          if (payload.size() > kMaxReusedBytes) message.reset(message->New());
          return absl::OkStatus();
        },
-       std::move(on_end)});
+       [weak_calls,
+        on_end = std::move(on_end)](const absl::Status& why) mutable {
+         GiveUpAll(weak_calls);
+         // What ran there may have destroyed the handle.
+         if (on_end && !weak_calls.expired()) std::move(on_end)(why);
+       },
+       [weak_calls](std::int64_t call_id) {
+         RunIfAny(weak_calls.lock()->GiveUp(call_id));
+       }});
   *sender = stream->sender();
   Subscribe(*stream, *subscription);
   return stream;
 }
 
 PendingAnswer::PendingAnswer(std::shared_ptr<ClientStreamSender> sender,
-                             std::int64_t call_id,
-                             std::shared_ptr<std::size_t> count)
-    : sender_(std::move(sender)), call_id_(call_id), count_(std::move(count)) {
-  ++*count_;
-}
+                             const std::shared_ptr<ServedCalls>& calls,
+                             std::int64_t call_id)
+    : sender_(std::move(sender)), calls_(calls), call_id_(call_id) {}
+
+PendingAnswer::PendingAnswer(PendingAnswer&& other) noexcept = default;
 
 PendingAnswer::~PendingAnswer() {
-  if (count_ != nullptr) --*count_;
+  const auto calls = calls_.lock();
+  if (calls != nullptr) calls->End(call_id_);
+}
+
+bool PendingAnswer::is_given_up() const {
+  const auto calls = calls_.lock();
+  return calls == nullptr || calls->IsGivenUp(call_id_);
+}
+
+void PendingAnswer::OnGivenUp(Task task) {
+  if (is_given_up()) return RunIfAny(std::move(task));
+  calls_.lock()->OnGivenUp(call_id_, std::move(task));
 }
 
 absl::Status PendingAnswer::Send(Message* message) const {
+  if (!calls_.expired() && is_given_up())
+    return absl::CancelledError("the server has given the call up");
   absl::Status sent = sender_->Next(*message, call_id_);
   if (!sent.ok()) {
     message->GetReflection()->ClearField(message,
@@ -131,7 +173,8 @@ absl::Status PendingAnswer::Send(Message* message) const {
 
 void PendingAnswer::Fail(const Message& message,
                          const std::string& text) const {
-  // Once the stream has ended, nobody waits for the answer.
+  if (is_given_up()) return;
+  // Fails if the connection has just ended, and nobody waits for it then.
   sender_->Error(message, call_id_, text).IgnoreError();
 }
 

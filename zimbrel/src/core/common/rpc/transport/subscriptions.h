@@ -5,7 +5,6 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SUBSCRIPTIONS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SUBSCRIPTIONS_H_
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -19,6 +18,10 @@
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
 namespace orvane {
+
+namespace internal {
+class ServedCalls;
+}  // namespace internal
 
 // Opens an event stream and subscribes it to `key`, which has the type that
 // rpc.EventSubscription uses for keys. `event` has the method's output type;
@@ -38,33 +41,45 @@ namespace orvane {
 // Thread: the service thread. May outlive the stream and the client.
 class PendingAnswer {
  public:
-  // `count` is the number of the stream's pending answers; this one is counted
-  // as long as it exists.
+  // The call is one of `calls`, from which the destructor takes it.
   PendingAnswer(std::shared_ptr<ClientStreamSender> sender,
-                std::int64_t call_id, std::shared_ptr<std::size_t> count);
-  PendingAnswer(PendingAnswer&&) noexcept = default;
+                const std::shared_ptr<internal::ServedCalls>& calls,
+                std::int64_t call_id);
+  PendingAnswer(PendingAnswer&& other) noexcept;
   PendingAnswer& operator=(PendingAnswer&&) = delete;
   ~PendingAnswer();
 
   std::int64_t call_id() const { return call_id_; }
 
+  // Whether nobody waits for the answer any longer: the server has given the
+  // call up, because it took too long or does not matter any more, or the
+  // stream has ended.
+  bool is_given_up() const;
+
+  // Has `task` run when the call is given up, unless it has been answered, this
+  // has been destroyed or the stream's handle is gone; before this function
+  // returns if it has been given up already. Replaces what was to run before.
+  // The task may destroy this.
+  void OnGivenUp(absl::AnyInvocable<void() &&> task);
+
   // Sends `message`, which holds the call's key and the response. An error
   // means that the response was not sent: kUnavailable if the stream has ended,
-  // kResourceExhausted if the response is too long for a frame or the server
-  // reads too slowly. The call fails then, and the response in `message` has
-  // been cleared.
+  // kCancelled if the server has given the call up, kResourceExhausted if the
+  // response is too long for a frame or the server reads too slowly. The call
+  // fails then, and the response in `message` has been cleared.
   absl::Status Send(google::protobuf::Message* message) const;
 
   // Fails the call. Of `message` only the key is used. The caller learns only
   // that the call has failed; `text` is for people who read the frames. Does
-  // nothing if the stream has ended.
+  // nothing if the call has been given up.
   void Fail(const google::protobuf::Message& message,
             const std::string& text) const;
 
  private:
-  std::shared_ptr<ClientStreamSender> sender_;
+  std::shared_ptr<ClientStreamSender> sender_;  // Null once moved from.
+  std::weak_ptr<internal::ServedCalls>
+      calls_;  // Gone once the stream has ended.
   std::int64_t call_id_;
-  std::shared_ptr<std::size_t> count_;  // Null once moved from.
 };
 
 // Opens a callback stream and subscribes it to `key`, which has the type of

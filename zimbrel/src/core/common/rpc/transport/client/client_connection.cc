@@ -210,6 +210,13 @@ void ClientConnection::Deliver(const StreamMessage& frame,
   stream->End(received);
 }
 
+void ClientConnection::GiveUpServedCall(const StreamMessage& frame) {
+  const auto found = streams_.find(frame.stream_id());
+  if (found == streams_.end()) return;  // Ended while this was on its way.
+  const std::shared_ptr<ClientStreamState> stream = found->second;
+  stream->GiveUpCall(frame.call_id());
+}
+
 void ClientConnection::EndStream(std::uint64_t id, const absl::Status& why) {
   const auto node = streams_.extract(id);
   if (!node.empty()) node.mapped()->End(why);
@@ -298,6 +305,8 @@ void ClientConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
       return EndCall(frame, payload);
     case StreamMessage::KIND_NEXT:
       return Deliver(frame, payload);
+    case StreamMessage::KIND_CANCEL:
+      return GiveUpServedCall(frame);
     case StreamMessage::KIND_COMPLETE:
       return EndStream(id, absl::OkStatus());
     case StreamMessage::KIND_ERROR:

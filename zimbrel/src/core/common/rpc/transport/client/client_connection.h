@@ -92,6 +92,8 @@ class ClientConnection final : public FrameSocket::Receiver {
 
   void Deliver(const rpc::transport::StreamMessage& frame,
                std::string_view payload);
+  // The server does not wait any longer for the answer to its call.
+  void GiveUpServedCall(const rpc::transport::StreamMessage& frame);
   void EndStream(std::uint64_t id, const absl::Status& why);
   // Removes the stream from the table and tells the server that it has ended.
   void CompleteStream(std::uint64_t id);

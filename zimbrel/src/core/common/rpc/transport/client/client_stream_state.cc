@@ -35,10 +35,18 @@ absl::Status ClientStreamState::Receive(std::string_view payload,
   return handlers->on_next(payload, call_id);
 }
 
+void ClientStreamState::GiveUpCall(std::int64_t call_id) {
+  const std::shared_ptr<ClientStreamHandlers> handlers = handlers_;
+  if (handlers->on_call_given_up) handlers->on_call_given_up(call_id);
+}
+
 void ClientStreamState::End(const absl::Status& why) {
   Shut();
-  const auto handlers = std::exchange(handlers_, nullptr);
-  if (handlers != nullptr && handlers->on_end) std::move(handlers->on_end)(why);
+  if (handlers_ == nullptr) return;
+  // The others are destroyed as soon as the handle is gone, even inside this.
+  OnEnd on_end = std::exchange(handlers_->on_end, nullptr);
+  if (on_end) std::move(on_end)(why);
+  handlers_.reset();
 }
 
 void ClientStreamState::Close() {

@@ -46,6 +46,10 @@ class ClientStreamState final : public ClientStreamSender {
   // handler may close the stream.
   absl::Status Receive(std::string_view payload, std::int64_t call_id);
 
+  // Passes the id of a call for whose answer the server does not wait any
+  // longer to `on_call_given_up`, which may close the stream.
+  void GiveUpCall(std::int64_t call_id);
+
   // Shuts an open stream: nothing is sent or received afterwards.
   void Shut() { is_open_ = false; }
 

@@ -42,6 +42,10 @@ absl::Status ServerCall::outcome() const {
   return absl::OkStatus();
 }
 
+std::shared_ptr<ClientPresence> ServerCall::client() const {
+  return connection_ == nullptr ? nullptr : connection_->client();
+}
+
 void ServerCall::Abandon() {
   connection_ = nullptr;
   Closure* on_cancel = nullptr;

@@ -20,6 +20,7 @@
 
 namespace orvane::internal {
 
+class ClientPresence;
 class ServerConnection;
 
 // The controller and the `done` of a call in one object, which also owns the
@@ -40,6 +41,10 @@ class ServerCall final : public google::protobuf::RpcController,
   ~ServerCall() override;
 
   std::uint64_t id() const { return id_; }
+
+  // The client that made the call; null once the call has been abandoned.
+  std::shared_ptr<ClientPresence> client() const;
+
   google::protobuf::Message& request() { return *request_; }
   google::protobuf::Message& response() { return *response_; }
 

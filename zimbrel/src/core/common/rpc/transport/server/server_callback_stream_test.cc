@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "absl/status/status.h"
@@ -106,6 +107,32 @@ TEST_F(ServerCallbackStreamTest, AnAnswerThatNobodyAskedForIsIgnored) {
   client.Send(NextFrame(1, Answer(8, "Ada"), id));
   EXPECT_THAT(Settle(&client), IsEmpty());
   EXPECT_THAT(ends, IsEmpty());
+}
+
+TEST_F(ServerCallbackStreamTest, AClientIsToldWhichCallIsGivenUp) {
+  RawPeer client = ServingClient();
+  CallHandle call = Call<rpc::CreateWebDialog>(About(7).browser_id(), {});
+  EXPECT_THAT(Settle(&client), ElementsAre("NEXT 1"));
+  const std::int64_t id = client.frames[0].call_id();
+  call.Cancel();
+  EXPECT_THAT(Settle(&client), ElementsAre("CANCEL 1"));
+  EXPECT_EQ(client.frames[0].call_id(), id);
+}
+
+TEST_F(ServerCallbackStreamTest, AClientOfTheFirstProtocolIsNotTold) {
+  rpc::transport::Hello hello =
+      internal::MakeHello(*rpc::BrowserWidgetRpc::descriptor());
+  hello.set_newest_protocol(1);
+  auto pair = ConnectedPair();
+  ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
+  RawPeer client(std::move(pair->second), hello);
+  client.Send(OpenFrame(1, kOnCreateWebDialog));
+  client.Send(NextFrame(1, Serve(7)));
+  EXPECT_THAT(Settle(&client), IsEmpty());
+  CallHandle call = Call<rpc::CreateWebDialog>(About(7).browser_id(), {});
+  EXPECT_THAT(Settle(&client), ElementsAre("NEXT 1"));
+  call.Cancel();
+  EXPECT_THAT(Settle(&client), IsEmpty());
 }
 
 TEST_F(ServerCallbackStreamTest, AnErrorFailsItsCallAndTheStreamGoesOn) {

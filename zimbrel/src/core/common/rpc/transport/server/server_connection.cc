@@ -100,7 +100,8 @@ ServerConnection::ServerConnection(EventLoop* loop,
                                    ServerCounters* counters,
                                    std::unique_ptr<EventLoop::Watch> socket,
                                    absl::AnyInvocable<void() &&> on_end)
-    : services_(services),
+    : client_(std::make_shared<ClientPresence>(loop)),
+      services_(services),
       context_{.loop = loop,
                .service = nullptr,  // Until the client's hello.
                .socket = std::make_shared<FrameSocket>(
@@ -109,6 +110,7 @@ ServerConnection::ServerConnection(EventLoop* loop,
                                .max_queued_bytes = limits.max_queued_bytes,
                                .max_frame_time = limits.max_frame_time},
                    this),
+               .protocol = 0,  // Until then, too.
                .limits = limits,
                .counters = counters,
                .budget = std::move(budget)},
@@ -201,6 +203,7 @@ void ServerConnection::OnHello(const StreamMessage& frame,
   absl::Status status = context_.socket->Send(header, server);
   if (status.ok()) status = CompareHellos(client, server);
   if (!status.ok()) return Close(status);
+  context_.protocol = SpokenProtocol(client, server);
   has_received_hello_ = true;
   hello_deadline_.reset();
 }

@@ -16,6 +16,7 @@
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/transport/server/client_presence.h"
 #include "zimbrel/src/core/common/rpc/transport/server/server_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/server_limits.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
@@ -55,6 +56,9 @@ class ServerConnection final : public FrameSocket::Receiver {
   // been answered and everything is written, the connection ends as if the
   // client had left.
   void ShutDown();
+
+  // For code that waits for the end of the connection.
+  const std::shared_ptr<ClientPresence>& client() const { return client_; }
 
   // Whether nothing has come from the client yet.
   bool IsSilent() const;
@@ -98,6 +102,7 @@ class ServerConnection final : public FrameSocket::Receiver {
   void FinishClosing();
 
   const std::shared_ptr<char> alive_ = std::make_shared<char>();
+  const std::shared_ptr<ClientPresence> client_;
   const std::vector<Service*>& services_;
   StreamContext context_;
   // For calls that are answered on another thread.

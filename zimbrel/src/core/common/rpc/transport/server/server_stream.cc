@@ -6,6 +6,7 @@
 #include "absl/strings/str_cat.h"
 
 #include "rpc/stream_options.pb.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/handshake.h"
 
 namespace orvane::internal {
 
@@ -41,6 +42,13 @@ class Endpoint final : public StreamEndpoint {
     if (*placed == Outbox::Placed::kInsteadOfAnother)
       ++context_->counters->replaced_events;
     return absl::OkStatus();
+  }
+
+  void CancelCall(std::int64_t call_id) override {
+    if (context_->protocol < kProtocolWithCancelledCalls) return;
+    header_.set_kind(StreamMessage::KIND_CANCEL);
+    header_.set_call_id(call_id);
+    socket().Send(header_).IgnoreError();  // Fails if the client has gone.
   }
 
   void Complete() override {

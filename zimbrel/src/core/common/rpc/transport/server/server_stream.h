@@ -30,6 +30,7 @@ struct StreamContext {
   EventLoop* loop;
   Service* service;  // The one that the client has chosen.
   std::shared_ptr<FrameSocket> socket;
+  std::uint32_t protocol;  // The one that both ends speak.
   const ServerLimits& limits;
   ServerCounters* counters;
   std::shared_ptr<ClientBudget> budget;

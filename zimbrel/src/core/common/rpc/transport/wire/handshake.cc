@@ -19,7 +19,8 @@ using rpc::transport::Hello;
 
 namespace {
 
-constexpr std::uint32_t kProtocol = 1;
+constexpr std::uint32_t kOldestProtocol = 1;
+constexpr std::uint32_t kNewestProtocol = kProtocolWithCancelledCalls;
 
 // 64-bit FNV-1a, which takes three lines in any language.
 constexpr std::uint64_t kFnvOffset = 0xcbf29ce484222325;
@@ -73,8 +74,8 @@ absl::Status Misfit(const Hello& client, const Hello& server,
 
 Hello MakeHello(const ServiceDescriptor& service) {
   Hello hello;
-  hello.set_oldest_protocol(kProtocol);
-  hello.set_newest_protocol(kProtocol);
+  hello.set_oldest_protocol(kOldestProtocol);
+  hello.set_newest_protocol(kNewestProtocol);
   hello.set_service(std::string(service.full_name()));
   std::uint64_t hash = kFnvOffset;
   for (int i = 0; i < service.method_count(); ++i) {
@@ -84,11 +85,15 @@ Hello MakeHello(const ServiceDescriptor& service) {
   return hello;
 }
 
+std::uint32_t SpokenProtocol(const Hello& client, const Hello& server) {
+  return std::min(client.newest_protocol(), server.newest_protocol());
+}
+
 absl::Status CompareHellos(const Hello& client, const Hello& server) {
-  const std::uint32_t spoken =
-      std::min(client.newest_protocol(), server.newest_protocol());
-  if (spoken < std::max(client.oldest_protocol(), server.oldest_protocol()))
+  if (SpokenProtocol(client, server) <
+      std::max(client.oldest_protocol(), server.oldest_protocol())) {
     return Misfit(client, server, "protocol");
+  }
   if (client.service() != server.service())
     return Misfit(client, server, "service");
   const int shared = std::min(client.methods_size(), server.methods_size());

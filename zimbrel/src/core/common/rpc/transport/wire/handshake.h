@@ -4,6 +4,8 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_HANDSHAKE_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_HANDSHAKE_H_
 
+#include <cstdint>
+
 #include "absl/status/status.h"
 #include "google/protobuf/descriptor.h"
 
@@ -11,9 +13,16 @@
 
 namespace orvane::internal {
 
+// The first protocol in which a server tells that it gives up a call.
+inline constexpr std::uint32_t kProtocolWithCancelledCalls = 2;
+
 // The hello of an end that knows this version of the service.
 rpc::transport::Hello MakeHello(
     const google::protobuf::ServiceDescriptor& service);
+
+// The protocol that two ends use that can work together.
+std::uint32_t SpokenProtocol(const rpc::transport::Hello& client,
+                             const rpc::transport::Hello& server);
 
 // Whether client and server can work together. If not, kFailedPrecondition with
 // a text that tells both versions and is the same at both ends.
