@@ -82,15 +82,18 @@ void View::Connect() {
 }
 
 void View::ConnectLater() {
-  retry_timer_ = loop_->RunAfter(retry_, [this] { Connect(); });
-  retry_ = std::min(2 * retry_, options_.last_retry);
+  retry_timer_ = loop_->RunAfter(NextRetry(), [this] { Connect(); });
+}
+
+absl::Duration View::NextRetry() {
+  return std::exchange(retry_, std::min(2 * retry_, options_.last_retry));
 }
 
 void View::OnWidgetGone() {
   // Taken out first, since the handler may call anything.
   const std::shared_ptr<Session> ended = std::move(session_);
   session_ = nullptr;
-  attaching_ = 0;
+  is_attaching_ = false;
   absl::Status why = ended->connection->status();
   // A widget that shuts down completes its streams before the connection ends.
   if (why.ok()) why = absl::UnavailableError("the widget shuts down");
@@ -105,11 +108,11 @@ void View::OnWidgetGone() {
 // Attaching ------------------------------------------------------------------
 
 void View::AttachIfPossible() {
-  if (state_ != ViewState::kConnected || !bounds_.has_value() ||
-      attaching_ != 0) {
-    return;
-  }
-  attaching_ = ++attempts_;
+  if (state_ == ViewState::kConnected && bounds_.has_value()) Attach();
+}
+
+void View::Attach() {
+  if (std::exchange(is_attaching_, true)) return;
   told_bounds_ = *bounds_;
   rpc::AttachRequest request;
   *request.mutable_browser_id() = options_.browser;
@@ -118,23 +121,27 @@ void View::AttachIfPossible() {
   if (bounds_->has_screen_bounds())
     *request.mutable_screen_bounds() = bounds_->screen_bounds();
   session_->calls.client().Attach(
-      request, [this, session = std::weak_ptr(session_), attempt = attaching_](
+      request, [this, session = std::weak_ptr(session_)](
                    const absl::StatusOr<rpc::AttachResult>& answer) {
-        if (!session.expired()) OnAttached(attempt, answer);
+        if (!session.expired()) OnAttached(answer);
       });
 }
 
-void View::OnAttached(std::uint64_t attempt,
-                      const absl::StatusOr<rpc::AttachResult>& answer) {
-  if (attempt != attaching_) return;  // Detached meanwhile.
-  attaching_ = 0;
+void View::OnAttached(const absl::StatusOr<rpc::AttachResult>& answer) {
+  is_attaching_ = false;
   if (!answer.ok() || !answer->attached()) {
     // Without a connection, its end is told in a moment.
-    if (session_->connection->status().ok()) {
-      SetState(ViewState::kRefused,
-               answer.ok() ? absl::UnavailableError(answer->refusal())
-                           : answer.status());
-    }
+    if (!session_->connection->status().ok() || !bounds_.has_value()) return;
+    retry_timer_ = loop_->RunAfter(NextRetry(), [this] {
+      if (state_ == ViewState::kRefused) Attach();
+    });
+    SetState(ViewState::kRefused,
+             answer.ok() ? absl::UnavailableError(answer->refusal())
+                         : answer.status());
+    return;
+  }
+  if (!bounds_.has_value()) {  // Taken out of the window meanwhile.
+    session_->calls.Send(&Client::Detach);
     return;
   }
   retry_ = options_.first_retry;
@@ -156,19 +163,19 @@ void View::Detach() {
   bounds_.reset();
   focus_.reset();
   if (session_ == nullptr) return;
+  // What is not attached here may be attached to another host.
   if (state_ == ViewState::kAttached) {
     CancelInput();
     session_->calls.Send(&Client::Unfocus);
-  }
-  if (state_ == ViewState::kAttached || attaching_ != 0)
     session_->calls.Send(&Client::Detach);
-  attaching_ = 0;
+  }
   SetState(ViewState::kConnected, absl::OkStatus());
 }
 
 void View::TakeOver() {
   if (state_ != ViewState::kRefused) return;
   session_->calls.Send(&Client::Detach);
+  retry_ = options_.first_retry;
   SetState(ViewState::kConnected, absl::OkStatus());
   AttachIfPossible();
 }

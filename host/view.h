@@ -3,7 +3,6 @@
 #ifndef HOST_VIEW_H_
 #define HOST_VIEW_H_
 
-#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,8 +39,9 @@ enum class ViewState {
   // The page is in the window.
   kAttached,
 
-  // The widget has refused, for the reason in View::status(). The browser may
-  // be attached to another host, or to one that has died: see View::TakeOver.
+  // The widget has refused, for the reason in View::status(); for example,
+  // another host has attached the browser. The view tries again by itself; see
+  // also View::TakeOver.
   kRefused,
 
   // The widget serves another service or version, or belongs to another user;
@@ -54,8 +54,8 @@ struct ViewOptions {
   BrowserId browser;
   PointerOptions pointer = {};
 
-  // The time between two attempts to connect; it doubles from the first to the
-  // last.
+  // The time between two attempts to connect or to attach; it doubles from the
+  // first to the last.
   absl::Duration first_retry = absl::Milliseconds(100);
   absl::Duration last_retry = absl::Seconds(5);
 };
@@ -77,9 +77,8 @@ struct ViewHandlers {
 // and tells it to each widget process that comes, in the right order.
 //
 // Thread: the service thread of the loop. Lifetime: the loop outlives the view.
-// Must not be destroyed in one of its handlers. Its end closes the connection;
-// call Detach before if the widget lives on, so that another host may attach
-// the browser.
+// Must not be destroyed in one of its handlers. Its end closes the connection,
+// and so leaves the browser to the next host.
 class View {
  public:
   View(EventLoop* loop, ViewOptions options, ViewHandlers handlers);
@@ -139,10 +138,11 @@ class View {
 
   void Connect();
   void ConnectLater();
+  absl::Duration NextRetry();
   void OnWidgetGone();
   void AttachIfPossible();
-  void OnAttached(std::uint64_t attempt,
-                  const absl::StatusOr<rpc::AttachResult>& answer);
+  void Attach();
+  void OnAttached(const absl::StatusOr<rpc::AttachResult>& answer);
   void TellBounds();
   void CancelInput();
   void SetState(ViewState state, absl::Status status);
@@ -163,9 +163,7 @@ class View {
 
   absl::Duration retry_;
   std::unique_ptr<EventLoop::Timer> retry_timer_;
-  // The number of the Attach that has no answer; 0 if there is none.
-  std::uint64_t attaching_ = 0;
-  std::uint64_t attempts_ = 0;
+  bool is_attaching_ = false;         // Attach has no answer yet.
   rpc::ViewBounds told_bounds_;       // What the widget knows of bounds_.
   std::shared_ptr<Session> session_;  // Answers hold a weak pointer.
 };

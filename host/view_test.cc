@@ -198,21 +198,41 @@ TEST_F(ViewTest, ARefusalIsToldInWords) {
   view_->SetBounds(Bounds(320, 200), std::nullopt);
   Await(ViewState::kRefused);
   EXPECT_EQ(view_->status().message(), "no such mode");
-  view_->SetBounds(Bounds(400, 300), std::nullopt);
-  EXPECT_THAT(Calls(), ElementsAre("Attach"));
 }
 
-// A host that dies leaves its browser attached.
-TEST_F(ViewTest, ABrowserThatIsAttachedElsewhereCanBeTakenOver) {
+TEST_F(ViewTest, AfterARefusalItTriesAgainByItself) {
   widget_.failing = {"Attach"};
   StartWidget();
   view_->SetBounds(Bounds(320, 200), std::nullopt);
   Await(ViewState::kRefused);
   EXPECT_EQ(view_->status().message(), "it cannot");
+  loop_.RunUntil([this] { return widget_.calls.size() >= 3; });
+  EXPECT_EQ(view_->state(), ViewState::kRefused);
+  widget_.failing.clear();
+  Await(ViewState::kAttached);
+  EXPECT_THAT(states_, ElementsAre(ViewState::kConnected, ViewState::kRefused,
+                                   ViewState::kAttached));
+}
+
+TEST_F(ViewTest, ABrowserThatIsAttachedElsewhereCanBeTakenOver) {
+  widget_.failing = {"Attach"};
+  StartWidget();
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  Await(ViewState::kRefused);
   widget_.failing.clear();
   view_->TakeOver();
   Await(ViewState::kAttached);
-  EXPECT_THAT(Calls(), ElementsAre("Attach", "Detach", "Attach"));
+  EXPECT_THAT(Calls(), ::testing::Contains("Detach"));
+}
+
+TEST_F(ViewTest, OneThatIsRefusedTakesNothingFromAnotherHost) {
+  widget_.failing = {"Attach"};
+  StartWidget();
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  Await(ViewState::kRefused);
+  view_->Detach();
+  EXPECT_EQ(view_->state(), ViewState::kConnected);
+  EXPECT_THAT(Calls(), ::testing::Each("Attach"));
 }
 
 TEST_F(ViewTest, DetachingCancelsInputFirst) {
@@ -239,10 +259,18 @@ TEST_F(ViewTest, AViewMayBeDetachedWhileItAttaches) {
   Await(ViewState::kConnected);
   view_->SetBounds(Bounds(320, 200), std::nullopt);
   view_->Detach();
+  EXPECT_THAT(Calls(), ElementsAre("Attach", "Detach"));
+  EXPECT_EQ(view_->state(), ViewState::kConnected);
+}
+
+TEST_F(ViewTest, AViewMayComeBackWhileItAttaches) {
+  StartWidget();
+  Await(ViewState::kConnected);
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  view_->Detach();
   view_->SetBounds(Bounds(400, 300), std::nullopt);
   Await(ViewState::kAttached);
-  EXPECT_EQ(view_->attached().size().width(), 400);
-  EXPECT_THAT(Calls(), ElementsAre("Attach", "Detach", "Attach"));
+  EXPECT_THAT(Calls(), ElementsAre("Attach", "SetViewBounds"));
 }
 
 TEST_F(ViewTest, HidingTakesThePointerAway) {

@@ -16,6 +16,7 @@
 #include "engines/chromium/options.h"
 #include "engines/chromium/page.h"
 #include "engines/chromium/page_service.h"
+#include "examples/widget_server/browsers_service.h"
 #include "examples/widget_server/widget_service.h"
 #include "orvane/server.h"
 #include "zimbrel/src/core/common/logging/log_to_stderr.h"
@@ -57,7 +58,9 @@ int main(int argc, char** argv) {
         page_service.Add(browser, page.get());
         return page;
       });
-  orvane::SocketServer server(&loop, {&service, &page_service});
+  widget_server::BrowsersService browsers_service(&service);
+  orvane::SocketServer server(&loop,
+                              {&service, &page_service, &browsers_service});
   loop.OnSignal({SIGINT, SIGTERM}, [&] {
     server.Shutdown(kShutdownBound, [&] {
       engine.Shutdown(kShutdownBound, [&] { loop.Stop(); });

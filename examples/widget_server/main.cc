@@ -8,6 +8,7 @@
 #include "absl/status/status.h"
 #include "absl/time/time.h"
 
+#include "examples/widget_server/browsers_service.h"
 #include "examples/widget_server/options.h"
 #include "examples/widget_server/widget_service.h"
 #include "orvane/server.h"
@@ -27,7 +28,8 @@ int main(int argc, char** argv) {
   // Each outlives those below it.
   orvane::EventLoop loop;
   widget_server::WidgetService service(options.browsers);
-  orvane::SocketServer server(&loop, &service);
+  widget_server::BrowsersService browsers(&service);
+  orvane::SocketServer server(&loop, {&service, &browsers});
   loop.OnSignal({SIGINT, SIGTERM}, [&loop, &server] {
     server.Shutdown(kShutdownBound, [&loop] { loop.Stop(); });
   });

@@ -69,8 +69,13 @@ absl::Status Widget::Attach(const rpc::AttachRequest& request,
   return absl::OkStatus();
 }
 
+void Widget::KeepFor(std::unique_ptr<orvane::ClientWatch> host) {
+  host_ = std::move(host);
+}
+
 absl::Status Widget::Detach() {
   view_.reset();
+  host_.reset();
   return absl::OkStatus();
 }
 

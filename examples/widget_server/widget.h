@@ -17,6 +17,7 @@
 #include "rpc/browser/accessibility.pb.h"
 #include "rpc/browser/display.pb.h"
 #include "rpc/browser/window.pb.h"
+#include "zimbrel/src/core/common/rpc/transport/client_watch.h"
 
 namespace widget_server {
 
@@ -30,6 +31,12 @@ class Widget {
   // `result` tells whether the widget is attached, and if not, why.
   absl::Status Attach(const rpc::AttachRequest& request,
                       rpc::AttachResult* result);
+
+  // Keeps `host`, which waits for the end of the host that has attached the
+  // browser, until Detach.
+  void KeepFor(std::unique_ptr<orvane::ClientWatch> host);
+
+  bool is_attached() const { return view_.has_value(); }
 
   // Both do nothing while there is no view.
   absl::Status Detach();
@@ -75,6 +82,7 @@ class Widget {
   const std::uint64_t browser_;
   const std::shared_ptr<AbstractPage> page_;
   std::optional<View> view_;
+  std::unique_ptr<orvane::ClientWatch> host_;  // Of the view.
   rpc::Display display_;
   bool is_dpi_aware_ = true;
   std::optional<double> forced_scale_factor_;

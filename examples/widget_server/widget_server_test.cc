@@ -11,6 +11,7 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.client.h"
+#include "rpc/browser/browsers.client.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/testing/call_by_name.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
@@ -75,6 +76,56 @@ TEST_F(WidgetServerTest, ServesTheSameWidgetsToEveryHost) {
   ASSERT_EQ(CallByName(first.get(), "Attach", "browser_id { value: 1 }"),
             absl::OkStatus());
   EXPECT_EQ(CallByName(second.get(), "Show", "value: 1"), absl::OkStatus());
+}
+
+TEST_F(WidgetServerTest, AHostThatGoesLeavesItsBrowsersToTheNext) {
+  const auto server = Serve();
+  auto first = Connect();
+  const auto second = Connect();
+  ASSERT_EQ(CallByName(first.get(), "Attach", "browser_id { value: 1 }"),
+            absl::OkStatus());
+  EXPECT_EQ(
+      CallByName(second.get(), "Attach", "browser_id { value: 1 }").message(),
+      "browser 1 is attached already; Detach comes first");
+  first.reset();
+  // The server learns of that in its own time.
+  while (CallByName(second.get(), "Show", "value: 1").ok()) continue;
+  EXPECT_EQ(CallByName(second.get(), "Attach", "browser_id { value: 1 }"),
+            absl::OkStatus());
+}
+
+TEST_F(WidgetServerTest, AHostThatHasDetachedTakesNothingWithIt) {
+  const auto server = Serve();
+  auto first = Connect();
+  const auto second = Connect();
+  for (const char* const method : {"Attach", "Detach"}) {
+    ASSERT_EQ(
+        CallByName(first.get(), method,
+                   method[0] == 'A' ? "browser_id { value: 1 }" : "value: 1"),
+        absl::OkStatus());
+  }
+  ASSERT_EQ(CallByName(second.get(), "Attach", "browser_id { value: 1 }"),
+            absl::OkStatus());
+  ASSERT_EQ(CallByName(first.get(), "Attach", "browser_id { value: 2 }"),
+            absl::OkStatus());
+  first.reset();
+  while (CallByName(second.get(), "Show", "value: 2").ok()) continue;
+  EXPECT_EQ(CallByName(second.get(), "Show", "value: 1"), absl::OkStatus());
+}
+
+TEST_F(WidgetServerTest, ListsItsBrowsers) {
+  const auto server = Serve({"--browsers", "2"});
+  const auto host = Connect();
+  const auto other = Connect();
+  ASSERT_EQ(CallByName(host.get(), "Attach", "browser_id { value: 2 }"),
+            absl::OkStatus());
+  const auto list = rpc::BrowsersRpcClient(other.get()).ListBrowsers({});
+  ASSERT_TRUE(list.ok()) << list.status();
+  ASSERT_EQ(list->browsers_size(), 2);
+  EXPECT_EQ(list->browsers(0).browser_id().value(), 1u);
+  EXPECT_FALSE(list->browsers(0).attached());
+  EXPECT_EQ(list->browsers(1).browser_id().value(), 2u);
+  EXPECT_TRUE(list->browsers(1).attached());
 }
 
 TEST_F(WidgetServerTest, ServesAsManyBrowsersAsItIsTold) {

@@ -112,7 +112,14 @@ void WidgetService::Attach(Controller* controller,
                            const rpc::AttachRequest* request,
                            rpc::AttachResult* response, Closure* done) {
   ServeWidget(controller, request->browser_id(), done, [&](Widget& widget) {
-    return widget.Attach(*request, response);
+    absl::Status status = widget.Attach(*request, response);
+    if (response->attached()) {
+      widget.KeepFor(orvane::ClientWatch::Make(controller, [&widget] {
+        widget.Detach().IgnoreError();  // Always OK.
+        widget.UpdatePage(DoNotReact);
+      }));
+    }
+    return status;
   });
 }
 

@@ -26,7 +26,8 @@ absl::Status NoSuchBrowser(std::uint64_t browser,
 
 // Passes each call to its widget and answers it before the handler returns,
 // with the widget's result or its error. The widget's page reacts after the
-// reply, so events and calls caused by a call arrive after its reply.
+// reply, so events and calls caused by a call arrive after its reply. When a
+// host has gone, what it had attached is detached.
 //
 // Thread: the service thread.
 class WidgetService final : public rpc::BrowserWidgetRpc {
@@ -50,6 +51,9 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
   // The widget of a browser, valid as long as the service. If there is no such
   // browser, the error names those that exist.
   absl::StatusOr<Widget*> FindWidget(const BrowserId& browser_id);
+
+  // By browser; valid as long as the service.
+  const std::map<std::uint64_t, Widget>& widgets() const { return widgets_; }
 
   void Focus(Controller* controller, const rpc::FocusRequest* request,
              Empty* response, Closure* done) override;

@@ -19,6 +19,7 @@
 #include "absl/time/time.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
+#include "rpc/browser/browsers.rpc.h"
 #include "rpc/browser/page.rpc.h"
 #include "tools/widgetctl/commands.h"
 #include "tools/widgetctl/methods.h"
@@ -158,8 +159,9 @@ ExitCode Main(int argc, char** argv) {
                           {"help", no_argument, nullptr, 'h'},
                           {"version", no_argument, nullptr, 'v'},
                           {}};
-  const Options defaults{
-      {rpc::BrowserWidgetRpc::descriptor(), rpc::PageRpc::descriptor()}};
+  const Options defaults{{rpc::BrowserWidgetRpc::descriptor(),
+                          rpc::PageRpc::descriptor(),
+                          rpc::BrowsersRpc::descriptor()}};
   Options options = defaults;
   bool wants_help = false;
   int found = 0;
