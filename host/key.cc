@@ -17,7 +17,7 @@ constexpr std::uint32_t kX11Offset = 8;
 
 struct Place {
   std::uint16_t evdev;
-  std::uint16_t usage;  // On USB's keyboard page; 0 if it is not there.
+  std::uint16_t usage;  // On USB's keyboard page; from 258 on SDL's own; or 0.
   std::uint16_t windows_key_code;  // On a US keyboard, Num Lock on.
   absl::string_view code;
 };
@@ -153,18 +153,18 @@ constexpr Place kPlaces[] = {
     {136, 126, 255, "Find"},
     {137, 123, 255, "Cut"},
     {138, 117, 47, "Help"},
-    {142, 0, 95, "Sleep"},
+    {142, 282, 95, "Sleep"},
     {143, 0, 255, "WakeUp"},
-    {155, 0, 180, "LaunchMail"},
-    {158, 0, 166, "BrowserBack"},
-    {159, 0, 167, "BrowserForward"},
-    {161, 0, 255, "Eject"},
-    {163, 0, 176, "MediaTrackNext"},
-    {164, 0, 179, "MediaPlayPause"},
-    {165, 0, 177, "MediaTrackPrevious"},
-    {166, 0, 178, "MediaStop"},
-    {172, 0, 172, "BrowserHome"},
-    {173, 0, 168, "BrowserRefresh"},
+    {155, 265, 180, "LaunchMail"},
+    {158, 270, 166, "BrowserBack"},
+    {159, 271, 167, "BrowserForward"},
+    {161, 281, 255, "Eject"},
+    {163, 258, 176, "MediaTrackNext"},
+    {164, 261, 179, "MediaPlayPause"},
+    {165, 259, 177, "MediaTrackPrevious"},
+    {166, 260, 178, "MediaStop"},
+    {172, 269, 172, "BrowserHome"},
+    {173, 273, 168, "BrowserRefresh"},
     {179, 182, 255, "NumpadParenLeft"},
     {180, 183, 255, "NumpadParenRight"},
     {183, 104, 124, "F13"},
@@ -179,7 +179,7 @@ constexpr Place kPlaces[] = {
     {192, 113, 133, "F22"},
     {193, 114, 134, "F23"},
     {194, 115, 135, "F24"},
-    {217, 0, 170, "BrowserSearch"},
+    {217, 268, 170, "BrowserSearch"},
 };
 
 struct Name {
@@ -354,6 +354,8 @@ std::string NumpadKey(absl::string_view code, bool is_num_lock_on) {
 // The key at a place that has no character, for toolkits that do not tell a
 // keysym.
 std::string KeyAt(absl::string_view code, std::uint32_t modifiers) {
+  if (code == "AltRight" && (modifiers & rpc::MODIFIER_FLAG_ALT_GRAPH) != 0)
+    return "AltGraph";
   for (const absl::string_view pair : {"Shift", "Control", "Alt", "Meta"}) {
     if (absl::StartsWith(code, pair)) return std::string(pair);
   }
@@ -384,6 +386,16 @@ char32_t CharacterOf(std::uint32_t keysym) {
   return 0;
 }
 
+// The character that a key without modifiers has under those in effect, as far
+// as it does not depend on the layout.
+char32_t UnderModifiers(char32_t unshifted, std::uint32_t modifiers) {
+  const bool is_shifted = (modifiers & rpc::MODIFIER_FLAG_SHIFT) != 0;
+  const bool is_locked = (modifiers & rpc::MODIFIER_FLAG_CAPS_LOCK) != 0;
+  if (unshifted < 'a' || unshifted > 'z' || is_shifted == is_locked)
+    return unshifted;
+  return unshifted - 'a' + 'A';
+}
+
 std::string KeyOf(const KeySample& sample, const Place* place) {
   const absl::string_view code = place == nullptr ? "" : place->code;
   if (const std::uint32_t number = FunctionKey(sample.keysym))
@@ -394,8 +406,12 @@ std::string KeyOf(const KeySample& sample, const Place* place) {
     const bool is_alt = name->key == "Meta" && absl::StartsWith(code, "Alt");
     return std::string(is_alt ? "Alt" : name->key);
   }
-  const char32_t character =
-      sample.character != 0 ? sample.character : CharacterOf(sample.keysym);
+  char32_t character = sample.character;
+  if (character == 0) {
+    character = sample.keysym != 0 ? CharacterOf(sample.keysym)
+                                   : UnderModifiers(sample.unshifted_character,
+                                                    sample.input.modifiers());
+  }
   if (IsPrintable(character)) return Utf8(character);
   if (sample.keysym != 0) return "Unidentified";
   return KeyAt(code, sample.input.modifiers());

@@ -11,14 +11,15 @@
 namespace orvane::host {
 
 // What a toolkit tells when a key goes down or up. What it does not tell stays
-// 0; a key needs at least its native key code or its keysym.
+// 0; a key needs at least its native key code, its keysym or its character
+// without modifiers.
 struct KeySample {
   // Time and device, and the modifiers as they are before or after the event:
   // the key's own is counted or taken off as need be.
   rpc::InputInfo input;
 
   // The key code of X11: gdk_key_event_get_keycode, QKeyEvent::nativeScanCode.
-  // For SDL: NativeKeyCodeOfUsage(scancode).
+  // For SDL: NativeKeyCodeOfUsage(keysym.scancode).
   std::uint32_t native_key_code = 0;
 
   // The keysym of X11 under the modifiers in effect: gdk_key_event_get_keyval,
@@ -26,12 +27,13 @@ struct KeySample {
   std::uint32_t keysym = 0;
 
   // The character of the key under the modifiers in effect:
-  // gdk_keyval_to_unicode, xkb_keysym_to_utf32; an SDL_Keycode below
-  // SDLK_SCANCODE_MASK, with Shift applied.
+  // gdk_keyval_to_unicode, xkb_keysym_to_utf32. SDL tells none but in the text
+  // that the key enters, which Keyboard::Press takes it from.
   char32_t character = 0;
 
   // Likewise without modifiers: gdk_display_translate_key with a state of 0,
-  // level 0 of xkb_keymap_key_get_syms_by_level; an SDL_Keycode.
+  // level 0 of xkb_keymap_key_get_syms_by_level; keysym.sym of SDL. One that is
+  // no character, such as SDLK_F1, counts as not told.
   char32_t unshifted_character = 0;
 
   // The key is held and the toolkit repeats it. May stay false: a key that is
@@ -40,6 +42,8 @@ struct KeySample {
 };
 
 // Tells `key`, `code`, location and Windows key code, as browsers do on Linux.
+// If only the character without modifiers is known, Shift and Caps Lock are
+// applied to the letters from A to Z.
 //
 // Sources: the codes are those of "UI Events KeyboardEvent code Values", by the
 // numbers of linux/input-event-codes.h; the names those of "UI Events
@@ -49,7 +53,8 @@ struct KeySample {
 rpc::Key DescribeKey(const KeySample& sample);
 
 // The native key code of a key that USB calls by this usage of its keyboard
-// page, as SDL_Scancode does. 0 if there is none.
+// page, as SDL_Scancode does; also of media keys, which SDL numbers from 258
+// on. 0 if there is none.
 std::uint32_t NativeKeyCodeOfUsage(std::uint32_t usage);
 
 // The sum of ModifierFlags for the state of an X11 event or a GdkModifierType:

@@ -28,12 +28,11 @@ std::string FromKeysym(std::uint32_t native_key_code, std::uint32_t keysym) {
 }
 
 // As SDL tells it.
-std::string FromUsage(std::uint32_t usage, char32_t character = 0,
+std::string FromUsage(std::uint32_t usage, char32_t unshifted_character = 0,
                       std::uint32_t modifiers = 0) {
   KeySample sample;
   sample.native_key_code = NativeKeyCodeOfUsage(usage);
-  sample.character = character;
-  sample.unshifted_character = character;
+  sample.unshifted_character = unshifted_character;
   sample.input.set_modifiers(modifiers);
   return InWords(sample);
 }
@@ -115,6 +114,34 @@ TEST(Key, AKeyWithoutAKeysymIsToldByItsPlace) {
             "7, Numpad7, 103, NUMPAD");
   EXPECT_EQ(FromUsage(87), "+, NumpadAdd, 107, NUMPAD");
   EXPECT_EQ(FromUsage(4), "Unidentified, KeyA, 65, STANDARD");
+}
+
+// SDL tells the character without modifiers alone.
+TEST(Key, ShiftAndCapsLockMakeALetterACapital) {
+  constexpr std::uint32_t kShift = rpc::MODIFIER_FLAG_SHIFT;
+  constexpr std::uint32_t kCapsLock = rpc::MODIFIER_FLAG_CAPS_LOCK;
+  EXPECT_EQ(FromUsage(4, 'a', kShift), "A, KeyA, 65, STANDARD");
+  EXPECT_EQ(FromUsage(4, 'a', kCapsLock), "A, KeyA, 65, STANDARD");
+  EXPECT_EQ(FromUsage(4, 'a', kShift | kCapsLock), "a, KeyA, 65, STANDARD");
+  EXPECT_EQ(FromUsage(30, '1', kShift), "1, Digit1, 49, STANDARD");
+  EXPECT_EQ(FromUsage(52, 0xE4, kShift), "\u00e4, Quote, 222, STANDARD");
+}
+
+TEST(Key, ACharacterThatIsNoneDoesNotCount) {
+  constexpr char32_t kSdlF1 = 0x4000003A;
+  EXPECT_EQ(FromUsage(58, kSdlF1), "F1, F1, 112, STANDARD");
+  EXPECT_EQ(FromUsage(4, 0xD800), "Unidentified, KeyA, 65, STANDARD");
+}
+
+TEST(Key, TheRightAltIsAltGraphIfTheModifiersSaySo) {
+  EXPECT_EQ(FromUsage(230), "Alt, AltRight, 18, RIGHT");
+  EXPECT_EQ(FromUsage(230, 0, rpc::MODIFIER_FLAG_ALT_GRAPH),
+            "AltGraph, AltRight, 225, RIGHT");
+}
+
+TEST(Key, MediaKeysAreKnownBySdlsNumbers) {
+  EXPECT_EQ(FromUsage(261), "MediaPlayPause, MediaPlayPause, 179, STANDARD");
+  EXPECT_EQ(FromUsage(270), "BrowserBack, BrowserBack, 166, STANDARD");
 }
 
 TEST(Key, UsagesOfUsbHaveANativeKeyCode) {

@@ -19,10 +19,21 @@ constexpr std::uint32_t kShortcuts = rpc::MODIFIER_FLAG_CONTROL |
 constexpr std::uint32_t kModifierKeys =
     kShortcuts | rpc::MODIFIER_FLAG_SHIFT | rpc::MODIFIER_FLAG_ALT_GRAPH;
 
-std::uint32_t DownIndex(const KeySample& sample) {
-  // Keysyms of X11 have 29 bits.
-  return sample.native_key_code != 0 ? sample.native_key_code
-                                     : sample.keysym | (1U << 31);
+// Tells keys apart: by native key code, or else by keysym or character.
+std::uint64_t DownIndex(const KeySample& sample) {
+  if (sample.native_key_code != 0) return sample.native_key_code;
+  if (sample.keysym != 0) return sample.keysym | (std::uint64_t{1} << 32);
+  return sample.unshifted_character | (std::uint64_t{2} << 32);
+}
+
+bool TellsCharacter(const KeySample& sample) {
+  return sample.keysym != 0 || sample.character != 0;
+}
+
+bool IsOneCharacter(absl::string_view utf8) {
+  return std::count_if(utf8.begin(), utf8.end(), [](char byte) {
+           return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
+         }) == 1;
 }
 
 // The modifier that a key is, 0 for most.
@@ -65,6 +76,9 @@ void Keyboard::Press(const KeySample& sample, absl::string_view text,
   rpc::KeyPressRequest press;
   *press.mutable_input() = sample.input;
   *press.mutable_key() = DescribeKey(sample);
+  const std::string entered = WithoutControlCharacters(text);
+  if (!TellsCharacter(sample) && IsOneCharacter(entered))
+    press.mutable_key()->set_key(entered);
   press.mutable_input()->set_modifiers(
       ModifiersAfter(sample.input.modifiers(), press.key(), true));
   const bool is_new = down_
@@ -76,7 +90,7 @@ void Keyboard::Press(const KeySample& sample, absl::string_view text,
   calls_->Send(&Client::ForwardKeyPress, press);
   if (is_composing || (press.input().modifiers() & kShortcuts) != 0) return;
   SendText(press.input(), &press.key(),
-           press.key().key() == "Enter" ? "\r" : WithoutControlCharacters(text),
+           press.key().key() == "Enter" ? "\r" : entered,
            press.is_auto_repeat());
 }
 
@@ -86,7 +100,7 @@ void Keyboard::Release(const KeySample& sample) {
   if (pressed.empty()) return;
   // The same key as before, which may have another meaning by now.
   rpc::Key key = pressed.mapped().key;
-  key.set_key(DescribeKey(sample).key());
+  if (TellsCharacter(sample)) key.set_key(DescribeKey(sample).key());
   rpc::InputInfo input = sample.input;
   input.set_modifiers(
       ModifiersAfter(input.modifiers(), pressed.mapped().key, false));

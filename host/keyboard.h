@@ -22,8 +22,9 @@ namespace orvane::host {
 // With an input method, let it have the event first, keep what it commits
 // meanwhile, and then call Press with that text; call Commit for what it
 // commits later. GTK: gtk_im_context_filter_keypress and "commit". Qt:
-// QKeyEvent::text and QInputMethodEvent::commitString. SDL: SDL_TEXTINPUT,
-// which follows the press, goes to Commit.
+// QKeyEvent::text and QInputMethodEvent::commitString. SDL: the text of a press
+// is the SDL_TEXTINPUT right behind its SDL_KEYDOWN in the queue; any other
+// goes to Commit.
 //
 // Thread: the service thread. Lifetime: `calls` outlives this object.
 class Keyboard {
@@ -35,7 +36,8 @@ class Keyboard {
   // `text` is what the key enters, in UTF-8; empty if it enters nothing, or if
   // the input method keeps it, which `is_composing` says. Enter is typed as
   // "\r" without the caller's doing. Control characters are left out, and so is
-  // the text of a key with Control, Alt or Meta, which is a shortcut.
+  // the text of a key with Control, Alt or Meta, which is a shortcut. A sample
+  // without keysym and character has the character that the text is.
   void Press(const KeySample& sample, absl::string_view text = "",
              bool is_composing = false);
 
@@ -64,7 +66,7 @@ class Keyboard {
                 absl::string_view text, bool is_auto_repeat);
 
   InputCalls* const calls_;
-  std::map<std::uint32_t, DownKey> down_;  // By native key code, or by keysym.
+  std::map<std::uint64_t, DownKey> down_;  // By what DownIndex tells.
 };
 
 }  // namespace orvane::host

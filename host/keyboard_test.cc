@@ -170,6 +170,33 @@ TEST_F(KeyboardTest, AKeyWithoutAKeyCodeIsKnownByItsKeysym) {
                                   "release a"));
 }
 
+// As SDL tells keys.
+TEST_F(KeyboardTest, AKeyWithoutAKeysymIsWhatItEnters) {
+  KeySample one;
+  one.native_key_code = 10;
+  one.unshifted_character = '1';
+  one.input.set_modifiers(kShift);
+  keyboard.Press(one, "!");
+  keyboard.Release(one);
+  KeySample dead;
+  dead.native_key_code = 48;
+  keyboard.Press(dead, "'e");
+  EXPECT_THAT(Keys(),
+              ElementsAre("press ! with 8", "type ! with 8", "release ! with 8",
+                          "press Unidentified", "type 'e"));
+}
+
+TEST_F(KeyboardTest, KeysWithNothingButTheirCharacterAreToldApart) {
+  KeySample first;
+  first.unshifted_character = 'a';
+  KeySample second;
+  second.unshifted_character = 'b';
+  keyboard.Press(first);
+  keyboard.Press(second);
+  keyboard.Release(first);
+  EXPECT_THAT(Keys(), ElementsAre("press a", "press b", "release a"));
+}
+
 // Input methods
 
 TEST_F(KeyboardTest, AnInputMethodKeepsTheTextUntilItCommits) {
