@@ -1,6 +1,7 @@
 #include "host/key.h"
 
 #include <algorithm>
+#include <initializer_list>
 #include <iterator>
 #include <string>
 
@@ -507,6 +508,20 @@ rpc::KeyLocation LocationOf(std::uint32_t keysym, absl::string_view code) {
   return rpc::KEY_LOCATION_STANDARD;
 }
 
+struct ModifierBits {
+  std::uint32_t mask;
+  rpc::ModifierFlag flag;
+};
+
+std::uint32_t Translate(std::uint32_t state,
+                        std::initializer_list<ModifierBits> all) {
+  std::uint32_t modifiers = 0;
+  for (const ModifierBits& bits : all) {
+    if ((state & bits.mask) != 0) modifiers |= bits.flag;
+  }
+  return modifiers;
+}
+
 }  // namespace
 
 rpc::Key DescribeKey(const KeySample& sample) {
@@ -532,23 +547,26 @@ std::uint32_t NativeKeyCodeOfUsage(std::uint32_t usage) {
 }
 
 std::uint32_t ModifiersOfX11State(std::uint32_t state) {
-  struct Bit {
-    std::uint32_t mask;
-    rpc::ModifierFlag flag;
-  };
-  constexpr Bit kBits[] = {{1 << 0, rpc::MODIFIER_FLAG_SHIFT},
+  return Translate(state, {{1 << 0, rpc::MODIFIER_FLAG_SHIFT},
                            {1 << 1, rpc::MODIFIER_FLAG_CAPS_LOCK},
                            {1 << 2, rpc::MODIFIER_FLAG_CONTROL},
                            {1 << 3, rpc::MODIFIER_FLAG_ALT},
                            {1 << 4, rpc::MODIFIER_FLAG_NUM_LOCK},
                            {1 << 6, rpc::MODIFIER_FLAG_META},
                            {1 << 7, rpc::MODIFIER_FLAG_ALT_GRAPH},
-                           {1 << 26, rpc::MODIFIER_FLAG_META}};
-  std::uint32_t modifiers = 0;
-  for (const Bit& bit : kBits) {
-    if ((state & bit.mask) != 0) modifiers |= bit.flag;
-  }
-  return modifiers;
+                           {1 << 26, rpc::MODIFIER_FLAG_META}});
+}
+
+std::uint32_t ModifiersOfSdlState(std::uint32_t state) {
+  return Translate(state, {{0x0003, rpc::MODIFIER_FLAG_SHIFT},
+                           {0x00C0, rpc::MODIFIER_FLAG_CONTROL},
+                           {0x0100, rpc::MODIFIER_FLAG_ALT},
+                           {0x0200, rpc::MODIFIER_FLAG_ALT_GRAPH},
+                           {0x0C00, rpc::MODIFIER_FLAG_META},
+                           {0x1000, rpc::MODIFIER_FLAG_NUM_LOCK},
+                           {0x2000, rpc::MODIFIER_FLAG_CAPS_LOCK},
+                           {0x4000, rpc::MODIFIER_FLAG_ALT_GRAPH},
+                           {0x8000, rpc::MODIFIER_FLAG_SCROLL_LOCK}});
 }
 
 }  // namespace orvane::host

@@ -62,6 +62,10 @@ std::uint32_t NativeKeyCodeOfUsage(std::uint32_t usage);
 // GDK_SUPER_MASK), AltGr (Mod5), as Linux keyboards are set up.
 std::uint32_t ModifiersOfX11State(std::uint32_t state);
 
+// Likewise for SDL_GetModState or keysym.mod of SDL. The right Alt counts as
+// AltGr, which SDL does not tell from it, so that what it types is entered.
+std::uint32_t ModifiersOfSdlState(std::uint32_t state);
+
 }  // namespace orvane::host
 
 #endif  // HOST_KEY_H_

@@ -165,5 +165,18 @@ TEST(Key, ModifiersOfX11HaveTheirFlags) {
   EXPECT_EQ(ModifiersOfX11State(1 << 8), 0u);  // A mouse button.
 }
 
+TEST(Key, ModifiersOfSdlHaveTheirFlags) {
+  EXPECT_EQ(ModifiersOfSdlState(0), 0u);
+  EXPECT_EQ(
+      ModifiersOfSdlState(0x0002 + 0x0040),
+      std::uint32_t{rpc::MODIFIER_FLAG_SHIFT} | rpc::MODIFIER_FLAG_CONTROL);
+  EXPECT_EQ(ModifiersOfSdlState(0x0100), rpc::MODIFIER_FLAG_ALT);
+  EXPECT_EQ(ModifiersOfSdlState(0x0200), rpc::MODIFIER_FLAG_ALT_GRAPH);
+  EXPECT_EQ(ModifiersOfSdlState(0x0400), rpc::MODIFIER_FLAG_META);
+  EXPECT_EQ(ModifiersOfSdlState(0x1000 + 0x2000 + 0x8000),
+            std::uint32_t{rpc::MODIFIER_FLAG_NUM_LOCK} |
+                rpc::MODIFIER_FLAG_CAPS_LOCK | rpc::MODIFIER_FLAG_SCROLL_LOCK);
+}
+
 }  // namespace
 }  // namespace orvane::host
