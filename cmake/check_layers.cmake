@@ -78,7 +78,7 @@ allow(host "host/[a-z_]+\\.h" "rpc/browser/browser_widget\\.client\\.h" "${contr
 # Programs, which include only public headers of the runtime; their tests may
 # include more.
 allow(engines/chromium "engines/chromium/[a-z_]+\\.h" "host/[a-z_]+\\.h" "examples/widget_server/[a-z0-9_]+\\.h" ${api})
-allow(examples "host/[a-z_]+\\.h" ${api})
+allow(examples "host/[a-z_]+\\.h" "${rpc}/main_loops/[a-z_]+\\.h" ${api})
 allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples/host "examples/host/[a-z_]+\\.h" "host/[a-z_]+\\.h" ${api})
 allow(examples/stranger ${api})

@@ -1,4 +1,4 @@
-// examples/main_loops/glib_host.cc: a host in a program with GLib's main loop,
+// examples/main_loops/glib_loop.cc: a host in a program with GLib's main loop,
 // which is GTK's too.
 
 #include <csignal>

@@ -1,4 +1,4 @@
-// examples/main_loops/qt_host.cc: a host in a program with Qt's main loop. A
+// examples/main_loops/qt_loop.cc: a host in a program with Qt's main loop. A
 // program with widgets uses a QApplication instead; the rest is the same.
 
 #include <QCoreApplication>

@@ -1,4 +1,4 @@
-// examples/main_loops/sdl_host.cc: a host in a program that waits for SDL's
+// examples/main_loops/sdl_loop.cc: a host in a program that waits for SDL's
 // events. A program with a window adds SDL_INIT_VIDEO to SDL_Init; the rest is
 // the same.
 
