@@ -354,7 +354,8 @@ std::string NumpadKey(absl::string_view code, bool is_num_lock_on) {
 
 // The key at a place that has no character, for toolkits that do not tell a
 // keysym.
-std::string KeyAt(absl::string_view code, std::uint32_t modifiers) {
+std::string KeyAt(absl::string_view code, const KeySample& sample) {
+  const std::uint32_t modifiers = sample.input.modifiers();
   if (code == "AltRight" && (modifiers & rpc::MODIFIER_FLAG_ALT_GRAPH) != 0)
     return "AltGraph";
   for (const absl::string_view pair : {"Shift", "Control", "Alt", "Meta"}) {
@@ -373,7 +374,8 @@ std::string KeyAt(absl::string_view code, std::uint32_t modifiers) {
        {"Key", "Digit", "Bracket", "Intl", "Space", "Minus", "Equal",
         "Semicolon", "Quote", "Backquote", "Backslash", "Comma", "Period",
         "Slash"}) {
-    if (absl::StartsWith(code, printed)) return "Unidentified";
+    if (absl::StartsWith(code, printed))
+      return sample.unshifted_character != 0 ? "Dead" : "Unidentified";
   }
   return code.empty() ? "Unidentified" : std::string(code);
 }
@@ -415,7 +417,7 @@ std::string KeyOf(const KeySample& sample, const Place* place) {
   }
   if (IsPrintable(character)) return Utf8(character);
   if (sample.keysym != 0) return "Unidentified";
-  return KeyAt(code, sample.input.modifiers());
+  return KeyAt(code, sample);
 }
 
 std::uint32_t PunctuationCode(char32_t character) {

@@ -33,7 +33,7 @@ struct KeySample {
 
   // Likewise without modifiers: gdk_display_translate_key with a state of 0,
   // level 0 of xkb_keymap_key_get_syms_by_level; keysym.sym of SDL. One that is
-  // no character, such as SDLK_F1, counts as not told.
+  // no character, such as SDLK_F1, says that the key has none.
   char32_t unshifted_character = 0;
 
   // The key is held and the toolkit repeats it. May stay false: a key that is

@@ -130,7 +130,12 @@ TEST(Key, ShiftAndCapsLockMakeALetterACapital) {
 TEST(Key, ACharacterThatIsNoneDoesNotCount) {
   constexpr char32_t kSdlF1 = 0x4000003A;
   EXPECT_EQ(FromUsage(58, kSdlF1), "F1, F1, 112, STANDARD");
-  EXPECT_EQ(FromUsage(4, 0xD800), "Unidentified, KeyA, 65, STANDARD");
+  EXPECT_EQ(FromUsage(3, 0xD800), "Unidentified, , 0, STANDARD");
+}
+
+TEST(Key, APrintedKeyWithoutACharacterIsDead) {
+  constexpr char32_t kSdlNoCharacter = 0x40000000;
+  EXPECT_EQ(FromUsage(46, kSdlNoCharacter), "Dead, Equal, 187, STANDARD");
 }
 
 TEST(Key, TheRightAltIsAltGraphIfTheModifiersSaySo) {
