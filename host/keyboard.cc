@@ -1,8 +1,13 @@
 #include "host/keyboard.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 #include <utility>
+
+#include "absl/strings/str_cat.h"
+
+#include "zimbrel/src/core/common/rpc/characters.h"
 
 namespace orvane::host {
 namespace {
@@ -30,12 +35,6 @@ bool TellsCharacter(const KeySample& sample) {
   return sample.keysym != 0 || sample.character != 0;
 }
 
-bool IsOneCharacter(absl::string_view utf8) {
-  return std::count_if(utf8.begin(), utf8.end(), [](char byte) {
-           return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
-         }) == 1;
-}
-
 // The modifier that a key is, 0 for most.
 std::uint32_t FlagOf(const rpc::Key& key) {
   if (key.key() == "Alt") return rpc::MODIFIER_FLAG_ALT;
@@ -46,14 +45,26 @@ std::uint32_t FlagOf(const rpc::Key& key) {
   return 0;
 }
 
-std::string WithoutControlCharacters(absl::string_view text) {
-  std::string left;
-  for (const char character : text) {
+struct Text {
+  std::string utf8;
+  std::size_t characters = 0;
+};
+
+// What a page is told of a toolkit's text: no control characters, and no bytes
+// that are no character.
+Text TypedFrom(absl::string_view told) {
+  Text typed;
+  while (!told.empty()) {
+    const Utf8Character first = FirstCharacter(told);
     const bool is_control =
-        (character >= 0 && character < ' ') || character == '\x7f';
-    if (!is_control) left += character;
+        first.code < ' ' || (first.code >= 0x7F && first.code < 0xA0);
+    if (first.bytes > 0 && !is_control) {
+      absl::StrAppend(&typed.utf8, told.substr(0, first.bytes));
+      ++typed.characters;
+    }
+    told.remove_prefix(std::max<std::size_t>(first.bytes, 1));
   }
-  return left;
+  return typed;
 }
 
 }  // namespace
@@ -76,9 +87,9 @@ void Keyboard::Press(const KeySample& sample, absl::string_view text,
   rpc::KeyPressRequest press;
   *press.mutable_input() = sample.input;
   *press.mutable_key() = DescribeKey(sample);
-  const std::string entered = WithoutControlCharacters(text);
-  if (!TellsCharacter(sample) && IsOneCharacter(entered))
-    press.mutable_key()->set_key(entered);
+  const Text typed = TypedFrom(text);
+  if (!TellsCharacter(sample) && typed.characters == 1)
+    press.mutable_key()->set_key(typed.utf8);
   press.mutable_input()->set_modifiers(
       ModifiersAfter(sample.input.modifiers(), press.key(), true));
   const bool is_new = down_
@@ -90,7 +101,7 @@ void Keyboard::Press(const KeySample& sample, absl::string_view text,
   calls_->Send(&Client::ForwardKeyPress, press);
   if (is_composing || (press.input().modifiers() & kShortcuts) != 0) return;
   SendText(press.input(), &press.key(),
-           press.key().key() == "Enter" ? "\r" : entered,
+           press.key().key() == "Enter" ? "\r" : typed.utf8,
            press.is_auto_repeat());
 }
 
@@ -108,7 +119,7 @@ void Keyboard::Release(const KeySample& sample) {
 }
 
 void Keyboard::Commit(const rpc::InputInfo& input, absl::string_view text) {
-  SendText(input, nullptr, WithoutControlCharacters(text), false);
+  SendText(input, nullptr, TypedFrom(text).utf8, false);
 }
 
 void Keyboard::ReleaseAll() {

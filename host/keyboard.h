@@ -35,9 +35,10 @@ class Keyboard {
 
   // `text` is what the key enters, in UTF-8; empty if it enters nothing, or if
   // the input method keeps it, which `is_composing` says. Enter is typed as
-  // "\r" without the caller's doing. Control characters are left out, and so is
-  // the text of a key with Control, Alt or Meta, which is a shortcut. A sample
-  // without keysym and character has the character that the text is.
+  // "\r" without the caller's doing. Control characters are left out, and so
+  // are bytes that are not UTF-8, and the text of a key with Control, Alt or
+  // Meta, which is a shortcut. A sample without keysym and character has the
+  // character that the text is.
   void Press(const KeySample& sample, absl::string_view text = "",
              bool is_composing = false);
 

@@ -115,6 +115,15 @@ TEST_F(KeyboardTest, ControlCharactersAreNotTyped) {
               ElementsAre("press Backspace", "press Escape", "press Delete"));
 }
 
+TEST_F(KeyboardTest, OnlyCharactersOfUtf8AreTyped) {
+  KeySample key;
+  key.native_key_code = 48;
+  keyboard.Press(key, "\xE4");  // As Latin-1 has it.
+  keyboard.Commit({}, "a\xFF\xC3\xA4\xC2\x9B\xED\xA0\x80\xC0\x80z\xE2\x82");
+  EXPECT_THAT(Keys(),
+              ElementsAre("press Unidentified", "type a\u00e4z without a key"));
+}
+
 TEST_F(KeyboardTest, ShortcutsEnterNothing) {
   keyboard.Press(A(kControl), "a");
   keyboard.Press(Sample(39, 's', rpc::MODIFIER_FLAG_ALT), "s");

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -342,15 +341,12 @@ rpc::FrameReceipt ReceiptFor(const rpc::PixelFrame& frame,
   return receipt;
 }
 
-// Picture ---------------------------------------------------------------------
-
-namespace {
-
-double ScaleFactorFrom(double said) {
-  return std::isfinite(said) && said > 0 ? said : 1;
+double ScaleFactorFrom(double told) {
+  constexpr double kMax = 64;
+  return told >= 1 / kMax && told <= kMax ? told : 1;  // False for NaN.
 }
 
-}  // namespace
+// Picture ---------------------------------------------------------------------
 
 absl::Status Picture::Update(const rpc::PixelFrame& frame) {
   const absl::StatusOr<Source> source = Source::Open(frame);

@@ -79,6 +79,10 @@ rpc::RectPx DamageOf(const rpc::PixelFrame& frame);
 rpc::FrameReceipt ReceiptFor(const rpc::PixelFrame& frame,
                              const absl::Status& copied);
 
+// A scale factor that a widget tells, in pixels per DIP; 1 if it is not a
+// number from 1/64 to 64, so that sizes can be divided by it.
+double ScaleFactorFrom(double told);
+
 // The latest picture of a view, popup, layer or cursor, in memory of its own.
 // Empty until the first one has come.
 class Picture {
@@ -94,7 +98,7 @@ class Picture {
   int width() const { return width_; }    // In pixels.
   int height() const { return height_; }  // In pixels.
 
-  // Pixels per DIP, as the widget says; 1 if it says nothing, or nonsense.
+  // Pixels per DIP, by ScaleFactorFrom.
   double scale_factor() const { return scale_factor_; }
 
   // The rows, without gaps between them. Valid until the next Update.

@@ -172,6 +172,8 @@ TEST(Pixels, TheScaleIsTheWidgetsUnlessItIsNonsense) {
   EXPECT_EQ(scale_for(-1), 1);
   EXPECT_EQ(scale_for(std::numeric_limits<double>::quiet_NaN()), 1);
   EXPECT_EQ(scale_for(std::numeric_limits<double>::infinity()), 1);
+  EXPECT_EQ(scale_for(1e-300), 1);
+  EXPECT_EQ(scale_for(1e300), 1);
 }
 
 // Damage

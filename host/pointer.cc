@@ -7,6 +7,8 @@
 
 #include "absl/status/statusor.h"
 
+#include "host/finite.h"
+
 namespace orvane::host {
 namespace {
 
@@ -31,6 +33,9 @@ constexpr std::uint32_t kAllOperations = rpc::DRAG_OPERATION_COPY |
 
 constexpr double kUnitsPerDetent = 120;
 
+// Of detents or DIPs in one event. Whatever is more is a toolkit's mistake.
+constexpr double kMaxTurn = 1e6;
+
 bool IsButton(rpc::MouseButton button) {
   return button >= rpc::MOUSE_BUTTON_PRIMARY &&
          button <= rpc::MOUSE_BUTTON_FORWARD;
@@ -53,9 +58,14 @@ std::int64_t MonotonicNs() {
       .count();
 }
 
+// 0 for what no device can turn by.
+double TurnOf(double told) {
+  return std::abs(told) <= kMaxTurn ? told : 0;  // False for NaN.
+}
+
 // Returns the whole units of what has been turned, and keeps the rest.
 std::int32_t TakeWholeUnits(double& turned) {
-  const double whole = std::clamp(std::round(turned), -1e9, 1e9);
+  const double whole = std::round(turned);
   turned -= whole;
   return static_cast<std::int32_t>(whole);
 }
@@ -88,17 +98,18 @@ void Pointer::Leave(const PointerSample& sample) {
 
 void Pointer::Move(const PointerSample& sample,
                    const std::optional<rpc::VectorDip>& movement) {
+  const bool has_moved_by = movement.has_value() && IsFinite(*movement);
   Remember(sample);
   NoteLostReleases(sample.pointer.buttons());
   FollowPosition();
   ForgetClicksThatMoved();
   if (phase_ == Phase::kMouse && held_ != 0) {
     auto drag = NewMouse<rpc::MouseDragRequest>();
-    if (movement.has_value()) *drag.mutable_movement() = *movement;
+    if (has_moved_by) *drag.mutable_movement() = *movement;
     calls_->Move(std::move(drag));
   } else if (phase_ == Phase::kMouse && is_inside_) {
     auto move = NewMouse<rpc::MouseMoveRequest>();
-    if (movement.has_value()) *move.mutable_movement() = *movement;
+    if (has_moved_by) *move.mutable_movement() = *movement;
     calls_->Move(std::move(move));
   } else if (phase_ == Phase::kPageDrag && is_inside_) {
     auto over = NewDrag<rpc::DragOverRequest>();
@@ -151,6 +162,9 @@ void Pointer::TurnWheel(const PointerSample& sample, double detents_x,
   Remember(sample);
   FollowPosition();
   if (phase_ != Phase::kMouse || (!is_inside_ && held_ == 0)) return;
+  detents_x = TurnOf(detents_x);
+  detents_y = TurnOf(detents_y);
+  if (detents_x == 0 && detents_y == 0) return;
   if ((sample.input.modifiers() & rpc::MODIFIER_FLAG_SHIFT) != 0 &&
       detents_x == 0) {
     std::swap(detents_x, detents_y);
@@ -171,6 +185,9 @@ void Pointer::Scroll(const PointerSample& sample, double dx, double dy) {
   Remember(sample);
   FollowPosition();
   if (phase_ != Phase::kMouse || (!is_inside_ && held_ == 0)) return;
+  dx = TurnOf(dx);
+  dy = TurnOf(dy);
+  if (dx == 0 && dy == 0) return;
   auto wheel = NewMouse<rpc::MouseWheelRequest>();
   wheel.set_delta_x(dx);
   wheel.set_delta_y(dy);
@@ -216,9 +233,12 @@ void Pointer::Remember(const PointerSample& sample) {
   const rpc::PointDip position = latest_.pointer.position();
   const std::int64_t time_ns = latest_.input.time_ns();
   latest_ = sample;
-  const rpc::PointDip& told = sample.pointer.position();
-  if (!std::isfinite(told.x()) || !std::isfinite(told.y()))
-    *latest_.pointer.mutable_position() = position;
+  rpc::PointerState& told = latest_.pointer;
+  if (!IsFinite(told.position())) *told.mutable_position() = position;
+  if (!IsFinite(told.screen_position())) told.clear_screen_position();
+  if (!std::isfinite(told.pressure())) told.clear_pressure();
+  if (!std::isfinite(told.tangential_pressure()))
+    told.clear_tangential_pressure();
   if (sample.input.time_ns() != 0)
     latest_.input.set_time_ns(std::max(sample.input.time_ns(), time_ns));
 }

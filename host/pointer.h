@@ -29,7 +29,8 @@ struct PointerSample {
 
   // Position in the view, where the toolkit knows it; screen position, where
   // there is one; pressure and tilt of a pen. A position that is not a number,
-  // as GDK tells for the wheel, counts as unchanged.
+  // as GDK tells for the wheel, counts as unchanged; anything else that is not
+  // a number counts as not told.
   //
   // `buttons` are those that the toolkit says are held. In a press or release
   // it may or may not count the button itself: GDK and X11 tell the state

@@ -31,6 +31,7 @@ constexpr auto kForward = rpc::MOUSE_BUTTON_FORWARD;
 constexpr std::uint32_t kPrimaryFlag = rpc::MOUSE_BUTTON_FLAG_PRIMARY;
 constexpr std::uint32_t kSecondaryFlag = rpc::MOUSE_BUTTON_FLAG_SECONDARY;
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 // A sample, with the flags of the buttons that the toolkit says are held.
 PointerSample At(double x, double y, std::uint32_t buttons = 0,
@@ -125,6 +126,21 @@ TEST_F(PointerTest, AllThatTheToolkitTellsIsPassedOn) {
   EXPECT_EQ(move.pointer().pressure(), 0.25F);
   EXPECT_EQ(move.pointer().pointer_type(), rpc::POINTER_TYPE_PEN);
   EXPECT_EQ(move.movement().dx(), 7);
+}
+
+TEST_F(PointerTest, NumbersThatAreNoneAreLeftOut) {
+  PointerSample sample = At(1, 2);
+  sample.pointer.mutable_screen_position()->set_y(kNan);
+  sample.pointer.set_pressure(static_cast<float>(kNan));
+  sample.pointer.set_tangential_pressure(static_cast<float>(kInfinity));
+  rpc::VectorDip movement;
+  movement.set_dx(kInfinity);
+  pointer->Move(sample, movement);
+  const auto move = Latest<rpc::MouseMoveRequest>();
+  EXPECT_FALSE(move.pointer().has_screen_position());
+  EXPECT_FALSE(move.pointer().has_pressure());
+  EXPECT_EQ(move.pointer().tangential_pressure(), 0);
+  EXPECT_FALSE(move.has_movement());
 }
 
 TEST_F(PointerTest, TimeNeverGoesBack) {
@@ -363,6 +379,22 @@ TEST_F(PointerTest, PartsOfADetentAddUpToWholeOnes) {
     sum += Latest<rpc::MouseWheelRequest>().detents_y_120ths();
   }
   EXPECT_EQ(sum, 120);
+}
+
+TEST_F(PointerTest, AWheelThatTurnsByNonsenseTurnsByItNoFurther) {
+  pointer->Move(At(1, 2));
+  Calls();
+  for (const double nonsense : {kNan, kInfinity, 1e300}) {
+    pointer->TurnWheel(At(1, 2), nonsense, 0);
+    pointer->Scroll(At(1, 2), nonsense, 0);
+  }
+  EXPECT_THAT(Calls(), IsEmpty());
+  pointer->TurnWheel(At(1, 2), kNan, 1);
+  const auto wheel = Latest<rpc::MouseWheelRequest>();
+  EXPECT_EQ(wheel.delta_x(), 0);
+  EXPECT_EQ(wheel.delta_y(), 3);
+  EXPECT_EQ(wheel.detents_x_120ths(), 0);
+  EXPECT_EQ(wheel.detents_y_120ths(), 120);
 }
 
 TEST_F(PointerTest, ShiftMakesAWheelScrollSideways) {

@@ -1,7 +1,10 @@
 #include "host/touch.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
+
+#include "host/finite.h"
 
 namespace orvane::host {
 
@@ -18,6 +21,13 @@ std::int32_t Touch::UnusedId() const {
 }
 
 void Touch::Update(rpc::TouchPoint point, rpc::TouchPoint& finger) {
+  if (!IsFinite(point.position()))
+    *point.mutable_position() = finger.position();
+  if (!IsFinite(point.screen_position())) point.clear_screen_position();
+  if (!std::isfinite(point.radius_x_dip())) point.clear_radius_x_dip();
+  if (!std::isfinite(point.radius_y_dip())) point.clear_radius_y_dip();
+  if (!std::isfinite(point.rotation_deg())) point.clear_rotation_deg();
+  if (!std::isfinite(point.force())) point.clear_force();
   point.set_id(finger.id());
   point.set_is_primary(finger.is_primary());
   finger = std::move(point);
@@ -35,12 +45,15 @@ Request Touch::NewRequest(const rpc::InputInfo& input) const {
 void Touch::Start(const rpc::InputInfo& input, std::uint64_t contact,
                   rpc::TouchPoint point) {
   Cancel(input, contact);
+  if (!IsFinite(point.position())) return;
   latest_input_ = input;
-  point.set_id(UnusedId());
-  point.set_is_primary(fingers_.empty());
-  fingers_[contact] = point;
+  rpc::TouchPoint finger;
+  finger.set_id(UnusedId());
+  finger.set_is_primary(fingers_.empty());
+  Update(std::move(point), finger);
+  fingers_[contact] = finger;
   auto request = NewRequest<rpc::TouchStartRequest>(input);
-  *request.add_changed_points() = std::move(point);
+  *request.add_changed_points() = std::move(finger);
   calls_->Send(&InputCalls::Client::ForwardTouchStart, std::move(request));
 }
 

@@ -18,7 +18,9 @@ namespace orvane::host {
 //
 // `contact` is whatever the toolkit tells fingers apart by: the address of a
 // GdkEventSequence, the id of a QEventPoint, an SDL_FingerID. Of a point, `id`
-// and `is_primary` are filled in.
+// and `is_primary` are filled in. A position that is not a number counts as
+// unchanged, and a finger that comes down there is ignored; anything else that
+// is not a number counts as not told.
 //
 // Thread: the service thread. Lifetime: `calls` outlives this object.
 class Touch {

@@ -1,5 +1,6 @@
 #include "host/touch.h"
 
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,25 @@ class TouchTest : public RecordingWidgetFixture {
 
   Touch touch{&*calls};
 };
+
+TEST_F(TouchTest, AFingerWhosePlaceIsNoNumberStaysWhereItWas) {
+  constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+  touch.Start(At(1), 1111, Point(kNan));
+  touch.Start(At(2), 2222, Point(10));
+  touch.Move(At(3), 2222, Point(kNan));
+  EXPECT_EQ(Fingers<rpc::TouchMoveRequest>(), "0@10* / 0@10* ");
+  rpc::TouchPoint end = Point(kNan);
+  end.set_force(static_cast<float>(kNan));
+  end.set_radius_x_dip(kNan);
+  end.mutable_screen_position()->set_x(kNan);
+  touch.End(At(4), 2222, end);
+  EXPECT_EQ(Fingers<rpc::TouchEndRequest>(), "0@10* / ");
+  const rpc::TouchPoint last = Latest<rpc::TouchEndRequest>().changed_points(0);
+  EXPECT_FALSE(last.has_force());
+  EXPECT_EQ(last.radius_x_dip(), 0);
+  EXPECT_FALSE(last.has_screen_position());
+  EXPECT_THAT(Calls(), ElementsAre("TouchStart", "TouchMove", "TouchEnd"));
+}
 
 TEST_F(TouchTest, EveryCallTellsWhatChangedAndAllThatAreDown) {
   touch.Start(At(1), 1111, Point(10));

@@ -1,15 +1,20 @@
 #include "host/view.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "google/protobuf/util/message_differencer.h"
+
+#include "host/pixels.h"
 
 namespace orvane::host {
 namespace {
 
 using Client = InputCalls::Client;
 using google::protobuf::util::MessageDifferencer;
+
+bool IsSide(double dips) { return std::isfinite(dips) && dips >= 0; }
 
 }  // namespace
 
@@ -71,7 +76,7 @@ void View::Connect() {
   // It ends with the widget, as any other stream would.
   session_->end = session_->calls.client().WhenDropDownDeleted(
       options_.browser, nullptr,
-      [this](const absl::Status&) { OnWidgetGone(); });
+      [this](const absl::Status& why) { OnWidgetGone(why); });
   const std::weak_ptr<Session> session = session_;
   if (handlers_.on_connected) handlers_.on_connected(session_->calls.client());
   if (session.expired()) return;  // It ran the loop, and the widget has gone.
@@ -89,15 +94,17 @@ absl::Duration View::NextRetry() {
   return std::exchange(retry_, std::min(2 * retry_, options_.last_retry));
 }
 
-void View::OnWidgetGone() {
+void View::OnWidgetGone(const absl::Status& end) {
   // Taken out first, since the handler may call anything.
   const std::shared_ptr<Session> ended = std::move(session_);
   session_ = nullptr;
   is_attaching_ = false;
   absl::Status why = ended->connection->status();
-  // A widget that shuts down completes its streams before the connection ends.
-  if (why.ok()) why = absl::UnavailableError("the widget shuts down");
-  if (absl::IsFailedPrecondition(why)) {
+  // A widget that shuts down completes its streams before the connection ends;
+  // one that is older, or has narrow limits, may refuse the stream.
+  if (why.ok())
+    why = end.ok() ? absl::UnavailableError("the widget shuts down") : end;
+  if (absl::IsFailedPrecondition(why) || absl::IsUnimplemented(why)) {
     SetState(ViewState::kIncompatible, why);
     return;
   }
@@ -146,6 +153,11 @@ void View::OnAttached(const absl::StatusOr<rpc::AttachResult>& answer) {
   }
   retry_ = options_.first_retry;
   attached_ = *answer;
+  attached_.set_scale_factor(ScaleFactorFrom(attached_.scale_factor()));
+  if (!IsSide(attached_.size().width()) || !IsSide(attached_.size().height())) {
+    attached_.mutable_size()->set_width(told_bounds_.bounds().width());
+    attached_.mutable_size()->set_height(told_bounds_.bounds().height());
+  }
   session_->pointer.SetViewSize(attached_.size());
   InputCalls& calls = session_->calls;
   TellBounds();
@@ -201,7 +213,11 @@ void View::SetBounds(const rpc::RectDip& bounds,
                      const std::optional<rpc::RectPx>& screen_bounds) {
   bounds_.emplace();
   *bounds_->mutable_browser_id() = options_.browser;
-  *bounds_->mutable_bounds() = bounds;
+  rpc::RectDip& wanted = *bounds_->mutable_bounds();
+  wanted.set_x(std::isfinite(bounds.x()) ? bounds.x() : 0);
+  wanted.set_y(std::isfinite(bounds.y()) ? bounds.y() : 0);
+  wanted.set_width(IsSide(bounds.width()) ? bounds.width() : 0);
+  wanted.set_height(IsSide(bounds.height()) ? bounds.height() : 0);
   if (screen_bounds.has_value())
     *bounds_->mutable_screen_bounds() = *screen_bounds;
   if (state_ == ViewState::kAttached) {

@@ -66,11 +66,11 @@ struct ViewHandlers {
   // it changes, and who serves OnUpdateLayer and OnShowDropdown decides who
   // draws. The client and the streams that it opened are good until the state
   // is kWaiting or kIncompatible.
-  absl::AnyInvocable<void(rpc::BrowserWidgetRpcClient&)> on_connected;
+  absl::AnyInvocable<void(rpc::BrowserWidgetRpcClient&)> on_connected = nullptr;
 
   // Runs after each change of the state. A drop-down or dialog of the page's
   // that is open is closed when the view is not attached any more.
-  absl::AnyInvocable<void(ViewState)> on_state;
+  absl::AnyInvocable<void(ViewState)> on_state = nullptr;
 };
 
 // Keeps what the window wants of a browser (size, visibility, focus, display),
@@ -91,11 +91,13 @@ class View {
   // Why the state is not kAttached; OK if nothing has gone wrong.
   const absl::Status& status() const { return status_; }
 
-  // What the widget has made of the size and scale; only while attached.
+  // What the widget has made of the size and scale; only while attached. Where
+  // it tells nonsense, the size is the window's and the scale factor is 1.
   const rpc::AttachResult& attached() const { return attached_; }
 
   // What the window wants. Each may be called in any state, again and again;
-  // what changes nothing sends nothing.
+  // what changes nothing sends nothing. Bounds that are negative, or no
+  // numbers, count as 0; a view without a size is attached, and draws nothing.
   void SetDisplay(const rpc::Display& display);
   void SetBounds(const rpc::RectDip& bounds,
                  const std::optional<rpc::RectPx>& screen_bounds);
@@ -139,7 +141,7 @@ class View {
   void Connect();
   void ConnectLater();
   absl::Duration NextRetry();
-  void OnWidgetGone();
+  void OnWidgetGone(const absl::Status& end);
   void AttachIfPossible();
   void Attach();
   void OnAttached(const absl::StatusOr<rpc::AttachResult>& answer);

@@ -1,6 +1,7 @@
 #include "host/view.h"
 
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <set>
@@ -41,6 +42,7 @@ class AttachingWidget final : public rpc::BrowserWidgetRpc {
       result->set_refusal(refusal);
       result->mutable_size()->set_width(bounds.width());
       result->mutable_size()->set_height(bounds.height());
+      if (nonsense.has_value()) *result = *nonsense;
     }
     done->Run();
   }
@@ -48,6 +50,7 @@ class AttachingWidget final : public rpc::BrowserWidgetRpc {
   std::vector<std::string> calls;
   std::set<std::string> failing;
   std::string refusal;
+  std::optional<rpc::AttachResult> nonsense;  // The answer to Attach.
 };
 
 class ViewTest : public ::testing::Test {
@@ -281,6 +284,43 @@ TEST_F(ViewTest, HidingTakesThePointerAway) {
   view_->SetShown(false);
   EXPECT_THAT(Calls(),
               ElementsAre("ForwardMouseRelease", "ForwardMouseExit", "Hide"));
+}
+
+TEST_F(ViewTest, ASizeThatIsNoneIsEmpty) {
+  constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+  StartWidget();
+  for (int time = 0; time < 2; ++time)
+    view_->SetBounds(Bounds(kNan, -1), std::nullopt);
+  Await(ViewState::kAttached);
+  EXPECT_EQ(view_->attached().size().width(), 0);
+  EXPECT_EQ(view_->attached().size().height(), 0);
+  view_->SetBounds(Bounds(-std::numeric_limits<double>::infinity(), kNan),
+                   std::nullopt);
+  EXPECT_THAT(Calls(), ElementsAre("Attach"));
+}
+
+TEST_F(ViewTest, WhatAWidgetSaysOfTheSizeIsNotBelievedIfItIsNonsense) {
+  constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+  widget_.nonsense.emplace();
+  widget_.nonsense->set_attached(true);
+  widget_.nonsense->mutable_size()->set_width(kNan);
+  widget_.nonsense->mutable_size()->set_height(-1);
+  widget_.nonsense->set_scale_factor(kNan);
+  Attach();
+  EXPECT_EQ(view_->attached().size().width(), 320);
+  EXPECT_EQ(view_->attached().size().height(), 200);
+  EXPECT_EQ(view_->attached().scale_factor(), 1);
+  view_->pointer()->Move(At(1, 2));
+  EXPECT_THAT(Calls(), ElementsAre("ForwardMouseEnter", "ForwardMouseMove"));
+}
+
+// A widget with narrow limits refuses a stream, and goes on.
+TEST_F(ViewTest, AStreamThatIsRefusedIsNotTakenForAWidgetThatShutsDown) {
+  server_.emplace(&loop_, &widget_, ServerLimits{.max_streams = 1});
+  EXPECT_EQ(server_->Listen(socket_), absl::OkStatus());
+  loop_.RunUntil([this] { return states_.size() >= 2; });
+  EXPECT_THAT(states_, ElementsAre(ViewState::kConnected, ViewState::kWaiting));
+  EXPECT_TRUE(absl::IsResourceExhausted(view_->status())) << view_->status();
 }
 
 TEST_F(ViewTest, AViewMayEndAtAnyTime) {

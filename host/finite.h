@@ -1,0 +1,22 @@
+// Numbers of toolkits, which are not always numbers.
+
+#ifndef HOST_FINITE_H_
+#define HOST_FINITE_H_
+
+#include <cmath>
+
+#include "rpc/browser/geometry.pb.h"
+
+namespace orvane::host {
+
+inline bool IsFinite(const rpc::PointDip& point) {
+  return std::isfinite(point.x()) && std::isfinite(point.y());
+}
+
+inline bool IsFinite(const rpc::VectorDip& vector) {
+  return std::isfinite(vector.dx()) && std::isfinite(vector.dy());
+}
+
+}  // namespace orvane::host
+
+#endif  // HOST_FINITE_H_
