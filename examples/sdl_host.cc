@@ -136,10 +136,9 @@ class BrowserWindow {
     ShowState();
   }
 
-  bool is_open() const { return renderer_ != nullptr; }
+  ~BrowserWindow() { view_.Detach(); }
 
-  // Before the window goes.
-  void Detach() { view_.Detach(); }
+  bool is_open() const { return renderer_ != nullptr; }
 
   void Handle(const SDL_Event& event) {
     orvane::host::Pointer* const pointer = view_.pointer();
@@ -322,8 +321,6 @@ bool Run(const std::string& socket) {
   while (SDL_WaitEvent(&event) == 1 && event.type != SDL_QUIT) {
     if (!work.Handle(event)) window.Handle(event);
   }
-  window.Detach();
-  loop.RunUntilIdle();  // Sends it.
   return true;
 }
 

@@ -44,9 +44,10 @@
 
 namespace orvane::host {
 
-// Memory for a picture: a QImage's bits, a locked SDL texture, a Cairo image
-// surface. Bytes between the end of one row and the start of the next are not
-// touched.
+// Memory for a picture: a QImage's bits, a Cairo image surface, a locked SDL
+// texture. The last does not hold the picture before, so copy all rows to it,
+// or keep a Picture and pass its rows to SDL_UpdateTexture. Bytes between the
+// end of one row and the start of the next are not touched.
 struct PixelBuffer {
   std::span<std::uint8_t> bytes;
 

@@ -203,6 +203,7 @@ void View::CancelInput() {
 void View::SetDisplay(const rpc::Display& display) {
   rpc::Display wanted = display;
   *wanted.mutable_browser_id() = options_.browser;
+  wanted.set_scale_factor(ScaleFactorFrom(display.scale_factor()));
   if (display_.has_value() && MessageDifferencer::Equals(*display_, wanted))
     return;
   display_ = std::move(wanted);

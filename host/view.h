@@ -109,7 +109,8 @@ class View {
   void Unfocus();
 
   // Takes the view out of the window, as before the window is destroyed:
-  // cancels input and detaches. SetBounds attaches it again.
+  // cancels input and detaches. SetBounds attaches it again. The widget is told
+  // even if the view is destroyed at once.
   void Detach();
 
   // After kRefused: detaches the browser from whoever has it and attaches it

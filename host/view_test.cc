@@ -35,6 +35,8 @@ class AttachingWidget final : public rpc::BrowserWidgetRpc {
                   google::protobuf::Closure* done) override {
     calls.push_back(method->name());
     if (failing.contains(method->name())) controller->SetFailed("it cannot");
+    if (const auto* const told = dynamic_cast<const rpc::Display*>(request))
+      display = *told;
     if (auto* const result = dynamic_cast<rpc::AttachResult*>(response)) {
       const auto& bounds =
           static_cast<const rpc::AttachRequest*>(request)->bounds();
@@ -50,6 +52,7 @@ class AttachingWidget final : public rpc::BrowserWidgetRpc {
   std::vector<std::string> calls;
   std::set<std::string> failing;
   std::string refusal;
+  rpc::Display display;
   std::optional<rpc::AttachResult> nonsense;  // The answer to Attach.
 };
 
@@ -284,6 +287,16 @@ TEST_F(ViewTest, HidingTakesThePointerAway) {
   view_->SetShown(false);
   EXPECT_THAT(Calls(),
               ElementsAre("ForwardMouseRelease", "ForwardMouseExit", "Hide"));
+}
+
+TEST_F(ViewTest, AScaleFactorThatIsNoneIsOne) {
+  Attach();
+  rpc::Display display;
+  display.set_scale_factor(std::numeric_limits<double>::quiet_NaN());
+  view_->SetDisplay(display);
+  view_->SetDisplay(display);
+  EXPECT_THAT(Calls(), ElementsAre("SetDisplay"));
+  EXPECT_EQ(widget_.display.scale_factor(), 1);
 }
 
 TEST_F(ViewTest, ASizeThatIsNoneIsEmpty) {
