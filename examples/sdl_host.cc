@@ -5,6 +5,7 @@
 
 #include <SDL.h>
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <iostream>
@@ -248,6 +249,9 @@ class BrowserWindow {
   }
 
   void DrawSheet(const Sheet& sheet, double left_dip, double top_dip) {
+    // A widget may say anything. NaN is not near either.
+    const bool is_near = std::abs(left_dip) < 1e5 && std::abs(top_dip) < 1e5;
+    if (!is_near) return;
     const double zoom = pixels_per_dip_ / sheet.picture.scale_factor();
     const SDL_FRect place = {static_cast<float>(left_dip * pixels_per_dip_),
                              static_cast<float>(top_dip * pixels_per_dip_),
