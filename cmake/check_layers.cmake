@@ -81,6 +81,7 @@ allow(engines/chromium "engines/chromium/[a-z_]+\\.h" "host/[a-z_]+\\.h" "exampl
 allow(examples "host/[a-z_]+\\.h" ${api})
 allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples/host "examples/host/[a-z_]+\\.h" "host/[a-z_]+\\.h" ${api})
+allow(examples/gtk_host "examples/gtk_host/[a-z_]+\\.h" "host/[a-z_]+\\.h" "${rpc}/main_loops/[a-z_]+\\.h" ${api})
 allow(examples/stranger ${api})
 allow(packaging/tests/subproject.project ${api})
 allow(examples/main_loops "${rpc}/main_loops/[a-z_]+\\.h" ${api})
