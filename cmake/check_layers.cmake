@@ -72,7 +72,7 @@ allow(gen/${rpc}/proto/rpc/browser "${generated}" "${contracts}" "${protos}"
       "${rpc}/stream/[a-z_]+\\.h" "${rpc}/transport/typed_client\\.h")
 
 # Above the generated client, and without any toolkit.
-allow(host "host/[a-z_]+\\.h" "rpc/browser/browser_widget\\.client\\.h" "${contracts}" "${protos}"
+allow(host "host/[a-z_]+\\.h" "rpc/browser/[a-z_]+\\.client\\.h" "${contracts}" "${protos}"
       ${client_api})
 
 # Programs, which include only public headers of the runtime; their tests may
