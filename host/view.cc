@@ -1,6 +1,7 @@
 #include "host/view.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "absl/strings/str_cat.h"
@@ -16,6 +17,20 @@ using Client = InputCalls::Client;
 using google::protobuf::util::MessageDifferencer;
 
 }  // namespace
+
+rpc::Display NewDisplay(double width, double height, double scale_factor) {
+  rpc::Display display;
+  display.set_display_id(1);
+  display.set_scale_factor(scale_factor);
+  display.mutable_bounds()->set_width(width);
+  display.mutable_bounds()->set_height(height);
+  *display.mutable_work_area() = display.bounds();
+  display.mutable_pixel_bounds()->set_width(
+      static_cast<std::int32_t>(std::lround(width * scale_factor)));
+  display.mutable_pixel_bounds()->set_height(
+      static_cast<std::int32_t>(std::lround(height * scale_factor)));
+  return display;
+}
 
 View::Session::Session(std::unique_ptr<SocketClient> new_connection, View* view)
     : connection(std::move(new_connection)),
@@ -131,16 +146,27 @@ void View::OpenStreams() {
       [this](const rpc::TooltipChanged& event) { ShowTooltip(event.text()); },
       [this](const absl::Status&) { OnWidgetGone(); }));
   if (handlers_.on_scene) scene_.Serve(widget, options_.browser);
-  if (!handlers_.on_take_focus) return;
-  session_->streams.push_back(widget.OnTakeFocus(
-      options_.browser, [this](const rpc::TakeFocusCall& call,
-                               Responder<rpc::TakeFocus> responder) {
-        rpc::TakeFocusResponse answer;
-        answer.set_taken(handlers_.on_take_focus(call.direction()));
-        if (answer.taken()) Unfocus();
-        // Fails only if the widget has gone.
-        std::move(responder).Respond(answer).IgnoreError();
-      }));
+  // Answers fail only if the widget has gone.
+  if (handlers_.on_take_focus) {
+    session_->streams.push_back(widget.OnTakeFocus(
+        options_.browser, [this](const rpc::TakeFocusCall& call,
+                                 Responder<rpc::TakeFocus> responder) {
+          rpc::TakeFocusResponse answer;
+          answer.set_taken(handlers_.on_take_focus(call.direction()));
+          if (answer.taken()) Unfocus();
+          std::move(responder).Respond(answer).IgnoreError();
+        }));
+  }
+  if (handlers_.on_accessibility_focus) {
+    session_->streams.push_back(widget.OnAccessibilityRequestFocus(
+        options_.browser,
+        [this](const rpc::AccessibilityRequestFocusCall& call,
+               Responder<rpc::AccessibilityRequestFocus> responder) {
+          rpc::AccessibilityRequestFocusResponse answer;
+          answer.set_focused(handlers_.on_accessibility_focus(call));
+          std::move(responder).Respond(answer).IgnoreError();
+        }));
+  }
 }
 
 void View::OnWidgetGone() {
@@ -188,11 +214,16 @@ void View::OnAttached(std::uint64_t attempt,
   attaching_ = 0;
   if (!answer.ok() || !answer->attached()) {
     // Without a connection, its end is told in a moment.
-    if (session_->connection->status().ok()) {
-      SetState(ViewState::kRefused,
-               answer.ok() ? absl::UnavailableError(answer->refusal())
-                           : answer.status());
+    if (!session_->connection->status().ok()) return;
+    if (!answer.ok() && options_.takes_over &&
+        !std::exchange(session_->has_taken_over, true)) {
+      session_->calls.Send(&Client::Detach);
+      AttachIfPossible();
+      return;
     }
+    SetState(ViewState::kRefused,
+             answer.ok() ? absl::UnavailableError(answer->refusal())
+                         : answer.status());
     return;
   }
   retry_ = options_.first_retry;
@@ -260,6 +291,13 @@ void View::SetBounds(const rpc::RectDip& bounds,
   } else {
     AttachIfPossible();
   }
+}
+
+void View::SetSize(double width, double height) {
+  rpc::RectDip bounds;
+  bounds.set_width(width);
+  bounds.set_height(height);
+  SetBounds(bounds, std::nullopt);
 }
 
 void View::TellBounds() {

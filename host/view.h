@@ -22,6 +22,7 @@
 #include "host/pointer.h"
 #include "host/scene.h"
 #include "host/touch.h"
+#include "rpc/browser/accessibility.pb.h"
 #include "rpc/browser/browser_id.pb.h"
 #include "rpc/browser/browser_widget.client.h"
 #include "rpc/browser/cursor.pb.h"
@@ -61,6 +62,10 @@ struct ViewOptions {
   BrowserId browser;
   PointerOptions pointer = {};
 
+  // Takes the browser from a host that has attached it, which may have died,
+  // once for each widget process. Otherwise that is for View::TakeOver to do.
+  bool takes_over = false;
+
   // The time between two attempts to connect; it doubles from the first to the
   // last.
   absl::Duration first_retry = absl::Milliseconds(100);
@@ -98,10 +103,18 @@ struct ViewHandlers {
   // Without it, the focus goes round in the page.
   absl::AnyInvocable<bool(rpc::FocusDirection)> on_take_focus;
 
+  // Runs when the accessibility focus is to move to the page; returns whether
+  // it has moved. Without it, it stays where it is.
+  absl::AnyInvocable<bool(const rpc::AccessibilityRequestFocusCall&)>
+      on_accessibility_focus;
+
   // Runs when the page has decided what a drop of what is dragged over the view
   // from elsewhere would do.
   std::function<void(rpc::DragOperation)> on_drop_operation;
 };
+
+// A display of that size in DIPs, for toolkits that tell no more about it.
+rpc::Display NewDisplay(double width, double height, double scale_factor);
 
 // Keeps what the window wants of a browser (size, visibility, focus, display),
 // and tells it to each widget process that comes, in the right order.
@@ -137,6 +150,7 @@ class View {
   void SetDisplay(const rpc::Display& display);
   void SetBounds(const rpc::RectDip& bounds,
                  const std::optional<rpc::RectPx>& screen_bounds);
+  void SetSize(double width, double height);  // Of bounds at 0, 0, in DIPs.
   void SetShown(bool is_shown);
   void SetMinimized(bool is_minimized);
 
@@ -172,6 +186,7 @@ class View {
     Keyboard keyboard;
     Touch touch;
     DropTarget drop_target;
+    bool has_taken_over = false;
     std::vector<std::unique_ptr<ClientStream>> streams;
   };
 

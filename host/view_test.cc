@@ -36,6 +36,9 @@ class AttachingWidget final : public rpc::BrowserWidgetRpc {
                   google::protobuf::Closure* done) override {
     calls.push_back(method->name());
     if (failing.contains(method->name())) controller->SetFailed("it cannot");
+    if (method->name() == "Detach") is_attached_elsewhere = false;
+    if (method->name() == "Attach" && is_attached_elsewhere)
+      controller->SetFailed("attached already");
     if (auto* const result = dynamic_cast<rpc::AttachResult*>(response)) {
       const auto& bounds =
           static_cast<const rpc::AttachRequest*>(request)->bounds();
@@ -50,6 +53,7 @@ class AttachingWidget final : public rpc::BrowserWidgetRpc {
   std::vector<std::string> calls;
   std::set<std::string> failing;
   std::string refusal;
+  bool is_attached_elsewhere = false;
 };
 
 class ViewTest : public ::testing::Test {
@@ -97,6 +101,7 @@ class ViewTest : public ::testing::Test {
   int scenes_ = 0;                          // How often on_scene has run.
   rpc::CursorType cursor_ = rpc::CURSOR_TYPE_UNSPECIFIED;
   std::string tooltip_;
+  std::string node_that_can_be_reached_;
   bool has_other_controls_ = true;
   rpc::FocusDirection focus_left_ = rpc::FOCUS_DIRECTION_UNSPECIFIED;
   rpc::DragOperation drop_operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
@@ -125,6 +130,10 @@ class ViewTest : public ::testing::Test {
               [this](rpc::FocusDirection direction) {
                 focus_left_ = direction;
                 return has_other_controls_;
+              },
+          .on_accessibility_focus =
+              [this](const rpc::AccessibilityRequestFocusCall& call) {
+                return call.node().token() == node_that_can_be_reached_;
               },
           .on_drop_operation =
               [this](rpc::DragOperation operation) {
@@ -158,6 +167,15 @@ TEST_F(ViewTest, WhatTheWindowWantsIsToldInOrderOnceThereIsAWidget) {
   EXPECT_THAT(Calls(), ElementsAre("SetDisplay", "Attach", "Show", "Focus"));
   EXPECT_THAT(states_, ElementsAre(ViewState::kWaiting, ViewState::kConnected,
                                    ViewState::kAttached));
+}
+
+TEST(NewDisplayTest, ADisplayIsAsLargeAsTheToolkitSays) {
+  const rpc::Display display = NewDisplay(1280, 720, 1.5);
+  EXPECT_EQ(display.bounds().width(), 1280);
+  EXPECT_EQ(display.work_area().height(), 720);
+  EXPECT_EQ(display.pixel_bounds().width(), 1920);
+  EXPECT_EQ(display.pixel_bounds().height(), 1080);
+  EXPECT_EQ(display.scale_factor(), 1.5);
 }
 
 TEST_F(ViewTest, WhatChangesNothingIsNotTold) {
@@ -234,6 +252,30 @@ TEST_F(ViewTest, ABrowserThatIsAttachedElsewhereCanBeTakenOver) {
   widget_.failing.clear();
   view_->TakeOver();
   Await(ViewState::kAttached);
+  EXPECT_THAT(Calls(), ElementsAre("Attach", "Detach", "Attach"));
+}
+
+TEST_F(ViewTest, AViewMayTakeTheBrowserOverByItself) {
+  StartWidget();
+  widget_.is_attached_elsewhere = true;
+  View view(
+      &loop_,
+      {.socket = socket_, .browser = testing::Browser(7), .takes_over = true},
+      {});
+  view.SetSize(320, 200);
+  loop_.RunUntil([&] { return view.state() == ViewState::kAttached; });
+  EXPECT_THAT(Calls(), ElementsAre("Attach", "Detach", "Attach"));
+}
+
+TEST_F(ViewTest, ABrowserThatCannotBeAttachedIsTakenOverOnce) {
+  StartWidget();
+  widget_.failing = {"Attach"};
+  View view(
+      &loop_,
+      {.socket = socket_, .browser = testing::Browser(7), .takes_over = true},
+      {});
+  view.SetSize(320, 200);
+  loop_.RunUntil([&] { return view.state() == ViewState::kRefused; });
   EXPECT_THAT(Calls(), ElementsAre("Attach", "Detach", "Attach"));
 }
 
@@ -349,6 +391,25 @@ TEST_F(ViewTest, AFocusThatAControlTakesHasLeftThePageBeforeTheAnswer) {
   has_other_controls_ = true;
   EXPECT_EQ(leave(rpc::FOCUS_DIRECTION_BACKWARD), true);
   EXPECT_THAT(Calls(), ElementsAre("Unfocus", "answer"));
+}
+
+TEST_F(ViewTest, TheWindowDecidesAboutTheAccessibilityFocus) {
+  Attach();
+  const auto ask = [this] {
+    rpc::AccessibilityRequestFocusCall call;
+    call.mutable_node()->set_token("link");
+    std::optional<bool> focused;
+    Call<rpc::AccessibilityRequestFocus>(
+        testing::Browser(7), call,
+        [&](const absl::StatusOr<rpc::AccessibilityRequestFocusResponse>& to) {
+          focused = to->focused();
+        });
+    loop_.RunUntilIdle();
+    return focused;
+  };
+  EXPECT_EQ(ask(), false);
+  node_that_can_be_reached_ = "link";
+  EXPECT_EQ(ask(), true);
 }
 
 TEST_F(ViewTest, WhatADropWouldDoIsTold) {

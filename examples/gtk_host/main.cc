@@ -1,196 +1,148 @@
-// A browser in a window: an address bar, and the page below it.
+// A browser in a window.
 
+#include <getopt.h>
+#include <glib-unix.h>
 #include <gtk/gtk.h>
 
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "absl/strings/match.h"
 #include "absl/strings/numbers.h"
-#include "absl/strings/str_cat.h"
+#include "absl/time/time.h"
 
-#include "examples/gtk_host/web_view.h"
+#include "examples/gtk_host/browser_window.h"
+#include "examples/gtk_host/signals.h"
 #include "orvane/client.h"
-#include "rpc/browser/page.client.h"
 #include "zimbrel/src/core/common/rpc/main_loops/glib_source.h"
+#include "zimbrel/src/core/common/rpc/version.h"
 
 namespace gtk_host {
 namespace {
 
-constexpr int kWidth = 900;
-constexpr int kHeight = 640;
+constexpr int kExitUsage = 2;
 
-// What people type is mostly not a whole address.
-std::string AddressOf(const std::string& typed) {
-  return absl::StrContains(typed, ':') ? typed
-                                       : absl::StrCat("https://", typed);
+// How long the end may wait for widgets to be told of it.
+constexpr absl::Duration kFarewell = absl::Milliseconds(100);
+
+struct Options {
+  std::string socket = orvane::DefaultSocketPath("widget");
+  std::vector<std::uint64_t> browsers;
+};
+
+void PrintHelp() {
+  std::cout
+      << "Usage: gtk_host [OPTION]... [SOCKET]\n"
+         "Shows browsers in a window, one in each tab.\n"
+         "\n"
+         "SOCKET is where their widget process listens\n"
+         "(default "
+      << Options().socket
+      << "). The window waits for it, and\n"
+         "comes back with the next one when it has gone.\n"
+         "\n"
+         "  --browser N  show browser N; once for each tab (default 1)\n"
+         "  --help       print this and exit\n"
+         "  --version    print the version and exit\n"
+         "\n"
+         "Keys: Ctrl+Page Up and Ctrl+Page Down for the tabs; if the widget\n"
+         "serves pages, Ctrl+L for the address, Alt+Left and Alt+Right for "
+         "the\n"
+         "history, F5 or Ctrl+R to reload. All others are the page's.\n"
+         "\n"
+         "Exit code: 0 after the window was closed, 1 without a display,\n"
+         "2 for wrong usage.\n";
 }
 
-// A window with one browser. The bar is there if the widget serves pages.
-class BrowserWindow {
+[[noreturn]] void RefuseUsage() {
+  std::cerr << "See gtk_host --help.\n";
+  std::exit(kExitUsage);
+}
+
+Options ParseOptions(int argc, char** argv) {
+  const option known[] = {{"browser", required_argument, nullptr, 'b'},
+                          {"help", no_argument, nullptr, 'h'},
+                          {"version", no_argument, nullptr, 'v'},
+                          {}};
+  Options options;
+  int found = 0;
+  while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
+    switch (found) {
+      case 'b':
+        if (!absl::SimpleAtoi(optarg, &options.browsers.emplace_back())) {
+          std::cerr << "gtk_host: --browser takes a number, not '" << optarg
+                    << "'\n";
+          RefuseUsage();
+        }
+        break;
+      case 'h':
+        PrintHelp();
+        std::exit(EXIT_SUCCESS);
+      case 'v':
+        std::cout << "gtk_host " << orvane::kVersion << "\n";
+        std::exit(EXIT_SUCCESS);
+      default:
+        RefuseUsage();  // getopt_long has printed what is wrong.
+    }
+  }
+  if (optind < argc) options.socket = argv[optind++];
+  if (optind < argc) {
+    std::cerr << "gtk_host: unexpected argument '" << argv[optind] << "'\n";
+    RefuseUsage();
+  }
+  if (options.browsers.empty()) options.browsers = {1};
+  return options;
+}
+
+class Program {
  public:
-  BrowserWindow(GtkApplication* application, orvane::EventLoop* loop,
-                const std::string& socket, const BrowserId& browser)
-      : loop_(loop),
-        socket_(socket),
-        browser_(browser),
-        window_(gtk_application_window_new(application)),
-        bar_(gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 6)),
-        back_(
-            AddButton("go-previous-symbolic", "Back", &BrowserWindow::GoBack)),
-        forward_(AddButton("go-next-symbolic", "Forward",
-                           &BrowserWindow::GoForward)),
-        reload_(AddButton("view-refresh-symbolic", "Reload",
-                          &BrowserWindow::Reload)),
-        address_(gtk_entry_new()),
-        view_(loop, socket, browser, [this] { ConnectToPages(); }) {
-    gtk_widget_set_hexpand(address_, TRUE);
-    g_signal_connect(
-        address_, "activate",
-        G_CALLBACK(+[](GtkEntry*, BrowserWindow* self) { self->Load(); }),
-        this);
-    gtk_box_append(GTK_BOX(bar_), address_);
-    gtk_widget_set_visible(bar_, FALSE);
-    GtkWidget* const box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
-    gtk_box_append(GTK_BOX(box), bar_);
-    gtk_box_append(GTK_BOX(box), view_.widget());
-    gtk_window_set_child(GTK_WINDOW(window_), box);
-    gtk_window_set_title(GTK_WINDOW(window_), "Browser");
-    gtk_window_set_default_size(GTK_WINDOW(window_), kWidth, kHeight);
-    gtk_window_present(GTK_WINDOW(window_));
+  explicit Program(Options options)
+      : options_(std::move(options)),
+        application_(gtk_application_new(nullptr, G_APPLICATION_NON_UNIQUE)) {
+    Connect<&Program::Start>(application_, "activate", this);
+  }
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+  ~Program() { g_object_unref(application_); }
+
+  int Run() {
+    const orvane::GlibSource source(&loop_, nullptr, GDK_PRIORITY_REDRAW + 10);
+    for (const int signal : {SIGINT, SIGTERM})
+      g_unix_signal_add(signal, &Program::OnSignal, this);
+    return g_application_run(G_APPLICATION(application_), 0, nullptr);
   }
 
  private:
-  GtkWidget* AddButton(const char* icon, const char* tooltip,
-                       void (BrowserWindow::*action)()) {
-    GtkWidget* const button = gtk_button_new_from_icon_name(icon);
-    gtk_widget_set_tooltip_text(button, tooltip);
-    auto* const target = new Target{this, action};
-    g_signal_connect_data(
-        button, "clicked", G_CALLBACK(+[](GtkButton*, Target* clicked) {
-          (clicked->window->*clicked->action)();
-        }),
-        target,
-        [](gpointer data, GClosure*) { delete static_cast<Target*>(data); },
-        GConnectFlags{});
-    gtk_box_append(GTK_BOX(bar_), button);
-    return button;
+  void Start() {
+    window_ = std::make_unique<BrowserWindow>(
+        application_, &loop_, options_.socket, options_.browsers);
+    Connect<&Program::OnClose>(window_->window(), "close-request", this);
+  }
+  static gboolean OnSignal(gpointer self) {
+    const auto& window = static_cast<Program*>(self)->window_;
+    if (window != nullptr) gtk_window_close(window->window());
+    return G_SOURCE_CONTINUE;
+  }
+  gboolean OnClose() {
+    window_->Detach();
+    loop_.RunReady(kFarewell);
+    window_.reset();
+    return FALSE;  // GTK closes it.
   }
 
-  // For each widget process that comes: the page service, if it has one.
-  void ConnectToPages() {
-    changes_.reset();
-    pages_.reset();
-    connection_.reset();
-    auto connected = orvane::SocketClient::Connect(loop_, socket_);
-    if (!connected.ok()) return;
-    connection_ = *std::move(connected);
-    pages_.emplace(connection_.get());
-    changes_ = pages_->WhenPageChanged(
-        browser_,
-        [this](const rpc::PageChanged& event) { Show(event.state()); });
-    pages_->GetPage(browser_, [this](const auto& state) {
-      gtk_widget_set_visible(bar_, state.ok());
-      if (state.ok()) Show(*state);
-    });
-  }
-
-  void Show(const rpc::PageState& state) {
-    // Not what the user is typing.
-    if (!gtk_widget_has_focus(gtk_widget_get_first_child(address_)))
-      gtk_editable_set_text(GTK_EDITABLE(address_),
-                            std::string(state.address()).c_str());
-    gtk_widget_set_sensitive(back_, state.can_go_back());
-    gtk_widget_set_sensitive(forward_, state.can_go_forward());
-    const std::string title(state.title().empty() ? state.address()
-                                                  : state.title());
-    gtk_window_set_title(GTK_WINDOW(window_), title.c_str());
-  }
-
-  void Load() {
-    if (!pages_.has_value()) return;
-    rpc::LoadRequest request;
-    *request.mutable_browser_id() = browser_;
-    request.set_address(
-        AddressOf(gtk_editable_get_text(GTK_EDITABLE(address_))));
-    pages_->Load(request, [this](const auto& answer) {
-      if (!answer.ok())
-        gtk_window_set_title(GTK_WINDOW(window_),
-                             std::string(answer.status().message()).c_str());
-    });
-    gtk_widget_grab_focus(gtk_widget_get_first_child(view_.widget()));
-  }
-  void GoBack() {
-    if (pages_.has_value()) pages_->GoBack(browser_, nullptr);
-  }
-  void GoForward() {
-    if (pages_.has_value()) pages_->GoForward(browser_, nullptr);
-  }
-  void Reload() {
-    if (!pages_.has_value()) return;
-    rpc::ReloadRequest request;
-    *request.mutable_browser_id() = browser_;
-    pages_->Reload(request, nullptr);
-  }
-
-  struct Target {
-    BrowserWindow* window;
-    void (BrowserWindow::*action)();
-  };
-
-  orvane::EventLoop* const loop_;
-  const std::string socket_;
-  const BrowserId browser_;
-  GtkWidget* const window_;
-  GtkWidget* const bar_;
-  GtkWidget* const back_;
-  GtkWidget* const forward_;
-  GtkWidget* const reload_;
-  GtkWidget* const address_;
-  std::unique_ptr<orvane::SocketClient> connection_;
-  std::optional<rpc::PageRpcClient> pages_;
-  std::unique_ptr<orvane::ClientStream> changes_;
-  WebView view_;
+  const Options options_;
+  GtkApplication* const application_;
+  orvane::EventLoop loop_;
+  std::unique_ptr<BrowserWindow> window_;
 };
-
-struct Program {
-  std::string socket = orvane::DefaultSocketPath("widget");
-  std::uint64_t browser = 1;
-  orvane::EventLoop loop;
-  std::unique_ptr<BrowserWindow> window;
-};
-
-int Main(int argc, char** argv) {
-  Program program;
-  if (argc > 3 || (argc > 2 && !absl::SimpleAtoi(argv[2], &program.browser))) {
-    std::cerr << "Usage: gtk_host [SOCKET [BROWSER]]\n";
-    return 2;
-  }
-  if (argc > 1) program.socket = argv[1];
-  const orvane::GlibSource source(&program.loop, nullptr,
-                                  GDK_PRIORITY_REDRAW + 10);
-  GtkApplication* const application =
-      gtk_application_new(nullptr, G_APPLICATION_NON_UNIQUE);
-  g_signal_connect(application, "activate",
-                   G_CALLBACK(+[](GtkApplication* activated, Program* self) {
-                     BrowserId browser;
-                     browser.set_value(self->browser);
-                     self->window = std::make_unique<BrowserWindow>(
-                         activated, &self->loop, self->socket, browser);
-                   }),
-                   &program);
-  const int code = g_application_run(G_APPLICATION(application), 0, nullptr);
-  program.window.reset();
-  g_object_unref(application);
-  return code;
-}
 
 }  // namespace
 }  // namespace gtk_host
 
-int main(int argc, char** argv) { return gtk_host::Main(argc, argv); }
+int main(int argc, char** argv) {
+  return gtk_host::Program(gtk_host::ParseOptions(argc, argv)).Run();
+}

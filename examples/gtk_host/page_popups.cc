@@ -3,15 +3,16 @@
 #include <algorithm>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "absl/strings/match.h"
-#include "absl/strings/str_cat.h"
+
+#include "examples/gtk_host/signals.h"
 
 namespace gtk_host {
 namespace {
 
-constexpr int kMargin = 12;
+constexpr int kIndent = 12;
+constexpr int kMaxListHeight = 400;
 
 GdkRectangle RectangleOf(const rpc::RectDip& rect) {
   return {static_cast<int>(rect.x()), static_cast<int>(rect.y()),
@@ -19,11 +20,21 @@ GdkRectangle RectangleOf(const rpc::RectDip& rect) {
           std::max(1, static_cast<int>(rect.height()))};
 }
 
-void SetMargins(GtkWidget* widget) {
-  gtk_widget_set_margin_top(widget, kMargin);
-  gtk_widget_set_margin_bottom(widget, kMargin);
-  gtk_widget_set_margin_start(widget, kMargin);
-  gtk_widget_set_margin_end(widget, kMargin);
+GtkWidget* NewRow(const rpc::DropDownItem& item) {
+  GtkWidget* const line =
+      item.type() == rpc::DROP_DOWN_ITEM_TYPE_SEPARATOR
+          ? gtk_separator_new(GTK_ORIENTATION_HORIZONTAL)
+          : GTK_WIDGET(g_object_new(
+                GTK_TYPE_LABEL, "label", std::string(item.label()).c_str(),
+                "xalign", 0.0, "margin-start",
+                item.has_group_index() ? kIndent : 0, nullptr));
+  const gboolean can_be_chosen = orvane::host::CanBeChosen(item);
+  auto* const row = GTK_WIDGET(g_object_new(
+      GTK_TYPE_LIST_BOX_ROW, "child", line, "selectable", can_be_chosen,
+      "activatable", can_be_chosen, "sensitive", can_be_chosen, nullptr));
+  if (!item.tooltip().empty())
+    gtk_widget_set_tooltip_text(row, std::string(item.tooltip()).c_str());
+  return row;
 }
 
 GdkRGBA ColorOf(std::uint32_t rgb) {
@@ -40,10 +51,9 @@ std::uint32_t RgbOf(const GdkRGBA& color) {
   return byte(color.red) << 16 | byte(color.green) << 8 | byte(color.blue);
 }
 
-// The first part of what pages call a file, as GTK's filters take it.
 GtkFileFilter* FilterOf(const rpc::FileDialog& file) {
   GtkFileFilter* const filter = gtk_file_filter_new();
-  gtk_file_filter_set_name(filter, "What the page wants");
+  gtk_file_filter_set_name(filter, "What the page asks for");
   for (const auto& accepted : file.accept_filters()) {
     const std::string text(accepted);
     if (absl::StartsWith(text, ".")) {
@@ -55,91 +65,129 @@ GtkFileFilter* FilterOf(const rpc::FileDialog& file) {
   return filter;
 }
 
+void AddPaths(GtkFileChooser* chooser, rpc::CreateWebDialogResponse& answer) {
+  GListModel* const files = gtk_file_chooser_get_files(chooser);
+  for (guint i = 0; i < g_list_model_get_n_items(files); ++i) {
+    auto* const file = G_FILE(g_list_model_get_item(files, i));
+    if (const char* const path = g_file_peek_path(file))
+      answer.add_file_paths(path);
+    g_object_unref(file);
+  }
+  g_object_unref(files);
+}
+
 }  // namespace
+
+PagePopups::PagePopups(GtkWidget* view) : view_(view) {
+  // Popovers are children of the view, and must go before it.
+  Connect<&PagePopups::CloseAll>(view_, "destroy", this);
+}
+
+PagePopups::~PagePopups() {
+  CloseAll();
+  g_signal_handlers_disconnect_by_data(view_, this);
+}
+
+GtkWindow* PagePopups::window() const {
+  return GTK_WINDOW(gtk_widget_get_root(view_));
+}
+
+void PagePopups::Serve(rpc::BrowserWidgetRpcClient& widget,
+                       const BrowserId& browser) {
+  streams_.clear();
+  streams_.push_back(widget.OnShowDropdown(
+      browser, [this](const rpc::ShowDropdownCall& call,
+                      orvane::Responder<rpc::ShowDropdown> responder) {
+        ShowList(call, std::move(responder));
+      }));
+  streams_.push_back(widget.WhenDropDownDeleted(
+      browser, [this](const rpc::DropDownDeleted& event) {
+        if (list_.has_value() && list_->popup_id == event.popup_id())
+          CloseList(false);
+      }));
+  streams_.push_back(widget.OnCreateWebDialog(
+      browser, [this](const rpc::CreateWebDialogCall& call,
+                      orvane::Responder<rpc::CreateWebDialog> responder) {
+        ShowDialog(call, std::move(responder));
+      }));
+}
+
+void PagePopups::CloseAll() {
+  CloseList(false);
+  CloseDialog({});
+}
 
 // Lists
 
 void PagePopups::ShowList(const rpc::ShowDropdownCall& call,
                           orvane::Responder<rpc::ShowDropdown> responder) {
-  if (list_.has_value()) {
-    std::move(responder).Respond({}).IgnoreError();
-    return;
-  }
-  GtkWidget* const popover = gtk_popover_new();
-  gtk_widget_set_parent(popover, parent_);
-  gtk_popover_set_has_arrow(GTK_POPOVER(popover), FALSE);
-  gtk_popover_set_position(GTK_POPOVER(popover), GTK_POS_BOTTOM);
+  CloseList(false);
   const GdkRectangle anchor = RectangleOf(call.anchor());
-  gtk_popover_set_pointing_to(GTK_POPOVER(popover), &anchor);
-  gtk_widget_set_size_request(popover, anchor.width, -1);
-
-  GtkWidget* const box = gtk_list_box_new();
-  gtk_list_box_set_activate_on_single_click(GTK_LIST_BOX(box), TRUE);
-  for (int i = 0; i < call.items_size(); ++i) {
-    const rpc::DropDownItem& item = call.items(i);
-    const bool is_separator = item.type() == rpc::DROP_DOWN_ITEM_TYPE_SEPARATOR;
-    GtkWidget* const line =
-        is_separator ? gtk_separator_new(GTK_ORIENTATION_HORIZONTAL)
-                     : gtk_label_new(std::string(item.label()).c_str());
-    if (!is_separator) gtk_label_set_xalign(GTK_LABEL(line), 0);
-    if (item.has_group_index()) gtk_widget_set_margin_start(line, kMargin);
-    gtk_list_box_append(GTK_LIST_BOX(box), line);
-    GtkListBoxRow* const row =
-        gtk_list_box_get_row_at_index(GTK_LIST_BOX(box), i);
-    const bool can_be_chosen =
-        item.type() == rpc::DROP_DOWN_ITEM_TYPE_OPTION && !item.is_disabled();
-    gtk_list_box_row_set_selectable(row, can_be_chosen);
-    gtk_list_box_row_set_activatable(row, can_be_chosen);
-    gtk_widget_set_sensitive(GTK_WIDGET(row), can_be_chosen);
-    if (call.has_selected_index() &&
-        call.selected_index() == static_cast<std::uint32_t>(i)) {
-      gtk_list_box_select_row(GTK_LIST_BOX(box), row);
-    }
+  auto* const box = GTK_LIST_BOX(g_object_new(
+      GTK_TYPE_LIST_BOX, "selection-mode",
+      call.allows_multiple() ? GTK_SELECTION_MULTIPLE : GTK_SELECTION_SINGLE,
+      nullptr));
+  auto* const scrolled = GTK_WIDGET(
+      g_object_new(GTK_TYPE_SCROLLED_WINDOW, "child", box, "hscrollbar-policy",
+                   GTK_POLICY_NEVER, "propagate-natural-height", TRUE,
+                   "max-content-height", kMaxListHeight, nullptr));
+  auto* const popover =
+      GTK_WIDGET(g_object_new(GTK_TYPE_POPOVER, "child", scrolled, "has-arrow",
+                              FALSE, "position", GTK_POS_BOTTOM, "pointing-to",
+                              &anchor, "width-request", anchor.width, nullptr));
+  if (call.is_right_to_left())
+    gtk_widget_set_direction(popover, GTK_TEXT_DIR_RTL);
+  gtk_widget_set_parent(popover, view_);
+  for (const rpc::DropDownItem& item : call.items()) {
+    GtkWidget* const row = NewRow(item);
+    gtk_list_box_append(box, row);
+    if (item.is_selected()) gtk_list_box_select_row(box, GTK_LIST_BOX_ROW(row));
   }
-  g_signal_connect(
-      box, "row-activated",
-      G_CALLBACK(+[](GtkListBox*, GtkListBoxRow* row, PagePopups* self) {
-        self->ChooseFromList(
-            static_cast<std::uint32_t>(gtk_list_box_row_get_index(row)));
-      }),
-      this);
-  g_signal_connect(popover, "closed",
-                   G_CALLBACK(+[](GtkPopover*, PagePopups* self) {
-                     self->ChooseFromList(std::nullopt);
-                   }),
-                   this);
-  GtkWidget* const scrolled = gtk_scrolled_window_new();
-  gtk_scrolled_window_set_child(GTK_SCROLLED_WINDOW(scrolled), box);
-  gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scrolled),
-                                 GTK_POLICY_NEVER, GTK_POLICY_AUTOMATIC);
-  gtk_scrolled_window_set_propagate_natural_height(
-      GTK_SCROLLED_WINDOW(scrolled), TRUE);
-  gtk_popover_set_child(GTK_POPOVER(popover), scrolled);
-  list_.emplace(List{popover, call.popup_id(), std::move(responder)});
+  Connect<&PagePopups::OnRowActivated>(box, "row-activated", this);
+  Connect<&PagePopups::OnListClosed>(popover, "closed", this);
+  list_.emplace(List{popover, box, call.allows_multiple(), call.popup_id(),
+                     std::move(responder)});
   gtk_popover_popup(GTK_POPOVER(popover));
+  GtkListBoxRow* const first = gtk_list_box_get_row_at_index(
+      box, static_cast<int>(call.selected_index()));
+  if (first != nullptr) gtk_widget_grab_focus(GTK_WIDGET(first));
 }
 
-void PagePopups::ChooseFromList(std::optional<std::uint32_t> index) {
+void PagePopups::OnRowActivated(GtkListBoxRow*) {
+  if (!list_->allows_multiple) CloseList(true);
+}
+
+// Several choices have no button that says they are made.
+void PagePopups::OnListClosed() { CloseList(list_->allows_multiple); }
+
+void PagePopups::CloseList(bool is_accepted) {
   if (!list_.has_value()) return;
   List list = *std::move(list_);
   list_.reset();
   rpc::ShowDropdownResponse answer;
-  if (index.has_value()) {
-    answer.set_accepted(true);
-    answer.add_selected_indices(*index);
+  answer.set_accepted(is_accepted);
+  GList* const rows = gtk_list_box_get_selected_rows(list.box);
+  for (GList* row = rows; is_accepted && row != nullptr; row = row->next) {
+    answer.add_selected_indices(static_cast<std::uint32_t>(
+        gtk_list_box_row_get_index(GTK_LIST_BOX_ROW(row->data))));
   }
+  g_list_free(rows);
   std::move(list.responder).Respond(answer).IgnoreError();
+  g_signal_handlers_disconnect_by_data(list.box, this);
   g_signal_handlers_disconnect_by_data(list.popover, this);
   gtk_popover_popdown(GTK_POPOVER(list.popover));
+  if (gtk_widget_in_destruction(view_)) {
+    gtk_widget_unparent(list.popover);
+    return;
+  }
   // Later, since this may be a handler of its own.
   g_idle_add_once(
-      [](gpointer popover) { gtk_widget_unparent(GTK_WIDGET(popover)); },
-      list.popover);
-}
-
-void PagePopups::CloseList(std::uint64_t popup_id) {
-  if (list_.has_value() && list_->popup_id == popup_id)
-    ChooseFromList(std::nullopt);
+      [](gpointer popover) {
+        if (gtk_widget_get_parent(GTK_WIDGET(popover)) != nullptr)
+          gtk_widget_unparent(GTK_WIDGET(popover));
+        g_object_unref(popover);
+      },
+      g_object_ref(list.popover));
 }
 
 void PagePopups::Present() {
@@ -150,174 +198,134 @@ void PagePopups::Present() {
 
 void PagePopups::ShowDialog(const rpc::CreateWebDialogCall& call,
                             orvane::Responder<rpc::CreateWebDialog> responder) {
-  if (dialog_.has_value()) {
+  const auto question = orvane::host::QuestionOf(call);
+  const bool is_known =
+      question.has_value() || call.has_file() || call.has_color();
+  if (dialog_.has_value() || !is_known) {
     std::move(responder).Respond({}).IgnoreError();
     return;
   }
-  dialog_.emplace(Dialog{.responder = std::move(responder)});
-  const std::string title = absl::StrCat(std::string(call.origin()), " says");
-  if (call.has_alert()) {
-    ShowQuestion(title, std::string(call.alert().message()), "OK", nullptr,
-                 nullptr);
-  } else if (call.has_confirm()) {
-    ShowQuestion(title, std::string(call.confirm().message()), "OK", "Cancel",
-                 nullptr);
-  } else if (call.has_prompt()) {
-    ShowQuestion(title, std::string(call.prompt().message()), "OK", "Cancel",
-                 std::string(call.prompt().default_text()).c_str());
-  } else if (call.has_before_unload()) {
-    ShowQuestion(title, "What you have entered may be lost.", "Leave", "Stay",
-                 nullptr);
-  } else if (call.has_file()) {
-    ShowFiles(call.file());
-  } else if (call.has_color()) {
-    ShowColors(call.color());
+  dialog_.emplace(Dialog{nullptr, nullptr, std::move(responder)});
+  if (call.has_file()) {
+    GtkNativeDialog* const chooser = NewFileChooser(call.file());
+    dialog_->shown = G_OBJECT(chooser);
+    gtk_native_dialog_show(chooser);
   } else {
-    AnswerDialog({});
+    GtkWidget* const dialog = question.has_value()
+                                  ? NewQuestion(*question)
+                                  : NewColorChooser(call.color());
+    dialog_->shown = G_OBJECT(dialog);
+    gtk_window_present(GTK_WINDOW(dialog));
   }
+  Connect<&PagePopups::OnResponse>(dialog_->shown, "response", this);
 }
 
-void PagePopups::ShowQuestion(const std::string& title,
-                              const std::string& message, const char* yes,
-                              const char* no, const char* text) {
-  GtkWidget* const window = gtk_window_new();
-  gtk_window_set_title(GTK_WINDOW(window), title.c_str());
-  gtk_window_set_modal(GTK_WINDOW(window), TRUE);
-  gtk_window_set_resizable(GTK_WINDOW(window), FALSE);
-  gtk_window_set_transient_for(GTK_WINDOW(window),
-                               GTK_WINDOW(gtk_widget_get_root(parent_)));
-  GtkWidget* const box = gtk_box_new(GTK_ORIENTATION_VERTICAL, kMargin);
-  SetMargins(box);
-  GtkWidget* const label = gtk_label_new(message.c_str());
-  gtk_label_set_wrap(GTK_LABEL(label), TRUE);
-  gtk_label_set_max_width_chars(GTK_LABEL(label), 60);
-  gtk_box_append(GTK_BOX(box), label);
-  if (text != nullptr) {
-    dialog_->entry = gtk_entry_new();
-    gtk_editable_set_text(GTK_EDITABLE(dialog_->entry), text);
-    gtk_entry_set_activates_default(GTK_ENTRY(dialog_->entry), TRUE);
-    gtk_box_append(GTK_BOX(box), dialog_->entry);
+GtkWidget* PagePopups::NewQuestion(const orvane::host::Question& question) {
+  GtkWidget* const dialog =
+      gtk_message_dialog_new(window(), GTK_DIALOG_MODAL, GTK_MESSAGE_OTHER,
+                             GTK_BUTTONS_NONE, "%s", question.title.c_str());
+  auto* const message = GTK_MESSAGE_DIALOG(dialog);
+  gtk_window_set_title(GTK_WINDOW(dialog), question.title.c_str());
+  gtk_message_dialog_format_secondary_text(message, "%s",
+                                           question.message.c_str());
+  if (!question.decline.empty()) {
+    gtk_dialog_add_button(GTK_DIALOG(dialog), question.decline.c_str(),
+                          GTK_RESPONSE_CANCEL);
   }
-  GtkWidget* const buttons = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, kMargin);
-  gtk_widget_set_halign(buttons, GTK_ALIGN_END);
-  if (no != nullptr) {
-    GtkWidget* const button = gtk_button_new_with_label(no);
-    g_signal_connect(button, "clicked",
-                     G_CALLBACK(+[](GtkButton*, PagePopups* self) {
-                       self->AnswerDialog({});
-                     }),
-                     this);
-    gtk_box_append(GTK_BOX(buttons), button);
-  }
-  GtkWidget* const button = gtk_button_new_with_label(yes);
-  g_signal_connect(
-      button, "clicked", G_CALLBACK(+[](GtkButton*, PagePopups* self) {
-        rpc::CreateWebDialogResponse answer;
-        answer.set_accepted(true);
-        if (self->dialog_->entry != nullptr) {
-          answer.set_text(
-              gtk_editable_get_text(GTK_EDITABLE(self->dialog_->entry)));
-        }
-        self->AnswerDialog(std::move(answer));
-      }),
-      this);
-  gtk_box_append(GTK_BOX(buttons), button);
-  gtk_box_append(GTK_BOX(box), buttons);
-  gtk_window_set_child(GTK_WINDOW(window), box);
-  gtk_window_set_default_widget(GTK_WINDOW(window), button);
-  gtk_window_set_focus(GTK_WINDOW(window),
-                       text != nullptr ? dialog_->entry : button);
-  g_signal_connect(window, "close-request",
-                   G_CALLBACK(+[](GtkWindow*, PagePopups* self) -> gboolean {
-                     self->AnswerDialog({});
-                     return TRUE;
-                   }),
-                   this);
-  dialog_->window = window;
-  gtk_window_present(GTK_WINDOW(window));
+  gtk_dialog_add_button(GTK_DIALOG(dialog), question.accept.c_str(),
+                        GTK_RESPONSE_OK);
+  gtk_dialog_set_default_response(GTK_DIALOG(dialog), GTK_RESPONSE_OK);
+  if (!question.answer.has_value()) return dialog;
+  dialog_->entry =
+      GTK_WIDGET(g_object_new(GTK_TYPE_ENTRY, "text", question.answer->c_str(),
+                              "activates-default", TRUE, nullptr));
+  gtk_box_append(
+      GTK_BOX(gtk_message_dialog_get_message_area(GTK_MESSAGE_DIALOG(dialog))),
+      dialog_->entry);
+  gtk_window_set_focus(GTK_WINDOW(dialog), dialog_->entry);
+  return dialog;
 }
 
-void PagePopups::ShowFiles(const rpc::FileDialog& file) {
+GtkNativeDialog* PagePopups::NewFileChooser(const rpc::FileDialog& file) {
   GtkFileChooserAction action = GTK_FILE_CHOOSER_ACTION_OPEN;
   if (file.mode() == rpc::FILE_DIALOG_MODE_OPEN_DIRECTORY)
     action = GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER;
   if (file.mode() == rpc::FILE_DIALOG_MODE_SAVE)
     action = GTK_FILE_CHOOSER_ACTION_SAVE;
-  GtkFileChooserNative* const chooser = gtk_file_chooser_native_new(
-      nullptr, GTK_WINDOW(gtk_widget_get_root(parent_)), action, nullptr,
-      nullptr);
+  const std::string title(file.title());
+  GtkFileChooserNative* const native =
+      gtk_file_chooser_native_new(title.empty() ? nullptr : title.c_str(),
+                                  window(), action, nullptr, nullptr);
+  auto* const chooser = GTK_FILE_CHOOSER(native);
+  gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(native), TRUE);
   gtk_file_chooser_set_select_multiple(
-      GTK_FILE_CHOOSER(chooser),
-      file.mode() == rpc::FILE_DIALOG_MODE_OPEN_MULTIPLE);
-  if (!file.accept_filters().empty())
-    gtk_file_chooser_add_filter(GTK_FILE_CHOOSER(chooser), FilterOf(file));
-  g_signal_connect(
-      chooser, "response",
-      G_CALLBACK(+[](GtkNativeDialog* native, int response, PagePopups* self) {
-        rpc::CreateWebDialogResponse answer;
-        if (response == GTK_RESPONSE_ACCEPT) {
-          GListModel* const files =
-              gtk_file_chooser_get_files(GTK_FILE_CHOOSER(native));
-          for (guint i = 0; i < g_list_model_get_n_items(files); ++i) {
-            auto* const chosen = G_FILE(g_list_model_get_item(files, i));
-            if (char* const path = g_file_get_path(chosen)) {
-              answer.add_file_paths(path);
-              g_free(path);
-            }
-            g_object_unref(chosen);
-          }
-          g_object_unref(files);
-          answer.set_accepted(!answer.file_paths().empty());
-        }
-        self->AnswerDialog(std::move(answer));
-      }),
-      this);
-  dialog_->native = GTK_NATIVE_DIALOG(chooser);
-  gtk_native_dialog_show(GTK_NATIVE_DIALOG(chooser));
+      chooser, file.mode() == rpc::FILE_DIALOG_MODE_OPEN_MULTIPLE);
+  if (action == GTK_FILE_CHOOSER_ACTION_SAVE) {
+    gtk_file_chooser_set_current_name(
+        chooser, std::string(file.default_file_name()).c_str());
+  }
+  if (!file.accept_filters().empty()) {
+    gtk_file_chooser_add_filter(chooser, FilterOf(file));
+    if (!file.excludes_other_files()) {
+      GtkFileFilter* const all = gtk_file_filter_new();
+      gtk_file_filter_set_name(all, "All files");
+      gtk_file_filter_add_pattern(all, "*");
+      gtk_file_chooser_add_filter(chooser, all);
+    }
+  }
+  return GTK_NATIVE_DIALOG(native);
 }
 
-void PagePopups::ShowColors(const rpc::ColorDialog& color) {
-  GtkWidget* const window = gtk_color_chooser_dialog_new(
-      nullptr, GTK_WINDOW(gtk_widget_get_root(parent_)));
+GtkWidget* PagePopups::NewColorChooser(const rpc::ColorDialog& color) {
+  GtkWidget* const dialog = gtk_color_chooser_dialog_new(nullptr, window());
+  auto* const chooser = GTK_COLOR_CHOOSER(dialog);
+  gtk_window_set_modal(GTK_WINDOW(dialog), TRUE);
+  gtk_color_chooser_set_use_alpha(chooser, FALSE);
+  std::vector<GdkRGBA> suggested;
+  for (const std::uint32_t rgb : color.suggested_colors_rgb())
+    suggested.push_back(ColorOf(rgb));
+  if (!suggested.empty()) {
+    gtk_color_chooser_add_palette(chooser, GTK_ORIENTATION_HORIZONTAL, 9,
+                                  static_cast<int>(suggested.size()),
+                                  suggested.data());
+  }
   const GdkRGBA initial = ColorOf(color.initial_color_rgb());
-  gtk_color_chooser_set_use_alpha(GTK_COLOR_CHOOSER(window), FALSE);
-  gtk_color_chooser_set_rgba(GTK_COLOR_CHOOSER(window), &initial);
-  g_signal_connect(
-      window, "response",
-      G_CALLBACK(+[](GtkDialog* dialog, int response, PagePopups* self) {
-        rpc::CreateWebDialogResponse answer;
-        if (response == GTK_RESPONSE_OK) {
-          GdkRGBA chosen;
-          gtk_color_chooser_get_rgba(GTK_COLOR_CHOOSER(dialog), &chosen);
-          answer.set_accepted(true);
-          answer.set_color_rgb(RgbOf(chosen));
-        }
-        self->AnswerDialog(std::move(answer));
-      }),
-      this);
-  dialog_->window = window;
-  gtk_window_present(GTK_WINDOW(window));
+  gtk_color_chooser_set_rgba(chooser, &initial);
+  return dialog;
 }
 
-void PagePopups::AnswerDialog(rpc::CreateWebDialogResponse answer) {
+void PagePopups::OnResponse(int response) {
+  rpc::CreateWebDialogResponse answer;
+  answer.set_accepted(response == GTK_RESPONSE_OK ||
+                      response == GTK_RESPONSE_ACCEPT);
+  GObject* const shown = dialog_->shown;
+  if (!answer.accepted()) {
+    // Nothing else is asked for.
+  } else if (GTK_IS_FILE_CHOOSER(shown)) {
+    AddPaths(GTK_FILE_CHOOSER(shown), answer);
+    answer.set_accepted(!answer.file_paths().empty());
+  } else if (GTK_IS_COLOR_CHOOSER(shown)) {
+    GdkRGBA chosen;
+    gtk_color_chooser_get_rgba(GTK_COLOR_CHOOSER(shown), &chosen);
+    answer.set_color_rgb(RgbOf(chosen));
+  } else if (dialog_->entry != nullptr) {
+    answer.set_text(gtk_editable_get_text(GTK_EDITABLE(dialog_->entry)));
+  }
+  CloseDialog(answer);
+}
+
+void PagePopups::CloseDialog(const rpc::CreateWebDialogResponse& answer) {
   if (!dialog_.has_value()) return;
   Dialog dialog = *std::move(dialog_);
   dialog_.reset();
-  std::move(dialog.responder).Respond(std::move(answer)).IgnoreError();
-  if (dialog.native != nullptr) {
-    g_signal_handlers_disconnect_by_data(dialog.native, this);
-    gtk_native_dialog_destroy(dialog.native);
-    g_object_unref(dialog.native);
+  std::move(dialog.responder).Respond(answer).IgnoreError();
+  g_signal_handlers_disconnect_by_data(dialog.shown, this);
+  if (GTK_IS_NATIVE_DIALOG(dialog.shown)) {
+    gtk_native_dialog_destroy(GTK_NATIVE_DIALOG(dialog.shown));
+    g_object_unref(dialog.shown);
+  } else {
+    gtk_window_destroy(GTK_WINDOW(dialog.shown));
   }
-  if (dialog.window != nullptr) {
-    g_signal_handlers_disconnect_by_data(dialog.window, this);
-    gtk_window_destroy(GTK_WINDOW(dialog.window));
-  }
-}
-
-void PagePopups::CloseAll() {
-  ChooseFromList(std::nullopt);
-  AnswerDialog({});
 }
 
 }  // namespace gtk_host

@@ -8,31 +8,28 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <string>
+#include <vector>
 
+#include "host/popups.h"
 #include "orvane/client.h"
 #include "rpc/browser/browser_widget.client.h"
 
 namespace gtk_host {
 
 // Lists are popovers of the view, dialogs are windows of their own. One of each
-// is open at a time; a further one counts as closed without a choice.
+// is open at a time: a further list takes the place of the one before, and a
+// further dialog counts as declined.
 //
-// Thread: GTK's.
+// Thread: GTK's. Lifetime: the view's widget outlives this object.
 class PagePopups {
  public:
-  // `parent` outlives this object.
-  explicit PagePopups(GtkWidget* parent) : parent_(parent) {}
+  explicit PagePopups(GtkWidget* view);
   PagePopups(const PagePopups&) = delete;
   PagePopups& operator=(const PagePopups&) = delete;
-  ~PagePopups() { CloseAll(); }
+  ~PagePopups();
 
-  void ShowList(const rpc::ShowDropdownCall& call,
-                orvane::Responder<rpc::ShowDropdown> responder);
-  void CloseList(std::uint64_t popup_id);
-
-  void ShowDialog(const rpc::CreateWebDialogCall& call,
-                  orvane::Responder<rpc::CreateWebDialog> responder);
+  // For each widget process that comes.
+  void Serve(rpc::BrowserWidgetRpcClient& widget, const BrowserId& browser);
 
   // The page or its widget is gone.
   void CloseAll();
@@ -43,26 +40,37 @@ class PagePopups {
  private:
   struct List {
     GtkWidget* popover;
+    GtkListBox* box;
+    bool allows_multiple;
     std::uint64_t popup_id;
     orvane::Responder<rpc::ShowDropdown> responder;
   };
   struct Dialog {
-    GtkNativeDialog* native = nullptr;  // Of files; else null.
-    GtkWidget* window = nullptr;
-    GtkWidget* entry = nullptr;  // Of a prompt.
+    GObject* shown;    // A GtkNativeDialog or a GtkDialog.
+    GtkWidget* entry;  // Of a prompt; else null.
     orvane::Responder<rpc::CreateWebDialog> responder;
   };
 
-  void ChooseFromList(std::optional<std::uint32_t> index);
-  void ShowQuestion(const std::string& title, const std::string& message,
-                    const char* yes, const char* no, const char* text);
-  void ShowFiles(const rpc::FileDialog& file);
-  void ShowColors(const rpc::ColorDialog& color);
-  void AnswerDialog(rpc::CreateWebDialogResponse answer);
+  void ShowList(const rpc::ShowDropdownCall& call,
+                orvane::Responder<rpc::ShowDropdown> responder);
+  void OnRowActivated(GtkListBoxRow* row);
+  void OnListClosed();
+  void CloseList(bool is_accepted);
 
-  GtkWidget* const parent_;
+  void ShowDialog(const rpc::CreateWebDialogCall& call,
+                  orvane::Responder<rpc::CreateWebDialog> responder);
+  GtkWidget* NewQuestion(const orvane::host::Question& question);
+  GtkNativeDialog* NewFileChooser(const rpc::FileDialog& file);
+  GtkWidget* NewColorChooser(const rpc::ColorDialog& color);
+  void OnResponse(int response);
+  void CloseDialog(const rpc::CreateWebDialogResponse& answer);
+
+  GtkWindow* window() const;
+
+  GtkWidget* const view_;
   std::optional<List> list_;
   std::optional<Dialog> dialog_;
+  std::vector<std::unique_ptr<orvane::ClientStream>> streams_;
 };
 
 }  // namespace gtk_host

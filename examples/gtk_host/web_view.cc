@@ -1,21 +1,15 @@
 #include "examples/gtk_host/web_view.h"
 
-#include <algorithm>
 #include <cmath>
 #include <utility>
 
-#include "absl/strings/ascii.h"
-#include "absl/strings/str_cat.h"
-#include "absl/strings/str_replace.h"
-#include "absl/strings/strip.h"
-
-#include "examples/gtk_host/canvas.h"
+#include "examples/gtk_host/signals.h"
+#include "host/cursor.h"
 #include "host/key.h"
 
 namespace gtk_host {
 namespace {
 
-using orvane::host::KeySample;
 using orvane::host::Picture;
 using orvane::host::PointerSample;
 using orvane::host::ViewState;
@@ -23,32 +17,39 @@ using orvane::host::ViewState;
 constexpr double kDimmed = 0.4;
 constexpr std::int64_t kNsPerMs = 1'000'000;
 
-rpc::MouseButton ButtonOf(guint button) {
-  switch (button) {
-    case GDK_BUTTON_PRIMARY:
-      return rpc::MOUSE_BUTTON_PRIMARY;
-    case GDK_BUTTON_MIDDLE:
-      return rpc::MOUSE_BUTTON_AUXILIARY;
-    case GDK_BUTTON_SECONDARY:
-      return rpc::MOUSE_BUTTON_SECONDARY;
-    case 8:
-      return rpc::MOUSE_BUTTON_BACK;
-    case 9:
-      return rpc::MOUSE_BUTTON_FORWARD;
-    default:
-      return rpc::MOUSE_BUTTON_UNSPECIFIED;
-  }
+// GTK asks the class of a widget for its size and for what to draw.
+WebView* ViewOf(GtkWidget* canvas) {
+  return static_cast<WebView*>(g_object_get_data(G_OBJECT(canvas), "view"));
 }
 
-std::uint32_t ButtonsOf(GdkModifierType state) {
-  std::uint32_t buttons = 0;
-  if ((state & GDK_BUTTON1_MASK) != 0)
-    buttons |= rpc::MOUSE_BUTTON_FLAG_PRIMARY;
-  if ((state & GDK_BUTTON2_MASK) != 0)
-    buttons |= rpc::MOUSE_BUTTON_FLAG_AUXILIARY;
-  if ((state & GDK_BUTTON3_MASK) != 0)
-    buttons |= rpc::MOUSE_BUTTON_FLAG_SECONDARY;
-  return buttons;
+void InitCanvasClass(gpointer gtk_class, gpointer) {
+  auto* const widget_class = static_cast<GtkWidgetClass*>(gtk_class);
+  widget_class->size_allocate = [](GtkWidget* canvas, int width, int height,
+                                   int) {
+    if (auto* view = ViewOf(canvas)) view->OnAllocated(width, height);
+  };
+  widget_class->snapshot = [](GtkWidget* canvas, GtkSnapshot* snapshot) {
+    if (auto* view = ViewOf(canvas)) view->OnSnapshot(snapshot);
+  };
+  widget_class->focus = [](GtkWidget* canvas, GtkDirectionType direction) {
+    auto* const view = ViewOf(canvas);
+    return gboolean{view != nullptr && view->OnFocusMove(direction)};
+  };
+}
+
+GtkWidget* NewCanvas(WebView* view) {
+  static const GType type = g_type_register_static_simple(
+      GTK_TYPE_WIDGET, "OrvaneCanvas", sizeof(GtkWidgetClass), InitCanvasClass,
+      sizeof(GtkWidget), nullptr, GTypeFlags{});
+  auto* const canvas = GTK_WIDGET(
+      g_object_new(type, "focusable", TRUE, "hexpand", TRUE, "vexpand", TRUE,
+                   "overflow", GTK_OVERFLOW_HIDDEN, nullptr));
+  g_object_set_data(G_OBJECT(canvas), "view", view);
+  return canvas;
+}
+
+rpc::MouseButton ButtonOf(GdkEvent* event) {
+  return orvane::host::ButtonOfX11(gdk_button_event_get_button(event));
 }
 
 rpc::InputInfo InputOf(GdkEvent* event) {
@@ -59,401 +60,183 @@ rpc::InputInfo InputOf(GdkEvent* event) {
   return input;
 }
 
-GdkTexture* NewTexture(const Picture& picture) {
+graphene_rect_t RectangleOf(const rpc::RectDip& rect) {
+  return GRAPHENE_RECT_INIT(
+      static_cast<float>(rect.x()), static_cast<float>(rect.y()),
+      static_cast<float>(rect.width()), static_cast<float>(rect.height()));
+}
+
+std::shared_ptr<GdkTexture> NewTexture(const Picture& picture) {
   GBytes* const bytes =
       g_bytes_new(picture.pixels().data(), picture.pixels().size());
   GdkTexture* const texture = gdk_memory_texture_new(
       picture.width(), picture.height(), GDK_MEMORY_B8G8R8A8_PREMULTIPLIED,
       bytes, static_cast<gsize>(picture.stride_bytes()));
   g_bytes_unref(bytes);
-  return texture;
-}
-
-// The name that CSS and GDK have for a cursor: "ne-resize".
-std::string CursorName(rpc::CursorType type) {
-  if (type == rpc::CURSOR_TYPE_AUTO) return "default";
-  const std::string name(
-      absl::StripPrefix(rpc::CursorType_Name(type), "CURSOR_TYPE_"));
-  return absl::AsciiStrToLower(absl::StrReplaceAll(name, {{"_", "-"}}));
+  return {texture, g_object_unref};
 }
 
 }  // namespace
 
 WebView::WebView(orvane::EventLoop* loop, const std::string& socket,
                  const BrowserId& browser, std::function<void()> on_connected)
-    : browser_(browser),
-      on_connected_(std::move(on_connected)),
-      canvas_(NewCanvas(
-          {.on_allocated = [this](int w, int h) { OnAllocated(w, h); },
-           .on_snapshot = [this](GtkSnapshot* s) { OnSnapshot(s); },
-           .on_focus_move =
-               [this](GtkDirectionType d) { return OnFocusMove(d); }})),
+    : canvas_(NewCanvas(this)),
       overlay_(gtk_overlay_new()),
-      status_(gtk_label_new(nullptr)),
+      words_(gtk_label_new(nullptr)),
+      scroll_(gtk_event_controller_scroll_new(
+          GTK_EVENT_CONTROLLER_SCROLL_BOTH_AXES)),
       input_method_(gtk_im_multicontext_new()),
       popups_(canvas_),
-      view_(loop, {.socket = socket, .browser = browser},
+      view_(loop, {.socket = socket, .browser = browser, .takes_over = true},
             {.on_connected =
-                 [this](rpc::BrowserWidgetRpcClient& widget) {
-                   OpenStreams(widget);
+                 [this, browser, then = std::move(on_connected)](auto& widget) {
+                   popups_.Serve(widget, browser);
+                   then();
                  },
-             .on_state = [this](ViewState) { TellState(); }}) {
-  gtk_overlay_set_child(GTK_OVERLAY(overlay_), canvas_);
-  gtk_overlay_add_overlay(GTK_OVERLAY(overlay_), status_);
-  gtk_label_set_wrap(GTK_LABEL(status_), TRUE);
-  gtk_widget_set_can_target(status_, FALSE);
+             .on_state = [this](ViewState) { TellState(); },
+             .on_scene = [this] { gtk_widget_queue_draw(canvas_); },
+             .on_cursor = [this](const auto& cursor) { ShowCursor(cursor); },
+             .on_tooltip =
+                 [this](absl::string_view text) {
+                   gtk_widget_set_tooltip_text(canvas_,
+                                               std::string(text).c_str());
+                 },
+             .on_take_focus = [this](auto way) { return LeaveFocus(way); },
+             .on_accessibility_focus =
+                 [this](const auto&) {
+                   // GTK cannot name a node of another process, but the view.
+                   GrabFocus();
+                   return gtk_widget_has_focus(canvas_);
+                 },
+             .on_drop_operation = [this](auto op) { drops_.OnOperation(op); }}),
+      drops_(canvas_, &view_) {
   g_object_ref(canvas_);  // For as long as this object lives.
+  gtk_overlay_set_child(GTK_OVERLAY(overlay_), canvas_);
+  gtk_overlay_add_overlay(GTK_OVERLAY(overlay_), words_);
+  gtk_label_set_wrap(GTK_LABEL(words_), TRUE);
+  gtk_widget_set_can_target(words_, FALSE);
+  TellState();
 
   gtk_im_context_set_client_widget(input_method_, canvas_);
   gtk_im_context_set_use_preedit(input_method_, FALSE);
-  g_signal_connect(input_method_, "commit",
-                   G_CALLBACK(+[](GtkIMContext*, const char* text,
-                                  WebView* self) { self->OnCommit(text); }),
-                   this);
-
+  Connect<&WebView::OnCommit>(input_method_, "commit", this);
   GtkEventController* const events = gtk_event_controller_legacy_new();
-  g_signal_connect(events, "event",
-                   G_CALLBACK(+[](GtkEventController*, GdkEvent* event,
-                                  WebView* self) -> gboolean {
-                     return self->OnEvent(event);
-                   }),
-                   this);
-  gtk_widget_add_controller(canvas_, events);
-
   GtkEventController* const motion = gtk_event_controller_motion_new();
-  g_signal_connect(motion, "leave",
-                   G_CALLBACK(+[](GtkEventController*, WebView* self) {
-                     if (auto* pointer = self->view_.pointer())
-                       pointer->Leave({});
-                   }),
-                   this);
-  gtk_widget_add_controller(canvas_, motion);
-
   GtkEventController* const focus = gtk_event_controller_focus_new();
-  g_signal_connect(focus, "enter",
-                   G_CALLBACK(+[](GtkEventController*, WebView* self) {
-                     self->OnFocusIn();
-                   }),
-                   this);
-  g_signal_connect(focus, "leave",
-                   G_CALLBACK(+[](GtkEventController*, WebView* self) {
-                     self->OnFocusOut();
-                   }),
-                   this);
-  gtk_widget_add_controller(canvas_, focus);
-
-  g_signal_connect(canvas_, "map", G_CALLBACK(+[](GtkWidget*, WebView* self) {
-                     self->TellScale();
-                     self->view_.SetShown(true);
-                   }),
-                   this);
-  g_signal_connect(canvas_, "unmap", G_CALLBACK(+[](GtkWidget*, WebView* self) {
-                     self->view_.SetShown(false);
-                   }),
-                   this);
-  g_signal_connect(canvas_, "notify::scale-factor",
-                   G_CALLBACK(+[](GtkWidget*, GParamSpec*, WebView* self) {
-                     self->TellScale();
-                   }),
-                   this);
-  TellState();
+  Connect<&WebView::OnEvent>(events, "event", this);
+  Connect<&WebView::OnLeave>(motion, "leave", this);
+  Connect<&WebView::OnScroll>(scroll_, "scroll", this);
+  Connect<&WebView::OnScrollEnd>(scroll_, "scroll-end", this);
+  Connect<&WebView::OnFocusIn>(focus, "enter", this);
+  Connect<&WebView::OnFocusOut>(focus, "leave", this);
+  controllers_ = {events, motion, scroll_, focus};
+  for (GtkEventController* const controller : controllers_)
+    gtk_widget_add_controller(canvas_, controller);
+  Connect<&WebView::OnMapped>(canvas_, "map", this);
+  Connect<&WebView::OnUnmapped>(canvas_, "unmap", this);
+  Connect<&WebView::TellDisplay>(canvas_, "notify::scale-factor", this);
 }
 
 WebView::~WebView() {
-  popups_.CloseAll();
-  view_.Detach();
+  for (GtkEventController* const controller : controllers_)
+    gtk_widget_remove_controller(canvas_, controller);
   g_signal_handlers_disconnect_by_data(canvas_, this);
-  ForgetCanvas(canvas_);
-  g_clear_object(&texture_);
+  g_object_set_data(G_OBJECT(canvas_), "view", nullptr);
   g_object_unref(input_method_);
   g_object_unref(canvas_);
 }
 
-// The widget's process
-
-void WebView::OpenStreams(rpc::BrowserWidgetRpcClient& widget) {
-  streams_.clear();
-  streams_.push_back(widget.OnUpdateSurface(
-      browser_, [this](const rpc::UpdateSurfaceCall& call,
-                       orvane::Responder<rpc::UpdateSurface> responder) {
-        const absl::Status copied = picture_.Update(call.frame());
-        rpc::UpdateSurfaceResponse answer;
-        *answer.mutable_receipt() =
-            orvane::host::ReceiptFor(call.frame(), copied);
-        std::move(responder).Respond(answer).IgnoreError();
-        if (!copied.ok()) return;
-        g_clear_object(&texture_);
-        texture_ = NewTexture(picture_);
-        gtk_widget_queue_draw(canvas_);
-      }));
-  streams_.push_back(widget.WhenCursorChanged(
-      browser_,
-      [this](const rpc::CursorChanged& event) { ShowCursor(event.cursor()); }));
-  streams_.push_back(widget.WhenTooltipChanged(
-      browser_, [this](const rpc::TooltipChanged& event) {
-        // GTK delays it by itself.
-        const std::string text(event.text());
-        gtk_widget_set_tooltip_text(canvas_,
-                                    text.empty() ? nullptr : text.c_str());
-      }));
-  streams_.push_back(widget.OnShowDropdown(
-      browser_, [this](const rpc::ShowDropdownCall& call,
-                       orvane::Responder<rpc::ShowDropdown> responder) {
-        popups_.ShowList(call, std::move(responder));
-      }));
-  streams_.push_back(widget.WhenDropDownDeleted(
-      browser_, [this](const rpc::DropDownDeleted& event) {
-        popups_.CloseList(event.popup_id());
-      }));
-  streams_.push_back(widget.OnCreateWebDialog(
-      browser_, [this](const rpc::CreateWebDialogCall& call,
-                       orvane::Responder<rpc::CreateWebDialog> responder) {
-        popups_.ShowDialog(call, std::move(responder));
-      }));
-  streams_.push_back(widget.OnTakeFocus(
-      browser_, [this](const rpc::TakeFocusCall& call,
-                       orvane::Responder<rpc::TakeFocus> responder) {
-        TakeFocus(call, std::move(responder));
-      }));
-  on_connected_();
+void WebView::SetTitle(const std::string& title) {
+  gtk_accessible_update_property(GTK_ACCESSIBLE(canvas_),
+                                 GTK_ACCESSIBLE_PROPERTY_LABEL, title.c_str(),
+                                 -1);
 }
+
+void WebView::Detach() { view_.Detach(); }
+
+// What lies over the page
 
 void WebView::TellState() {
   const bool is_attached = view_.state() == ViewState::kAttached;
-  if (!is_attached) {
-    popups_.CloseAll();
-    ShowCursor({});
-    gtk_widget_set_tooltip_text(canvas_, nullptr);
-  }
-  const absl::Status& why = view_.status();
-  const std::string words =
-      is_attached ? ""
-      : why.ok()  ? "Waiting for the browser"
-                  : absl::StrCat("Waiting for the browser: ",
-                                 orvane::Printable(why.message()));
-  gtk_label_set_text(GTK_LABEL(status_), words.c_str());
-  gtk_widget_set_visible(status_, !is_attached);
+  if (!is_attached) popups_.CloseAll();
+  gtk_label_set_text(GTK_LABEL(words_), view_.StateText().c_str());
+  gtk_widget_set_visible(words_, !is_attached);
   gtk_widget_queue_draw(canvas_);
+}
+
+void WebView::ShowCursor(const rpc::Cursor& cursor) {
+  Picture picture;
+  if (!cursor.has_custom() || !picture.Update(cursor.custom().image()).ok()) {
+    gtk_widget_set_cursor_from_name(
+        canvas_, orvane::host::CursorName(cursor.type()).c_str());
+    return;
+  }
+  const rpc::PointPx& hotspot = cursor.custom().hotspot();
+  GdkCursor* const shown = gdk_cursor_new_from_texture(
+      NewTexture(picture).get(), hotspot.x(), hotspot.y(), nullptr);
+  gtk_widget_set_cursor(canvas_, shown);
+  g_object_unref(shown);
 }
 
 // The canvas
 
 void WebView::OnAllocated(int width, int height) {
-  rpc::RectDip bounds;
-  bounds.set_width(width);
-  bounds.set_height(height);
-  view_.SetBounds(bounds, std::nullopt);
+  view_.SetSize(width, height);
   popups_.Present();
 }
 
 void WebView::OnSnapshot(GtkSnapshot* snapshot) {
-  if (texture_ == nullptr) return;
-  const bool is_dimmed = view_.state() != ViewState::kAttached;
-  const double scale = picture_.scale_factor();
-  graphene_rect_t place;
-  graphene_rect_init(&place, 0, 0, static_cast<float>(picture_.width() / scale),
-                     static_cast<float>(picture_.height() / scale));
-  if (is_dimmed) gtk_snapshot_push_opacity(snapshot, kDimmed);
-  gtk_snapshot_append_texture(snapshot, texture_, &place);
-  if (is_dimmed) gtk_snapshot_pop(snapshot);
+  const double opacity = view_.state() == ViewState::kAttached ? 1 : kDimmed;
+  for (orvane::host::Scene::Item* const item : view_.scene().items()) {
+    if (item->drawable == nullptr) item->drawable = NewTexture(item->picture);
+    auto* const texture = static_cast<GdkTexture*>(item->drawable.get());
+    const graphene_rect_t place = RectangleOf(item->bounds);
+    const graphene_rect_t clip = RectangleOf(item->clip.value_or(item->bounds));
+    gtk_snapshot_push_clip(snapshot, &clip);
+    gtk_snapshot_push_opacity(snapshot, opacity * item->opacity);
+    gtk_snapshot_append_texture(snapshot, texture, &place);
+    gtk_snapshot_pop(snapshot);
+    gtk_snapshot_pop(snapshot);
+  }
 }
 
-void WebView::TellScale() {
-  const int scale = gtk_widget_get_scale_factor(canvas_);
-  rpc::Display display;
-  display.set_display_id(1);
-  display.set_scale_factor(scale);
+void WebView::OnMapped() {
+  TellDisplay();
+  view_.SetShown(true);
+}
+
+void WebView::OnUnmapped() { view_.SetShown(false); }
+
+void WebView::TellDisplay() {
   GtkNative* const native = gtk_widget_get_native(canvas_);
-  GdkSurface* const surface =
-      native == nullptr ? nullptr : gtk_native_get_surface(native);
-  if (surface != nullptr) {
-    GdkMonitor* const monitor = gdk_display_get_monitor_at_surface(
-        gdk_surface_get_display(surface), surface);
-    if (monitor != nullptr) {
-      GdkRectangle place;
-      gdk_monitor_get_geometry(monitor, &place);
-      display.mutable_bounds()->set_width(place.width);
-      display.mutable_bounds()->set_height(place.height);
-      display.mutable_pixel_bounds()->set_width(place.width * scale);
-      display.mutable_pixel_bounds()->set_height(place.height * scale);
-      *display.mutable_work_area() = display.bounds();
-    }
-  }
-  view_.SetDisplay(display);
-}
-
-// Input
-
-bool WebView::OnEvent(GdkEvent* event) {
-  switch (gdk_event_get_event_type(event)) {
-    case GDK_MOTION_NOTIFY:
-      if (auto* pointer = view_.pointer()) pointer->Move(SampleOf(event));
-      return false;  // Cursors and tooltips of GTK go on.
-    case GDK_BUTTON_PRESS:
-      OnButton(event, true);
-      return true;
-    case GDK_BUTTON_RELEASE:
-      OnButton(event, false);
-      return true;
-    case GDK_SCROLL:
-      OnScroll(event);
-      return true;
-    case GDK_KEY_PRESS:
-      return OnKey(event, true);
-    case GDK_KEY_RELEASE:
-      return OnKey(event, false);
-    case GDK_TOUCH_BEGIN:
-    case GDK_TOUCH_UPDATE:
-    case GDK_TOUCH_END:
-    case GDK_TOUCH_CANCEL:
-      OnTouch(event);
-      return true;
-    case GDK_GRAB_BROKEN:
-      if (auto* pointer = view_.pointer()) pointer->Cancel();
-      return false;
-    default:
-      return false;
-  }
-}
-
-PointerSample WebView::SampleOf(GdkEvent* event) const {
-  PointerSample sample;
-  sample.input = InputOf(event);
-  double x = NAN;
-  double y = NAN;
-  gdk_event_get_position(event, &x, &y);
-  // Relative to the surface; the window's own place in it, and then ours.
-  GtkNative* const native = gtk_widget_get_native(canvas_);
-  double left = 0;
-  double top = 0;
-  gtk_native_get_surface_transform(native, &left, &top);
-  gtk_widget_translate_coordinates(GTK_WIDGET(native), canvas_, x - left,
-                                   y - top, &x, &y);
-  sample.pointer.mutable_position()->set_x(x);
-  sample.pointer.mutable_position()->set_y(y);
-  *sample.pointer.mutable_screen_position() = sample.pointer.position();
-  sample.pointer.set_buttons(ButtonsOf(gdk_event_get_modifier_state(event)));
-  return sample;
-}
-
-void WebView::OnButton(GdkEvent* event, bool is_press) {
-  const rpc::MouseButton button = ButtonOf(gdk_button_event_get_button(event));
-  if (button == rpc::MOUSE_BUTTON_UNSPECIFIED) return;
-  if (is_press && !gtk_widget_has_focus(canvas_)) {
-    focus_reason_ = rpc::FOCUS_REASON_MOUSE;
-    gtk_widget_grab_focus(canvas_);
-  }
-  auto* const pointer = view_.pointer();
-  if (pointer == nullptr) return;
-  if (is_press) {
-    pointer->Press(SampleOf(event), button);
-  } else {
-    pointer->Release(SampleOf(event), button);
-  }
-}
-
-void WebView::OnScroll(GdkEvent* event) {
-  auto* const pointer = view_.pointer();
-  if (pointer == nullptr) return;
-  const PointerSample sample = SampleOf(event);
-  switch (gdk_scroll_event_get_direction(event)) {
-    case GDK_SCROLL_UP:
-      return pointer->TurnWheel(sample, 0, -1);
-    case GDK_SCROLL_DOWN:
-      return pointer->TurnWheel(sample, 0, 1);
-    case GDK_SCROLL_LEFT:
-      return pointer->TurnWheel(sample, -1, 0);
-    case GDK_SCROLL_RIGHT:
-      return pointer->TurnWheel(sample, 1, 0);
-    default:
-      break;
-  }
-  double dx = 0;
-  double dy = 0;
-  gdk_scroll_event_get_deltas(event, &dx, &dy);
-  if (gdk_scroll_event_get_unit(event) == GDK_SCROLL_UNIT_WHEEL) {
-    pointer->TurnWheel(sample, dx, dy);
-  } else {
-    pointer->Scroll(sample, dx, dy);
-    if (gdk_scroll_event_is_stop(event)) pointer->EndScroll(sample);
-  }
-}
-
-bool WebView::OnKey(GdkEvent* event, bool is_press) {
-  committed_.clear();
-  is_filtering_ = true;
-  const bool is_kept = gtk_im_context_filter_keypress(input_method_, event);
-  is_filtering_ = false;
-  auto* const keyboard = view_.keyboard();
-  if (keyboard == nullptr) return false;
-  auto* const pointer = view_.pointer();
-  if (is_press && pointer->is_page_dragging() &&
-      gdk_key_event_get_keyval(event) == GDK_KEY_Escape) {
-    pointer->Cancel();
-    return true;
-  }
-  KeySample sample;
-  sample.input = InputOf(event);
-  sample.native_key_code = gdk_key_event_get_keycode(event);
-  sample.keysym = gdk_key_event_get_keyval(event);
-  sample.character = gdk_keyval_to_unicode(sample.keysym);
-  guint unshifted = 0;
-  if (gdk_display_translate_key(
-          gdk_event_get_display(event), sample.native_key_code,
-          GdkModifierType{}, static_cast<int>(gdk_key_event_get_layout(event)),
-          &unshifted, nullptr, nullptr, nullptr)) {
-    sample.unshifted_character = gdk_keyval_to_unicode(unshifted);
-  }
-  if (is_press) {
-    keyboard->Press(sample, committed_, is_kept && committed_.empty());
-  } else {
-    keyboard->Release(sample);
-  }
-  return true;  // Tab too, which is the page's while it has the focus.
-}
-
-void WebView::OnCommit(const char* text) {
-  if (is_filtering_) {
-    committed_ += text;
-  } else if (auto* const keyboard = view_.keyboard()) {
-    keyboard->Commit({}, text);
-  }
-}
-
-void WebView::OnTouch(GdkEvent* event) {
-  auto* const touch = view_.touch();
-  if (touch == nullptr) return;
-  const PointerSample sample = SampleOf(event);
-  rpc::TouchPoint point;
-  *point.mutable_position() = sample.pointer.position();
-  *point.mutable_screen_position() = sample.pointer.position();
-  const auto contact =
-      reinterpret_cast<std::uintptr_t>(gdk_event_get_event_sequence(event));
-  switch (gdk_event_get_event_type(event)) {
-    case GDK_TOUCH_BEGIN:
-      return touch->Start(sample.input, contact, std::move(point));
-    case GDK_TOUCH_UPDATE:
-      return touch->Move(sample.input, contact, std::move(point));
-    case GDK_TOUCH_END:
-      return touch->End(sample.input, contact, std::move(point));
-    default:
-      return touch->Cancel(sample.input, contact);
-  }
+  GdkMonitor* const monitor =
+      native == nullptr
+          ? nullptr
+          : gdk_display_get_monitor_at_surface(gtk_widget_get_display(canvas_),
+                                               gtk_native_get_surface(native));
+  if (monitor == nullptr) return;
+  GdkRectangle place;
+  gdk_monitor_get_geometry(monitor, &place);
+  view_.SetDisplay(orvane::host::NewDisplay(
+      place.width, place.height, gtk_widget_get_scale_factor(canvas_)));
 }
 
 // The focus
 
+void WebView::GrabFocus() { gtk_widget_grab_focus(canvas_); }
+
 bool WebView::OnFocusMove(GtkDirectionType direction) {
-  // Tab leaves the page by OnTakeFocus, and then GTK looks further.
+  // Tab leaves the page by LeaveFocus, and then GTK looks further.
   if (gtk_widget_has_focus(canvas_)) return false;
-  focus_reason_ = direction == GTK_DIR_TAB_BACKWARD ? rpc::FOCUS_REASON_BACK_TAB
-                                                    : rpc::FOCUS_REASON_TAB;
+  view_.Focus(direction == GTK_DIR_TAB_BACKWARD ? rpc::FOCUS_REASON_BACK_TAB
+                                                : rpc::FOCUS_REASON_TAB);
   return gtk_widget_grab_focus(canvas_);
 }
 
+// Does nothing if the view has been told of a better reason.
 void WebView::OnFocusIn() {
   gtk_im_context_focus_in(input_method_);
-  view_.Focus(std::exchange(focus_reason_, rpc::FOCUS_REASON_WINDOW));
+  view_.Focus(rpc::FOCUS_REASON_WINDOW);
 }
 
 void WebView::OnFocusOut() {
@@ -461,40 +244,146 @@ void WebView::OnFocusOut() {
   view_.Unfocus();
 }
 
-void WebView::TakeFocus(const rpc::TakeFocusCall& call,
-                        orvane::Responder<rpc::TakeFocus> responder) {
-  GtkRoot* const root = gtk_widget_get_root(canvas_);
-  if (root != nullptr) {
-    gtk_widget_child_focus(GTK_WIDGET(root),
-                           call.direction() == rpc::FOCUS_DIRECTION_BACKWARD
-                               ? GTK_DIR_TAB_BACKWARD
-                               : GTK_DIR_TAB_FORWARD);
-  }
-  rpc::TakeFocusResponse answer;
-  answer.set_taken(!gtk_widget_has_focus(canvas_));
-  if (answer.taken()) view_.Unfocus();
-  std::move(responder).Respond(answer).IgnoreError();
+bool WebView::LeaveFocus(rpc::FocusDirection direction) {
+  gtk_widget_child_focus(GTK_WIDGET(gtk_widget_get_root(canvas_)),
+                         direction == rpc::FOCUS_DIRECTION_BACKWARD
+                             ? GTK_DIR_TAB_BACKWARD
+                             : GTK_DIR_TAB_FORWARD);
+  return !gtk_widget_has_focus(canvas_);
 }
 
-// What lies over the page
+// Input
 
-void WebView::ShowCursor(const rpc::Cursor& cursor) {
-  if (cursor.type() != rpc::CURSOR_TYPE_CUSTOM) {
-    gtk_widget_set_cursor_from_name(
-        canvas_, cursor.type() == rpc::CURSOR_TYPE_UNSPECIFIED
-                     ? "default"
-                     : CursorName(cursor.type()).c_str());
-    return;
+gboolean WebView::OnEvent(GdkEvent* event) {
+  const GdkEventType type = gdk_event_get_event_type(event);
+  if (type == GDK_BUTTON_PRESS || type == GDK_TOUCH_BEGIN) {
+    view_.Focus(rpc::FOCUS_REASON_MOUSE);
+    GrabFocus();
   }
-  Picture picture;
-  if (!picture.Update(cursor.custom().image()).ok()) return;
-  GdkTexture* const texture = NewTexture(picture);
-  GdkCursor* const shown =
-      gdk_cursor_new_from_texture(texture, cursor.custom().hotspot().x(),
-                                  cursor.custom().hotspot().y(), nullptr);
-  gtk_widget_set_cursor(canvas_, shown);
-  g_object_unref(shown);
-  g_object_unref(texture);
+  if (view_.state() != ViewState::kAttached) return FALSE;
+  switch (type) {
+    case GDK_MOTION_NOTIFY:
+      view_.pointer()->Move(SampleOf(event));
+      return FALSE;  // Cursors and tooltips of GTK go on.
+    case GDK_BUTTON_PRESS:
+      view_.pointer()->Press(SampleOf(event), ButtonOf(event));
+      return TRUE;
+    case GDK_BUTTON_RELEASE:
+      view_.pointer()->Release(SampleOf(event), ButtonOf(event));
+      return TRUE;
+    case GDK_GRAB_BROKEN:
+      view_.pointer()->Cancel();
+      return FALSE;
+    case GDK_KEY_PRESS:
+    case GDK_KEY_RELEASE:
+      return OnKey(event);
+    case GDK_TOUCH_BEGIN:
+    case GDK_TOUCH_UPDATE:
+    case GDK_TOUCH_END:
+    case GDK_TOUCH_CANCEL:
+      return OnTouch(event);
+    default:
+      return FALSE;
+  }
+}
+
+PointerSample WebView::SampleOf(GdkEvent* event) const {
+  // Events tell a place in the surface, in which the window has a place.
+  GtkNative* const native = gtk_widget_get_native(canvas_);
+  double x = NAN;
+  double y = NAN;
+  double left = 0;
+  double top = 0;
+  gdk_event_get_position(event, &x, &y);
+  gtk_native_get_surface_transform(native, &left, &top);
+  gtk_widget_translate_coordinates(GTK_WIDGET(native), canvas_, x - left,
+                                   y - top, &x, &y);
+  PointerSample sample;
+  sample.input = InputOf(event);
+  sample.pointer.mutable_position()->set_x(x);
+  sample.pointer.mutable_position()->set_y(y);
+  sample.pointer.set_buttons(
+      orvane::host::ButtonsOfX11State(gdk_event_get_modifier_state(event)));
+  return sample;
+}
+
+void WebView::OnLeave() {
+  if (auto* pointer = view_.pointer()) pointer->Leave({});
+}
+
+gboolean WebView::OnScroll(double dx, double dy) {
+  auto* const pointer = view_.pointer();
+  if (pointer == nullptr) return FALSE;
+  GdkEvent* const event = gtk_event_controller_get_current_event(scroll_);
+  if (gdk_scroll_event_get_unit(event) == GDK_SCROLL_UNIT_WHEEL) {
+    pointer->TurnWheel(SampleOf(event), dx, dy);
+  } else {
+    pointer->Scroll(SampleOf(event), dx, dy);
+  }
+  return TRUE;
+}
+
+void WebView::OnScrollEnd() {
+  if (auto* pointer = view_.pointer())
+    pointer->EndScroll(
+        SampleOf(gtk_event_controller_get_current_event(scroll_)));
+}
+
+gboolean WebView::OnKey(GdkEvent* event) {
+  const bool is_press = gdk_event_get_event_type(event) == GDK_KEY_PRESS;
+  committed_.emplace();
+  const bool is_kept = gtk_im_context_filter_keypress(input_method_, event);
+  const std::string text = *std::exchange(committed_, std::nullopt);
+  orvane::host::KeySample sample;
+  sample.input = InputOf(event);
+  sample.native_key_code = gdk_key_event_get_keycode(event);
+  sample.keysym = gdk_key_event_get_keyval(event);
+  sample.character = gdk_keyval_to_unicode(sample.keysym);
+  guint unshifted = 0;
+  gdk_display_translate_key(gdk_event_get_display(event),
+                            sample.native_key_code, GdkModifierType{},
+                            static_cast<int>(gdk_key_event_get_layout(event)),
+                            &unshifted, nullptr, nullptr, nullptr);
+  sample.unshifted_character = gdk_keyval_to_unicode(unshifted);
+  if (is_press && sample.keysym == GDK_KEY_Escape &&
+      view_.pointer()->is_page_dragging()) {
+    view_.pointer()->Cancel();
+  } else if (is_press) {
+    view_.keyboard()->Press(sample, text, is_kept && text.empty());
+  } else {
+    view_.keyboard()->Release(sample);
+  }
+  return TRUE;  // Tab too, which is the page's while it has the focus.
+}
+
+void WebView::OnCommit(const char* text) {
+  if (committed_.has_value()) {
+    *committed_ += text;
+  } else if (auto* const keyboard = view_.keyboard()) {
+    keyboard->Commit({}, text);
+  }
+}
+
+gboolean WebView::OnTouch(GdkEvent* event) {
+  const PointerSample sample = SampleOf(event);
+  rpc::TouchPoint point;
+  *point.mutable_position() = sample.pointer.position();
+  const auto contact =
+      reinterpret_cast<std::uintptr_t>(gdk_event_get_event_sequence(event));
+  switch (gdk_event_get_event_type(event)) {
+    case GDK_TOUCH_BEGIN:
+      view_.touch()->Start(sample.input, contact, std::move(point));
+      break;
+    case GDK_TOUCH_UPDATE:
+      view_.touch()->Move(sample.input, contact, std::move(point));
+      break;
+    case GDK_TOUCH_END:
+      view_.touch()->End(sample.input, contact, std::move(point));
+      break;
+    default:
+      view_.touch()->Cancel(sample.input, contact);
+  }
+  return TRUE;
 }
 
 }  // namespace gtk_host

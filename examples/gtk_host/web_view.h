@@ -6,14 +6,12 @@
 #include <gtk/gtk.h>
 
 #include <functional>
-#include <memory>
-#include <set>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "examples/gtk_host/drops.h"
 #include "examples/gtk_host/page_popups.h"
-#include "host/keyboard.h"
-#include "host/pixels.h"
-#include "host/pointer.h"
 #include "host/view.h"
 #include "orvane/client.h"
 #include "rpc/browser/browser_widget.client.h"
@@ -21,7 +19,9 @@
 namespace gtk_host {
 
 // Draws the page of a browser and passes input on to it. Says so in its place
-// while there is no widget, and comes back with the next one.
+// while there is no widget, and comes back with the next one. A browser that
+// another host has attached comes here: that host has died, or the user wants
+// it in this window.
 //
 // Thread: GTK's, which runs the loop.
 class WebView {
@@ -36,47 +36,50 @@ class WebView {
   // To be put into a window; owned by it.
   GtkWidget* widget() const { return overlay_; }
 
-  // What the canvas tells.
+  void GrabFocus();
+
+  // What screen readers call it.
+  void SetTitle(const std::string& title);
+
+  // Before the program ends, so that the browser may go into another window.
+  void Detach();
+
+  // For the widget's class.
   void OnAllocated(int width, int height);
   void OnSnapshot(GtkSnapshot* snapshot);
   bool OnFocusMove(GtkDirectionType direction);
 
  private:
-  void OpenStreams(rpc::BrowserWidgetRpcClient& widget);
-  void CloseStreams();
   void TellState();
-
-  bool OnEvent(GdkEvent* event);
-  void OnButton(GdkEvent* event, bool is_press);
-  void OnScroll(GdkEvent* event);
-  bool OnKey(GdkEvent* event, bool is_press);
-  void OnCommit(const char* text);
-  void OnTouch(GdkEvent* event);
+  void ShowCursor(const rpc::Cursor& cursor);
+  bool LeaveFocus(rpc::FocusDirection direction);
+  void OnMapped();
+  void OnUnmapped();
+  void TellDisplay();
   void OnFocusIn();
   void OnFocusOut();
-  void TellScale();
 
+  gboolean OnEvent(GdkEvent* event);
+  gboolean OnKey(GdkEvent* event);
+  void OnCommit(const char* text);
+  gboolean OnTouch(GdkEvent* event);
+  void OnLeave();
+  gboolean OnScroll(double dx, double dy);
+  void OnScrollEnd();
   orvane::host::PointerSample SampleOf(GdkEvent* event) const;
-  void ShowCursor(const rpc::Cursor& cursor);
-  void TakeFocus(const rpc::TakeFocusCall& call,
-                 orvane::Responder<rpc::TakeFocus> responder);
 
-  const BrowserId browser_;
-  const std::function<void()> on_connected_;
   GtkWidget* const canvas_;
   GtkWidget* const overlay_;
-  GtkWidget* const status_;  // What is wrong, over the dimmed picture.
+  GtkWidget* const words_;  // What is wrong, over the dimmed picture.
+  GtkEventController* const scroll_;
+  std::vector<GtkEventController*> controllers_;  // Of the canvas; all.
   GtkIMContext* const input_method_;
-
-  orvane::host::Picture picture_;
-  GdkTexture* texture_ = nullptr;  // Of the picture.
-  std::string committed_;          // By the input method, for the present key.
-  bool is_filtering_ = false;
-  rpc::FocusReason focus_reason_ = rpc::FOCUS_REASON_WINDOW;  // Of the next.
+  // What it has committed while it looks at the present key.
+  std::optional<std::string> committed_;
 
   PagePopups popups_;
-  std::vector<std::unique_ptr<orvane::ClientStream>> streams_;
   orvane::host::View view_;
+  Drops drops_;
 };
 
 }  // namespace gtk_host
