@@ -14,11 +14,13 @@ namespace orvane::host {
 // Whether the user may choose this line of a list.
 bool CanBeChosen(const rpc::DropDownItem& item);
 
+// The title for a dialog of any kind. It names the page, so that users do not
+// take its words for the window's.
+std::string DialogTitleOf(const rpc::CreateWebDialogCall& call);
+
 // A dialog with a text, one or two buttons, and perhaps a line to fill in.
 // Nothing in it is markup; toolkits that take labels for it must be told.
 struct Question {
-  // Names the page, so that users do not take its words for the window's.
-  std::string title;
   std::string message;                // "\n" separates lines. May be empty.
   std::string accept;                 // The label of the button that accepts.
   std::string decline;                // Empty: there is no such button.

@@ -30,7 +30,6 @@ TEST(PopupsTest, AnAlertCanOnlyBeAccepted) {
   call.mutable_alert()->set_message("Hello");
   const auto question = QuestionOf(call);
   ASSERT_TRUE(question.has_value());
-  EXPECT_EQ(question->title, "https://example.com says");
   EXPECT_EQ(question->message, "Hello");
   EXPECT_EQ(question->decline, "");
   EXPECT_FALSE(question->answer.has_value());
@@ -54,21 +53,40 @@ TEST(PopupsTest, APromptHasALineToFillIn) {
 TEST(PopupsTest, LeavingAndReloadingAreAskedInTheWindowsOwnWords) {
   auto call = DialogOf("https://example.com");
   call.mutable_before_unload();
-  EXPECT_EQ(QuestionOf(call)->title, "Leave this page?");
+  EXPECT_EQ(DialogTitleOf(call), "Leave this page?");
   EXPECT_EQ(QuestionOf(call)->accept, "Leave");
   call.mutable_before_unload()->set_is_reload(true);
-  EXPECT_EQ(QuestionOf(call)->title, "Reload this page?");
+  EXPECT_EQ(DialogTitleOf(call), "Reload this page?");
   EXPECT_EQ(QuestionOf(call)->accept, "Reload");
 }
 
 TEST(PopupsTest, ATitleSaysWhoseWordsTheseAre) {
-  auto call = DialogOf("null");
+  auto call = DialogOf("https://example.com");
   call.mutable_alert();
-  EXPECT_EQ(QuestionOf(call)->title, "This page says");
-  call.set_origin("https://ads.example");
+  EXPECT_EQ(DialogTitleOf(call), "https://example.com says");
+  call.set_origin("null");
+  EXPECT_EQ(DialogTitleOf(call), "This page says");
   call.set_is_embedded_cross_origin(true);
-  EXPECT_EQ(QuestionOf(call)->title,
+  EXPECT_EQ(DialogTitleOf(call), "A part of this page says");
+  call.set_origin("https://ads.example");
+  EXPECT_EQ(DialogTitleOf(call),
             "https://ads.example, a part of this page, says");
+}
+
+TEST(PopupsTest, ATitleSaysWhatThePageAsksFor) {
+  auto call = DialogOf("https://example.com");
+  call.mutable_color();
+  EXPECT_EQ(DialogTitleOf(call), "https://example.com asks for a colour");
+  call.mutable_file();
+  EXPECT_EQ(DialogTitleOf(call), "https://example.com asks for a file");
+  call.mutable_file()->set_mode(rpc::FILE_DIALOG_MODE_OPEN_MULTIPLE);
+  EXPECT_EQ(DialogTitleOf(call), "https://example.com asks for files");
+  call.mutable_file()->set_mode(rpc::FILE_DIALOG_MODE_OPEN_DIRECTORY);
+  EXPECT_EQ(DialogTitleOf(call), "https://example.com asks for a folder");
+  call.mutable_file()->set_mode(rpc::FILE_DIALOG_MODE_SAVE);
+  EXPECT_EQ(DialogTitleOf(call), "https://example.com saves a file");
+  call.mutable_file()->set_title("Export");
+  EXPECT_EQ(DialogTitleOf(call), "Export");
 }
 
 TEST(PopupsTest, FilesColoursAndUnknownDialogsAreNoQuestions) {

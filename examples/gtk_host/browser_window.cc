@@ -71,6 +71,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
                                          {"<Control>Page_Down"});
   AddAction<&BrowserWindow::ShowPreviousTab>(application, "previous-tab",
                                              {"<Control>Page_Up"});
+  gtk_widget_add_css_class(bar_, "toolbar");
   gtk_box_append(GTK_BOX(bar_),
                  NewButton("win.back", "go-previous-symbolic", "Back"));
   gtk_box_append(GTK_BOX(bar_),
@@ -172,9 +173,13 @@ bool BrowserWindow::OpenWindow(const rpc::OpenWindowCall& call) {
                    [](const auto& each) { return IsBlank(each->state); });
   if (blank == tabs_.end()) return true;
   (*blank)->page.Load(call.address());
-  gtk_notebook_set_current_page(notebook_,
-                                static_cast<int>(blank - tabs_.begin()));
+  ShowTab(static_cast<int>(blank - tabs_.begin()));
   return false;
+}
+
+void BrowserWindow::ShowTab(int index) {
+  gtk_notebook_set_current_page(notebook_, index);
+  tab().view.GrabFocus();
 }
 
 // What the user does
@@ -207,15 +212,12 @@ void BrowserWindow::ReloadOrStop() {
 void BrowserWindow::EnterAddress() { gtk_widget_grab_focus(address_); }
 
 void BrowserWindow::ShowNextTab() {
-  gtk_notebook_set_current_page(notebook_,
-                                (gtk_notebook_get_current_page(notebook_) + 1) %
-                                    static_cast<int>(tabs_.size()));
+  ShowTab((gtk_notebook_get_current_page(notebook_) + 1) % tab_count());
 }
 
 void BrowserWindow::ShowPreviousTab() {
-  // Before the first there is the last.
-  gtk_notebook_set_current_page(notebook_,
-                                gtk_notebook_get_current_page(notebook_) - 1);
+  ShowTab((gtk_notebook_get_current_page(notebook_) + tab_count() - 1) %
+          tab_count());
 }
 
 template <auto kFunction>

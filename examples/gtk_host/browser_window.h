@@ -53,11 +53,13 @@ class BrowserWindow {
     WebView view;
   };
 
-  Tab& tab();
+  Tab& tab();  // The one that is shown.
+  int tab_count() const { return static_cast<int>(tabs_.size()); }
   std::string TitleOf(const Tab& of) const;
   bool OpenWindow(const rpc::OpenWindowCall& call);
   void OnState(Tab& changed, const rpc::PageState* state);
   void Show();
+  void ShowTab(int index);
 
   void Load();
   void GoBack();

@@ -3,6 +3,8 @@
 #include <string>
 #include <utility>
 
+#include "absl/strings/str_cat.h"
+
 #include "examples/gtk_host/signals.h"
 #include "host/drop_target.h"
 #include "host/key.h"
@@ -24,7 +26,7 @@ GdkDragAction ActionOf(rpc::DragOperation operation) {
   return GdkDragAction{};
 }
 
-rpc::DragItem TextItem(const char* mime_type, const char* value) {
+rpc::DragItem TextItem(const char* mime_type, const std::string& value) {
   rpc::DragItem item;
   item.mutable_text()->set_mime_type(mime_type);
   item.mutable_text()->set_value(value);
@@ -104,20 +106,20 @@ void Drops::Add(const GValue& value) {
       items_.push_back(TextItem("text/plain", g_value_get_string(&value)));
     return;
   }
+  std::string links;
   GSList* const files = gdk_file_list_get_files(
       static_cast<GdkFileList*>(g_value_get_boxed(&value)));
   for (const GSList* file = files; file != nullptr; file = file->next) {
-    char* const path = g_file_get_path(G_FILE(file->data));
-    char* const uri = g_file_get_uri(G_FILE(file->data));
-    if (path != nullptr) {
+    if (const char* const path = g_file_peek_path(G_FILE(file->data))) {
       items_.emplace_back().mutable_file()->set_path(path);
     } else {
-      items_.push_back(TextItem("text/uri-list", uri));
+      char* const link = g_file_get_uri(G_FILE(file->data));
+      absl::StrAppend(&links, link, "\r\n");
+      g_free(link);
     }
-    g_free(path);
-    g_free(uri);
   }
   g_slist_free(files);
+  if (!links.empty()) items_.push_back(TextItem("text/uri-list", links));
 }
 
 GdkDragAction Drops::OnMotion(GdkDrop* drop, double x, double y) {

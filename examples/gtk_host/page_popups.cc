@@ -29,9 +29,10 @@ GtkWidget* NewRow(const rpc::DropDownItem& item) {
                 "xalign", 0.0, "margin-start",
                 item.has_group_index() ? kIndent : 0, nullptr));
   const gboolean can_be_chosen = orvane::host::CanBeChosen(item);
-  auto* const row = GTK_WIDGET(g_object_new(
-      GTK_TYPE_LIST_BOX_ROW, "child", line, "selectable", can_be_chosen,
-      "activatable", can_be_chosen, "sensitive", can_be_chosen, nullptr));
+  gtk_widget_set_sensitive(line, can_be_chosen);
+  auto* const row = GTK_WIDGET(
+      g_object_new(GTK_TYPE_LIST_BOX_ROW, "child", line, "selectable",
+                   can_be_chosen, "activatable", can_be_chosen, nullptr));
   if (!item.tooltip().empty())
     gtk_widget_set_tooltip_text(row, std::string(item.tooltip()).c_str());
   return row;
@@ -199,6 +200,7 @@ void PagePopups::Present() {
 void PagePopups::ShowDialog(const rpc::CreateWebDialogCall& call,
                             orvane::Responder<rpc::CreateWebDialog> responder) {
   const auto question = orvane::host::QuestionOf(call);
+  const std::string title = orvane::host::DialogTitleOf(call);
   const bool is_known =
       question.has_value() || call.has_file() || call.has_color();
   if (dialog_.has_value() || !is_known) {
@@ -209,12 +211,14 @@ void PagePopups::ShowDialog(const rpc::CreateWebDialogCall& call,
   if (call.has_file()) {
     GtkNativeDialog* const chooser = NewFileChooser(call.file());
     dialog_->shown = G_OBJECT(chooser);
+    gtk_native_dialog_set_title(chooser, title.c_str());
     gtk_native_dialog_show(chooser);
   } else {
     GtkWidget* const dialog = question.has_value()
                                   ? NewQuestion(*question)
                                   : NewColorChooser(call.color());
     dialog_->shown = G_OBJECT(dialog);
+    gtk_window_set_title(GTK_WINDOW(dialog), title.c_str());
     gtk_window_present(GTK_WINDOW(dialog));
   }
   Connect<&PagePopups::OnResponse>(dialog_->shown, "response", this);
@@ -223,11 +227,7 @@ void PagePopups::ShowDialog(const rpc::CreateWebDialogCall& call,
 GtkWidget* PagePopups::NewQuestion(const orvane::host::Question& question) {
   GtkWidget* const dialog =
       gtk_message_dialog_new(window(), GTK_DIALOG_MODAL, GTK_MESSAGE_OTHER,
-                             GTK_BUTTONS_NONE, "%s", question.title.c_str());
-  auto* const message = GTK_MESSAGE_DIALOG(dialog);
-  gtk_window_set_title(GTK_WINDOW(dialog), question.title.c_str());
-  gtk_message_dialog_format_secondary_text(message, "%s",
-                                           question.message.c_str());
+                             GTK_BUTTONS_NONE, "%s", question.message.c_str());
   if (!question.decline.empty()) {
     gtk_dialog_add_button(GTK_DIALOG(dialog), question.decline.c_str(),
                           GTK_RESPONSE_CANCEL);
@@ -252,10 +252,8 @@ GtkNativeDialog* PagePopups::NewFileChooser(const rpc::FileDialog& file) {
     action = GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER;
   if (file.mode() == rpc::FILE_DIALOG_MODE_SAVE)
     action = GTK_FILE_CHOOSER_ACTION_SAVE;
-  const std::string title(file.title());
   GtkFileChooserNative* const native =
-      gtk_file_chooser_native_new(title.empty() ? nullptr : title.c_str(),
-                                  window(), action, nullptr, nullptr);
+      gtk_file_chooser_native_new(nullptr, window(), action, nullptr, nullptr);
   auto* const chooser = GTK_FILE_CHOOSER(native);
   gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(native), TRUE);
   gtk_file_chooser_set_select_multiple(

@@ -1,11 +1,11 @@
 #include "examples/gtk_host/web_view.h"
 
-#include <cmath>
+#include <memory>
 #include <utility>
 
+#include "examples/gtk_host/events.h"
 #include "examples/gtk_host/signals.h"
 #include "host/cursor.h"
-#include "host/key.h"
 
 namespace gtk_host {
 namespace {
@@ -15,7 +15,6 @@ using orvane::host::PointerSample;
 using orvane::host::ViewState;
 
 constexpr double kDimmed = 0.4;
-constexpr std::int64_t kNsPerMs = 1'000'000;
 
 // GTK asks the class of a widget for its size and for what to draw.
 WebView* ViewOf(GtkWidget* canvas) {
@@ -48,18 +47,6 @@ GtkWidget* NewCanvas(WebView* view) {
   return canvas;
 }
 
-rpc::MouseButton ButtonOf(GdkEvent* event) {
-  return orvane::host::ButtonOfX11(gdk_button_event_get_button(event));
-}
-
-rpc::InputInfo InputOf(GdkEvent* event) {
-  rpc::InputInfo input;
-  input.set_time_ns(gdk_event_get_time(event) * kNsPerMs);
-  input.set_modifiers(
-      orvane::host::ModifiersOfX11State(gdk_event_get_modifier_state(event)));
-  return input;
-}
-
 graphene_rect_t RectangleOf(const rpc::RectDip& rect) {
   return GRAPHENE_RECT_INIT(
       static_cast<float>(rect.x()), static_cast<float>(rect.y()),
@@ -83,6 +70,7 @@ WebView::WebView(orvane::EventLoop* loop, const std::string& socket,
     : canvas_(NewCanvas(this)),
       overlay_(gtk_overlay_new()),
       words_(gtk_label_new(nullptr)),
+      motion_(gtk_event_controller_motion_new()),
       scroll_(gtk_event_controller_scroll_new(
           GTK_EVENT_CONTROLLER_SCROLL_BOTH_AXES)),
       input_method_(gtk_im_multicontext_new()),
@@ -121,15 +109,14 @@ WebView::WebView(orvane::EventLoop* loop, const std::string& socket,
   gtk_im_context_set_use_preedit(input_method_, FALSE);
   Connect<&WebView::OnCommit>(input_method_, "commit", this);
   GtkEventController* const events = gtk_event_controller_legacy_new();
-  GtkEventController* const motion = gtk_event_controller_motion_new();
   GtkEventController* const focus = gtk_event_controller_focus_new();
   Connect<&WebView::OnEvent>(events, "event", this);
-  Connect<&WebView::OnLeave>(motion, "leave", this);
+  Connect<&WebView::OnLeave>(motion_, "leave", this);
   Connect<&WebView::OnScroll>(scroll_, "scroll", this);
   Connect<&WebView::OnScrollEnd>(scroll_, "scroll-end", this);
   Connect<&WebView::OnFocusIn>(focus, "enter", this);
   Connect<&WebView::OnFocusOut>(focus, "leave", this);
-  controllers_ = {events, motion, scroll_, focus};
+  controllers_ = {events, motion_, scroll_, focus};
   for (GtkEventController* const controller : controllers_)
     gtk_widget_add_controller(canvas_, controller);
   Connect<&WebView::OnMapped>(canvas_, "map", this);
@@ -263,13 +250,14 @@ gboolean WebView::OnEvent(GdkEvent* event) {
   if (view_.state() != ViewState::kAttached) return FALSE;
   switch (type) {
     case GDK_MOTION_NOTIFY:
-      view_.pointer()->Move(SampleOf(event));
+      view_.pointer()->Move(PointerSampleOf(event, canvas_));
       return FALSE;  // Cursors and tooltips of GTK go on.
     case GDK_BUTTON_PRESS:
-      view_.pointer()->Press(SampleOf(event), ButtonOf(event));
+      view_.pointer()->Press(PointerSampleOf(event, canvas_), ButtonOf(event));
       return TRUE;
     case GDK_BUTTON_RELEASE:
-      view_.pointer()->Release(SampleOf(event), ButtonOf(event));
+      view_.pointer()->Release(PointerSampleOf(event, canvas_),
+                               ButtonOf(event));
       return TRUE;
     case GDK_GRAB_BROKEN:
       view_.pointer()->Cancel();
@@ -287,28 +275,10 @@ gboolean WebView::OnEvent(GdkEvent* event) {
   }
 }
 
-PointerSample WebView::SampleOf(GdkEvent* event) const {
-  // Events tell a place in the surface, in which the window has a place.
-  GtkNative* const native = gtk_widget_get_native(canvas_);
-  double x = NAN;
-  double y = NAN;
-  double left = 0;
-  double top = 0;
-  gdk_event_get_position(event, &x, &y);
-  gtk_native_get_surface_transform(native, &left, &top);
-  gtk_widget_translate_coordinates(GTK_WIDGET(native), canvas_, x - left,
-                                   y - top, &x, &y);
-  PointerSample sample;
-  sample.input = InputOf(event);
-  sample.pointer.mutable_position()->set_x(x);
-  sample.pointer.mutable_position()->set_y(y);
-  sample.pointer.set_buttons(
-      orvane::host::ButtonsOfX11State(gdk_event_get_modifier_state(event)));
-  return sample;
-}
-
 void WebView::OnLeave() {
-  if (auto* pointer = view_.pointer()) pointer->Leave({});
+  GdkEvent* const event = gtk_event_controller_get_current_event(motion_);
+  if (auto* pointer = view_.pointer(); pointer != nullptr && event != nullptr)
+    pointer->Leave(PointerSampleOf(event, canvas_));
 }
 
 gboolean WebView::OnScroll(double dx, double dy) {
@@ -316,17 +286,17 @@ gboolean WebView::OnScroll(double dx, double dy) {
   if (pointer == nullptr) return FALSE;
   GdkEvent* const event = gtk_event_controller_get_current_event(scroll_);
   if (gdk_scroll_event_get_unit(event) == GDK_SCROLL_UNIT_WHEEL) {
-    pointer->TurnWheel(SampleOf(event), dx, dy);
+    pointer->TurnWheel(PointerSampleOf(event, canvas_), dx, dy);
   } else {
-    pointer->Scroll(SampleOf(event), dx, dy);
+    pointer->Scroll(PointerSampleOf(event, canvas_), dx, dy);
   }
   return TRUE;
 }
 
 void WebView::OnScrollEnd() {
   if (auto* pointer = view_.pointer())
-    pointer->EndScroll(
-        SampleOf(gtk_event_controller_get_current_event(scroll_)));
+    pointer->EndScroll(PointerSampleOf(
+        gtk_event_controller_get_current_event(scroll_), canvas_));
 }
 
 gboolean WebView::OnKey(GdkEvent* event) {
@@ -334,17 +304,7 @@ gboolean WebView::OnKey(GdkEvent* event) {
   committed_.emplace();
   const bool is_kept = gtk_im_context_filter_keypress(input_method_, event);
   const std::string text = *std::exchange(committed_, std::nullopt);
-  orvane::host::KeySample sample;
-  sample.input = InputOf(event);
-  sample.native_key_code = gdk_key_event_get_keycode(event);
-  sample.keysym = gdk_key_event_get_keyval(event);
-  sample.character = gdk_keyval_to_unicode(sample.keysym);
-  guint unshifted = 0;
-  gdk_display_translate_key(gdk_event_get_display(event),
-                            sample.native_key_code, GdkModifierType{},
-                            static_cast<int>(gdk_key_event_get_layout(event)),
-                            &unshifted, nullptr, nullptr, nullptr);
-  sample.unshifted_character = gdk_keyval_to_unicode(unshifted);
+  const orvane::host::KeySample sample = KeySampleOf(event);
   if (is_press && sample.keysym == GDK_KEY_Escape &&
       view_.pointer()->is_page_dragging()) {
     view_.pointer()->Cancel();
@@ -365,7 +325,7 @@ void WebView::OnCommit(const char* text) {
 }
 
 gboolean WebView::OnTouch(GdkEvent* event) {
-  const PointerSample sample = SampleOf(event);
+  const PointerSample sample = PointerSampleOf(event, canvas_);
   rpc::TouchPoint point;
   *point.mutable_position() = sample.pointer.position();
   const auto contact =

@@ -66,11 +66,11 @@ class WebView {
   void OnLeave();
   gboolean OnScroll(double dx, double dy);
   void OnScrollEnd();
-  orvane::host::PointerSample SampleOf(GdkEvent* event) const;
 
   GtkWidget* const canvas_;
   GtkWidget* const overlay_;
   GtkWidget* const words_;  // What is wrong, over the dimmed picture.
+  GtkEventController* const motion_;
   GtkEventController* const scroll_;
   std::vector<GtkEventController*> controllers_;  // Of the canvas; all.
   GtkIMContext* const input_method_;
