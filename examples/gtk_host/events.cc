@@ -39,6 +39,15 @@ orvane::host::PointerSample PointerSampleOf(GdkEvent* event,
   return sample;
 }
 
+orvane::host::PointerSample PointerSampleOf(GtkEventController* controller) {
+  GdkEvent* const event = gtk_event_controller_get_current_event(controller);
+  if (event != nullptr)
+    return PointerSampleOf(event, gtk_event_controller_get_widget(controller));
+  orvane::host::PointerSample sample;
+  sample.pointer.mutable_position()->set_x(NAN);
+  return sample;
+}
+
 rpc::MouseButton ButtonOf(GdkEvent* event) {
   return orvane::host::ButtonOfX11(gdk_button_event_get_button(event));
 }

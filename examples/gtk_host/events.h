@@ -15,6 +15,10 @@ namespace gtk_host {
 // in the widget.
 orvane::host::PointerSample PointerSampleOf(GdkEvent* event, GtkWidget* widget);
 
+// Of the event that the controller handles, in its widget. Without position if
+// there is none, as when the widget disappears.
+orvane::host::PointerSample PointerSampleOf(GtkEventController* controller);
+
 // Of a press or a release.
 rpc::MouseButton ButtonOf(GdkEvent* event);
 orvane::host::KeySample KeySampleOf(GdkEvent* event);

@@ -1,6 +1,5 @@
 #include "examples/gtk_host/web_view.h"
 
-#include <memory>
 #include <utility>
 
 #include "examples/gtk_host/events.h"
@@ -11,7 +10,6 @@ namespace gtk_host {
 namespace {
 
 using orvane::host::Picture;
-using orvane::host::PointerSample;
 using orvane::host::ViewState;
 
 constexpr double kDimmed = 0.4;
@@ -68,6 +66,7 @@ std::shared_ptr<GdkTexture> NewTexture(const Picture& picture) {
 WebView::WebView(orvane::EventLoop* loop, const std::string& socket,
                  const BrowserId& browser, std::function<void()> on_connected)
     : canvas_(NewCanvas(this)),
+      canvas_reference_(g_object_ref_sink(canvas_), g_object_unref),
       overlay_(gtk_overlay_new()),
       words_(gtk_label_new(nullptr)),
       motion_(gtk_event_controller_motion_new()),
@@ -98,7 +97,6 @@ WebView::WebView(orvane::EventLoop* loop, const std::string& socket,
                  },
              .on_drop_operation = [this](auto op) { drops_.OnOperation(op); }}),
       drops_(canvas_, &view_) {
-  g_object_ref(canvas_);  // For as long as this object lives.
   gtk_overlay_set_child(GTK_OVERLAY(overlay_), canvas_);
   gtk_overlay_add_overlay(GTK_OVERLAY(overlay_), words_);
   gtk_label_set_wrap(GTK_LABEL(words_), TRUE);
@@ -119,8 +117,8 @@ WebView::WebView(orvane::EventLoop* loop, const std::string& socket,
   controllers_ = {events, motion_, scroll_, focus};
   for (GtkEventController* const controller : controllers_)
     gtk_widget_add_controller(canvas_, controller);
-  Connect<&WebView::OnMapped>(canvas_, "map", this);
-  Connect<&WebView::OnUnmapped>(canvas_, "unmap", this);
+  Connect<&WebView::TellShown>(canvas_, "map", this);
+  Connect<&WebView::TellShown>(canvas_, "unmap", this);
   Connect<&WebView::TellDisplay>(canvas_, "notify::scale-factor", this);
 }
 
@@ -130,7 +128,6 @@ WebView::~WebView() {
   g_signal_handlers_disconnect_by_data(canvas_, this);
   g_object_set_data(G_OBJECT(canvas_), "view", nullptr);
   g_object_unref(input_method_);
-  g_object_unref(canvas_);
 }
 
 void WebView::SetTitle(const std::string& title) {
@@ -153,14 +150,13 @@ void WebView::TellState() {
 
 void WebView::ShowCursor(const rpc::Cursor& cursor) {
   Picture picture;
-  if (!cursor.has_custom() || !picture.Update(cursor.custom().image()).ok()) {
-    gtk_widget_set_cursor_from_name(
-        canvas_, orvane::host::CursorName(cursor.type()).c_str());
-    return;
-  }
   const rpc::PointPx& hotspot = cursor.custom().hotspot();
-  GdkCursor* const shown = gdk_cursor_new_from_texture(
-      NewTexture(picture).get(), hotspot.x(), hotspot.y(), nullptr);
+  const std::string name = orvane::host::CursorName(cursor.type());
+  GdkCursor* const shown =
+      cursor.has_custom() && picture.Update(cursor.custom().image()).ok()
+          ? gdk_cursor_new_from_texture(NewTexture(picture).get(), hotspot.x(),
+                                        hotspot.y(), nullptr)
+          : gdk_cursor_new_from_name(name.c_str(), nullptr);
   gtk_widget_set_cursor(canvas_, shown);
   g_object_unref(shown);
 }
@@ -187,20 +183,16 @@ void WebView::OnSnapshot(GtkSnapshot* snapshot) {
   }
 }
 
-void WebView::OnMapped() {
+void WebView::TellShown() {
   TellDisplay();
-  view_.SetShown(true);
+  view_.SetShown(gtk_widget_get_mapped(canvas_));
 }
 
-void WebView::OnUnmapped() { view_.SetShown(false); }
-
 void WebView::TellDisplay() {
-  GtkNative* const native = gtk_widget_get_native(canvas_);
-  GdkMonitor* const monitor =
-      native == nullptr
-          ? nullptr
-          : gdk_display_get_monitor_at_surface(gtk_widget_get_display(canvas_),
-                                               gtk_native_get_surface(native));
+  if (!gtk_widget_get_mapped(canvas_)) return;  // On no display yet.
+  GdkMonitor* const monitor = gdk_display_get_monitor_at_surface(
+      gtk_widget_get_display(canvas_),
+      gtk_native_get_surface(gtk_widget_get_native(canvas_)));
   if (monitor == nullptr) return;
   GdkRectangle place;
   gdk_monitor_get_geometry(monitor, &place);
@@ -276,9 +268,7 @@ gboolean WebView::OnEvent(GdkEvent* event) {
 }
 
 void WebView::OnLeave() {
-  GdkEvent* const event = gtk_event_controller_get_current_event(motion_);
-  if (auto* pointer = view_.pointer(); pointer != nullptr && event != nullptr)
-    pointer->Leave(PointerSampleOf(event, canvas_));
+  if (auto* pointer = view_.pointer()) pointer->Leave(PointerSampleOf(motion_));
 }
 
 gboolean WebView::OnScroll(double dx, double dy) {
@@ -286,17 +276,16 @@ gboolean WebView::OnScroll(double dx, double dy) {
   if (pointer == nullptr) return FALSE;
   GdkEvent* const event = gtk_event_controller_get_current_event(scroll_);
   if (gdk_scroll_event_get_unit(event) == GDK_SCROLL_UNIT_WHEEL) {
-    pointer->TurnWheel(PointerSampleOf(event, canvas_), dx, dy);
+    pointer->TurnWheel(PointerSampleOf(scroll_), dx, dy);
   } else {
-    pointer->Scroll(PointerSampleOf(event, canvas_), dx, dy);
+    pointer->Scroll(PointerSampleOf(scroll_), dx, dy);
   }
   return TRUE;
 }
 
 void WebView::OnScrollEnd() {
   if (auto* pointer = view_.pointer())
-    pointer->EndScroll(PointerSampleOf(
-        gtk_event_controller_get_current_event(scroll_), canvas_));
+    pointer->EndScroll(PointerSampleOf(scroll_));
 }
 
 gboolean WebView::OnKey(GdkEvent* event) {
@@ -325,7 +314,7 @@ void WebView::OnCommit(const char* text) {
 }
 
 gboolean WebView::OnTouch(GdkEvent* event) {
-  const PointerSample sample = PointerSampleOf(event, canvas_);
+  const auto sample = PointerSampleOf(event, canvas_);
   rpc::TouchPoint point;
   *point.mutable_position() = sample.pointer.position();
   const auto contact =

@@ -6,6 +6,7 @@
 #include <gtk/gtk.h>
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -53,8 +54,7 @@ class WebView {
   void TellState();
   void ShowCursor(const rpc::Cursor& cursor);
   bool LeaveFocus(rpc::FocusDirection direction);
-  void OnMapped();
-  void OnUnmapped();
+  void TellShown();
   void TellDisplay();
   void OnFocusIn();
   void OnFocusOut();
@@ -68,6 +68,7 @@ class WebView {
   void OnScrollEnd();
 
   GtkWidget* const canvas_;
+  const std::shared_ptr<void> canvas_reference_;  // As long as this object.
   GtkWidget* const overlay_;
   GtkWidget* const words_;  // What is wrong, over the dimmed picture.
   GtkEventController* const motion_;
