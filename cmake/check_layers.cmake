@@ -72,7 +72,7 @@ allow(gen/${rpc}/proto/rpc/browser "${generated}" "${contracts}" "${protos}"
       "${rpc}/stream/[a-z_]+\\.h" "${rpc}/transport/typed_client\\.h")
 
 # Above the generated client, and without any toolkit.
-allow(host "host/[a-z_]+\\.h" "rpc/browser/browser_widget\\.client\\.h" "${contracts}" "${protos}"
+allow(host "host/[a-z_]+\\.h" "rpc/browser/[a-z_]+\\.client\\.h" "${contracts}" "${protos}"
       ${client_api})
 
 # Programs, which include only public headers of the runtime; their tests may
@@ -81,6 +81,7 @@ allow(engines/chromium "engines/chromium/[a-z_]+\\.h" "host/[a-z_]+\\.h" "exampl
 allow(examples "host/[a-z_]+\\.h" "${rpc}/main_loops/[a-z_]+\\.h" ${api})
 allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples/host "examples/host/[a-z_]+\\.h" "host/[a-z_]+\\.h" ${api})
+allow(examples/gtk_host "examples/gtk_host/[a-z_]+\\.h" "host/[a-z_]+\\.h" "${rpc}/main_loops/[a-z_]+\\.h" ${api})
 allow(examples/stranger ${api})
 allow(packaging/tests/subproject.project ${api})
 allow(examples/main_loops "${rpc}/main_loops/[a-z_]+\\.h" ${api})

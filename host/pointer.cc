@@ -7,6 +7,7 @@
 
 #include "absl/status/statusor.h"
 
+#include "host/cursor.h"
 #include "host/finite.h"
 
 namespace orvane::host {
@@ -72,9 +73,43 @@ std::int32_t TakeWholeUnits(double& turned) {
 
 }  // namespace
 
-Pointer::Pointer(InputCalls* calls, PointerOptions options)
+rpc::MouseButton ButtonOfX11(std::uint32_t number) {
+  switch (number) {
+    case 1:
+      return rpc::MOUSE_BUTTON_PRIMARY;
+    case 2:
+      return rpc::MOUSE_BUTTON_AUXILIARY;
+    case 3:
+      return rpc::MOUSE_BUTTON_SECONDARY;
+    case 8:
+      return rpc::MOUSE_BUTTON_BACK;
+    case 9:
+      return rpc::MOUSE_BUTTON_FORWARD;
+    default:
+      return rpc::MOUSE_BUTTON_UNSPECIFIED;
+  }
+}
+
+std::uint32_t ButtonsOfX11State(std::uint32_t state) {
+  constexpr std::uint32_t kFirst = 1 << 8;  // Button1Mask
+  std::uint32_t buttons = 0;
+  for (std::uint32_t number = 1; number <= 3; ++number) {
+    if ((state & kFirst << (number - 1)) != 0)
+      buttons |= kFlags[IndexOf(ButtonOfX11(number))];
+  }
+  return buttons;
+}
+
+Pointer::Pointer(InputCalls* calls, PointerOptions options, OnCursor on_cursor)
     : calls_(calls),
       options_(options),
+      on_cursor_(std::move(on_cursor)),
+      cursor_events_(calls->client().WhenCursorChanged(
+          calls->browser(),
+          [this](const rpc::CursorChanged& event) {
+            page_cursor_ = event.cursor();
+            if (phase_ != Phase::kPageDrag) ShowCursor();
+          })),
       drag_events_(calls->client().WhenDragCursorUpdated(
           calls->browser(), [this](const rpc::DragCursorUpdated& event) {
             OnDragCursorUpdated(event);
@@ -219,12 +254,14 @@ void Pointer::Cancel() {
     while (held_ != 0) SendRelease(LowestOf(held_), 0);
     SendExit();
   }
+  const bool was_page_dragging = is_page_dragging();
   if (down_ != 0) {
     phase_ = Phase::kSwallow;
   } else {
     phase_ = Phase::kMouse;
     is_inside_ = false;
   }
+  if (was_page_dragging) ShowCursor();
 }
 
 // Where the pointer is --------------------------------------------------------
@@ -269,6 +306,7 @@ void Pointer::EnterNow() {
     auto enter = NewDrag<rpc::DragEnterRequest>();
     enter.set_allowed_operations(kAllOperations);
     calls_->Send(&Client::ForwardDragEnter, std::move(enter));
+    ShowCursor();
   }
 }
 
@@ -281,6 +319,8 @@ void Pointer::LeaveNow() {
     rpc::DragLeaveRequest leave;
     *leave.mutable_input() = latest_.input;
     calls_->Send(&Client::ForwardDragLeave, std::move(leave));
+    drag_cursor_ = CursorOf(rpc::DragCursorUpdated());
+    ShowCursor();
   }
 }
 
@@ -311,6 +351,7 @@ void Pointer::ReleaseNow(std::uint32_t flag, Drop drop) {
       EndPageDrag(drop);
       phase_ = down_ != 0 ? Phase::kSwallow : Phase::kMouse;
       if (phase_ == Phase::kMouse) SettleAfterButtons();
+      ShowCursor();
       break;
     case Phase::kSwallow:
       if (down_ != 0) break;
@@ -365,6 +406,8 @@ void Pointer::OnDragCursorUpdated(const rpc::DragCursorUpdated& event) {
   if (!event.began_in_page() || unanswered_ends_ > 0) return;
   if (phase_ == Phase::kPageDrag) {
     operation_ = event.operation();
+    drag_cursor_ = CursorOf(event);
+    ShowCursor();
     return;
   }
   const bool is_too_late = phase_ == Phase::kSwallow || held_ == 0;
@@ -373,6 +416,8 @@ void Pointer::OnDragCursorUpdated(const rpc::DragCursorUpdated& event) {
     ++drag_;
     drag_button_ = LowestOf(held_);
     operation_ = event.operation();
+    drag_cursor_ = CursorOf(event);
+    ShowCursor();
     if (is_inside_) return;
     operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
   }
@@ -390,6 +435,7 @@ void Pointer::OnDragOverAnswered(bool is_ok, std::uint64_t drag) {
   phase_ = Phase::kMouse;
   while (const std::uint32_t released = LowestOf(held_ & ~down_))
     SendRelease(released, 0);
+  ShowCursor();
 }
 
 void Pointer::EndPageDrag(Drop drop) {
@@ -408,6 +454,10 @@ void Pointer::EndPageDrag(Drop drop) {
   SendDragEnd(operation);
   held_ &= ~drag_button_;  // The end counts as its release.
   while (held_ != 0) SendRelease(LowestOf(held_), 0);
+}
+
+void Pointer::ShowCursor() {
+  if (on_cursor_) on_cursor_(is_page_dragging() ? drag_cursor_ : page_cursor_);
 }
 
 // Calls -----------------------------------------------------------------------

@@ -9,9 +9,11 @@
 #include <memory>
 #include <optional>
 
+#include "absl/functional/any_invocable.h"
 #include "absl/time/time.h"
 
 #include "host/input_calls.h"
+#include "rpc/browser/cursor.pb.h"
 #include "rpc/browser/drag.pb.h"
 #include "rpc/browser/geometry.pb.h"
 #include "rpc/browser/input.pb.h"
@@ -20,6 +22,14 @@
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 
 namespace orvane::host {
+
+// The button that X11 and GDK know by a number. UNSPECIFIED for those that
+// stand for a wheel, and for buttons that pages do not know.
+rpc::MouseButton ButtonOfX11(std::uint32_t number);
+
+// The sum of MouseButtonFlags for the state of an X11 event or a
+// GdkModifierType, which do not tell back and forward.
+std::uint32_t ButtonsOfX11State(std::uint32_t state);
 
 // What a toolkit tells with each event.
 struct PointerSample {
@@ -72,8 +82,14 @@ struct PointerOptions {
 // is destroyed sends nothing; call Cancel before if the browser lives on.
 class Pointer {
  public:
-  // Watches the browser's drags, so make it before Attach.
-  explicit Pointer(InputCalls* calls, PointerOptions options = {});
+  using OnCursor = absl::AnyInvocable<void(const rpc::Cursor&)>;
+
+  // Watches the browser's cursor and its drags, so make it before Attach.
+  // `on_cursor` runs when the cursor over the view is to look otherwise: as the
+  // page says, or as its drag does while there is one. It must not call this
+  // object.
+  explicit Pointer(InputCalls* calls, PointerOptions options = {},
+                   OnCursor on_cursor = nullptr);
   Pointer(const Pointer&) = delete;
   Pointer& operator=(const Pointer&) = delete;
 
@@ -150,6 +166,7 @@ class Pointer {
   void OnDragCursorUpdated(const rpc::DragCursorUpdated& event);
   void OnDragOverAnswered(bool is_ok, std::uint64_t drag);
   void EndPageDrag(Drop drop);
+  void ShowCursor();
 
   template <typename Request>
   Request NewMouse() const;
@@ -180,10 +197,15 @@ class Pointer {
   rpc::DragOperation operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
   std::size_t unanswered_ends_ = 0;
 
+  OnCursor on_cursor_;
+  rpc::Cursor page_cursor_;
+  rpc::Cursor drag_cursor_;
+
   bool is_scrolling_ = false;
   double turned_x_ = 0;  // Not sent yet, in 1/120 of a detent.
   double turned_y_ = 0;
 
+  const std::unique_ptr<ClientStream> cursor_events_;
   const std::unique_ptr<ClientStream> drag_events_;
 
   // Answers hold a weak pointer to it, so that they find out that this object

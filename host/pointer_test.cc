@@ -51,9 +51,34 @@ rpc::SizeDip Size(double width, double height) {
   return size;
 }
 
+TEST(PointerButtons, AreNumberedAsX11NumbersThem) {
+  EXPECT_EQ(ButtonOfX11(1), kPrimary);
+  EXPECT_EQ(ButtonOfX11(2), kAuxiliary);
+  EXPECT_EQ(ButtonOfX11(3), kSecondary);
+  EXPECT_EQ(ButtonOfX11(8), kBack);
+  EXPECT_EQ(ButtonOfX11(9), kForward);
+  EXPECT_EQ(ButtonOfX11(4), rpc::MOUSE_BUTTON_UNSPECIFIED);
+}
+
+TEST(PointerButtons, AreTakenFromTheStateOfAnX11Event) {
+  constexpr std::uint32_t kShiftMask = 1;
+  EXPECT_EQ(ButtonsOfX11State(kShiftMask), 0u);
+  EXPECT_EQ(ButtonsOfX11State(1 << 8 | kShiftMask), kPrimaryFlag);
+  EXPECT_EQ(ButtonsOfX11State(1 << 9),
+            std::uint32_t{rpc::MOUSE_BUTTON_FLAG_AUXILIARY});
+  EXPECT_EQ(ButtonsOfX11State(1 << 10), kSecondaryFlag);
+}
+
 class PointerTest : public RecordingWidgetFixture {
  protected:
   PointerTest() { Calls(); }
+
+  void PageShowsCursor(rpc::CursorType type) {
+    rpc::CursorChanged event;
+    event.mutable_cursor()->set_type(type);
+    Publish<rpc::CursorChanged>(kBrowser, event);
+    loop.RunUntilIdle();
+  }
 
   // The page begins a drag, or says what a drop of it would do.
   void PageDrags(rpc::DragOperation operation = rpc::DRAG_OPERATION_UNSPECIFIED,
@@ -77,8 +102,38 @@ class PointerTest : public RecordingWidgetFixture {
     pointer->Release(At(x, y, kPrimaryFlag, time_ns), kPrimary);
   }
 
-  std::optional<Pointer> pointer{std::in_place, &*calls};
+  rpc::CursorType cursor = rpc::CURSOR_TYPE_UNSPECIFIED;  // The latest.
+  std::optional<Pointer> pointer{
+      std::in_place, &*calls, PointerOptions{},
+      [this](const rpc::Cursor& shown) { cursor = shown.type(); }};
 };
+
+// The cursor
+
+TEST_F(PointerTest, TheCursorIsThePages) {
+  PageShowsCursor(rpc::CURSOR_TYPE_TEXT);
+  EXPECT_EQ(cursor, rpc::CURSOR_TYPE_TEXT);
+}
+
+TEST_F(PointerTest, ADragOfThePagesHasItsOwnCursorUntilItEnds) {
+  PageShowsCursor(rpc::CURSOR_TYPE_GRAB);
+  BeginPageDrag();
+  EXPECT_EQ(cursor, rpc::CURSOR_TYPE_COPY);
+  PageDrags(rpc::DRAG_OPERATION_UNSPECIFIED);
+  EXPECT_EQ(cursor, rpc::CURSOR_TYPE_NO_DROP);
+  PageShowsCursor(rpc::CURSOR_TYPE_POINTER);
+  EXPECT_EQ(cursor, rpc::CURSOR_TYPE_NO_DROP);
+  pointer->Release(At(1, 2), kPrimary);
+  EXPECT_EQ(cursor, rpc::CURSOR_TYPE_POINTER);
+}
+
+TEST_F(PointerTest, ADragOfThePagesCannotBeDroppedOutsideTheView) {
+  BeginPageDrag();
+  pointer->Leave(At(-1, 2, kPrimaryFlag));
+  EXPECT_EQ(cursor, rpc::CURSOR_TYPE_NO_DROP);
+  pointer->Cancel();
+  EXPECT_EQ(cursor, rpc::CURSOR_TYPE_UNSPECIFIED);
+}
 
 // No button is held
 

@@ -4,9 +4,12 @@
 #include <cmath>
 #include <utility>
 
+#include "absl/strings/str_cat.h"
 #include "google/protobuf/util/message_differencer.h"
 
 #include "host/pixels.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
+#include "zimbrel/src/core/common/rpc/transport/responder.h"
 
 namespace orvane::host {
 namespace {
@@ -18,18 +21,34 @@ bool IsSide(double dips) { return std::isfinite(dips) && dips >= 0; }
 
 }  // namespace
 
-View::Session::Session(std::unique_ptr<SocketClient> new_connection,
-                       const ViewOptions& options)
+rpc::Display NewDisplay(double width, double height, double scale_factor) {
+  rpc::Display display;
+  display.set_display_id(1);
+  display.set_scale_factor(scale_factor);
+  display.mutable_bounds()->set_width(width);
+  display.mutable_bounds()->set_height(height);
+  *display.mutable_work_area() = display.bounds();
+  display.mutable_pixel_bounds()->set_width(
+      static_cast<std::int32_t>(std::lround(width * scale_factor)));
+  display.mutable_pixel_bounds()->set_height(
+      static_cast<std::int32_t>(std::lround(height * scale_factor)));
+  return display;
+}
+
+View::Session::Session(std::unique_ptr<SocketClient> new_connection, View* view)
     : connection(std::move(new_connection)),
-      calls(connection.get(), options.browser),
-      pointer(&calls, options.pointer),
+      calls(connection.get(), view->options_.browser),
+      pointer(&calls, view->options_.pointer,
+              [view](const rpc::Cursor& cursor) { view->ShowCursor(cursor); }),
       keyboard(&calls),
-      touch(&calls) {}
+      touch(&calls),
+      drop_target(&calls, view->handlers_.on_drop_operation) {}
 
 View::View(EventLoop* loop, ViewOptions options, ViewHandlers handlers)
     : loop_(loop),
       options_(std::move(options)),
       handlers_(std::move(handlers)),
+      scene_(handlers_.on_scene),
       retry_(options_.first_retry) {
   // Later, so that no handler runs inside the constructor.
   retry_timer_ = loop_->RunAfter(absl::ZeroDuration(), [this] { Connect(); });
@@ -49,14 +68,48 @@ Touch* View::touch() {
   return state_ == ViewState::kAttached ? &session_->touch : nullptr;
 }
 
+DropTarget* View::drop_target() {
+  return state_ == ViewState::kAttached ? &session_->drop_target : nullptr;
+}
+
 rpc::BrowserWidgetRpcClient* View::client() {
   return session_ == nullptr ? nullptr : &session_->calls.client();
 }
 
 void View::SetState(ViewState state, absl::Status status) {
+  if (state == state_ && status == status_) return;
   status_ = std::move(status);
-  if (std::exchange(state_, state) != state && handlers_.on_state)
-    handlers_.on_state(state);
+  if (std::exchange(state_, state) == ViewState::kAttached &&
+      state != ViewState::kAttached) {
+    ShowCursor({});
+    ShowTooltip("");
+  }
+  if (handlers_.on_state) handlers_.on_state(state);
+}
+
+std::string View::StateText() const {
+  const std::string reason =
+      status_.ok() ? "" : absl::StrCat(": ", Printable(status_.message()));
+  switch (state_) {
+    case ViewState::kWaiting:
+    case ViewState::kConnected:
+      return absl::StrCat("Waiting for the browser", reason);
+    case ViewState::kAttached:
+      return "";
+    case ViewState::kRefused:
+      return absl::StrCat("The browser does not come into this window", reason);
+    case ViewState::kIncompatible:
+      return absl::StrCat("This browser cannot be used", reason);
+  }
+  return "";
+}
+
+void View::ShowCursor(const rpc::Cursor& cursor) {
+  if (handlers_.on_cursor) handlers_.on_cursor(cursor);
+}
+
+void View::ShowTooltip(absl::string_view text) {
+  if (handlers_.on_tooltip) handlers_.on_tooltip(text);
 }
 
 // The widget's process -------------------------------------------------------
@@ -68,15 +121,12 @@ void View::Connect() {
     return;
   }
   if (!connection.ok()) {
-    status_ = connection.status();
     ConnectLater();
+    SetState(ViewState::kWaiting, connection.status());
     return;
   }
-  session_ = std::make_shared<Session>(*std::move(connection), options_);
-  // It ends with the widget, as any other stream would.
-  session_->end = session_->calls.client().WhenDropDownDeleted(
-      options_.browser, nullptr,
-      [this](const absl::Status& why) { OnWidgetGone(why); });
+  session_ = std::make_shared<Session>(*std::move(connection), this);
+  OpenStreams();
   const std::weak_ptr<Session> session = session_;
   if (handlers_.on_connected) handlers_.on_connected(session_->calls.client());
   if (session.expired()) return;  // It ran the loop, and the widget has gone.
@@ -94,10 +144,42 @@ absl::Duration View::NextRetry() {
   return std::exchange(retry_, std::min(2 * retry_, options_.last_retry));
 }
 
+void View::OpenStreams() {
+  Client& widget = session_->calls.client();
+  // Ends with the widget, as any other stream would.
+  session_->streams.push_back(widget.WhenTooltipChanged(
+      options_.browser,
+      [this](const rpc::TooltipChanged& event) { ShowTooltip(event.text()); },
+      [this](const absl::Status& why) { OnWidgetGone(why); }));
+  if (handlers_.on_scene) scene_.Serve(widget, options_.browser);
+  // Answers fail only if the widget has gone.
+  if (handlers_.on_take_focus) {
+    session_->streams.push_back(widget.OnTakeFocus(
+        options_.browser, [this](const rpc::TakeFocusCall& call,
+                                 Responder<rpc::TakeFocus> responder) {
+          rpc::TakeFocusResponse answer;
+          answer.set_taken(handlers_.on_take_focus(call.direction()));
+          if (answer.taken()) Unfocus();
+          std::move(responder).Respond(answer).IgnoreError();
+        }));
+  }
+  if (handlers_.on_accessibility_focus) {
+    session_->streams.push_back(widget.OnAccessibilityRequestFocus(
+        options_.browser,
+        [this](const rpc::AccessibilityRequestFocusCall& call,
+               Responder<rpc::AccessibilityRequestFocus> responder) {
+          rpc::AccessibilityRequestFocusResponse answer;
+          answer.set_focused(handlers_.on_accessibility_focus(call));
+          std::move(responder).Respond(answer).IgnoreError();
+        }));
+  }
+}
+
 void View::OnWidgetGone(const absl::Status& end) {
   // Taken out first, since the handler may call anything.
   const std::shared_ptr<Session> ended = std::move(session_);
   session_ = nullptr;
+  scene_.Stop();
   is_attaching_ = false;
   absl::Status why = ended->connection->status();
   // A widget that shuts down completes its streams before the connection ends;
@@ -226,6 +308,13 @@ void View::SetBounds(const rpc::RectDip& bounds,
   } else {
     AttachIfPossible();
   }
+}
+
+void View::SetSize(double width, double height) {
+  rpc::RectDip bounds;
+  bounds.set_width(width);
+  bounds.set_height(height);
+  SetBounds(bounds, std::nullopt);
 }
 
 void View::TellBounds() {

@@ -3,22 +3,30 @@
 #ifndef HOST_VIEW_H_
 #define HOST_VIEW_H_
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
+#include "absl/strings/string_view.h"
 #include "absl/time/time.h"
 
+#include "host/drop_target.h"
 #include "host/input_calls.h"
 #include "host/keyboard.h"
 #include "host/pointer.h"
+#include "host/scene.h"
 #include "host/touch.h"
+#include "rpc/browser/accessibility.pb.h"
 #include "rpc/browser/browser_id.pb.h"
 #include "rpc/browser/browser_widget.client.h"
+#include "rpc/browser/cursor.pb.h"
 #include "rpc/browser/display.pb.h"
+#include "rpc/browser/drag.pb.h"
 #include "rpc/browser/focus.pb.h"
 #include "rpc/browser/geometry.pb.h"
 #include "rpc/browser/window.pb.h"
@@ -60,18 +68,49 @@ struct ViewOptions {
   absl::Duration last_retry = absl::Seconds(5);
 };
 
+// Each may be left out.
 struct ViewHandlers {
   // Runs for each new widget, before anything else is sent to it. Watch and
-  // serve the browser's streams here: a cursor or a tooltip is told only when
-  // it changes, and who serves OnUpdateLayer and OnShowDropdown decides who
-  // draws. The client and the streams that it opened are good until the state
-  // is kWaiting or kIncompatible.
+  // serve the browser's other streams here: who serves OnShowDropdown decides
+  // who draws lists. The client and the streams that it opened are good until
+  // the state is kWaiting or kIncompatible.
   absl::AnyInvocable<void(rpc::BrowserWidgetRpcClient&)> on_connected = nullptr;
 
-  // Runs after each change of the state. A drop-down or dialog of the page's
-  // that is open is closed when the view is not attached any more.
+  // Runs after each change of the state or of its reason. A drop-down or dialog
+  // of the page's that is open is closed when the view is not attached any
+  // more.
   absl::AnyInvocable<void(ViewState)> on_state = nullptr;
+
+  // Runs when View::scene() is to be drawn anew. Without it, pictures are left
+  // to `on_connected`.
+  std::function<void()> on_scene = nullptr;
+
+  // Runs when the pointer over the view is to look otherwise; the default again
+  // when the view is not attached any more. Must not call the view.
+  absl::AnyInvocable<void(const rpc::Cursor&)> on_cursor = nullptr;
+
+  // Runs with the text that explains what is under the pointer, and with an
+  // empty one when nothing does any more. When it is shown is the window's
+  // choice: widgets tell it at once, and toolkits wait for about half a second.
+  absl::AnyInvocable<void(absl::string_view)> on_tooltip = nullptr;
+
+  // Runs when Tab has led out of the page: gives the focus to the next or the
+  // previous control of the window, and returns whether one has taken it.
+  // Without it, the focus goes round in the page.
+  absl::AnyInvocable<bool(rpc::FocusDirection)> on_take_focus = nullptr;
+
+  // Runs when the accessibility focus is to move to the page; returns whether
+  // it has moved. Without it, it stays where it is.
+  absl::AnyInvocable<bool(const rpc::AccessibilityRequestFocusCall&)>
+      on_accessibility_focus = nullptr;
+
+  // Runs when the page has decided what a drop of what is dragged over the view
+  // from elsewhere would do.
+  std::function<void(rpc::DragOperation)> on_drop_operation = nullptr;
 };
+
+// A display of that size in DIPs, for toolkits that tell no more about it.
+rpc::Display NewDisplay(double width, double height, double scale_factor);
 
 // Keeps what the window wants of a browser (size, visibility, focus, display),
 // and tells it to each widget process that comes, in the right order.
@@ -91,6 +130,13 @@ class View {
   // Why the state is not kAttached; OK if nothing has gone wrong.
   const absl::Status& status() const { return status_; }
 
+  // What the window says over the page, in words that are fit to be shown: why
+  // the view is not attached. Empty while it is.
+  std::string StateText() const;
+
+  // What to draw, also while there is no widget: the last picture, dimmed.
+  Scene& scene() { return scene_; }
+
   // What the widget has made of the size and scale; only while attached. Where
   // it tells nonsense, the size is the window's and the scale factor is 1.
   const rpc::AttachResult& attached() const { return attached_; }
@@ -101,6 +147,7 @@ class View {
   void SetDisplay(const rpc::Display& display);
   void SetBounds(const rpc::RectDip& bounds,
                  const std::optional<rpc::RectPx>& screen_bounds);
+  void SetSize(double width, double height);  // Of bounds at 0, 0, in DIPs.
   void SetShown(bool is_shown);
   void SetMinimized(bool is_minimized);
 
@@ -121,6 +168,7 @@ class View {
   Pointer* pointer();
   Keyboard* keyboard();
   Touch* touch();
+  DropTarget* drop_target();
 
   // Null while there is no widget.
   rpc::BrowserWidgetRpcClient* client();
@@ -128,26 +176,29 @@ class View {
  private:
   // What belongs to one widget process.
   struct Session {
-    Session(std::unique_ptr<SocketClient> new_connection,
-            const ViewOptions& options);
+    Session(std::unique_ptr<SocketClient> new_connection, View* view);
 
     const std::unique_ptr<SocketClient> connection;
     InputCalls calls;
     Pointer pointer;
     Keyboard keyboard;
     Touch touch;
-    std::unique_ptr<ClientStream> end;  // Tells when the widget has gone.
+    DropTarget drop_target;
+    std::vector<std::unique_ptr<ClientStream>> streams;
   };
 
   void Connect();
   void ConnectLater();
   absl::Duration NextRetry();
+  void OpenStreams();
   void OnWidgetGone(const absl::Status& end);
   void AttachIfPossible();
   void Attach();
   void OnAttached(const absl::StatusOr<rpc::AttachResult>& answer);
   void TellBounds();
   void CancelInput();
+  void ShowCursor(const rpc::Cursor& cursor);
+  void ShowTooltip(absl::string_view text);
   void SetState(ViewState state, absl::Status status);
 
   EventLoop* const loop_;
@@ -156,6 +207,7 @@ class View {
   ViewState state_ = ViewState::kWaiting;
   absl::Status status_;
   rpc::AttachResult attached_;
+  Scene scene_;
 
   // What the window wants.
   std::optional<rpc::Display> display_;

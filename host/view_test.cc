@@ -15,6 +15,8 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/stream/call.h"
+#include "zimbrel/src/core/common/rpc/stream/publish.h"
 #include "zimbrel/src/core/common/rpc/testing/keys.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
@@ -98,6 +100,13 @@ class ViewTest : public ::testing::Test {
   std::vector<ViewState> states_;
   int connected_ = 0;                       // How often on_connected has run.
   std::function<void()> while_connecting_;  // In its first run.
+  int scenes_ = 0;                          // How often on_scene has run.
+  rpc::CursorType cursor_ = rpc::CURSOR_TYPE_UNSPECIFIED;
+  std::string tooltip_;
+  std::string node_that_can_be_reached_;
+  bool has_other_controls_ = true;
+  rpc::FocusDirection focus_left_ = rpc::FOCUS_DIRECTION_UNSPECIFIED;
+  rpc::DragOperation drop_operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
   std::optional<View> view_{
       std::in_place, &loop_,
       ViewOptions{.socket = socket_,
@@ -113,7 +122,25 @@ class ViewTest : public ::testing::Test {
                 ++connected_;
                 if (while_connecting_) std::exchange(while_connecting_, {})();
               },
-          .on_state = [this](ViewState state) { states_.push_back(state); }}};
+          .on_state = [this](ViewState state) { states_.push_back(state); },
+          .on_scene = [this] { ++scenes_; },
+          .on_cursor =
+              [this](const rpc::Cursor& cursor) { cursor_ = cursor.type(); },
+          .on_tooltip =
+              [this](absl::string_view text) { tooltip_ = std::string(text); },
+          .on_take_focus =
+              [this](rpc::FocusDirection direction) {
+                focus_left_ = direction;
+                return has_other_controls_;
+              },
+          .on_accessibility_focus =
+              [this](const rpc::AccessibilityRequestFocusCall& call) {
+                return call.node().token() == node_that_can_be_reached_;
+              },
+          .on_drop_operation =
+              [this](rpc::DragOperation operation) {
+                drop_operation_ = operation;
+              }}};
 };
 
 TEST_F(ViewTest, AViewAttachesOnceItHasASize) {
@@ -140,8 +167,17 @@ TEST_F(ViewTest, WhatTheWindowWantsIsToldInOrderOnceThereIsAWidget) {
   StartWidget();
   Await(ViewState::kAttached);
   EXPECT_THAT(Calls(), ElementsAre("SetDisplay", "Attach", "Show", "Focus"));
-  EXPECT_THAT(states_,
-              ElementsAre(ViewState::kConnected, ViewState::kAttached));
+  EXPECT_THAT(states_, ElementsAre(ViewState::kWaiting, ViewState::kConnected,
+                                   ViewState::kAttached));
+}
+
+TEST(NewDisplayTest, ADisplayIsAsLargeAsTheToolkitSays) {
+  const rpc::Display display = NewDisplay(1280, 720, 1.5);
+  EXPECT_EQ(display.bounds().width(), 1280);
+  EXPECT_EQ(display.work_area().height(), 720);
+  EXPECT_EQ(display.pixel_bounds().width(), 1920);
+  EXPECT_EQ(display.pixel_bounds().height(), 1080);
+  EXPECT_EQ(display.scale_factor(), 1.5);
 }
 
 TEST_F(ViewTest, WhatChangesNothingIsNotTold) {
@@ -192,7 +228,7 @@ TEST_F(ViewTest, AWidgetMayGoWhileTheWindowOpensItsStreams) {
   view_->SetBounds(Bounds(320, 200), std::nullopt);
   StartWidget();
   loop_.RunUntil([this] { return connected_ == 1; });
-  EXPECT_THAT(states_, IsEmpty());
+  EXPECT_THAT(states_, ElementsAre(ViewState::kWaiting));
   StartWidget();
   Await(ViewState::kAttached);
   EXPECT_EQ(connected_, 2);
@@ -334,6 +370,112 @@ TEST_F(ViewTest, AStreamThatIsRefusedIsNotTakenForAWidgetThatShutsDown) {
   loop_.RunUntil([this] { return states_.size() >= 2; });
   EXPECT_THAT(states_, ElementsAre(ViewState::kConnected, ViewState::kWaiting));
   EXPECT_TRUE(absl::IsResourceExhausted(view_->status())) << view_->status();
+}
+
+TEST_F(ViewTest, TheWindowSaysWhyThereIsNoPage) {
+  EXPECT_EQ(view_->StateText(), "Waiting for the browser");
+  loop_.RunUntil([this] { return !view_->status().ok(); });
+  EXPECT_THAT(view_->StateText(),
+              ::testing::StartsWith("Waiting for the browser: "));
+  widget_.refusal = "no\nroom";
+  StartWidget();
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  Await(ViewState::kRefused);
+  EXPECT_EQ(view_->StateText(),
+            "The browser does not come into this window: no\\nroom");
+  widget_.refusal.clear();
+  view_->TakeOver();
+  Await(ViewState::kAttached);
+  EXPECT_EQ(view_->StateText(), "");
+}
+
+TEST_F(ViewTest, TheSceneIsServedAndItsLastPictureStays) {
+  Attach();
+  rpc::UpdateSurfaceCall call;
+  rpc::PixelFrame& frame = *call.mutable_frame();
+  frame.mutable_size()->set_width(1);
+  frame.mutable_size()->set_height(1);
+  frame.set_stride_bytes(4);
+  frame.set_format(rpc::PIXEL_FORMAT_BGRA_8888_PREMULTIPLIED);
+  frame.set_inline_pixels("bgra");
+  Call<rpc::UpdateSurface>(testing::Browser(7), call);
+  loop_.RunUntil([this] { return scenes_ == 1; });
+  KillWidget();
+  Await(ViewState::kWaiting);
+  EXPECT_EQ(view_->scene().items().size(), 1u);
+}
+
+TEST_F(ViewTest, CursorAndTooltipAreThoseOfThePageWhileItIsThere) {
+  Attach();
+  rpc::CursorChanged cursor;
+  cursor.mutable_cursor()->set_type(rpc::CURSOR_TYPE_POINTER);
+  Publish<rpc::CursorChanged>(testing::Browser(7), cursor);
+  rpc::TooltipChanged tooltip;
+  tooltip.set_text("Leads to the manual");
+  Publish<rpc::TooltipChanged>(testing::Browser(7), tooltip);
+  loop_.RunUntilIdle();
+  EXPECT_EQ(cursor_, rpc::CURSOR_TYPE_POINTER);
+  EXPECT_EQ(tooltip_, "Leads to the manual");
+  view_->Detach();
+  EXPECT_EQ(cursor_, rpc::CURSOR_TYPE_UNSPECIFIED);
+  EXPECT_EQ(tooltip_, "");
+}
+
+TEST_F(ViewTest, AFocusThatAControlTakesHasLeftThePageBeforeTheAnswer) {
+  Attach();
+  view_->Focus(rpc::FOCUS_REASON_TAB);
+  Calls();
+  const auto leave = [this](rpc::FocusDirection direction) {
+    rpc::TakeFocusCall call;
+    call.set_direction(direction);
+    std::optional<bool> taken;
+    Call<rpc::TakeFocus>(testing::Browser(7), call,
+                         [&](const absl::StatusOr<rpc::TakeFocusResponse>& to) {
+                           taken = to->taken();
+                           widget_.calls.push_back("answer");
+                         });
+    loop_.RunUntilIdle();
+    return taken;
+  };
+  has_other_controls_ = false;
+  EXPECT_EQ(leave(rpc::FOCUS_DIRECTION_FORWARD), false);
+  EXPECT_EQ(focus_left_, rpc::FOCUS_DIRECTION_FORWARD);
+  EXPECT_THAT(Calls(), ElementsAre("answer"));
+  has_other_controls_ = true;
+  EXPECT_EQ(leave(rpc::FOCUS_DIRECTION_BACKWARD), true);
+  EXPECT_THAT(Calls(), ElementsAre("Unfocus", "answer"));
+}
+
+TEST_F(ViewTest, TheWindowDecidesAboutTheAccessibilityFocus) {
+  Attach();
+  const auto ask = [this] {
+    rpc::AccessibilityRequestFocusCall call;
+    call.mutable_node()->set_token("link");
+    std::optional<bool> focused;
+    Call<rpc::AccessibilityRequestFocus>(
+        testing::Browser(7), call,
+        [&](const absl::StatusOr<rpc::AccessibilityRequestFocusResponse>& to) {
+          focused = to->focused();
+        });
+    loop_.RunUntilIdle();
+    return focused;
+  };
+  EXPECT_EQ(ask(), false);
+  node_that_can_be_reached_ = "link";
+  EXPECT_EQ(ask(), true);
+}
+
+TEST_F(ViewTest, WhatADropWouldDoIsTold) {
+  Attach();
+  view_->drop_target()->Enter(At(1, 2), rpc::DRAG_OPERATION_COPY, {});
+  rpc::DragCursorUpdated event;
+  event.set_operation(rpc::DRAG_OPERATION_COPY);
+  Publish<rpc::DragCursorUpdated>(testing::Browser(7), event);
+  loop_.RunUntilIdle();
+  EXPECT_EQ(drop_operation_, rpc::DRAG_OPERATION_COPY);
+  KillWidget();
+  Await(ViewState::kWaiting);
+  EXPECT_EQ(view_->drop_target(), nullptr);
 }
 
 TEST_F(ViewTest, AViewMayEndAtAnyTime) {

@@ -1,0 +1,148 @@
+// A browser in a window.
+
+#include <getopt.h>
+#include <glib-unix.h>
+#include <gtk/gtk.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "absl/strings/numbers.h"
+#include "absl/time/time.h"
+
+#include "examples/gtk_host/browser_window.h"
+#include "examples/gtk_host/signals.h"
+#include "orvane/client.h"
+#include "zimbrel/src/core/common/rpc/main_loops/glib_source.h"
+#include "zimbrel/src/core/common/rpc/version.h"
+
+namespace gtk_host {
+namespace {
+
+constexpr int kExitUsage = 2;
+
+// How long the end may wait for widgets to be told of it.
+constexpr absl::Duration kFarewell = absl::Milliseconds(100);
+
+struct Options {
+  std::string socket = orvane::DefaultSocketPath("widget");
+  std::vector<std::uint64_t> browsers;
+};
+
+void PrintHelp() {
+  std::cout
+      << "Usage: gtk_host [OPTION]... [SOCKET]\n"
+         "Shows browsers in a window, one in each tab.\n"
+         "\n"
+         "SOCKET is where their widget process listens\n"
+         "(default "
+      << Options().socket
+      << "). The window waits for it, and\n"
+         "comes back with the next one when it has gone.\n"
+         "\n"
+         "  --browser N  show browser N; once for each tab (default 1)\n"
+         "  --help       print this and exit\n"
+         "  --version    print the version and exit\n"
+         "\n"
+         "Keys: Ctrl+Page Up and Ctrl+Page Down for the tabs; if the widget\n"
+         "serves pages, Ctrl+L for the address, Alt+Left and Alt+Right for "
+         "the\n"
+         "history, F5 or Ctrl+R to reload. All others are the page's.\n"
+         "\n"
+         "Exit code: 0 after the window was closed, 1 without a display,\n"
+         "2 for wrong usage.\n";
+}
+
+[[noreturn]] void RefuseUsage() {
+  std::cerr << "See gtk_host --help.\n";
+  std::exit(kExitUsage);
+}
+
+Options ParseOptions(int argc, char** argv) {
+  const option known[] = {{"browser", required_argument, nullptr, 'b'},
+                          {"help", no_argument, nullptr, 'h'},
+                          {"version", no_argument, nullptr, 'v'},
+                          {}};
+  Options options;
+  int found = 0;
+  while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
+    switch (found) {
+      case 'b':
+        if (!absl::SimpleAtoi(optarg, &options.browsers.emplace_back())) {
+          std::cerr << "gtk_host: --browser takes a number, not '" << optarg
+                    << "'\n";
+          RefuseUsage();
+        }
+        break;
+      case 'h':
+        PrintHelp();
+        std::exit(EXIT_SUCCESS);
+      case 'v':
+        std::cout << "gtk_host " << orvane::kVersion << "\n";
+        std::exit(EXIT_SUCCESS);
+      default:
+        RefuseUsage();  // getopt_long has printed what is wrong.
+    }
+  }
+  if (optind < argc) options.socket = argv[optind++];
+  if (optind < argc) {
+    std::cerr << "gtk_host: unexpected argument '" << argv[optind] << "'\n";
+    RefuseUsage();
+  }
+  if (options.browsers.empty()) options.browsers = {1};
+  return options;
+}
+
+class Program {
+ public:
+  explicit Program(Options options)
+      : options_(std::move(options)),
+        application_(gtk_application_new(nullptr, G_APPLICATION_NON_UNIQUE)) {
+    Connect<&Program::Start>(application_, "activate", this);
+  }
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+  ~Program() { g_object_unref(application_); }
+
+  int Run() {
+    const orvane::GlibSource source(&loop_, nullptr, GDK_PRIORITY_REDRAW + 10);
+    for (const int signal : {SIGINT, SIGTERM})
+      g_unix_signal_add(signal, &Program::OnSignal, this);
+    return g_application_run(G_APPLICATION(application_), 0, nullptr);
+  }
+
+ private:
+  void Start() {
+    window_ = std::make_unique<BrowserWindow>(
+        application_, &loop_, options_.socket, options_.browsers);
+    Connect<&Program::OnClose>(window_->window(), "close-request", this);
+  }
+  static gboolean OnSignal(gpointer self) {
+    const auto& window = static_cast<Program*>(self)->window_;
+    if (window != nullptr) gtk_window_close(window->window());
+    return G_SOURCE_CONTINUE;
+  }
+  gboolean OnClose() {
+    window_->Detach();
+    loop_.RunReady(kFarewell);
+    window_.reset();
+    return FALSE;  // GTK closes it.
+  }
+
+  const Options options_;
+  GtkApplication* const application_;
+  orvane::EventLoop loop_;
+  std::unique_ptr<BrowserWindow> window_;
+};
+
+}  // namespace
+}  // namespace gtk_host
+
+int main(int argc, char** argv) {
+  return gtk_host::Program(gtk_host::ParseOptions(argc, argv)).Run();
+}

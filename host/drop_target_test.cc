@@ -1,0 +1,147 @@
+#include "host/drop_target.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "host/recording_widget_fixture.h"
+
+namespace orvane::host {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr auto kNone = rpc::DRAG_OPERATION_UNSPECIFIED;
+constexpr auto kCopy = rpc::DRAG_OPERATION_COPY;
+constexpr auto kMove = rpc::DRAG_OPERATION_MOVE;
+constexpr std::uint32_t kAllowed = kCopy | kMove;
+
+PointerSample At(double x, double y) {
+  PointerSample sample;
+  sample.pointer.mutable_position()->set_x(x);
+  sample.pointer.mutable_position()->set_y(y);
+  return sample;
+}
+
+std::vector<rpc::DragItem> Text(const std::string& value) {
+  std::vector<rpc::DragItem> items(1);
+  items[0].mutable_text()->set_mime_type("text/plain");
+  items[0].mutable_text()->set_value(value);
+  return items;
+}
+
+class DropTargetTest : public RecordingWidgetFixture {
+ protected:
+  DropTargetTest() { Calls(); }
+
+  void PageDecides(rpc::DragOperation operation, bool began_in_page = false) {
+    rpc::DragCursorUpdated event;
+    event.set_operation(operation);
+    event.set_began_in_page(began_in_page);
+    EXPECT_EQ(Publish<rpc::DragCursorUpdated>(kBrowser, event), 1u);
+    loop.RunUntilIdle();
+  }
+  void Drop(const std::string& text) {
+    target->Drop(At(5, 6), kAllowed, Text(text),
+                 [this](rpc::DragOperation operation) { done = operation; });
+  }
+
+  std::vector<rpc::DragOperation> told;
+  std::optional<rpc::DragOperation> done;
+  std::optional<DropTarget> target{
+      std::in_place, &*calls,
+      [this](rpc::DragOperation operation) { told.push_back(operation); }};
+};
+
+TEST_F(DropTargetTest, WhatThePageTakesIsDropped) {
+  target->Enter(At(1, 2), kAllowed, Text(""));
+  EXPECT_EQ(Latest<rpc::DragEnterRequest>().allowed_operations(), kAllowed);
+  target->Move(At(3, 4), kAllowed);
+  PageDecides(kCopy);
+  EXPECT_THAT(told, ElementsAre(kCopy));
+  EXPECT_EQ(target->operation(), kCopy);
+  Drop("Hello");
+  EXPECT_EQ(done, kCopy);
+  EXPECT_EQ(Latest<rpc::DragDropRequest>().items(0).text().value(), "Hello");
+  EXPECT_THAT(Calls(),
+              ElementsAre("DragEnter 1,2", "DragOver 3,4", "DragDrop 5,6"));
+}
+
+TEST_F(DropTargetTest, WhatThePageRefusesLeaves) {
+  target->Enter(At(1, 2), kAllowed, Text(""));
+  PageDecides(kNone);
+  Drop("Hello");
+  EXPECT_EQ(done, kNone);
+  EXPECT_THAT(Calls(), ElementsAre("DragEnter 1,2", "DragLeave"));
+}
+
+TEST_F(DropTargetTest, ADropWaitsForThePagesDecision) {
+  target->Enter(At(1, 2), kAllowed, Text(""));
+  Drop("Hello");
+  EXPECT_THAT(Calls(), ElementsAre("DragEnter 1,2"));
+  EXPECT_EQ(done, std::nullopt);
+  PageDecides(kMove);
+  EXPECT_EQ(done, kMove);
+  EXPECT_THAT(Calls(), ElementsAre("DragDrop 5,6"));
+}
+
+TEST_F(DropTargetTest, ADecisionAboutADragThatHasLeftDoesNotCount) {
+  target->Enter(At(1, 2), kAllowed, Text(""));
+  PageDecides(kCopy);
+  target->Leave({});
+  EXPECT_EQ(target->operation(), kNone);
+  PageDecides(kCopy);
+  EXPECT_EQ(target->operation(), kNone);
+  EXPECT_THAT(told, ElementsAre(kCopy));
+  target->Enter(At(1, 2), kAllowed, Text(""));
+  EXPECT_EQ(target->operation(), kNone);
+}
+
+TEST_F(DropTargetTest, ADecisionAboutADragOfThePagesDoesNotCount) {
+  target->Enter(At(1, 2), kAllowed, Text(""));
+  PageDecides(kCopy, true);
+  EXPECT_EQ(target->operation(), kNone);
+  EXPECT_THAT(told, IsEmpty());
+}
+
+TEST_F(DropTargetTest, ADragThatTheWidgetRefusesIsNotOverItsView) {
+  widget.failing = {"DragEnter"};
+  target->Enter(At(1, 2), kAllowed, Text(""));
+  Drop("Hello");
+  EXPECT_THAT(Calls(), ElementsAre("DragEnter 1,2"));
+  EXPECT_EQ(done, kNone);
+  target->Move(At(3, 4), kAllowed);
+  target->Leave({});
+  EXPECT_THAT(Calls(), IsEmpty());
+}
+
+TEST_F(DropTargetTest, WithoutADragNothingIsSent) {
+  target->Move(At(3, 4), kAllowed);
+  target->Leave({});
+  Drop("Hello");
+  EXPECT_EQ(done, kNone);
+  EXPECT_THAT(Calls(), IsEmpty());
+}
+
+TEST_F(DropTargetTest, ADragWhoseLeaveWasLostLeavesBeforeTheNextOne) {
+  target->Enter(At(1, 2), kAllowed, Text(""));
+  target->Enter(At(3, 4), kAllowed, Text(""));
+  EXPECT_THAT(Calls(),
+              ElementsAre("DragEnter 1,2", "DragLeave", "DragEnter 3,4"));
+}
+
+TEST_F(DropTargetTest, ATargetMayEndWhileADropWaits) {
+  target->Enter(At(1, 2), kAllowed, Text(""));
+  Drop("Hello");
+  target.reset();
+  Calls();
+  EXPECT_EQ(done, std::nullopt);
+}
+
+}  // namespace
+}  // namespace orvane::host
