@@ -78,39 +78,39 @@ struct ViewHandlers {
   // serve the browser's other streams here: who serves OnShowDropdown decides
   // who draws lists. The client and the streams that it opened are good until
   // the state is kWaiting or kIncompatible.
-  absl::AnyInvocable<void(rpc::BrowserWidgetRpcClient&)> on_connected;
+  absl::AnyInvocable<void(rpc::BrowserWidgetRpcClient&)> on_connected = nullptr;
 
   // Runs after each change of the state or of its reason. A drop-down or dialog
   // of the page's that is open is closed when the view is not attached any
   // more.
-  absl::AnyInvocable<void(ViewState)> on_state;
+  absl::AnyInvocable<void(ViewState)> on_state = nullptr;
 
   // Runs when View::scene() is to be drawn anew. Without it, pictures are left
   // to `on_connected`.
-  std::function<void()> on_scene;
+  std::function<void()> on_scene = nullptr;
 
   // Runs when the pointer over the view is to look otherwise; the default again
   // when the view is not attached any more. Must not call the view.
-  absl::AnyInvocable<void(const rpc::Cursor&)> on_cursor;
+  absl::AnyInvocable<void(const rpc::Cursor&)> on_cursor = nullptr;
 
   // Runs with the text that explains what is under the pointer, and with an
   // empty one when nothing does any more. When it is shown is the window's
   // choice: widgets tell it at once, and toolkits wait for about half a second.
-  absl::AnyInvocable<void(absl::string_view)> on_tooltip;
+  absl::AnyInvocable<void(absl::string_view)> on_tooltip = nullptr;
 
   // Runs when Tab has led out of the page: gives the focus to the next or the
   // previous control of the window, and returns whether one has taken it.
   // Without it, the focus goes round in the page.
-  absl::AnyInvocable<bool(rpc::FocusDirection)> on_take_focus;
+  absl::AnyInvocable<bool(rpc::FocusDirection)> on_take_focus = nullptr;
 
   // Runs when the accessibility focus is to move to the page; returns whether
   // it has moved. Without it, it stays where it is.
   absl::AnyInvocable<bool(const rpc::AccessibilityRequestFocusCall&)>
-      on_accessibility_focus;
+      on_accessibility_focus = nullptr;
 
   // Runs when the page has decided what a drop of what is dragged over the view
   // from elsewhere would do.
-  std::function<void(rpc::DragOperation)> on_drop_operation;
+  std::function<void(rpc::DragOperation)> on_drop_operation = nullptr;
 };
 
 // A display of that size in DIPs, for toolkits that tell no more about it.
