@@ -105,7 +105,7 @@ class HostileWidgetTest : public ::testing::Test {
 };
 
 TEST_F(HostileWidgetTest, OneThatLacksAStreamOfTheViewsIsIncompatible) {
-  Send("WhenDropDownDeleted", StreamMessage::KIND_ERROR, "", 0,
+  Send("WhenTooltipChanged", StreamMessage::KIND_ERROR, "", 0,
        absl::StatusCode::kUnimplemented);
   EXPECT_EQ(view_.state(), ViewState::kIncompatible);
   EXPECT_TRUE(absl::IsUnimplemented(view_.status())) << view_.status();
@@ -115,7 +115,7 @@ TEST_F(HostileWidgetTest, OneThatCompletesStreamsIsLeftForTheNext) {
   AnswerAttach(true);
   Send("WhenDragCursorUpdated", StreamMessage::KIND_COMPLETE);
   EXPECT_EQ(view_.state(), ViewState::kAttached);
-  Send("WhenDropDownDeleted", StreamMessage::KIND_COMPLETE);
+  Send("WhenTooltipChanged", StreamMessage::KIND_COMPLETE);
   EXPECT_EQ(view_.state(), ViewState::kWaiting);
   Accept();
   AnswerAttach(true);

@@ -29,11 +29,11 @@ struct PageHandlers {
   // Runs when the browser shows or does something else, and with null when it
   // is not known any more because the widget has gone. Never runs if the widget
   // does not serve pages, so hide the address bar until it does.
-  absl::AnyInvocable<void(const rpc::PageState*)> on_state;
+  absl::AnyInvocable<void(const rpc::PageState*)> on_state = nullptr;
 
   // Runs when the page wants to open a window; returns whether the address is
   // to be loaded in place of the page. If it is null, no window opens.
-  absl::AnyInvocable<bool(const rpc::OpenWindowCall&)> on_open_window;
+  absl::AnyInvocable<bool(const rpc::OpenWindowCall&)> on_open_window = nullptr;
 };
 
 // The page service of one widget process after the other, for one browser.

@@ -4,42 +4,34 @@
 #include <csignal>
 #include <cstdint>
 #include <iostream>
-#include <memory>
-#include <optional>
 #include <string>
-#include <utility>
 
-#include "absl/status/status.h"
-
-#include "host/pixels.h"
+#include "host/cursor.h"
 #include "host/pointer.h"
+#include "host/scene.h"
 #include "host/view.h"
 #include "orvane/client.h"
-#include "rpc/browser/browser_widget.client.h"
 
 class BrowserControl {
  public:
   BrowserControl(orvane::EventLoop* loop, const std::string& socket,
                  const BrowserId& browser)
-      : browser_(browser),
-        view_(loop, {.socket = socket, .browser = browser},
-              {.on_connected =
-                   [this](rpc::BrowserWidgetRpcClient& widget) {
-                     OpenStreams(widget);
-                   },
-               .on_state = [this](orvane::host::ViewState) { TellState(); }}) {}
+      : view_(loop, {.socket = socket, .browser = browser},
+              {.on_state = [this](orvane::host::ViewState) { TellState(); },
+               .on_scene = [this] { Redraw(); },
+               .on_cursor =
+                   [](const rpc::Cursor& cursor) {
+                     std::cout << "cursor: "
+                               << orvane::host::CursorName(cursor.type())
+                               << std::endl;
+                   }}) {}
 
   bool is_attached() const {
     return view_.state() == orvane::host::ViewState::kAttached;
   }
 
   // When the toolkit reports it; `buttons` are MouseButtonFlags.
-  void OnResized(double width, double height) {
-    rpc::RectDip bounds;
-    bounds.set_width(width);
-    bounds.set_height(height);
-    view_.SetBounds(bounds, std::nullopt);
-  }
+  void OnResized(double width, double height) { view_.SetSize(width, height); }
   void OnShown() { view_.SetShown(true); }
   void OnMotion(double x, double y, std::uint32_t buttons) {
     if (auto* pointer = view_.pointer()) pointer->Move(Sample(x, y, buttons));
@@ -56,40 +48,19 @@ class BrowserControl {
   void OnDestroyed() { view_.Detach(); }
 
  private:
-  // Again for each widget process that comes.
-  void OpenStreams(rpc::BrowserWidgetRpcClient& widget) {
-    surfaces_ = widget.OnUpdateSurface(
-        browser_, [this](const rpc::UpdateSurfaceCall& call,
-                         orvane::Responder<rpc::UpdateSurface> responder) {
-          const absl::Status copied = picture_.Update(call.frame());
-          rpc::UpdateSurfaceResponse answer;
-          *answer.mutable_receipt() =
-              orvane::host::ReceiptFor(call.frame(), copied);
-          std::move(responder).Respond(answer).IgnoreError();
-          if (copied.ok())
-            Redraw(orvane::host::DamageOf(call.frame()));
-          else
-            std::cerr << orvane::Printable(copied.message()) << std::endl;
-        });
-    cursors_ =
-        widget.WhenCursorChanged(browser_, [](const rpc::CursorChanged& event) {
-          std::cout << "cursor: " << rpc::CursorType_Name(event.cursor().type())
-                    << std::endl;
-        });
-  }
-
   void TellState() const {
     if (is_attached())
       std::cout << "attached" << std::endl;
-    else if (!view_.status().ok())
-      std::cerr << orvane::Printable(view_.status().message()) << std::endl;
+    else
+      std::cerr << view_.StateText() << std::endl;
   }
 
-  // Tells the toolkit to draw that part of picture_ again.
-  void Redraw(const rpc::RectPx& damage) {
-    std::cout << "picture: " << picture_.width() << " x " << picture_.height()
-              << " pixels, " << damage.width() << " x " << damage.height()
-              << " of them new" << std::endl;
+  // From bottom to top: the page, its layers and popups.
+  void Redraw() {
+    for (const orvane::host::Scene::Item* const item : view_.scene().items()) {
+      std::cout << "picture: " << item->picture.width() << " x "
+                << item->picture.height() << " pixels" << std::endl;
+    }
   }
 
   static orvane::host::PointerSample Sample(double x, double y,
@@ -101,10 +72,6 @@ class BrowserControl {
     return sample;
   }
 
-  const BrowserId browser_;
-  orvane::host::Picture picture_;
-  std::unique_ptr<orvane::ClientStream> surfaces_;
-  std::unique_ptr<orvane::ClientStream> cursors_;
   orvane::host::View view_;
 };
 

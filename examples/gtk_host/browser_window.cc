@@ -58,6 +58,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
       address_(
           GTK_WIDGET(g_object_new(GTK_TYPE_ENTRY, "hexpand", TRUE,
                                   "placeholder-text", "Address", nullptr))),
+      lock_(gtk_image_new_from_icon_name("channel-secure-symbolic")),
       reload_(NewButton("win.reload", "view-refresh-symbolic", "Reload")),
       error_(gtk_label_new(nullptr)),
       notebook_(GTK_NOTEBOOK(gtk_notebook_new())) {
@@ -77,6 +78,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
   gtk_box_append(GTK_BOX(bar_),
                  NewButton("win.forward", "go-next-symbolic", "Forward"));
   gtk_box_append(GTK_BOX(bar_), reload_);
+  gtk_box_append(GTK_BOX(bar_), lock_);
   gtk_box_append(GTK_BOX(bar_), address_);
   Connect<&BrowserWindow::Load>(address_, "activate", this);
 
@@ -153,10 +155,7 @@ void BrowserWindow::Show() {
                                                     ? "process-stop-symbolic"
                                                     : "view-refresh-symbolic");
   gtk_widget_set_tooltip_text(reload_, can_stop ? "Stop" : "Reload");
-  gtk_entry_set_icon_from_icon_name(
-      GTK_ENTRY(address_), GTK_ENTRY_ICON_PRIMARY,
-      state.security() == rpc::PAGE_SECURITY_SECURE ? "channel-secure-symbolic"
-                                                    : nullptr);
+  gtk_widget_set_visible(lock_, state.security() == rpc::PAGE_SECURITY_SECURE);
   Say(error_, state.is_unresponsive() ? "The page does not respond."
                                       : orvane::Printable(shown.error));
   // Not while the user types another one.

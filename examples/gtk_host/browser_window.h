@@ -79,6 +79,7 @@ class BrowserWindow {
   GtkWidget* const window_;
   GtkWidget* const bar_;
   GtkWidget* const address_;
+  GtkWidget* const lock_;
   GtkWidget* const reload_;
   GtkWidget* const error_;
   GtkNotebook* const notebook_;

@@ -152,6 +152,7 @@ void PagePopups::ShowList(const rpc::ShowDropdownCall& call,
   GtkListBoxRow* const first = gtk_list_box_get_row_at_index(
       box, static_cast<int>(call.selected_index()));
   if (first != nullptr) gtk_widget_grab_focus(GTK_WIDGET(first));
+  list_->responder.OnGivenUp([this] { CloseList(false); });
 }
 
 void PagePopups::OnRowActivated(GtkListBoxRow*) {
@@ -222,6 +223,7 @@ void PagePopups::ShowDialog(const rpc::CreateWebDialogCall& call,
     gtk_window_present(GTK_WINDOW(dialog));
   }
   Connect<&PagePopups::OnResponse>(dialog_->shown, "response", this);
+  dialog_->responder.OnGivenUp([this] { CloseDialog({}); });
 }
 
 GtkWidget* PagePopups::NewQuestion(const orvane::host::Question& question) {
