@@ -77,7 +77,7 @@ allow(host "host/[a-z_]+\\.h" "rpc/browser/[a-z_]+\\.client\\.h" "${contracts}" 
 
 # Programs, which include only public headers of the runtime; their tests may
 # include more.
-allow(engines/chromium "engines/chromium/[a-z_]+\\.h" "host/[a-z_]+\\.h" "examples/widget_server/[a-z0-9_]+\\.h" ${api})
+allow(engines/chromium "engines/chromium/[a-z0-9_]+\\.h" "host/[a-z_]+\\.h" "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples "host/[a-z_]+\\.h" "${rpc}/main_loops/[a-z_]+\\.h" ${api})
 allow(examples/widget_server "examples/widget_server/[a-z0-9_]+\\.h" ${api})
 allow(examples/host "examples/host/[a-z_]+\\.h" "host/[a-z_]+\\.h" ${api})

@@ -339,6 +339,7 @@ void Page::LiftAll() {
               {{"type", "touchCancel"}, {"touchPoints", Json::array()}});
   }
   fingers_ = Fingers();
+  native_input_.ForgetHeld();
   drags_.Cancel();
 }
 
@@ -716,6 +717,35 @@ void Page::TouchCancel(const rpc::TouchCancelRequest& event) {
     SendInput("Input.dispatchTouchEvent", *std::move(command));
 }
 
+// Native events, which become some of the above
+
+absl::Status Page::CheckNativeKeyEvent(
+    const rpc::NativeKeyEventRequest& event) {
+  return native_input_.Check(event);
+}
+
+absl::Status Page::CheckNativeMouseEvent(
+    const rpc::NativeMouseEventRequest& event) {
+  return NativeInput::Check(event);
+}
+
+absl::Status Page::CheckNativeTouchEvent(
+    const rpc::NativeTouchEventRequest& event) {
+  return NativeInput::Check(event);
+}
+
+void Page::NativeKeyEvent(const rpc::NativeKeyEventRequest& event) {
+  native_input_.Take(event);
+}
+
+void Page::NativeMouseEvent(const rpc::NativeMouseEventRequest& event) {
+  native_input_.Take(event, viewport_.scale_factor);
+}
+
+void Page::NativeTouchEvent(const rpc::NativeTouchEventRequest& event) {
+  native_input_.Take(event, viewport_.scale_factor);
+}
+
 // Drags
 
 void Page::DragEnter(const rpc::DragEnterRequest& event) {
@@ -730,6 +760,7 @@ void Page::DragDrop(const rpc::DragDropRequest& event) { drags_.Drop(event); }
 
 void Page::DragEnd(const rpc::DragEndRequest& event) {
   pressed_.clear();  // It counts as the release.
+  native_input_.ForgetButtons();
   drags_.End(event);
 }
 

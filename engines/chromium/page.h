@@ -28,6 +28,7 @@
 #include "engines/chromium/engine_pipe.h"
 #include "engines/chromium/input_commands.h"
 #include "engines/chromium/json.h"
+#include "engines/chromium/native_input.h"
 #include "engines/chromium/navigation.h"
 #include "engines/chromium/picture_sender.h"
 #include "examples/widget_server/abstract_page.h"
@@ -74,6 +75,15 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void MouseDrag(const rpc::MouseDragRequest& event) override;
   void MouseMove(const rpc::MouseMoveRequest& event) override;
   void MouseWheel(const rpc::MouseWheelRequest& event) override;
+  absl::Status CheckNativeKeyEvent(
+      const rpc::NativeKeyEventRequest& event) override;
+  absl::Status CheckNativeMouseEvent(
+      const rpc::NativeMouseEventRequest& event) override;
+  absl::Status CheckNativeTouchEvent(
+      const rpc::NativeTouchEventRequest& event) override;
+  void NativeKeyEvent(const rpc::NativeKeyEventRequest& event) override;
+  void NativeMouseEvent(const rpc::NativeMouseEventRequest& event) override;
+  void NativeTouchEvent(const rpc::NativeTouchEventRequest& event) override;
   void TouchStart(const rpc::TouchStartRequest& event) override;
   void TouchMove(const rpc::TouchMoveRequest& event) override;
   void TouchEnd(const rpc::TouchEndRequest& event) override;
@@ -225,6 +235,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   rpc::PointDip pointer_;  // Where it was last.
   Fingers fingers_;
   std::set<rpc::MouseButton> pressed_;
+  NativeInput native_input_{this};
   bool is_focus_offered_ = false;
   bool is_accessible_focus_offered_ = false;
 

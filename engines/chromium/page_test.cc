@@ -12,15 +12,18 @@
 
 #include "engines/chromium/page_fixture.h"
 #include "engines/chromium/png.h"
+#include "engines/chromium/x11_event_fixture.h"
 
 namespace chromium {
 namespace {
 
 using ::testing::Contains;
+using testing::Core;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
+using testing::Xi;
 using Client = rpc::BrowserWidgetRpcClient;
 
 // A member function of the client, of its blocking form.
@@ -459,6 +462,51 @@ TEST_F(PageTest, InputReachesTheEngineInOrder) {
     types.push_back(Text(Member(command, "params"), "type"));
   EXPECT_THAT(types, ElementsAre("mouseMoved", "mousePressed", "rawKeyDown",
                                  "char", "keyUp", "mouseWheel", "mouseMoved"));
+}
+
+TEST_F(PageTest, NativeInputReachesTheEngineAsOtherInputDoes) {
+  Attach();
+  scripted_->ForgetCommands();
+  const auto event = [](const std::string& payload) {
+    return "event { platform: PLATFORM_X11 payload: '" +
+           absl::CHexEscape(payload) + "' }";
+  };
+  Input<rpc::NativeKeyEventRequest>(
+      &Client::ForwardNativeKeyEvent,
+      event(Core(testing::kKeyPress, {.detail = 38})));
+  Input<rpc::NativeMouseEventRequest>(
+      &Client::ForwardNativeMouseEvent,
+      event(Core(testing::kButtonPress, {.detail = 1, .x = 5, .y = 6})));
+  Input<rpc::NativeTouchEventRequest>(&Client::ForwardNativeTouchEvent,
+                                      event(Xi(testing::kTouchBegin)));
+  std::vector<std::string> types;
+  for (const Json& command : scripted_->commands())
+    types.push_back(Text(Member(command, "params"), "type"));
+  EXPECT_THAT(types,
+              ElementsAre("rawKeyDown", "char", "mousePressed", "touchStart"));
+}
+
+TEST_F(PageTest, NativeInputThatCannotBeReadIsRefusedInWords) {
+  Attach();
+  scripted_->ForgetCommands();
+  const std::string motion = absl::CHexEscape(Core(testing::kMotion));
+  EXPECT_EQ(
+      Call<rpc::NativeTouchEventRequest>(
+          static_cast<Blocking<rpc::NativeTouchEventRequest>>(
+              &Client::ForwardNativeTouchEvent),
+          "event { platform: PLATFORM_X11 payload: '" + motion + "' }")
+          .message(),
+      "the event is of type 6; touch events are of type 35 (XInput 2) and "
+      "evtype 18 to 20");
+  EXPECT_EQ(
+      Call<rpc::NativeMouseEventRequest>(
+          static_cast<Blocking<rpc::NativeMouseEventRequest>>(
+              &Client::ForwardNativeMouseEvent),
+          "event { platform: PLATFORM_WINDOWS payload: '" + motion + "' }")
+          .message(),
+      "the event is of PLATFORM_WINDOWS; this widget runs on "
+      "PLATFORM_X11");
+  EXPECT_THAT(scripted_->commands(), IsEmpty());
 }
 
 TEST_F(PageTest, InputWaitsWhileTheFocusMoves) {

@@ -19,6 +19,7 @@
 #include "gtest/gtest.h"
 
 #include "engines/chromium/real_engine_fixture.h"
+#include "engines/chromium/x11_event_fixture.h"
 #include "zimbrel/src/core/common/rpc/owned_descriptor.h"
 
 namespace chromium {
@@ -182,6 +183,65 @@ TEST_F(RealEngineTest, FingersAreSeen) {
                       "changed_points { id: 77 position { x: 5 y: 6 } }"))
                   .ok());
   EXPECT_EQ(Told(), "touchend5,6");
+}
+
+// Input as X11 delivered it
+
+template <typename Request>
+Request NativeEvent(const BrowserId& browser, const std::string& payload) {
+  Request request;
+  *request.mutable_browser_id() = browser;
+  request.mutable_event()->set_platform(rpc::PLATFORM_X11);
+  request.mutable_event()->set_payload(payload);
+  return request;
+}
+
+TEST_F(RealEngineTest, ANativeKeyPressTypes) {
+  Open(
+      "<input id=i autofocus><script>tellOf('keydown', (e) =>"
+      "  [e.key, e.code, e.keyCode, e.shiftKey].join());"
+      "tellOf('keyup', () => i.value);</script>");
+  Focus("PROGRAMMATIC");
+  Click(20, 10);
+  const auto send = [this](std::int32_t type) {
+    const auto request = NativeEvent<rpc::NativeKeyEventRequest>(
+        browser_, testing::Core(type, {.detail = 38, .state = 1}));
+    EXPECT_TRUE(widget_->ForwardNativeKeyEvent(request).ok());
+  };
+  send(testing::kKeyPress);
+  EXPECT_EQ(Told(), "A,KeyA,65,true");
+  send(testing::kKeyRelease);
+  EXPECT_EQ(Told(), "A");
+}
+
+TEST_F(RealEngineTest, ANativeMousePressClicks) {
+  Open(
+      "<button style='position:absolute;left:20px;top:30px;width:50px;"
+      "height:50px' onclick='tell([event.detail, event.clientX].join())'>");
+  for (const auto type : {testing::kButtonPress, testing::kButtonRelease}) {
+    const auto request = NativeEvent<rpc::NativeMouseEventRequest>(
+        browser_, testing::Core(type, {.detail = 1, .x = 40, .y = 50}));
+    EXPECT_TRUE(widget_->ForwardNativeMouseEvent(request).ok());
+  }
+  EXPECT_EQ(Told(), "1,40");
+}
+
+TEST_F(RealEngineTest, ANativeTouchIsSeen) {
+  Open(
+      "<script>for (const type of ['touchstart', 'touchmove', 'touchend'])"
+      "  tellOf(type, (e) => e.type + [...e.changedTouches].map((t) =>"
+      "    [t.clientX, t.clientY].join()).join(' '));</script>");
+  const auto send = [this](std::int32_t type, double x) {
+    const auto request = NativeEvent<rpc::NativeTouchEventRequest>(
+        browser_, testing::Xi(type, {.detail = 1234, .x = x, .y = 6}));
+    EXPECT_TRUE(widget_->ForwardNativeTouchEvent(request).ok());
+  };
+  send(testing::kTouchBegin, 5);
+  EXPECT_EQ(Told(), "touchstart5,6");
+  send(testing::kTouchUpdate, 50);
+  EXPECT_EQ(Told(), "touchmove50,6");
+  send(testing::kTouchEnd, 50);
+  EXPECT_EQ(Told(), "touchend50,6");
 }
 
 // Focus

@@ -45,6 +45,20 @@ class AbstractPage {
   // OK if the page takes input now; else words for the host, whose input fails.
   virtual absl::Status CheckTakesInput() const { return absl::OkStatus(); }
 
+  // For a page that reads native events: OK if it can read this one, whose
+  // platform has been checked; else words for the host, whose input fails.
+  virtual absl::Status CheckNativeKeyEvent(const rpc::NativeKeyEventRequest&) {
+    return absl::OkStatus();
+  }
+  virtual absl::Status CheckNativeMouseEvent(
+      const rpc::NativeMouseEventRequest&) {
+    return absl::OkStatus();
+  }
+  virtual absl::Status CheckNativeTouchEvent(
+      const rpc::NativeTouchEventRequest&) {
+    return absl::OkStatus();
+  }
+
   // The window that the page can be drawn into. The handle is 0 if the page is
   // only ever drawn off-screen.
   virtual rpc::WindowHandle window() const { return {}; }

@@ -48,6 +48,8 @@ class Widget {
   // The view's input, likewise; an error also if the page takes none now.
   absl::StatusOr<Input*> input();
 
+  AbstractPage& page() { return *page_; }
+
   // Checks that the window exists. Dialogs and drop-downs are the host's to
   // show, so nothing else is done with it.
   static absl::Status AssignHostWindow(

@@ -80,17 +80,21 @@ void WidgetService::ServeView(Controller* controller,
 }
 
 template <typename Event>
-void WidgetService::ServeInput(Controller* controller, const Event& event,
-                               Closure* done,
-                               absl::Status (Input::*take)(const Event&),
-                               void (AbstractPage::*react)(const Event&)) {
+void WidgetService::ServeInput(
+    Controller* controller, const Event& event, Closure* done,
+    absl::Status (Input::*take)(const Event&),
+    void (AbstractPage::*react)(const Event&),
+    absl::Status (AbstractPage::*check)(const Event&)) {
   const Event kept =
       event;  // The reply frees the event before the page reacts.
   ServeWidget(
       controller, event.browser_id(), done,
       [&](Widget& widget) {
         const absl::StatusOr<Input*> input = widget.input();
-        return input.ok() ? ((**input).*take)(event) : input.status();
+        if (!input.ok()) return input.status();
+        const absl::Status taken = ((**input).*take)(event);
+        return taken.ok() && check != nullptr ? (widget.page().*check)(event)
+                                              : taken;
       },
       [&](AbstractPage& page) { (page.*react)(kept); });
 }
@@ -254,21 +258,23 @@ void WidgetService::ForwardNativeKeyEvent(
     Controller* controller, const rpc::NativeKeyEventRequest* request, Empty*,
     Closure* done) {
   ServeInput(controller, *request, done, &Input::NativeKeyEvent,
-             &AbstractPage::NativeKeyEvent);
+             &AbstractPage::NativeKeyEvent, &AbstractPage::CheckNativeKeyEvent);
 }
 
 void WidgetService::ForwardNativeMouseEvent(
     Controller* controller, const rpc::NativeMouseEventRequest* request, Empty*,
     Closure* done) {
   ServeInput(controller, *request, done, &Input::NativeMouseEvent,
-             &AbstractPage::NativeMouseEvent);
+             &AbstractPage::NativeMouseEvent,
+             &AbstractPage::CheckNativeMouseEvent);
 }
 
 void WidgetService::ForwardNativeTouchEvent(
     Controller* controller, const rpc::NativeTouchEventRequest* request, Empty*,
     Closure* done) {
   ServeInput(controller, *request, done, &Input::NativeTouchEvent,
-             &AbstractPage::NativeTouchEvent);
+             &AbstractPage::NativeTouchEvent,
+             &AbstractPage::CheckNativeTouchEvent);
 }
 
 void WidgetService::GetAccessibilityToken(Controller* controller,

@@ -202,11 +202,12 @@ class WidgetService final : public rpc::BrowserWidgetRpc {
                  absl::FunctionRef<void(AbstractPage&)> react = DoNotReact);
 
   // Like ServeView, for an event that goes to the view's input, and then to the
-  // page.
+  // page, which may be asked before whether it can read it.
   template <typename Event>
   void ServeInput(Controller* controller, const Event& event, Closure* done,
                   absl::Status (Input::*take)(const Event&),
-                  void (AbstractPage::*react)(const Event&));
+                  void (AbstractPage::*react)(const Event&),
+                  absl::Status (AbstractPage::*check)(const Event&) = nullptr);
 
   std::map<std::uint64_t, Widget> widgets_;  // By browser.
 };

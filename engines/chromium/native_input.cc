@@ -1,0 +1,365 @@
+#include "engines/chromium/native_input.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <utility>
+
+#include "absl/status/statusor.h"
+#include "absl/strings/string_view.h"
+
+#include "host/key.h"
+#include "rpc/browser/touch.pb.h"
+#include "rpc/browser/wheel.pb.h"
+
+namespace chromium {
+namespace {
+
+// Those of GTK, in pixels of a screen at scale 1.
+constexpr std::uint32_t kDoubleClickMs = 400;
+constexpr double kDoubleClickDistance = 5;
+
+// What most browsers scroll by for one step of the wheel.
+constexpr double kDipsPerDetent = 120;
+constexpr int kDetent = 120;  // In 120ths.
+
+// A key under any of these is a shortcut and types nothing.
+constexpr std::uint32_t kShortcuts = rpc::MODIFIER_FLAG_CONTROL |
+                                     rpc::MODIFIER_FLAG_ALT |
+                                     rpc::MODIFIER_FLAG_META;
+
+// Events that are read here have been checked.
+X11Event Read(const rpc::NativeEvent& event, X11Input input) {
+  return *ReadX11Event(event.payload(), input);
+}
+
+absl::Status CheckRead(const rpc::NativeEvent& event, X11Input input) {
+  return ReadX11Event(event.payload(), input).status();
+}
+
+rpc::InputInfo InfoOf(const rpc::NativeEvent& native, const X11Event& event) {
+  rpc::InputInfo input;
+  input.set_time_ns(native.time_ns());
+  input.set_device_id(event.device);
+  input.set_modifiers(orvane::host::ModifiersOfX11State(event.modifiers));
+  return input;
+}
+
+// A position in the view, and one on the screen.
+void SetPositions(const rpc::NativeEvent& native, const X11Event& event,
+                  double scale_factor, rpc::PointDip* position,
+                  rpc::PointDip* screen_position) {
+  position->set_x((event.x - native.view_origin().x()) / scale_factor);
+  position->set_y((event.y - native.view_origin().y()) / scale_factor);
+  screen_position->set_x(event.root_x / scale_factor);
+  screen_position->set_y(event.root_y / scale_factor);
+}
+
+KeyboardLayout::Press PressOf(const X11Event& event) {
+  return {event.detail, event.modifiers, event.group};
+}
+
+// The modifier that a key is, 0 for most.
+std::uint32_t FlagOf(const rpc::Key& key) {
+  if (key.key() == "Alt") return rpc::MODIFIER_FLAG_ALT;
+  if (key.key() == "AltGraph") return rpc::MODIFIER_FLAG_ALT_GRAPH;
+  if (key.key() == "Control") return rpc::MODIFIER_FLAG_CONTROL;
+  if (key.key() == "Meta") return rpc::MODIFIER_FLAG_META;
+  if (key.key() == "Shift") return rpc::MODIFIER_FLAG_SHIFT;
+  return 0;
+}
+
+std::string WithoutControlCharacters(std::string text) {
+  std::erase_if(text, [](char character) {
+    return (character >= 0 && character < ' ') || character == '\x7f';
+  });
+  return text;
+}
+
+// Unspecified for the wheel and for buttons that pages do not know.
+rpc::MouseButton ButtonOf(std::uint32_t number) {
+  switch (number) {
+    case 1:
+      return rpc::MOUSE_BUTTON_PRIMARY;
+    case 2:
+      return rpc::MOUSE_BUTTON_AUXILIARY;
+    case 3:
+      return rpc::MOUSE_BUTTON_SECONDARY;
+    case 8:
+      return rpc::MOUSE_BUTTON_BACK;
+    case 9:
+      return rpc::MOUSE_BUTTON_FORWARD;
+    default:
+      return rpc::MOUSE_BUTTON_UNSPECIFIED;
+  }
+}
+
+std::uint32_t FlagOf(rpc::MouseButton button) {
+  switch (button) {
+    case rpc::MOUSE_BUTTON_PRIMARY:
+      return rpc::MOUSE_BUTTON_FLAG_PRIMARY;
+    case rpc::MOUSE_BUTTON_AUXILIARY:
+      return rpc::MOUSE_BUTTON_FLAG_AUXILIARY;
+    case rpc::MOUSE_BUTTON_SECONDARY:
+      return rpc::MOUSE_BUTTON_FLAG_SECONDARY;
+    case rpc::MOUSE_BUTTON_BACK:
+      return rpc::MOUSE_BUTTON_FLAG_BACK;
+    case rpc::MOUSE_BUTTON_FORWARD:
+      return rpc::MOUSE_BUTTON_FLAG_FORWARD;
+    default:
+      return 0;
+  }
+}
+
+// The buttons of a state, which knows of no more than these.
+std::uint32_t FlagsOf(std::uint32_t buttons) {
+  std::uint32_t flags = 0;
+  for (std::uint32_t number = 1; number <= 3; ++number) {
+    if ((buttons & 1U << (number - 1)) != 0) flags |= FlagOf(ButtonOf(number));
+  }
+  return flags;
+}
+
+}  // namespace
+
+NativeInput::NativeInput(widget_server::AbstractPage* page) : page_(page) {}
+
+// Keys
+
+absl::Status NativeInput::Check(const rpc::NativeKeyEventRequest& request) {
+  if (absl::Status status = CheckRead(request.event(), X11Input::kKeys);
+      !status.ok()) {
+    return status;
+  }
+  if (layout_ == nullptr) {
+    auto layout = KeyboardLayout::Load();
+    if (!layout.ok()) return layout.status();
+    layout_ = *std::move(layout);
+  }
+  return absl::OkStatus();
+}
+
+void NativeInput::Take(const rpc::NativeKeyEventRequest& request) {
+  const X11Event event = Read(request.event(), X11Input::kKeys);
+  rpc::InputInfo input = InfoOf(request.event(), event);
+  if (event.kind == X11EventKind::kKeyPress) {
+    PressKey(event, std::move(input));
+  } else {
+    ReleaseKey(event, std::move(input));
+  }
+}
+
+rpc::Key NativeInput::Describe(const X11Event& event,
+                               const rpc::InputInfo& input) {
+  const KeyboardLayout::Meaning meaning = layout_->MeaningOf(PressOf(event));
+  return orvane::host::DescribeKey(
+      {.input = input,
+       .native_key_code = event.detail,
+       .keysym = meaning.keysym,
+       .character = meaning.character,
+       .unshifted_character = meaning.unshifted_character});
+}
+
+void NativeInput::PressKey(const X11Event& event, rpc::InputInfo input) {
+  rpc::KeyPressRequest press;
+  *press.mutable_key() = Describe(event, input);
+  // X11 tells the modifiers before the press.
+  input.set_modifiers(input.modifiers() | FlagOf(press.key()));
+  *press.mutable_input() = input;
+  const bool is_new = down_.insert_or_assign(event.detail, press.key()).second;
+  const bool is_let_go_for_a_moment =
+      event.detail == released_key_ && event.time_ms == release_time_ms_;
+  press.set_is_auto_repeat(event.is_repeat || !is_new ||
+                           is_let_go_for_a_moment);
+  page_->KeyPress(press);
+
+  if ((input.modifiers() & kShortcuts) != 0) return;
+  std::string text = layout_->Type(PressOf(event));
+  text = text == "\r" ? text : WithoutControlCharacters(std::move(text));
+  if (text.empty()) return;
+  rpc::KeyTypeRequest type;
+  *type.mutable_input() = input;
+  *type.mutable_key() = press.key();
+  type.set_text(text);
+  type.set_is_auto_repeat(press.is_auto_repeat());
+  page_->KeyType(type);
+}
+
+void NativeInput::ReleaseKey(const X11Event& event, rpc::InputInfo input) {
+  const auto pressed = down_.extract(event.detail);
+  if (pressed.empty()) return;  // It was pressed elsewhere.
+  released_key_ = event.detail;
+  release_time_ms_ = event.time_ms;
+  rpc::KeyReleaseRequest release;
+  // The same key as before, which may have another meaning by now.
+  *release.mutable_key() = pressed.mapped();
+  release.mutable_key()->set_key(Describe(event, input).key());
+  const std::uint32_t flag = FlagOf(pressed.mapped());
+  const bool is_twin_down = std::any_of(
+      down_.begin(), down_.end(),
+      [flag](const auto& entry) { return FlagOf(entry.second) == flag; });
+  if (!is_twin_down) input.set_modifiers(input.modifiers() & ~flag);
+  *release.mutable_input() = std::move(input);
+  page_->KeyRelease(release);
+}
+
+// The mouse
+
+absl::Status NativeInput::Check(const rpc::NativeMouseEventRequest& request) {
+  return CheckRead(request.event(), X11Input::kMouse);
+}
+
+void NativeInput::Take(const rpc::NativeMouseEventRequest& request,
+                       double scale_factor) {
+  const X11Event event = Read(request.event(), X11Input::kMouse);
+  const rpc::InputInfo input = InfoOf(request.event(), event);
+  rpc::PointerState pointer;
+  SetPositions(request.event(), event, scale_factor, pointer.mutable_position(),
+               pointer.mutable_screen_position());
+  pointer.set_pointer_type(rpc::POINTER_TYPE_MOUSE);
+  pointer.set_buttons(pressed_ | FlagsOf(event.buttons));
+
+  const rpc::MouseButton button = ButtonOf(event.detail);
+  if (event.kind == X11EventKind::kButtonPress) {
+    if (button == rpc::MOUSE_BUTTON_UNSPECIFIED) {
+      TurnWheel(event, input, pointer);
+    } else {
+      PressButton(event, button, input, std::move(pointer));
+    }
+  } else if (event.kind == X11EventKind::kButtonRelease) {
+    ReleaseButton(button, input, std::move(pointer));
+  } else if (event.kind == X11EventKind::kMotion) {
+    if (pointer.buttons() == 0) {
+      rpc::MouseMoveRequest move;
+      *move.mutable_input() = input;
+      *move.mutable_pointer() = std::move(pointer);
+      page_->MouseMove(move);
+    } else {
+      rpc::MouseDragRequest drag;
+      *drag.mutable_input() = input;
+      *drag.mutable_pointer() = std::move(pointer);
+      page_->MouseDrag(drag);
+    }
+  } else if (event.is_by_grab) {
+    return;
+  } else if (event.kind == X11EventKind::kEnter) {
+    has_left_ = false;
+    rpc::MouseEnterRequest enter;
+    *enter.mutable_input() = input;
+    *enter.mutable_pointer() = std::move(pointer);
+    page_->MouseEnter(enter);
+  } else if (pressed_ != 0) {
+    has_left_ = true;  // The page is told once the button is up.
+  } else {
+    rpc::MouseExitRequest exit;
+    *exit.mutable_input() = input;
+    *exit.mutable_pointer() = std::move(pointer);
+    page_->MouseExit(exit);
+  }
+}
+
+void NativeInput::PressButton(const X11Event& event, rpc::MouseButton button,
+                              const rpc::InputInfo& input,
+                              rpc::PointerState pointer) {
+  CountClick(event, button);
+  pressed_ |= FlagOf(button);
+  pointer.set_buttons(pointer.buttons() | FlagOf(button));
+  rpc::MousePressRequest press;
+  *press.mutable_input() = input;
+  *press.mutable_pointer() = std::move(pointer);
+  press.set_button(button);
+  press.set_click_count(click_.count);
+  page_->MousePress(press);
+}
+
+void NativeInput::ReleaseButton(rpc::MouseButton button,
+                                const rpc::InputInfo& input,
+                                rpc::PointerState pointer) {
+  // The wheel comes up too; other buttons may have been pressed elsewhere.
+  if ((pressed_ & FlagOf(button)) == 0) return;
+  pressed_ &= ~FlagOf(button);
+  pointer.set_buttons(pointer.buttons() & ~FlagOf(button));
+  rpc::MouseReleaseRequest release;
+  *release.mutable_input() = input;
+  *release.mutable_pointer() = pointer;
+  release.set_button(button);
+  release.set_click_count(button == click_.button ? click_.count : 0);
+  page_->MouseRelease(release);
+
+  if (pressed_ != 0 || !std::exchange(has_left_, false)) return;
+  rpc::MouseExitRequest exit;
+  *exit.mutable_input() = input;
+  *exit.mutable_pointer() = std::move(pointer);
+  page_->MouseExit(exit);
+}
+
+void NativeInput::TurnWheel(const X11Event& event, const rpc::InputInfo& input,
+                            const rpc::PointerState& pointer) {
+  // Up, down, left, right.
+  if (event.detail < 4 || event.detail > 7) return;
+  const int detents = event.detail % 2 == 0 ? -1 : 1;
+  // Shift makes a wheel scroll sideways.
+  const bool is_sideways =
+      event.detail >= 6 || (input.modifiers() & rpc::MODIFIER_FLAG_SHIFT) != 0;
+  rpc::MouseWheelRequest wheel;
+  *wheel.mutable_input() = input;
+  *wheel.mutable_pointer() = pointer;
+  wheel.set_delta_mode(rpc::WHEEL_DELTA_MODE_PIXEL);
+  wheel.set_source(rpc::WHEEL_SOURCE_WHEEL);
+  if (is_sideways) {
+    wheel.set_delta_x(detents * kDipsPerDetent);
+    wheel.set_detents_x_120ths(detents * kDetent);
+  } else {
+    wheel.set_delta_y(detents * kDipsPerDetent);
+    wheel.set_detents_y_120ths(detents * kDetent);
+  }
+  page_->MouseWheel(wheel);
+}
+
+void NativeInput::CountClick(const X11Event& event, rpc::MouseButton button) {
+  const bool is_in_a_row =
+      click_.button == button &&
+      event.time_ms - click_.time_ms <= kDoubleClickMs &&  // Wraps around.
+      std::abs(event.x - click_.x) <= kDoubleClickDistance &&
+      std::abs(event.y - click_.y) <= kDoubleClickDistance;
+  click_ = {button, event.x, event.y, event.time_ms,
+            is_in_a_row ? click_.count + 1 : 1};
+}
+
+void NativeInput::ForgetButtons() {
+  pressed_ = 0;
+  has_left_ = false;
+}
+
+void NativeInput::ForgetHeld() {
+  ForgetButtons();
+  down_.clear();
+}
+
+// Touch
+
+absl::Status NativeInput::Check(const rpc::NativeTouchEventRequest& request) {
+  return CheckRead(request.event(), X11Input::kTouch);
+}
+
+void NativeInput::Take(const rpc::NativeTouchEventRequest& request,
+                       double scale_factor) {
+  const X11Event event = Read(request.event(), X11Input::kTouch);
+  const auto fill = [&](auto touch) {
+    *touch.mutable_input() = InfoOf(request.event(), event);
+    rpc::TouchPoint& point = *touch.add_changed_points();
+    point.set_id(static_cast<std::int32_t>(event.detail));
+    SetPositions(request.event(), event, scale_factor, point.mutable_position(),
+                 point.mutable_screen_position());
+    return touch;
+  };
+  if (event.kind == X11EventKind::kTouchBegin) {
+    page_->TouchStart(fill(rpc::TouchStartRequest()));
+  } else if (event.kind == X11EventKind::kTouchUpdate) {
+    page_->TouchMove(fill(rpc::TouchMoveRequest()));
+  } else {
+    page_->TouchEnd(fill(rpc::TouchEndRequest()));
+  }
+}
+
+}  // namespace chromium
