@@ -6,16 +6,32 @@
 // Whatever comes from the page is cut, since the page decides how long it is.
 (() => {
   "use strict";
-  if (globalThis.orvaneAgent) return;
+  // An element of that id would be a member of the global object too.
+  if (Object.hasOwn(globalThis, "orvaneAgent")) return;
 
   const kMaxText = 64 * 1024;
 
   const report = (message) => globalThis.orvaneReport(JSON.stringify(message));
   const cut = (text) => String(text).slice(0, kMaxText).toWellFormed();
+  // Elements can hide the members of their document or form by their names, as
+  // in <img name=title>. What this returns has the members that are never
+  // hidden; it is not the node itself.
+  const bare = (node) =>
+    node !== document && !(node instanceof HTMLFormElement) ? node
+    : new Proxy({}, {
+        get(_, name) {
+          const member = Reflect.get(Object.getPrototypeOf(node), name, node);
+          return typeof member === "function" ? member.bind(node) : member;
+        },
+        set: (_, name, value) =>
+          Reflect.set(Object.getPrototypeOf(node), name, value, node),
+      });
+  const doc = bare(document);
+
   // Where an element lies in the view; null if a frame of another site's is in
   // between, whose place cannot be seen from here.
   const placeOf = (element) => {
-    let { x, y, width, height } = element.getBoundingClientRect();
+    let { x, y, width, height } = bare(element).getBoundingClientRect();
     let inner = window;
     for (; inner.frameElement; inner = inner.parent) {
       const frame = inner.frameElement;
@@ -31,12 +47,13 @@
     return target instanceof Element ? target : target?.parentElement ?? null;
   };
   const closest = (element, selector) => {
-    while (element) {
-      const found = element.closest(selector);
+    while (true) {
+      const found = bare(element).closest(selector);
       if (found) return found;
-      element = element.getRootNode().host;  // Out of the shadow root.
+      const root = bare(element).getRootNode();
+      if (!(root instanceof ShadowRoot)) return null;
+      element = root.host;
     }
-    return null;
   };
 
   // The cursor and the tooltip ------------------------------------------------
@@ -50,10 +67,10 @@
 
   const isOverText = (element) => {
     if (!pointer) return false;
-    const at = document.caretPositionFromPoint?.(pointer.x, pointer.y);
+    const at = doc.caretPositionFromPoint?.(pointer.x, pointer.y);
     if (at?.offsetNode.nodeType !== Node.TEXT_NODE) return false;
-    if (!element.contains(at.offsetNode)) return false;
-    const range = document.createRange();
+    if (!bare(element).contains(at.offsetNode)) return false;
+    const range = doc.createRange();
     range.selectNodeContents(at.offsetNode);
     return [...range.getClientRects()].some(
       (box) => pointer.x >= box.left && pointer.x < box.right &&
@@ -65,7 +82,8 @@
     if (closest(element, "a[href], area[href]")) return "pointer";
     if (element instanceof HTMLInputElement)
       return textTypes.has(element.type) ? "text" : "default";
-    if (element instanceof HTMLTextAreaElement || element.isContentEditable)
+    if (element instanceof HTMLTextAreaElement ||
+        bare(element).isContentEditable)
       return "text";
     if (closest(element, "button, select, label")) return "default";
     if (getComputedStyle(element).userSelect === "none") return "default";
@@ -129,8 +147,9 @@
       cursor = value.slice(value.lastIndexOf(",") + 1).trim();
       if (cursor === "auto") cursor = resolveAuto(element);
       anchor = closest(element, "[title]");
-      const svg = element.closest("svg")?.querySelector(":scope > title");
-      tooltip = anchor ? anchor.title ?? "" : svg?.textContent ?? "";
+      const svg = closest(element, "svg")?.querySelector(":scope > title");
+      tooltip = (anchor ? bare(anchor).getAttribute("title")
+                        : svg?.textContent) ?? "";
     }
     hasTooltip = tooltip !== "";
     report({ kind: "cursor", cursor: cut(cursor), ...image });
@@ -145,7 +164,7 @@
     look(innermost(event));
   }, true);
   // Another document, if any, is under the pointer now and reports for itself.
-  document.addEventListener("mouseleave", () => {
+  doc.addEventListener("mouseleave", () => {
     pointer = null;
     if (hasTooltip) report({ kind: "tooltip", text: "" });
     hasTooltip = false;
@@ -170,9 +189,9 @@
   const beginTabAt = (place, tabIndex) => {
     remembered = null;
     hidesTab = true;
-    edge = document.createElement("span");
+    edge = doc.createElement("span");
     edge.tabIndex = tabIndex;  // 1 comes before those in the page's order.
-    document.documentElement?.[place](edge);
+    doc.documentElement?.[place](edge);
     edge.focus({ preventScroll: true });
   };
   for (const type of ["focus", "focusin", "blur", "focusout"]) {
@@ -199,7 +218,8 @@
     "::picker(select) { appearance: base-select; }");
 
   const listFor = (event) => {
-    const select = innermost(event)?.closest("select");
+    const target = innermost(event);
+    const select = target && bare(target).closest("select");
     const isList = select && !select.multiple && select.size <= 1;
     // One that the page draws takes its input itself while it is open.
     return isList && !select.disabled && !select.matches(":open") ? select
@@ -266,8 +286,9 @@
   let lastColor = 0;
 
   const hasChooser = (element) =>
-    element?.matches("input[type=date], input[type=time], input[type=month], " +
-                     "input[type=week], input[type=datetime-local]");
+    element instanceof HTMLInputElement &&
+    element.matches("[type=date], [type=time], [type=month], [type=week], " +
+                    "[type=datetime-local]");
 
   const askForColor = (input) => {
     if (input.disabled) return;
@@ -281,7 +302,8 @@
   addEventListener("click", (event) => {
     const element = innermost(event);
     if (hasChooser(element)) event.preventDefault();
-    if (!element?.matches("input[type=color]")) return;
+    if (!(element instanceof HTMLInputElement) || element.type !== "color")
+      return;
     event.preventDefault();
     askForColor(element);
   }, true);
@@ -314,8 +336,9 @@
     setTimeout(() => {
       const types = event.dataTransfer.types;
       const takesText = target && types.includes("text/plain") &&
-        (target.isContentEditable || target.matches("textarea, input"));
-      const takesFiles = target?.matches("input[type=file]") &&
+        (bare(target).isContentEditable ||
+         bare(target).matches("textarea, input"));
+      const takesFiles = target && bare(target).matches("input[type=file]") &&
                          types.includes("Files");
       report({
         kind: "drag",
@@ -331,55 +354,146 @@
   const regionIds = new WeakMap();
   let lastRegion = 0;
   let liveObserver = null;
+  const watchedRoots = new WeakSet();
+  const kMaxAnnounced = 100;  // Regions of a task. Nobody listens to more.
+  const kRootsInterval = 1000;  // ms
+
+  // The parent as the page is drawn: content of a shadow root lies in the
+  // element that has it, and what is put into a slot lies there. Closed shadow
+  // roots cannot be seen from here.
+  const drawnParent = (node) =>
+    node instanceof ShadowRoot ? node.host
+                               : bare(node).assignedSlot ?? bare(node).parentNode;
+  const drawnChildren = (node) => {
+    const assigned = node instanceof HTMLSlotElement ? node.assignedNodes() : [];
+    if (assigned.length > 0) return assigned;
+    return bare(bare(node).shadowRoot ?? node).childNodes;
+  };
+  const regionOf = (node) => {
+    for (let at = node; at; at = drawnParent(at)) {
+      if (at instanceof Element && bare(at).matches(liveSelector)) return at;
+    }
+    return null;
+  };
+
+  // A page can nest deeper than functions can call themselves.
+  const textOf = (node) => {
+    let text = "";
+    const rest = [node];
+    while (rest.length > 0 && text.length < kMaxText) {
+      const next = rest.pop();
+      if (next instanceof Text) text += next.data;
+      const isCode = next instanceof HTMLStyleElement ||
+                     next instanceof HTMLScriptElement;
+      if (isCode) continue;
+      for (const child of [...drawnChildren(next)].reverse()) rest.push(child);
+    }
+    return text;
+  };
 
   const politenessOf = (region) => {
-    const stated = region.getAttribute("aria-live");
+    const stated = bare(region).getAttribute("aria-live");
     if (["off", "polite", "assertive"].includes(stated)) return stated;
-    const role = region.getAttribute("role");
+    const role = bare(region).getAttribute("role");
     if (role === "alert") return "assertive";
     return role === "timer" || role === "marquee" ? "off" : "polite";
   };
 
   const announce = (region, changed, isRemoval) => {
     if (!regionIds.has(region)) regionIds.set(region, ++lastRegion);
-    const role = region.getAttribute("role");
-    const atomic = region.getAttribute("aria-atomic");
+    const attribute = (name) => bare(region).getAttribute(name);
+    const role = attribute("role");
+    const atomic = attribute("aria-atomic");
     const isAtomic = atomic === "true" ||
       (atomic === null && (role === "alert" || role === "status"));
+    const language = closest(region, "[lang]");
     report({
       kind: "live", region: regionIds.get(region),
-      text: cut(isAtomic ? region.textContent : isRemoval ? "" : changed),
+      text: cut(isAtomic ? textOf(region) : isRemoval ? "" : changed),
       politeness: politenessOf(region), atomic: isAtomic,
-      relevant: cut(region.getAttribute("aria-relevant") ?? ""),
-      busy: region.getAttribute("aria-busy") === "true",
-      language: cut(region.closest("[lang]")?.lang ?? "") });
+      relevant: cut(attribute("aria-relevant") ?? ""),
+      busy: attribute("aria-busy") === "true",
+      language: cut(language ? bare(language).getAttribute("lang") : "") });
+  };
+
+  // What live regions have gained, each with all of it.
+  class Gains {
+    #gains = new Map();
+
+    note(node, text, isRemoval) {
+      const region = regionOf(node);
+      if (!region) return;
+      const before = this.#gains.get(region);
+      if (!before && this.#gains.size === kMaxAnnounced) return;
+      const texts = [before?.text, text].filter(Boolean).join(" ");
+      this.#gains.set(region, {
+        text: texts.slice(0, kMaxText),
+        isRemoval: (before?.isRemoval ?? true) && isRemoval });
+    }
+    // An alert is one as soon as it is there; other regions are silent until
+    // they change.
+    noteAlerts(root) {
+      for (const alert of bare(root).querySelectorAll("[role=alert]")) {
+        const text = textOf(alert);
+        if (text.trim() !== "") this.note(alert, text, false);
+      }
+    }
+    announce() {
+      for (const [region, { text, isRemoval }] of this.#gains)
+        announce(region, text, isRemoval);
+    }
+  }
+
+  const watchChanges = (root) => {
+    watchedRoots.add(root);
+    liveObserver.observe(root, {
+      characterData: true, childList: true, subtree: true });
+  };
+
+  // Watches the shadow roots below a node that are not watched yet, and those
+  // in them. Their alerts are new, unless `gains` is null.
+  const watchRoots = (node, gains) => {
+    const rest = [node];
+    while (rest.length > 0) {
+      const next = bare(rest.pop());
+      for (const element of [next, ...next.querySelectorAll("*")]) {
+        const root = bare(element).shadowRoot;
+        if (!root || watchedRoots.has(root)) continue;
+        watchChanges(root);
+        gains?.noteAlerts(root);
+        rest.push(root);
+      }
+    }
   };
 
   const takeChanges = (changes) => {
-    // One report for each region of a task, with all that it gained.
-    const gained = new Map();
-    const note = (node, text, isRemoval) => {
-      const element = node instanceof Element ? node : node.parentElement;
-      const region = element?.closest(liveSelector);
-      if (!region) return;
-      const before = gained.get(region) ?? { text: "", isRemoval: true };
-      gained.set(region, {
-        text: [before.text, text].filter(Boolean).join(" "),
-        isRemoval: before.isRemoval && isRemoval });
-    };
+    const gains = new Gains();
     for (const change of changes) {
       if (change.type === "characterData") {
-        note(change.target, change.target.data, false);
+        gains.note(change.target, change.target.data, false);
         continue;
       }
       for (const node of change.addedNodes) {
-        note(node.isConnected ? node : change.target, node.textContent, false);
+        const isThere = bare(node).isConnected;
+        gains.note(isThere ? node : change.target, textOf(node), false);
+        if (!isThere || !(node instanceof Element)) continue;
+        gains.noteAlerts(node);
+        watchRoots(node, gains);
       }
       if (change.removedNodes.length > 0 && change.addedNodes.length === 0)
-        note(change.target, "", true);
+        gains.note(change.target, "", true);
     }
-    for (const [region, { text, isRemoval }] of gained)
-      announce(region, text, isRemoval);
+    gains.announce();
+  };
+
+  // Nothing tells of a shadow root that is attached to an element of the page.
+  const lookForRootsLater = () => {
+    setTimeout(() => requestIdleCallback(() => {
+      const gains = new Gains();
+      watchRoots(document, gains);
+      gains.announce();
+      lookForRootsLater();
+    }), kRootsInterval);
   };
 
   // The title and the icon, of the main frame ---------------------------------
@@ -390,14 +504,14 @@
   let isIconLoading = false;
 
   const iconAddress = () => {
-    const link = [...document.querySelectorAll("link[rel~=icon i]")].at(-1);
+    const link = [...doc.querySelectorAll("link[rel~=icon i]")].at(-1);
     if (link?.href) return link.href;
     return /^https?:$/.test(location.protocol)
              ? new URL("/favicon.ico", location).href : "";
   };
 
   const reportIcon = async () => {
-    if (isIconLoading || document.readyState !== "complete") return;
+    if (isIconLoading || doc.readyState !== "complete") return;
     const address = iconAddress();
     if (address === icon) return;
     icon = address;
@@ -412,8 +526,8 @@
   };
 
   const reportTitle = () => {
-    if (document.title === title) return;
-    title = document.title;
+    if (doc.title === title) return;
+    title = doc.title;
     report({ kind: "title", title: cut(title) });
   };
 
@@ -422,12 +536,12 @@
     new MutationObserver(() => {
       reportTitle();
       reportIcon();
-    }).observe(document.head ?? document, {
+    }).observe(doc.head ?? document, {
       attributes: true, characterData: true, childList: true, subtree: true });
   };
 
   if (window === window.top) {
-    if (document.readyState === "loading")
+    if (doc.readyState === "loading")
       addEventListener("DOMContentLoaded", watchHead, { once: true });
     else watchHead();
     addEventListener("load", reportIcon, { once: true });
@@ -441,9 +555,9 @@
       if (openList?.id !== list) return;
       const { select } = openList;
       openList = null;
-      if (!document.adoptedStyleSheets.includes(drawnLists)) {
-        document.adoptedStyleSheets =
-          [...document.adoptedStyleSheets, drawnLists];
+      if (!doc.adoptedStyleSheets.includes(drawnLists)) {
+        doc.adoptedStyleSheets =
+          [...doc.adoptedStyleSheets, drawnLists];
       }
       try {
         select.showPicker();
@@ -480,29 +594,31 @@
         if (element) report({ kind: "focus", place: placeOf(element) });
       }, true);
       liveObserver = new MutationObserver(takeChanges);
-      liveObserver.observe(document, {
-        characterData: true, childList: true, subtree: true });
+      watchChanges(document);
+      watchRoots(document, null);
+      lookForRootsLater();
     },
     // The view has lost the focus. A page gives it up only if Tab finds nothing
     // to go to, so the document is inert while the widget sends one.
     leave() {
-      const active = document.activeElement;
-      if (active && active !== document.body) remembered = active;
+      const active = doc.activeElement;
+      if (active && active !== doc.body) remembered = active;
       hidesTab = true;
-      active?.blur();
-      if (document.documentElement) document.documentElement.inert = true;
+      if (active) bare(active).blur();
+      if (doc.documentElement) doc.documentElement.inert = true;
     },
     // After the Tab.
     left() {
       hidesTab = false;
-      if (document.documentElement) document.documentElement.inert = false;
-      return document.hasFocus();
+      if (doc.documentElement) doc.documentElement.inert = false;
+      return doc.hasFocus();
     },
     // The view has the focus again.
     come() {
       const element = remembered;
       remembered = null;
-      if (element?.isConnected) element.focus({ preventScroll: true });
+      if (element && bare(element).isConnected)
+        bare(element).focus({ preventScroll: true });
       else window.focus();
     },
     // The widget sends a Tab that leads into the page, by its first element
@@ -513,10 +629,10 @@
       edge?.remove();
       edge = null;
       // A page without anything to focus keeps the focus itself.
-      if (!document.hasFocus()) window.focus();
+      if (!doc.hasFocus()) window.focus();
     },
     hasFocus() {
-      return document.hasFocus();
+      return doc.hasFocus();
     },
     // Looks again at what the pointer is over, since the page has changed.
     look() {
@@ -525,9 +641,9 @@
         openList = null;
       }
       if (!pointer) return;
-      let element = document.elementFromPoint(pointer.x, pointer.y);
-      while (element?.shadowRoot) {
-        const inner = element.shadowRoot.elementFromPoint(pointer.x, pointer.y);
+      let element = doc.elementFromPoint(pointer.x, pointer.y);
+      for (let root; element && (root = bare(element).shadowRoot);) {
+        const inner = root.elementFromPoint(pointer.x, pointer.y);
         if (!inner || inner === element) break;
         element = inner;
       }

@@ -39,17 +39,22 @@ class PageScriptTest : public testing::RealEngineFixture {
     return ParseJson(std::string(outcome->json())).value_or(Json());
   }
 
-  // What the script has reported of that kind, once all that is pending has
-  // happened. The reports are gone then.
-  std::vector<Json> Reports(const std::string& kind) {
-    const Json reports = Run(
+  // What the script has reported, once all that is pending has happened. The
+  // reports are gone then.
+  Json AllReports() {
+    return Run(
         "new Promise((resolve) => requestAnimationFrame(() => setTimeout(() =>"
         "  resolve(reports.splice(0)))))");
+  }
+  static std::vector<Json> Of(const std::string& kind, const Json& reports) {
     std::vector<Json> found;
     for (const Json& report : reports) {
       if (Text(report, "kind") == kind) found.push_back(report);
     }
     return found;
+  }
+  std::vector<Json> Reports(const std::string& kind) {
+    return Of(kind, AllReports());
   }
 
   // The cursor that is reported for the middle of that element.
@@ -201,6 +206,127 @@ TEST_F(PageScriptTest, AnnouncesWhatALiveRegionGains) {
   EXPECT_EQ(Text(announced[0], "politeness"), "assertive");
   EXPECT_EQ(Text(announced[1], "text"), "old new");  // The whole, as a status.
   EXPECT_TRUE(Flag(announced[1], "atomic"));
+}
+
+TEST_F(PageScriptTest, AnnouncesWhatChangesInsideShadowRoots) {
+  Open("<div id=outer></div>");
+  Run("outer.attachShadow({ mode: 'open' }).innerHTML ="
+      "  '<p id=inner></p>';"
+      "var inner = outer.shadowRoot.getElementById('inner')"
+      "  .attachShadow({ mode: 'open' });"
+      "inner.innerHTML = '<style>i { top: 0 }</style>"
+      "<div lang=de role=status><i>old</i></div>'");
+  Run("orvaneAgent.turnAccessibilityOn()");
+  EXPECT_THAT(Reports("live"), IsEmpty());
+  Run("inner.querySelector('div').append(' new')");
+  const std::vector<Json> announced = Reports("live");
+  ASSERT_THAT(announced, SizeIs(1));
+  EXPECT_EQ(Text(announced[0], "text"), "old new");
+  EXPECT_EQ(Text(announced[0], "language"), "de");
+}
+
+TEST_F(PageScriptTest, AnnouncesAlertsThatComeWithTheirShadowRoot) {
+  Open("");
+  Run("orvaneAgent.turnAccessibilityOn()");
+  Run("customElements.define('x-toast', class extends HTMLElement {"
+      "  connectedCallback() {"
+      "    this.attachShadow({ mode: 'open' }).innerHTML ="
+      "      '<style>i { top: 0 }</style><div role=alert><i>Saved</i></div>'"
+      "      + '<div role=status>Idle</div>'; } });"
+      "document.body.append(document.createElement('x-toast'))");
+  const std::vector<Json> announced = Reports("live");
+  ASSERT_THAT(announced, SizeIs(1));
+  EXPECT_EQ(Text(announced[0], "text"), "Saved");
+  EXPECT_EQ(Text(announced[0], "politeness"), "assertive");
+}
+
+TEST_F(PageScriptTest, FindsAShadowRootThatIsAttachedLater) {
+  Open("<div id=d></div>");
+  Run("orvaneAgent.turnAccessibilityOn()");
+  Run("d.attachShadow({ mode: 'open' }).innerHTML ="
+      "  '<div role=alert>At last</div>'");
+  // Nothing in the page changes from here on.
+  std::vector<Json> announced;
+  while (announced.empty()) announced = Reports("live");
+  EXPECT_EQ(Text(announced[0], "text"), "At last");
+}
+
+TEST_F(PageScriptTest, AnnouncesWhatIsDrawnInsideALiveRegion) {
+  Open("<div id=host aria-live=polite></div><div id=card><b>one</b></div>");
+  Run("host.attachShadow({ mode: 'open' }).innerHTML = '<p>a</p>';"
+      "card.attachShadow({ mode: 'open' }).innerHTML ="
+      "  '<div role=status>Now: <slot></slot></div>'");
+  Run("orvaneAgent.turnAccessibilityOn()");
+  Run("host.shadowRoot.firstChild.textContent = 'b';"
+      "card.firstChild.textContent = 'two'");
+  const std::vector<Json> announced = Reports("live");
+  ASSERT_THAT(announced, SizeIs(2));
+  EXPECT_EQ(Text(announced[0], "text"), "b");
+  EXPECT_EQ(Text(announced[1], "text"), "Now: two");
+}
+
+TEST_F(PageScriptTest, TellsNothingOfClosedShadowRoots) {
+  Open("<div id=d></div>");
+  Run("var root = d.attachShadow({ mode: 'closed' });"
+      "root.innerHTML = '<div role=status></div>'");
+  Run("orvaneAgent.turnAccessibilityOn()");
+  Run("root.firstChild.textContent = 'unheard'");
+  EXPECT_THAT(Reports("live"), IsEmpty());
+}
+
+// What pages do to it, some on purpose
+
+TEST_F(PageScriptTest, NamesOfElementsHideNothing) {
+  // The names are those of what it uses; the first one made it run for ever.
+  Open(
+      "<form name=host></form><form name=title></form><form name=hasFocus>"
+      "</form><form name=activeElement></form><form name=documentElement>"
+      "</form><form name=querySelectorAll></form><form name=body></form>"
+      "<form name=elementFromPoint></form><form name=createElement></form>"
+      "<form id=f aria-live=polite title=Tip"
+      " style='width:99px;height:99px;cursor:wait'>"
+      "<input name=closest type=hidden><input name=title type=hidden>"
+      "<input name=getAttribute type=hidden><input name=matches type=hidden>"
+      "<input name=getRootNode type=hidden><input name=contains type=hidden>"
+      "<input name=parentNode type=hidden><input name=shadowRoot type=hidden>"
+      "<input name=getBoundingClientRect type=hidden>"
+      "<input name=childNodes type=hidden><input name=isConnected type=hidden>"
+      "</form>");
+  Run("orvaneAgent.turnAccessibilityOn()");
+  Run("EventTarget.prototype.dispatchEvent.call(f, new MouseEvent('mousemove',"
+      "  { bubbles: true, clientX: 9, clientY: 9 }));"
+      "Node.prototype.appendChild.call(f, new Text('news'));"
+      "EventTarget.prototype.dispatchEvent.call(f, new FocusEvent('focusin',"
+      "  { bubbles: true }))");
+  const Json reports = AllReports();
+  ASSERT_THAT(Of("cursor", reports), SizeIs(1));
+  EXPECT_EQ(Text(Of("cursor", reports)[0], "cursor"), "wait");
+  ASSERT_THAT(Of("tooltip", reports), SizeIs(1));
+  EXPECT_EQ(Text(Of("tooltip", reports)[0], "text"), "Tip");
+  ASSERT_THAT(Of("live", reports), SizeIs(1));
+  EXPECT_EQ(Text(Of("live", reports)[0], "text"), "news");
+  EXPECT_THAT(Of("focus", reports), SizeIs(1));
+  Run("orvaneAgent.look(); orvaneAgent.leave()");
+  EXPECT_EQ(Run("document.firstElementChild.inert"), true);
+  Run("orvaneAgent.left(); orvaneAgent.expectTab(); orvaneAgent.haveTabbed();"
+      "orvaneAgent.come()");
+}
+
+TEST_F(PageScriptTest, DeepAndWidePagesAreNoTrouble) {
+  Open("<div id=d aria-live=polite hidden></div>");
+  Run("orvaneAgent.turnAccessibilityOn()");
+  Run("var deep = document.createElement('div'); var at = deep;"
+      "for (let i = 0; i < 20000; ++i)"
+      "  at = at.appendChild(document.createElement('i'));"
+      "at.append('deep'); d.append(deep)");
+  std::vector<Json> announced = Reports("live");
+  ASSERT_THAT(announced, SizeIs(1));
+  EXPECT_EQ(Text(announced[0], "text"), "deep");
+  Run("deep.remove(); var wide = document.createElement('div');"
+      "for (let i = 0; i < 300000; ++i) wide.append('x'); d.append(wide)");
+  announced = Reports("live");
+  ASSERT_THAT(announced, SizeIs(1));
+  EXPECT_THAT(Text(announced[0], "text"), SizeIs(65536));
 }
 
 }  // namespace
