@@ -180,8 +180,8 @@ void Drags::End(const rpc::DragEndRequest& event) {
 void Drags::SendAt(const char* type, const Json& data,
                    const rpc::PointDip& position, std::uint32_t modifiers) {
   send_({{"type", type},
-         {"x", position.x()},
-         {"y", position.y()},
+         {"x", EngineCoordinate(position.x())},
+         {"y", EngineCoordinate(position.y())},
          {"data", data},
          {"modifiers", EngineModifiers(modifiers)}});
 }

@@ -45,6 +45,12 @@ absl::Status Engine::Start() {
   return has_been_up_ ? absl::OkStatus() : last_end_;
 }
 
+bool Engine::has_all_targets() const {
+  return std::all_of(places_.begin(), places_.end(), [](const auto& place) {
+    return !place->target.screen.empty();
+  });
+}
+
 absl::Status Engine::Begin() {
   absl::StatusOr<LaunchedEngine> launched = launch_();
   if (!launched.ok()) return launched.status();

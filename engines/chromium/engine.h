@@ -75,6 +75,9 @@ class Engine {
   // does not come up; then it is not started again.
   absl::Status Start();
 
+  // Every client has a target now.
+  bool has_all_targets() const;
+
   // Lets the engine write what it has not written yet, and end by itself,
   // within that time. Then runs `done`.
   void Shutdown(absl::Duration within, orvane::Task done);

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <cstdint>
 #include <string>
 #include <utility>
 
@@ -27,6 +29,13 @@ constexpr int kComposingKeyCode = 229;
 // Where the pointer is when it is nowhere in the view.
 constexpr double kOutside = -1;
 
+// In DIPs. An engine that is sent a number near the largest takes no more mouse
+// input for that page.
+constexpr double kFarthest = 1e6;
+
+constexpr std::uint32_t kMaxClickCount = 100;
+constexpr std::uint32_t kMaxKeyCode = 0xffff;
+
 // The codes of keys whose names pages act on, for hosts that send the names
 // alone.
 constexpr std::pair<absl::string_view, int> kKeyCodes[] = {
@@ -44,8 +53,15 @@ constexpr std::pair<absl::string_view, int> kKeyCodes[] = {
     {"F12", 123},        {"NumLock", 144},   {"ScrollLock", 145},
 };
 
+// One that is not a number becomes the lowest: the engine refuses a command
+// with it, and a button or finger whose release is refused would be held for
+// ever.
+double Within(double low, double value, double high) {
+  return value >= low ? std::min(value, high) : low;
+}
+
 int KeyCodeOf(const rpc::Key& key) {
-  if (key.windows_key_code() != 0)
+  if (key.windows_key_code() != 0 && key.windows_key_code() <= kMaxKeyCode)
     return static_cast<int>(key.windows_key_code());
   if (key.key().size() == 1 &&
       absl::ascii_isalnum(static_cast<unsigned char>(key.key()[0]))) {
@@ -94,9 +110,11 @@ Json NewEvent(const char* type, const rpc::InputInfo& input) {
         std::chrono::steady_clock::now().time_since_epoch());
     const auto now = std::chrono::duration_cast<nanoseconds>(
         std::chrono::system_clock::now().time_since_epoch());
+    const std::int64_t age =
+        monotonic.count() -
+        std::min<std::int64_t>(input.time_ns(), monotonic.count());
     event["timestamp"] =
-        static_cast<double>(now.count() - monotonic.count() + input.time_ns()) /
-        kNanosecondsPerSecond;
+        static_cast<double>(now.count() - age) / kNanosecondsPerSecond;
   }
   return event;
 }
@@ -107,7 +125,7 @@ Json NewKeyEvent(const char* type, const rpc::Key& key,
   if (!key.key().empty()) event["key"] = key.key();
   if (!key.code().empty()) event["code"] = key.code();
   event["windowsVirtualKeyCode"] = KeyCodeOf(key);
-  if (key.has_native_key_code())
+  if (key.has_native_key_code() && key.native_key_code() <= kMaxKeyCode)
     event["nativeVirtualKeyCode"] = key.native_key_code();
   if (key.location() > rpc::KEY_LOCATION_STANDARD &&
       rpc::KeyLocation_IsValid(key.location())) {
@@ -121,19 +139,19 @@ Json NewKeyEvent(const char* type, const rpc::Key& key,
 Json NewMouseEvent(const char* type, const rpc::PointerState& pointer,
                    const rpc::InputInfo& input) {
   Json event = NewEvent(type, input);
-  event["x"] = pointer.position().x();
-  event["y"] = pointer.position().y();
+  event["x"] = EngineCoordinate(pointer.position().x());
+  event["y"] = EngineCoordinate(pointer.position().y());
   event["buttons"] = pointer.buttons() & 31;
   if (pointer.pointer_type() == rpc::POINTER_TYPE_PEN ||
       pointer.pointer_type() == rpc::POINTER_TYPE_ERASER) {
     event["pointerType"] = "pen";
-    event["tiltX"] = pointer.tilt_x_deg();
-    event["tiltY"] = pointer.tilt_y_deg();
-    event["twist"] = pointer.twist_deg();
-    event["tangentialPressure"] = pointer.tangential_pressure();
+    event["tiltX"] = std::clamp(pointer.tilt_x_deg(), -90, 90);
+    event["tiltY"] = std::clamp(pointer.tilt_y_deg(), -90, 90);
+    event["twist"] = pointer.twist_deg() % 360;
+    event["tangentialPressure"] = Within(-1, pointer.tangential_pressure(), 1);
   }
   if (pointer.has_pressure()) {
-    event["force"] = pointer.pressure();
+    event["force"] = Within(0, pointer.pressure(), 1);
   } else if (pointer.buttons() != 0) {
     event["force"] = 0.5;  // As the DOM has it for devices that sense none.
   }
@@ -141,6 +159,10 @@ Json NewMouseEvent(const char* type, const rpc::PointerState& pointer,
 }
 
 }  // namespace
+
+double EngineCoordinate(double dips) {
+  return Within(-kFarthest, dips, kFarthest);
+}
 
 int EngineModifiers(std::uint32_t modifiers) {
   return static_cast<int>(modifiers & kEngineModifiers);
@@ -179,14 +201,14 @@ Json KeyText(const rpc::KeyTypeRequest& event) {
 Json MousePressed(const rpc::MousePressRequest& event) {
   Json command = NewMouseEvent("mousePressed", event.pointer(), event.input());
   command["button"] = NameOf(event.button());
-  command["clickCount"] = event.click_count();
+  command["clickCount"] = std::min(event.click_count(), kMaxClickCount);
   return command;
 }
 
 Json MouseReleased(const rpc::MouseReleaseRequest& event) {
   Json command = NewMouseEvent("mouseReleased", event.pointer(), event.input());
   command["button"] = NameOf(event.button());
-  command["clickCount"] = event.click_count();
+  command["clickCount"] = std::min(event.click_count(), kMaxClickCount);
   return command;
 }
 
@@ -203,12 +225,14 @@ Json MouseGone() {
 std::optional<Json> MouseWheel(const rpc::MouseWheelRequest& event,
                                double view_height) {
   if (event.delta_x() == 0 && event.delta_y() == 0) return std::nullopt;
+  if (std::isnan(event.delta_x()) || std::isnan(event.delta_y()))
+    return std::nullopt;
   double dips = 1;
   if (event.delta_mode() == rpc::WHEEL_DELTA_MODE_LINE) dips = kDipsPerLine;
   if (event.delta_mode() == rpc::WHEEL_DELTA_MODE_PAGE) dips = view_height;
   Json command = NewMouseEvent("mouseWheel", event.pointer(), event.input());
-  command["deltaX"] = event.delta_x() * dips;
-  command["deltaY"] = event.delta_y() * dips;
+  command["deltaX"] = EngineCoordinate(event.delta_x() * dips);
+  command["deltaY"] = EngineCoordinate(event.delta_y() * dips);
   return command;
 }
 
@@ -255,16 +279,17 @@ std::optional<Json> Fingers::Command(const char* type, const Points& changed,
   for (const rpc::TouchPoint& point : changed) {
     const auto found = numbers_.find(point.id());
     if (found == numbers_.end()) continue;
-    Json engine_point = {{"id", found->second},
-                         {"x", point.position().x()},
-                         {"y", point.position().y()},
-                         {"rotationAngle", point.rotation_deg()}};
+    Json engine_point = {
+        {"id", found->second},
+        {"x", EngineCoordinate(point.position().x())},
+        {"y", EngineCoordinate(point.position().y())},
+        {"rotationAngle", Within(-360, point.rotation_deg(), 360)}};
     // The engine has values of its own for what the device does not tell.
     if (point.radius_x_dip() > 0)
-      engine_point["radiusX"] = point.radius_x_dip();
+      engine_point["radiusX"] = Within(0, point.radius_x_dip(), kFarthest);
     if (point.radius_y_dip() > 0)
-      engine_point["radiusY"] = point.radius_y_dip();
-    if (point.has_force()) engine_point["force"] = point.force();
+      engine_point["radiusY"] = Within(0, point.radius_y_dip(), kFarthest);
+    if (point.has_force()) engine_point["force"] = Within(0, point.force(), 1);
     points.push_back(std::move(engine_point));
   }
   if (points.empty()) return std::nullopt;

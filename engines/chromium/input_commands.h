@@ -60,6 +60,9 @@ class Fingers {
   std::map<std::int32_t, int> numbers_;
 };
 
+// A position or a distance that the engine takes.
+double EngineCoordinate(double dips);
+
 // The modifiers of the DOM's events that the engine takes.
 int EngineModifiers(std::uint32_t modifiers);
 

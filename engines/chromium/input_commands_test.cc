@@ -138,7 +138,67 @@ TEST(InputCommands, TheWheelTurnsInDips) {
              {{"deltaX", 500.0}, {"deltaY", -1500.0}});
 }
 
+// One of the numbers below made the engine take no more mouse input, and others
+// made it refuse the command, the release of a button too.
+TEST(InputCommands, NumbersThatTheEngineDoesNotTakeAreBounded) {
+  const std::string pointer =
+      "pointer { position { x: 1e308 y: -inf } buttons: 4294967295"
+      "  pressure: nan tilt_x_deg: 2147483647 twist_deg: 4294967295"
+      "  tangential_pressure: inf pointer_type: POINTER_TYPE_PEN } ";
+  EXPECT_HAS(MousePressed(Parsed<rpc::MousePressRequest>(
+                 pointer + "button: MOUSE_BUTTON_PRIMARY"
+                           " click_count: 4294967295")),
+             {{"x", 1e6},
+              {"y", -1e6},
+              {"buttons", 31},
+              {"force", 0.0},
+              {"tiltX", 90},
+              {"twist", 255},
+              {"tangentialPressure", 1.0},
+              {"clickCount", 100}});
+  EXPECT_HAS(
+      MouseReleased(Parsed<rpc::MouseReleaseRequest>(
+          "pointer { position { x: nan y: 5 } } button: MOUSE_BUTTON_PRIMARY")),
+      {{"x", -1e6}, {"y", 5.0}});
+  EXPECT_HAS(*MouseWheel(Parsed<rpc::MouseWheelRequest>(
+                             "delta_x: 1e308 delta_y: -3"
+                             " delta_mode: WHEEL_DELTA_MODE_PAGE"),
+                         1e300),
+             {{"deltaX", 1e6}, {"deltaY", -1e6}});
+  EXPECT_HAS(
+      KeyDown(Parsed<rpc::KeyPressRequest>(
+          "key { key: 'a' windows_key_code: 4294967295"
+          "  native_key_code: 4294967295 }")),
+      {{"windowsVirtualKeyCode", 65}, {"nativeVirtualKeyCode", nullptr}});
+  const auto touch = Parsed<rpc::TouchStartRequest>(
+      "changed_points { id: -1 position { x: inf y: nan } radius_x_dip: 1e308"
+      "  radius_y_dip: nan rotation_deg: nan force: inf }");
+  EXPECT_HAS(
+      Member(*Fingers().Start(touch.changed_points(), {}), "touchPoints")[0],
+      {{"x", 1e6},
+       {"y", -1e6},
+       {"radiusX", 1e6},
+       {"radiusY", nullptr},
+       {"rotationAngle", -360.0},
+       {"force", 1.0}});
+}
+
+TEST(InputCommands, AnEventOfTheFutureIsOneOfNow) {
+  const auto timestamp = [](const std::string& time) {
+    return Number(KeyDown(Parsed<rpc::KeyPressRequest>(
+                      "key { key: 'a' } input { time_ns: " + time + " }")),
+                  "timestamp");
+  };
+  const double now = timestamp("9223372036854775807");
+  EXPECT_GT(now, timestamp("1"));
+  EXPECT_LT(now, timestamp("9223372036854775807") + 1);
+  EXPECT_LT(now, 1e11);
+}
+
 TEST(InputCommands, AWheelThatDoesNotTurnIsNotSent) {
+  EXPECT_EQ(MouseWheel(Parsed<rpc::MouseWheelRequest>("delta_y: nan"), 100),
+            std::nullopt);
+
   EXPECT_EQ(MouseWheel(Parsed<rpc::MouseWheelRequest>(
                            "phase: WHEEL_PHASE_ENDED delta_z: 1"),
                        500),

@@ -67,6 +67,9 @@ int main(int argc, char** argv) {
     });
   });
   if (absl::Status status = engine.Start(); !status.ok()) return Fail(status);
+  // So that a host that connects at once finds its pages.
+  if (!loop.RunUntil([&] { return engine.has_all_targets(); }))
+    return EXIT_SUCCESS;
   if (absl::Status status = server.Listen(options.socket); !status.ok())
     return Fail(status);
   std::cout << "orvane-chromium listens at " << options.socket << std::endl;

@@ -267,6 +267,18 @@ TEST_F(PageTest, ADisplayBecomesThePagesScreen) {
                    {{"left", 0}, {"top", 60}, {"right", 0}, {"bottom", 40}}}}));
 }
 
+TEST_F(PageTest, ADisplayThatCannotBeIsBoundedToWhatTheEngineTakes) {
+  scripted_->ForgetCommands();
+  Input<rpc::Display>(&Client::SetDisplay,
+                      "bounds { width: 1e308 height: 1e308 } scale_factor: inf"
+                      " color_depth_bits: 4294967295 rotation_deg: 4294967295");
+  const std::vector<Json> screens = scripted_->Params("Emulation.updateScreen");
+  ASSERT_THAT(screens, SizeIs(1));
+  EXPECT_EQ(Number(screens[0], "devicePixelRatio"), 8);
+  EXPECT_EQ(Number(screens[0], "colorDepth"), 24);
+  EXPECT_EQ(Number(screens[0], "rotation"), 180);
+}
+
 TEST_F(PageTest, AHugeViewIsCutToWhatTheEngineDraws) {
   Attach();
   Input<rpc::ViewBounds>(&Client::SetViewBounds,

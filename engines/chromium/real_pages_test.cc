@@ -57,6 +57,11 @@ class RealPagesTest : public testing::RealEngineFixture {
   Stream watching_;
 };
 
+TEST_F(RealPagesTest, PagesAreThereOnceTheProgramListens) {
+  Start("about:blank", {"--allow-scripts"});
+  EXPECT_EQ(Evaluate("1").json(), "1");
+}
+
 TEST_F(RealPagesTest, AHostGoesSomewhereAndBackAndForth) {
   Open("");
   Load(Titled("First"));

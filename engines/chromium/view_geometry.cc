@@ -11,6 +11,9 @@ namespace {
 constexpr double kMaxSidePx = 8192;
 constexpr double kMaxAreaPx = 32e6;
 constexpr double kMinScaleFactor = 0.5;
+constexpr double kMaxScaleFactor = 8;  // As much as a host may force.
+constexpr std::uint32_t kMaxColorDepth = 64;
+constexpr std::uint32_t kUsualColorDepth = 24;
 // Screens of different pages are farther apart.
 constexpr double kMaxOffset = 16384;
 // Of the screen, in pixels, while the host has told of no display.
@@ -20,7 +23,7 @@ constexpr int kScreenHeight = 1080;
 }  // namespace
 
 double ScaleOf(const widget_server::Viewport& viewport) {
-  return std::max(viewport.scale_factor, kMinScaleFactor);
+  return std::clamp(viewport.scale_factor, kMinScaleFactor, kMaxScaleFactor);
 }
 
 Json ScreenOf(const widget_server::Viewport& viewport) {
@@ -28,6 +31,7 @@ Json ScreenOf(const widget_server::Viewport& viewport) {
   const rpc::RectPx& all = display.pixel_bounds();
   const rpc::RectPx& work = display.pixel_work_area();
   const bool is_known = all.width() > 0 && all.height() > 0;
+  const std::uint32_t depth = display.color_depth_bits();
   Json insets = {{"left", 0}, {"top", 0}, {"right", 0}, {"bottom", 0}};
   if (is_known && display.has_pixel_work_area()) {
     const auto inset = [](std::int64_t pixels, std::int64_t side) {
@@ -48,7 +52,7 @@ Json ScreenOf(const widget_server::Viewport& viewport) {
           {"devicePixelRatio", ScaleOf(viewport)},
           {"rotation", display.rotation_deg() % 360 / 90 * 90},
           {"colorDepth",
-           display.color_depth_bits() == 0 ? 24 : display.color_depth_bits()},
+           depth == 0 || depth > kMaxColorDepth ? kUsualColorDepth : depth},
           {"isInternal", display.is_internal()},
           {"workAreaInsets", std::move(insets)}};
 }
