@@ -47,6 +47,15 @@ absl::Status CopyFile(const std::filesystem::path& from,
                       const std::filesystem::path& to) {
   const std::filesystem::path part = to.string() + ".part";
   std::error_code error;
+  // A device or a pipe would be replaced.
+  const std::filesystem::file_status before =
+      std::filesystem::status(to, error);
+  if (std::filesystem::exists(before) &&
+      !std::filesystem::is_regular_file(before)) {
+    return absl::FailedPreconditionError(
+        absl::StrCat(orvane::Printable(to.string()),
+                     " cannot be written: it is there and is no file"));
+  }
   std::filesystem::copy_file(
       from, part, std::filesystem::copy_options::overwrite_existing, error);
   if (!error) std::filesystem::rename(part, to, error);
@@ -158,7 +167,9 @@ void Downloads::TakeAnswer(
     return;
   }
   download.path = std::string(answer->path());
-  if (!std::filesystem::path(download.path).is_absolute()) {
+  // A NUL would end the path for the system.
+  if (!std::filesystem::path(download.path).is_absolute() ||
+      download.path.find('\0') != std::string::npos) {
     End(guid, absl::InvalidArgumentError(
                   absl::StrCat("'", orvane::Printable(download.path),
                                "' is not an absolute path")));
@@ -215,6 +226,8 @@ void Downloads::Drop(const std::string& guid) {
   if (!dropped.mapped().is_complete) cancel_(guid);
   std::error_code error;
   std::filesystem::remove(FileOf(guid), error);
+  // What the engine has received of one that failed, such as on a full disk.
+  std::filesystem::remove(FileOf(guid) + ".crdownload", error);
 }
 
 void Downloads::Reset() {

@@ -31,10 +31,12 @@ absl::StatusOr<LaunchedEngine> LaunchEngine(orvane::EventLoop* loop,
   return LaunchedEngine{*std::move(process), std::move(pipe)};
 }
 
-Engine::Engine(orvane::EventLoop* loop, Launch launch, std::string downloads)
+Engine::Engine(orvane::EventLoop* loop, Launch launch, std::string downloads,
+               absl::Duration patience)
     : loop_(loop),
       launch_(std::move(launch)),
       downloads_(std::move(downloads)),
+      patience_(patience),
       delay_(kFirstDelay) {}
 
 Engine::~Engine() = default;
@@ -89,6 +91,20 @@ void Engine::OnUp(const std::string& product) {
           {"eventsEnabled", true}});
   }
   for (const auto& place : places_) OpenTarget(place->client);
+  timer_ = loop_->RunAfter(patience_, [this] { AskWhetherItLives(); });
+}
+
+void Engine::AskWhetherItLives() {
+  Call("", "Browser.getVersion", Json::object(),
+       [this](const absl::StatusOr<Json>& version) {
+         if (state_ != State::kUp) return;
+         if (absl::IsDeadlineExceeded(version.status())) {
+           OnEnd(absl::DeadlineExceededError("the engine does not answer"));
+         } else {
+           timer_ = loop_->RunAfter(patience_, [this] { AskWhetherItLives(); });
+         }
+       },
+       {.timeout = patience_});
 }
 
 void Engine::OnEnd(const absl::Status& why) {

@@ -41,8 +41,9 @@ struct LaunchedEngine {
 absl::StatusOr<LaunchedEngine> LaunchEngine(orvane::EventLoop* loop,
                                             const EngineCommand& command);
 
-// Runs one engine for all pages. If it ends, a new one is started after a
-// second, or later if it keeps ending, and every page is opened again.
+// Runs one engine for all pages. If it ends, or does not answer for so long
+// that it must be stuck, a new one is started after a second, or later if it
+// keeps ending, and every page is opened again.
 //
 // Thread: the service thread.
 class Engine {
@@ -65,8 +66,10 @@ class Engine {
     virtual void OnTargetLost() = 0;
   };
 
-  // What pages download goes into the folder `downloads`, if there is one.
-  Engine(orvane::EventLoop* loop, Launch launch, std::string downloads = "");
+  // What pages download goes into the folder `downloads`, if there is one. An
+  // engine that has not answered for `patience` is stuck.
+  Engine(orvane::EventLoop* loop, Launch launch, std::string downloads = "",
+         absl::Duration patience = absl::Seconds(30));
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
   ~Engine();
@@ -108,6 +111,7 @@ class Engine {
 
   absl::Status Begin();
   void OnUp(const std::string& product);
+  void AskWhetherItLives();
   void OnEvent(EngineEvent event);
   void OnEnd(const absl::Status& why);
 
@@ -126,6 +130,7 @@ class Engine {
   orvane::EventLoop* const loop_;
   const Launch launch_;
   const std::string downloads_;
+  const absl::Duration patience_;
   State state_ = State::kDown;
   bool has_been_up_ = false;
   std::unique_ptr<EngineProcess> process_;

@@ -13,6 +13,7 @@
 #include "absl/strings/numbers.h"
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
+#include "absl/strings/strip.h"
 
 #include "zimbrel/src/core/common/rpc/printable.h"
 
@@ -32,6 +33,12 @@ constexpr absl::string_view kPicture =
     R"({"method":"Page.screencastFrame","params":{"data":")";
 
 constexpr absl::string_view kReply = R"({"id":)";
+constexpr absl::string_view kEvent = R"({"method":")";
+constexpr absl::string_view kSession = R"(,"sessionId":")";
+
+// What is kept of the beginning and of the end of a message that is too long:
+// enough for what is beside its parameters.
+constexpr std::size_t kKeptBytes = 512;
 
 // Moves the base64 text out of the message of a picture, which stays JSON.
 std::string TakePicture(std::string* message) {
@@ -51,6 +58,21 @@ std::optional<std::int32_t> FindId(absl::string_view message) {
   if (!absl::SimpleAtoi(message.substr(0, message.find_first_of(",}")), &id))
     return std::nullopt;
   return id;
+}
+
+// What is known of a message by its two ends: of an event, all but its
+// parameters; of a reply, the id.
+std::string Join(absl::string_view begin, absl::string_view end) {
+  if (!absl::ConsumePrefix(&begin, kEvent)) return std::string(begin);
+  Json event = {{"method", begin.substr(0, begin.find('"'))},
+                {"params", Json::object()}};
+  // Text of the page's has a backslash before each quotation mark.
+  if (const std::size_t session = end.rfind(kSession);
+      session != absl::string_view::npos) {
+    end.remove_prefix(session + kSession.size());
+    event["sessionId"] = end.substr(0, end.find('"'));
+  }
+  return PrintJson(event);
 }
 
 absl::Status ToStatus(const std::string& method, const Json& error) {
@@ -172,17 +194,36 @@ bool EnginePipe::TakeBytes(absl::string_view bytes) {
   while (true) {
     const std::size_t end = bytes.find('\0');
     const absl::string_view part = bytes.substr(0, end);
-    if (unread_.size() + part.size() > limits_.max_message_bytes) {
-      End(absl::ResourceExhaustedError(
-          absl::StrCat("the engine sends a message of more than ",
-                       limits_.max_message_bytes, " bytes, the limit")));
-      return false;
-    }
     unread_.append(part.data(), part.size());
+    if (unread_.size() > limits_.max_message_bytes) {
+      if (!cut_.empty() || !absl::StartsWith(unread_, kPicture)) {
+        CutMessage();
+      } else if (unread_.size() > limits_.max_picture_bytes) {
+        End(absl::ResourceExhaustedError(
+            absl::StrCat("the engine sends a picture of more than ",
+                         limits_.max_picture_bytes, " bytes, the limit")));
+        return false;
+      }
+    }
     if (end == absl::string_view::npos) return true;
     bytes.remove_prefix(end + 1);
-    if (!TakeMessage(std::exchange(unread_, ""))) return false;
+    std::string message = std::exchange(unread_, "");
+    if (!cut_.empty()) message = Join(std::exchange(cut_, ""), message);
+    if (!TakeMessage(std::move(message))) return false;
   }
+}
+
+// Keeps the beginning and the end of what is unread.
+void EnginePipe::CutMessage() {
+  if (cut_.empty()) {
+    cut_ = unread_.substr(0, kKeptBytes);
+    LOG_EVERY_N_SEC(WARNING, 10)
+        << "a message of the engine's is longer than "
+        << limits_.max_message_bytes
+        << " bytes and is cut: " << orvane::Printable(cut_, kLoggedBytes);
+  }
+  if (unread_.size() > kKeptBytes)
+    unread_.erase(0, unread_.size() - kKeptBytes);
 }
 
 bool EnginePipe::TakeMessage(std::string message) {
@@ -195,7 +236,7 @@ bool EnginePipe::TakeMessage(std::string message) {
         << "dropped from the engine, since it is not a JSON object: "
         << orvane::Printable(message, kLoggedBytes);
     if (const auto id = FindId(message); id.has_value())
-      Answer(*id, absl::DataLossError("the engine's reply is not JSON"));
+      Answer(*id, absl::DataLossError("the engine's reply cannot be read"));
   } else if (Member(*json, "id").is_number_integer()) {
     TakeReply(*json);
   } else if (Member(*json, "method").is_string()) {

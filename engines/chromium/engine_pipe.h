@@ -25,9 +25,14 @@
 namespace chromium {
 
 struct PipeLimits {
-  // Of one message from the engine. A longer one ends the pipe. The largest
+  // Of a message with a picture. A longer one ends the pipe. The largest
   // picture that is asked for takes 180 MiB at worst.
-  std::size_t max_message_bytes = std::size_t{256} << 20;
+  std::size_t max_picture_bytes = std::size_t{256} << 20;
+
+  // Of any other message from the engine, which a page can make as long as it
+  // likes. A longer one is cut: an event has no parameters then, a reply no
+  // result.
+  std::size_t max_message_bytes = std::size_t{16} << 20;
 
   // Waiting to be read by the engine. A command that does not fit fails.
   std::size_t max_unsent_bytes = std::size_t{64} << 20;
@@ -61,7 +66,7 @@ class EnginePipe {
 
   // `socket` is connected to the engine. `on_end` runs once, after the
   // continuation of every command that has no reply, when the engine has closed
-  // the pipe or sends a message that is too long.
+  // the pipe or sends a picture that is too long.
   static absl::StatusOr<std::unique_ptr<EnginePipe>> Open(
       orvane::EventLoop* loop, orvane::OwnedDescriptor socket, OnEvent on_event,
       OnEnd on_end, PipeLimits limits = {});
@@ -81,7 +86,7 @@ class EnginePipe {
   //   it does not know the session        | kNotFound
   //   it refuses the parameters           | kInvalidArgument
   //   it replies with another error       | kInternal
-  //   the reply cannot be read            | kDataLoss
+  //   the reply cannot be read, or is cut | kDataLoss
   //   `options.timeout` passes            | kDeadlineExceeded
   //   a limit is reached                  | kResourceExhausted
   //   the engine has closed the pipe      | kUnavailable
@@ -105,6 +110,7 @@ class EnginePipe {
   // or a callback has destroyed it.
   bool TakeBytes(absl::string_view bytes);
   bool TakeMessage(std::string message);
+  void CutMessage();
 
   void TakeReply(const Json& message);
   void Answer(std::int32_t id, absl::StatusOr<Json> answer);
@@ -121,7 +127,8 @@ class EnginePipe {
   std::unique_ptr<orvane::EventLoop::Watch> watch_;  // Null after the end.
   absl::Status end_;                                 // Not OK after the end.
 
-  std::string unread_;              // The beginning of a message.
+  std::string unread_;  // The beginning of a message.
+  std::string cut_;     // Of one that is too long; unread_ has its end then.
   std::deque<std::string> unsent_;  // Each with its NUL.
   std::size_t sent_of_first_ = 0;
   std::size_t unsent_bytes_ = 0;

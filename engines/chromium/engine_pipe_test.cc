@@ -21,6 +21,7 @@ namespace chromium {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::Gt;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
@@ -221,13 +222,48 @@ TEST_F(EnginePipeTest, DeepNestingHurtsNobody) {
 
 // Limits
 
-TEST_F(EnginePipeTest, AMessageOfTheLimitArrivesAndALongerOneEndsThePipe) {
-  const std::string event = R"({"method":"abc","params":{}})";
+// A page that threw a text of 300 MB ended the engine, and with it all pages.
+TEST_F(EnginePipeTest, AnEventThatIsTooLongHasNoParameters) {
+  const std::string event = R"({"method":"abc","params":{"text":")" +
+                            std::string(3000, 'x') +
+                            R"(,\"sessionId\":\"no\"}"},"sessionId":"S"})";
   Open({.max_message_bytes = event.size()});
   Send(Message(event));
-  EXPECT_THAT(events_, SizeIs(1));
+  ASSERT_THAT(events_, SizeIs(1));
+  EXPECT_THAT(Text(events_[0].params, "text"), SizeIs(Gt(3000u)));
+  std::string longer = event;
+  longer.insert(longer.find('x'), 10'000, 'y');
+  for (std::size_t i = 0; i <= longer.size(); i += 97)
+    engine_->SendBytes(Message(longer).substr(i, 97));
+  Send(Message(R"({"method":"next","params":{}})"));
+  ASSERT_THAT(events_, SizeIs(3));
+  EXPECT_EQ(events_[1].method, "abc");
+  EXPECT_EQ(events_[1].session, "S");
+  EXPECT_EQ(events_[1].params, Json::object());
+  EXPECT_EQ(events_[2].method, "next");
+  EXPECT_EQ(events_[2].session, "");
   EXPECT_THAT(ends_, IsEmpty());
-  Send(event + "x");  // No NUL yet.
+}
+
+TEST_F(EnginePipeTest, AReplyThatIsTooLongIsLost) {
+  Open({.max_message_bytes = 2000});
+  Call("long");
+  Call("short");
+  Send(Message(R"({"id":1,"result":{"text":")" + std::string(9000, 'x') +
+               R"("}})"));
+  Send(Message(R"({"id":2,"result":{}})"));
+  EXPECT_THAT(answers_, ElementsAre("long: DATA_LOSS", "short: {}"));
+}
+
+TEST_F(EnginePipeTest, APictureMayBeLongerUpToALimitThatEndsThePipe) {
+  const std::string picture =
+      R"({"method":"Page.screencastFrame","params":{"data":")" +
+      std::string(3000, 'x') + R"("}})";
+  Open({.max_picture_bytes = picture.size(), .max_message_bytes = 1000});
+  Send(Message(picture));
+  ASSERT_THAT(events_, SizeIs(1));
+  EXPECT_THAT(events_[0].picture, SizeIs(3000));
+  Send(picture + "x");  // No NUL yet.
   ASSERT_THAT(ends_, SizeIs(1));
   EXPECT_EQ(ends_[0].code(), absl::StatusCode::kResourceExhausted);
 }

@@ -30,7 +30,7 @@ namespace {
 // The engine reads from the first and writes to the second.
 constexpr int kEngineReads = 3;
 constexpr int kEngineWrites = 4;
-// Carries errno if the program cannot be started; closed if it can.
+// Carries a StartError if the program cannot be started; closed if it can.
 constexpr int kStartError = 5;
 // Where descriptors wait for their place out of the way of those above.
 constexpr int kAside = 10;
@@ -71,12 +71,18 @@ std::vector<char*> PointersTo(std::vector<std::string>& strings) {
   return pointers;
 }
 
+struct StartError {
+  int error;  // An errno.
+  bool is_about_profile;
+};
+
 // What the child needs, made before the fork: between fork and exec only calls
 // are allowed that take no lock and no memory.
 struct Launch {
   const char* path;
   char* const* arguments;
   char* const* environment;
+  const char* profile;  // Null if there is none.
   int pipe;
   int output;
   int start_error;
@@ -108,6 +114,13 @@ bool ArrangeDescriptors(Launch& launch) {
          ::syscall(SYS_close_range, kStartError + 1, ~0U, 0) == 0;
 }
 
+// The engine says nothing of a folder that it cannot write to, and keeps
+// nothing there. It makes one that does not exist.
+bool CanKeepProfile(const char* folder) {
+  return folder == nullptr || ::access(folder, R_OK | W_OK | X_OK) == 0 ||
+         errno == ENOENT;
+}
+
 [[noreturn]] void BecomeTheEngine(Launch launch) {
   // Signals as a new program expects them.
   sigset_t none;
@@ -117,18 +130,20 @@ bool ArrangeDescriptors(Launch& launch) {
   // A group of its own, so that all of it can be killed, and Ctrl+C at the
   // terminal is for this program alone.
   ::setpgid(0, 0);
+  StartError failure = {};
   if (ArrangeDescriptors(launch)) {
     launch.start_error = kStartError;
     if (::geteuid() != 0 || DropRoot()) {
       // After the change of user, which takes it back.
       ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      if (::getppid() == launch.parent)
+      failure.is_about_profile = !CanKeepProfile(launch.profile);
+      if (!failure.is_about_profile && ::getppid() == launch.parent)
         ::execve(launch.path, launch.arguments, launch.environment);
     }
   }
-  const int error = errno;
+  failure.error = errno;
   [[maybe_unused]] const ssize_t written =
-      ::write(launch.start_error, &error, sizeof error);
+      ::write(launch.start_error, &failure, sizeof failure);
   ::_exit(127);
 }
 
@@ -170,13 +185,15 @@ absl::StatusOr<std::unique_ptr<EngineProcess>> EngineProcess::Start(
   std::vector<std::string> environment = EnvironmentToPass();
   const std::vector<char*> argument_pointers = PointersTo(words);
   const std::vector<char*> environment_pointers = PointersTo(environment);
-  const Launch launch = {command.path.c_str(),
-                         argument_pointers.data(),
-                         environment_pointers.data(),
-                         sockets->second.get(),
-                         output->write_end.get(),
-                         start_error->write_end.get(),
-                         ::getpid()};
+  const Launch launch = {
+      command.path.c_str(),
+      argument_pointers.data(),
+      environment_pointers.data(),
+      command.profile.empty() ? nullptr : command.profile.c_str(),
+      sockets->second.get(),
+      output->write_end.get(),
+      start_error->write_end.get(),
+      ::getpid()};
 
   const pid_t pid = ::fork();
   if (pid < 0) {
@@ -190,11 +207,19 @@ absl::StatusOr<std::unique_ptr<EngineProcess>> EngineProcess::Start(
   // The last copy but the child's, so that what follows ends when the child has
   // become the engine.
   { const auto closed = std::move(start_error->write_end); }
-  int error = 0;
-  if (TEMP_FAILURE_RETRY(::read(start_error->read_end.get(), &error,
-                                sizeof error)) == sizeof error) {
+  StartError failure = {};
+  if (TEMP_FAILURE_RETRY(::read(start_error->read_end.get(), &failure,
+                                sizeof failure)) == sizeof failure) {
+    if (failure.is_about_profile) {
+      return absl::PermissionDeniedError(absl::StrCat(
+          "the engine cannot keep its profile at ", command.profile, ": ",
+          std::strerror(failure.error),
+          ::geteuid() == 0
+              ? absl::StrCat("; it runs as user ", kUnprivilegedUser)
+              : ""));
+    }
     return absl::NotFoundError(absl::StrCat("no engine at ", command.path, ": ",
-                                            std::strerror(error)));
+                                            std::strerror(failure.error)));
   }
   auto watch = loop->WatchDescriptor(std::move(output->read_end));
   if (!watch.ok()) return watch.status();

@@ -113,6 +113,18 @@ TEST_F(EngineProcessTest, AProfileIsPassedOn) {
               HasSubstr("--user-data-dir=/some/folder"));
 }
 
+// The engine would say nothing and keep nothing.
+TEST_F(EngineProcessTest, AProfileThatCannotBeWrittenIsAnError) {
+  const std::string profile = folder_.path() + "/profile";
+  ASSERT_EQ(::mkdir(profile.c_str(), 0555), 0);
+  const auto process =
+      EngineProcess::Start(&loop_, {.path = "/bin/true", .profile = profile});
+  EXPECT_EQ(process.status().code(), absl::StatusCode::kPermissionDenied);
+  EXPECT_THAT(std::string(process.status().message()),
+              HasSubstr("the engine cannot keep its profile at " + profile +
+                        ": Permission denied"));
+}
+
 TEST_F(EngineProcessTest, AMissingProgramIsAnErrorWithItsPath) {
   const auto process =
       EngineProcess::Start(&loop_, {.path = "/nowhere/engine"});

@@ -12,7 +12,8 @@
   const kMaxText = 64 * 1024;
 
   const report = (message) => globalThis.orvaneReport(JSON.stringify(message));
-  const cut = (text) => String(text).slice(0, kMaxText).toWellFormed();
+  const cut = (text, longest = kMaxText) =>
+    String(text).slice(0, longest).toWellFormed();
   // Elements can hide the members of their document or form by their names, as
   // in <img name=title>. What this returns has the members that are never
   // hidden; it is not the node itself.
@@ -211,6 +212,8 @@
   let openList = null;  // { id, select, options }
   let lastList = 0;
   const kMaxItems = 10000;
+  const kMaxListText = 1024 * 1024;  // More does not fit into a call to a host.
+  const kItemText = 50;              // What an item takes beside its texts.
 
   const drawnLists = new CSSStyleSheet();
   drawnLists.replaceSync(
@@ -229,14 +232,20 @@
   const showList = (select) => {
     const items = [];
     const options = [];  // Of each item; null for what cannot be chosen.
+    let left = kMaxListText;
     const add = (item, option) => {
-      if (items.length === kMaxItems) return;
+      if (items.length === kMaxItems || left <= 0) return;
+      for (const name of ["label", "value", "tooltip"]) {
+        item[name] = cut(item[name] ?? "", Math.min(Math.max(left, 0), kMaxText));
+        left -= item[name].length;
+      }
+      left -= kItemText;
       items.push(item);
       options.push(option);
     };
     const addOption = (option, group, isDisabled) => add({
-      type: "option", label: cut(option.label), value: cut(option.value),
-      tooltip: cut(option.title), disabled: isDisabled || option.disabled,
+      type: "option", label: option.label, value: option.value,
+      tooltip: option.title, disabled: isDisabled || option.disabled,
       selected: option.selected, group,
       direction: getComputedStyle(option).direction }, option);
     for (const child of select.children) {
@@ -246,7 +255,7 @@
         add({ type: "separator" }, null);
       } else if (child instanceof HTMLOptGroupElement) {
         const group = items.length;
-        add({ type: "group", label: cut(child.label),
+        add({ type: "group", label: child.label,
               disabled: child.disabled }, null);
         for (const option of child.querySelectorAll("option"))
           addOption(option, group, child.disabled);
@@ -296,7 +305,7 @@
     report({
       kind: "color", color: openColor.id, value: cut(input.value),
       suggested: [...input.list?.options ?? []].slice(0, 100).map(
-        (option) => cut(option.value)) });
+        (option) => cut(option.value, 7)) });  // "#rrggbb"
   };
 
   addEventListener("click", (event) => {

@@ -147,6 +147,20 @@ TEST_F(PageScriptTest, ReportsAListWithItsGroups) {
   EXPECT_TRUE(Flag(items[4], "selected"));
 }
 
+// A list of megabytes reached no host, and one of more ended the engine.
+TEST_F(PageScriptTest, ReportsWhatFitsOfALongList) {
+  Open("<select id=s hidden></select>");
+  Run("for (let i = 0; i < 1000; ++i)"
+      "  s.add(new Option('L'.repeat(70000), 'V'.repeat(70000)))");
+  Run("s.dispatchEvent(new MouseEvent('mousedown', { bubbles: true }))");
+  const std::vector<Json> lists = Reports("list");
+  ASSERT_THAT(lists, SizeIs(1));
+  const Json& items = Member(lists[0], "items");
+  EXPECT_THAT(items, SizeIs(8));
+  EXPECT_THAT(Text(items[0], "label"), SizeIs(65536));
+  EXPECT_LT(PrintJson(lists[0]).size(), 1100u * 1024);
+}
+
 TEST_F(PageScriptTest, OpensNoListThatIsDisabledOrShowsItsOptions) {
   Open(
       "<select id=a disabled><option>A</select>"

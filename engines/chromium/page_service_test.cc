@@ -1,5 +1,7 @@
 #include "engines/chromium/page_service.h"
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -561,6 +563,38 @@ TEST_F(DownloadsTest, APathThatIsNotAbsoluteIsRefused) {
   Answer("saved");
   ASSERT_THAT(told_, SizeIs(1));
   EXPECT_EQ(told_[0].error(), "'saved' is not an absolute path");
+}
+
+// It was cut there, and the file saved under another name than the host's.
+TEST_F(DownloadsTest, APathWithANulIsRefused) {
+  Begin();
+  Answer(target_.path() + "/a" + '\0' + "b");
+  ASSERT_THAT(told_, SizeIs(1));
+  EXPECT_EQ(told_[0].status(), rpc::DOWNLOAD_STATUS_FAILED);
+  EXPECT_TRUE(std::filesystem::is_empty(target_.path()));
+}
+
+// A download to /dev/null put a file in its place.
+TEST_F(DownloadsTest, ADeviceOrPipeIsNotReplaced) {
+  const std::string path = target_.path() + "/pipe";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  Begin();
+  Answer(path);
+  TellProgress("completed");
+  loop_.RunUntil([this] { return told_.size() == 2; });
+  EXPECT_EQ(told_[1].status(), rpc::DOWNLOAD_STATUS_FAILED);
+  EXPECT_THAT(told_[1].error(), HasSubstr("it is there and is no file"));
+  EXPECT_TRUE(std::filesystem::is_fifo(path));
+}
+
+// On a full disk it stayed full.
+TEST_F(DownloadsTest, NothingIsLeftOfADownloadThatFails) {
+  const std::string part = downloads_.path() + "/d-1.crdownload";
+  Begin();
+  Answer(target_.path() + "/saved");
+  std::ofstream(part) << "some of it";
+  TellProgress("canceled");
+  EXPECT_FALSE(std::filesystem::exists(part));
 }
 
 TEST_F(DownloadsTest, ADownloadThatIsBrokenOffFails) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "absl/status/status.h"
@@ -140,6 +141,25 @@ TEST_F(PageTest, AnEngineThatEndsIsStartedAgainAndShowsWhatItShowed) {
   EXPECT_THAT(Bounds(), Contains(Json{{"windowState", "normal"}}));
   Input<rpc::KeyTypeRequest>(&Client::ForwardKeyType, "text: 'a'");
   EXPECT_THAT(scripted_->Params("Input.insertText"), SizeIs(1));
+}
+
+TEST_F(PageTest, AnEngineThatDoesNotAnswerAnyMoreIsStartedAgain) {
+  auto pair = orvane::ConnectedPair();
+  ASSERT_TRUE(pair.ok());
+  testing::ScriptedEngine stuck(&loop_, std::move(pair->second));
+  int launches = 0;
+  Engine engine(
+      &loop_,
+      [&]() -> absl::StatusOr<LaunchedEngine> {
+        if (++launches > 1) return absl::UnavailableError("");
+        return LaunchedEngine{nullptr, std::move(pair->first)};
+      },
+      "", absl::Milliseconds(10));
+  loop_.Post([&] {
+    stuck.SendMessage({{"id", 1}, {"result", {{"product", "Stuck/1"}}}});
+  });
+  ASSERT_EQ(engine.Start(), absl::OkStatus());
+  loop_.RunUntil([&] { return launches == 2; });
 }
 
 TEST_F(PageTest, WhatIsNotAllowedIsNotLoaded) {
