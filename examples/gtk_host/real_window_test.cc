@@ -1,0 +1,180 @@
+// The window with a page of a real engine in it. What happens on the page
+// becomes its title, which is the window's.
+
+#include <csignal>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "absl/strings/escaping.h"
+#include "absl/strings/match.h"
+#include "absl/strings/str_cat.h"
+#include "gtest/gtest.h"
+
+#include "examples/gtk_host/window_fixture.h"
+
+namespace gtk_host::testing {
+namespace {
+
+constexpr Rgb kMark = 0xff0080;
+
+constexpr char kBegin[] =
+    "<!DOCTYPE html><title>Ready</title><body style='margin:0'>"
+    "<style>* { position: absolute; outline: none }"
+    "  #mark { left: 0; top: 0; width: 8px; height: 8px; background: #ff0080 }"
+    "  .here { left: 20px; top: 20px; width: 200px; height: 30px }</style>"
+    "<div id=mark></div>"
+    "<script>const tell = (text) => document.title = text;</script>";
+
+class RealWindowTest : public WindowFixture {
+ protected:
+  RealWindowTest() : WindowFixture(kMark, {0, 0}) {}
+
+  void StartWidget(const std::string& body) {
+    widget_ = std::make_unique<orvane::testing::ChildProcess>(
+        std::vector<std::string>{
+            ORVANE_CHROMIUM, "--socket", socket(),
+            absl::StrCat("--page=1=data:text/html;base64,",
+                         absl::Base64Escape(kBegin + body))});
+    const std::string line = widget_->ReadLine();
+    if (line == "orvane-chromium listens at " + socket()) return;
+    const std::string why = std::exchange(widget_, nullptr)->Wait().errors;
+    // Some containers forbid what the engine's sandbox is made of.
+    for (const char* const part : {"no engine at", "sandbox", "zygote"}) {
+      if (absl::StrContains(why, part))
+        GTEST_SKIP() << "the engine does not run here: " << why;
+    }
+    FAIL() << why;
+  }
+
+  void Start(const std::string& body,
+             const std::vector<std::string>& environment = {}) {
+    StartWidget(body);
+    if (widget_ == nullptr) return;
+    StartHost(environment);
+    AwaitPageBelowTheBar();
+  }
+
+  // The address bar appears once the widget has said that it serves pages, and
+  // moves the page.
+  void AwaitPageBelowTheBar() {
+    AwaitWindow();
+    Await("the address bar, and the page below it", [this] {
+      const std::optional<Area> mark = screen_->Take().Find(mark_);
+      return mark.has_value() && mark->y > screen_->PlaceOf(window()).y;
+    });
+    AwaitPage();
+  }
+
+  // Leads the focus into the bar above the page, which marks what has it.
+  void LeaveThePageBy(const std::string& key) {
+    const Area place = screen_->PlaceOf(window());
+    const Area bar = {place.x, place.y, place.width, page_.y - place.y};
+    const std::vector<Rgb> before = screen_->Take(bar).pixels();
+    screen_->PressKey(key);
+    Await("a mark of the focus in the bar",
+          [&] { return screen_->Take(bar).pixels() != before; });
+  }
+
+  void ClickHere() { Click(40, 35); }
+};
+
+TEST_F(RealWindowTest, TypedTextReachesTheField) {
+  Start("<input class=here oninput='tell(value)'>");
+  ClickHere();
+  screen_->Type("Ada 7!");
+  AwaitTitle("Ada 7!");
+}
+
+TEST_F(RealWindowTest, ALineOfAListIsChosenByClick) {
+  Start(
+      "<select class=here onchange='tell(value)'>"
+      "<option>Assam<option>Darjeeling<option>Sencha</select>");
+  ClickHere();
+  AwaitPopup();
+  screen_->Click(LineBelowTheChosen(2));
+  AwaitTitle("Sencha");
+  AwaitNoPopup();
+}
+
+TEST_F(RealWindowTest, APromptIsAnswered) {
+  Start(
+      "<button class=here onclick="
+      "'setTimeout(() => tell(`Hello, ${prompt(`Who?`)}`))'></button>");
+  ClickHere();
+  AwaitDialog();
+  screen_->Type("Ada");
+  screen_->PressKey("Return");
+  AwaitTitle("Hello, Ada");
+  AwaitNoDialog();
+}
+
+constexpr char kTellsTheFocus[] =
+    "<input class=here onfocus='tell(`in`)' onblur='tell(`out`)'>";
+
+TEST_F(RealWindowTest, TabLeavesThePageAndComesBack) {
+  Start(kTellsTheFocus);
+  ClickHere();
+  AwaitTitle("in");
+  LeaveThePageBy("Tab");
+  AwaitTitle("out");
+  screen_->PressKey("shift+Tab");
+  AwaitTitle("in");
+  LeaveThePageBy("shift+Tab");
+  AwaitTitle("out");
+  screen_->PressKey("Tab");
+  AwaitTitle("in");
+}
+
+TEST_F(RealWindowTest, AnAddressIsTypedAndThePageBeforeComesBack) {
+  Start(kTellsTheFocus);
+  ClickHere();
+  AwaitTitle("in");
+  LeaveThePageBy("shift+Tab");
+  screen_->Type("data:text/html,<title>There</title>");
+  screen_->PressKey("Return");
+  AwaitTitle("There");
+  Await("the end of the page before",
+        [this] { return !screen_->Take().Find(mark_).has_value(); });
+  const Area place = screen_->PlaceOf(window());
+  screen_->Click({place.x + 15, place.y + 15});  // "Back"
+  AwaitPage();
+  Await("its title", [] { return screen_->TitleOf(window()) != "There"; });
+}
+
+TEST_F(RealWindowTest, TheWheelScrollsThePage) {
+  Start(
+      "<div style='width:10px;height:5000px'></div>"
+      "<script>onscroll = () => tell(`${scrollY > 0}`)</script>");
+  MoveTo(300, 300);
+  screen_->Press(5);
+  screen_->Release(5);
+  AwaitTitle("true");
+}
+
+TEST_F(RealWindowTest, ThePageIsLaidOutForTheWindowsSizeAndScale) {
+  scale_ = 2;
+  Start(
+      "<script>onresize = () => "
+      "tell(`${innerWidth} at ${devicePixelRatio}`)</script>",
+      {"GDK_SCALE=2"});
+  screen_->Resize(window(), 1000, 800);
+  AwaitTitle("500 at 2");
+}
+
+TEST_F(RealWindowTest, AWidgetThatDiesIsToldAndTheNextTakesItsPlace) {
+  const std::string body = "<input class=here oninput='tell(value)'>";
+  Start(body);
+  widget_->Signal(SIGKILL);
+  widget_->Wait();
+  Await("a dimmed picture", [this] { return ColorAt(4, 4) != kMark; });
+  StartWidget(body);
+  AwaitPageBelowTheBar();
+  ClickHere();
+  screen_->Type("again");
+  AwaitTitle("again");
+}
+
+}  // namespace
+}  // namespace gtk_host::testing
