@@ -4,6 +4,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <random>
 #include <set>
 #include <string>
 #include <utility>
@@ -485,6 +486,124 @@ TEST_F(ViewTest, AViewMayEndAtAnyTime) {
   view_.reset();
   loop_.RunUntilIdle();
   EXPECT_THAT(states_, ElementsAre(ViewState::kConnected));
+}
+
+// The story
+// --------------------------------------------------------------------
+
+// What a widget that has just been started may be told, one call after another.
+class Story {
+ public:
+  void Tell(const std::string& call) {
+    SCOPED_TRACE(call);
+    if (call == "SetDisplay") return;
+    if (call == "Attach") {
+      Change(&is_attached_, true);
+    } else if (call == "Detach") {
+      *this = Story();
+    } else {
+      EXPECT_TRUE(is_attached_);
+      if (call == "Show") Change(&is_shown_, true);
+      if (call == "Hide") Change(&is_shown_, false);
+      if (call == "Minimize") Change(&is_minimized_, true);
+      if (call == "Restore") Change(&is_minimized_, false);
+      if (call == "Focus") Change(&has_focus_, true);
+      if (call == "Unfocus") has_focus_ = false;
+      if (call == "ForwardMousePress") Change(&is_pressed_, true);
+      if (call == "ForwardMouseRelease") Change(&is_pressed_, false);
+      if (call == "ForwardKeyPress") is_key_down_ = true;  // Or repeated.
+      if (call == "ForwardKeyRelease") Change(&is_key_down_, false);
+    }
+    // Input is taken back before the view is hidden or loses the focus.
+    EXPECT_FALSE(is_pressed_ && (call == "Hide" || call == "Minimize"));
+    EXPECT_FALSE(is_key_down_ && call == "Unfocus");
+  }
+
+  bool is_attached_ = false;
+  bool is_shown_ = false;
+  bool is_minimized_ = false;
+  bool has_focus_ = false;
+
+ private:
+  static void Change(bool* what, bool value) {
+    EXPECT_NE(std::exchange(*what, value), value);
+  }
+
+  bool is_pressed_ = false;
+  bool is_key_down_ = false;
+};
+
+TEST_F(ViewTest, WhateverTheWindowDoesTheCallsFitEachOther) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  const auto below = [&random](unsigned end) {
+    return std::uniform_int_distribution<unsigned>(0, end - 1)(random);
+  };
+  Story story;
+  const auto tell_story = [&] {
+    for (const std::string& call : Calls()) story.Tell(call);
+  };
+  bool is_shown = false;
+  bool is_minimized = false;
+  bool has_focus = false;
+  StartWidget();
+  for (int step = 0; step < 3000 && !HasFailure(); ++step) {
+    states_.clear();
+    switch (below(10)) {
+      case 0:
+        view_->SetBounds(Bounds(below(3), below(3)), std::nullopt);
+        break;
+      case 1:
+        is_shown = below(2) == 0;
+        view_->SetShown(is_shown);
+        break;
+      case 2:
+        is_minimized = below(2) == 0;
+        view_->SetMinimized(is_minimized);
+        break;
+      case 3:
+        has_focus = true;
+        view_->Focus(rpc::FOCUS_REASON_MOUSE);
+        break;
+      case 4:
+        has_focus = false;
+        view_->Unfocus();
+        break;
+      case 5:
+        if (below(4) != 0) break;
+        has_focus = false;
+        view_->Detach();
+        break;
+      case 6:
+        if (below(9) != 0) break;
+        tell_story();
+        KillWidget();
+        story = Story();
+        if (below(2) == 0) loop_.RunUntilIdle();
+        StartWidget();
+        break;
+      case 7:
+        if (view_->pointer() != nullptr)
+          view_->pointer()->Press(At(0, 0), rpc::MOUSE_BUTTON_PRIMARY);
+        break;
+      case 8: {
+        KeySample key;
+        key.keysym = 'a';
+        if (view_->keyboard() != nullptr) view_->keyboard()->Press(key);
+        break;
+      }
+      default:
+        tell_story();
+    }
+  }
+  view_->SetBounds(Bounds(3, 3), std::nullopt);
+  Await(ViewState::kAttached);
+  tell_story();
+  EXPECT_TRUE(story.is_attached_);
+  EXPECT_EQ(story.is_shown_, is_shown);
+  EXPECT_EQ(story.is_minimized_, is_minimized);
+  EXPECT_EQ(story.has_focus_, has_focus);
 }
 
 }  // namespace
