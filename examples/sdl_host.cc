@@ -125,8 +125,8 @@ struct Sheet {
 class BrowserWindow {
  public:
   BrowserWindow(orvane::EventLoop* loop, const std::string& socket,
-                const BrowserId& browser)
-      : browser_(browser),
+                BrowserId browser)
+      : browser_(std::move(browser)),
         window_(SDL_CreateWindow(
             "", SDL_WINDOWPOS_UNDEFINED, SDL_WINDOWPOS_UNDEFINED, 800, 600,
             SDL_WINDOW_RESIZABLE | SDL_WINDOW_ALLOW_HIGHDPI)),
@@ -169,8 +169,8 @@ class BrowserWindow {
       case SDL_MOUSEWHEEL:
         SetMouse(event.wheel.mouseX, event.wheel.mouseY, held_);
         if (pointer)
-          pointer->TurnWheel(mouse_, event.wheel.preciseX,
-                             -event.wheel.preciseY);
+          pointer->TurnWheel(mouse_, static_cast<double>(event.wheel.preciseX),
+                             -static_cast<double>(event.wheel.preciseY));
         break;
       case SDL_KEYDOWN:
         if (keyboard) keyboard->Press(SampleOf(event.key), TakeTextOfPress());
@@ -319,7 +319,7 @@ bool Run(const std::string& socket) {
   orvane::SdlEvents work(&loop);
   BrowserId browser;
   browser.set_value(1);
-  BrowserWindow window(&loop, socket, browser);
+  BrowserWindow window(&loop, socket, std::move(browser));
   if (!window.is_open()) return false;
   SDL_Event event;
   while (SDL_WaitEvent(&event) == 1 && event.type != SDL_QUIT) {

@@ -20,6 +20,7 @@
 #include "absl/functional/function_ref.h"
 #include "absl/log/log.h"
 #include "absl/strings/match.h"
+#include "absl/strings/str_cat.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
@@ -67,7 +68,7 @@ class SdlHostTest : public ::testing::Test {
     x_server_ = std::make_unique<ChildProcess>(std::vector<std::string>{
         "/usr/bin/setpriv", "--pdeathsig", "KILL", kXServer, "-displayfd", "1",
         "-screen", "0", kScreen, "-nolisten", "tcp"});
-    name_ = ":" + x_server_->ReadLine();
+    name_ = absl::StrCat(":", x_server_->ReadLine());
     display_ = XOpenDisplay(name_.c_str());
     ASSERT_NE(display_, nullptr);
     // A window may be gone before it is asked.
