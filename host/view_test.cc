@@ -38,8 +38,8 @@ class AttachingWidget final : public rpc::BrowserWidgetRpc {
                   google::protobuf::Closure* done) override {
     calls.push_back(method->name());
     if (failing.contains(method->name())) controller->SetFailed("it cannot");
-    if (const auto* const told = dynamic_cast<const rpc::Display*>(request))
-      display = *told;
+    if (method->name() == "SetDisplay")
+      display = static_cast<const rpc::Display&>(*request);
     if (auto* const result = dynamic_cast<rpc::AttachResult*>(response)) {
       const auto& bounds =
           static_cast<const rpc::AttachRequest*>(request)->bounds();
