@@ -24,8 +24,11 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
+#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/call_by_name.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
 namespace {
 
@@ -258,11 +261,21 @@ TEST_F(SdlHostTest, AWindowThatIsClosedLeavesThePageToTheNext) {
   OpenPage();
 }
 
-TEST_F(SdlHostTest, AClickTakesThePageFromAHostThatHasDied) {
+TEST_F(SdlHostTest, AHostThatHasDiedLeavesThePageToTheNext) {
   OpenPage();
   host_->Signal(SIGKILL);
   host_->Wait();
   Await([this] { return window() == None; });
+  OpenPage();
+}
+
+TEST_F(SdlHostTest, AClickTakesThePageFromAnotherHost) {
+  orvane::EventLoop loop;
+  const auto other = orvane::SocketClient::Connect(&loop, socket_);
+  ASSERT_TRUE(other.ok()) << other.status();
+  ASSERT_EQ(orvane::testing::CallByName(other->get(), "Attach",
+                                        "browser_id { value: 1 }"),
+            absl::OkStatus());
   StartHost();
   Await([this] { return absl::EndsWith(Title(), "(click to take over)"); });
   Click(kPicture);
