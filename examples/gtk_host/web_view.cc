@@ -224,10 +224,13 @@ void WebView::OnFocusOut() {
 }
 
 bool WebView::LeaveFocus(rpc::FocusDirection direction) {
-  gtk_widget_child_focus(GTK_WIDGET(gtk_widget_get_root(canvas_)),
+  GtkRoot* const root = gtk_widget_get_root(canvas_);
+  gtk_widget_child_focus(GTK_WIDGET(root),
                          direction == rpc::FOCUS_DIRECTION_BACKWARD
                              ? GTK_DIR_TAB_BACKWARD
                              : GTK_DIR_TAB_FORWARD);
+  // GTK has not seen the key that led here.
+  gtk_window_set_focus_visible(GTK_WINDOW(root), TRUE);
   return !gtk_widget_has_focus(canvas_);
 }
 

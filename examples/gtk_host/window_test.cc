@@ -376,7 +376,9 @@ TEST_F(WindowTest, AButtonHeldWhileTheWindowIsMinimisedIsNotStuck) {
   screen_->Release();
   screen_->Restore(window());
   AwaitPage();
-  for (int step = 0; step < 10; ++step) MoveTo(100 + 8 * step, 60);
+  MoveTo(150, 20);
+  MoveTo(160, 26);  // Hovers; with a button held it would drag.
+  Await("a hand over the link", [] { return screen_->Cursor() == "pointer"; });
   ClickTheField();
   AwaitFocusOnTheField();
   screen_->Type("free");
