@@ -38,7 +38,7 @@ void Page::Connect() {
   is_served_ = false;
   auto connection = SocketClient::Connect(loop_, socket_);
   if (!connection.ok()) return;  // It has gone again, as View tells.
-  session_ = std::make_unique<Session>(*std::move(connection));
+  session_ = std::make_shared<Session>(*std::move(connection));
   const auto show = [this](const rpc::PageState& state) {
     is_served_ = true;
     if (handlers_.on_state) handlers_.on_state(&state);
@@ -71,7 +71,12 @@ void Page::Load(const std::string& address,
   rpc::LoadRequest request;
   *request.mutable_browser_id() = browser_;
   request.set_address(address);
-  session_->client.Load(request, std::move(on_answer));
+  session_->client.Load(
+      request,
+      [session = std::weak_ptr(session_), on_answer = std::move(on_answer)](
+          const absl::StatusOr<google::protobuf::Empty>& to) mutable {
+        if (on_answer && !session.expired()) std::move(on_answer)(to);
+      });
 }
 
 void Page::Reload() {

@@ -54,7 +54,7 @@ class Page {
 
   // Each does nothing while the widget does not serve pages. `on_answer` tells
   // whether the address is one that pages may load; what comes of it is told by
-  // `on_state`.
+  // `on_state`. It does not run once the page is destroyed or connects anew.
   void Load(const std::string& address,
             OnAnswer<google::protobuf::Empty> on_answer = nullptr);
   void Reload();
@@ -77,8 +77,8 @@ class Page {
   const std::string socket_;
   const BrowserId browser_;
   PageHandlers handlers_;
-  std::unique_ptr<Session> session_;
-  bool is_served_ = false;  // The widget has told its page.
+  std::shared_ptr<Session> session_;  // Answers hold a weak pointer.
+  bool is_served_ = false;            // The widget has told its page.
 };
 
 }  // namespace orvane::host

@@ -55,7 +55,7 @@ class PageTest : public ::testing::Test {
     EXPECT_EQ(server_->Listen(socket_), absl::OkStatus());
   }
   void Connect() {
-    page_.Connect();
+    page_->Connect();
     loop_.RunUntilIdle();
   }
   std::vector<std::string> Calls() {
@@ -70,17 +70,18 @@ class PageTest : public ::testing::Test {
   std::optional<SocketServer> server_;
   std::vector<std::string> titles_;  // "gone" once the widget has gone.
   std::vector<std::string> windows_;
-  Page page_{&loop_, socket_, testing::Browser(7),
-             PageHandlers{.on_state =
-                              [this](const rpc::PageState* state) {
-                                titles_.push_back(
-                                    state == nullptr ? "gone" : state->title());
-                              },
-                          .on_open_window =
-                              [this](const rpc::OpenWindowCall& call) {
-                                windows_.push_back(call.address());
-                                return call.is_user_gesture();
-                              }}};
+  std::optional<Page> page_{
+      std::in_place, &loop_, socket_, testing::Browser(7),
+      PageHandlers{.on_state =
+                       [this](const rpc::PageState* state) {
+                         titles_.push_back(state == nullptr ? "gone"
+                                                            : state->title());
+                       },
+                   .on_open_window =
+                       [this](const rpc::OpenWindowCall& call) {
+                         windows_.push_back(call.address());
+                         return call.is_user_gesture();
+                       }}};
 };
 
 TEST(AddressOfTest, AWholeAddressStaysAsItIs) {
@@ -113,21 +114,21 @@ TEST_F(PageTest, AWidgetWithoutThePageServiceTellsNothing) {
   SocketServer server(&loop_, &other);
   ASSERT_EQ(server.Listen(socket_), absl::OkStatus());
   Connect();
-  page_.Reload();
-  page_.Load("https://example.com");
+  page_->Reload();
+  page_->Load("https://example.com");
   loop_.RunUntilIdle();
   EXPECT_THAT(titles_, IsEmpty());
 }
 
 TEST_F(PageTest, EachButtonIsACall) {
   StartWidget();
-  page_.Reload();  // There is no widget yet.
+  page_->Reload();  // There is no widget yet.
   Connect();
-  page_.Load("https://example.com");
-  page_.Reload();
-  page_.Stop();
-  page_.GoBack();
-  page_.GoForward();
+  page_->Load("https://example.com");
+  page_->Reload();
+  page_->Stop();
+  page_->GoBack();
+  page_->GoForward();
   EXPECT_THAT(Calls(), ElementsAre("Load https://example.com", "Reload", "Stop",
                                    "GoBack", "GoForward"));
 }
@@ -136,12 +137,22 @@ TEST_F(PageTest, AnAddressThatIsRefusedIsToldInWords) {
   StartWidget();
   Connect();
   absl::Status answered;
-  page_.Load("gopher://",
-             [&](const absl::StatusOr<google::protobuf::Empty>& answer) {
-               answered = answer.status();
-             });
+  page_->Load("gopher://",
+              [&](const absl::StatusOr<google::protobuf::Empty>& answer) {
+                answered = answer.status();
+              });
   loop_.RunUntilIdle();
   EXPECT_EQ(answered.message(), "not allowed");
+}
+
+TEST_F(PageTest, APageMayEndBeforeTheAnswer) {
+  StartWidget();
+  Connect();
+  bool is_answered = false;
+  page_->Load("https://example.com", [&](const auto&) { is_answered = true; });
+  page_.reset();
+  loop_.RunUntilIdle();
+  EXPECT_FALSE(is_answered);
 }
 
 TEST_F(PageTest, TheHostDecidesAboutWindows) {
@@ -166,7 +177,7 @@ TEST_F(PageTest, ThePageIsNotKnownOnceTheWidgetHasGone) {
   Connect();
   server_.reset();
   loop_.RunUntilIdle();
-  page_.Reload();
+  page_->Reload();
   EXPECT_THAT(titles_, ElementsAre("First", "gone"));
   StartWidget();
   Connect();

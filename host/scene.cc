@@ -131,8 +131,9 @@ void Scene::UpdateLayer(const rpc::UpdateLayerCall& call,
   item.bounds = call.bounds();
   item.clip.reset();
   if (call.has_clip()) item.clip = call.clip();
-  const double opacity = call.has_opacity() ? call.opacity() : 1;
-  item.opacity = opacity >= 0 && opacity <= 1 ? opacity : 1;
+  const bool has_opacity =
+      call.has_opacity() && call.opacity() >= 0 && call.opacity() <= 1;
+  item.opacity = has_opacity ? static_cast<double>(call.opacity()) : 1;
   if (call.has_frame()) *answer.mutable_receipt() = Show(call.frame(), item);
 }
 

@@ -101,9 +101,10 @@ void Drops::OnRead(GObject* drop, GAsyncResult* result, gpointer data) {
 
 void Drops::Add(const GValue& value) {
   if (G_VALUE_HOLDS_STRING(&value)) {
+    const char* const text = g_value_get_string(&value);
     // Beside files it is only what they are called.
-    if (items_.empty() || items_[0].has_text())
-      items_.push_back(TextItem("text/plain", g_value_get_string(&value)));
+    if (text != nullptr && (items_.empty() || items_[0].has_text()))
+      items_.push_back(TextItem("text/plain", text));
     return;
   }
   std::string links;

@@ -1,11 +1,12 @@
 #include "examples/gtk_host/events.h"
 
-#include <cmath>
 #include <cstdint>
+#include <limits>
 
 namespace gtk_host {
 namespace {
 
+constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 constexpr std::int64_t kNsPerMs = 1'000'000;
 
 rpc::InputInfo InputOf(GdkEvent* event) {
@@ -22,8 +23,8 @@ orvane::host::PointerSample PointerSampleOf(GdkEvent* event,
                                             GtkWidget* widget) {
   // Events tell a place in the surface, in which the window has a place.
   GtkNative* const native = gtk_widget_get_native(widget);
-  double x = NAN;
-  double y = NAN;
+  double x = kUnknown;
+  double y = kUnknown;
   double left = 0;
   double top = 0;
   gdk_event_get_position(event, &x, &y);
@@ -44,7 +45,7 @@ orvane::host::PointerSample PointerSampleOf(GtkEventController* controller) {
   if (event != nullptr)
     return PointerSampleOf(event, gtk_event_controller_get_widget(controller));
   orvane::host::PointerSample sample;
-  sample.pointer.mutable_position()->set_x(NAN);
+  sample.pointer.mutable_position()->set_x(kUnknown);
   return sample;
 }
 

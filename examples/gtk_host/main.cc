@@ -4,6 +4,7 @@
 #include <glib-unix.h>
 #include <gtk/gtk.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -63,6 +64,21 @@ void PrintHelp() {
   std::exit(kExitUsage);
 }
 
+std::uint64_t ParseBrowser(const char* text,
+                           const std::vector<std::uint64_t>& others) {
+  std::uint64_t browser = 0;
+  if (!absl::SimpleAtoi(text, &browser)) {
+    std::cerr << "gtk_host: --browser takes a number, not '" << text << "'\n";
+    RefuseUsage();
+  }
+  if (std::find(others.begin(), others.end(), browser) != others.end()) {
+    std::cerr << "gtk_host: browser " << browser
+              << " can be shown in one tab only\n";
+    RefuseUsage();
+  }
+  return browser;
+}
+
 Options ParseOptions(int argc, char** argv) {
   const option known[] = {{"browser", required_argument, nullptr, 'b'},
                           {"help", no_argument, nullptr, 'h'},
@@ -73,11 +89,7 @@ Options ParseOptions(int argc, char** argv) {
   while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
     switch (found) {
       case 'b':
-        if (!absl::SimpleAtoi(optarg, &options.browsers.emplace_back())) {
-          std::cerr << "gtk_host: --browser takes a number, not '" << optarg
-                    << "'\n";
-          RefuseUsage();
-        }
+        options.browsers.push_back(ParseBrowser(optarg, options.browsers));
         break;
       case 'h':
         PrintHelp();

@@ -46,9 +46,9 @@ GtkWidget* NewCanvas(WebView* view) {
 }
 
 graphene_rect_t RectangleOf(const rpc::RectDip& rect) {
-  return GRAPHENE_RECT_INIT(
-      static_cast<float>(rect.x()), static_cast<float>(rect.y()),
-      static_cast<float>(rect.width()), static_cast<float>(rect.height()));
+  return {
+      {static_cast<float>(rect.x()), static_cast<float>(rect.y())},
+      {static_cast<float>(rect.width()), static_cast<float>(rect.height())}};
 }
 
 std::shared_ptr<GdkTexture> NewTexture(const Picture& picture) {
