@@ -114,8 +114,7 @@ TEST_F(Examples, WindowShowsThePageOfEachWidget) {
   for (int widgets = 0; widgets < 2; ++widgets) {
     ChildProcess widget({WIDGET_SERVER, "--socket", socket_});
     EXPECT_EQ(ReadUntil(window, "attached"), "attached");
-    EXPECT_EQ(ReadUntil(window, "picture"),
-              "picture: 320 x 200 pixels");
+    EXPECT_EQ(ReadUntil(window, "picture"), "picture: 320 x 200 pixels");
     widget.Signal(SIGKILL);
   }
   window.Signal(SIGTERM);
