@@ -56,7 +56,8 @@ constexpr std::pair<absl::string_view, int> kKeyCodes[] = {
 // One that is not a number becomes the lowest: the engine refuses a command
 // with it, and a button or finger whose release is refused would be held for
 // ever.
-double Within(double low, double value, double high) {
+template <typename Number>
+Number Within(Number low, Number value, Number high) {
   return value >= low ? std::min(value, high) : low;
 }
 
@@ -148,10 +149,11 @@ Json NewMouseEvent(const char* type, const rpc::PointerState& pointer,
     event["tiltX"] = std::clamp(pointer.tilt_x_deg(), -90, 90);
     event["tiltY"] = std::clamp(pointer.tilt_y_deg(), -90, 90);
     event["twist"] = pointer.twist_deg() % 360;
-    event["tangentialPressure"] = Within(-1, pointer.tangential_pressure(), 1);
+    event["tangentialPressure"] =
+        Within(-1.0F, pointer.tangential_pressure(), 1.0F);
   }
   if (pointer.has_pressure()) {
-    event["force"] = Within(0, pointer.pressure(), 1);
+    event["force"] = Within(0.0F, pointer.pressure(), 1.0F);
   } else if (pointer.buttons() != 0) {
     event["force"] = 0.5;  // As the DOM has it for devices that sense none.
   }
@@ -283,13 +285,14 @@ std::optional<Json> Fingers::Command(const char* type, const Points& changed,
         {"id", found->second},
         {"x", EngineCoordinate(point.position().x())},
         {"y", EngineCoordinate(point.position().y())},
-        {"rotationAngle", Within(-360, point.rotation_deg(), 360)}};
+        {"rotationAngle", Within(-360.0F, point.rotation_deg(), 360.0F)}};
     // The engine has values of its own for what the device does not tell.
     if (point.radius_x_dip() > 0)
-      engine_point["radiusX"] = Within(0, point.radius_x_dip(), kFarthest);
+      engine_point["radiusX"] = Within(0.0, point.radius_x_dip(), kFarthest);
     if (point.radius_y_dip() > 0)
-      engine_point["radiusY"] = Within(0, point.radius_y_dip(), kFarthest);
-    if (point.has_force()) engine_point["force"] = Within(0, point.force(), 1);
+      engine_point["radiusY"] = Within(0.0, point.radius_y_dip(), kFarthest);
+    if (point.has_force())
+      engine_point["force"] = Within(0.0F, point.force(), 1.0F);
     points.push_back(std::move(engine_point));
   }
   if (points.empty()) return std::nullopt;

@@ -290,6 +290,7 @@ void Page::OnTargetLost() {
   unanswered_moves_ = 0;
   fingers_ = Fingers();
   pressed_.clear();
+  native_input_.ForgetHeld();
   look_timer_.reset();
   picture_timer_.reset();
 }

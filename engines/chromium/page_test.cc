@@ -151,7 +151,7 @@ TEST_F(PageTest, AnEngineThatDoesNotAnswerAnyMoreIsStartedAgain) {
   Engine engine(
       &loop_,
       [&]() -> absl::StatusOr<LaunchedEngine> {
-        if (++launches > 1) return absl::UnavailableError("");
+        if (++launches > 1) return absl::UnavailableError("no second one");
         return LaunchedEngine{nullptr, std::move(pair->first)};
       },
       "", absl::Milliseconds(10));
@@ -194,6 +194,13 @@ TEST_F(PageTest, AnAttachedViewIsHiddenUntilItIsShown) {
       ElementsAre(
           Json{{"windowState", "normal"}},
           Json{{"left", 0}, {"top", 0}, {"width", 320}, {"height", 200}}));
+}
+
+TEST_F(PageTest, TheEngineDrawsIntoNoWindow) {
+  Attach();
+  const auto window = host_->GetChromiumWindowHandle(browser_);
+  ASSERT_TRUE(window.ok()) << window.status();
+  EXPECT_EQ(window->handle(), 0u);
 }
 
 TEST_F(PageTest, AViewIsDrawnOnlyWhileItIsShownAndNotMinimised) {

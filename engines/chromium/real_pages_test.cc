@@ -57,13 +57,12 @@ class RealPagesTest : public testing::RealEngineFixture {
   Stream watching_;
 };
 
-TEST_F(RealPagesTest, PagesAreThereOnceTheProgramListens) {
-  Start("about:blank", {"--allow-scripts"});
-  auto script = New<rpc::EvaluateRequest>();
-  script.set_script("1");
-  const absl::Status ran = pages_->Evaluate(script).status();
-  // It may have run in the page before, which is left meanwhile.
-  EXPECT_FALSE(absl::StrContains(ran.message(), "no page")) << ran;
+TEST_F(RealPagesTest, PagesTakeInputOnceTheProgramListens) {
+  Start("about:blank", {});
+  ASSERT_TRUE(widget_->Attach(New<rpc::AttachRequest>()).ok());
+  const auto pressed =
+      widget_->ForwardKeyPress(New<rpc::KeyPressRequest>("key { key: 'a' }"));
+  EXPECT_TRUE(pressed.ok()) << pressed.status();
 }
 
 TEST_F(RealPagesTest, AHostGoesSomewhereAndBackAndForth) {
