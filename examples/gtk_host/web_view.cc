@@ -32,6 +32,12 @@ void InitCanvasClass(gpointer gtk_class, gpointer) {
     auto* const view = ViewOf(canvas);
     return gboolean{view != nullptr && view->OnFocusMove(direction)};
   };
+  // A list that has just closed may still be there.
+  G_OBJECT_CLASS(gtk_class)->dispose = [](GObject* canvas) {
+    while (GtkWidget* list = gtk_widget_get_first_child(GTK_WIDGET(canvas)))
+      gtk_widget_unparent(list);
+    G_OBJECT_CLASS(g_type_class_peek(GTK_TYPE_WIDGET))->dispose(canvas);
+  };
 }
 
 GtkWidget* NewCanvas(WebView* view) {
