@@ -2,10 +2,11 @@
 //
 //   node client.js SOCKET list
 //   node client.js SOCKET call METHOD JSON
+//   node client.js SOCKET hold METHOD JSON
 //   node client.js SOCKET watch METHOD BROWSER
 //   node client.js SOCKET serve METHOD BROWSER JSON
 //
-// `watch` and `serve` run until SIGINT or SIGTERM. Exit code: 0 on success, 1 if
+// `hold`, `watch` and `serve` run until SIGINT or SIGTERM. Exit code: 0 on success, 1 if
 // a call or a stream failed, 2 for wrong usage, 3 if there is no connection.
 
 'use strict';
@@ -134,14 +135,19 @@ function end(code, why) {
   connection.socket.destroy();
 }
 
-function call(name, json) {
+function call(name, json, then = () => end(0)) {
   const method = findMethod(name, 'unary');
   const request = method.request.encode(fromJson(method.request, json)).finish();
   connection.begin(Kind.KIND_CALL, method.index, request, frame => {
     if (frame.kind === Kind.KIND_ERROR) return end(1, errorText(frame));
     console.log(toJson(method.response, method.response.decode(frame.payload)));
-    end(0);
+    then();
   });
+}
+
+// A call whose effect lasts as long as its connection, such as Attach.
+function hold(name, json) {
+  call(name, json, () => process.once('SIGINT', () => end(0)).once('SIGTERM', () => end(0)));
 }
 
 // Opens a stream, subscribes it with `request`, and passes on its messages.
@@ -183,7 +189,7 @@ function list() {
 }
 
 const [socketPath, command, ...words] = process.argv.slice(2);
-const commands = { call, watch, serve };
+const commands = { call, hold, watch, serve };
 let connection;
 if (command === 'list') {
   list();
