@@ -17,6 +17,11 @@ inline bool IsFinite(const rpc::VectorDip& vector) {
   return std::isfinite(vector.dx()) && std::isfinite(vector.dy());
 }
 
+inline bool IsFinite(const rpc::RectDip& rect) {
+  return std::isfinite(rect.x()) && std::isfinite(rect.y()) &&
+         std::isfinite(rect.width()) && std::isfinite(rect.height());
+}
+
 }  // namespace orvane::host
 
 #endif  // HOST_FINITE_H_

@@ -1,28 +1,18 @@
 #include "host/keyboard.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <string>
 #include <utility>
-
-#include "absl/strings/str_cat.h"
-
-#include "zimbrel/src/core/common/rpc/characters.h"
 
 namespace orvane::host {
 namespace {
 
 using Client = InputCalls::Client;
 
-// Text with any of these is a shortcut and enters nothing. AltGr is another
-// modifier.
-constexpr std::uint32_t kShortcuts = rpc::MODIFIER_FLAG_CONTROL |
-                                     rpc::MODIFIER_FLAG_ALT |
-                                     rpc::MODIFIER_FLAG_META;
-
 // All but the locks.
-constexpr std::uint32_t kModifierKeys =
-    kShortcuts | rpc::MODIFIER_FLAG_SHIFT | rpc::MODIFIER_FLAG_ALT_GRAPH;
+constexpr std::uint32_t kModifierKeys = kShortcutModifiers |
+                                        rpc::MODIFIER_FLAG_SHIFT |
+                                        rpc::MODIFIER_FLAG_ALT_GRAPH;
 
 // Tells keys apart: by native key code, or else by keysym or character.
 std::uint64_t DownIndex(const KeySample& sample) {
@@ -35,49 +25,17 @@ bool TellsCharacter(const KeySample& sample) {
   return sample.keysym != 0 || sample.character != 0;
 }
 
-// The modifier that a key is, 0 for most.
-std::uint32_t FlagOf(const rpc::Key& key) {
-  if (key.key() == "Alt") return rpc::MODIFIER_FLAG_ALT;
-  if (key.key() == "AltGraph") return rpc::MODIFIER_FLAG_ALT_GRAPH;
-  if (key.key() == "Control") return rpc::MODIFIER_FLAG_CONTROL;
-  if (key.key() == "Meta") return rpc::MODIFIER_FLAG_META;
-  if (key.key() == "Shift") return rpc::MODIFIER_FLAG_SHIFT;
-  return 0;
-}
-
-struct Text {
-  std::string utf8;
-  std::size_t characters = 0;
-};
-
-// What a page is told of a toolkit's text: no control characters, and no bytes
-// that are no character.
-Text TypedFrom(absl::string_view told) {
-  Text typed;
-  while (!told.empty()) {
-    const Utf8Character first = FirstCharacter(told);
-    const bool is_control =
-        first.code < ' ' || (first.code >= 0x7F && first.code < 0xA0);
-    if (first.bytes > 0 && !is_control) {
-      absl::StrAppend(&typed.utf8, told.substr(0, first.bytes));
-      ++typed.characters;
-    }
-    told.remove_prefix(std::max<std::size_t>(first.bytes, 1));
-  }
-  return typed;
-}
-
 }  // namespace
 
 Keyboard::Keyboard(InputCalls* calls) : calls_(calls) {}
 
 std::uint32_t Keyboard::ModifiersAfter(std::uint32_t told, const rpc::Key& key,
                                        bool is_press) const {
-  const std::uint32_t flag = FlagOf(key);
+  const std::uint32_t flag = ModifierOf(key);
   if (is_press) return told | flag;
   const bool is_twin_down =
       std::any_of(down_.begin(), down_.end(), [flag](const auto& entry) {
-        return flag != 0 && FlagOf(entry.second.key) == flag;
+        return flag != 0 && ModifierOf(entry.second.key) == flag;
       });
   return is_twin_down ? told | flag : told & ~flag;
 }
@@ -87,7 +45,7 @@ void Keyboard::Press(const KeySample& sample, absl::string_view text,
   rpc::KeyPressRequest press;
   *press.mutable_input() = sample.input;
   *press.mutable_key() = DescribeKey(sample);
-  const Text typed = TypedFrom(text);
+  const TypedText typed = TypedFrom(text);
   if (!TellsCharacter(sample) && typed.characters == 1)
     press.mutable_key()->set_key(typed.utf8);
   press.mutable_input()->set_modifiers(
@@ -99,7 +57,8 @@ void Keyboard::Press(const KeySample& sample, absl::string_view text,
   press.set_is_auto_repeat(sample.is_auto_repeat || !is_new);
   press.set_is_composing(is_composing);
   calls_->Send(&Client::ForwardKeyPress, press);
-  if (is_composing || (press.input().modifiers() & kShortcuts) != 0) return;
+  if (is_composing || (press.input().modifiers() & kShortcutModifiers) != 0)
+    return;
   SendText(press.input(), &press.key(),
            press.key().key() == "Enter" ? "\r" : typed.utf8,
            press.is_auto_repeat());
@@ -126,7 +85,7 @@ void Keyboard::ReleaseAll() {
   while (!down_.empty()) {
     const auto released = down_.extract(down_.begin());
     std::uint32_t still_held = 0;
-    for (const auto& [index, down] : down_) still_held |= FlagOf(down.key);
+    for (const auto& [index, down] : down_) still_held |= ModifierOf(down.key);
     rpc::InputInfo input = released.mapped().input;
     input.set_modifiers((input.modifiers() & ~kModifierKeys) | still_held);
     SendRelease(input, released.mapped().key);

@@ -90,12 +90,16 @@ rpc::MouseButton ButtonOfX11(std::uint32_t number) {
   }
 }
 
+std::uint32_t FlagOf(rpc::MouseButton button) {
+  return IsButton(button) ? kFlags[IndexOf(button)] : 0;
+}
+
 std::uint32_t ButtonsOfX11State(std::uint32_t state) {
   constexpr std::uint32_t kFirst = 1 << 8;  // Button1Mask
   std::uint32_t buttons = 0;
   for (std::uint32_t number = 1; number <= 3; ++number) {
     if ((state & kFirst << (number - 1)) != 0)
-      buttons |= kFlags[IndexOf(ButtonOfX11(number))];
+      buttons |= FlagOf(ButtonOfX11(number));
   }
   return buttons;
 }
@@ -159,8 +163,8 @@ void Pointer::Move(const PointerSample& sample,
 
 void Pointer::Press(const PointerSample& sample, rpc::MouseButton button,
                     std::uint32_t click_count) {
-  if (!IsButton(button)) return;
-  const std::uint32_t flag = kFlags[IndexOf(button)];
+  const std::uint32_t flag = FlagOf(button);
+  if (flag == 0) return;
   Remember(sample);
   NoteLostReleases(sample.pointer.buttons() | flag);
   // Of a button that was down already, the release was lost.
@@ -181,8 +185,8 @@ void Pointer::Press(const PointerSample& sample, rpc::MouseButton button,
 }
 
 void Pointer::Release(const PointerSample& sample, rpc::MouseButton button) {
-  if (!IsButton(button)) return;
-  const std::uint32_t flag = kFlags[IndexOf(button)];
+  const std::uint32_t flag = FlagOf(button);
+  if (flag == 0) return;
   Remember(sample);
   NoteLostReleases(sample.pointer.buttons() | flag);
   // A view that the pointer has entered with a button held from elsewhere is

@@ -27,6 +27,9 @@ namespace orvane::host {
 // stand for a wheel, and for buttons that pages do not know.
 rpc::MouseButton ButtonOfX11(std::uint32_t number);
 
+// Its MouseButtonFlag; 0 if it is no button.
+std::uint32_t FlagOf(rpc::MouseButton button);
+
 // The sum of MouseButtonFlags for the state of an X11 event or a
 // GdkModifierType, which do not tell back and forward.
 std::uint32_t ButtonsOfX11State(std::uint32_t state);

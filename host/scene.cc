@@ -1,13 +1,13 @@
 #include "host/scene.h"
 
 #include <algorithm>
-#include <cmath>
 #include <string>
 #include <utility>
 
 #include "absl/status/status.h"
 #include "absl/strings/str_cat.h"
 
+#include "host/finite.h"
 #include "zimbrel/src/core/common/rpc/transport/responder.h"
 
 namespace orvane::host {
@@ -29,11 +29,6 @@ void PlaceAt(double x, double y, Scene::Item& item) {
   item.bounds.set_y(y);
   item.bounds.set_width(item.picture.width() / scale_factor);
   item.bounds.set_height(item.picture.height() / scale_factor);
-}
-
-bool IsFinite(const rpc::RectDip& rect) {
-  return std::isfinite(rect.x()) && std::isfinite(rect.y()) &&
-         std::isfinite(rect.width()) && std::isfinite(rect.height());
 }
 
 bool CanBeSeen(const Scene::Item& item) {

@@ -9,11 +9,16 @@
 #include "absl/strings/string_view.h"
 
 #include "host/key.h"
+#include "host/pointer.h"
 #include "rpc/browser/touch.pb.h"
 #include "rpc/browser/wheel.pb.h"
 
 namespace chromium {
 namespace {
+
+using orvane::host::ButtonOfX11;
+using orvane::host::FlagOf;
+using orvane::host::ModifierOf;
 
 // Those of GTK, in pixels of a screen at scale 1.
 constexpr std::uint32_t kDoubleClickMs = 400;
@@ -22,11 +27,6 @@ constexpr double kDoubleClickDistance = 5;
 // What most browsers scroll by for one step of the wheel.
 constexpr double kDipsPerDetent = 120;
 constexpr int kDetent = 120;  // In 120ths.
-
-// A key under any of these is a shortcut and types nothing.
-constexpr std::uint32_t kShortcuts = rpc::MODIFIER_FLAG_CONTROL |
-                                     rpc::MODIFIER_FLAG_ALT |
-                                     rpc::MODIFIER_FLAG_META;
 
 // Events that are read here have been checked.
 X11Event Read(const rpc::NativeEvent& event, X11Input input) {
@@ -57,67 +57,6 @@ void SetPositions(const rpc::NativeEvent& native, const X11Event& event,
 
 KeyboardLayout::Press PressOf(const X11Event& event) {
   return {event.detail, event.modifiers, event.group};
-}
-
-// The modifier that a key is, 0 for most.
-std::uint32_t FlagOf(const rpc::Key& key) {
-  if (key.key() == "Alt") return rpc::MODIFIER_FLAG_ALT;
-  if (key.key() == "AltGraph") return rpc::MODIFIER_FLAG_ALT_GRAPH;
-  if (key.key() == "Control") return rpc::MODIFIER_FLAG_CONTROL;
-  if (key.key() == "Meta") return rpc::MODIFIER_FLAG_META;
-  if (key.key() == "Shift") return rpc::MODIFIER_FLAG_SHIFT;
-  return 0;
-}
-
-std::string WithoutControlCharacters(std::string text) {
-  std::erase_if(text, [](char character) {
-    return (character >= 0 && character < ' ') || character == '\x7f';
-  });
-  return text;
-}
-
-// Unspecified for the wheel and for buttons that pages do not know.
-rpc::MouseButton ButtonOf(std::uint32_t number) {
-  switch (number) {
-    case 1:
-      return rpc::MOUSE_BUTTON_PRIMARY;
-    case 2:
-      return rpc::MOUSE_BUTTON_AUXILIARY;
-    case 3:
-      return rpc::MOUSE_BUTTON_SECONDARY;
-    case 8:
-      return rpc::MOUSE_BUTTON_BACK;
-    case 9:
-      return rpc::MOUSE_BUTTON_FORWARD;
-    default:
-      return rpc::MOUSE_BUTTON_UNSPECIFIED;
-  }
-}
-
-std::uint32_t FlagOf(rpc::MouseButton button) {
-  switch (button) {
-    case rpc::MOUSE_BUTTON_PRIMARY:
-      return rpc::MOUSE_BUTTON_FLAG_PRIMARY;
-    case rpc::MOUSE_BUTTON_AUXILIARY:
-      return rpc::MOUSE_BUTTON_FLAG_AUXILIARY;
-    case rpc::MOUSE_BUTTON_SECONDARY:
-      return rpc::MOUSE_BUTTON_FLAG_SECONDARY;
-    case rpc::MOUSE_BUTTON_BACK:
-      return rpc::MOUSE_BUTTON_FLAG_BACK;
-    case rpc::MOUSE_BUTTON_FORWARD:
-      return rpc::MOUSE_BUTTON_FLAG_FORWARD;
-    default:
-      return 0;
-  }
-}
-
-// The buttons of a state, which knows of no more than these.
-std::uint32_t FlagsOf(std::uint32_t buttons) {
-  std::uint32_t flags = 0;
-  for (std::uint32_t number = 1; number <= 3; ++number) {
-    if ((buttons & 1U << (number - 1)) != 0) flags |= FlagOf(ButtonOf(number));
-  }
-  return flags;
 }
 
 }  // namespace
@@ -164,7 +103,7 @@ void NativeInput::PressKey(const X11Event& event, rpc::InputInfo input) {
   rpc::KeyPressRequest press;
   *press.mutable_key() = Describe(event, input);
   // X11 tells the modifiers before the press.
-  input.set_modifiers(input.modifiers() | FlagOf(press.key()));
+  input.set_modifiers(input.modifiers() | ModifierOf(press.key()));
   *press.mutable_input() = input;
   const bool is_new = down_.insert_or_assign(event.detail, press.key()).second;
   const bool is_let_go_for_a_moment =
@@ -173,9 +112,9 @@ void NativeInput::PressKey(const X11Event& event, rpc::InputInfo input) {
                            is_let_go_for_a_moment);
   page_->KeyPress(press);
 
-  if ((input.modifiers() & kShortcuts) != 0) return;
+  if ((input.modifiers() & orvane::host::kShortcutModifiers) != 0) return;
   std::string text = layout_->Type(PressOf(event));
-  text = text == "\r" ? text : WithoutControlCharacters(std::move(text));
+  if (text != "\r") text = orvane::host::TypedFrom(text).utf8;
   if (text.empty()) return;
   rpc::KeyTypeRequest type;
   *type.mutable_input() = input;
@@ -194,10 +133,10 @@ void NativeInput::ReleaseKey(const X11Event& event, rpc::InputInfo input) {
   // The same key as before, which may have another meaning by now.
   *release.mutable_key() = pressed.mapped();
   release.mutable_key()->set_key(Describe(event, input).key());
-  const std::uint32_t flag = FlagOf(pressed.mapped());
+  const std::uint32_t flag = ModifierOf(pressed.mapped());
   const bool is_twin_down = std::any_of(
       down_.begin(), down_.end(),
-      [flag](const auto& entry) { return FlagOf(entry.second) == flag; });
+      [flag](const auto& entry) { return ModifierOf(entry.second) == flag; });
   if (!is_twin_down) input.set_modifiers(input.modifiers() & ~flag);
   *release.mutable_input() = std::move(input);
   page_->KeyRelease(release);
@@ -217,9 +156,10 @@ void NativeInput::Take(const rpc::NativeMouseEventRequest& request,
   SetPositions(request.event(), event, scale_factor, pointer.mutable_position(),
                pointer.mutable_screen_position());
   pointer.set_pointer_type(rpc::POINTER_TYPE_MOUSE);
-  pointer.set_buttons(pressed_ | FlagsOf(event.buttons));
+  pointer.set_buttons(pressed_ |
+                      orvane::host::ButtonsOfX11State(event.buttons));
 
-  const rpc::MouseButton button = ButtonOf(event.detail);
+  const rpc::MouseButton button = ButtonOfX11(event.detail);
   if (event.kind == X11EventKind::kButtonPress) {
     if (button == rpc::MOUSE_BUTTON_UNSPECIFIED) {
       TurnWheel(event, input, pointer);

@@ -124,8 +124,7 @@ constexpr int kXiKeyRepeat = 1 << 16;
 
 // Of a state: eight modifiers, five buttons, and two bits for the group.
 constexpr std::uint32_t kModifiers = 0xff;
-constexpr int kFirstButton = 8;
-constexpr std::uint32_t kButtons = 0x1f;
+constexpr std::uint32_t kButtons = 0x1f00;
 constexpr int kFirstGroup = 13;
 constexpr std::uint32_t kGroups = 3;
 
@@ -224,7 +223,7 @@ X11Event FromCore(X11EventKind kind, const CoreUnion& core) {
     event.detail = core.event.detail;
   }
   event.modifiers = state & kModifiers;
-  event.buttons = state >> kFirstButton & kButtons;
+  event.buttons = state & kButtons;
   event.group = state >> kFirstGroup & kGroups;
   return event;
 }

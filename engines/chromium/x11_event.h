@@ -34,14 +34,13 @@ struct X11Event {
   double root_x = 0;
   double root_y = 0;
 
-  // The modifiers before the event, by the bits of an X11 state, and the
-  // group: which one of the keyboard's layouts is in effect.
+  // Before the event, by the bits of an X11 state. XInput 2 has the buttons
+  // behind a pointer into the host's memory, so there they stay 0.
   std::uint32_t modifiers = 0;
-  std::uint32_t group = 0;
-
-  // Buttons 1 to 5 before the event, button 1 by the lowest bit. XInput 2 has
-  // them behind a pointer into the host's memory, so there they stay 0.
   std::uint32_t buttons = 0;
+
+  // Which one of the keyboard's layouts is in effect.
+  std::uint32_t group = 0;
 
   std::uint32_t time_ms = 0;  // Wraps around.
   std::uint32_t device = 0;   // Of XInput 2.
