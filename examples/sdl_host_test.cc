@@ -1,30 +1,20 @@
 // The window on a screen that only exists in memory, with input as from a mouse
 // and a keyboard.
 
-#include <X11/XKBlib.h>
-#include <X11/Xlib.h>
-#include <X11/Xutil.h>
-#include <X11/extensions/XTest.h>
-#include <X11/extensions/Xdamage.h>
-#include <X11/extensions/Xfixes.h>
-
-#include "zimbrel/src/core/common/rpc/main_loops/xlib_names.h"
-
 #include <csignal>
-#include <cstdint>
-#include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "absl/functional/function_ref.h"
-#include "absl/log/log.h"
 #include "absl/strings/match.h"
 #include "absl/strings/str_cat.h"
+#include "absl/time/clock.h"
+#include "absl/time/time.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "examples/screen_fixture.h"
 #include "zimbrel/src/core/common/rpc/testing/call_by_name.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
@@ -32,28 +22,23 @@
 
 namespace {
 
+using ::examples::testing::Area;
+using ::examples::testing::Point;
+using ::examples::testing::Rgb;
+using ::examples::testing::Screen;
+using ::examples::testing::WindowId;
 using ::orvane::testing::ChildProcess;
 using ::testing::StartsWith;
 
-constexpr char kXServer[] = "/usr/bin/Xvfb";
+// Of the widget's page.
+constexpr Rgb kSky = 0x78b4f0;
+constexpr Rgb kDimmedSky = 0x2d435a;
+constexpr Rgb kInk = 0x202020;
+constexpr Rgb kPaper = 0xffffff;
+constexpr Rgb kFocusRing = 0x005fcc;
+constexpr Rgb kHighlight = 0xbed7fa;
 
-// SDL opens its window of 800 x 600 in the middle.
-constexpr char kScreen[] = "1000x700x24";
-constexpr int kLeft = 100;
-constexpr int kTop = 50;
-
-// Of the widget's page, as 0xrrggbb.
-constexpr std::uint32_t kSky = 0x78b4f0;
-constexpr std::uint32_t kInk = 0x202020;
-constexpr std::uint32_t kPaper = 0xffffff;
-constexpr std::uint32_t kFocusRing = 0x005fcc;
-constexpr std::uint32_t kHighlight = 0xbed7fa;
-
-// Positions are in pixels from the window's top left corner.
-struct Point {
-  int x;
-  int y;
-};
+// In pixels from the window's top left corner.
 constexpr Point kPicture = {20, 20};
 constexpr Point kLink = {150, 26};
 constexpr Point kField = {200, 60};
@@ -65,26 +50,9 @@ constexpr Point kListRing = {95, 96};
 class SdlHostTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!std::filesystem::exists(kXServer))
-      GTEST_SKIP() << "no X server at " << kXServer << "; install xvfb";
-    // It ends with the test, and its windows do.
-    x_server_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-        "/usr/bin/setpriv", "--pdeathsig", "KILL", kXServer, "-displayfd", "1",
-        "-screen", "0", kScreen, "-nolisten", "tcp"});
-    name_ = absl::StrCat(":", x_server_->ReadLine());
-    display_ = XOpenDisplay(name_.c_str());
-    ASSERT_NE(display_, nullptr);
-    // A window may be gone before it is asked.
-    XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });
-    // Whatever changes is an event, so that a test can wait for it.
-    const Window root = DefaultRootWindow(display_);
-    XDamageCreate(display_, root, XDamageReportRawRectangles);
-    XFixesSelectCursorInput(display_, root, XFixesDisplayCursorNotifyMask);
-    XSelectInput(display_, root, SubstructureNotifyMask);
+    if (!Screen::Missing().empty()) GTEST_SKIP() << Screen::Missing();
+    screen_ = std::make_unique<Screen>();
     StartWidget();
-  }
-  void TearDown() override {
-    if (display_ != nullptr) XCloseDisplay(display_);
   }
 
   void StartWidget() {
@@ -93,100 +61,57 @@ class SdlHostTest : public ::testing::Test {
     EXPECT_EQ(widget_->ReadLine(), "widget_server listens at " + socket_);
   }
   void StartHost() {
-    host_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-        "/usr/bin/env", "DISPLAY=" + name_, "SDL_VIDEODRIVER=x11",
-        "SDL_RENDER_DRIVER=software",
-        // SDL unloads its drivers, so that what they leak has no name.
-        "LSAN_OPTIONS=detect_leaks=0", SDL_HOST, socket_});
+    host_ = std::make_unique<ChildProcess>(screen_->CommandOf(
+        {SDL_HOST, socket_},
+        {"SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software",
+         // SDL unloads its drivers, so that what they leak has no name.
+         "LSAN_OPTIONS=detect_leaks=0"}));
   }
   void OpenPage() {
     StartHost();
     AwaitColor(kPicture, kSky);
+    Await("the window, ready for input",
+          [this] { return screen_->IsActive(window()); });
   }
 
-  // Waits until it is so; only the test's timeout ends that.
-  void Await(absl::FunctionRef<bool()> is_so) {
-    while (!is_so()) {
-      XEvent event;
-      XNextEvent(display_, &event);
-    }
+  // Fails, and fails again at once, if that does not happen in the test's time.
+  void Await(const std::string& what, const std::function<bool()>& is_true) {
+    ASSERT_TRUE(screen_->RunUntil(is_true, deadline_))
+        << "not in time: " << what;
   }
-  void AwaitColor(Point at, std::uint32_t rgb) {
-    Await([&] { return ColorAt(at) == rgb; });
+  void AwaitColor(Point at, Rgb color) {
+    Await(absl::StrCat("colour ", absl::Hex(color, absl::kZeroPad6), " at ",
+                       at.x, ", ", at.y),
+          [&] { return ColorAt(at) == color; });
   }
-
-  // What is seen.
-  std::uint32_t ColorAt(Point at) const {
-    XImage* const image =
-        XGetImage(display_, DefaultRootWindow(display_), kLeft + at.x,
-                  kTop + at.y, 1, 1, AllPlanes, ZPixmap);
-    if (image == nullptr) LOG(FATAL) << "the screen cannot be read";
-    const auto rgb = static_cast<std::uint32_t>(XGetPixel(image, 0, 0));
-    XDestroyImage(image);
-    return rgb;
+  void AwaitCursor(const std::string& name) {
+    Await("the cursor " + name, [&] { return screen_->Cursor() == name; });
   }
-  std::string Cursor() const {
-    XFixesCursorImage* const cursor = XFixesGetCursorImage(display_);
-    std::string name = cursor->name;
-    XFree(cursor);
-    return name;
-  }
-  std::string Title() const {
-    XSelectInput(display_, window(), PropertyChangeMask);
-    char* name = nullptr;
-    if (XFetchName(display_, window(), &name) == 0) return "";
-    std::string title = name;
-    XFree(name);
-    return title;
+  void AwaitNoWindow() {
+    Await("the end of the window", [this] { return window() == 0; });
   }
 
-  // The only one, or None.
-  Window window() const {
-    Window root = None;
-    Window parent = None;
-    Window* children = nullptr;
-    unsigned count = 0;
-    XQueryTree(display_, DefaultRootWindow(display_), &root, &parent, &children,
-               &count);
-    const Window only = count == 0 ? static_cast<Window>(None) : children[0];
-    XFree(children);
-    return only;
+  // The only one; 0 if there is none.
+  WindowId window() const {
+    const std::vector<WindowId> windows = screen_->Windows();
+    return windows.empty() ? 0 : windows.front();
   }
+  std::string Title() const { return screen_->TitleOf(window()); }
 
-  // Input.
-  void MoveTo(Point to) {
-    XTestFakeMotionEvent(display_, -1, kLeft + to.x, kTop + to.y, CurrentTime);
+  Point OnScreen(Point at) const {
+    const Area place = screen_->PlaceOf(window());
+    return {place.x + at.x, place.y + at.y};
   }
-  void Click(Point at) {
-    MoveTo(at);
-    XTestFakeButtonEvent(display_, 1, True, CurrentTime);
-    XTestFakeButtonEvent(display_, 1, False, CurrentTime);
-  }
-  void Press(const std::vector<KeySym>& chord) {
-    for (const KeySym key : chord) SendKey(key, True);
-    for (const KeySym key : chord) SendKey(key, False);
-  }
-  void SendKey(KeySym key, Bool is_press) {
-    XTestFakeKeyEvent(display_, XKeysymToKeycode(display_, key), is_press,
-                      CurrentTime);
-  }
-  void CloseWindow() {
-    XEvent event = {};
-    event.xclient.type = ClientMessage;
-    event.xclient.window = window();
-    event.xclient.message_type = XInternAtom(display_, "WM_PROTOCOLS", False);
-    event.xclient.format = 32;
-    event.xclient.data.l[0] =
-        static_cast<long>(XInternAtom(display_, "WM_DELETE_WINDOW", False));
-    XSendEvent(display_, window(), False, NoEventMask, &event);
-    XFlush(display_);
-  }
+  Rgb ColorAt(Point at) const { return screen_->ColorAt(OnScreen(at)); }
+  void MoveTo(Point to) { screen_->MoveTo(OnScreen(to)); }
+  void Click(Point at) { screen_->Click(OnScreen(at)); }
 
+  static constexpr absl::Duration kTestBound = absl::Seconds(60);
+
+  const absl::Time deadline_ = absl::Now() + kTestBound;
   const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
-  std::unique_ptr<ChildProcess> x_server_;
-  std::string name_;  // Of the display.
-  Display* display_ = nullptr;
+  std::unique_ptr<Screen> screen_;
   std::unique_ptr<ChildProcess> widget_;
   std::unique_ptr<ChildProcess> host_;
 };
@@ -196,18 +121,18 @@ TEST_F(SdlHostTest, ThePageIsSeenAndKeptWhenTheWindowIsResized) {
   EXPECT_EQ(Title(), "Browser");
   const Point corner = {880, 630};
   EXPECT_NE(ColorAt(corner), kPaper);
-  XResizeWindow(display_, window(), 890, 640);
+  screen_->Resize(window(), 890, 640);
   AwaitColor(corner, kPaper);
-  EXPECT_EQ(ColorAt(kPicture), kSky);
+  AwaitColor(kPicture, kSky);
 }
 
 TEST_F(SdlHostTest, AClickAndTypedLettersArrive) {
   OpenPage();
   Click(kField);
   AwaitColor(kFieldRing, kFocusRing);
-  Press({XK_a});
+  screen_->PressKey("a");
   AwaitColor(kFirstLetter, kInk);
-  Press({XK_Shift_L, XK_1});
+  screen_->PressKey("shift+1");
   AwaitColor({kFirstLetter.x + 7, kFirstLetter.y}, kInk);
 }
 
@@ -215,8 +140,8 @@ TEST_F(SdlHostTest, AClickAndTypedLettersArrive) {
 TEST_F(SdlHostTest, AShortcutTypesNothing) {
   OpenPage();
   Click(kField);
-  Press({XK_Alt_L, XK_a});
-  Press({XK_Tab});
+  screen_->PressKey("Alt_L+a");
+  screen_->PressKey("Tab");
   AwaitColor(kListRing, kFocusRing);
   EXPECT_EQ(ColorAt(kFirstLetter), kPaper);
 }
@@ -224,9 +149,9 @@ TEST_F(SdlHostTest, AShortcutTypesNothing) {
 TEST_F(SdlHostTest, TheCursorIsThePages) {
   OpenPage();
   MoveTo(kLink);
-  Await([this] { return Cursor() == "hand2"; });
+  AwaitCursor("hand2");
   MoveTo(kField);
-  Await([this] { return Cursor() == "xterm"; });
+  AwaitCursor("xterm");
 }
 
 TEST_F(SdlHostTest, AListOpensAndIsChosenFrom) {
@@ -242,10 +167,10 @@ TEST_F(SdlHostTest, ThePageIsDimmedWhileThereIsNoWidgetAndComesBack) {
   OpenPage();
   widget_->Signal(SIGKILL);
   widget_->Wait();
-  Await([this] {
+  Await("a title that says why", [this] {
     return Title() == "Browser: the server closed the connection";
   });
-  AwaitColor(kPicture, 0x2d435a);
+  AwaitColor(kPicture, kDimmedSky);
   StartWidget();
   AwaitColor(kPicture, kSky);
   EXPECT_EQ(Title(), "Browser");
@@ -255,9 +180,9 @@ TEST_F(SdlHostTest, ThePageIsDimmedWhileThereIsNoWidgetAndComesBack) {
 
 TEST_F(SdlHostTest, AWindowThatIsClosedLeavesThePageToTheNext) {
   OpenPage();
-  CloseWindow();
+  screen_->Close(window());
   EXPECT_EQ(host_->Wait().exit_code, 0);
-  Await([this] { return window() == None; });
+  AwaitNoWindow();
   OpenPage();
 }
 
@@ -265,19 +190,19 @@ TEST_F(SdlHostTest, AHostThatHasDiedLeavesThePageToTheNext) {
   OpenPage();
   host_->Signal(SIGKILL);
   host_->Wait();
-  Await([this] { return window() == None; });
+  AwaitNoWindow();
   OpenPage();
 }
 
 TEST_F(SdlHostTest, AClickTakesThePageFromAnotherHost) {
-  orvane::EventLoop loop;
-  const auto other = orvane::SocketClient::Connect(&loop, socket_);
+  const auto other = orvane::SocketClient::Connect(&screen_->loop(), socket_);
   ASSERT_TRUE(other.ok()) << other.status();
   ASSERT_EQ(orvane::testing::CallByName(other->get(), "Attach",
                                         "browser_id { value: 1 }"),
             absl::OkStatus());
   StartHost();
-  Await([this] { return absl::EndsWith(Title(), "(click to take over)"); });
+  Await("a title that says what to do",
+        [this] { return absl::EndsWith(Title(), "(click to take over)"); });
   Click(kPicture);
   AwaitColor(kPicture, kSky);
 }

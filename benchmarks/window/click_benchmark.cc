@@ -14,16 +14,16 @@
 #include "absl/time/time.h"
 #include "benchmark/benchmark.h"
 
-#include "examples/gtk_host/screen_fixture.h"
+#include "examples/screen_fixture.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 
 namespace {
 
-using ::gtk_host::testing::Area;
-using ::gtk_host::testing::Point;
-using ::gtk_host::testing::Rgb;
-using ::gtk_host::testing::Screen;
+using ::examples::testing::Area;
+using ::examples::testing::Point;
+using ::examples::testing::Rgb;
+using ::examples::testing::Screen;
 using ::orvane::testing::ChildProcess;
 
 constexpr int kClicks = 50;

@@ -21,13 +21,20 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
-#include "examples/gtk_host/screen_fixture.h"
+#include "examples/screen_fixture.h"
 #include "rpc/browser/browser_id.pb.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
 namespace gtk_host::testing {
+
+using ::examples::testing::Area;
+using ::examples::testing::Image;
+using ::examples::testing::Point;
+using ::examples::testing::Rgb;
+using ::examples::testing::Screen;
+using ::examples::testing::WindowId;
 
 // The page marks its place by a spot of a colour that it has nowhere else. A
 // test that fails leaves a picture of the screen in its folder.

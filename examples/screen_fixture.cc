@@ -1,4 +1,4 @@
-#include "examples/gtk_host/screen_fixture.h"
+#include "examples/screen_fixture.h"
 
 // clang-format off
 #include <X11/Xlib.h>
@@ -29,7 +29,7 @@
 #include "absl/strings/string_view.h"
 #include "absl/time/clock.h"
 
-namespace gtk_host::testing {
+namespace examples::testing {
 namespace {
 
 constexpr char kServer[] = "/usr/bin/Xvfb";
@@ -397,4 +397,4 @@ std::optional<Area> Screen::Popup() const {
   return std::nullopt;
 }
 
-}  // namespace gtk_host::testing
+}  // namespace examples::testing

@@ -1,7 +1,7 @@
 // For tests: a screen without a monitor, with real input to whatever is on it.
 
-#ifndef EXAMPLES_GTK_HOST_SCREEN_FIXTURE_H_
-#define EXAMPLES_GTK_HOST_SCREEN_FIXTURE_H_
+#ifndef EXAMPLES_SCREEN_FIXTURE_H_
+#define EXAMPLES_SCREEN_FIXTURE_H_
 
 #include <sys/types.h>
 
@@ -19,7 +19,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
 
-namespace gtk_host::testing {
+namespace examples::testing {
 
 // In pixels from the screen's top left corner.
 struct Point {
@@ -81,7 +81,7 @@ class Screen {
   // use it too.
   orvane::EventLoop& loop() { return loop_; }
 
-  // The command that starts a GTK program here, with these settings.
+  // The command that starts a program of GTK or SDL here, with these settings.
   std::vector<std::string> CommandOf(
       std::vector<std::string> program,
       const std::vector<std::string>& environment = {}) const;
@@ -143,6 +143,6 @@ class Screen {
   std::unique_ptr<orvane::testing::ChildProcess> window_manager_;
 };
 
-}  // namespace gtk_host::testing
+}  // namespace examples::testing
 
-#endif  // EXAMPLES_GTK_HOST_SCREEN_FIXTURE_H_
+#endif  // EXAMPLES_SCREEN_FIXTURE_H_
