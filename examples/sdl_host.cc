@@ -11,7 +11,6 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 
@@ -133,7 +132,9 @@ class BrowserWindow {
         renderer_(SDL_CreateRenderer(window_.get(), -1, 0)),
         view_(loop, {.socket = socket, .browser = browser_},
               {.on_connected = [this](auto& widget) { OpenStreams(widget); },
-               .on_state = [this](ViewState) { ShowState(); }}) {
+               .on_state = [this](ViewState) { ShowState(); },
+               .on_cursor =
+                   [this](const rpc::Cursor& cursor) { ShowCursor(cursor); }}) {
     ShowState();
   }
 
@@ -210,10 +211,6 @@ class BrowserWindow {
           list_ = Sheet();
           Draw();
         });
-    cursors_ = widget.WhenCursorChanged(
-        browser_, [this](const rpc::CursorChanged& event) {
-          ShowCursor(event.cursor().type());
-        });
   }
 
   void ShowState() {
@@ -226,15 +223,15 @@ class BrowserWindow {
     }
     if (view_.state() == ViewState::kRefused) title += " (click to take over)";
     SDL_SetWindowTitle(window_.get(), title.c_str());
-    ShowCursor(rpc::CURSOR_TYPE_DEFAULT);
     list_ = Sheet();
     Draw();
   }
 
-  void ShowCursor(rpc::CursorType type) {
-    SDL_ShowCursor(type == rpc::CURSOR_TYPE_NONE ? SDL_DISABLE : SDL_ENABLE);
+  void ShowCursor(const rpc::Cursor& cursor) {
+    SDL_ShowCursor(cursor.type() == rpc::CURSOR_TYPE_NONE ? SDL_DISABLE
+                                                          : SDL_ENABLE);
     // A newer widget may know more of them.
-    const auto index = static_cast<std::size_t>(type);
+    const auto index = static_cast<std::size_t>(cursor.type());
     cursor_.reset(SDL_CreateSystemCursor(index < std::size(kMostSimilar)
                                              ? kMostSimilar[index]
                                              : SDL_SYSTEM_CURSOR_ARROW));
@@ -269,14 +266,11 @@ class BrowserWindow {
     SDL_GetWindowSize(window_.get(), &dips.x, &dips.y);
     SDL_GetRendererOutputSize(renderer_.get(), &pixels.x, &pixels.y);
     pixels_per_dip_ = 1.0 * pixels.x / dips.x;
-    rpc::Display display;
-    display.set_display_id(1);
-    display.set_scale_factor(pixels_per_dip_);
-    view_.SetDisplay(display);
-    rpc::RectDip bounds;
-    bounds.set_width(dips.x);
-    bounds.set_height(dips.y);
-    view_.SetBounds(bounds, std::nullopt);
+    SDL_Rect display = {};
+    SDL_GetDisplayBounds(SDL_GetWindowDisplayIndex(window_.get()), &display);
+    view_.SetDisplay(
+        orvane::host::NewDisplay(display.w, display.h, pixels_per_dip_));
+    view_.SetSize(dips.x, dips.y);
     const Uint32 flags = SDL_GetWindowFlags(window_.get());
     view_.SetShown((flags & SDL_WINDOW_SHOWN) != 0);
     view_.SetMinimized((flags & SDL_WINDOW_MINIMIZED) != 0);
@@ -309,7 +303,6 @@ class BrowserWindow {
   Uint32 held_ = 0;                    // Its buttons, as SDL numbers them.
   std::unique_ptr<orvane::ClientStream> surfaces_;
   std::unique_ptr<orvane::ClientStream> closed_lists_;
-  std::unique_ptr<orvane::ClientStream> cursors_;
   orvane::host::View view_;
 };
 
