@@ -97,7 +97,7 @@ class BrowserWidgetRpcClient {
   // below that needs an attached browser. If the widget cannot offer what is
   // asked for, such as a rendering mode, the result has a refusal. The call
   // fails if the browser is attached already or the parent window does not
-  // exist.
+  // exist. A browser is detached when the connection that attached it ends.
   absl::StatusOr<rpc::AttachResult> Attach(const rpc::AttachRequest& request,
                                            orvane::CallOptions options = {});
   orvane::CallHandle Attach(const rpc::AttachRequest& request,

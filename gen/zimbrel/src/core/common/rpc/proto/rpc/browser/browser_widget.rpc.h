@@ -103,7 +103,7 @@ class BrowserWidgetRpc : public orvane::Service {
   // below that needs an attached browser. If the widget cannot offer what is
   // asked for, such as a rendering mode, the result has a refusal. The call
   // fails if the browser is attached already or the parent window does not
-  // exist.
+  // exist. A browser is detached when the connection that attached it ends.
   virtual void Attach(google::protobuf::RpcController* controller,
                       const rpc::AttachRequest* request,
                       rpc::AttachResult* response,
