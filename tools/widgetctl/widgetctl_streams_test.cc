@@ -25,10 +25,12 @@
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
+#include "zimbrel/src/core/common/rpc/testing/keys.h"
 
 namespace widgetctl {
 namespace {
 
+using ::orvane::testing::Browser;
 using orvane::testing::ChildProcess;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -36,12 +38,6 @@ using ::testing::StartsWith;
 struct SilentWidget final : rpc::BrowserWidgetRpc {
   std::optional<orvane::SocketServer> server;
 };
-
-BrowserId Browser(std::uint64_t value) {
-  BrowserId browser;
-  browser.set_value(value);
-  return browser;
-}
 
 rpc::CursorChanged Cursor(rpc::CursorType type) {
   rpc::CursorChanged event;
@@ -88,12 +84,16 @@ class WidgetctlStreamsTest : public ProgramTest<SilentWidget> {
       for (int i = 0; i < number; ++i) {
         const auto answer = std::make_shared<std::promise<Answer>>();
         answers.push_back(answer->get_future());
-        loop().RunUntil(
-            [] { return orvane::IsServed<rpc::TakeFocus>(Browser(1)); });
+        AwaitServer();
         Ask(answer);
       }
     });
     return answers;
+  }
+
+  void AwaitServer() {
+    loop().RunUntil(
+        [] { return orvane::IsServed<rpc::TakeFocus>(Browser(1)); });
   }
 
   Answer CallOne() { return Call(1).front().get(); }
@@ -349,6 +349,23 @@ TEST_F(WidgetctlStreamsTest, ACommandInheritsNoDescriptors) {
   serve.ReadLine();
   EXPECT_THAT(serve.Wait(), Succeeds(""));
   EXPECT_EQ(content(Path("there")), content(Path("here")));
+}
+
+TEST_F(WidgetctlStreamsTest, ServeEndsTheCommandOfACallThatIsGivenUp) {
+  ChildProcess serve = Start({"serve", "OnTakeFocus", "1", "--count", "1",
+                              "--command", "sleep 1000; true"});
+  orvane::CallHandle call;
+  OnServiceThread([&] {
+    AwaitServer();
+    call = orvane::Call<rpc::TakeFocus>(Browser(1), {}, nullptr);
+  });
+  serve.ReadLine();
+  OnServiceThread([&call] { call.Cancel(); });
+  // The command would keep stderr open.
+  const ChildProcess::Result result = serve.Wait();
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_THAT(result.errors,
+              testing::MatchesRegex("widgetctl: call [0-9]+ was given up\n"));
 }
 
 TEST_F(WidgetctlStreamsTest, ServeTakesItsCommandsAlongWhenItIsInterrupted) {
