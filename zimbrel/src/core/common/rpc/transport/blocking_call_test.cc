@@ -22,6 +22,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
+#include "zimbrel/src/core/common/rpc/testing/keys.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
@@ -33,15 +34,10 @@ namespace {
 using google::protobuf::Closure;
 using google::protobuf::Empty;
 using google::protobuf::RpcController;
+using ::orvane::testing::Browser;
 using ::testing::HasSubstr;
 
 constexpr std::size_t kMaxFrameBytes = 8192;
-
-BrowserId Browser() {
-  BrowserId browser;
-  browser.set_value(7);
-  return browser;
-}
 
 // Answers Show at once, Minimize in a later task, and Hide never.
 class Widget final : public rpc::BrowserWidgetRpc {
@@ -91,7 +87,7 @@ class BlockingCallTest : public ::testing::Test {
     return status;
   }
 
-  absl::Status Show() { return widget_->Show(Browser()).status(); }
+  absl::Status Show() { return widget_->Show(Browser(7)).status(); }
 
   // In the loop.
   void EndTheConnection() {
@@ -120,7 +116,7 @@ TEST_F(BlockingCallTest, ReturnsInsideATimer) {
 }
 
 TEST_F(BlockingCallTest, ReturnsInsideATaskWhenTheHandlerAnswersByAnother) {
-  EXPECT_EQ(InATask([this] { return widget_->Minimize(Browser()).status(); }),
+  EXPECT_EQ(InATask([this] { return widget_->Minimize(Browser(7)).status(); }),
             absl::OkStatus());
 }
 
@@ -128,7 +124,7 @@ TEST_F(BlockingCallTest, ReturnsInsideAnotherBlockingCall) {
   absl::Status inner = absl::UnknownError("it has not returned");
   EXPECT_EQ(InATask([&] {
               loop_.Post([&] { inner = Show(); });
-              return widget_->Minimize(Browser()).status();
+              return widget_->Minimize(Browser(7)).status();
             }),
             absl::OkStatus());
   loop_.RunUntilIdle();
@@ -138,7 +134,7 @@ TEST_F(BlockingCallTest, ReturnsInsideAnotherBlockingCall) {
 TEST_F(BlockingCallTest, EndsInsideATaskWithItsTimeout) {
   EXPECT_EQ(InATask([this] {
               return widget_
-                  ->Hide(Browser(), {.timeout = absl::Milliseconds(1)})
+                  ->Hide(Browser(7), {.timeout = absl::Milliseconds(1)})
                   .status();
             }).code(),
             absl::StatusCode::kDeadlineExceeded);
@@ -147,7 +143,7 @@ TEST_F(BlockingCallTest, EndsInsideATaskWithItsTimeout) {
 TEST_F(BlockingCallTest, EndsInsideATaskWithItsConnection) {
   EXPECT_EQ(InATask([this] {
               loop_.Post([this] { server_.reset(); });
-              return widget_->Hide(Browser()).status();
+              return widget_->Hide(Browser(7)).status();
             }).code(),
             absl::StatusCode::kUnavailable);
 }
@@ -172,7 +168,7 @@ TEST_F(BlockingCallTest, FailsInsideATaskWithARequestBeyondTheLimit) {
 TEST_F(BlockingCallTest, EndsWhenItsClientIsDestroyedMeanwhile) {
   EXPECT_EQ(InATask([this] {
               loop_.Post([this] { client_.reset(); });
-              return widget_->Hide(Browser()).status();
+              return widget_->Hide(Browser(7)).status();
             }).code(),
             absl::StatusCode::kCancelled);
 }
@@ -181,7 +177,7 @@ TEST_F(BlockingCallTest, EndsWhenItsClientIsDestroyedMeanwhile) {
 
 TEST_F(BlockingCallTest, IsRefusedInTheContinuationOfAnAnswer) {
   absl::Status status;
-  widget_->Show(Browser(), [&](const auto&) { status = Show(); });
+  widget_->Show(Browser(7), [&](const auto&) { status = Show(); });
   loop_.RunUntilIdle();
   EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
   EXPECT_THAT(status.message(), HasSubstr("blocking call"));
@@ -189,7 +185,7 @@ TEST_F(BlockingCallTest, IsRefusedInTheContinuationOfAnAnswer) {
 
 TEST_F(BlockingCallTest, IsRefusedInTheContinuationOfACallThatTookTooLong) {
   absl::Status status;
-  widget_->Hide(Browser(), [&](const auto&) { status = Show(); },
+  widget_->Hide(Browser(7), [&](const auto&) { status = Show(); },
                 {.timeout = absl::Milliseconds(1)});
   EXPECT_TRUE(loop_.RunUntil([&status] { return !status.ok(); }));
   EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
@@ -206,7 +202,7 @@ TEST_F(BlockingCallTest, IsRefusedInTheContinuationOfACallThatWasNotSent) {
 
 TEST_F(BlockingCallTest, IsRefusedInTheContinuationOfACallThatWasCancelled) {
   absl::Status status;
-  auto call = widget_->Hide(Browser(), [&](const auto&) { status = Show(); });
+  auto call = widget_->Hide(Browser(7), [&](const auto&) { status = Show(); });
   call.Cancel();
   loop_.RunUntilIdle();
   EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
@@ -215,9 +211,9 @@ TEST_F(BlockingCallTest, IsRefusedInTheContinuationOfACallThatWasCancelled) {
 TEST_F(BlockingCallTest, IsRefusedInTheHandlerOfAnEvent) {
   absl::Status status;
   const auto stream = widget_->WhenCursorChanged(
-      Browser(), [&](const rpc::CursorChanged&) { status = Show(); });
+      Browser(7), [&](const rpc::CursorChanged&) { status = Show(); });
   loop_.RunUntilIdle();
-  EXPECT_EQ(Publish<rpc::CursorChanged>(Browser(), {}), 1u);
+  EXPECT_EQ(Publish<rpc::CursorChanged>(Browser(7), {}), 1u);
   loop_.RunUntilIdle();
   EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
 }
@@ -225,11 +221,11 @@ TEST_F(BlockingCallTest, IsRefusedInTheHandlerOfAnEvent) {
 TEST_F(BlockingCallTest, IsRefusedInTheHandlerOfACall) {
   absl::Status status;
   const auto stream = widget_->OnTakeFocus(
-      Browser(), [&](const rpc::TakeFocusCall&, Responder<rpc::TakeFocus>) {
+      Browser(7), [&](const rpc::TakeFocusCall&, Responder<rpc::TakeFocus>) {
         status = Show();
       });
   ASSERT_TRUE(Show().ok());
-  Call<rpc::TakeFocus>(Browser(), {}, nullptr);
+  Call<rpc::TakeFocus>(Browser(7), {}, nullptr);
   loop_.RunUntilIdle();
   EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
 }
@@ -237,7 +233,7 @@ TEST_F(BlockingCallTest, IsRefusedInTheHandlerOfACall) {
 TEST_F(BlockingCallTest, IsRefusedInTheEndOfAStream) {
   absl::Status status;
   const auto stream = widget_->WhenCursorChanged(
-      Browser(), nullptr, [&](const absl::Status&) { status = Show(); });
+      Browser(7), nullptr, [&](const absl::Status&) { status = Show(); });
   loop_.RunUntilIdle();
   server_->Shutdown(absl::Seconds(1), nullptr);
   loop_.RunUntilIdle();
@@ -247,7 +243,7 @@ TEST_F(BlockingCallTest, IsRefusedInTheEndOfAStream) {
 TEST_F(BlockingCallTest, IsRefusedInTheEndOfAStreamWhoseConnectionHasEnded) {
   absl::Status status;
   const auto stream = widget_->WhenCursorChanged(
-      Browser(), nullptr, [&](const absl::Status&) { status = Show(); });
+      Browser(7), nullptr, [&](const absl::Status&) { status = Show(); });
   loop_.RunUntilIdle();
   server_.reset();
   loop_.RunUntilIdle();
@@ -258,7 +254,7 @@ TEST_F(BlockingCallTest, IsRefusedInTheEndOfAStreamThatCouldNotBeOpened) {
   EndTheConnection();
   absl::Status status;
   const auto stream = widget_->WhenCursorChanged(
-      Browser(), nullptr, [&](const absl::Status&) { status = Show(); });
+      Browser(7), nullptr, [&](const absl::Status&) { status = Show(); });
   loop_.RunUntilIdle();
   EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
 }
@@ -272,7 +268,7 @@ class UntypedBlockingCallTest : public BlockingCallTest {
 
   // What each callback does.
   void Show() {
-    shown_ = client_->CallAndWait(Method("Show"), Browser()).status();
+    shown_ = client_->CallAndWait(Method("Show"), Browser(7)).status();
   }
   void ExpectRefused() {
     loop_.RunUntilIdle();
@@ -284,33 +280,33 @@ class UntypedBlockingCallTest : public BlockingCallTest {
 };
 
 TEST_F(UntypedBlockingCallTest, IsRefusedInTheContinuationOfAnAnswer) {
-  client_->Call(Method("Show"), Browser(), [this](const auto&) { Show(); });
+  client_->Call(Method("Show"), Browser(7), [this](const auto&) { Show(); });
   ExpectRefused();
 }
 
 TEST_F(UntypedBlockingCallTest, IsRefusedInTheHandlerOfAnEvent) {
   const auto stream =
-      WatchEvents(&*client_, Method("WhenCursorChanged"), Browser(),
+      WatchEvents(&*client_, Method("WhenCursorChanged"), Browser(7),
                   std::make_unique<rpc::CursorChanged>(),
                   [this](const google::protobuf::Message&) { Show(); });
   loop_.RunUntilIdle();
-  EXPECT_EQ(Publish<rpc::CursorChanged>(Browser(), {}), 1u);
+  EXPECT_EQ(Publish<rpc::CursorChanged>(Browser(7), {}), 1u);
   ExpectRefused();
 }
 
 TEST_F(UntypedBlockingCallTest, IsRefusedInTheHandlerOfACall) {
-  const auto stream = ServeCalls(&*client_, Method("OnTakeFocus"), Browser(),
+  const auto stream = ServeCalls(&*client_, Method("OnTakeFocus"), Browser(7),
                                  std::make_unique<rpc::TakeFocus>(),
                                  [this](const google::protobuf::Message&,
                                         const PendingAnswer&) { Show(); });
   loop_.RunUntilIdle();
-  Call<rpc::TakeFocus>(Browser(), {}, nullptr);
+  Call<rpc::TakeFocus>(Browser(7), {}, nullptr);
   ExpectRefused();
 }
 
 TEST_F(UntypedBlockingCallTest, IsRefusedInTheEndOfAStream) {
   const auto stream =
-      WatchEvents(&*client_, Method("WhenCursorChanged"), Browser(),
+      WatchEvents(&*client_, Method("WhenCursorChanged"), Browser(7),
                   std::make_unique<rpc::CursorChanged>(), nullptr,
                   [this](const absl::Status&) { Show(); });
   loop_.RunUntilIdle();
@@ -322,7 +318,7 @@ TEST_F(BlockingCallTest, IsServedInACallbackOfAnotherClient) {
   const auto other = *ConnectInProcess(&loop_, &*server_);
   rpc::BrowserWidgetRpcClient other_widget(other.get());
   absl::Status status = absl::UnknownError("it has not returned");
-  other_widget.Show(Browser(), [&](const auto&) { status = Show(); });
+  other_widget.Show(Browser(7), [&](const auto&) { status = Show(); });
   loop_.RunUntilIdle();
   EXPECT_EQ(status, absl::OkStatus());
 }
@@ -349,7 +345,7 @@ TEST_F(BlockingCallTest, NeverReturnsOkOnADeadConnectionOnceTheLoopIsStopped) {
 
 TEST_F(BlockingCallTest, ANestedRunSeesTheAnswerThatItsOwnTaskHasGiven) {
   bool is_answered = false;
-  widget_->Hide(Browser(), [&](const auto&) { is_answered = true; });
+  widget_->Hide(Browser(7), [&](const auto&) { is_answered = true; });
   loop_.RunUntilIdle();
   bool seen = false;
   loop_.Post([&] {
@@ -363,14 +359,14 @@ TEST_F(BlockingCallTest, ANestedRunSeesTheAnswerThatItsOwnTaskHasGiven) {
 TEST_F(BlockingCallTest, ANestedRunInAHandlerSeesWhatTheHandlerHasSent) {
   bool is_told = false;
   const auto stream = widget_->WhenCursorChanged(
-      Browser(), [&](const rpc::CursorChanged&) { is_told = true; });
+      Browser(7), [&](const rpc::CursorChanged&) { is_told = true; });
   ASSERT_TRUE(Show().ok());
   class Waiting final : public rpc::BrowserWidgetRpc {
    public:
     explicit Waiting(std::function<void()> wait) : wait_(std::move(wait)) {}
     void Show(RpcController*, const BrowserId*, Empty*,
               Closure* done) override {
-      Publish<rpc::CursorChanged>(Browser(), {});
+      Publish<rpc::CursorChanged>(Browser(7), {});
       wait_();
       done->Run();
     }
@@ -384,7 +380,7 @@ TEST_F(BlockingCallTest, ANestedRunInAHandlerSeesWhatTheHandlerHasSent) {
   SocketServer other_server(&loop_, &waiting);
   const auto other = *ConnectInProcess(&loop_, &other_server);
   rpc::BrowserWidgetRpcClient other_widget(other.get());
-  EXPECT_EQ(other_widget.Show(Browser()).status(), absl::OkStatus());
+  EXPECT_EQ(other_widget.Show(Browser(7)).status(), absl::OkStatus());
   EXPECT_TRUE(seen);
 }
 

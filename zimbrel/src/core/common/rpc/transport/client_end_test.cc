@@ -22,6 +22,7 @@
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
 #include "zimbrel/src/core/common/rpc/testing/forked_process.h"
+#include "zimbrel/src/core/common/rpc/testing/keys.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
@@ -32,16 +33,11 @@ namespace {
 using google::protobuf::Closure;
 using google::protobuf::Empty;
 using google::protobuf::RpcController;
+using ::orvane::testing::Browser;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 constexpr std::size_t kMaxFrameBytes = 8192;
-
-BrowserId Browser() {
-  BrowserId browser;
-  browser.set_value(7);
-  return browser;
-}
 
 // Answers Show, but never Hide.
 class Widget final : public rpc::BrowserWidgetRpc {
@@ -87,7 +83,7 @@ class ClientEndTest : public ::testing::Test {
   // Makes a call from the server and records why it failed.
   static void AskForFocus(absl::Status* failed) {
     Call<rpc::TakeFocus>(
-        Browser(), {},
+        Browser(7), {},
         [failed](const absl::StatusOr<rpc::TakeFocusResponse>& answer) {
           *failed = answer.status();
         });
@@ -111,13 +107,13 @@ class ClientEndTest : public ::testing::Test {
 };
 
 TEST_F(ClientEndTest, EndsCallsInFlight) {
-  widget_->Hide(Browser(), Ends());
+  widget_->Hide(Browser(7), Ends());
   loop_.RunUntilIdle();
   EXPECT_THAT(EndsInTheDestructor(), ElementsAre(absl::StatusCode::kCancelled));
 }
 
 TEST_F(ClientEndTest, EndsCallsThatWereCancelled) {
-  widget_->Hide(Browser(), Ends()).Cancel();
+  widget_->Hide(Browser(7), Ends()).Cancel();
   EXPECT_THAT(EndsInTheDestructor(), ElementsAre(absl::StatusCode::kCancelled));
 }
 
@@ -130,14 +126,14 @@ TEST_F(ClientEndTest, EndsCallsThatCouldNotBeSent) {
 TEST_F(ClientEndTest, EndsCallsOnAConnectionThatHasGone) {
   server_.reset();
   loop_.RunUntilIdle();
-  widget_->Show(Browser(), Ends());
+  widget_->Show(Browser(7), Ends());
   EXPECT_THAT(EndsInTheDestructor(),
               ElementsAre(absl::StatusCode::kUnavailable));
 }
 
 TEST_F(ClientEndTest, EndsStreams) {
   const auto stream =
-      widget_->WhenCursorChanged(Browser(), nullptr, StreamEnds());
+      widget_->WhenCursorChanged(Browser(7), nullptr, StreamEnds());
   loop_.RunUntilIdle();
   EXPECT_THAT(EndsInTheDestructor(), ElementsAre(absl::StatusCode::kCancelled));
 }
@@ -146,7 +142,7 @@ TEST_F(ClientEndTest, EndsStreamsThatCouldNotBeOpened) {
   server_.reset();
   loop_.RunUntilIdle();
   const auto stream =
-      widget_->WhenCursorChanged(Browser(), nullptr, StreamEnds());
+      widget_->WhenCursorChanged(Browser(7), nullptr, StreamEnds());
   EXPECT_THAT(EndsInTheDestructor(),
               ElementsAre(absl::StatusCode::kUnavailable));
 }
@@ -154,11 +150,11 @@ TEST_F(ClientEndTest, EndsStreamsThatCouldNotBeOpened) {
 TEST_F(ClientEndTest, EndsEachOnceThoughOneOfThemDestroysTheClient) {
   server_.reset();
   loop_.RunUntilIdle();
-  widget_->Show(Browser(), [this](const auto& answer) {
+  widget_->Show(Browser(7), [this](const auto& answer) {
     ends_.push_back(answer.status().code());
     client_.reset();
   });
-  widget_->Show(Browser(), Ends());
+  widget_->Show(Browser(7), Ends());
   loop_.RunUntilIdle();
   EXPECT_THAT(ends_, ElementsAre(absl::StatusCode::kUnavailable,
                                  absl::StatusCode::kUnavailable));
@@ -166,8 +162,8 @@ TEST_F(ClientEndTest, EndsEachOnceThoughOneOfThemDestroysTheClient) {
 
 TEST_F(ClientEndTest, RefusesABlockingCallOfWhomItTells) {
   absl::Status status;
-  widget_->Hide(Browser(), [&](const auto&) {
-    status = widget_->Show(Browser()).status();
+  widget_->Hide(Browser(7), [&](const auto&) {
+    status = widget_->Show(Browser(7)).status();
   });
   client_.reset();
   EXPECT_EQ(status.code(), absl::StatusCode::kFailedPrecondition);
@@ -183,16 +179,16 @@ TEST_F(ClientEndTest, EndsACallOfWhomItTellsOnceAndForAll) {
         ends_.push_back(answer.status().code());
         ASSERT_LE(ends_.size(), 2u);
         if (absl::IsUnavailable(answer.status()))
-          widget_->Show(Browser(), try_again);
+          widget_->Show(Browser(7), try_again);
       };
-  widget_->Show(Browser(), try_again);
+  widget_->Show(Browser(7), try_again);
   EXPECT_THAT(EndsInTheDestructor(), ElementsAre(absl::StatusCode::kUnavailable,
                                                  absl::StatusCode::kCancelled));
 }
 
 TEST_F(ClientEndTest, LetsWhomItTellsRunTheLoop) {
   for (int i = 0; i < 3; ++i) {
-    widget_->Hide(Browser(), [this](const auto& answer) {
+    widget_->Hide(Browser(7), [this](const auto& answer) {
       loop_.RunUntilIdle();
       ends_.push_back(answer.status().code());
     });
@@ -204,7 +200,7 @@ TEST_F(ClientEndTest, LetsWhomItTellsRunTheLoop) {
 
 // Both ends used to stay connected as long as such a process lived.
 TEST_F(ClientEndTest, IsSeenByTheServerThoughAChildProcessHasACopyOfTheSocket) {
-  ASSERT_TRUE(widget_->Show(Browser()).ok());
+  ASSERT_TRUE(widget_->Show(Browser(7)).ok());
   const testing::ForkedProcess child([] { ::pause(); });
   client_.reset();
   loop_.RunUntilIdle();
@@ -212,7 +208,7 @@ TEST_F(ClientEndTest, IsSeenByTheServerThoughAChildProcessHasACopyOfTheSocket) {
 }
 
 TEST_F(ClientEndTest, OfTheServerIsSeenThoughAChildProcessHasACopyOfTheSocket) {
-  ASSERT_TRUE(widget_->Show(Browser()).ok());
+  ASSERT_TRUE(widget_->Show(Browser(7)).ok());
   const testing::ForkedProcess child([] { ::pause(); });
   server_.reset();
   loop_.RunUntilIdle();
@@ -222,7 +218,7 @@ TEST_F(ClientEndTest, OfTheServerIsSeenThoughAChildProcessHasACopyOfTheSocket) {
 TEST_F(ClientEndTest, AStreamThatIsClosedBeforeItEndedIsNotToldOfIt) {
   server_.reset();
   loop_.RunUntilIdle();
-  auto stream = widget_->WhenCursorChanged(Browser(), nullptr, StreamEnds());
+  auto stream = widget_->WhenCursorChanged(Browser(7), nullptr, StreamEnds());
   stream.reset();
   loop_.RunUntilIdle();
   EXPECT_THAT(ends_, IsEmpty());
@@ -231,11 +227,11 @@ TEST_F(ClientEndTest, AStreamThatIsClosedBeforeItEndedIsNotToldOfIt) {
 TEST_F(ClientEndTest, AResponderMayBeUsedAfterwards) {
   std::optional<Responder<rpc::TakeFocus>> kept;
   const auto stream = widget_->OnTakeFocus(
-      Browser(),
+      Browser(7),
       [&kept](const rpc::TakeFocusCall&, Responder<rpc::TakeFocus> responder) {
         kept.emplace(std::move(responder));
       });
-  ASSERT_TRUE(widget_->Show(Browser()).ok());
+  ASSERT_TRUE(widget_->Show(Browser(7)).ok());
   absl::Status failed;
   AskForFocus(&failed);
   loop_.RunUntilIdle();
@@ -250,26 +246,26 @@ TEST_F(ClientEndTest, AResponderMayBeUsedAfterwards) {
 // Absent continuations --------------------------------------------------------
 
 TEST_F(ClientEndTest, NobodyNeedsToWaitForAnAnswer) {
-  widget_->Show(Browser(), nullptr);
+  widget_->Show(Browser(7), nullptr);
   widget_->ForwardKeyType(TooLong(), nullptr);
-  widget_->Hide(Browser(), nullptr).Cancel();
+  widget_->Hide(Browser(7), nullptr).Cancel();
   loop_.RunUntilIdle();
-  widget_->Hide(Browser(), nullptr);
+  widget_->Hide(Browser(7), nullptr);
   EXPECT_THAT(EndsInTheDestructor(), IsEmpty());
 }
 
 TEST_F(ClientEndTest, NobodyNeedsToTakeEvents) {
-  const auto stream = widget_->WhenCursorChanged(Browser(), nullptr, nullptr);
-  ASSERT_TRUE(widget_->Show(Browser()).ok());
-  EXPECT_EQ(Publish<rpc::CursorChanged>(Browser(), {}), 1u);
+  const auto stream = widget_->WhenCursorChanged(Browser(7), nullptr, nullptr);
+  ASSERT_TRUE(widget_->Show(Browser(7)).ok());
+  EXPECT_EQ(Publish<rpc::CursorChanged>(Browser(7), {}), 1u);
   loop_.RunUntilIdle();
   EXPECT_TRUE(client_->status().ok());
   EXPECT_THAT(EndsInTheDestructor(), IsEmpty());
 }
 
 TEST_F(ClientEndTest, ACallThatNobodyTakesFails) {
-  const auto stream = widget_->OnTakeFocus(Browser(), nullptr, nullptr);
-  ASSERT_TRUE(widget_->Show(Browser()).ok());
+  const auto stream = widget_->OnTakeFocus(Browser(7), nullptr, nullptr);
+  ASSERT_TRUE(widget_->Show(Browser(7)).ok());
   absl::Status failed;
   AskForFocus(&failed);
   loop_.RunUntilIdle();

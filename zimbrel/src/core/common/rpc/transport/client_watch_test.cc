@@ -12,6 +12,7 @@
 #include "rpc/browser/browser_widget.client.h"
 #include "rpc/browser/browser_widget.rpc.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/keys.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
@@ -22,6 +23,7 @@ namespace {
 using google::protobuf::Closure;
 using google::protobuf::Empty;
 using google::protobuf::RpcController;
+using ::orvane::testing::Browser;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::NotNull;
@@ -56,12 +58,6 @@ class Widget final : public rpc::BrowserWidgetRpc {
  private:
   Closure* held_ = nullptr;
 };
-
-BrowserId Browser(std::uint64_t value) {
-  BrowserId browser;
-  browser.set_value(value);
-  return browser;
-}
 
 class ClientWatchTest : public ::testing::Test {
  protected:

@@ -16,6 +16,7 @@
 #include "rpc/browser/browser_widget.rpc.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
+#include "zimbrel/src/core/common/rpc/testing/keys.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
 #include "zimbrel/src/core/common/rpc/transport/responder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
@@ -24,14 +25,9 @@
 namespace orvane {
 namespace {
 
+using ::orvane::testing::Browser;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-BrowserId Browser() {
-  BrowserId browser;
-  browser.set_value(7);
-  return browser;
-}
 
 class GivenUpCallTest : public ::testing::Test {
  protected:
@@ -40,7 +36,7 @@ class GivenUpCallTest : public ::testing::Test {
     client_ = *ConnectInProcess(&loop_, &*server_);
     widget_.emplace(client_.get());
     stream_ = widget_->OnTakeFocus(
-        Browser(),
+        Browser(7),
         [this](const rpc::TakeFocusCall&, Responder<rpc::TakeFocus> responder) {
           responder_.emplace(std::move(responder));
         },
@@ -51,7 +47,7 @@ class GivenUpCallTest : public ::testing::Test {
   // A call of the server whose responder the client keeps.
   CallHandle Ask(CallOptions options = {}) {
     CallHandle call = Call<rpc::TakeFocus>(
-        Browser(), {},
+        Browser(7), {},
         [this](const absl::StatusOr<rpc::TakeFocusResponse>& answer) {
           answered_.push_back(answer.status().code());
         },

@@ -16,6 +16,7 @@
 
 #include "rpc/browser/browser_widget.rpc.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/keys.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
 
 namespace rpc {
@@ -25,16 +26,11 @@ using google::protobuf::Closure;
 using google::protobuf::Empty;
 using google::protobuf::RpcController;
 using orvane::ClientStream;
+using ::orvane::testing::Browser;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using Stream = std::unique_ptr<ClientStream>;
-
-BrowserId Browser(std::uint64_t value) {
-  BrowserId id;
-  id.set_value(value);
-  return id;
-}
 
 TooltipChanged Tooltip(const std::string& text) {
   TooltipChanged event;
