@@ -117,7 +117,8 @@ struct Screen::Connection {
       return {};
     }
     const auto* const items = reinterpret_cast<const Item*>(data);
-    std::vector<Item> property(items, items + count);
+    std::vector<Item> property(count);
+    std::copy_n(items, count, property.begin());
     XFree(data);
     return property;
   }
