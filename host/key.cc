@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <initializer_list>
 #include <iterator>
+#include <string>
 
 #include "absl/strings/match.h"
 #include "absl/strings/str_cat.h"
+#include "absl/strings/string_view.h"
 #include "absl/strings/strip.h"
-
-#include "zimbrel/src/core/common/rpc/characters.h"
 
 namespace orvane::host {
 namespace {
@@ -536,30 +536,6 @@ rpc::Key DescribeKey(const KeySample& sample) {
     key.set_native_key_code(sample.native_key_code);
   key.set_location(LocationOf(sample.keysym, key.code()));
   return key;
-}
-
-std::uint32_t ModifierOf(const rpc::Key& key) {
-  if (key.key() == "Alt") return rpc::MODIFIER_FLAG_ALT;
-  if (key.key() == "AltGraph") return rpc::MODIFIER_FLAG_ALT_GRAPH;
-  if (key.key() == "Control") return rpc::MODIFIER_FLAG_CONTROL;
-  if (key.key() == "Meta") return rpc::MODIFIER_FLAG_META;
-  if (key.key() == "Shift") return rpc::MODIFIER_FLAG_SHIFT;
-  return 0;
-}
-
-TypedText TypedFrom(absl::string_view told) {
-  TypedText typed;
-  while (!told.empty()) {
-    const Utf8Character first = FirstCharacter(told);
-    const bool is_control =
-        first.code < ' ' || (first.code >= 0x7F && first.code < 0xA0);
-    if (first.bytes > 0 && !is_control) {
-      absl::StrAppend(&typed.utf8, told.substr(0, first.bytes));
-      ++typed.characters;
-    }
-    told.remove_prefix(std::max<std::size_t>(first.bytes, 1));
-  }
-  return typed;
 }
 
 std::uint32_t NativeKeyCodeOfUsage(std::uint32_t usage) {

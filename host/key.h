@@ -3,11 +3,7 @@
 #ifndef HOST_KEY_H_
 #define HOST_KEY_H_
 
-#include <cstddef>
 #include <cstdint>
-#include <string>
-
-#include "absl/strings/string_view.h"
 
 #include "rpc/browser/input.pb.h"
 #include "rpc/browser/keyboard.pb.h"
@@ -55,24 +51,6 @@ struct KeySample {
 // codes those of winuser.h. A character without a Windows key code of its own,
 // such as a Cyrillic letter, has that of the same place on a US keyboard.
 rpc::Key DescribeKey(const KeySample& sample);
-
-// The modifier that a key is, 0 for most.
-std::uint32_t ModifierOf(const rpc::Key& key);
-
-// A key under any of these is a shortcut and types nothing. AltGr is another
-// modifier.
-inline constexpr std::uint32_t kShortcutModifiers = rpc::MODIFIER_FLAG_CONTROL |
-                                                    rpc::MODIFIER_FLAG_ALT |
-                                                    rpc::MODIFIER_FLAG_META;
-
-struct TypedText {
-  std::string utf8;
-  std::size_t characters = 0;
-};
-
-// What a page is told of a toolkit's text: no control characters, and no bytes
-// that are no character.
-TypedText TypedFrom(absl::string_view told);
 
 // The native key code of a key that USB calls by this usage of its keyboard
 // page, as SDL_Scancode does; also of media keys, which SDL numbers from 258

@@ -3,15 +3,12 @@
 #ifndef HOST_KEYBOARD_H_
 #define HOST_KEYBOARD_H_
 
-#include <cstdint>
-#include <map>
-
 #include "absl/strings/string_view.h"
 
+#include "host/held_keys.h"
 #include "host/input_calls.h"
 #include "host/key.h"
 #include "rpc/browser/input.pb.h"
-#include "rpc/browser/keyboard.pb.h"
 
 namespace orvane::host {
 
@@ -54,20 +51,8 @@ class Keyboard {
   void ReleaseAll();
 
  private:
-  struct DownKey {
-    rpc::Key key;
-    rpc::InputInfo input;  // Of the press.
-  };
-
-  // The modifiers after a press or release of `key`.
-  std::uint32_t ModifiersAfter(std::uint32_t told, const rpc::Key& key,
-                               bool is_press) const;
-  void SendRelease(const rpc::InputInfo& input, const rpc::Key& key);
-  void SendText(const rpc::InputInfo& input, const rpc::Key* key,
-                absl::string_view text, bool is_auto_repeat);
-
   InputCalls* const calls_;
-  std::map<std::uint64_t, DownKey> down_;  // By what DownIndex tells.
+  HeldKeys held_;
 };
 
 }  // namespace orvane::host

@@ -1,14 +1,11 @@
 #include "engines/chromium/native_input.h"
 
-#include <algorithm>
 #include <cmath>
 #include <string>
 #include <utility>
 
 #include "absl/status/statusor.h"
-#include "absl/strings/string_view.h"
 
-#include "host/key.h"
 #include "host/pointer.h"
 #include "rpc/browser/touch.pb.h"
 #include "rpc/browser/wheel.pb.h"
@@ -18,7 +15,6 @@ namespace {
 
 using orvane::host::ButtonOfX11;
 using orvane::host::FlagOf;
-using orvane::host::ModifierOf;
 
 // Those of GTK, in pixels of a screen at scale 1.
 constexpr std::uint32_t kDoubleClickMs = 400;
@@ -88,58 +84,34 @@ void NativeInput::Take(const rpc::NativeKeyEventRequest& request) {
   }
 }
 
-rpc::Key NativeInput::Describe(const X11Event& event,
-                               const rpc::InputInfo& input) {
+orvane::host::KeySample NativeInput::Describe(const X11Event& event,
+                                              rpc::InputInfo input) {
   const KeyboardLayout::Meaning meaning = layout_->MeaningOf(PressOf(event));
-  return orvane::host::DescribeKey(
-      {.input = input,
-       .native_key_code = event.detail,
-       .keysym = meaning.keysym,
-       .character = meaning.character,
-       .unshifted_character = meaning.unshifted_character});
+  return {.input = std::move(input),
+          .native_key_code = event.detail,
+          .keysym = meaning.keysym,
+          .character = meaning.character,
+          .unshifted_character = meaning.unshifted_character};
 }
 
 void NativeInput::PressKey(const X11Event& event, rpc::InputInfo input) {
-  rpc::KeyPressRequest press;
-  *press.mutable_key() = Describe(event, input);
-  // X11 tells the modifiers before the press.
-  input.set_modifiers(input.modifiers() | ModifierOf(press.key()));
-  *press.mutable_input() = input;
-  const bool is_new = down_.insert_or_assign(event.detail, press.key()).second;
-  const bool is_let_go_for_a_moment =
-      event.detail == released_key_ && event.time_ms == release_time_ms_;
-  press.set_is_auto_repeat(event.is_repeat || !is_new ||
-                           is_let_go_for_a_moment);
+  orvane::host::KeySample sample = Describe(event, std::move(input));
+  sample.is_auto_repeat =
+      event.is_repeat ||
+      (event.detail == released_key_ && event.time_ms == release_time_ms_);
+  const std::string text = layout_->Type(PressOf(event));
+  const rpc::KeyPressRequest press = held_.Press(sample, text);
   page_->KeyPress(press);
-
-  if ((input.modifiers() & orvane::host::kShortcutModifiers) != 0) return;
-  std::string text = layout_->Type(PressOf(event));
-  if (text != "\r") text = orvane::host::TypedFrom(text).utf8;
-  if (text.empty()) return;
-  rpc::KeyTypeRequest type;
-  *type.mutable_input() = input;
-  *type.mutable_key() = press.key();
-  type.set_text(text);
-  type.set_is_auto_repeat(press.is_auto_repeat());
-  page_->KeyType(type);
+  if (const auto entered = orvane::host::EnteredBy(press, text))
+    page_->KeyType(*entered);
 }
 
 void NativeInput::ReleaseKey(const X11Event& event, rpc::InputInfo input) {
-  const auto pressed = down_.extract(event.detail);
-  if (pressed.empty()) return;  // It was pressed elsewhere.
+  const auto release = held_.Release(Describe(event, std::move(input)));
+  if (!release.has_value()) return;  // It was pressed elsewhere.
   released_key_ = event.detail;
   release_time_ms_ = event.time_ms;
-  rpc::KeyReleaseRequest release;
-  // The same key as before, which may have another meaning by now.
-  *release.mutable_key() = pressed.mapped();
-  release.mutable_key()->set_key(Describe(event, input).key());
-  const std::uint32_t flag = ModifierOf(pressed.mapped());
-  const bool is_twin_down = std::any_of(
-      down_.begin(), down_.end(),
-      [flag](const auto& entry) { return ModifierOf(entry.second) == flag; });
-  if (!is_twin_down) input.set_modifiers(input.modifiers() & ~flag);
-  *release.mutable_input() = std::move(input);
-  page_->KeyRelease(release);
+  page_->KeyRelease(*release);
 }
 
 // The mouse
@@ -273,7 +245,7 @@ void NativeInput::ForgetButtons() {
 
 void NativeInput::ForgetHeld() {
   ForgetButtons();
-  down_.clear();
+  held_ = {};
 }
 
 // Touch

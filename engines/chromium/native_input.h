@@ -4,7 +4,6 @@
 #define ENGINES_CHROMIUM_NATIVE_INPUT_H_
 
 #include <cstdint>
-#include <map>
 #include <memory>
 
 #include "absl/status/status.h"
@@ -12,6 +11,8 @@
 #include "engines/chromium/keyboard_layout.h"
 #include "engines/chromium/x11_event.h"
 #include "examples/widget_server/abstract_page.h"
+#include "host/held_keys.h"
+#include "host/key.h"
 #include "rpc/browser/keyboard.pb.h"
 #include "rpc/browser/mouse.pb.h"
 #include "rpc/browser/native_input.pb.h"
@@ -57,7 +58,7 @@ class NativeInput {
 
   void PressKey(const X11Event& event, rpc::InputInfo input);
   void ReleaseKey(const X11Event& event, rpc::InputInfo input);
-  rpc::Key Describe(const X11Event& event, const rpc::InputInfo& input);
+  orvane::host::KeySample Describe(const X11Event& event, rpc::InputInfo input);
 
   void PressButton(const X11Event& event, rpc::MouseButton button,
                    const rpc::InputInfo& input, rpc::PointerState pointer);
@@ -70,7 +71,7 @@ class NativeInput {
   widget_server::AbstractPage* const page_;
 
   std::unique_ptr<KeyboardLayout> layout_;  // From the first key on.
-  std::map<std::uint32_t, rpc::Key> down_;  // By key code.
+  orvane::host::HeldKeys held_;
   // The latest release. X11 may report a held key as releases and presses.
   std::uint32_t released_key_ = 0;
   std::uint32_t release_time_ms_ = 0;
