@@ -594,6 +594,11 @@ void Page::TakeInputsAnswer(const absl::Status& status) {
 // Keys
 
 void Page::KeyPress(const rpc::KeyPressRequest& event) {
+  if (IsTab(event.key())) {
+    tab_direction_ = (event.input().modifiers() & rpc::MODIFIER_FLAG_SHIFT) != 0
+                         ? rpc::FOCUS_DIRECTION_BACKWARD
+                         : rpc::FOCUS_DIRECTION_FORWARD;
+  }
   SendInput("Input.dispatchKeyEvent", KeyDown(event));
 }
 
@@ -602,12 +607,8 @@ void Page::KeyRelease(const rpc::KeyReleaseRequest& event) {
     SendInput("Input.dispatchKeyEvent", KeyUp(event));
     return;
   }
-  const rpc::FocusDirection direction =
-      (event.input().modifiers() & rpc::MODIFIER_FLAG_SHIFT) != 0
-          ? rpc::FOCUS_DIRECTION_BACKWARD
-          : rpc::FOCUS_DIRECTION_FORWARD;
   SendInput("Input.dispatchKeyEvent", KeyUp(event),
-            [this, direction](const absl::StatusOr<Json>&) {
+            [this, direction = tab_direction_](const absl::StatusOr<Json>&) {
               Run("orvaneAgent.hasFocus()",
                   [this, direction](const absl::StatusOr<Json>& answer) {
                     if (answer.ok() && !IsTrue(answer)) OfferFocus(direction);

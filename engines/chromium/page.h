@@ -237,6 +237,8 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   std::set<rpc::MouseButton> pressed_;
   NativeInput native_input_{this};
   bool is_focus_offered_ = false;
+  // Of the latest Tab that was pressed. Shift may come up before it.
+  rpc::FocusDirection tab_direction_ = rpc::FOCUS_DIRECTION_FORWARD;
   bool is_accessible_focus_offered_ = false;
 
   ShownCursor cursor_;               // By the host.
