@@ -16,6 +16,7 @@
 #include "engines/chromium/options.h"
 #include "engines/chromium/page.h"
 #include "engines/chromium/page_service.h"
+#include "engines/chromium/profile.h"
 #include "examples/widget_server/browsers_service.h"
 #include "examples/widget_server/widget_service.h"
 #include "orvane/server.h"
@@ -37,6 +38,10 @@ int Fail(const absl::Status& status) {
 int main(int argc, char** argv) {
   const chromium::Options options = chromium::ParseOptions(argc, argv);
   logging::LogToStderr();
+
+  // Until the engine is gone.
+  const auto profile = chromium::LockProfile(options.engine.profile);
+  if (!profile.ok()) return Fail(profile.status());
 
   // Each outlives those below it.
   orvane::EventLoop loop;
