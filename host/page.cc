@@ -1,5 +1,6 @@
 #include "host/page.h"
 
+#include <cstddef>
 #include <utility>
 
 #include "absl/status/statusor.h"
@@ -8,9 +9,15 @@
 #include "absl/strings/str_cat.h"
 #include "google/protobuf/empty.pb.h"
 
+#include "zimbrel/src/core/common/rpc/printable.h"
 #include "zimbrel/src/core/common/rpc/transport/responder.h"
 
 namespace orvane::host {
+namespace {
+
+constexpr std::size_t kMaxReasonBytes = 300;
+
+}  // namespace
 
 std::string AddressOf(absl::string_view typed) {
   typed = absl::StripAsciiWhitespace(typed);
@@ -35,20 +42,16 @@ Page::~Page() = default;
 
 void Page::Connect() {
   session_ = nullptr;
-  is_served_ = false;
   auto connection = SocketClient::Connect(loop_, socket_);
   if (!connection.ok()) return;  // It has gone again, as View tells.
   session_ = std::make_shared<Session>(*std::move(connection));
-  const auto show = [this](const rpc::PageState& state) {
-    is_served_ = true;
-    if (handlers_.on_state) handlers_.on_state(&state);
-  };
   session_->streams.push_back(session_->client.WhenPageChanged(
-      browser_, [show](const rpc::PageChanged& event) { show(event.state()); },
-      [this](const absl::Status&) {
-        if (std::exchange(is_served_, false) && handlers_.on_state)
-          handlers_.on_state(nullptr);
-      }));
+      browser_,
+      [this](const rpc::PageChanged& event) { OnState(event.state()); },
+      [this](const absl::Status&) { OnEnd(); }));
+  session_->streams.push_back(session_->client.WhenPageFailed(
+      browser_,
+      [this](const rpc::PageFailed& event) { OnFailure(event.failure()); }));
   if (handlers_.on_open_window) {
     session_->streams.push_back(session_->client.OnOpenWindow(
         browser_, [this](const rpc::OpenWindowCall& call,
@@ -60,42 +63,90 @@ void Page::Connect() {
         }));
   }
   session_->client.GetPage(browser_,
-                           [show](const absl::StatusOr<rpc::PageState>& state) {
-                             if (state.ok()) show(*state);
+                           [this](const absl::StatusOr<rpc::PageState>& state) {
+                             if (state.ok()) OnState(*state);
                            });
 }
 
-void Page::Load(const std::string& address,
-                OnAnswer<google::protobuf::Empty> on_answer) {
-  if (!is_served_) return;
+// What the widget tells
+
+void Page::OnState(const rpc::PageState& state) {
+  if (is_served() && session_->state->address() != state.address())
+    session_->problem.clear();
+  session_->state = state;
+  TellState();
+}
+
+void Page::OnFailure(rpc::PageFailure failure) {
+  if (!is_served()) return;
+  if (failure == rpc::PAGE_FAILURE_CRASHED) {
+    session_->problem = "The page has crashed and was loaded again.";
+  } else if (failure == rpc::PAGE_FAILURE_KEEPS_CRASHING) {
+    session_->problem = "The page keeps crashing and is not loaded again.";
+  } else {
+    return;  // The state tells whether the page responds.
+  }
+  TellState();
+}
+
+void Page::OnEnd() {
+  if (!is_served()) return;
+  session_->state.reset();
+  session_->problem.clear();
+  TellState();
+}
+
+void Page::TellState() {
+  if (handlers_.on_state)
+    handlers_.on_state(is_served() ? &*session_->state : nullptr);
+}
+
+std::string Page::ProblemText() const {
+  if (!is_served()) return "";
+  if (session_->state->is_unresponsive()) return "The page does not respond.";
+  if (!session_->problem.empty() || session_->state->error().empty())
+    return session_->problem;
+  return absl::StrCat("The page cannot be loaded: ",
+                      Printable(session_->state->error(), kMaxReasonBytes));
+}
+
+// What the user wants
+
+void Page::Load(const std::string& address) {
+  if (!is_served()) return;
+  session_->problem.clear();
   rpc::LoadRequest request;
   *request.mutable_browser_id() = browser_;
   request.set_address(address);
   session_->client.Load(
-      request,
-      [session = std::weak_ptr(session_), on_answer = std::move(on_answer)](
-          const absl::StatusOr<google::protobuf::Empty>& to) mutable {
-        if (on_answer && !session.expired()) std::move(on_answer)(to);
+      request, [this, session = std::weak_ptr(session_)](
+                   const absl::StatusOr<google::protobuf::Empty>& answer) {
+        if (answer.ok() || session.expired() || !is_served()) return;
+        session_->problem =
+            absl::StrCat("The address cannot be loaded: ",
+                         Printable(answer.status().message(), kMaxReasonBytes));
+        TellState();
       });
 }
 
 void Page::Reload() {
-  if (!is_served_) return;
+  if (!is_served()) return;
+  session_->problem.clear();
   rpc::ReloadRequest request;
   *request.mutable_browser_id() = browser_;
   session_->client.Reload(request, nullptr);
 }
 
 void Page::Stop() {
-  if (is_served_) session_->client.Stop(browser_, nullptr);
+  if (is_served()) session_->client.Stop(browser_, nullptr);
 }
 
 void Page::GoBack() {
-  if (is_served_) session_->client.GoBack(browser_, nullptr);
+  if (is_served()) session_->client.GoBack(browser_, nullptr);
 }
 
 void Page::GoForward() {
-  if (is_served_) session_->client.GoForward(browser_, nullptr);
+  if (is_served()) session_->client.GoForward(browser_, nullptr);
 }
 
 }  // namespace orvane::host

@@ -13,7 +13,6 @@
 
 #include "rpc/browser/browser_id.pb.h"
 #include "rpc/browser/page.client.h"
-#include "zimbrel/src/core/common/rpc/calling.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
@@ -26,9 +25,10 @@ namespace orvane::host {
 std::string AddressOf(absl::string_view typed);
 
 struct PageHandlers {
-  // Runs when the browser shows or does something else, and with null when it
-  // is not known any more because the widget has gone. Never runs if the widget
-  // does not serve pages, so hide the address bar until it does.
+  // Runs when the browser shows or does something else or ProblemText() has
+  // changed, and with null when the page is not known any more because the
+  // widget has gone. Never runs if the widget does not serve pages, so hide the
+  // address bar until it does.
   absl::AnyInvocable<void(const rpc::PageState*)> on_state = nullptr;
 
   // Runs when the page wants to open a window; returns whether the address is
@@ -52,11 +52,15 @@ class Page {
   // it in ViewHandlers::on_connected.
   void Connect();
 
-  // Each does nothing while the widget does not serve pages. `on_answer` tells
-  // whether the address is one that pages may load; what comes of it is told by
-  // `on_state`. It does not run once the page is destroyed or connects anew.
-  void Load(const std::string& address,
-            OnAnswer<google::protobuf::Empty> on_answer = nullptr);
+  // Why the page is not what the user expects, as a sentence to be shown: it
+  // cannot be loaded, has crashed, does not respond, or its address was
+  // refused. Printable; at most 300 bytes of it are the widget's. Empty if all
+  // is well.
+  std::string ProblemText() const;
+
+  // Each does nothing while the widget does not serve pages. What comes of it
+  // is told by `on_state`.
+  void Load(const std::string& address);
   void Reload();
   void Stop();
   void GoBack();
@@ -70,15 +74,24 @@ class Page {
 
     const std::unique_ptr<SocketClient> connection;
     rpc::PageRpcClient client;
+    std::optional<rpc::PageState> state;  // None: not told, or not any more.
+    // What has happened to the page at this address, or to what the user asked
+    // for in its place.
+    std::string problem;
     std::vector<std::unique_ptr<ClientStream>> streams;
   };
+
+  bool is_served() const { return session_ && session_->state.has_value(); }
+  void OnState(const rpc::PageState& state);
+  void OnFailure(rpc::PageFailure failure);
+  void OnEnd();
+  void TellState();
 
   EventLoop* const loop_;
   const std::string socket_;
   const BrowserId browser_;
   PageHandlers handlers_;
   std::shared_ptr<Session> session_;  // Answers hold a weak pointer.
-  bool is_served_ = false;            // The widget has told its page.
 };
 
 }  // namespace orvane::host

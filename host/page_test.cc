@@ -25,6 +25,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+constexpr char kRefused[] = "The address cannot be loaded: not allowed";
+
 // Records its calls in words, and tells the page that it has.
 class PageServer final : public rpc::PageRpc {
  public:
@@ -63,12 +65,29 @@ class PageTest : public ::testing::Test {
     return std::exchange(service_.calls, {});
   }
 
+  // Tells `state_` too.
+  void TellTitle(const std::string& title) {
+    rpc::PageChanged event;
+    *event.mutable_state() = state_;
+    event.mutable_state()->set_title(title);
+    Publish<rpc::PageChanged>(testing::Browser(7), event);
+    loop_.RunUntilIdle();
+  }
+  void Fail(rpc::PageFailure failure) {
+    rpc::PageFailed event;
+    event.set_failure(failure);
+    Publish<rpc::PageFailed>(testing::Browser(7), event);
+    loop_.RunUntilIdle();
+  }
+
   const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
   EventLoop loop_;
   PageServer service_;
   std::optional<SocketServer> server_;
-  std::vector<std::string> titles_;  // "gone" once the widget has gone.
+  rpc::PageState state_;
+  std::vector<std::string> titles_;    // "gone" once the widget has gone.
+  std::vector<std::string> problems_;  // As the titles were told.
   std::vector<std::string> windows_;
   std::optional<Page> page_{
       std::in_place, &loop_, socket_, testing::Browser(7),
@@ -76,6 +95,7 @@ class PageTest : public ::testing::Test {
                        [this](const rpc::PageState* state) {
                          titles_.push_back(state == nullptr ? "gone"
                                                             : state->title());
+                         problems_.push_back(page_->ProblemText());
                        },
                    .on_open_window =
                        [this](const rpc::OpenWindowCall& call) {
@@ -102,10 +122,7 @@ TEST_F(PageTest, ThePageIsToldAtOnceAndWhenItChanges) {
   StartWidget();
   Connect();
   EXPECT_THAT(titles_, ElementsAre("First"));
-  rpc::PageChanged event;
-  event.mutable_state()->set_title("Second");
-  Publish<rpc::PageChanged>(testing::Browser(7), event);
-  loop_.RunUntilIdle();
+  TellTitle("Second");
   EXPECT_THAT(titles_, ElementsAre("First", "Second"));
 }
 
@@ -133,26 +150,77 @@ TEST_F(PageTest, EachButtonIsACall) {
                                    "GoBack", "GoForward"));
 }
 
-TEST_F(PageTest, AnAddressThatIsRefusedIsToldInWords) {
+TEST_F(PageTest, AnAddressThatIsRefusedIsAProblemUntilAnotherIsLoaded) {
   StartWidget();
   Connect();
-  absl::Status answered;
-  page_->Load("gopher://",
-              [&](const absl::StatusOr<google::protobuf::Empty>& answer) {
-                answered = answer.status();
-              });
+  EXPECT_EQ(page_->ProblemText(), "");
+  page_->Load("gopher://");
   loop_.RunUntilIdle();
-  EXPECT_EQ(answered.message(), "not allowed");
+  EXPECT_THAT(problems_, ElementsAre("", kRefused));
+  page_->Load("https://example.com");
+  EXPECT_EQ(page_->ProblemText(), "");
+}
+
+TEST_F(PageTest, AnAddressThatIsRefusedIsForgottenOnceThePageIsAtAnother) {
+  StartWidget();
+  Connect();
+  page_->Load("gopher://");
+  loop_.RunUntilIdle();
+  TellTitle("Another title");
+  EXPECT_EQ(page_->ProblemText(), kRefused);
+  state_.set_address("https://example.com");
+  TellTitle("Elsewhere");
+  EXPECT_EQ(page_->ProblemText(), "");
+}
+
+TEST_F(PageTest, APageThatIsNotLoadedIsAProblemInShortPlainWords) {
+  StartWidget();
+  Connect();
+  state_.set_error("\x1b[2J" + std::string(100'000, 'x'));
+  TellTitle("No page");
+  EXPECT_EQ(page_->ProblemText(), "The page cannot be loaded: \\033[2J" +
+                                      std::string(296, 'x') + "...");
+  state_.clear_error();
+  TellTitle("A page");
+  EXPECT_EQ(page_->ProblemText(), "");
+}
+
+TEST_F(PageTest, APageThatCrashesIsAProblemUntilTheUserReloadsIt) {
+  StartWidget();
+  Connect();
+  Fail(rpc::PAGE_FAILURE_CRASHED);
+  EXPECT_EQ(page_->ProblemText(), "The page has crashed and was loaded again.");
+  state_.set_error("the page keeps crashing");
+  TellTitle("It keeps crashing");
+  Fail(rpc::PAGE_FAILURE_KEEPS_CRASHING);
+  EXPECT_EQ(page_->ProblemText(),
+            "The page keeps crashing and is not loaded again.");
+  state_.clear_error();
+  page_->Reload();
+  TellTitle("Again");
+  EXPECT_EQ(page_->ProblemText(), "");
+}
+
+TEST_F(PageTest, APageThatDoesNotRespondIsAProblemWhileItDoesNot) {
+  StartWidget();
+  Connect();
+  Fail(rpc::PAGE_FAILURE_UNRESPONSIVE);
+  EXPECT_EQ(page_->ProblemText(), "");
+  state_.set_is_unresponsive(true);
+  TellTitle("Busy");
+  EXPECT_EQ(page_->ProblemText(), "The page does not respond.");
+  state_.set_is_unresponsive(false);
+  TellTitle("Ready");
+  EXPECT_EQ(page_->ProblemText(), "");
 }
 
 TEST_F(PageTest, APageMayEndBeforeTheAnswer) {
   StartWidget();
   Connect();
-  bool is_answered = false;
-  page_->Load("https://example.com", [&](const auto&) { is_answered = true; });
+  page_->Load("gopher://");
   page_.reset();
   loop_.RunUntilIdle();
-  EXPECT_FALSE(is_answered);
+  EXPECT_THAT(problems_, ElementsAre(""));
 }
 
 TEST_F(PageTest, TheHostDecidesAboutWindows) {

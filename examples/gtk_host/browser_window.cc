@@ -25,10 +25,11 @@ bool IsBlank(const std::optional<rpc::PageState>& state) {
          (state->address().empty() || state->address() == "about:blank");
 }
 
-// A label that is there if it has something to say.
-void Say(GtkWidget* label, const std::string& words) {
-  gtk_label_set_text(GTK_LABEL(label), words.c_str());
-  gtk_widget_set_visible(label, !words.empty());
+GtkWidget* NewInfoBar(GtkMessageType type, GtkWidget* content) {
+  auto* const bar = GTK_WIDGET(
+      g_object_new(GTK_TYPE_INFO_BAR, "message-type", type, nullptr));
+  gtk_info_bar_add_child(GTK_INFO_BAR(bar), content);
+  return bar;
 }
 
 }  // namespace
@@ -60,7 +61,9 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
                                   "placeholder-text", "Address", nullptr))),
       lock_(gtk_image_new_from_icon_name("channel-secure-symbolic")),
       reload_(NewButton("win.reload", "view-refresh-symbolic", "Reload")),
-      error_(gtk_label_new(nullptr)),
+      problem_(GTK_LABEL(
+          g_object_new(GTK_TYPE_LABEL, "wrap", TRUE, "xalign", 0.0, nullptr))),
+      problem_bar_(NewInfoBar(GTK_MESSAGE_WARNING, GTK_WIDGET(problem_))),
       notebook_(GTK_NOTEBOOK(gtk_notebook_new())) {
   AddAction<&BrowserWindow::GoBack>(application, "back", {"<Alt>Left"});
   AddAction<&BrowserWindow::GoForward>(application, "forward", {"<Alt>Right"});
@@ -96,7 +99,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
   Connect<&BrowserWindow::Show>(notebook_, "notify::page", this);
 
   GtkWidget* const box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
-  for (GtkWidget* const part : {bar_, error_, GTK_WIDGET(notebook_)})
+  for (GtkWidget* const part : {bar_, problem_bar_, GTK_WIDGET(notebook_)})
     gtk_box_append(GTK_BOX(box), part);
   gtk_window_set_child(GTK_WINDOW(window_), box);
   gtk_window_set_default_size(GTK_WINDOW(window_), kWidth, kHeight);
@@ -132,7 +135,6 @@ std::string BrowserWindow::TitleOf(const Tab& of) const {
 void BrowserWindow::OnState(Tab& changed, const rpc::PageState* state) {
   changed.state.reset();
   if (state != nullptr) changed.state = *state;
-  changed.error.clear();
   Show();
 }
 
@@ -156,8 +158,9 @@ void BrowserWindow::Show() {
                                                     : "view-refresh-symbolic");
   gtk_widget_set_tooltip_text(reload_, can_stop ? "Stop" : "Reload");
   gtk_widget_set_visible(lock_, state.security() == rpc::PAGE_SECURITY_SECURE);
-  Say(error_, state.is_unresponsive() ? "The page does not respond."
-                                      : orvane::Printable(shown.error));
+  const std::string problem = shown.page.ProblemText();
+  gtk_label_set_text(problem_, problem.c_str());
+  gtk_widget_set_visible(problem_bar_, !problem.empty());
   // Not while the user types another one.
   if (gtk_widget_get_focus_child(address_) == nullptr) {
     gtk_editable_set_text(GTK_EDITABLE(address_),
@@ -186,12 +189,7 @@ void BrowserWindow::ShowTab(int index) {
 void BrowserWindow::Load() {
   Tab& loading = tab();
   loading.page.Load(
-      orvane::host::AddressOf(gtk_editable_get_text(GTK_EDITABLE(address_))),
-      [this, &loading](const auto& answer) {
-        if (answer.ok()) return;
-        loading.error = std::string(answer.status().message());
-        Show();
-      });
+      orvane::host::AddressOf(gtk_editable_get_text(GTK_EDITABLE(address_))));
   loading.view.GrabFocus();
 }
 

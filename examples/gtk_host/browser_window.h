@@ -47,7 +47,6 @@ class BrowserWindow {
 
     const std::uint64_t number;
     std::optional<rpc::PageState> state;  // None: it has no page service.
-    std::string error;                    // Why an address is not loaded.
     GtkWidget* const label;
     orvane::host::Page page;
     WebView view;
@@ -81,7 +80,8 @@ class BrowserWindow {
   GtkWidget* const address_;
   GtkWidget* const lock_;
   GtkWidget* const reload_;
-  GtkWidget* const error_;
+  GtkLabel* const problem_;
+  GtkWidget* const problem_bar_;
   GtkNotebook* const notebook_;
   std::vector<std::unique_ptr<Tab>> tabs_;
 };

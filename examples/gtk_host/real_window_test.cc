@@ -18,6 +18,7 @@ namespace gtk_host::testing {
 namespace {
 
 constexpr Rgb kMark = 0xff0080;
+constexpr Rgb kPaper = 0xffffff;
 
 constexpr char kBegin[] =
     "<!DOCTYPE html><title>Ready</title><body style='margin:0'>"
@@ -77,6 +78,12 @@ class RealWindowTest : public WindowFixture {
           [&] { return screen_->Take(bar).pixels() != before; });
   }
 
+  void GoTo(const std::string& address) {
+    LeaveThePageBy("Control_L+l");
+    screen_->Type(address);
+    screen_->PressKey("Return");
+  }
+
   void ClickHere() { Click(40, 35); }
 };
 
@@ -131,9 +138,7 @@ TEST_F(RealWindowTest, AnAddressIsTypedAndThePageBeforeComesBack) {
   Start(kTellsTheFocus);
   ClickHere();
   AwaitTitle("in");
-  LeaveThePageBy("shift+Tab");
-  screen_->Type("data:text/html,<title>There</title>");
-  screen_->PressKey("Return");
+  GoTo("data:text/html,<title>There</title>");
   AwaitTitle("There");
   Await("the end of the page before",
         [this] { return !screen_->Take().Find(mark_).has_value(); });
@@ -141,6 +146,19 @@ TEST_F(RealWindowTest, AnAddressIsTypedAndThePageBeforeComesBack) {
   screen_->Click({place.x + 15, place.y + 15});  // "Back"
   AwaitPage();
   Await("its title", [] { return screen_->TitleOf(window()) != "There"; });
+}
+
+// What is said lies between the bar and the page, and has another colour than
+// the page.
+TEST_F(RealWindowTest, AnAddressThatCannotBeLoadedIsToldAboveThePage) {
+  Start("");
+  EXPECT_EQ(ColorAt(400, 6), kPaper);
+  GoTo("127.0.0.1:1");
+  AwaitTitle("http://127.0.0.1:1/");
+  Await("words above the page", [this] { return ColorAt(400, 6) != kPaper; });
+  GoTo("data:text/html,<title>There</title>");
+  AwaitTitle("There");
+  AwaitColor(400, 6, kPaper);
 }
 
 TEST_F(RealWindowTest, TheWheelScrollsThePage) {
