@@ -1,6 +1,8 @@
 #include "host/page.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "absl/status/statusor.h"
@@ -16,6 +18,7 @@ namespace orvane::host {
 namespace {
 
 constexpr std::size_t kMaxReasonBytes = 300;
+constexpr int kMaxIconSide = 64;  // Of rpc::PageIcon.
 
 }  // namespace
 
@@ -41,6 +44,7 @@ Page::Page(EventLoop* loop, std::string socket, BrowserId browser,
 Page::~Page() = default;
 
 void Page::Connect() {
+  OnEnd();
   session_ = nullptr;
   auto connection = SocketClient::Connect(loop_, socket_);
   if (!connection.ok()) return;  // It has gone again, as View tells.
@@ -63,8 +67,10 @@ void Page::Connect() {
         }));
   }
   session_->client.GetPage(browser_,
-                           [this](const absl::StatusOr<rpc::PageState>& state) {
-                             if (state.ok()) OnState(*state);
+                           [this, session = std::weak_ptr(session_)](
+                               const absl::StatusOr<rpc::PageState>& state) {
+                             if (state.ok() && !session.expired())
+                               OnState(*state);
                            });
 }
 
@@ -73,8 +79,11 @@ void Page::Connect() {
 void Page::OnState(const rpc::PageState& state) {
   if (is_served() && session_->state->address() != state.address())
     session_->problem.clear();
+  const std::uint64_t icon_before =
+      is_served() ? session_->state->icon_id() : 0;
   session_->state = state;
   TellState();
+  if (state.icon_id() != icon_before) UpdateIcon();
 }
 
 void Page::OnFailure(rpc::PageFailure failure) {
@@ -94,11 +103,43 @@ void Page::OnEnd() {
   session_->state.reset();
   session_->problem.clear();
   TellState();
+  TellIcon(nullptr);
 }
 
 void Page::TellState() {
   if (handlers_.on_state)
     handlers_.on_state(is_served() ? &*session_->state : nullptr);
+}
+
+// Asks for one icon at a time, however often a page changes it.
+void Page::UpdateIcon() {
+  if (!handlers_.on_icon) return;
+  const std::uint64_t icon_id = session_->state->icon_id();
+  if (icon_id == 0) {
+    TellIcon(nullptr);
+    return;
+  }
+  if (std::exchange(session_->is_asked_for_icon, true)) return;
+  session_->client.GetPageIcon(
+      browser_, [this, icon_id, session = std::weak_ptr(session_)](
+                    const absl::StatusOr<rpc::PageIcon>& answer) {
+        if (session.expired() || !is_served()) return;
+        session_->is_asked_for_icon = false;
+        if (session_->state->icon_id() != icon_id) {
+          UpdateIcon();
+          return;
+        }
+        Picture icon;
+        const bool is_fit =
+            answer.ok() && icon.Update(answer->image()).ok() &&
+            std::max(icon.width(), icon.height()) <= kMaxIconSide;
+        TellIcon(is_fit ? &icon : nullptr);
+      });
+}
+
+void Page::TellIcon(const Picture* icon) {
+  const bool had_icon = std::exchange(has_icon_, icon != nullptr);
+  if (had_icon || icon != nullptr) handlers_.on_icon(icon);
 }
 
 std::string Page::ProblemText() const {

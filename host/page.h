@@ -11,6 +11,7 @@
 #include "absl/functional/any_invocable.h"
 #include "absl/strings/string_view.h"
 
+#include "host/pixels.h"
 #include "rpc/browser/browser_id.pb.h"
 #include "rpc/browser/page.client.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
@@ -30,6 +31,10 @@ struct PageHandlers {
   // widget has gone. Never runs if the widget does not serve pages, so hide the
   // address bar until it does.
   absl::AnyInvocable<void(const rpc::PageState*)> on_state = nullptr;
+
+  // Runs when the page has another icon, of at most 64 pixels a side, and with
+  // null when it has none any more. The picture is valid during the call.
+  absl::AnyInvocable<void(const Picture*)> on_icon = nullptr;
 
   // Runs when the page wants to open a window; returns whether the address is
   // to be loaded in place of the page. If it is null, no window opens.
@@ -78,6 +83,7 @@ class Page {
     // What has happened to the page at this address, or to what the user asked
     // for in its place.
     std::string problem;
+    bool is_asked_for_icon = false;  // Has not answered yet.
     std::vector<std::unique_ptr<ClientStream>> streams;
   };
 
@@ -86,12 +92,15 @@ class Page {
   void OnFailure(rpc::PageFailure failure);
   void OnEnd();
   void TellState();
+  void UpdateIcon();
+  void TellIcon(const Picture* icon);
 
   EventLoop* const loop_;
   const std::string socket_;
   const BrowserId browser_;
   PageHandlers handlers_;
   std::shared_ptr<Session> session_;  // Answers hold a weak pointer.
+  bool has_icon_ = false;             // As told to `on_icon`.
 };
 
 }  // namespace orvane::host

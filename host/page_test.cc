@@ -37,6 +37,9 @@ class PageServer final : public rpc::PageRpc {
                   google::protobuf::Closure* done) override {
     if (method->name() == "GetPage") {
       static_cast<rpc::PageState*>(response)->set_title("First");
+    } else if (method->name() == "GetPageIcon") {
+      ++icon_questions;
+      *static_cast<rpc::PageIcon*>(response) = icon;
     } else if (method->name() == "Load") {
       const auto& load = static_cast<const rpc::LoadRequest&>(*request);
       calls.push_back("Load " + load.address());
@@ -48,7 +51,20 @@ class PageServer final : public rpc::PageRpc {
   }
 
   std::vector<std::string> calls;
+  rpc::PageIcon icon;
+  int icon_questions = 0;
 };
+
+rpc::PageIcon Icon(
+    int width, int height, const std::string& pixels,
+    rpc::PixelFormat format = rpc::PIXEL_FORMAT_RGBA_8888_PREMULTIPLIED) {
+  rpc::PageIcon icon;
+  icon.mutable_image()->mutable_size()->set_width(width);
+  icon.mutable_image()->mutable_size()->set_height(height);
+  icon.mutable_image()->set_format(format);
+  icon.mutable_image()->set_pixels(pixels);
+  return icon;
+}
 
 class PageTest : public ::testing::Test {
  protected:
@@ -73,6 +89,13 @@ class PageTest : public ::testing::Test {
     Publish<rpc::PageChanged>(testing::Browser(7), event);
     loop_.RunUntilIdle();
   }
+  void TellIcon(std::uint64_t icon_id) {
+    state_.set_icon_id(icon_id);
+    TellTitle("A page with an icon");
+  }
+  static std::string PixelsOf(const Picture& picture) {
+    return {picture.pixels().begin(), picture.pixels().end()};
+  }
   void Fail(rpc::PageFailure failure) {
     rpc::PageFailed event;
     event.set_failure(failure);
@@ -88,20 +111,25 @@ class PageTest : public ::testing::Test {
   rpc::PageState state_;
   std::vector<std::string> titles_;    // "gone" once the widget has gone.
   std::vector<std::string> problems_;  // As the titles were told.
+  std::vector<std::string> icons_;     // Their pixels.
   std::vector<std::string> windows_;
   std::optional<Page> page_{
       std::in_place, &loop_, socket_, testing::Browser(7),
-      PageHandlers{.on_state =
-                       [this](const rpc::PageState* state) {
-                         titles_.push_back(state == nullptr ? "gone"
-                                                            : state->title());
-                         problems_.push_back(page_->ProblemText());
-                       },
-                   .on_open_window =
-                       [this](const rpc::OpenWindowCall& call) {
-                         windows_.push_back(call.address());
-                         return call.is_user_gesture();
-                       }}};
+      PageHandlers{
+          .on_state =
+              [this](const rpc::PageState* state) {
+                titles_.push_back(state == nullptr ? "gone" : state->title());
+                problems_.push_back(page_->ProblemText());
+              },
+          .on_icon =
+              [this](const Picture* icon) {
+                icons_.push_back(icon == nullptr ? "none" : PixelsOf(*icon));
+              },
+          .on_open_window =
+              [this](const rpc::OpenWindowCall& call) {
+                windows_.push_back(call.address());
+                return call.is_user_gesture();
+              }}};
 };
 
 TEST(AddressOfTest, AWholeAddressStaysAsItIs) {
@@ -223,6 +251,65 @@ TEST_F(PageTest, APageMayEndBeforeTheAnswer) {
   EXPECT_THAT(problems_, ElementsAre(""));
 }
 
+TEST_F(PageTest, TheIconIsToldWhenItChanges) {
+  StartWidget();
+  Connect();
+  service_.icon = Icon(1, 1, "RGBA");
+  TellIcon(5);
+  TellTitle("Another title");
+  service_.icon = Icon(1, 1, "rgba");
+  TellIcon(6);
+  TellIcon(0);
+  TellTitle("A page without one");
+  EXPECT_THAT(icons_, ElementsAre("BGRA", "bgra", "none"));
+  EXPECT_EQ(service_.icon_questions, 2);
+}
+
+TEST_F(PageTest, AnIconOfNonsenseIsNone) {
+  StartWidget();
+  Connect();
+  service_.icon = Icon(1, 1, "RGBA");
+  TellIcon(1);
+  const std::vector<rpc::PageIcon> icons = {
+      {},
+      Icon(0, 0, ""),
+      Icon(1, 1, "RGB"),
+      Icon(-1, -1, "RGBA"),
+      Icon(65, 1, std::string(65 * 4, 'x')),
+      Icon(1 << 30, 1 << 30, "RGBA"),
+      Icon(1, 1, "RGBA", rpc::PIXEL_FORMAT_UNSPECIFIED),
+      Icon(1, 1, "RGBA", static_cast<rpc::PixelFormat>(4711))};
+  for (std::uint64_t i = 0; i < icons.size(); ++i) {
+    service_.icon = icons[i];
+    TellIcon(2 + i);
+  }
+  EXPECT_THAT(icons_, ElementsAre("BGRA", "none"));
+}
+
+TEST_F(PageTest, OfAnIconThatChangesAllTheTimeOneIsAskedForAtATime) {
+  StartWidget();
+  Connect();
+  service_.icon = Icon(1, 1, "RGBA");
+  for (std::uint64_t id = 1; id <= 10'000; ++id) {
+    rpc::PageChanged event;
+    event.mutable_state()->set_icon_id(id);
+    Publish<rpc::PageChanged>(testing::Browser(7), event);
+  }
+  loop_.RunUntilIdle();
+  EXPECT_THAT(icons_, ElementsAre("BGRA"));
+  EXPECT_LE(service_.icon_questions, 100);
+}
+
+TEST_F(PageTest, TheIconGoesWithTheWidget) {
+  StartWidget();
+  Connect();
+  service_.icon = Icon(1, 1, "RGBA");
+  TellIcon(5);
+  server_.reset();
+  loop_.RunUntilIdle();
+  EXPECT_THAT(icons_, ElementsAre("BGRA", "none"));
+}
+
 TEST_F(PageTest, TheHostDecidesAboutWindows) {
   StartWidget();
   Connect();
@@ -248,6 +335,13 @@ TEST_F(PageTest, ThePageIsNotKnownOnceTheWidgetHasGone) {
   page_->Reload();
   EXPECT_THAT(titles_, ElementsAre("First", "gone"));
   StartWidget();
+  Connect();
+  EXPECT_THAT(titles_, ElementsAre("First", "gone", "First"));
+}
+
+TEST_F(PageTest, ThePageIsNotKnownBetweenOneWidgetAndTheNext) {
+  StartWidget();
+  Connect();
   Connect();
   EXPECT_THAT(titles_, ElementsAre("First", "gone", "First"));
 }

@@ -6,6 +6,7 @@
 #include "absl/strings/str_cat.h"
 
 #include "examples/gtk_host/signals.h"
+#include "examples/gtk_host/texture.h"
 
 namespace gtk_host {
 namespace {
@@ -25,6 +26,12 @@ bool IsBlank(const std::optional<rpc::PageState>& state) {
          (state->address().empty() || state->address() == "about:blank");
 }
 
+// As large as the toolkit's own icons. Null: the page has none.
+void ShowIcon(GtkWidget* image, GdkTexture* icon) {
+  gtk_image_set_from_paintable(GTK_IMAGE(image), GDK_PAINTABLE(icon));
+  gtk_widget_set_visible(image, icon != nullptr);
+}
+
 GtkWidget* NewInfoBar(GtkMessageType type, GtkWidget* content) {
   auto* const bar = GTK_WIDGET(
       g_object_new(GTK_TYPE_INFO_BAR, "message-type", type, nullptr));
@@ -37,6 +44,7 @@ GtkWidget* NewInfoBar(GtkMessageType type, GtkWidget* content) {
 BrowserWindow::Tab::Tab(BrowserWindow* window, orvane::EventLoop* loop,
                         const std::string& socket, std::uint64_t browser)
     : number(browser),
+      icon(gtk_image_new()),
       label(GTK_WIDGET(g_object_new(GTK_TYPE_LABEL, "ellipsize",
                                     PANGO_ELLIPSIZE_END, "hexpand", TRUE,
                                     nullptr))),
@@ -44,6 +52,11 @@ BrowserWindow::Tab::Tab(BrowserWindow* window, orvane::EventLoop* loop,
            {.on_state =
                 [this, window](const rpc::PageState* told) {
                   window->OnState(*this, told);
+                },
+            .on_icon =
+                [this, window](const orvane::host::Picture* picture) {
+                  texture = picture != nullptr ? NewTexture(*picture) : nullptr;
+                  window->Show();
                 },
             .on_open_window =
                 [window](const rpc::OpenWindowCall& call) {
@@ -59,10 +72,12 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
       address_(
           GTK_WIDGET(g_object_new(GTK_TYPE_ENTRY, "hexpand", TRUE,
                                   "placeholder-text", "Address", nullptr))),
+      icon_(gtk_image_new()),
       lock_(gtk_image_new_from_icon_name("channel-secure-symbolic")),
       reload_(NewButton("win.reload", "view-refresh-symbolic", "Reload")),
-      problem_(GTK_LABEL(
-          g_object_new(GTK_TYPE_LABEL, "wrap", TRUE, "xalign", 0.0, nullptr))),
+      problem_(GTK_LABEL(g_object_new(GTK_TYPE_LABEL, "wrap", TRUE, "wrap-mode",
+                                      PANGO_WRAP_WORD_CHAR, "xalign", 0.0,
+                                      nullptr))),
       problem_bar_(NewInfoBar(GTK_MESSAGE_WARNING, GTK_WIDGET(problem_))),
       notebook_(GTK_NOTEBOOK(gtk_notebook_new())) {
   AddAction<&BrowserWindow::GoBack>(application, "back", {"<Alt>Left"});
@@ -81,6 +96,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
   gtk_box_append(GTK_BOX(bar_),
                  NewButton("win.forward", "go-next-symbolic", "Forward"));
   gtk_box_append(GTK_BOX(bar_), reload_);
+  gtk_box_append(GTK_BOX(bar_), icon_);
   gtk_box_append(GTK_BOX(bar_), lock_);
   gtk_box_append(GTK_BOX(bar_), address_);
   Connect<&BrowserWindow::Load>(address_, "activate", this);
@@ -93,8 +109,10 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
   Enable("previous-tab", has_tabs);
   for (const std::uint64_t browser : browsers) {
     tabs_.push_back(std::make_unique<Tab>(this, loop, socket, browser));
-    gtk_notebook_append_page(notebook_, tabs_.back()->view.widget(),
-                             tabs_.back()->label);
+    GtkWidget* const head = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, kSpace);
+    gtk_box_append(GTK_BOX(head), tabs_.back()->icon);
+    gtk_box_append(GTK_BOX(head), tabs_.back()->label);
+    gtk_notebook_append_page(notebook_, tabs_.back()->view.widget(), head);
   }
   Connect<&BrowserWindow::Show>(notebook_, "notify::page", this);
 
@@ -142,6 +160,7 @@ void BrowserWindow::Show() {
   for (const auto& each : tabs_) {
     const std::string title = TitleOf(*each);
     gtk_label_set_text(GTK_LABEL(each->label), title.c_str());
+    ShowIcon(each->icon, each->texture.get());
     each->view.SetTitle(title);
   }
   const Tab& shown = tab();
@@ -157,6 +176,7 @@ void BrowserWindow::Show() {
                                                     ? "process-stop-symbolic"
                                                     : "view-refresh-symbolic");
   gtk_widget_set_tooltip_text(reload_, can_stop ? "Stop" : "Reload");
+  ShowIcon(icon_, shown.texture.get());
   gtk_widget_set_visible(lock_, state.security() == rpc::PAGE_SECURITY_SECURE);
   const std::string problem = shown.page.ProblemText();
   gtk_label_set_text(problem_, problem.c_str());

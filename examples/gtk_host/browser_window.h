@@ -47,6 +47,8 @@ class BrowserWindow {
 
     const std::uint64_t number;
     std::optional<rpc::PageState> state;  // None: it has no page service.
+    std::shared_ptr<GdkTexture> texture;  // None: the page has no icon.
+    GtkWidget* const icon;
     GtkWidget* const label;
     orvane::host::Page page;
     WebView view;
@@ -78,6 +80,7 @@ class BrowserWindow {
   GtkWidget* const window_;
   GtkWidget* const bar_;
   GtkWidget* const address_;
+  GtkWidget* const icon_;
   GtkWidget* const lock_;
   GtkWidget* const reload_;
   GtkLabel* const problem_;

@@ -35,7 +35,7 @@ class RealWindowTest : public WindowFixture {
   void StartWidget(const std::string& body) {
     widget_ = std::make_unique<orvane::testing::ChildProcess>(
         std::vector<std::string>{
-            ORVANE_CHROMIUM, "--socket", socket(),
+            ORVANE_CHROMIUM, "--socket", socket(), "--page=2=about:blank",
             absl::StrCat("--page=1=data:text/html;base64,",
                          absl::Base64Escape(kBegin + body))});
     const std::string line = widget_->ReadLine();
@@ -50,10 +50,11 @@ class RealWindowTest : public WindowFixture {
   }
 
   void Start(const std::string& body,
-             const std::vector<std::string>& environment = {}) {
+             const std::vector<std::string>& environment = {},
+             const std::vector<std::string>& options = {}) {
     StartWidget(body);
     if (widget_ == nullptr) return;
-    StartHost(environment);
+    StartHost(environment, options);
     AwaitPageBelowTheBar();
   }
 
@@ -159,6 +160,37 @@ TEST_F(RealWindowTest, AnAddressThatCannotBeLoadedIsToldAboveThePage) {
   GoTo("data:text/html,<title>There</title>");
   AwaitTitle("There");
   AwaitColor(400, 6, kPaper);
+}
+
+constexpr Rgb kIcon = 0x00c8ff;
+constexpr char kHasAnIcon[] =
+    "<link rel=icon href=\"data:image/svg+xml,<svg xmlns='http://www.w3.org/"
+    "2000/svg' width='32' height='32'><rect width='32' height='32' "
+    "fill='%2300c8ff'/></svg>\">";
+
+TEST_F(RealWindowTest, ThePagesIconIsSeenInTheBarWhileThePageIs) {
+  Start(kHasAnIcon);
+  Await("the icon above the page", [this] {
+    const std::optional<Area> icon = screen_->Take().Find(kIcon);
+    return icon.has_value() && icon->y + icon->height <= page_.y;
+  });
+  GoTo("data:text/html,<title>There</title>");
+  AwaitTitle("There");
+  Await("the end of the icon",
+        [] { return !screen_->Take().Find(kIcon).has_value(); });
+}
+
+TEST_F(RealWindowTest, ThePagesIconIsSeenOnItsTabToo) {
+  constexpr int kIconSide = 16;
+  const auto height_of_icons = [] {
+    return screen_->Take().Find(kIcon).value_or(Area{}).height;
+  };
+  Start(kHasAnIcon, {}, {"--browser=1", "--browser=2"});
+  Await("one icon in the bar and one on the tab below it",
+        [&] { return height_of_icons() > 2 * kIconSide; });
+  screen_->PressKey("Control_L+Next");
+  Await("the one on the tab alone",
+        [&] { return height_of_icons() == kIconSide; });
 }
 
 TEST_F(RealWindowTest, TheWheelScrollsThePage) {

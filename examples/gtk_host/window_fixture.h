@@ -98,9 +98,12 @@ class WindowFixture : public ::testing::Test {
 
   std::string socket() const { return folder_.path() + "/widget.sock"; }
 
-  void StartHost(const std::vector<std::string>& environment = {}) {
+  void StartHost(const std::vector<std::string>& environment = {},
+                 const std::vector<std::string>& options = {}) {
+    std::vector<std::string> command = {GTK_HOST, socket()};
+    command.insert(command.end(), options.begin(), options.end());
     host_ = std::make_unique<orvane::testing::ChildProcess>(
-        screen_->CommandOf({GTK_HOST, socket()}, environment));
+        screen_->CommandOf(std::move(command), environment));
   }
 
   // Fails, and fails again at once, if that does not happen in the test's time.
