@@ -18,6 +18,7 @@ namespace orvane::host {
 namespace {
 
 constexpr std::size_t kMaxReasonBytes = 300;
+constexpr std::size_t kMaxDownloads = 64;
 constexpr int kMaxIconSide = 64;  // Of rpc::PageIcon.
 
 }  // namespace
@@ -66,6 +67,7 @@ void Page::Connect() {
           std::move(responder).Respond(answer).IgnoreError();
         }));
   }
+  if (handlers_.on_download) ServeDownloads();
   session_->client.GetPage(browser_,
                            [this, session = std::weak_ptr(session_)](
                                const absl::StatusOr<rpc::PageState>& state) {
@@ -99,6 +101,7 @@ void Page::OnFailure(rpc::PageFailure failure) {
 }
 
 void Page::OnEnd() {
+  EndDownloads();
   if (!is_served()) return;
   session_->state.reset();
   session_->problem.clear();
@@ -149,6 +152,60 @@ std::string Page::ProblemText() const {
     return session_->problem;
   return absl::StrCat("The page cannot be loaded: ",
                       Printable(session_->state->error(), kMaxReasonBytes));
+}
+
+// Files that the page offers
+
+void Page::ServeDownloads() {
+  session_->streams.push_back(session_->client.WhenDownloadChanged(
+      browser_,
+      [this](const rpc::DownloadChanged& event) { OnDownloadChanged(event); },
+      [this](const absl::Status&) {
+        // Nobody would tell what becomes of further ones.
+        session_->offers = nullptr;
+        EndDownloads();
+      }));
+  session_->offers = session_->client.OnDownload(
+      browser_, [this](const rpc::DownloadCall& call,
+                       Responder<rpc::Download> responder) {
+        rpc::DownloadResponse answer;
+        answer.set_path(PathOf(call));
+        // Fails only if the widget has gone.
+        std::move(responder).Respond(answer).IgnoreError();
+      });
+}
+
+std::string Page::PathOf(const rpc::DownloadCall& call) {
+  auto& downloads = session_->downloads;
+  if (downloads.size() == kMaxDownloads || call.download_id() == 0 ||
+      downloads.contains(call.download_id())) {
+    return "";
+  }
+  const std::string path = handlers_.on_download(call);
+  if (!path.empty()) downloads.emplace(call.download_id(), path);
+  return path;
+}
+
+void Page::OnDownloadChanged(const rpc::DownloadChanged& event) {
+  const auto found = session_->downloads.find(event.download_id());
+  if (found == session_->downloads.end()) return;
+  const bool has_ended = event.status() == rpc::DOWNLOAD_STATUS_COMPLETED ||
+                         event.status() == rpc::DOWNLOAD_STATUS_FAILED;
+  if (!has_ended && event.status() != rpc::DOWNLOAD_STATUS_IN_PROGRESS) return;
+  const std::string path = found->second;
+  if (has_ended) session_->downloads.erase(found);
+  if (handlers_.on_download_changed) handlers_.on_download_changed(path, event);
+}
+
+void Page::EndDownloads() {
+  if (session_ == nullptr) return;
+  rpc::DownloadChanged event;
+  event.set_status(rpc::DOWNLOAD_STATUS_FAILED);
+  event.set_error("the browser has ended");
+  while (!session_->downloads.empty()) {
+    event.set_download_id(session_->downloads.begin()->first);
+    OnDownloadChanged(event);
+  }
 }
 
 // What the user wants

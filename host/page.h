@@ -3,6 +3,8 @@
 #ifndef HOST_PAGE_H_
 #define HOST_PAGE_H_
 
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,6 +41,20 @@ struct PageHandlers {
   // Runs when the page wants to open a window; returns whether the address is
   // to be loaded in place of the page. If it is null, no window opens.
   absl::AnyInvocable<bool(const rpc::OpenWindowCall&)> on_open_window = nullptr;
+
+  // Runs when the page offers a file; returns the absolute path, in UTF-8, to
+  // save it at, or an empty one if it is not wanted. What is there is replaced:
+  // CreateNewFile makes a new one. At most 64 files are saved at a time; what
+  // is offered beyond that is refused without asking. If this is null, no file
+  // is saved.
+  absl::AnyInvocable<std::string(const rpc::DownloadCall&)> on_download =
+      nullptr;
+
+  // Runs as a file is saved at that path, at last with
+  // DOWNLOAD_STATUS_COMPLETED or DOWNLOAD_STATUS_FAILED: exactly once, also if
+  // the widget goes before. The error is any text of the widget's.
+  absl::AnyInvocable<void(const std::string& path, const rpc::DownloadChanged&)>
+      on_download_changed = nullptr;
 };
 
 // The page service of one widget process after the other, for one browser.
@@ -83,7 +99,9 @@ class Page {
     // What has happened to the page at this address, or to what the user asked
     // for in its place.
     std::string problem;
-    bool is_asked_for_icon = false;  // Has not answered yet.
+    bool is_asked_for_icon = false;                  // Has not answered yet.
+    std::map<std::uint64_t, std::string> downloads;  // Paths, until they end.
+    std::unique_ptr<ClientStream> offers;            // Of downloads.
     std::vector<std::unique_ptr<ClientStream>> streams;
   };
 
@@ -94,6 +112,10 @@ class Page {
   void TellState();
   void UpdateIcon();
   void TellIcon(const Picture* icon);
+  void ServeDownloads();
+  std::string PathOf(const rpc::DownloadCall& call);
+  void OnDownloadChanged(const rpc::DownloadChanged& event);
+  void EndDownloads();
 
   EventLoop* const loop_;
   const std::string socket_;

@@ -1,5 +1,7 @@
 #include "host/page.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,6 +10,7 @@
 
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
+#include "absl/strings/str_cat.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
@@ -24,6 +27,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 constexpr char kRefused[] = "The address cannot be loaded: not allowed";
 
@@ -96,6 +100,33 @@ class PageTest : public ::testing::Test {
   static std::string PixelsOf(const Picture& picture) {
     return {picture.pixels().begin(), picture.pixels().end()};
   }
+  void Offer(std::uint64_t id, const std::string& name) {
+    rpc::DownloadCall call;
+    call.set_download_id(id);
+    call.set_suggested_name(name);
+    Call<rpc::Download>(
+        testing::Browser(7), call,
+        [this](const absl::StatusOr<rpc::DownloadResponse>& answer) {
+          paths_.push_back(answer.ok()
+                               ? std::string(answer->path())
+                               : std::string(answer.status().message()));
+        });
+    loop_.RunUntilIdle();
+  }
+  static std::string WordsOf(const rpc::DownloadChanged& event) {
+    if (event.status() == rpc::DOWNLOAD_STATUS_IN_PROGRESS) return " goes on";
+    if (event.status() == rpc::DOWNLOAD_STATUS_COMPLETED) return " is there";
+    return absl::StrCat(": ", event.error());
+  }
+  void TellDownload(std::uint64_t id, rpc::DownloadStatus status,
+                    const std::string& error = "") {
+    rpc::DownloadChanged event;
+    event.set_download_id(id);
+    event.set_status(status);
+    event.set_error(error);
+    Publish<rpc::DownloadChanged>(testing::Browser(7), event);
+    loop_.RunUntilIdle();
+  }
   void Fail(rpc::PageFailure failure) {
     rpc::PageFailed event;
     event.set_failure(failure);
@@ -113,6 +144,8 @@ class PageTest : public ::testing::Test {
   std::vector<std::string> problems_;  // As the titles were told.
   std::vector<std::string> icons_;     // Their pixels.
   std::vector<std::string> windows_;
+  std::vector<std::string> paths_;      // Where offered files are to be saved.
+  std::vector<std::string> downloads_;  // What has become of them.
   std::optional<Page> page_{
       std::in_place, &loop_, socket_, testing::Browser(7),
       PageHandlers{
@@ -129,6 +162,16 @@ class PageTest : public ::testing::Test {
               [this](const rpc::OpenWindowCall& call) {
                 windows_.push_back(call.address());
                 return call.is_user_gesture();
+              },
+          .on_download =
+              [](const rpc::DownloadCall& call) {
+                const std::string name(call.suggested_name());
+                return name == "unwanted" ? "" : "/files/" + name;
+              },
+          .on_download_changed =
+              [this](const std::string& path,
+                     const rpc::DownloadChanged& event) {
+                downloads_.push_back(path + WordsOf(event));
               }}};
 };
 
@@ -325,6 +368,85 @@ TEST_F(PageTest, TheHostDecidesAboutWindows) {
   loop_.RunUntilIdle();
   EXPECT_THAT(windows_, ElementsAre("https://example.com/popup"));
   EXPECT_EQ(is_loaded_here, true);
+}
+
+TEST_F(PageTest, TheHostSaysWhereAFileIsSavedAndIsToldWhenItIs) {
+  StartWidget();
+  Connect();
+  Offer(1, "a");
+  Offer(2, "b");
+  TellDownload(1, rpc::DOWNLOAD_STATUS_IN_PROGRESS);
+  TellDownload(2, rpc::DOWNLOAD_STATUS_FAILED, "the disk is full");
+  TellDownload(1, rpc::DOWNLOAD_STATUS_COMPLETED);
+  EXPECT_THAT(paths_, ElementsAre("/files/a", "/files/b"));
+  EXPECT_THAT(downloads_,
+              ElementsAre("/files/a goes on", "/files/b: the disk is full",
+                          "/files/a is there"));
+}
+
+TEST_F(PageTest, OfAFileThatIsNotWantedNothingIsTold) {
+  StartWidget();
+  Connect();
+  Offer(1, "unwanted");
+  TellDownload(1, rpc::DOWNLOAD_STATUS_COMPLETED);
+  EXPECT_THAT(paths_, ElementsAre(""));
+  EXPECT_THAT(downloads_, IsEmpty());
+}
+
+TEST_F(PageTest, TheEndOfADownloadIsToldOnce) {
+  StartWidget();
+  Connect();
+  Offer(1, "a");
+  TellDownload(1, rpc::DOWNLOAD_STATUS_UNSPECIFIED);
+  TellDownload(1, static_cast<rpc::DownloadStatus>(4711));
+  TellDownload(1, rpc::DOWNLOAD_STATUS_COMPLETED);
+  TellDownload(1, rpc::DOWNLOAD_STATUS_FAILED, "too late");
+  TellDownload(1, rpc::DOWNLOAD_STATUS_IN_PROGRESS);
+  TellDownload(4711, rpc::DOWNLOAD_STATUS_COMPLETED);
+  server_.reset();
+  loop_.RunUntilIdle();
+  EXPECT_THAT(downloads_, ElementsAre("/files/a is there"));
+}
+
+TEST_F(PageTest, ADownloadNeedsANumberOfItsOwn) {
+  StartWidget();
+  Connect();
+  Offer(0, "a");
+  Offer(1, "b");
+  Offer(1, "c");
+  EXPECT_THAT(paths_, ElementsAre("", "/files/b", ""));
+  TellDownload(1, rpc::DOWNLOAD_STATUS_COMPLETED);
+  EXPECT_THAT(downloads_, ElementsAre("/files/b is there"));
+}
+
+TEST_F(PageTest, OfTenThousandDownloads64AreSavedAtATime) {
+  StartWidget();
+  Connect();
+  for (std::uint64_t id = 1; id <= 10'000; ++id) Offer(id, "a");
+  EXPECT_THAT(paths_, SizeIs(10'000));
+  EXPECT_EQ(std::count(paths_.begin(), paths_.end(), ""), 10'000 - 64);
+  TellDownload(1, rpc::DOWNLOAD_STATUS_COMPLETED);
+  Offer(10'001, "b");
+  EXPECT_EQ(paths_.back(), "/files/b");
+}
+
+TEST_F(PageTest, ADownloadFailsWithTheWidget) {
+  StartWidget();
+  Connect();
+  Offer(1, "a");
+  server_.reset();
+  loop_.RunUntilIdle();
+  EXPECT_THAT(downloads_, ElementsAre("/files/a: the browser has ended"));
+}
+
+TEST_F(PageTest, ADownloadFailsIfThePageConnectsAnew) {
+  StartWidget();
+  Connect();
+  Offer(1, "a");
+  Connect();
+  EXPECT_THAT(downloads_, ElementsAre("/files/a: the browser has ended"));
+  Offer(1, "b");
+  EXPECT_THAT(paths_, ElementsAre("/files/a", "/files/b"));
 }
 
 TEST_F(PageTest, ThePageIsNotKnownOnceTheWidgetHasGone) {

@@ -5,6 +5,7 @@
 
 #include "absl/strings/str_cat.h"
 
+#include "examples/gtk_host/notice.h"
 #include "examples/gtk_host/signals.h"
 #include "examples/gtk_host/texture.h"
 
@@ -32,13 +33,6 @@ void ShowIcon(GtkWidget* image, GdkTexture* icon) {
   gtk_widget_set_visible(image, icon != nullptr);
 }
 
-GtkWidget* NewInfoBar(GtkMessageType type, GtkWidget* content) {
-  auto* const bar = GTK_WIDGET(
-      g_object_new(GTK_TYPE_INFO_BAR, "message-type", type, nullptr));
-  gtk_info_bar_add_child(GTK_INFO_BAR(bar), content);
-  return bar;
-}
-
 }  // namespace
 
 BrowserWindow::Tab::Tab(BrowserWindow* window, orvane::EventLoop* loop,
@@ -61,6 +55,15 @@ BrowserWindow::Tab::Tab(BrowserWindow* window, orvane::EventLoop* loop,
             .on_open_window =
                 [window](const rpc::OpenWindowCall& call) {
                   return window->OpenWindow(call);
+                },
+            .on_download =
+                [window](const rpc::DownloadCall& call) {
+                  return window->downloads_.Begin(call);
+                },
+            .on_download_changed =
+                [window](const std::string& path,
+                         const rpc::DownloadChanged& change) {
+                  window->downloads_.Update(path, change);
                 }}),
       view(loop, socket, IdOf(browser), [this] { page.Connect(); }) {}
 
@@ -75,10 +78,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
       icon_(gtk_image_new()),
       lock_(gtk_image_new_from_icon_name("channel-secure-symbolic")),
       reload_(NewButton("win.reload", "view-refresh-symbolic", "Reload")),
-      problem_(GTK_LABEL(g_object_new(GTK_TYPE_LABEL, "wrap", TRUE, "wrap-mode",
-                                      PANGO_WRAP_WORD_CHAR, "xalign", 0.0,
-                                      nullptr))),
-      problem_bar_(NewInfoBar(GTK_MESSAGE_WARNING, GTK_WIDGET(problem_))),
+      problem_(NewNotice()),
       notebook_(GTK_NOTEBOOK(gtk_notebook_new())) {
   AddAction<&BrowserWindow::GoBack>(application, "back", {"<Alt>Left"});
   AddAction<&BrowserWindow::GoForward>(application, "forward", {"<Alt>Right"});
@@ -117,7 +117,8 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
   Connect<&BrowserWindow::Show>(notebook_, "notify::page", this);
 
   GtkWidget* const box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
-  for (GtkWidget* const part : {bar_, problem_bar_, GTK_WIDGET(notebook_)})
+  for (GtkWidget* const part :
+       {bar_, problem_, GTK_WIDGET(notebook_), downloads_.widget()})
     gtk_box_append(GTK_BOX(box), part);
   gtk_window_set_child(GTK_WINDOW(window_), box);
   gtk_window_set_default_size(GTK_WINDOW(window_), kWidth, kHeight);
@@ -178,9 +179,7 @@ void BrowserWindow::Show() {
   gtk_widget_set_tooltip_text(reload_, can_stop ? "Stop" : "Reload");
   ShowIcon(icon_, shown.texture.get());
   gtk_widget_set_visible(lock_, state.security() == rpc::PAGE_SECURITY_SECURE);
-  const std::string problem = shown.page.ProblemText();
-  gtk_label_set_text(problem_, problem.c_str());
-  gtk_widget_set_visible(problem_bar_, !problem.empty());
+  SetNotice(problem_, GTK_MESSAGE_WARNING, shown.page.ProblemText());
   // Not while the user types another one.
   if (gtk_widget_get_focus_child(address_) == nullptr) {
     gtk_editable_set_text(GTK_EDITABLE(address_),

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "examples/gtk_host/downloads.h"
 #include "examples/gtk_host/web_view.h"
 #include "host/page.h"
 #include "orvane/client.h"
@@ -83,9 +84,9 @@ class BrowserWindow {
   GtkWidget* const icon_;
   GtkWidget* const lock_;
   GtkWidget* const reload_;
-  GtkLabel* const problem_;
-  GtkWidget* const problem_bar_;
+  GtkWidget* const problem_;
   GtkNotebook* const notebook_;
+  Downloads downloads_;
   std::vector<std::unique_ptr<Tab>> tabs_;
 };
 

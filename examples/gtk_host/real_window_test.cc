@@ -2,8 +2,12 @@
 // becomes its title, which is the window's.
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -83,6 +87,20 @@ class RealWindowTest : public WindowFixture {
     LeaveThePageBy("Control_L+l");
     screen_->Type(address);
     screen_->PressKey("Return");
+  }
+
+  // Below folder_, and not in the home of whoever runs the test.
+  void UseTheFolderForDownloads() {
+    std::filesystem::create_directory(folder_.path() + "/files");
+    std::ofstream(folder_.path() + "/user-dirs.dirs")
+        << "XDG_DOWNLOAD_DIR=\"" << folder_.path() << "/files\"\n";
+  }
+  std::vector<std::string> Environment() const {
+    return {"HOME=" + folder_.path(), "XDG_CONFIG_HOME=" + folder_.path()};
+  }
+  std::string Saved(const std::string& name) const {
+    std::ifstream file(folder_.path() + "/files/" + name);
+    return {std::istreambuf_iterator<char>(file), {}};
   }
 
   void ClickHere() { Click(40, 35); }
@@ -191,6 +209,45 @@ TEST_F(RealWindowTest, ThePagesIconIsSeenOnItsTabToo) {
   screen_->PressKey("Control_L+Next");
   Await("the one on the tab alone",
         [&] { return height_of_icons() == kIconSide; });
+}
+
+constexpr char kOffersAFile[] =
+    "<a class=here href='data:text/plain,hello' download='name.txt'>Save</a>";
+
+// What is said lies below the page, and has another colour than the page. While
+// the file is being saved, it ends further to the left.
+TEST_F(RealWindowTest, AFileIsSavedAndToldBelowThePageUntilThatIsClosed) {
+  UseTheFolderForDownloads();
+  Start(kOffersAFile, Environment());
+  const Area place = screen_->PlaceOf(window());
+  const int bottom = place.y + place.height;
+  const Area folder = {place.x + 250, bottom - 30, 80, 20};
+  const auto colors_of_the_folder = [&] {
+    const Image image = screen_->Take(folder);
+    return std::set<Rgb>(image.pixels().begin(), image.pixels().end()).size();
+  };
+  EXPECT_EQ(colors_of_the_folder(), 1u);
+  ClickHere();
+  Await("the words with the folder", [&] {
+    return screen_->ColorAt({place.x + 5, bottom - 5}) != kPaper &&
+           colors_of_the_folder() > 1;
+  });
+  EXPECT_EQ(Saved("name.txt"), "hello");
+  screen_->Click({place.x + place.width - 20, bottom - 20});
+  Await("the end of the words", [&] {
+    return screen_->ColorAt({place.x + 5, bottom - 5}) == kPaper;
+  });
+}
+
+TEST_F(RealWindowTest, AFileIsNotSavedOverAnother) {
+  UseTheFolderForDownloads();
+  std::ofstream(folder_.path() + "/files/name.txt") << "mine";
+  Start(kOffersAFile, Environment());
+  ClickHere();
+  Await("the file", [this] { return Saved("name (2).txt") == "hello"; });
+  ClickHere();
+  Await("another one", [this] { return Saved("name (3).txt") == "hello"; });
+  EXPECT_EQ(Saved("name.txt"), "mine");
 }
 
 TEST_F(RealWindowTest, TheWheelScrollsThePage) {
