@@ -29,6 +29,17 @@ std::string FolderOf(const std::string& path) {
   return orvane::Printable(std::filesystem::path(path).parent_path().string());
 }
 
+GtkWidget* NewLine() {
+  GtkWidget* const line = NewNotice();
+  gtk_info_bar_set_show_close_button(GTK_INFO_BAR(line), TRUE);
+  g_signal_connect(line, "response", G_CALLBACK(+[](GtkWidget* closed) {
+                     gtk_box_remove(GTK_BOX(gtk_widget_get_parent(closed)),
+                                    closed);
+                   }),
+                   nullptr);
+  return line;
+}
+
 }  // namespace
 
 Downloads::Downloads() : lines_(gtk_box_new(GTK_ORIENTATION_VERTICAL, 0)) {}
@@ -67,24 +78,23 @@ void Downloads::Say(const std::string& path, GtkMessageType type,
   SetNotice(LineOf(path), type, words);
 }
 
-// A line that has been closed comes back when there is news.
+// A line that has been closed comes back when there is news. Of too many lines,
+// the oldest becomes the newest.
 GtkWidget* Downloads::LineOf(const std::string& path) {
   int count = 0;
   for (GtkWidget* line = gtk_widget_get_first_child(lines_); line != nullptr;
        line = gtk_widget_get_next_sibling(line), ++count) {
     if (gtk_widget_get_name(line) == path) return line;
   }
-  if (count == kMaxLines)
-    gtk_box_remove(GTK_BOX(lines_), gtk_widget_get_first_child(lines_));
-  GtkWidget* const line = NewNotice();
+  GtkWidget* const oldest = gtk_widget_get_first_child(lines_);
+  GtkWidget* const newest = gtk_widget_get_last_child(lines_);
+  GtkWidget* const line = count == kMaxLines ? oldest : NewLine();
   gtk_widget_set_name(line, path.c_str());
-  gtk_info_bar_set_show_close_button(GTK_INFO_BAR(line), TRUE);
-  g_signal_connect(line, "response", G_CALLBACK(+[](GtkWidget* closed) {
-                     gtk_box_remove(GTK_BOX(gtk_widget_get_parent(closed)),
-                                    closed);
-                   }),
-                   nullptr);
-  gtk_box_append(GTK_BOX(lines_), line);
+  if (line == oldest) {
+    gtk_box_reorder_child_after(GTK_BOX(lines_), line, newest);
+  } else {
+    gtk_box_append(GTK_BOX(lines_), line);
+  }
   return line;
 }
 

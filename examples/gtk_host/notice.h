@@ -11,9 +11,9 @@ namespace gtk_host {
 
 // Without words, and not seen until it has some. Owned by its parent.
 inline GtkWidget* NewNotice() {
-  auto* const label =
-      GTK_WIDGET(g_object_new(GTK_TYPE_LABEL, "wrap", TRUE, "wrap-mode",
-                              PANGO_WRAP_WORD_CHAR, "xalign", 0.0, nullptr));
+  auto* const label = GTK_WIDGET(g_object_new(GTK_TYPE_LABEL, "ellipsize",
+                                              PANGO_ELLIPSIZE_MIDDLE, "xalign",
+                                              0.0, "hexpand", TRUE, nullptr));
   auto* const notice =
       GTK_WIDGET(g_object_new(GTK_TYPE_INFO_BAR, "visible", FALSE, nullptr));
   gtk_info_bar_add_child(GTK_INFO_BAR(notice), label);
@@ -21,7 +21,8 @@ inline GtkWidget* NewNotice() {
   return notice;
 }
 
-// The type decides about the colour. Without words, the notice is not seen.
+// The type decides about the colour. Of words that do not fit, the middle is in
+// the tooltip alone. Without words, the notice is not seen.
 inline void SetNotice(GtkWidget* notice, GtkMessageType type,
                       const std::string& words) {
   gtk_info_bar_set_message_type(GTK_INFO_BAR(notice), type);
