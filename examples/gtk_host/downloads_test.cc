@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -113,11 +114,24 @@ TEST_F(WindowDownloadsTest, AFileThatIsNotSavedLeavesNothing) {
   Await("the end of the file", [this] { return Files().empty(); });
 }
 
-TEST_F(WindowDownloadsTest, AWidgetThatGoesLeavesNothing) {
+// The reason reaches further to the right than "Saving x…".
+TEST_F(WindowDownloadsTest, AWidgetThatGoesLeavesNothingAndIsTold) {
   Start();
   Offer({"x"});
+  const Area place = screen_->PlaceOf(window());
+  const auto colors_of_the_reason = [&] {
+    const Image image =
+        screen_->Take({place.x + 180, place.y + place.height - 30, 80, 20});
+    return std::set<Rgb>(image.pixels().begin(), image.pixels().end()).size();
+  };
+  Await("the words about the file", [&] {
+    return screen_->ColorAt({place.x + 5, place.y + place.height - 5}) !=
+           screen_->ColorAt({place.x + 5, place.y + place.height / 2});
+  });
+  EXPECT_EQ(colors_of_the_reason(), 1u);
   server_.reset();
   Await("the end of the file", [this] { return Files().empty(); });
+  Await("the reason", [&] { return colors_of_the_reason() > 1; });
 }
 
 TEST_F(WindowDownloadsTest, OfTenThousandFilesTheWindowKeepsFewLines) {
