@@ -20,6 +20,7 @@
 #include "tools/widgetctl/session.h"
 #include "tools/widgetctl/session_runner.h"
 #include "tools/widgetctl/stream_commands.h"
+#include "tools/widgetctl/trace.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/printable.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
@@ -187,6 +188,30 @@ A line with `=>` ends with a response, or with the exact text of an error.
 fails if something differs, or if something arrives that no line expects.
 )",
      &Run},
+    {"trace", "[PATH]",
+     "[--json] [--method NAME]... [--browser ID] [--no-payloads]", 0, 1,
+     "shows what hosts and the widget say",
+     R"(Stands between hosts and the widget, until SIGINT or SIGTERM: listens at PATH,
+connects each host to the widget at --socket, passes on all that they send, and
+prints a line for each frame. Without a PATH it listens where hosts look for a
+widget by default, so the widget must have been started elsewhere.
+
+  widget_server --socket /tmp/behind/widget.sock
+  widgetctl --socket /tmp/behind/widget.sock trace
+
+A line has the seconds since the start, the connection's number, > for the host
+or < for the widget, what it says, the method, the number of the call or stream,
+behind a slash the number of a call of the widget's, the milliseconds since the
+call that is answered, and the message as JSON.
+
+  --json         print each line as JSON
+  --method NAME  only these methods
+  --browser ID   only this browser
+  --no-payloads  leave out the messages; passes on faster
+
+Hosts and widget wait while nobody reads what is printed.
+)",
+     &Trace},
 };
 
 }  // namespace

@@ -4,6 +4,7 @@
 #define TOOLS_WIDGETCTL_COMMANDS_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -40,6 +41,12 @@ struct Options {
   std::optional<std::string> reply = std::nullopt;
   std::optional<std::string> fail = std::nullopt;
   std::optional<std::string> command = std::nullopt;
+
+  // For `trace`. Empty: all methods, all browsers.
+  bool json = false;
+  bool no_payloads = false;
+  std::vector<std::string> methods = {};
+  std::optional<std::uint64_t> browser = std::nullopt;
 };
 
 struct Command {

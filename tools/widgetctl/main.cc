@@ -60,6 +60,10 @@ std::string Help(const Options& defaults) {
       "  --reply JSON       serve: answer with this response\n"
       "  --fail TEXT        serve: fail each call with this text\n"
       "  --command COMMAND  serve: answer with what this shell command prints\n"
+      "  --json             trace: print lines of JSON\n"
+      "  --method NAME      trace: only this method; may be given again\n"
+      "  --browser ID       trace: only this browser\n"
+      "  --no-payloads      trace: without the messages\n"
       "  --help             print this, or more about a command, and exit\n"
       "  --version          print the version and exit\n"
       "\n"
@@ -114,7 +118,11 @@ absl::string_view ForeignOption(const Command& command,
       {"--count", options.count.has_value()},
       {"--reply", options.reply.has_value()},
       {"--fail", options.fail.has_value()},
-      {"--command", options.command.has_value()}};
+      {"--command", options.command.has_value()},
+      {"--json", options.json},
+      {"--method", !options.methods.empty()},
+      {"--browser", options.browser.has_value()},
+      {"--no-payloads", options.no_payloads}};
   for (const auto& [name, is_given] : given) {
     if (is_given && !absl::StrContains(command.options, name)) return name;
   }
@@ -156,6 +164,10 @@ ExitCode Main(int argc, char** argv) {
                           {"reply", required_argument, nullptr, 'r'},
                           {"fail", required_argument, nullptr, 'f'},
                           {"command", required_argument, nullptr, 'c'},
+                          {"json", no_argument, nullptr, 'j'},
+                          {"method", required_argument, nullptr, 'm'},
+                          {"browser", required_argument, nullptr, 'b'},
+                          {"no-payloads", no_argument, nullptr, 'p'},
                           {"help", no_argument, nullptr, 'h'},
                           {"version", no_argument, nullptr, 'v'},
                           {}};
@@ -196,6 +208,21 @@ ExitCode Main(int argc, char** argv) {
         break;
       case 'c':
         options.command = optarg;
+        break;
+      case 'j':
+        options.json = true;
+        break;
+      case 'm':
+        options.methods.emplace_back(optarg);
+        break;
+      case 'b':
+        if (!absl::SimpleAtoi(optarg, &options.browser.emplace())) {
+          return RefuseUsage(absl::StrCat(
+              "--browser takes a browser's number, not '", optarg, "'"));
+        }
+        break;
+      case 'p':
+        options.no_payloads = true;
         break;
       case 'h':
         wants_help = true;
