@@ -91,6 +91,25 @@ TEST_F(ServerCallbackStreamTest, AnswersMayComeInAnyOrder) {
   EXPECT_THAT(ends, ElementsAre("second b", "first a"));
 }
 
+TEST_F(ServerCallbackStreamTest, AnAnswerIsThereBeforeWhatTheClientSendsNext) {
+  RawPeer client = ServingClient();
+  const std::int64_t first = AskAndArrive(&client, "first");
+  const std::int64_t second = AskAndArrive(&client, "second");
+  std::vector<std::vector<std::string>> ends_at_shows;
+  widget.on_show = [&](std::uint64_t) { ends_at_shows.push_back(ends); };
+  StreamMessage error =
+      Frame(StreamMessage::KIND_ERROR, 1, About(7).SerializeAsString());
+  error.set_call_id(second);
+  client.SendBytes(RawPeer::Bytes(NextFrame(1, Answer(7, "a"), first)) +
+                   RawPeer::Bytes(CallFrame(2, kShow, 7)) +
+                   RawPeer::Bytes(error) +
+                   RawPeer::Bytes(CallFrame(3, kShow, 7)));
+  EXPECT_THAT(Settle(&client), ElementsAre("REPLY 2", "REPLY 3"));
+  EXPECT_THAT(ends_at_shows,
+              ElementsAre(ElementsAre("first a"),
+                          ElementsAre("first a", "second UNKNOWN")));
+}
+
 TEST_F(ServerCallbackStreamTest, ASecondAnswerToOneCallIsIgnored) {
   RawPeer client = ServingClient();
   const std::int64_t id = AskAndArrive(&client, "name?");

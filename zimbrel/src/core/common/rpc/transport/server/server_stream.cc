@@ -118,7 +118,10 @@ absl::Status ServerStream::Next(StreamMessage& frame) {
   if (absl::Status read = Read(frame); !read.ok()) return read;
   const StreamRequest::Action action = request_.action();
   if (action == StreamRequest::Action::kAnswer) {
-    if (MayConcernCall(frame)) stream_->OnNext(&frame);
+    if (MayConcernCall(frame)) {
+      stream_->OnNext(&frame);
+      LetContinuationsRun();
+    }
     return absl::OkStatus();
   }
   if (action == StreamRequest::Action::kNone) {
@@ -141,7 +144,10 @@ absl::Status ServerStream::Error(StreamMessage& frame) {
         "an error on an event stream, which has no calls");
   }
   if (absl::Status read = Read(frame); !read.ok()) return read;
-  if (MayConcernCall(frame)) stream_->OnError(&frame);
+  if (MayConcernCall(frame)) {
+    stream_->OnError(&frame);
+    LetContinuationsRun();
+  }
   return absl::OkStatus();
 }
 
@@ -202,6 +208,10 @@ void ServerStream::Pass(StreamRequest::Action action, const std::string& key) {
   frame.set_payload(request_.message().SerializeAsString());
   stream_->OnNext(&frame);
 }
+
+// A continuation is a task of its own. It runs before what the client has sent
+// behind its answer, such as a click behind the choice from a list.
+void ServerStream::LetContinuationsRun() { context_->socket->Yield(); }
 
 // A call waits only under a key that the client has subscribed to and not
 // unsubscribed from since.

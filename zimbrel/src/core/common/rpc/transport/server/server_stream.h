@@ -87,6 +87,7 @@ class ServerStream {
   // Whether a call under the key of `request_` may wait on this stream. If so,
   // `frame` is made to name the key as the stream knows it.
   bool MayConcernCall(rpc::transport::StreamMessage& frame);
+  void LetContinuationsRun();
 
   // The type of what the client sends.
   const google::protobuf::Descriptor* Type() const;

@@ -276,7 +276,7 @@ void FrameSocket::HandOutFrames() {
                        " bytes cannot be parsed as StreamMessage")));
     }
     receiver_->OnFrame(frame_, payload);
-    if (pause_ > absl::ZeroDuration() ||
+    if (std::exchange(is_yielding_, false) || pause_ > absl::ZeroDuration() ||
         steady_clock::now() - begun >= kBatchTime) {
       return;
     }

@@ -99,6 +99,10 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   // long as it takes to read what it has left.
   void Pause(absl::Duration how_long);
 
+  // Called by the receiver while it handles a frame: the tasks that wait now
+  // run before the next frame is passed on.
+  void Yield() { is_yielding_ = true; }
+
   // Passes on no more frames. Once everything queued has been written, calls
   // OnBroken with OK, in a task of its own.
   void FinishWriting();
@@ -167,6 +171,7 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   // Ends the connection unless the frame that has begun is complete in time;
   // null if none has begun.
   std::unique_ptr<EventLoop::Timer> frame_deadline_;
+  bool is_yielding_ = false;                     // After this frame.
   absl::Duration pause_;                         // After this batch.
   std::unique_ptr<EventLoop::Timer> pause_end_;  // With kPaused.
 
