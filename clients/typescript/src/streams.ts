@@ -268,7 +268,7 @@ export class Server extends Stream implements Serving {
     if (member?.case !== this.type.call.localName) {
       this.close(new RpcError(Code.INTERNAL, 'the server sent a message without a call'));
     } else if (this.#calls.has(frame.callId)) {
-      const text = `the server sent call ${frame.callId} while it has no answer`;
+      const text = `the server sent call ${frame.callId} again before it was answered`;
       this.close(new RpcError(Code.INTERNAL, text));
     } else if (this.#calls.size >= this.maxCalls) {
       this.#fail(key, frame.callId, `the client serves ${this.#calls.size} calls already`);

@@ -220,7 +220,7 @@ class Server(Stream):
             self.close(
                 RpcError(
                     Code.INTERNAL,
-                    f"the server sent call {frame.call_id} while it has no answer",
+                    f"the server sent call {frame.call_id} again before it was answered",
                 )
             )
         elif len(self._tasks) >= self._max_calls:

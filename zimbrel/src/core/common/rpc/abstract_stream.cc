@@ -12,7 +12,7 @@ AbstractStream::AbstractStream(StreamChannel channel)
 AbstractStream::~AbstractStream() = default;
 
 absl::Status AbstractStream::Send(const rpc::transport::StreamMessage& frame) {
-  loop().CheckServiceThread("orvane::Call, or AbstractStream::Send,");
+  loop().CheckServiceThread("AbstractStream::Send");
   return channel_.endpoint_->Send(frame);
 }
 

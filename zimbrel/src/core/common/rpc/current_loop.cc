@@ -12,11 +12,14 @@ namespace orvane {
 namespace {
 
 // Nearly everything happens inside a task, so that this nearly always answers.
-constinit thread_local EventLoop* running = nullptr;
+constinit thread_local const internal::LoopThread* running = nullptr;
+
+// Of all loops.
+constinit std::atomic<int> servers = 0;
 
 struct LivingLoops {
   Mutex mutex;
-  std::vector<const internal::LoopThread*> in_order ABSL_GUARDED_BY(mutex);
+  std::vector<internal::LoopThread*> in_order ABSL_GUARDED_BY(mutex);
 };
 
 // Never destroyed: loops may be static.
@@ -41,29 +44,72 @@ std::uint64_t ThreadNumber() {
 
 [[noreturn]] void DieOffServiceThread(absl::string_view operation) {
   LOG(FATAL) << operation
-             << " on a thread that is not the service thread; EventLoop::Post "
-                "and Mailbox::Post lead there";
+             << " on a thread that is not the service thread; use "
+                "EventLoop::Post or Mailbox::Post";
+}
+
+// The latest loop that has the calling thread as its service thread, among
+// those with at least that many servers; null if there is none.
+EventLoop* LatestHere(int min_servers) {
+  LivingLoops& loops = Loops();
+  const MutexLock lock(loops.mutex);
+  EventLoop* latest = nullptr;
+  for (const auto* const thread : loops.in_order) {
+    if (thread->servers() >= min_servers && thread->IsHere())
+      latest = thread->loop();
+  }
+  return latest;
+}
+
+void CountServer(const EventLoop* loop, int change) {
+  servers += change;
+  LivingLoops& loops = Loops();
+  const MutexLock lock(loops.mutex);
+  for (auto* const thread : loops.in_order) {
+    if (thread->loop() == loop) thread->CountServer(change);
+  }
 }
 
 }  // namespace
 
 EventLoop* CurrentLoop() {
-  if (running != nullptr) return running;
-  LivingLoops& loops = Loops();
-  const MutexLock lock(loops.mutex);
-  EventLoop* latest = nullptr;
-  for (const auto* const thread : loops.in_order) {
-    if (thread->IsHere()) latest = thread->loop();
-  }
-  return latest;
+  return running != nullptr ? running->loop() : LatestHere(0);
 }
 
 namespace internal {
 
 void CheckServiceThread(absl::string_view operation) {
-  if (CurrentLoop() == nullptr && ThereAreLoops())
+  if (servers == 0) {
+    if (running == nullptr && ThereAreLoops() && LatestHere(0) == nullptr)
+      DieOffServiceThread(operation);
+  } else if ((running == nullptr || running->servers() == 0) &&
+             LatestHere(1) == nullptr) {
     DieOffServiceThread(operation);
+  }
 }
+
+EventLoop* ServingLoop() {
+  if (running != nullptr && running->servers() > 0) return running->loop();
+  EventLoop* const serving = LatestHere(1);
+  return serving != nullptr ? serving : CurrentLoop();
+}
+
+bool IsServiceThreadOf(const EventLoop* loop) {
+  if (running != nullptr && running->loop() == loop) return true;
+  LivingLoops& loops = Loops();
+  const MutexLock lock(loops.mutex);
+  return std::any_of(loops.in_order.begin(), loops.in_order.end(),
+                     [loop](const auto* thread) {
+                       return thread->loop() == loop && thread->IsHere();
+                     });
+}
+
+ServingScope::ServingScope(const EventLoop* loop) : loop_(loop) {
+  CheckServiceThread("A further SocketServer");
+  CountServer(loop_, 1);
+}
+
+ServingScope::~ServingScope() { CountServer(loop_, -1); }
 
 LoopThread::LoopThread(EventLoop* loop) : loop_(loop), maker_(ThreadNumber()) {
   LivingLoops& loops = Loops();
@@ -86,14 +132,14 @@ bool LoopThread::IsHere() const {
 }
 
 void LoopThread::Check(absl::string_view operation) const {
-  if (running == loop_) return;  // Nearly always, and the cheapest to ask.
+  if (running == this) return;  // Nearly always, and the cheapest to ask.
   if (!IsHere()) DieOffServiceThread(operation);
 }
 
 LoopThread::RunScope::RunScope(LoopThread* thread)
     : thread_(thread),
       is_outermost_(!thread->IsRunningHere()),
-      outer_(std::exchange(running, thread->loop_)) {
+      outer_(std::exchange(running, thread)) {
   if (!is_outermost_) return;
   const std::thread::id here = std::this_thread::get_id();
   std::thread::id nobody;

@@ -29,11 +29,36 @@ inline constexpr ServiceThread kServiceThread{};
 
 // For operations that cannot tell which loop they belong to; those that can
 // call EventLoop::CheckServiceThread. Ends the process with a fatal log entry,
-// which names `operation`, if there are loops but none of them has the calling
-// thread as its service thread. A process without a loop has no service thread,
-// so that nothing is checked there. Thread: any.
+// which names `operation`, unless the calling thread is the service thread of
+// the loop that has a server. While no loop has one, that of any loop will do.
+// A process without a loop has no service thread, so that nothing is checked
+// there. Thread: any.
 void CheckServiceThread(absl::string_view operation)
     ABSL_ASSERT_EXCLUSIVE_LOCK(kServiceThread);
+
+// The loop that has a server and the calling thread as its service thread; the
+// one that the thread is running, if there are several. Without any, what
+// CurrentLoop tells. Thread: any.
+EventLoop* ServingLoop();
+
+// Whether the calling thread is the service thread of that loop, which may be
+// gone. Thread: any.
+bool IsServiceThreadOf(const EventLoop* loop);
+
+// Lives as long as a server of the loop. What is published and called finds its
+// streams in tables that the process has once, so all servers have to be on one
+// thread: making one beside those of another thread ends the process with a
+// fatal log entry. Thread: the service thread.
+class ServingScope {
+ public:
+  explicit ServingScope(const EventLoop* loop);
+  ServingScope(const ServingScope&) = delete;
+  ServingScope& operator=(const ServingScope&) = delete;
+  ~ServingScope();
+
+ private:
+  const EventLoop* const loop_;
+};
 
 // The part of an event loop that knows its service thread: the thread that is
 // running the loop; while none is, the one that ran it last, and the one that
@@ -52,6 +77,12 @@ class LoopThread {
   ~LoopThread();
 
   EventLoop* loop() const { return loop_; }
+
+  // How many servers the loop has.
+  int servers() const { return servers_.load(std::memory_order_relaxed); }
+  void CountServer(int change) {
+    servers_.fetch_add(change, std::memory_order_relaxed);
+  }
 
   // Whether the calling thread is running the loop.
   bool IsRunningHere() const {
@@ -73,6 +104,7 @@ class LoopThread {
   // Numbers of our own, since the system uses a thread's id again once the
   // thread has ended.
   const std::uint64_t maker_;
+  std::atomic<int> servers_ = 0;
   std::atomic<std::uint64_t> last_runner_ = 0;
 };
 
@@ -87,8 +119,8 @@ class LoopThread::RunScope {
 
  private:
   LoopThread* const thread_;
-  const bool is_outermost_;  // Of the runs of this loop.
-  EventLoop* const outer_;   // What the thread was running.
+  const bool is_outermost_;        // Of the runs of this loop.
+  const LoopThread* const outer_;  // What the thread was running.
 };
 
 }  // namespace internal

@@ -115,7 +115,7 @@ TEST(ServiceThreadCheckDeathTest, NamesTheOperationAndTheWayToTheLoop) {
   EXPECT_DEATH(
       std::thread([] { internal::CheckServiceThread("Ringing"); }).join(),
       "Ringing on a thread that is not the service thread; "
-      "EventLoop::Post and Mailbox::Post lead there");
+      "use EventLoop::Post or Mailbox::Post");
 }
 
 TEST(ServiceThreadCheckDeathTest, TellsTheLoopsOfOneThreadFromThoseOfAnother) {

@@ -96,10 +96,9 @@ class EventLoop::State {
     return until_look_;
   }
 
-  // Runs the next task, after a look at what else is ready once those that were
-  // there at the last look have run, and those that they have posted: most of
-  // the time these are all that there is, and a look is a system call. False if
-  // there is none.
+  // Runs the next task; false if there is none. Looks for other work only after
+  // the tasks of the last look have run, and those that they have posted, since
+  // a look is a system call.
   bool Step() {
     if (until_look_ == 0 && !queue_.empty() &&
         !std::exchange(has_followed_, true))

@@ -56,11 +56,12 @@ struct EventLoopOptions {
 // task that called it goes on when it returns, so a task that waits delays
 // those that are nested around it.
 //
-// Thread: Post, Stop and mailbox from any, the rest from the service thread;
-// elsewhere it ends the process with a fatal log entry. While nobody runs the
-// loop, the service thread is the thread that ran it last and the one that made
-// it, so that the maker may set up what belongs to the loop and, once another
-// thread has run it, take it down; and any thread may begin to run it.
+// Thread: Post, Stop, mailbox, IsRunningHere and CheckServiceThread from any,
+// the rest from the service thread; elsewhere it ends the process with a fatal
+// log entry. While nobody runs the loop, the service thread is the thread that
+// ran it last and the one that made it, so that the maker may set up what
+// belongs to the loop and, once another thread has run it, take it down; and
+// any thread may begin to run it.
 // Lifetime: the loop outlives everything that was given a pointer to it, and
 // its timers and watches, except for what its own tasks own. Its destructor,
 // which may not be called inside a task, destroys all tasks unrun, those of

@@ -88,7 +88,7 @@ std::string InOneLine(const Message& message) {
 CallHandle EndUnserved(const Message& key,
                        const google::protobuf::Descriptor& type,
                        OpenCall::OnEnd on_end) {
-  EventLoop* const loop = CurrentLoop();
+  EventLoop* const loop = ServingLoop();
   if (loop == nullptr) {
     LOG(FATAL) << "orvane::Call in a process without an EventLoop, on which "
                   "the continuation would run";

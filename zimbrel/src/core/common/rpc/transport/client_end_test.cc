@@ -273,5 +273,37 @@ TEST_F(ClientEndTest, ACallThatNobodyTakesFails) {
   EXPECT_TRUE(client_->status().ok());
 }
 
+TEST_F(ClientEndTest, ACancelledCallMayOwnTheClient) {
+  std::shared_ptr<SocketClient> owner = std::move(client_);
+  CallHandle first = widget_->Hide(
+      Browser(7), [owner, end = Ends()](const absl::StatusOr<Empty>& answer) {
+        end(answer);
+      });
+  CallHandle second = widget_->Hide(Browser(7), Ends());
+  owner.reset();
+  first.Cancel();
+  second.Cancel();
+  // What the first continuation holds is destroyed with it, while the second
+  // still waits to run.
+  loop_.RunUntilIdle();
+  EXPECT_THAT(ends_, ElementsAre(absl::StatusCode::kCancelled,
+                                 absl::StatusCode::kCancelled));
+}
+
+TEST_F(ClientEndTest, ACallThatTheServersEndEndsMayOwnTheClient) {
+  std::shared_ptr<SocketClient> owner = std::move(client_);
+  widget_->Hide(Browser(7),
+                [owner, end = Ends()](const absl::StatusOr<Empty>& answer) {
+                  end(answer);
+                });
+  widget_->Hide(Browser(7), Ends());
+  owner.reset();
+  loop_.RunUntilIdle();
+  server_.reset();
+  loop_.RunUntilIdle();
+  EXPECT_THAT(ends_, ElementsAre(absl::StatusCode::kUnavailable,
+                                 absl::StatusCode::kUnavailable));
+}
+
 }  // namespace
 }  // namespace orvane

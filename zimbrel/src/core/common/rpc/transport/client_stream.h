@@ -10,6 +10,7 @@
 
 #include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
+#include "absl/strings/string_view.h"
 #include "google/protobuf/message_lite.h"
 
 namespace orvane {
@@ -21,6 +22,10 @@ namespace orvane {
 class ClientStreamSender {
  public:
   virtual ~ClientStreamSender() = default;
+
+  // Ends the process with a fatal log entry, which names `operation`, unless
+  // the calling thread is the service thread or the stream has ended.
+  virtual void CheckServiceThread(absl::string_view operation) const = 0;
 
   // Sends a message of the type that the method declares for this direction. On
   // a callback stream `call_id` is the id of the call that this answers; 0 if

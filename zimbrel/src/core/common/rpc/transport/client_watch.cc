@@ -12,23 +12,26 @@ namespace orvane {
 
 std::unique_ptr<ClientWatch> ClientWatch::Make(
     google::protobuf::RpcController* controller, Task task) {
+  internal::CheckServiceThread("ClientWatch::Make");
   const auto* const call = dynamic_cast<internal::ServerCall*>(controller);
   if (call == nullptr) return nullptr;
-  return absl::WrapUnique(new ClientWatch(call->client(), std::move(task)));
+  return absl::WrapUnique(new ClientWatch(*call, std::move(task)));
 }
 
-ClientWatch::ClientWatch(
-    const std::shared_ptr<internal::ClientPresence>& client, Task task)
-    : client_(client), task_(std::make_shared<Task>(std::move(task))) {
-  if (client == nullptr) {
-    internal::PostIfKept(*CurrentLoop(), task_);
-  } else {
+ClientWatch::ClientWatch(const internal::ServerCall& call, Task task)
+    : client_(call.client()), task_(std::make_shared<Task>(std::move(task))) {
+  if (const auto client = client_.lock()) {
     id_ = client->Add(task_);
+  } else {
+    call.mailbox().Post(internal::IfKept(task_));
   }
 }
 
 ClientWatch::~ClientWatch() {
-  if (const auto client = client_.lock()) client->Remove(id_);
+  const auto client = client_.lock();
+  if (client == nullptr) return;
+  client->loop().CheckServiceThread("~ClientWatch");
+  client->Remove(id_);
 }
 
 }  // namespace orvane

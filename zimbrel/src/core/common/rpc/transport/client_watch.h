@@ -15,6 +15,7 @@ namespace orvane {
 
 namespace internal {
 class ClientPresence;
+class ServerCall;
 }  // namespace internal
 
 // Waits for the end of a client's connection; destroying it ends the waiting.
@@ -34,8 +35,7 @@ class ClientWatch {
   ~ClientWatch();
 
  private:
-  ClientWatch(const std::shared_ptr<internal::ClientPresence>& client,
-              Task task);
+  ClientWatch(const internal::ServerCall& call, Task task);
 
   const std::weak_ptr<internal::ClientPresence> client_;
   const std::shared_ptr<Task> task_;

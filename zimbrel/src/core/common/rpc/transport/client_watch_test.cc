@@ -143,5 +143,16 @@ TEST_F(ClientWatchTest, ACallOfTheSameProcessIsNotWatched) {
   EXPECT_EQ(ClientWatch::Make(nullptr, [] {}), nullptr);
 }
 
+TEST_F(ClientWatchTest, TheTaskMayBeEmpty) {
+  auto client = Connect();
+  rpc::BrowserWidgetRpcClient(client.get()).Hide(Browser(1), nullptr);
+  loop_.RunUntilIdle();
+  ASSERT_THAT(widget_.held_controller, NotNull());
+  const auto watch = ClientWatch::Make(widget_.held_controller, nullptr);
+  client.reset();
+  loop_.RunUntilIdle();
+  EXPECT_EQ(server_->connections(), 0u);
+}
+
 }  // namespace
 }  // namespace orvane

@@ -17,6 +17,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/testing/keys.h"
+#include "zimbrel/src/core/common/rpc/testing/when_destroyed.h"
 #include "zimbrel/src/core/common/rpc/transport/in_process.h"
 #include "zimbrel/src/core/common/rpc/transport/responder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
@@ -26,6 +27,7 @@ namespace orvane {
 namespace {
 
 using ::orvane::testing::Browser;
+using ::orvane::testing::WhenDestroyed;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -179,6 +181,36 @@ TEST_F(GivenUpCallTest, AClientMayGoInside) {
   call.Cancel();
   loop_.RunUntilIdle();
   EXPECT_THAT(events_, ElementsAre("given up"));
+}
+
+TEST_F(GivenUpCallTest, WhatATaskHeldMayLetACallArriveWhenItIsDestroyed) {
+  std::optional<CallHandle> second;
+  auto asker = WhenDestroyed([&] { second = Ask(); });
+  Ask();
+  responder_->OnGivenUp([asker] {});
+  asker.reset();
+  Responder<rpc::TakeFocus> first = *std::move(responder_);
+  responder_.reset();
+  // The task is destroyed with the answer, and the second call arrives there.
+  EXPECT_TRUE(std::move(first).Respond({}).ok());
+  ASSERT_TRUE(second.has_value());
+  responder_->OnGivenUp(Note("the second call is given up"));
+  second->Cancel();
+  loop_.RunUntilIdle();
+  EXPECT_THAT(events_, ElementsAre("the second call is given up"));
+}
+
+TEST_F(GivenUpCallTest, ATaskThatIsReplacedMayOwnTheResponder) {
+  Ask();
+  auto owner =
+      std::make_shared<Responder<rpc::TakeFocus>>(*std::move(responder_));
+  responder_.reset();
+  Responder<rpc::TakeFocus>& responder = *owner;
+  responder.OnGivenUp([owner] {});
+  owner.reset();
+  responder.OnGivenUp(nullptr);
+  loop_.RunUntilIdle();
+  EXPECT_THAT(answered_, ElementsAre(absl::StatusCode::kUnknown));
 }
 
 }  // namespace

@@ -276,8 +276,8 @@ TEST_F(ServerMeetsClient, PartsFromOneThatBeginsWithACall) {
   RawPeer client = Connect(std::nullopt);
   client.Send(CallFrame(1, kShow));
   EXPECT_THAT(Settle(&client),
-              ElementsAre("ERROR 0 INVALID_ARGUMENT: a connection begins with "
-                          "a hello, which tells the client's version"));
+              ElementsAre("ERROR 0 INVALID_ARGUMENT: the first frame is not "
+                          "a hello that can be parsed"));
   EXPECT_TRUE(client.closed);
 }
 
@@ -285,7 +285,7 @@ TEST_F(ServerMeetsClient, PartsFromOneWhoseHelloCannotBeRead) {
   RawPeer client = Connect(std::nullopt);
   client.Send(Frame(StreamMessage::KIND_HELLO, 0, "\xff"));
   EXPECT_THAT(Settle(&client),
-              ElementsAre(HasSubstr("a connection begins with a hello")));
+              ElementsAre(HasSubstr("the first frame is not a hello")));
 }
 
 TEST_F(ServerMeetsClient, PartsFromOneThatSaysHelloTwice) {

@@ -531,9 +531,11 @@ TEST_F(HostileClientTest, ClientsThatSayNothingMakeRoomTheOldestFirst) {
   RawPeer oldest = SilentClient(&*server);
   RawPeer older = SilentClient(&*server);
   RawPeer client = ConnectRaw(*server);
-  EXPECT_THAT(Settle(&oldest),
-              ElementsAre("ERROR 0 RESOURCE_EXHAUSTED: silent, and 2 "
-                          "clients are connected; the limit is 2"));
+  EXPECT_THAT(
+      Settle(&oldest),
+      ElementsAre(
+          "ERROR 0 RESOURCE_EXHAUSTED: closed to make room: it "
+          "had said nothing, and 2 clients are connected; the limit is 2"));
   EXPECT_THAT(Settle(&older), IsEmpty());
   EXPECT_FALSE(older.closed);
   client.Send(CallFrame(1, kShow));

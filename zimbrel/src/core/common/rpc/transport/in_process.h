@@ -15,8 +15,9 @@ namespace orvane {
 
 // A client of `server`, connected to it by a pair of sockets. `loop` may be the
 // server's own; a blocking call then runs the server too. With another loop,
-// call this function on the server's thread. Fails only if the system does, for
-// example if no descriptor is left.
+// call this function on a thread that is the service thread of both, as the one
+// that has made them is. Fails only if the system does, for example if no
+// descriptor is left.
 absl::StatusOr<std::unique_ptr<SocketClient>> ConnectInProcess(
     EventLoop* loop, SocketServer* server, ClientOptions options = {});
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include "gmock/gmock.h"
@@ -16,6 +17,7 @@
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
 #include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
+#include "zimbrel/src/core/common/rpc/transport/client_watch.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
@@ -32,8 +34,8 @@ void OnAnotherThread(std::function<void()> operation) {
 
 std::string Refused(const std::string& operation) {
   return operation +
-         " on a thread that is not the service thread; EventLoop::Post and "
-         "Mailbox::Post lead there";
+         " on a thread that is not the service thread; use EventLoop::Post or "
+         "Mailbox::Post";
 }
 
 class ServiceThreadDeathTest : public StreamFixture {
@@ -80,6 +82,25 @@ TEST_F(ServiceThreadDeathTest, PublishingOnTheThreadOfAnotherLoopIsFatal) {
                Refused("orvane::Publish"));
 }
 
+TEST_F(ServiceThreadDeathTest,
+       PublishingAndCallingThereIsFatalThoughNobodyHasSubscribed) {
+  EXPECT_DEATH(OnAnotherThread([] {
+                 EventLoop other;
+                 Publish<Tooltip>(Browser(1), Tooltip());
+               }),
+               Refused("orvane::Publish"));
+  EXPECT_DEATH(OnAnotherThread([] {
+                 EventLoop other;
+                 IsServed<TakeFocus>(Browser(1));
+               }),
+               Refused("orvane::IsServed"));
+  EXPECT_DEATH(OnAnotherThread([] {
+                 EventLoop other;
+                 Call<TakeFocus>(Browser(1), {});
+               }),
+               Refused("orvane::Call"));
+}
+
 TEST_F(ServiceThreadDeathTest, PublishingThroughTheLoopArrives) {
   const auto stream = WatchTooltips();
   OnAnotherThread([this] {
@@ -104,7 +125,7 @@ TEST_F(ServiceThreadDeathTest, CallingOnTheThreadOfAnotherLoopIsFatal) {
                  EventLoop other;
                  Call<TakeFocus>(Browser(1), {});
                }),
-               Refused("orvane::Call, or AbstractStream::Send,"));
+               Refused("orvane::Call"));
 }
 
 TEST_F(ServiceThreadDeathTest, AskingWhetherAKeyIsServedElsewhereIsFatal) {
@@ -153,7 +174,61 @@ TEST_F(ServiceThreadDeathTest, AnsweringACallElsewhereIsFatal) {
   loop.RunUntilIdle();
   EXPECT_DEATH(OnAnotherThread(
                    [this] { std::move(*responder).Respond({}).IgnoreError(); }),
-               Refused("Answering a call, or ClientStreamSender,"));
+               Refused("Responder::Respond"));
+}
+
+TEST_F(ServiceThreadDeathTest, DroppingACallThatWasGivenUpElsewhereIsFatal) {
+  const auto stream = ServeFocus();
+  CallHandle call = Call<TakeFocus>(Browser(1), {});
+  loop.RunUntilIdle();
+  call.Cancel();
+  loop.RunUntilIdle();
+  EXPECT_DEATH(OnAnotherThread([this] { responder.reset(); }), Refused(".*"));
+}
+
+TEST_F(ServiceThreadDeathTest, AskingWhetherACallIsGivenUpElsewhereIsFatal) {
+  const auto stream = ServeFocus();
+  Call<TakeFocus>(Browser(1), {});
+  loop.RunUntilIdle();
+  EXPECT_DEATH(
+      OnAnotherThread([this] { std::ignore = responder->is_given_up(); }),
+      Refused(".*"));
+  EXPECT_DEATH(OnAnotherThread([this] { responder->OnGivenUp(nullptr); }),
+               Refused(".*OnGivenUp"));
+}
+
+TEST_F(ServiceThreadDeathTest, WatchingAClientElsewhereIsFatal) {
+  client.Hide(Browser(1), nullptr);
+  loop.RunUntilIdle();
+  google::protobuf::RpcController* const controller =
+      widget.held.front().controller;
+  EXPECT_DEATH(OnAnotherThread([&] { ClientWatch::Make(controller, nullptr); }),
+               Refused("ClientWatch::Make"));
+  auto watch = ClientWatch::Make(controller, [] {});
+  EXPECT_DEATH(OnAnotherThread([&] { watch.reset(); }),
+               Refused("~ClientWatch"));
+  widget.held.front().done->Run();
+}
+
+TEST_F(ServiceThreadDeathTest, WatchingAClientThatHasGoneElsewhereIsFatal) {
+  client.Hide(Browser(1), nullptr);
+  loop.RunUntilIdle();
+  google::protobuf::RpcController* const controller =
+      widget.held.front().controller;
+  connection.reset();
+  loop.RunUntilIdle();
+  EXPECT_DEATH(OnAnotherThread([&] { ClientWatch::Make(controller, nullptr); }),
+               Refused("ClientWatch::Make"));
+  widget.held.front().done->Run();
+}
+
+TEST_F(ServiceThreadDeathTest, EndingAStreamWhoseEndWaitsElsewhereIsFatal) {
+  // The server is gone, so the stream does not open, and a task will tell so.
+  server.reset();
+  loop.RunUntilIdle();
+  auto stream = client.WhenTooltipChanged(Browser(1), nullptr, nullptr);
+  EXPECT_DEATH(OnAnotherThread([&] { stream.reset(); }),
+               Refused("~ClientStream"));
 }
 
 TEST_F(ServiceThreadDeathTest, DestroyingAClientElsewhereIsFatal) {
@@ -197,6 +272,22 @@ TEST_F(ServiceThreadDeathTest, EndingAServerElsewhereIsFatal) {
                Refused("~SocketServer"));
 }
 
+TEST_F(ServiceThreadDeathTest, ServingOnAThreadBesideThisOneIsFatal) {
+  const auto stream = WatchTooltips();
+  EXPECT_DEATH(OnAnotherThread([] {
+                 EventLoop other;
+                 StreamingWidget service;
+                 SocketServer second(&other, &service);
+                 const auto host = Connect(&other, second);
+                 const auto events =
+                     rpc::BrowserWidgetRpcClient(host.get())
+                         .WhenTooltipChanged(Browser(2), nullptr);
+                 other.RunUntilIdle();
+                 Publish<Tooltip>(Browser(2), Tooltip());
+               }),
+               "service thread");
+}
+
 TEST_F(ServiceThreadDeathTest, PublishingWhileAnotherThreadRunsTheLoopIsFatal) {
   EXPECT_DEATH(
       {
@@ -216,6 +307,20 @@ TEST_F(ServiceThreadDeathTest, TheMakerTakesDownWhatAnotherThreadHasRun) {
   EXPECT_EQ(server->connections(), 1u);
   connection.reset();
   server.reset();
+}
+
+TEST_F(ServiceThreadDeathTest, AHandlerMayAnswerOnAThreadThatRanTheLoopBefore) {
+  bool is_answered = false;
+  client.Hide(Browser(1), [&](const auto&) { is_answered = true; });
+  loop.RunUntilIdle();
+  std::latch is_running(1);
+  std::thread runner([&] {
+    loop.Post([&] { is_running.count_down(); });
+    loop.RunUntil([&] { return is_answered; });
+  });
+  is_running.wait();
+  widget.held.front().done->Run();
+  runner.join();
 }
 
 }  // namespace

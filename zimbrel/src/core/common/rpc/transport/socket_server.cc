@@ -160,7 +160,7 @@ class SocketServer::Impl {
     }
     if (oldest == connections_.end()) return;
     oldest->second->Close(absl::ResourceExhaustedError(absl::StrCat(
-        "silent, and ", connections_.size(),
+        "closed to make room: it had said nothing, and ", connections_.size(),
         " clients are connected; the limit is ", limits_.max_connections)));
   }
 
@@ -209,6 +209,7 @@ class SocketServer::Impl {
   static constexpr absl::Duration kAcceptRetry = absl::Milliseconds(100);
 
   EventLoop* const loop_;
+  const internal::ServingScope serving_{loop_};
   const std::vector<Service*> services_;
   const ServerLimits limits_;
   const std::shared_ptr<ClientBudget::Total> budget_;

@@ -108,8 +108,9 @@ std::unique_ptr<ClientStream> ServeCalls(
                                                    " without a call"));
          }
          if (!calls->Begin(call_id)) {
-           return absl::InternalError(absl::StrCat(
-               "the server sent call ", call_id, " while it has no answer"));
+           return absl::InternalError(
+               absl::StrCat("the server sent call ", call_id,
+                            " again before it was answered"));
          }
          PendingAnswer answer(sender->lock(), calls, call_id);
          if (!on_call) {
@@ -145,21 +146,26 @@ PendingAnswer::PendingAnswer(std::shared_ptr<ClientStreamSender> sender,
 PendingAnswer::PendingAnswer(PendingAnswer&& other) noexcept = default;
 
 PendingAnswer::~PendingAnswer() {
+  if (sender_ == nullptr) return;
+  sender_->CheckServiceThread("~Responder");
   const auto calls = calls_.lock();
   if (calls != nullptr) calls->End(call_id_);
 }
 
 bool PendingAnswer::is_given_up() const {
+  sender_->CheckServiceThread("Responder::is_given_up");
   const auto calls = calls_.lock();
   return calls == nullptr || calls->IsGivenUp(call_id_);
 }
 
 void PendingAnswer::OnGivenUp(Task task) {
+  sender_->CheckServiceThread("Responder::OnGivenUp");
   if (is_given_up()) return RunIfAny(std::move(task));
   calls_.lock()->OnGivenUp(call_id_, std::move(task));
 }
 
 absl::Status PendingAnswer::Send(Message* message) const {
+  sender_->CheckServiceThread("Responder::Respond");
   if (!calls_.expired() && is_given_up())
     return absl::CancelledError("the server has given the call up");
   absl::Status sent = sender_->Next(*message, call_id_);
@@ -173,6 +179,7 @@ absl::Status PendingAnswer::Send(Message* message) const {
 
 void PendingAnswer::Fail(const Message& message,
                          const std::string& text) const {
+  sender_->CheckServiceThread("Responder::Fail");
   if (is_given_up()) return;
   // Fails if the connection has just ended, and nobody waits for it then.
   sender_->Error(message, call_id_, text).IgnoreError();

@@ -189,10 +189,8 @@ std::unique_ptr<ClientStream> ClientConnection::OpenStream(
   }
   return std::make_unique<ClientStream>(stream, [this, id, stream] {
     // While the stream is open, the connection exists; later it may be gone.
-    if (stream->is_open()) {
-      loop_->CheckServiceThread("~ClientStream");
-      CompleteStream(id);
-    }
+    stream->CheckServiceThread("~ClientStream");
+    if (stream->is_open()) CompleteStream(id);
     stream->Close();
   });
 }
@@ -372,9 +370,12 @@ void ClientConnection::RunEnds() {
   // Ends that are queued meanwhile run in a later task, since a continuation
   // may try again after each failure.
   for (std::size_t left = ends_.size(); left > 0 && !ends_.empty(); --left) {
-    Task end = std::move(ends_.front());
-    ends_.pop_front();
-    std::move(end)();
+    {
+      Task end = std::move(ends_.front());
+      ends_.pop_front();
+      std::move(end)();
+      // Destroyed before this object is used again, which it may own.
+    }
     if (scope.connection_is_gone()) return;
   }
 }

@@ -15,6 +15,10 @@ ClientStreamState::ClientStreamState(EventLoop* loop, std::uint64_t id,
       socket_(std::move(socket)),
       handlers_(std::make_shared<ClientStreamHandlers>(std::move(handlers))) {}
 
+void ClientStreamState::CheckServiceThread(absl::string_view operation) const {
+  if (handlers_ != nullptr) loop_->CheckServiceThread(operation);
+}
+
 absl::Status ClientStreamState::Next(const MessageLite& message,
                                      std::int64_t call_id) {
   return Send(StreamMessage::KIND_NEXT, message, call_id, absl::OkStatus());
@@ -59,7 +63,9 @@ absl::Status ClientStreamState::Send(StreamMessage::Kind kind,
                                      std::int64_t call_id,
                                      const absl::Status& error) {
   if (!is_open_) return absl::UnavailableError("the stream has ended");
-  loop_->CheckServiceThread("Answering a call, or ClientStreamSender,");
+  CheckServiceThread(kind == StreamMessage::KIND_NEXT
+                         ? "ClientStreamSender::Next"
+                         : "ClientStreamSender::Error");
   StreamMessage header;
   header.set_kind(kind);
   header.set_stream_id(id_);

@@ -37,6 +37,7 @@ class ClientStreamState final : public ClientStreamSender {
   bool is_open() const { return is_open_; }
 
   // ClientStreamSender
+  void CheckServiceThread(absl::string_view operation) const override;
   absl::Status Next(const google::protobuf::MessageLite& message,
                     std::int64_t call_id) override;
   absl::Status Error(const google::protobuf::MessageLite& message,
@@ -64,7 +65,7 @@ class ClientStreamState final : public ClientStreamSender {
                     const google::protobuf::MessageLite& message,
                     std::int64_t call_id, const absl::Status& error);
 
-  EventLoop* const loop_;  // May be gone once the stream is not open.
+  EventLoop* const loop_;  // May be gone once the stream has ended.
   const std::uint64_t id_;
   const std::shared_ptr<FrameSocket> socket_;
   std::shared_ptr<ClientStreamHandlers> handlers_;  // Null once it has ended.

@@ -4,6 +4,12 @@
 
 namespace orvane::internal {
 
+void ServedCalls::End(std::int64_t id) {
+  // Destroyed once it is out of the table: what the task holds may let another
+  // call arrive.
+  const auto ended = calls_.extract(id);
+}
+
 bool ServedCalls::IsGivenUp(std::int64_t id) const {
   const auto call = calls_.find(id);
   return call != calls_.end() && call->second.is_given_up;
@@ -11,7 +17,10 @@ bool ServedCalls::IsGivenUp(std::int64_t id) const {
 
 void ServedCalls::OnGivenUp(std::int64_t id, Task task) {
   const auto call = calls_.find(id);
-  if (call != calls_.end()) call->second.on_given_up = std::move(task);
+  if (call == calls_.end()) return;
+  // Likewise: it may hold the responder, whose end ends the call.
+  const Task replaced =
+      std::exchange(call->second.on_given_up, std::move(task));
 }
 
 Task ServedCalls::GiveUp(std::int64_t id) {

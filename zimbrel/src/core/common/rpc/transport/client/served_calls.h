@@ -20,7 +20,7 @@ class ServedCalls {
 
   // False if there is a call with that id.
   bool Begin(std::int64_t id) { return calls_.try_emplace(id).second; }
-  void End(std::int64_t id) { calls_.erase(id); }
+  void End(std::int64_t id);
 
   bool IsGivenUp(std::int64_t id) const;
 

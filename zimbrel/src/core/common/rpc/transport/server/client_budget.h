@@ -46,8 +46,8 @@ class TokenBucket {
   std::chrono::steady_clock::time_point last_take_{};
 };
 
-// One client's part of a server's limits. Owned by its connection, and by the
-// calls of that whose handlers have not run `done`, which may outlive it.
+// One client's part of a server's limits. Owned by its connection, and by those
+// of its calls whose handlers have not run `done`, which may outlive it.
 //
 // Thread: the service thread; the destructor any.
 class ClientBudget {

@@ -4,14 +4,15 @@
 
 namespace orvane::internal {
 
-void PostIfKept(EventLoop& loop, const std::weak_ptr<Task>& task) {
-  loop.Post([task] {
-    if (const auto kept = task.lock()) std::move (*kept)();
-  });
+Task IfKept(std::weak_ptr<Task> task) {
+  return [task = std::move(task)] {
+    const auto kept = task.lock();
+    if (kept != nullptr && *kept) std::move (*kept)();
+  };
 }
 
 ClientPresence::~ClientPresence() {
-  for (const auto& [id, task] : tasks_) PostIfKept(*loop_, task);
+  for (const auto& [id, task] : tasks_) loop_->Post(IfKept(task));
 }
 
 std::uint64_t ClientPresence::Add(const std::weak_ptr<Task>& task) {

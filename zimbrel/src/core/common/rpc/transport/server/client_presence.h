@@ -11,8 +11,8 @@
 
 namespace orvane::internal {
 
-// Posts `task`. It does not run if it has been destroyed by then.
-void PostIfKept(EventLoop& loop, const std::weak_ptr<Task>& task);
+// What runs `task` unless it has been destroyed by then.
+Task IfKept(std::weak_ptr<Task> task);
 
 // Exists as long as the connection of the client. Its end posts the tasks, in
 // the order in which they were added.
@@ -24,6 +24,8 @@ class ClientPresence {
   ClientPresence(const ClientPresence&) = delete;
   ClientPresence& operator=(const ClientPresence&) = delete;
   ~ClientPresence();
+
+  EventLoop& loop() const { return *loop_; }
 
   // Returns the number by which the task can be removed.
   std::uint64_t Add(const std::weak_ptr<Task>& task);

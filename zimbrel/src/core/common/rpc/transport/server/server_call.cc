@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "zimbrel/src/core/common/rpc/current_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/server/server_connection.h"
 
 namespace orvane::internal {
@@ -9,13 +10,13 @@ namespace orvane::internal {
 using google::protobuf::Message;
 
 ServerCall::ServerCall(std::uint64_t id, ServerConnection* connection,
-                       std::shared_ptr<Mailbox> mailbox,
+                       const EventLoop* loop, std::shared_ptr<Mailbox> mailbox,
                        std::shared_ptr<ClientBudget> budget,
                        std::size_t request_bytes,
                        const Message& request_prototype,
                        const Message& response_prototype)
     : id_(id),
-      service_thread_(std::this_thread::get_id()),
+      loop_(loop),
       mailbox_(std::move(mailbox)),
       budget_(std::move(budget)),
       request_bytes_(request_bytes),
@@ -58,7 +59,7 @@ void ServerCall::Abandon() {
 }
 
 void ServerCall::Run() {
-  if (std::this_thread::get_id() == service_thread_) return Finish();
+  if (IsServiceThreadOf(loop_)) return Finish();
   // The task owns the call: if the loop is gone, or is destroyed before it runs
   // the task, the call is destroyed too.
   mailbox_->Post([call = std::unique_ptr<ServerCall>(this)]() mutable {

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/status/status.h"
@@ -34,7 +33,7 @@ class ServerCall final : public google::protobuf::RpcController,
   // `request_bytes` is the size of the request as it came. `budget` has this
   // call and its bytes, and gets them back when the call has been answered.
   ServerCall(std::uint64_t id, ServerConnection* connection,
-             std::shared_ptr<Mailbox> mailbox,
+             const EventLoop* loop, std::shared_ptr<Mailbox> mailbox,
              std::shared_ptr<ClientBudget> budget, std::size_t request_bytes,
              const google::protobuf::Message& request_prototype,
              const google::protobuf::Message& response_prototype);
@@ -44,6 +43,9 @@ class ServerCall final : public google::protobuf::RpcController,
 
   // The client that made the call; null once the call has been abandoned.
   std::shared_ptr<ClientPresence> client() const;
+
+  // Of the loop.
+  Mailbox& mailbox() const { return *mailbox_; }
 
   google::protobuf::Message& request() { return *request_; }
   google::protobuf::Message& response() { return *response_; }
@@ -76,7 +78,7 @@ class ServerCall final : public google::protobuf::RpcController,
   void Finish();
 
   const std::uint64_t id_;
-  const std::thread::id service_thread_;
+  const EventLoop* const loop_;  // May be gone.
   const std::shared_ptr<Mailbox> mailbox_;
   const std::shared_ptr<ClientBudget> budget_;
   const std::size_t request_bytes_;

@@ -188,7 +188,7 @@ void ServerConnection::OnHello(const StreamMessage& frame,
   if (frame.kind() != StreamMessage::KIND_HELLO ||
       !ParsePayload(payload, kMaxMessageDepth, &client)) {
     return Close(absl::InvalidArgumentError(
-        "a connection begins with a hello, which tells the client's version"));
+        "the first frame is not a hello that can be parsed"));
   }
   const auto chosen =
       std::find_if(services_.begin(), services_.end(), [&](Service* service) {
@@ -240,7 +240,7 @@ void ServerConnection::BeginCall(const StreamMessage& frame,
   const MethodDescriptor* const method = *found;
 
   auto call = std::make_unique<ServerCall>(
-      id, this, mailbox_, context_.budget, payload.size(),
+      id, this, context_.loop, mailbox_, context_.budget, payload.size(),
       context_.service->GetRequestPrototype(method),
       context_.service->GetResponsePrototype(method));
   if (!ParsePayload(payload, context_.limits.max_message_depth,
