@@ -83,7 +83,8 @@ Options ParseOptions(int argc, char** argv) {
     switch (found) {
       case 'b':
         if (!absl::SimpleAtoi(optarg, &browser))
-          RefuseUsage(absl::StrCat("--browser: '", optarg, "' is no number"));
+          RefuseUsage(
+              absl::StrCat("--browser: '", optarg, "' is not a number"));
         break;
       case 'h':
         PrintHelp();

@@ -1,4 +1,4 @@
-// Numbers of toolkits, which are not always numbers.
+// Numbers from toolkits, which may be NaN.
 
 #ifndef HOST_FINITE_H_
 #define HOST_FINITE_H_

@@ -48,7 +48,7 @@ class Dialogs {
   void AskForColor(const std::string& frame, const Json& report,
                    std::function<void(std::optional<std::string>)> choose);
 
-  // Closes the dialog for which the page waits, if there is one, as declined.
+  // Declines the dialog for which the page waits, if there is one.
   void Decline();
 
   // A dialog for which the page waits.

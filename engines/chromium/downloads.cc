@@ -52,9 +52,9 @@ absl::Status CopyFile(const std::filesystem::path& from,
       std::filesystem::status(to, error);
   if (std::filesystem::exists(before) &&
       !std::filesystem::is_regular_file(before)) {
-    return absl::FailedPreconditionError(
-        absl::StrCat(orvane::Printable(to.string()),
-                     " cannot be written: it is there and is no file"));
+    return absl::FailedPreconditionError(absl::StrCat(
+        orvane::Printable(to.string()),
+        " cannot be written: it exists and is not a regular file"));
   }
   std::filesystem::copy_file(
       from, part, std::filesystem::copy_options::overwrite_existing, error);

@@ -272,7 +272,7 @@ void Engine::FindWindow(Client* client) {
 }
 
 void Engine::MakeScreen(Client* client) {
-  // Its size is the page's to say.
+  // The page sets the size later.
   const auto found =
       std::find_if(places_.begin(), places_.end(),
                    [&](const auto& place) { return place->client == client; });

@@ -15,8 +15,8 @@ namespace {
 
 constexpr double kDipsPerLine = 40;
 
-// The first four flags are those of the engine. It takes no locks, and no
-// AltGr.
+// The first four flags are those of the engine. It has none for the
+// locks and AltGr.
 constexpr std::uint32_t kEngineModifiers = 15;
 
 constexpr int kMaxFingers = 16;

@@ -35,7 +35,8 @@ void PrintHelp() {
          "  --profile DIR   keep cookies and the like in DIR, which belongs "
          "to\n"
          "                  this program alone (default: in memory)\n"
-         "  --schemes LIST  the schemes of what pages may load, with commas\n"
+         "  --schemes LIST  URL schemes that pages may load, separated by "
+         "commas\n"
          "                  (default http,https,data,about)\n"
          "  --files DIR     let pages load the files in DIR too; may be given\n"
          "                  several times\n"
@@ -49,11 +50,11 @@ void PrintHelp() {
          "\n"
          "The engine runs in its sandbox, as user "
       << kUnprivilegedUser
-      << " if you are root, and listens\nat no port.\n"
+      << " if you are root, and opens\nno network port.\n"
          "\n"
          "Exit code: 0 after SIGINT or SIGTERM, 1 if the engine does not "
          "start\n"
-         "or nothing can listen, 2 for wrong usage.\n";
+         "or the socket cannot be opened, 2 for wrong usage.\n";
 }
 
 [[noreturn]] void RefuseUsage() {

@@ -457,7 +457,7 @@ void Page::BeginFocusMove() {
 
 void Page::FocusHasMoved() {
   is_focus_moving_ = false;
-  // One of them may move it again.
+  // A task may move the focus again.
   while (!held_.empty() && !is_focus_moving_) {
     orvane::Task task = std::move(held_.front());
     held_.pop_front();
@@ -782,7 +782,7 @@ void Page::DropSilently(const std::string& effect, orvane::Task drop) {
 // The page service
 
 absl::Status Page::Go(absl::FunctionRef<absl::Status(Navigation&)> where) {
-  // With a dialog open, the page would never follow.
+  // With a dialog open, the page would never go anywhere.
   dialogs_.Decline();
   return where(navigation_);
 }

@@ -109,7 +109,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void OnTargetLost() override;
 
  private:
-  // Our world in a document of the page's.
+  // Where our script runs in a document: apart from the page's own scripts.
   struct World {
     std::string session;
     std::int64_t context = 0;

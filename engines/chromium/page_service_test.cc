@@ -583,7 +583,8 @@ TEST_F(DownloadsTest, ADeviceOrPipeIsNotReplaced) {
   TellProgress("completed");
   loop_.RunUntil([this] { return told_.size() == 2; });
   EXPECT_EQ(told_[1].status(), rpc::DOWNLOAD_STATUS_FAILED);
-  EXPECT_THAT(told_[1].error(), HasSubstr("it is there and is no file"));
+  EXPECT_THAT(told_[1].error(),
+              HasSubstr("it exists and is not a regular file"));
   EXPECT_TRUE(std::filesystem::is_fifo(path));
 }
 

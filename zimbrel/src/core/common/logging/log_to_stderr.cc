@@ -26,7 +26,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// A pipe that has room for anything has room for so much.
+// If poll says that a pipe is writable, this many bytes fit.
 constexpr std::size_t kMostBytes = 4096;
 
 bool HasRoom() {
