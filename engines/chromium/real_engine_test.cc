@@ -423,6 +423,22 @@ TEST_F(RealEngineTest, WhatIsDroppedReachesThePage) {
   EXPECT_EQ(Told(), "hello");
 }
 
+TEST_F(RealEngineTest, ATextThatIsDroppedOnAFieldIsEntered) {
+  Open("<input id=i style='width:100px;height:100px' oninput='tell(i.value)'>");
+  rpc::DragOperation operation = rpc::DRAG_OPERATION_UNSPECIFIED;
+  const Stream watching = widget_->WhenDragCursorUpdated(
+      browser_, [&](const rpc::DragCursorUpdated& event) {
+        operation = event.operation();
+      });
+  const std::string drag =
+      "items { text { mime_type: 'text/plain' value: 'hello' } }"
+      " allowed_operations: 1 position { x: 50 y: 50 }";
+  ASSERT_TRUE(widget_->ForwardDragEnter(New<rpc::DragEnterRequest>(drag)).ok());
+  loop_.RunUntil([&] { return operation == rpc::DRAG_OPERATION_COPY; });
+  ASSERT_TRUE(widget_->ForwardDragDrop(New<rpc::DragDropRequest>(drag)).ok());
+  EXPECT_EQ(Told(), "hello");
+}
+
 TEST_F(RealEngineTest, ADragOfThePagesIsDraggedByTheHost) {
   Open(
       "<div id=s draggable=true style='width:50px;height:50px'></div>"
