@@ -4,6 +4,7 @@
 
 #include "examples/gtk_host/events.h"
 #include "examples/gtk_host/signals.h"
+#include "examples/gtk_host/texture.h"
 #include "host/cursor.h"
 
 namespace gtk_host {
@@ -55,16 +56,6 @@ graphene_rect_t RectangleOf(const rpc::RectDip& rect) {
   return {
       {static_cast<float>(rect.x()), static_cast<float>(rect.y())},
       {static_cast<float>(rect.width()), static_cast<float>(rect.height())}};
-}
-
-std::shared_ptr<GdkTexture> NewTexture(const Picture& picture) {
-  GBytes* const bytes =
-      g_bytes_new(picture.pixels().data(), picture.pixels().size());
-  GdkTexture* const texture = gdk_memory_texture_new(
-      picture.width(), picture.height(), GDK_MEMORY_B8G8R8A8_PREMULTIPLIED,
-      bytes, static_cast<gsize>(picture.stride_bytes()));
-  g_bytes_unref(bytes);
-  return {texture, g_object_unref};
 }
 
 }  // namespace
