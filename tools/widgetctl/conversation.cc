@@ -51,6 +51,16 @@ std::unique_ptr<Message> CopyOf(const Message& message) {
   return copy;
 }
 
+// Null if it cannot be parsed.
+std::unique_ptr<Message> Parse(const Descriptor* type,
+                               absl::string_view payload) {
+  std::unique_ptr<Message> message = NewMessage(type);
+  if (!orvane::internal::ParsePayload({payload.data(), payload.size()},
+                                      orvane::kMaxMessageDepth, message.get()))
+    return nullptr;
+  return message;
+}
+
 bool IsUnary(const MethodDescriptor* method) {
   return method != nullptr && orvane::KindOf(*method) == MethodKind::kUnary;
 }
@@ -127,26 +137,30 @@ Said Conversation::Explain(Side from, const StreamMessage& frame,
       Begin(frame, {}, now, said);
       break;
     case StreamMessage::KIND_NEXT:
-      if (const auto stream = streams_.find(said.stream);
-          stream != streams_.end() && said.method != nullptr) {
-        ExplainNext(payload, now, stream->second, said);
-      }
+      // A host may send one for a unary call, which has no messages.
+      if (said.method != nullptr && !IsUnary(said.method))
+        ExplainNext(payload, now, streams_.at(said.stream), said);
       break;
     case StreamMessage::KIND_REPLY:
       said.what = "reply";
       if (said.method != nullptr)
         Read(said.method->output_type(), payload, said);
-      ExplainEnd({}, now, said);
+      ExplainEnd(now, said);
       break;
     case StreamMessage::KIND_ERROR:
       said.what = "error";
       said.error_code = frame.error_code();
       said.error = std::string(frame.error_text());
-      ExplainEnd(payload, now, said);
+      // Of a call that a host fails, the payload tells the browser.
+      if (said.call.has_value() && said.method != nullptr) {
+        if (const auto message = Parse(said.method->input_type(), payload))
+          said.browser = BrowserOf(*message);
+      }
+      ExplainEnd(now, said);
       break;
     case StreamMessage::KIND_CANCEL:
       said.what = "cancel";
-      ExplainEnd({}, now, said);
+      ExplainEnd(now, said);
       break;
     case StreamMessage::KIND_COMPLETE:
       said.what = "complete";
@@ -190,16 +204,13 @@ void Conversation::ExplainNext(absl::string_view payload, absl::Time now,
     said.what = has_events ? "event" : "call";
     Read(stream.method->output_type(), payload, said);
     if (!has_events && said.call.has_value())
-      stream.calls[{*said.call, said.browser.value_or(0)}] = now;
+      stream.calls[{*said.call, said.browser}] = now;
     return;
   }
   // Small, and they tell what the host does.
-  std::unique_ptr<Message> message = NewMessage(stream.method->input_type());
-  if (!orvane::internal::ParsePayload({payload.data(), payload.size()},
-                                      orvane::kMaxMessageDepth,
-                                      message.get())) {
-    return;
-  }
+  std::unique_ptr<Message> message =
+      Parse(stream.method->input_type(), payload);
+  if (message == nullptr) return;
   const Message* key = nullptr;
   if (has_events) {
     key = Member(*message, "subscribe");
@@ -216,15 +227,14 @@ void Conversation::ExplainNext(absl::string_view payload, absl::Time now,
                     : "unsubscribe";
   }
   said.browser = BrowserOf(key == nullptr ? *message : *key);
-  if (said.what == "answer") ExplainEnd(payload, now, said);
+  if (said.what == "answer") ExplainEnd(now, said);
   if (wants_payloads_)
     said.payload = key == nullptr ? std::move(message) : CopyOf(*key);
 }
 
-// What ends a call: a call of the host as a whole, or one of the widget's on a
-// callback stream, whose payload then tells the browser.
-void Conversation::ExplainEnd(absl::string_view payload, absl::Time now,
-                              Said& said) {
+// What ends a call: one of the host's, or one of the widget's on a callback
+// stream.
+void Conversation::ExplainEnd(absl::Time now, Said& said) {
   const auto found = streams_.find(said.stream);
   if (found == streams_.end() || found->second.method == nullptr) return;
   Stream& stream = found->second;
@@ -235,23 +245,16 @@ void Conversation::ExplainEnd(absl::string_view payload, absl::Time now,
     return;
   }
   if (!said.call.has_value()) return;
-  if (!said.browser.has_value()) {
-    const std::unique_ptr<Message> message =
-        NewMessage(stream.method->input_type());
-    if (orvane::internal::ParsePayload({payload.data(), payload.size()},
-                                       orvane::kMaxMessageDepth,
-                                       message.get())) {
-      said.browser = BrowserOf(*message);
-    }
-  }
-  // Of a cancelled call only the id is told.
+  // Of a cancelled call only the id is told, and without payloads of any.
   const auto call = std::find_if(
       stream.calls.begin(), stream.calls.end(), [&said](const auto& made) {
-        return made.first.first == *said.call &&
-               made.first.second == said.browser.value_or(made.first.second);
+        const auto& [id, browser] = made.first;
+        return id == *said.call &&
+               (!browser.has_value() || !said.browser.has_value() ||
+                browser == said.browser);
       });
   if (call == stream.calls.end()) return;
-  said.browser = call->first.second;
+  if (!said.browser.has_value()) said.browser = call->first.second;
   said.elapsed = now - call->second;
   stream.calls.erase(call);
 }
@@ -259,12 +262,8 @@ void Conversation::ExplainEnd(absl::string_view payload, absl::Time now,
 void Conversation::Read(const Descriptor* type, absl::string_view payload,
                         Said& said) const {
   if (!wants_payloads_) return;
-  std::unique_ptr<Message> message = NewMessage(type);
-  if (!orvane::internal::ParsePayload({payload.data(), payload.size()},
-                                      orvane::kMaxMessageDepth,
-                                      message.get())) {
-    return;
-  }
+  std::unique_ptr<Message> message = Parse(type, payload);
+  if (message == nullptr) return;
   said.browser = BrowserOf(*message);
   said.payload = std::move(message);
 }

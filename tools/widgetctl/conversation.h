@@ -70,9 +70,10 @@ class Conversation {
     const google::protobuf::MethodDescriptor* method;
     std::optional<std::uint64_t> browser;
     absl::Time begun;
-    // When the widget made those that have no answer yet, by id and browser:
-    // ids repeat under other keys.
-    std::map<std::pair<std::int64_t, std::uint64_t>, absl::Time> calls;
+    // When the widget made those that have no answer yet, by id and, if it is
+    // known, browser: ids repeat under other keys.
+    std::map<std::pair<std::int64_t, std::optional<std::uint64_t>>, absl::Time>
+        calls;
   };
 
   struct Direction {
@@ -87,7 +88,7 @@ class Conversation {
   void ExplainHello(absl::string_view payload, Said& said);
   void ExplainNext(absl::string_view payload, absl::Time now, Stream& stream,
                    Said& said);
-  void ExplainEnd(absl::string_view payload, absl::Time now, Said& said);
+  void ExplainEnd(absl::Time now, Said& said);
   void Read(const google::protobuf::Descriptor* type, absl::string_view payload,
             Said& said) const;
 

@@ -1,7 +1,9 @@
 #include "tools/widgetctl/conversation.h"
 
-#include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "absl/strings/str_cat.h"
@@ -72,7 +74,7 @@ class ConversationTest : public testing::Test {
   // What is said by these bytes, in a line for each frame.
   std::vector<std::string> Hear(Side from, const std::string& bytes) {
     std::vector<std::string> lines;
-    conversation_.Take(from, bytes, now_, [&lines](const Said& said) {
+    conversation_->Take(from, bytes, now_, [&lines](const Said& said) {
       std::string line(said.what);
       if (said.method != nullptr)
         absl::StrAppend(&line, " ", said.method->name());
@@ -98,7 +100,10 @@ class ConversationTest : public testing::Test {
   void Begin() { Hear(Side::kHost, Hello("rpc.BrowserWidgetRpc")); }
 
   absl::Time now_ = absl::UnixEpoch();
-  Conversation conversation_{{rpc::BrowserWidgetRpc::descriptor()}, true};
+  static std::vector<const google::protobuf::ServiceDescriptor*> Services() {
+    return {rpc::BrowserWidgetRpc::descriptor()};
+  }
+  std::optional<Conversation> conversation_{std::in_place, Services(), true};
 };
 
 TEST_F(ConversationTest, AHelloIsShownWithoutItsHashes) {
@@ -185,6 +190,27 @@ TEST_F(ConversationTest, ACallThatTheWidgetGivesUpTellsItsBrowser) {
   cancel.set_call_id(5);
   EXPECT_THAT(Hear(Side::kWidget, cancel),
               ElementsAre("cancel OnCreateWebDialog 1/5 browser 7 after 0"));
+}
+
+TEST_F(ConversationTest, AnAnswerTellsTheTimeOfItsCallWithoutPayloadsToo) {
+  conversation_.emplace(Services(), false);
+  Begin();
+  Hear(Side::kHost, Open(1, kOnCreateWebDialog));
+  EXPECT_THAT(Hear(Side::kWidget, Next(1, Question(7), 5)),
+              ElementsAre("call OnCreateWebDialog 1/5"));
+  EXPECT_THAT(Hear(Side::kHost, Next(1, Answer(7, "ok"), 5)),
+              ElementsAre("answer OnCreateWebDialog 1/5 browser 7 after 0"));
+}
+
+TEST_F(ConversationTest, AMessageForAUnaryCallHasNoMeaning) {
+  Begin();
+  Hear(Side::kHost, CallFrame(1, kShow, 7));
+  EXPECT_THAT(Hear(Side::kHost, Next(1, Subscribe(7))),
+              ElementsAre("frame Show 1"));
+  EXPECT_THAT(Hear(Side::kWidget, Next(1, Subscribe(7))),
+              ElementsAre("frame Show 1"));
+  EXPECT_THAT(Hear(Side::kWidget, Frame(StreamMessage::KIND_REPLY, 1)),
+              ElementsAre("reply Show 1 browser 7 after 0 {}"));
 }
 
 TEST_F(ConversationTest, AnySplitOfTheBytesIsTheSame) {

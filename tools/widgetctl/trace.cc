@@ -195,35 +195,31 @@ class Tracer {
   void Accept() {
     OwnedDescriptor host(
         ::accept4(acceptor_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (host.get() >= 0) {
-      Connect(std::move(host));
-    } else if (errno == EAGAIN) {
+    if (host.get() < 0 && errno == EAGAIN)
       return acceptor_->WhenReadable([this] { Accept(); });
-    }
     // Without a descriptor, the host stays in the queue.
-    next_accept_ =
-        loop_->RunAfter(host.get() >= 0 ? absl::ZeroDuration() : kAcceptRetry,
-                        [this] { Accept(); });
+    const absl::Duration pause =
+        host.get() < 0 ? kAcceptRetry : absl::ZeroDuration();
+    if (host.get() >= 0) {
+      const int number = ++count_;
+      const absl::Status joined = Join(number, std::move(host));
+      printer_.PrintChange(number, joined.ok() ? "connected" : "refused",
+                           std::string(joined.message()));
+    }
+    next_accept_ = loop_->RunAfter(pause, [this] { Accept(); });
   }
 
-  // The host is hung up on if there is no widget.
-  void Connect(OwnedDescriptor host_socket) {
-    const int number = ++count_;
-    absl::StatusOr<OwnedDescriptor> widget_socket =
-        orvane::ConnectTo(options_.socket);
-    if (const absl::Status peer =
-            orvane::CheckPeerIsThisUser(host_socket.get());
-        !peer.ok()) {
-      widget_socket = peer;
-    }
-    if (!widget_socket.ok()) {
-      return printer_.PrintChange(
-          number, "refused", std::string(widget_socket.status().message()));
-    }
+  // Connects a host with the widget, or hangs up on it.
+  absl::Status Join(int number, OwnedDescriptor host_socket) {
+    if (absl::Status peer = orvane::CheckPeerIsThisUser(host_socket.get());
+        !peer.ok())
+      return peer;
+    auto widget_socket = orvane::ConnectTo(options_.socket);
+    if (!widget_socket.ok()) return widget_socket.status();
     auto host = loop_->WatchDescriptor(std::move(host_socket));
+    if (!host.ok()) return host.status();
     auto widget = loop_->WatchDescriptor(*std::move(widget_socket));
-    if (!host.ok() || !widget.ok()) return;
-    printer_.PrintChange(number, "connected");
+    if (!widget.ok()) return widget.status();
     const bool wants_payloads =
         !options_.no_payloads || options_.browser.has_value();
     Connection& connection =
@@ -239,6 +235,7 @@ class Tracer {
               Take(number, connection, from, bytes);
             },
             [this, number] { End(number); }});
+    return absl::OkStatus();
   }
 
   void Take(int number, Connection& connection, Side from,
