@@ -79,13 +79,10 @@ EventLoop* CurrentLoop() {
 namespace internal {
 
 void CheckServiceThread(absl::string_view operation) {
-  if (servers == 0) {
-    if (running == nullptr && ThereAreLoops() && LatestHere(0) == nullptr)
-      DieOffServiceThread(operation);
-  } else if ((running == nullptr || running->servers() == 0) &&
-             LatestHere(1) == nullptr) {
+  const int min_servers = servers > 0 ? 1 : 0;
+  if (running != nullptr && running->servers() >= min_servers) return;
+  if (ThereAreLoops() && LatestHere(min_servers) == nullptr)
     DieOffServiceThread(operation);
-  }
 }
 
 EventLoop* ServingLoop() {

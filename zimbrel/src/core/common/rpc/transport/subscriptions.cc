@@ -147,26 +147,32 @@ PendingAnswer::PendingAnswer(PendingAnswer&& other) noexcept = default;
 
 PendingAnswer::~PendingAnswer() {
   if (sender_ == nullptr) return;
-  sender_->CheckServiceThread("~Responder");
-  const auto calls = calls_.lock();
-  if (calls != nullptr) calls->End(call_id_);
+  if (const auto calls = CallsFor("~Responder")) calls->End(call_id_);
+}
+
+std::shared_ptr<ServedCalls> PendingAnswer::CallsFor(
+    absl::string_view operation) const {
+  sender_->CheckServiceThread(operation);
+  return calls_.lock();
 }
 
 bool PendingAnswer::is_given_up() const {
-  sender_->CheckServiceThread("Responder::is_given_up");
-  const auto calls = calls_.lock();
+  const auto calls = CallsFor("Responder::is_given_up");
   return calls == nullptr || calls->IsGivenUp(call_id_);
 }
 
 void PendingAnswer::OnGivenUp(Task task) {
-  sender_->CheckServiceThread("Responder::OnGivenUp");
-  if (is_given_up()) return RunIfAny(std::move(task));
-  calls_.lock()->OnGivenUp(call_id_, std::move(task));
+  {
+    const auto calls = CallsFor("Responder::OnGivenUp");
+    if (calls != nullptr && !calls->IsGivenUp(call_id_))
+      return calls->OnGivenUp(call_id_, std::move(task));
+  }
+  RunIfAny(std::move(task));
 }
 
 absl::Status PendingAnswer::Send(Message* message) const {
-  sender_->CheckServiceThread("Responder::Respond");
-  if (!calls_.expired() && is_given_up())
+  if (const auto calls = CallsFor("Responder::Respond");
+      calls != nullptr && calls->IsGivenUp(call_id_))
     return absl::CancelledError("the server has given the call up");
   absl::Status sent = sender_->Next(*message, call_id_);
   if (!sent.ok()) {
@@ -179,8 +185,8 @@ absl::Status PendingAnswer::Send(Message* message) const {
 
 void PendingAnswer::Fail(const Message& message,
                          const std::string& text) const {
-  sender_->CheckServiceThread("Responder::Fail");
-  if (is_given_up()) return;
+  const auto calls = CallsFor("Responder::Fail");
+  if (calls == nullptr || calls->IsGivenUp(call_id_)) return;
   // Fails if the connection has just ended, and nobody waits for it then.
   sender_->Error(message, call_id_, text).IgnoreError();
 }

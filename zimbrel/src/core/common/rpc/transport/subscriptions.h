@@ -11,6 +11,7 @@
 
 #include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
+#include "absl/strings/string_view.h"
 #include "google/protobuf/descriptor.h"
 #include "google/protobuf/message.h"
 
@@ -76,6 +77,11 @@ class PendingAnswer {
             const std::string& text) const;
 
  private:
+  // Null once the stream has ended. Ends the process, naming the operation, on
+  // a thread that is not the service thread.
+  std::shared_ptr<internal::ServedCalls> CallsFor(
+      absl::string_view operation) const;
+
   std::shared_ptr<ClientStreamSender> sender_;  // Null once moved from.
   std::weak_ptr<internal::ServedCalls>
       calls_;  // Gone once the stream has ended.
