@@ -28,6 +28,7 @@ inline void SetNotice(GtkWidget* notice, GtkMessageType type,
   gtk_info_bar_set_message_type(GTK_INFO_BAR(notice), type);
   gtk_label_set_text(GTK_LABEL(g_object_get_data(G_OBJECT(notice), "label")),
                      words.c_str());
+  gtk_widget_set_tooltip_text(notice, words.c_str());
   gtk_widget_set_visible(notice, !words.empty());
 }
 
