@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <set>
 #include <string>
@@ -30,11 +29,8 @@ class WindowDownloadsTest : public WindowFixture {
   WindowDownloadsTest() : WindowFixture(0, {0, 0}) {}
 
   void Start() {
-    std::filesystem::create_directory(files());
-    std::ofstream(folder_.path() + "/user-dirs.dirs")
-        << "XDG_DOWNLOAD_DIR=\"" << files() << "\"\n";
     StartWidget();
-    StartHost({"HOME=" + folder_.path(), "XDG_CONFIG_HOME=" + folder_.path()});
+    StartHost(MakeFolderForFiles());
     AwaitWindow();
     // Once the window has asked for the page, it serves its downloads.
     AwaitTitle("A page");
@@ -71,7 +67,6 @@ class WindowDownloadsTest : public WindowFixture {
     orvane::Publish<rpc::DownloadChanged>(browser_, event);
   }
 
-  std::string files() const { return folder_.path() + "/files"; }
   std::vector<std::string> Files() const {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(files()))

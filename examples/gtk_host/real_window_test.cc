@@ -2,7 +2,6 @@
 // becomes its title, which is the window's.
 
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -89,17 +88,8 @@ class RealWindowTest : public WindowFixture {
     screen_->PressKey("Return");
   }
 
-  // Below folder_, and not in the home of whoever runs the test.
-  void UseTheFolderForDownloads() {
-    std::filesystem::create_directory(folder_.path() + "/files");
-    std::ofstream(folder_.path() + "/user-dirs.dirs")
-        << "XDG_DOWNLOAD_DIR=\"" << folder_.path() << "/files\"\n";
-  }
-  std::vector<std::string> Environment() const {
-    return {"HOME=" + folder_.path(), "XDG_CONFIG_HOME=" + folder_.path()};
-  }
   std::string Saved(const std::string& name) const {
-    std::ifstream file(folder_.path() + "/files/" + name);
+    std::ifstream file(files() + "/" + name);
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
@@ -217,8 +207,7 @@ constexpr char kOffersAFile[] =
 // What is said lies below the page, and has another colour than the page. While
 // the file is being saved, it ends further to the left.
 TEST_F(RealWindowTest, AFileIsSavedAndToldBelowThePageUntilThatIsClosed) {
-  UseTheFolderForDownloads();
-  Start(kOffersAFile, Environment());
+  Start(kOffersAFile, MakeFolderForFiles());
   const Area place = screen_->PlaceOf(window());
   const int bottom = place.y + place.height;
   const Area folder = {place.x + 250, bottom - 30, 80, 20};
@@ -240,9 +229,9 @@ TEST_F(RealWindowTest, AFileIsSavedAndToldBelowThePageUntilThatIsClosed) {
 }
 
 TEST_F(RealWindowTest, AFileIsNotSavedOverAnother) {
-  UseTheFolderForDownloads();
-  std::ofstream(folder_.path() + "/files/name.txt") << "mine";
-  Start(kOffersAFile, Environment());
+  const std::vector<std::string> environment = MakeFolderForFiles();
+  std::ofstream(files() + "/name.txt") << "mine";
+  Start(kOffersAFile, environment);
   ClickHere();
   Await("the file", [this] { return Saved("name (2).txt") == "hello"; });
   ClickHere();

@@ -5,6 +5,8 @@
 #define EXAMPLES_GTK_HOST_WINDOW_FIXTURE_H_
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -97,6 +99,16 @@ class WindowFixture : public ::testing::Test {
   }
 
   std::string socket() const { return folder_.path() + "/widget.sock"; }
+
+  // Where a host saves files that is started in the environment which this
+  // returns; not in the home of whoever runs the test.
+  std::string files() const { return folder_.path() + "/files"; }
+  std::vector<std::string> MakeFolderForFiles() const {
+    std::filesystem::create_directory(files());
+    std::ofstream(folder_.path() + "/user-dirs.dirs")
+        << "XDG_DOWNLOAD_DIR=\"" << files() << "\"\n";
+    return {"HOME=" + folder_.path(), "XDG_CONFIG_HOME=" + folder_.path()};
+  }
 
   void StartHost(const std::vector<std::string>& environment = {},
                  const std::vector<std::string>& options = {}) {
