@@ -287,7 +287,6 @@ void Page::OnTargetLost() {
   downloads_.Reset();
   is_drawn_ = false;
   newest_move_.reset();
-  unanswered_moves_ = 0;
   fingers_ = Fingers();
   pressed_.clear();
   native_input_.ForgetHeld();
@@ -297,7 +296,7 @@ void Page::OnTargetLost() {
 
 absl::Status Page::CheckTakesInput() const {
   if (target_.has_value() && held_.size() < kMaxHeldInput &&
-      *unanswered_input_ < kMaxUnansweredInput) {
+      unanswered_->input < kMaxUnansweredInput) {
     return absl::OkStatus();
   }
   return absl::UnavailableError(absl::StrCat(
@@ -451,7 +450,7 @@ void Page::MoveFocus(orvane::Task begin) {
 }
 
 void Page::BeginFocusMove() {
-  if (begin_focus_move_ && *unanswered_input_ == 0)
+  if (begin_focus_move_ && unanswered_->input == 0 && unanswered_->moves == 0)
     std::exchange(begin_focus_move_, nullptr)();
 }
 
@@ -562,12 +561,12 @@ void Page::SendInput(const char* method, Json params,
                      orvane::OnAnswer<Json> on_answer) {
   InOrder([this, method, params = std::move(params),
            on_answer = std::move(on_answer)]() mutable {
-    ++*unanswered_input_;
+    ++unanswered_->input;
     Send(method, std::move(params),
-         [this, count = unanswered_input_, on_answer = std::move(on_answer)](
+         [this, sent = unanswered_, on_answer = std::move(on_answer)](
              absl::StatusOr<Json> answer) mutable {
-           --*count;
-           if (count == unanswered_input_) TakeInputsAnswer(answer.status());
+           --sent->input;
+           if (sent == unanswered_) TakeInputsAnswer(answer.status());
            if (on_answer) std::move(on_answer)(std::move(answer));
            BeginFocusMove();
          },
@@ -686,13 +685,14 @@ void Page::SendMove(Json command) {
 
 void Page::SendNewestMove() {
   if (!newest_move_.has_value() || is_focus_moving_ ||
-      unanswered_moves_ == kMaxUnansweredMoves) {
+      unanswered_->moves == kMaxUnansweredMoves) {
     return;
   }
-  ++unanswered_moves_;
+  ++unanswered_->moves;
   Send("Input.dispatchMouseEvent", *std::exchange(newest_move_, std::nullopt),
-       [this](const absl::StatusOr<Json>&) {
-         --unanswered_moves_;
+       [this, sent = unanswered_](const absl::StatusOr<Json>&) {
+         --sent->moves;
+         BeginFocusMove();
          SendNewestMove();
        });
 }
@@ -866,8 +866,9 @@ void Page::OnEvent(EngineEvent event) {
     ForgetDocument();
     drags_.Forget();
     // The new document does not answer for the old one's input.
-    unanswered_input_ = std::make_shared<int>(0);
+    unanswered_ = std::make_shared<Unanswered>();
     BeginFocusMove();
+    SendNewestMove();
   } else if (event.method == "Target.attachedToTarget") {
     engine_->AddSession(Text(params, "sessionId"), this);
     SetUpSession(Text(params, "sessionId"));
@@ -913,7 +914,7 @@ void Page::ForgetProcess() {
   is_focus_moving_ = false;
   held_.clear();
   begin_focus_move_ = nullptr;
-  unanswered_input_ = std::make_shared<int>(0);
+  unanswered_ = std::make_shared<Unanswered>();
   drags_.Forget();
   dialogs_.Reset();
   ForgetDocument();

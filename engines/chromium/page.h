@@ -124,6 +124,12 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   // By document, and by number there.
   using CursorImage = std::pair<std::uint64_t, std::int64_t>;
 
+  // What was sent to the present document.
+  struct Unanswered {
+    int input = 0;
+    int moves = 0;
+  };
+
   struct ShownCursor {
     rpc::CursorType type = rpc::CURSOR_TYPE_DEFAULT;
     CursorImage image = {};  // Of a custom one, as are the next.
@@ -227,9 +233,8 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   bool is_focus_moving_ = false;
   orvane::Task begin_focus_move_;  // Null once it has begun.
   std::deque<orvane::Task> held_;  // Input that waits for its end.
-  // Sent to the present document. Shared with the continuations.
-  std::shared_ptr<int> unanswered_input_ = std::make_shared<int>(0);
-  int unanswered_moves_ = 0;
+  // Shared with the continuations.
+  std::shared_ptr<Unanswered> unanswered_ = std::make_shared<Unanswered>();
   std::optional<Json> newest_move_;  // That waits for the others' answers.
   bool is_pointer_inside_ = false;
   rpc::PointDip pointer_;  // Where it was last.

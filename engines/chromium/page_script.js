@@ -61,6 +61,7 @@
 
   let pointer = null;  // Where it was last, in this document.
   let hasTooltip = false;
+  let isLeaving = false;  // From leave() to left().
 
   const textTypes = new Set([
     "date", "datetime-local", "email", "month", "number", "password", "search",
@@ -160,12 +161,16 @@
       anchor: anchor ? placeOf(anchor) : null });
   };
 
+  // The engine makes up moves when the page changes. Nothing is found under the
+  // pointer while the document is inert.
   addEventListener("mousemove", (event) => {
+    if (isLeaving) return;
     pointer = { x: event.clientX, y: event.clientY };
     look(innermost(event));
   }, true);
   // Another document, if any, is under the pointer now and reports for itself.
   doc.addEventListener("mouseleave", () => {
+    if (isLeaving) return;
     pointer = null;
     if (hasTooltip) report({ kind: "tooltip", text: "" });
     hasTooltip = false;
@@ -613,12 +618,14 @@
       const active = doc.activeElement;
       if (active && active !== doc.body) remembered = active;
       hidesTab = true;
+      isLeaving = true;
       if (active) bare(active).blur();
       if (doc.documentElement) doc.documentElement.inert = true;
     },
     // After the Tab.
     left() {
       hidesTab = false;
+      isLeaving = false;
       if (doc.documentElement) doc.documentElement.inert = false;
       return doc.hasFocus();
     },

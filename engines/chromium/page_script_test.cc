@@ -106,6 +106,21 @@ TEST_F(PageScriptTest, TellsTheKeywordBehindAnImageThatCannotBeLoaded) {
   EXPECT_THAT(Reports("cursor"), IsEmpty());
 }
 
+TEST_F(PageScriptTest, TellsNothingOfThePointerWhileTheFocusLeaves) {
+  Open("<div id=d style='width:50px;height:50px;cursor:wait'></div>");
+  EXPECT_EQ(CursorOver("d"), "wait");
+  Run("orvaneAgent.leave();"
+      "document.documentElement.dispatchEvent(new MouseEvent('mousemove',"
+      "  { bubbles: true, clientX: 9, clientY: 9 }));"
+      "document.dispatchEvent(new MouseEvent('mouseleave'));"
+      "orvaneAgent.left()");
+  EXPECT_THAT(Reports("cursor"), IsEmpty());
+  Run("orvaneAgent.look()");
+  const std::vector<Json> cursors = Reports("cursor");
+  ASSERT_THAT(cursors, SizeIs(1));
+  EXPECT_EQ(Text(cursors[0], "cursor"), "wait");
+}
+
 TEST_F(PageScriptTest, FindsATooltipOutsideAShadowRoot) {
   Open("<div id=d title='Outside' style='width:50px;height:50px'></div>");
   Run("d.attachShadow({ mode: 'open' }).innerHTML ="

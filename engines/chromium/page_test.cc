@@ -417,6 +417,27 @@ TEST_F(PageTest, TheFocusLeavesOnceThePageHasGotTheClick) {
               ElementsAre("orvaneAgent.leave()", "orvaneAgent.left()"));
 }
 
+// The page is inert while the focus leaves, so a move would find nothing there.
+TEST_F(PageTest, TheFocusLeavesOnceThePageHasGotTheMove) {
+  Attach();
+  TellOfDocument();
+  Show();
+  Input<rpc::FocusRequest>(&Client::Focus, "reason: FOCUS_REASON_WINDOW");
+  scripted_->ForgetCommands();
+  scripted_->NeverReplyTo("Input.dispatchMouseEvent");
+  Input<rpc::MouseMoveRequest>(&Client::ForwardMouseMove, "");
+  EXPECT_TRUE(host_->Unfocus(browser_).ok());
+  scripted_->Settle();
+  ASSERT_THAT(Scripts(), IsEmpty());
+  for (const Json& command : scripted_->commands()) {
+    scripted_->SendMessage(
+        {{"id", Member(command, "id")}, {"result", Json::object()}});
+  }
+  scripted_->Settle();
+  EXPECT_THAT(Scripts(),
+              ElementsAre("orvaneAgent.leave()", "orvaneAgent.left()"));
+}
+
 TEST_F(PageTest, TheFocusDoesNotWaitForADocumentThatIsGone) {
   Attach();
   TellOfDocument();
@@ -627,6 +648,17 @@ TEST_F(PageTest, OfMovesThatAHungPageDoesNotTakeTheNewestWaits) {
   ASSERT_THAT(sent, SizeIs(34));
   EXPECT_EQ(Number(sent[32], "x"), 39);
   EXPECT_EQ(Text(sent[33], "type"), "mousePressed");
+}
+
+TEST_F(PageTest, MovesDoNotWaitForADocumentThatIsGone) {
+  Attach();
+  scripted_->NeverReplyTo("Input.dispatchMouseEvent");
+  for (int x = 0; x < 40; ++x)
+    Input<rpc::MouseMoveRequest>(&Client::ForwardMouseMove, "");
+  scripted_->ForgetCommands();
+  Tell("Page.frameNavigated",
+       {{"frame", {{"id", "target"}, {"url", "https://next.example/"}}}});
+  EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), SizeIs(1));
 }
 
 class PageDragTest : public PageTest {
