@@ -118,7 +118,9 @@ absl::StatusOr<Picture> TakePicture(const Options& options) {
   absl::Status copied;
   std::unique_ptr<orvane::ClientStream> surfaces;
   orvane::host::View view(
-      &loop, {.socket = options.socket, .browser = options.browser},
+      &loop,
+      {.connect = orvane::host::ConnectorTo(&loop, options.socket),
+       .browser = options.browser},
       {.on_connected =
            [&](rpc::BrowserWidgetRpcClient& widget) {
              surfaces = widget.OnUpdateSurface(

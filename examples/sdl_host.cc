@@ -130,7 +130,9 @@ class BrowserWindow {
             "", SDL_WINDOWPOS_UNDEFINED, SDL_WINDOWPOS_UNDEFINED, 800, 600,
             SDL_WINDOW_RESIZABLE | SDL_WINDOW_ALLOW_HIGHDPI)),
         renderer_(SDL_CreateRenderer(window_.get(), -1, 0)),
-        view_(loop, {.socket = socket, .browser = browser_},
+        view_(loop,
+              {.connect = orvane::host::ConnectorTo(loop, socket),
+               .browser = browser_},
               {.on_connected = [this](auto& widget) { OpenStreams(widget); },
                .on_state = [this](ViewState) { ShowState(); },
                .on_cursor =

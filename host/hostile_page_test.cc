@@ -98,8 +98,7 @@ class HostilePageTest : public ::testing::Test {
   std::vector<std::string> icons_;
   std::vector<std::uint64_t> offered_;
   std::vector<std::string> ended_;
-  Page page_{&loop_,
-             socket_,
+  Page page_{ConnectorTo(&loop_, socket_),
              testing::Browser(7),
              {.on_state = [this](const rpc::PageState*) { ++states_; },
               .on_icon =

@@ -87,7 +87,7 @@ class HostileWidgetTest : public ::testing::Test {
   Picture picture_;
   std::unique_ptr<ClientStream> surfaces_;
   View view_{&loop_,
-             {.socket = socket_,
+             {.connect = ConnectorTo(&loop_, socket_),
               .browser = testing::Browser(7),
               .first_retry = absl::Milliseconds(1)},
              {.on_connected = [this](rpc::BrowserWidgetRpcClient& widget) {

@@ -35,10 +35,8 @@ std::string AddressOf(absl::string_view typed) {
   return absl::StrCat(is_this_machine ? "http://" : "https://", typed);
 }
 
-Page::Page(EventLoop* loop, std::string socket, BrowserId browser,
-           PageHandlers handlers)
-    : loop_(loop),
-      socket_(std::move(socket)),
+Page::Page(Connector connect, BrowserId browser, PageHandlers handlers)
+    : connect_(std::move(connect)),
       browser_(std::move(browser)),
       handlers_(std::move(handlers)) {}
 
@@ -47,7 +45,7 @@ Page::~Page() = default;
 void Page::Connect() {
   OnEnd();
   session_ = nullptr;
-  auto connection = SocketClient::Connect(loop_, socket_);
+  auto connection = connect_();
   if (!connection.ok()) return;  // It has gone again, as View tells.
   session_ = std::make_shared<Session>(*std::move(connection));
   session_->streams.push_back(session_->client.WhenPageChanged(

@@ -14,6 +14,7 @@
 #include "absl/strings/string_view.h"
 
 #include "host/pixels.h"
+#include "host/connector.h"
 #include "rpc/browser/browser_id.pb.h"
 #include "rpc/browser/page.client.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
@@ -63,8 +64,7 @@ struct PageHandlers {
 // Must not be destroyed in one of its handlers.
 class Page {
  public:
-  Page(EventLoop* loop, std::string socket, BrowserId browser,
-       PageHandlers handlers);
+  Page(Connector connect, BrowserId browser, PageHandlers handlers);
   Page(const Page&) = delete;
   Page& operator=(const Page&) = delete;
   ~Page();
@@ -117,8 +117,7 @@ class Page {
   void OnDownloadChanged(const rpc::DownloadChanged& event);
   void EndDownloads();
 
-  EventLoop* const loop_;
-  const std::string socket_;
+  const Connector connect_;
   const BrowserId browser_;
   PageHandlers handlers_;
   std::shared_ptr<Session> session_;  // Answers hold a weak pointer.

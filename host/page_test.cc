@@ -147,7 +147,7 @@ class PageTest : public ::testing::Test {
   std::vector<std::string> paths_;      // Where offered files are to be saved.
   std::vector<std::string> downloads_;  // What has become of them.
   std::optional<Page> page_{
-      std::in_place, &loop_, socket_, testing::Browser(7),
+      std::in_place, ConnectorTo(&loop_, socket_), testing::Browser(7),
       PageHandlers{
           .on_state =
               [this](const rpc::PageState* state) {

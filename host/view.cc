@@ -115,7 +115,7 @@ void View::ShowTooltip(absl::string_view text) {
 // The widget's process -------------------------------------------------------
 
 void View::Connect() {
-  auto connection = SocketClient::Connect(loop_, options_.socket);
+  auto connection = options_.connect();
   if (absl::IsPermissionDenied(connection.status())) {
     SetState(ViewState::kIncompatible, connection.status());
     return;

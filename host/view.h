@@ -15,6 +15,7 @@
 #include "absl/strings/string_view.h"
 #include "absl/time/time.h"
 
+#include "host/connector.h"
 #include "host/drop_target.h"
 #include "host/input_calls.h"
 #include "host/keyboard.h"
@@ -58,7 +59,7 @@ enum class ViewState {
 };
 
 struct ViewOptions {
-  std::string socket;  // Where the widget listens.
+  Connector connect;  // Called for each widget process.
   BrowserId browser;
   PointerOptions pointer = {};
 

@@ -110,7 +110,7 @@ class ViewTest : public ::testing::Test {
   rpc::DragOperation drop_operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
   std::optional<View> view_{
       std::in_place, &loop_,
-      ViewOptions{.socket = socket_,
+      ViewOptions{.connect = ConnectorTo(&loop_, socket_),
                   .browser = testing::Browser(7),
                   .first_retry = absl::Milliseconds(1),
                   .last_retry = absl::Milliseconds(2)},

@@ -127,6 +127,22 @@ TEST_F(Examples, WindowTellsTheCursorOverALink) {
   EXPECT_EQ(ReadUntil(window, "cursor"), "cursor: pointer");
 }
 
+TEST_F(Examples, OwnWidgetShowsThePageAndEndsItInOrder) {
+  ChildProcess host({OWN_WIDGET, WIDGET_SERVER});
+  EXPECT_EQ(ReadUntil(host, "the page"), "the page is here");
+  host.Signal(SIGTERM);
+  const ChildProcess::Result result = host.Wait();
+  EXPECT_EQ(result.exit_code, 0);
+  EXPECT_THAT(result.output, EndsWith("the widget exited with code 0\n"));
+}
+
+TEST_F(Examples, OwnWidgetStartsItAgain) {
+  ChildProcess host({OWN_WIDGET, "false"});
+  EXPECT_EQ(ReadUntil(host, "the widget exited"),
+            "the widget exited with code 1; it is started again in 250ms");
+  EXPECT_EQ(ReadUntil(host, "the widget runs"), "the widget runs again");
+}
+
 TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {
   auto operating = Start(OPERATING, "operating");
   // A client that has said nothing would make room for the next one.

@@ -16,7 +16,9 @@ class BrowserControl {
  public:
   BrowserControl(orvane::EventLoop* loop, const std::string& socket,
                  const BrowserId& browser)
-      : view_(loop, {.socket = socket, .browser = browser},
+      : view_(loop,
+              {.connect = orvane::host::ConnectorTo(loop, socket),
+               .browser = browser},
               {.on_state = [this](orvane::host::ViewState) { TellState(); },
                .on_scene = [this] { Redraw(); },
                .on_cursor =

@@ -18,6 +18,7 @@
 #include "engines/chromium/page_service.h"
 #include "engines/chromium/profile.h"
 #include "examples/widget_server/browsers_service.h"
+#include "examples/widget_server/endpoints.h"
 #include "examples/widget_server/widget_service.h"
 #include "orvane/server.h"
 #include "zimbrel/src/core/common/logging/log_to_stderr.h"
@@ -66,18 +67,20 @@ int main(int argc, char** argv) {
   widget_server::BrowsersService browsers_service(&service);
   orvane::SocketServer server(&loop,
                               {&service, &page_service, &browsers_service});
-  loop.OnSignal({SIGINT, SIGTERM}, [&] {
+  const auto shut_down = [&] {
     server.Shutdown(kShutdownBound, [&] {
       engine.Shutdown(kShutdownBound, [&] { loop.Stop(); });
     });
-  });
+  };
+  loop.OnSignal({SIGINT, SIGTERM}, shut_down);
   if (absl::Status status = engine.Start(); !status.ok()) return Fail(status);
   // So that a host that connects at once finds its pages.
   if (!loop.RunUntil([&] { return engine.has_all_targets(); }))
     return EXIT_SUCCESS;
-  if (absl::Status status = server.Listen(options.socket); !status.ok())
-    return Fail(status);
-  std::cout << "orvane-chromium listens at " << options.socket << std::endl;
+  const auto where =
+      widget_server::Serve(options.endpoints, &server, shut_down);
+  if (!where.ok()) return Fail(where.status());
+  std::cout << "orvane-chromium " << *where << std::endl;
   loop.Run();
   return EXIT_SUCCESS;
 }

@@ -30,8 +30,11 @@ void PrintHelp() {
       << "\n"
          "  --socket PATH   listen at PATH, in a folder private to you\n"
          "                  (default "
-      << defaults.socket
-      << ")\n"
+      << orvane::DefaultSocketPath("widget")
+      << ",\n"
+         "                  unless there is an inherited socket)\n"
+         "  --descriptor N  serve who is behind descriptor N, an inherited\n"
+         "                  socket; may be given several times\n"
          "  --profile DIR   keep cookies and the like in DIR, which belongs "
          "to\n"
          "                  this program alone (default: in memory)\n"
@@ -52,9 +55,12 @@ void PrintHelp() {
       << kUnprivilegedUser
       << " if you are root, and opens\nno network port.\n"
          "\n"
-         "Exit code: 0 after SIGINT or SIGTERM, 1 if the engine does not "
-         "start\n"
-         "or the socket cannot be opened, 2 for wrong usage.\n";
+         "Sockets of a service manager (LISTEN_FDS) are served too.\n"
+         "\n"
+         "Exit code: 0 after SIGINT or SIGTERM, or once nobody is behind the\n"
+         "inherited sockets; 1 if the engine does not start or a socket "
+         "cannot\n"
+         "be opened, 2 for wrong usage.\n";
 }
 
 [[noreturn]] void RefuseUsage() {
@@ -69,6 +75,12 @@ void PrintHelp() {
 
 void RefuseUnlessOk(absl::string_view option, const absl::Status& status) {
   if (!status.ok()) RefuseUsage(absl::StrCat(option, ": ", status.message()));
+}
+
+int DescriptorOf(absl::string_view text) {
+  const auto descriptor = widget_server::ParseDescriptor(text);
+  if (!descriptor.ok()) RefuseUsage(descriptor.status().message());
+  return *descriptor;
 }
 
 void AddPage(absl::string_view text, Options* options) {
@@ -89,6 +101,7 @@ void AddPage(absl::string_view text, Options* options) {
 
 Options ParseOptions(int argc, char** argv) {
   const option known[] = {{"allow-scripts", no_argument, nullptr, 'a'},
+                          {"descriptor", required_argument, nullptr, 'i'},
                           {"engine", required_argument, nullptr, 'e'},
                           {"files", required_argument, nullptr, 'f'},
                           {"help", no_argument, nullptr, 'h'},
@@ -120,11 +133,14 @@ Options ParseOptions(int argc, char** argv) {
       case 'h':
         PrintHelp();
         std::exit(EXIT_SUCCESS);
+      case 'i':
+        options.endpoints.descriptors.push_back(DescriptorOf(optarg));
+        break;
       case 'p':
         AddPage(optarg, &options);
         break;
       case 's':
-        options.socket = optarg;
+        options.endpoints.socket = optarg;
         break;
       case 'v':
         std::cout << "orvane-chromium " << orvane::kVersion << "\n";
@@ -138,6 +154,7 @@ Options ParseOptions(int argc, char** argv) {
   if (options.pages.empty())
     RefuseUsage(
         "no browser to serve: give one by --page, as in --page 1=about:blank");
+  widget_server::AddInheritedSockets(&options.endpoints);
   // Now that all options about addresses are known, whatever their order.
   for (const auto& [browser, address] : options.pages)
     RefuseUnlessOk("--page", options.addresses.Check(address));

@@ -10,14 +10,14 @@
 
 #include "engines/chromium/addresses.h"
 #include "engines/chromium/engine_process.h"
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+#include "examples/widget_server/endpoints.h"
 
 namespace chromium {
 
 inline constexpr std::size_t kMaxPages = 32;
 
 struct Options {
-  std::string socket = orvane::DefaultSocketPath("widget");
+  widget_server::Endpoints endpoints;
   std::map<std::uint64_t, std::string> pages;  // Addresses by browser.
   EngineCommand engine;
   Addresses addresses;

@@ -36,13 +36,14 @@ void ShowIcon(GtkWidget* image, GdkTexture* icon) {
 }  // namespace
 
 BrowserWindow::Tab::Tab(BrowserWindow* window, orvane::EventLoop* loop,
-                        const std::string& socket, std::uint64_t browser)
+                        const orvane::host::Connector& connect,
+                        std::uint64_t browser)
     : number(browser),
       icon(gtk_image_new()),
       label(GTK_WIDGET(g_object_new(GTK_TYPE_LABEL, "ellipsize",
                                     PANGO_ELLIPSIZE_END, "hexpand", TRUE,
                                     nullptr))),
-      page(loop, socket, IdOf(browser),
+      page(connect, IdOf(browser),
            {.on_state =
                 [this, window](const rpc::PageState* told) {
                   window->OnState(*this, told);
@@ -65,10 +66,11 @@ BrowserWindow::Tab::Tab(BrowserWindow* window, orvane::EventLoop* loop,
                          const rpc::DownloadChanged& change) {
                   window->downloads_.Update(path, change);
                 }}),
-      view(loop, socket, IdOf(browser), [this] { page.Connect(); }) {}
+      view(loop, connect, IdOf(browser), [this] { page.Connect(); }) {}
 
 BrowserWindow::BrowserWindow(GtkApplication* application,
-                             orvane::EventLoop* loop, const std::string& socket,
+                             orvane::EventLoop* loop,
+                             const orvane::host::Connector& connect,
                              const std::vector<std::uint64_t>& browsers)
     : window_(gtk_application_window_new(application)),
       bar_(gtk_box_new(GTK_ORIENTATION_HORIZONTAL, kSpace)),
@@ -108,7 +110,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
   Enable("next-tab", has_tabs);
   Enable("previous-tab", has_tabs);
   for (const std::uint64_t browser : browsers) {
-    tabs_.push_back(std::make_unique<Tab>(this, loop, socket, browser));
+    tabs_.push_back(std::make_unique<Tab>(this, loop, connect, browser));
     GtkWidget* const head = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, kSpace);
     gtk_box_append(GTK_BOX(head), tabs_.back()->icon);
     gtk_box_append(GTK_BOX(head), tabs_.back()->label);

@@ -18,6 +18,8 @@
 
 #include "examples/gtk_host/browser_window.h"
 #include "examples/gtk_host/signals.h"
+#include "host/connector.h"
+#include "host/widget_process.h"
 #include "orvane/client.h"
 #include "zimbrel/src/core/common/rpc/main_loops/glib_source.h"
 #include "zimbrel/src/core/common/rpc/version.h"
@@ -30,14 +32,19 @@ constexpr int kExitUsage = 2;
 // How long the end may wait for widgets to be told of it.
 constexpr absl::Duration kFarewell = absl::Milliseconds(100);
 
+// What a widget that this program has started may take to end.
+constexpr absl::Duration kWidgetFarewell = absl::Seconds(5);
+
 struct Options {
   std::string socket = orvane::DefaultSocketPath("widget");
+  std::vector<std::string> command;  // Of a widget to start. Empty: connect.
   std::vector<std::uint64_t> browsers;
 };
 
 void PrintHelp() {
   std::cout
       << "Usage: gtk_host [OPTION]... [SOCKET]\n"
+         "       gtk_host [OPTION]... --start -- PROGRAM [ARGUMENT]...\n"
          "Shows browsers in a window, one in each tab.\n"
          "\n"
          "SOCKET is where the widget listens\n"
@@ -46,6 +53,8 @@ void PrintHelp() {
       << "). If it ends, the window waits for\n"
          "the next one.\n"
          "\n"
+         "  --start      start the widget PROGRAM, which nobody else can\n"
+         "               connect to, and start it again if it ends\n"
          "  --browser N  show browser N; once for each tab (default 1)\n"
          "  --help       print this and exit\n"
          "  --version    print the version and exit\n"
@@ -56,8 +65,8 @@ void PrintHelp() {
          "history, F5 or Ctrl+R to reload. All other keys go to\n"
          "the page.\n"
          "\n"
-         "Exit code: 0 after the window was closed, 1 without a display,\n"
-         "2 for wrong usage.\n";
+         "Exit code: 0 after the window was closed, 1 without a display or if\n"
+         "PROGRAM cannot be started, 2 for wrong usage.\n";
 }
 
 [[noreturn]] void RefuseUsage() {
@@ -83,9 +92,11 @@ std::uint64_t ParseBrowser(const char* text,
 Options ParseOptions(int argc, char** argv) {
   const option known[] = {{"browser", required_argument, nullptr, 'b'},
                           {"help", no_argument, nullptr, 'h'},
+                          {"start", no_argument, nullptr, 's'},
                           {"version", no_argument, nullptr, 'v'},
                           {}};
   Options options;
+  bool starts = false;
   int found = 0;
   while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
     switch (found) {
@@ -95,12 +106,23 @@ Options ParseOptions(int argc, char** argv) {
       case 'h':
         PrintHelp();
         std::exit(EXIT_SUCCESS);
+      case 's':
+        starts = true;
+        break;
       case 'v':
         std::cout << "gtk_host " << orvane::kVersion << "\n";
         std::exit(EXIT_SUCCESS);
       default:
         RefuseUsage();  // getopt_long has printed what is wrong.
     }
+  }
+  if (starts) {
+    options.command.assign(argv + optind, argv + argc);
+    if (options.command.empty()) {
+      std::cerr << "gtk_host: --start is followed by -- and a program\n";
+      RefuseUsage();
+    }
+    optind = argc;
   }
   if (optind < argc) options.socket = argv[optind++];
   if (optind < argc) {
@@ -123,16 +145,29 @@ class Program {
   ~Program() { g_object_unref(application_); }
 
   int Run() {
+    if (!options_.command.empty()) {
+      auto widget = orvane::host::WidgetProcess::Start(
+          &loop_, {.command = options_.command});
+      if (!widget.ok()) {
+        std::cerr << "gtk_host: " << widget.status().message() << "\n";
+        return EXIT_FAILURE;
+      }
+      widget_ = *std::move(widget);
+      connect_ = widget_->connector();
+    }
     const orvane::GlibSource source(&loop_, nullptr, GDK_PRIORITY_REDRAW + 10);
     for (const int signal : {SIGINT, SIGTERM})
       g_unix_signal_add(signal, &Program::OnSignal, this);
-    return g_application_run(G_APPLICATION(application_), 0, nullptr);
+    const int ended =
+        g_application_run(G_APPLICATION(application_), 0, nullptr);
+    if (widget_ != nullptr) EndWidget();
+    return ended;
   }
 
  private:
   void Start() {
-    window_ = std::make_unique<BrowserWindow>(
-        application_, &loop_, options_.socket, options_.browsers);
+    window_ = std::make_unique<BrowserWindow>(application_, &loop_, connect_,
+                                              options_.browsers);
     Connect<&Program::OnClose>(window_->window(), "close-request", this);
   }
   static gboolean OnSignal(gpointer self) {
@@ -147,9 +182,18 @@ class Program {
     return FALSE;  // GTK closes it.
   }
 
+  void EndWidget() {
+    bool has_ended = false;
+    widget_->Stop(kWidgetFarewell, [&has_ended] { has_ended = true; });
+    loop_.RunUntil([&has_ended] { return has_ended; });
+  }
+
   const Options options_;
   GtkApplication* const application_;
   orvane::EventLoop loop_;
+  std::unique_ptr<orvane::host::WidgetProcess> widget_;
+  orvane::host::Connector connect_ =
+      orvane::host::ConnectorTo(&loop_, options_.socket);
   std::unique_ptr<BrowserWindow> window_;
 };
 

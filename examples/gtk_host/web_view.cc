@@ -60,7 +60,8 @@ graphene_rect_t RectangleOf(const rpc::RectDip& rect) {
 
 }  // namespace
 
-WebView::WebView(orvane::EventLoop* loop, const std::string& socket,
+WebView::WebView(orvane::EventLoop* loop,
+                 const orvane::host::Connector& connect,
                  const BrowserId& browser, std::function<void()> on_connected)
     : canvas_(NewCanvas(this)),
       canvas_reference_(g_object_ref_sink(canvas_), g_object_unref),
@@ -71,7 +72,7 @@ WebView::WebView(orvane::EventLoop* loop, const std::string& socket,
           GTK_EVENT_CONTROLLER_SCROLL_BOTH_AXES)),
       input_method_(gtk_im_multicontext_new()),
       popups_(canvas_),
-      view_(loop, {.socket = socket, .browser = browser},
+      view_(loop, {.connect = connect, .browser = browser},
             {.on_connected =
                  [this, browser, then = std::move(on_connected)](auto& widget) {
                    popups_.Serve(widget, browser);

@@ -28,7 +28,7 @@ namespace gtk_host {
 class WebView {
  public:
   // `on_connected` runs for each widget process that comes.
-  WebView(orvane::EventLoop* loop, const std::string& socket,
+  WebView(orvane::EventLoop* loop, const orvane::host::Connector& connect,
           const BrowserId& browser, std::function<void()> on_connected);
   WebView(const WebView&) = delete;
   WebView& operator=(const WebView&) = delete;

@@ -5,10 +5,10 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "absl/status/status.h"
 #include "absl/time/time.h"
 
 #include "examples/widget_server/browsers_service.h"
+#include "examples/widget_server/endpoints.h"
 #include "examples/widget_server/options.h"
 #include "examples/widget_server/widget_service.h"
 #include "orvane/server.h"
@@ -30,14 +30,17 @@ int main(int argc, char** argv) {
   widget_server::WidgetService service(options.browsers);
   widget_server::BrowsersService browsers(&service);
   orvane::SocketServer server(&loop, {&service, &browsers});
-  loop.OnSignal({SIGINT, SIGTERM}, [&loop, &server] {
+  const auto shut_down = [&loop, &server] {
     server.Shutdown(kShutdownBound, [&loop] { loop.Stop(); });
-  });
-  if (const absl::Status status = server.Listen(options.socket); !status.ok()) {
-    std::cerr << "widget_server: " << status.message() << "\n";
+  };
+  loop.OnSignal({SIGINT, SIGTERM}, shut_down);
+  const auto where =
+      widget_server::Serve(options.endpoints, &server, shut_down);
+  if (!where.ok()) {
+    std::cerr << "widget_server: " << where.status().message() << "\n";
     return EXIT_FAILURE;
   }
-  std::cout << "widget_server listens at " << options.socket << std::endl;
+  std::cout << "widget_server " << *where << std::endl;
   loop.Run();
   return EXIT_SUCCESS;
 }

@@ -18,19 +18,27 @@ constexpr int kExitUsage = 2;
 
 void PrintHelp() {
   const Options defaults;
-  std::cout << "Usage: widget_server [OPTION]...\n"
-               "Serves browser widgets without a browser engine.\n"
-               "\n"
-               "  --socket PATH  listen at PATH, in a folder private to you\n"
-               "                 (default "
-            << defaults.socket << ")\n"
-            << "  --browsers N   serve the browsers 1 to N, at most "
-            << kMaxBrowsers << " (default " << defaults.browsers << ")\n"
-            << "  --help         print this and exit\n"
-               "  --version      print the version and exit\n"
-               "\n"
-               "Exit code: 0 after SIGINT or SIGTERM, 1 if it cannot listen,\n"
-               "2 for wrong usage.\n";
+  std::cout
+      << "Usage: widget_server [OPTION]...\n"
+         "Serves browser widgets without a browser engine.\n"
+         "\n"
+         "  --socket PATH  listen at PATH, in a folder private to you\n"
+         "                 (default "
+      << orvane::DefaultSocketPath("widget")
+      << ",\n"
+         "                 unless there is an inherited socket)\n"
+         "  --descriptor N serve who is behind descriptor N, an inherited\n"
+         "                 socket; may be given several times\n"
+         "  --browsers N   serve the browsers 1 to N, at most "
+      << kMaxBrowsers << " (default " << defaults.browsers << ")\n"
+      << "  --help         print this and exit\n"
+         "  --version      print the version and exit\n"
+         "\n"
+         "Sockets of a service manager (LISTEN_FDS) are served too.\n"
+         "\n"
+         "Exit code: 0 after SIGINT or SIGTERM, or once nobody is behind\n"
+         "the inherited sockets; 1 if it cannot listen, 2 for wrong "
+         "usage.\n";
 }
 
 [[noreturn]] void RefuseUsage() {
@@ -53,10 +61,17 @@ int ParseBrowsers(absl::string_view text) {
                            ", not '", text, "'"));
 }
 
+int DescriptorOf(absl::string_view text) {
+  const absl::StatusOr<int> descriptor = ParseDescriptor(text);
+  if (!descriptor.ok()) RefuseUsage(descriptor.status().message());
+  return *descriptor;
+}
+
 }  // namespace
 
 Options ParseOptions(int argc, char** argv) {
   const option known[] = {{"socket", required_argument, nullptr, 's'},
+                          {"descriptor", required_argument, nullptr, 'd'},
                           {"browsers", required_argument, nullptr, 'b'},
                           {"help", no_argument, nullptr, 'h'},
                           {"version", no_argument, nullptr, 'v'},
@@ -66,7 +81,10 @@ Options ParseOptions(int argc, char** argv) {
   while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
     switch (found) {
       case 's':
-        options.socket = optarg;
+        options.endpoints.socket = optarg;
+        break;
+      case 'd':
+        options.endpoints.descriptors.push_back(DescriptorOf(optarg));
         break;
       case 'b':
         options.browsers = ParseBrowsers(optarg);
@@ -84,6 +102,7 @@ Options ParseOptions(int argc, char** argv) {
   if (optind < argc) {
     RefuseUsage(absl::StrCat("unexpected argument '", argv[optind], "'"));
   }
+  AddInheritedSockets(&options.endpoints);
   return options;
 }
 

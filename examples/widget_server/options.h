@@ -3,16 +3,14 @@
 #ifndef EXAMPLES_WIDGET_SERVER_OPTIONS_H_
 #define EXAMPLES_WIDGET_SERVER_OPTIONS_H_
 
-#include <string>
-
-#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+#include "examples/widget_server/endpoints.h"
 
 namespace widget_server {
 
 inline constexpr int kMaxBrowsers = 100;
 
 struct Options {
-  std::string socket = orvane::DefaultSocketPath("widget");
+  Endpoints endpoints;
   int browsers = 3;  // From 1 to kMaxBrowsers.
 };
 

@@ -1,7 +1,10 @@
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,6 +20,7 @@
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 #include "zimbrel/src/core/common/rpc/version.h"
 
 namespace {
@@ -60,6 +64,16 @@ class WidgetServerTest : public ::testing::Test {
   const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
 };
+
+// A shell whose descriptor 3 is `socket` becomes the program.
+std::unique_ptr<ChildProcess> StartWith(int socket,
+                                        const std::string& arguments,
+                                        const std::string& variables = "") {
+  return std::make_unique<ChildProcess>(std::vector<std::string>{
+      "/bin/bash", "-c",
+      "exec 3<&" + std::to_string(::dup(socket)) + "; " + variables +
+          " exec " WIDGET_SERVER " " + arguments});
+}
 
 TEST_F(WidgetServerTest, ServesCalls) {
   const auto server = Serve();
@@ -249,6 +263,69 @@ TEST_F(WidgetServerTest, RefusesWhatIsNoOption) {
   EXPECT_EQ(result.errors,
             "widget_server: unexpected argument 'widget.sock'\n"
             "See widget_server --help.\n");
+}
+
+// Inherited sockets
+
+TEST_F(WidgetServerTest, ServesTheClientOfAnInheritedSocketUntilItLeaves) {
+  auto pair = orvane::ConnectedPair();
+  ASSERT_TRUE(pair.ok()) << pair.status();
+  const auto server = StartWith(pair->first.get(), "--descriptor 3");
+  EXPECT_EQ(server->ReadLine(), "widget_server serves 1 inherited socket");
+  auto client = orvane::SocketClient::Adopt(&loop_, pair->second.Release());
+  ASSERT_TRUE(client.ok()) << client.status();
+  EXPECT_EQ(CallByName(client->get(), "Unfocus", "value: 3"), absl::OkStatus());
+  client->reset();
+  EXPECT_EQ(server->Wait().exit_code, EXIT_SUCCESS);
+}
+
+TEST_F(WidgetServerTest, EndsWhenNobodyCanConnectAnyMore) {
+  std::optional<orvane::DescriptorPair> channel;
+  {
+    auto pair = orvane::ChannelPair();
+    ASSERT_TRUE(pair.ok()) << pair.status();
+    channel.emplace(*std::move(pair));
+  }
+  const auto server = StartWith(channel->first.get(), "--descriptor 3");
+  server->ReadLine();
+  channel.reset();
+  EXPECT_EQ(server->Wait().exit_code, EXIT_SUCCESS);
+}
+
+TEST_F(WidgetServerTest, ListensOnForOthersWhenAnInheritedSocketEnds) {
+  auto pair = orvane::ConnectedPair();
+  ASSERT_TRUE(pair.ok()) << pair.status();
+  const auto server =
+      StartWith(pair->first.get(), "--descriptor 3 --socket " + socket_);
+  EXPECT_EQ(server->ReadLine(), "widget_server listens at " + socket_);
+  pair = absl::CancelledError();
+  EXPECT_EQ(CallByName(Connect().get(), "Unfocus", "value: 3"),
+            absl::OkStatus());
+}
+
+TEST_F(WidgetServerTest, ServesTheListeningSocketOfAServiceManager) {
+  auto listening = orvane::ListeningSocket::Open(socket_);
+  ASSERT_TRUE(listening.ok()) << listening.status();
+  const orvane::OwnedDescriptor socket(listening->ReleaseDescriptor());
+  const auto server = StartWith(socket.get(), "", "LISTEN_PID=$$ LISTEN_FDS=1");
+  EXPECT_EQ(CallByName(Connect().get(), "Unfocus", "value: 3"),
+            absl::OkStatus());
+  server->Signal(SIGTERM);
+  EXPECT_EQ(server->Wait().exit_code, EXIT_SUCCESS);
+}
+
+TEST_F(WidgetServerTest, RefusesADescriptorThatIsNoSocket) {
+  const ChildProcess::Result result = Run({"--descriptor", "0"});
+  EXPECT_EQ(result.exit_code, EXIT_FAILURE);
+  EXPECT_THAT(result.errors, StartsWith("widget_server: descriptor 0"));
+}
+
+TEST_F(WidgetServerTest, RefusesADescriptorThatIsNoNumber) {
+  const ChildProcess::Result result = Run({"--descriptor", "three"});
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_THAT(result.errors,
+              StartsWith("widget_server: --descriptor takes the number of an "
+                         "inherited socket, not 'three'"));
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
-#include <sys/socket.h>
-
-#include <cerrno>
 #include <optional>
 #include <unordered_map>
 #include <utility>
@@ -12,12 +9,14 @@
 #include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
 
+#include "zimbrel/src/core/common/rpc/transport/server/acceptor.h"
 #include "zimbrel/src/core/common/rpc/transport/server/client_budget.h"
 #include "zimbrel/src/core/common/rpc/transport/server/server_connection.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane {
 
+using internal::Acceptor;
 using internal::ClientBudget;
 using internal::ServerConnection;
 
@@ -43,7 +42,7 @@ class SocketServer::Impl {
   absl::Status Listen(const std::string& path) {
     loop_->CheckServiceThread("SocketServer::Listen");
     if (is_shutting_down_) return ShutDownAlready();
-    if (acceptor_ != nullptr)
+    if (listening_.has_value())
       return absl::FailedPreconditionError("listening already");
     absl::StatusOr<ListeningSocket> listening = ListeningSocket::Open(path);
     if (!listening.ok()) return listening.status();
@@ -51,18 +50,34 @@ class SocketServer::Impl {
         loop_->WatchDescriptor(OwnedDescriptor(listening->ReleaseDescriptor()));
     if (!acceptor.ok()) return acceptor.status();
     listening_.emplace(*std::move(listening));
-    acceptor_ = *std::move(acceptor);
-    AwaitClient();
+    AddAcceptor(Acceptor::Source::kListening, *std::move(acceptor));
     return absl::OkStatus();
   }
 
-  absl::Status Adopt(OwnedDescriptor descriptor) {
+  absl::Status Adopt(OwnedDescriptor descriptor, Task on_end) {
     loop_->CheckServiceThread("SocketServer::Adopt");
     if (is_shutting_down_) return ShutDownAlready();
-    if (absl::Status status = CheckPeerIsThisUser(descriptor.get());
-        !status.ok())
-      return status;
-    return Serve(std::move(descriptor));
+    const absl::StatusOr<SocketKind> kind = KindOfSocket(descriptor.get());
+    if (!kind.ok()) return kind.status();
+    if (*kind != SocketKind::kListening) {
+      absl::Status peer = CheckPeerIsThisUser(descriptor.get());
+      if (!peer.ok()) return peer;
+    }
+    absl::StatusOr<std::unique_ptr<EventLoop::Watch>> socket =
+        loop_->WatchDescriptor(std::move(descriptor));
+    if (!socket.ok()) return socket.status();
+    switch (*kind) {
+      case SocketKind::kConnected:
+        return Serve(*std::move(socket), std::move(on_end));
+      case SocketKind::kListening:
+        AddAcceptor(Acceptor::Source::kListening, *std::move(socket));
+        break;
+      case SocketKind::kChannel:
+        AddAcceptor(Acceptor::Source::kChannel, *std::move(socket),
+                    std::move(on_end));
+        break;
+    }
+    return absl::OkStatus();
   }
 
   void Shutdown(absl::Duration within, Task done) {
@@ -96,56 +111,54 @@ class SocketServer::Impl {
   }
 
  private:
-  void AwaitClient() {
-    acceptor_->WhenReadable([this] { Accept(); });
+  void AddAcceptor(Acceptor::Source source,
+                   std::unique_ptr<EventLoop::Watch> socket,
+                   Task on_end = nullptr) {
+    acceptors_.push_back(std::make_unique<Acceptor>(
+        loop_, source, std::move(socket),
+        [this](OwnedDescriptor client) { Take(std::move(client)); },
+        std::move(on_end)));
   }
 
-  // Accepts one client in each task, so that a crowd of new ones does not delay
-  // those that are connected.
-  void Accept() {
-    OwnedDescriptor socket(
-        ::accept4(acceptor_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (socket.get() < 0) {
-      if (errno == EAGAIN) return AwaitClient();
-      // Usually no descriptor is left; the client stays in the queue and is
-      // tried again later.
-      const bool tries_at_once = errno == EINTR || errno == ECONNABORTED;
-      next_accept_ =
-          loop_->RunAfter(tries_at_once ? absl::ZeroDuration() : kAcceptRetry,
-                          [this] { Accept(); });
-      return;
-    }
-    absl::Status served = CheckPeerIsThisUser(socket.get());
-    if (served.ok()) served = Serve(std::move(socket));
-    if (!served.ok()) {
-      ++counters_.thrown_out;
-      LOG_EVERY_N_SEC(WARNING, 1)
-          << "a client was refused: " << served.message();
-    }
-    next_accept_ = loop_->RunAfter(absl::ZeroDuration(), [this] { Accept(); });
-  }
-
-  absl::Status Serve(OwnedDescriptor descriptor) {
+  absl::Status Admit(OwnedDescriptor client) {
+    if (absl::Status peer = CheckPeerIsThisUser(client.get()); !peer.ok())
+      return peer;
     absl::StatusOr<std::unique_ptr<EventLoop::Watch>> socket =
-        loop_->WatchDescriptor(std::move(descriptor));
+        loop_->WatchDescriptor(std::move(client));
     if (!socket.ok()) return socket.status();
+    return Serve(*std::move(socket));
+  }
+
+  void Take(OwnedDescriptor client) {
+    const absl::Status served = Admit(std::move(client));
+    if (served.ok()) return;
+    ++counters_.thrown_out;
+    LOG_EVERY_N_SEC(WARNING, 1) << "a client was refused: " << served.message();
+  }
+
+  absl::Status Serve(std::unique_ptr<EventLoop::Watch> socket,
+                     Task on_end = nullptr) {
     if (connections_.size() >= limits_.max_connections) MakeRoom();
     if (connections_.size() >= limits_.max_connections) {
       absl::Status why = absl::ResourceExhaustedError(absl::StrCat(
           connections_.size(), " clients are connected; the limit is ",
           limits_.max_connections));
-      ServerConnection::Refuse(*std::move(socket), why);
+      ServerConnection::Refuse(std::move(socket), why);
       return why;
     }
     const int id = next_id_++;
-    connections_.emplace(
-        id, std::make_unique<ServerConnection>(
-                loop_, services_, limits_,
-                std::make_unique<ClientBudget>(budget_), &counters_,
-                *std::move(socket), [this, id, alive = std::weak_ptr(alive_)] {
-                  connections_.extract(id);
-                  if (!alive.expired()) FinishIfAllHaveLeft();
-                }));
+    connections_.emplace(id, std::make_unique<ServerConnection>(
+                                 loop_, services_, limits_,
+                                 std::make_unique<ClientBudget>(budget_),
+                                 &counters_, std::move(socket),
+                                 [this, id, alive = std::weak_ptr(alive_),
+                                  on_end = std::move(on_end)]() mutable {
+                                   connections_.extract(id);
+                                   if (alive.expired()) return;
+                                   if (!is_shutting_down_)
+                                     PostForMe(std::move(on_end));
+                                   FinishIfAllHaveLeft();
+                                 }));
     return absl::OkStatus();
   }
 
@@ -176,8 +189,7 @@ class SocketServer::Impl {
   }
 
   void StopListening() {
-    next_accept_.reset();
-    acceptor_.reset();
+    acceptors_.clear();
     listening_.reset();
   }
 
@@ -200,13 +212,17 @@ class SocketServer::Impl {
   void FinishIfAllHaveLeft() {
     if (!connections_.empty() || !done_) return;
     cut_off_.reset();
-    loop_->Post([alive = std::weak_ptr(alive_),
-                 done = std::exchange(done_, nullptr)]() mutable {
-      if (!alive.expired()) std::move(done)();
-    });
+    PostForMe(std::exchange(done_, nullptr));
   }
 
-  static constexpr absl::Duration kAcceptRetry = absl::Milliseconds(100);
+  // Unless the server is gone by then.
+  void PostForMe(Task task) {
+    if (!task) return;
+    loop_->Post(
+        [alive = std::weak_ptr(alive_), task = std::move(task)]() mutable {
+          if (!alive.expired()) std::move(task)();
+        });
+  }
 
   EventLoop* const loop_;
   const internal::ServingScope serving_{loop_};
@@ -215,10 +231,9 @@ class SocketServer::Impl {
   const std::shared_ptr<ClientBudget::Total> budget_;
   ServerCounters counters_;
   const std::shared_ptr<char> alive_ = std::make_shared<char>();
-  // Removes the socket file, after the acceptor below has been closed.
+  // Removes the socket file, after the acceptors below have been closed.
   std::optional<ListeningSocket> listening_;
-  std::unique_ptr<EventLoop::Watch> acceptor_;
-  std::unique_ptr<EventLoop::Timer> next_accept_;
+  std::vector<std::unique_ptr<Acceptor>> acceptors_;
   bool is_shutting_down_ = false;
   std::unique_ptr<EventLoop::Timer> cut_off_;
   Task done_;  // Set from Shutdown() until it has been posted.
@@ -240,8 +255,8 @@ absl::Status SocketServer::Listen(const std::string& path) {
   return impl_->Listen(path);
 }
 
-absl::Status SocketServer::Adopt(int descriptor) {
-  return impl_->Adopt(OwnedDescriptor(descriptor));
+absl::Status SocketServer::Adopt(int descriptor, Task on_end) {
+  return impl_->Adopt(OwnedDescriptor(descriptor), std::move(on_end));
 }
 
 void SocketServer::Shutdown(absl::Duration within, Task done) {

@@ -67,11 +67,24 @@ class SocketServer {
   // fails.
   absl::Status Listen(const std::string& path);
 
-  // Serves the client at the other end of a connected stream socket, such as
-  // one of a socketpair() or an inherited one. Takes ownership of the
-  // descriptor, even on error. Fails if the peer runs as another user, if too
-  // many clients are connected, or if this is not such a socket.
-  absl::Status Adopt(int descriptor);
+  // Serves whoever is behind a Unix-domain socket that the process has
+  // inherited, or made:
+  //
+  // - a connected stream socket, such as one of a socketpair(): the client at
+  //   its other end;
+  // - a listening stream socket, such as a service manager passes: the clients
+  //   that connect to it. Its file stays when the server ends;
+  // - a connected SOCK_SEQPACKET socket: the clients whose connected stream
+  //   sockets the process at its other end sends over it (see ChannelPair).
+  //
+  // Takes ownership of the descriptor, even on error. Fails if the peer runs as
+  // another user, if too many clients are connected, or if this is not such a
+  // socket.
+  //
+  // `on_end` runs once, as a task of the loop, when that client has left, or
+  // nobody can send others over the socket any more; not after Shutdown, and
+  // never for a listening socket.
+  absl::Status Adopt(int descriptor, Task on_end = nullptr);
 
   // Stops listening, removes the socket file, completes every stream, which the
   // client is told, and refuses new calls. A connection ends when its calls

@@ -17,6 +17,7 @@
 #include <system_error>
 #include <utility>
 
+#include "absl/strings/numbers.h"
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
 
@@ -55,6 +56,13 @@ absl::StatusOr<OwnedDescriptor> NewSocket() {
   OwnedDescriptor descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (descriptor.get() < 0) return SystemError("cannot make a socket");
   return descriptor;
+}
+
+absl::StatusOr<DescriptorPair> NewPair(int type) {
+  std::array<int, 2> ends{};
+  if (::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends.data()) != 0)
+    return SystemError("cannot make a pair of sockets");
+  return DescriptorPair(ends[0], ends[1]);
 }
 
 using FileId = std::pair<dev_t, ino_t>;
@@ -343,12 +351,81 @@ absl::StatusOr<OwnedDescriptor> ConnectTo(const std::string& path) {
                    absl::StrCat("no server listens at ", reason));
 }
 
-absl::StatusOr<std::pair<OwnedDescriptor, OwnedDescriptor>> ConnectedPair() {
-  std::array<int, 2> ends{};
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-    return SystemError("cannot make a pair of sockets");
+absl::StatusOr<DescriptorPair> ConnectedPair() { return NewPair(SOCK_STREAM); }
+
+absl::StatusOr<DescriptorPair> ChannelPair() { return NewPair(SOCK_SEQPACKET); }
+
+absl::StatusOr<OwnedDescriptor> ConnectThrough(int channel) {
+  absl::StatusOr<DescriptorPair> pair = ConnectedPair();
+  if (!pair.ok()) return pair.status();
+  char byte = 0;
+  iovec text = {&byte, sizeof byte};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message = {};
+  message.msg_iov = &text;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  cmsghdr* const part = CMSG_FIRSTHDR(&message);
+  part->cmsg_level = SOL_SOCKET;
+  part->cmsg_type = SCM_RIGHTS;
+  part->cmsg_len = CMSG_LEN(sizeof(int));
+  const int passed = pair->second.get();
+  std::memcpy(CMSG_DATA(part), &passed, sizeof passed);
+  if (TEMP_FAILURE_RETRY(
+          ::sendmsg(channel, &message, MSG_NOSIGNAL | MSG_DONTWAIT)) >= 0)
+    return std::move(pair->first);
+  if (errno == EAGAIN || errno == ETOOMANYREFS) {
+    return absl::UnavailableError(
+        "the server does not take the connections that wait for it");
   }
-  return std::make_pair(OwnedDescriptor(ends[0]), OwnedDescriptor(ends[1]));
+  const int error = errno;
+  return absl::UnavailableError(
+      absl::StrCat("no server takes connections: ", std::strerror(error)));
+}
+
+std::vector<OwnedDescriptor> TakeInheritedSockets() {
+  constexpr int kFirst = 3;
+  const auto number = [](const char* variable) {
+    const char* const text = std::getenv(variable);
+    int value = 0;
+    return text != nullptr && absl::SimpleAtoi(text, &value) ? value : 0;
+  };
+  const int count =
+      number("LISTEN_PID") == ::getpid() ? number("LISTEN_FDS") : 0;
+  for (const char* const variable :
+       {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"})
+    ::unsetenv(variable);
+  std::vector<OwnedDescriptor> sockets;
+  for (int i = 0; i < count; ++i) {
+    // Not for programs that this one starts.
+    if (::fcntl(kFirst + i, F_SETFD, FD_CLOEXEC) != 0) break;
+    sockets.emplace_back(kFirst + i);
+  }
+  return sockets;
+}
+
+absl::StatusOr<SocketKind> KindOfSocket(int descriptor) {
+  const auto option = [descriptor](int name) -> absl::StatusOr<int> {
+    int value = 0;
+    socklen_t size = sizeof value;
+    if (::getsockopt(descriptor, SOL_SOCKET, name, &value, &size) != 0)
+      return SystemError(absl::StrCat("descriptor ", descriptor));
+    return value;
+  };
+  const auto domain = option(SO_DOMAIN);
+  const auto type = option(SO_TYPE);
+  const auto listens = option(SO_ACCEPTCONN);
+  for (const auto* known : {&domain, &type, &listens}) {
+    if (!known->ok()) return known->status();
+  }
+  if (*domain == AF_UNIX && *type == SOCK_STREAM)
+    return *listens != 0 ? SocketKind::kListening : SocketKind::kConnected;
+  if (*domain == AF_UNIX && *type == SOCK_SEQPACKET && *listens == 0)
+    return SocketKind::kChannel;
+  return absl::InvalidArgumentError(absl::StrCat(
+      "descriptor ", descriptor,
+      " is not a Unix-domain socket of a kind that can be served"));
 }
 
 absl::Status CheckPeerIsThisUser(int descriptor) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
@@ -58,9 +59,34 @@ class ListeningSocket {
 // connections is full.
 absl::StatusOr<OwnedDescriptor> ConnectTo(const std::string& path);
 
+using DescriptorPair = std::pair<OwnedDescriptor, OwnedDescriptor>;
+
 // Two sockets connected to each other: for a server and a client in one
 // process, as in tests, or for a child process that inherits one of them.
-absl::StatusOr<std::pair<OwnedDescriptor, OwnedDescriptor>> ConnectedPair();
+absl::StatusOr<DescriptorPair> ConnectedPair();
+
+// Two ends of a channel over which connections are passed, so that a child
+// process that inherits one of them can be connected to again and again: its
+// server adopts that end. No path on disk is needed, and no time: connections
+// wait in the channel until the server takes them.
+absl::StatusOr<DescriptorPair> ChannelPair();
+
+// Connects to the server that has, or will have, adopted the other end of a
+// channel. Never blocks. kUnavailable if nobody has that end any more, or if
+// more connections wait there than it holds.
+absl::StatusOr<OwnedDescriptor> ConnectThrough(int channel);
+
+// The sockets that a service manager passes to this process, in its order: the
+// descriptors from 3 on that LISTEN_FDS counts if LISTEN_PID names this
+// process. Both variables are removed from the environment, so that no program
+// that this one starts takes them for its own. Called before other threads
+// read the environment.
+std::vector<OwnedDescriptor> TakeInheritedSockets();
+
+enum class SocketKind { kConnected, kListening, kChannel };
+
+// An error in words if this is no Unix-domain socket that a server can adopt.
+absl::StatusOr<SocketKind> KindOfSocket(int descriptor);
 
 // OK if the process at the other end of a connected socket runs as this user or
 // as root; otherwise kPermissionDenied, with both users' ids.

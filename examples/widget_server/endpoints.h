@@ -1,0 +1,39 @@
+// Where a widget's hosts come from.
+
+#ifndef EXAMPLES_WIDGET_SERVER_ENDPOINTS_H_
+#define EXAMPLES_WIDGET_SERVER_ENDPOINTS_H_
+
+#include <string>
+#include <vector>
+
+#include "absl/status/status.h"
+#include "absl/status/statusor.h"
+#include "absl/strings/string_view.h"
+
+#include "orvane/server.h"
+
+namespace widget_server {
+
+struct Endpoints {
+  std::string socket = "";       // A path. Empty: none was given.
+  std::vector<int> descriptors;  // Of inherited sockets.
+};
+
+// Of an inherited socket, from the command line.
+absl::StatusOr<int> ParseDescriptor(absl::string_view text);
+
+// Adds those that a service manager passes (see TakeInheritedSockets).
+void AddInheritedSockets(Endpoints* endpoints);
+
+// Serves the hosts of the inherited sockets and those that connect to `socket`.
+// If neither is given, it listens at the default path. Returns in words where.
+//
+// `on_abandoned` runs once nobody can connect any more: every inherited socket
+// has been left by the process at its other end. Never if the server listens.
+absl::StatusOr<std::string> Serve(const Endpoints& endpoints,
+                                  orvane::SocketServer* server,
+                                  orvane::Task on_abandoned);
+
+}  // namespace widget_server
+
+#endif  // EXAMPLES_WIDGET_SERVER_ENDPOINTS_H_

@@ -1,0 +1,249 @@
+#include "host/widget_process.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "absl/strings/match.h"
+#include "absl/strings/str_cat.h"
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.client.h"
+#include "zimbrel/src/core/common/rpc/testing/keys.h"
+#include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
+
+namespace orvane::host {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using State = WidgetProcessState;
+
+// Runs the toy widget's program, whose path is WIDGET_SERVER.
+class WidgetProcessTest : public ::testing::Test {
+ protected:
+  void Start(WidgetProcessOptions options) {
+    auto process =
+        WidgetProcess::Start(&loop_, std::move(options),
+                             [this](State state, const absl::Status& why) {
+                               states_.push_back(state);
+                               whys_.emplace_back(why.message());
+                             });
+    ASSERT_TRUE(process.ok()) << process.status();
+    process_ = *std::move(process);
+  }
+  void StartWidget() {
+    Start({.command = {WIDGET_SERVER}, .first_pause = absl::Milliseconds(1)});
+  }
+
+  void Await(State state) {
+    ASSERT_TRUE(loop_.RunUntil(
+        [&] { return !states_.empty() && states_.back() == state; }));
+  }
+
+  // Whether the widget answers over a new connection.
+  bool Answers() {
+    auto connection = process_->Connect();
+    EXPECT_TRUE(connection.ok()) << connection.status();
+    if (!connection.ok()) return false;
+    rpc::BrowserWidgetRpcClient widget(connection->get());
+    return widget.Unfocus(testing::Browser(1)).ok();
+  }
+
+  EventLoop loop_;
+  std::vector<State> states_;
+  std::vector<std::string> whys_;
+  std::unique_ptr<WidgetProcess> process_;
+};
+
+TEST_F(WidgetProcessTest, IsReachedAsSoonAsItIsStarted) {
+  StartWidget();
+  EXPECT_EQ(process_->state(), State::kRunning);
+  EXPECT_TRUE(Answers());
+  EXPECT_TRUE(Answers());
+  EXPECT_THAT(states_, IsEmpty());
+}
+
+TEST_F(WidgetProcessTest, AProgramIsLookedForInThePath) {
+  Start({.command = {"sh", "-c", "exec \"$0\" \"$@\"", WIDGET_SERVER}});
+  EXPECT_TRUE(Answers());
+}
+
+TEST_F(WidgetProcessTest, AProgramThatDoesNotExistIsToldAtOnce) {
+  const auto process =
+      WidgetProcess::Start(&loop_, {.command = {"/no/such/widget"}});
+  EXPECT_EQ(process.status().message(),
+            "the widget cannot be started: /no/such/widget: No such file or "
+            "directory");
+}
+
+TEST_F(WidgetProcessTest, AnEmptyCommandIsRefused) {
+  EXPECT_TRUE(absl::IsInvalidArgument(
+      WidgetProcess::Start(&loop_, {.command = {}}).status()));
+}
+
+TEST_F(WidgetProcessTest, OneThatDiesIsStartedAgain) {
+  StartWidget();
+  ASSERT_TRUE(Answers());
+  const pid_t first = process_->pid();
+  ::kill(first, SIGKILL);
+  Await(State::kRunning);
+  EXPECT_THAT(states_, ElementsAre(State::kPausing, State::kRunning));
+  EXPECT_EQ(whys_.front(),
+            "the widget was ended by signal 9, Killed; it is started again in "
+            "1ms");
+  EXPECT_NE(process_->pid(), first);
+  EXPECT_TRUE(Answers());
+}
+
+TEST_F(WidgetProcessTest, ConnectionsEndWithTheProcess) {
+  StartWidget();
+  const auto connection = process_->Connect();
+  ASSERT_TRUE(connection.ok()) << connection.status();
+  ::kill(process_->pid(), SIGKILL);
+  EXPECT_TRUE(loop_.RunUntil([&] { return !(*connection)->status().ok(); }));
+  EXPECT_TRUE(absl::IsUnavailable((*connection)->status()));
+}
+
+TEST_F(WidgetProcessTest, ThePausesGrow) {
+  Start({.command = {"false"},
+         .first_pause = absl::Milliseconds(1),
+         .last_pause = absl::Milliseconds(4)});
+  ASSERT_TRUE(loop_.RunUntil([this] { return whys_.size() >= 7; }));
+  for (std::size_t i = 0; i < 7; i += 2) {
+    EXPECT_EQ(whys_[i],
+              absl::StrCat("the widget exited with code 1; it is started "
+                           "again in ",
+                           i == 0   ? "1ms"
+                           : i == 2 ? "2ms"
+                                    : "4ms"));
+  }
+}
+
+TEST_F(WidgetProcessTest, AProgramThatHasGoneIsTriedAgain) {
+  const testing::TemporaryFolder folder;
+  const std::string program = folder.path() + "/widget";
+  std::filesystem::create_symlink(WIDGET_SERVER, program);
+  Start({.command = {program}, .first_pause = absl::Milliseconds(1)});
+  ASSERT_TRUE(Answers());
+  std::filesystem::remove(program);
+  ::kill(process_->pid(), SIGKILL);
+  ASSERT_TRUE(loop_.RunUntil([this] {
+    return !whys_.empty() && absl::StrContains(whys_.back(), "No such file");
+  }));
+  EXPECT_EQ(process_->pid(), 0);
+  std::filesystem::create_symlink(WIDGET_SERVER, program);
+  Await(State::kRunning);
+  EXPECT_TRUE(Answers());
+}
+
+TEST_F(WidgetProcessTest, WhileItPausesConnectingTellsWhy) {
+  Start({.command = {"false"}, .first_pause = absl::Hours(1)});
+  Await(State::kPausing);
+  EXPECT_EQ(process_->Connect().status().message(), whys_.back());
+}
+
+TEST_F(WidgetProcessTest, OneThatHangsCanBeStartedAgain) {
+  StartWidget();
+  ASSERT_TRUE(Answers());
+  ::kill(process_->pid(), SIGSTOP);
+  process_->Restart();
+  Await(State::kRunning);
+  EXPECT_TRUE(Answers());
+}
+
+TEST_F(WidgetProcessTest, APauseCanBeCutShort) {
+  Start({.command = {"false"},
+         .first_pause = absl::Hours(1),
+         .last_pause = absl::Hours(1)});
+  Await(State::kPausing);
+  process_->Restart();
+  Await(State::kRunning);
+}
+
+TEST_F(WidgetProcessTest, StopEndsItInOrder) {
+  StartWidget();
+  ASSERT_TRUE(Answers());
+  bool has_ended = false;
+  process_->Stop(absl::Minutes(1), [&] { has_ended = true; });
+  EXPECT_EQ(process_->state(), State::kEnding);
+  EXPECT_EQ(process_->Connect().status().message(),
+            "the widget has been told to end");
+  ASSERT_TRUE(loop_.RunUntil([&] { return has_ended; }));
+  EXPECT_THAT(states_, ElementsAre(State::kEnding, State::kEnded));
+  EXPECT_EQ(whys_.back(), "the widget exited with code 0");
+  EXPECT_EQ(process_->pid(), 0);
+}
+
+TEST_F(WidgetProcessTest, StopKillsOneThatHangs) {
+  StartWidget();
+  ASSERT_TRUE(Answers());
+  ::kill(process_->pid(), SIGSTOP);
+  bool has_ended = false;
+  process_->Stop(absl::Milliseconds(1), [&] { has_ended = true; });
+  ASSERT_TRUE(loop_.RunUntil([&] { return has_ended; }));
+  EXPECT_EQ(whys_.back(), "the widget was ended by signal 9, Killed");
+}
+
+TEST_F(WidgetProcessTest, StopEndsThePause) {
+  Start({.command = {"false"}, .first_pause = absl::Hours(1)});
+  Await(State::kPausing);
+  bool has_ended = false;
+  process_->Stop(absl::Minutes(1), [&] { has_ended = true; });
+  ASSERT_TRUE(loop_.RunUntil([&] { return has_ended; }));
+  EXPECT_EQ(process_->state(), State::kEnded);
+  process_->Restart();
+  loop_.RunUntilIdle();
+  EXPECT_EQ(process_->state(), State::kEnded);
+}
+
+TEST_F(WidgetProcessTest, MayBeDestroyedWhenToldOfItsEnd) {
+  auto process = WidgetProcess::Start(
+      &loop_, {.command = {"false"}},
+      [this](State, const absl::Status&) { process_ = nullptr; });
+  ASSERT_TRUE(process.ok()) << process.status();
+  process_ = *std::move(process);
+  EXPECT_TRUE(loop_.RunUntil([this] { return process_ == nullptr; }));
+}
+
+TEST_F(WidgetProcessTest, ItsDestructionKillsTheWidget) {
+  StartWidget();
+  ASSERT_TRUE(Answers());
+  const pid_t pid = process_->pid();
+  process_ = nullptr;
+  EXPECT_EQ(::kill(pid, 0), -1);
+}
+
+TEST_F(WidgetProcessTest, InheritsItsSocketAndTheOutputsOnly) {
+  const testing::TemporaryFolder folder;
+  const std::string list = folder.path() + "/list";
+  const int ours = ::dup(STDERR_FILENO);  // Without close-on-exec.
+  Start({.command = {"bash", "-c", "echo /proc/$$/fd/* > " + list},
+         .first_pause = absl::Hours(1)});
+  Await(State::kPausing);
+  ::close(ours);
+  std::ifstream file(list);
+  std::vector<std::string> names;
+  for (std::string path; file >> path;)
+    names.push_back(std::filesystem::path(path).filename());
+  // 255 is the script of the shell itself.
+  std::erase(names, "255");
+  EXPECT_THAT(names, ElementsAre("0", "1", "2", "3"));
+}
+
+TEST_F(WidgetProcessTest, RunsInAGroupOfItsOwn) {
+  StartWidget();
+  EXPECT_EQ(::getpgid(process_->pid()), process_->pid());
+}
+
+}  // namespace
+}  // namespace orvane::host
