@@ -17,6 +17,7 @@
 #include "tools/widgetctl/documented.h"
 #include "tools/widgetctl/json.h"
 #include "tools/widgetctl/methods.h"
+#include "tools/widgetctl/record.h"
 #include "tools/widgetctl/session.h"
 #include "tools/widgetctl/session_runner.h"
 #include "tools/widgetctl/stream_commands.h"
@@ -105,14 +106,13 @@ ExitCode Run(const Options& options, const std::vector<std::string>& file) {
   }
 
   EventLoop loop;
-  const absl::StatusOr<std::unique_ptr<SocketClient>> client =
-      SocketClient::Connect(&loop, options.socket);
-  if (!client.ok()) return Fail(kNoConnection, client.status().message());
-  if (RunSession(*session, options.timeout, loop, **client, std::cout))
-    return kOk;
-  const absl::Status& connection = (*client)->status();
-  if (connection.ok()) return kFailed;
-  return Fail(kNoConnection, orvane::Printable(connection.message()));
+  const SessionOutcome outcome = RunSession(
+      *session, options.timeout, loop,
+      [&] { return SocketClient::Connect(&loop, options.socket); }, std::cout);
+  if (!outcome.connection.ok()) {
+    return Fail(kNoConnection, orvane::Printable(outcome.connection.message()));
+  }
+  return outcome.is_as_expected ? kOk : kFailed;
 }
 
 constexpr Command kCommands[] = {
@@ -183,11 +183,42 @@ expect. `-` reads stdin. A line is blank, a remark, or one of these:
   called OnTakeFocus {"browserId": {"value": 1}, "call": {}}
   end OnTakeFocus 1
 
-A line with `=>` ends with a response, or with the exact text of an error.
-`event` and `called` wait for the next event or call of their method. The session
-fails if something differs, or if something arrives that no line expects.
+  serve OnTakeFocus 1
+  called OnTakeFocus {"call": {}} => {"taken": true}
+
+  allow OnUpdateSurface
+  serve OnUpdateSurface 1 => {"receipt": {"frameId": "${frame.frameId}"}}
+
+  @second Show {"value": 2} => {}
+  @second disconnect
+
+A line with `=>` ends with a response, or with the exact text of an error; with
+`=~` the response may have more fields. `event` and `called` wait for the next
+event or call of their method; if the method is allowed, for one that has these
+fields. "${...}" stands for a field of the call that is answered. What begins
+with @NAME goes over a connection of its own. The session fails if something
+differs, or if something arrives that no line expects or allows.
 )",
      &Run},
+    {"record", "FILE [PATH]", "[--varying NAME]... [--text]", 1, 2,
+     "writes what hosts say as a session",
+     R"(Stands between hosts and the widget like `trace`, and writes FILE, which `run`
+plays back to another widget: what hosts do, and what the widget says.
+
+  widget_server --socket /tmp/behind/widget.sock
+  widgetctl --socket /tmp/behind/widget.sock record bug.session
+  widgetctl run bug.session
+
+Not written are pictures, tokens and times of the widget's, which differ from run
+to run.
+
+  --varying NAME  a field, by its name in JSON, that differs too; or an event
+                  stream, of whose events only the latest counts before the host
+                  does something
+  --text          write what is typed into pages and dialogs; without it, each
+                  character becomes an x
+)",
+     &Record},
     {"trace", "[PATH]",
      "[--json] [--method NAME]... [--browser ID] [--no-payloads]", 0, 1,
      "shows what hosts and the widget say",

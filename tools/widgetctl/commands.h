@@ -47,6 +47,10 @@ struct Options {
   bool no_payloads = false;
   std::vector<std::string> methods = {};
   std::optional<std::uint64_t> browser = std::nullopt;
+
+  // For `record`: see RecorderOptions.
+  std::vector<std::string> varying = {};
+  bool has_text = false;
 };
 
 struct Command {

@@ -64,6 +64,9 @@ std::string Help(const Options& defaults) {
       "  --method NAME      trace: only this method; may be given again\n"
       "  --browser ID       trace: only this browser\n"
       "  --no-payloads      trace: without the messages\n"
+      "  --varying NAME     record: a field, or an event stream, that differs\n"
+      "                     from run to run; may be given again\n"
+      "  --text             record: what is typed, too\n"
       "  --help             print this, or more about a command, and exit\n"
       "  --version          print the version and exit\n"
       "\n"
@@ -122,7 +125,9 @@ absl::string_view ForeignOption(const Command& command,
       {"--json", options.json},
       {"--method", !options.methods.empty()},
       {"--browser", options.browser.has_value()},
-      {"--no-payloads", options.no_payloads}};
+      {"--no-payloads", options.no_payloads},
+      {"--varying", !options.varying.empty()},
+      {"--text", options.has_text}};
   for (const auto& [name, is_given] : given) {
     if (is_given && !absl::StrContains(command.options, name)) return name;
   }
@@ -168,6 +173,8 @@ ExitCode Main(int argc, char** argv) {
                           {"method", required_argument, nullptr, 'm'},
                           {"browser", required_argument, nullptr, 'b'},
                           {"no-payloads", no_argument, nullptr, 'p'},
+                          {"varying", required_argument, nullptr, 'V'},
+                          {"text", no_argument, nullptr, 'x'},
                           {"help", no_argument, nullptr, 'h'},
                           {"version", no_argument, nullptr, 'v'},
                           {}};
@@ -223,6 +230,12 @@ ExitCode Main(int argc, char** argv) {
         break;
       case 'p':
         options.no_payloads = true;
+        break;
+      case 'V':
+        options.varying.emplace_back(optarg);
+        break;
+      case 'x':
+        options.has_text = true;
         break;
       case 'h':
         wants_help = true;

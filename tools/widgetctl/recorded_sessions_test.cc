@@ -41,7 +41,7 @@ std::set<std::string> UsedBy(const std::string& path) {
   for (const SessionLine& line : *lines) {
     const auto* const call = std::get_if<RecordedCall>(&line.content);
     const auto* const step = std::get_if<RecordedStep>(&line.content);
-    if (call != nullptr && call->outcome == RecordedCall::Outcome::kResponse)
+    if (call != nullptr && call->answer.kind != RecordedAnswer::Kind::kError)
       used.insert(call->method);
     if (step != nullptr && (step->verb == RecordedStep::Verb::kEvent ||
                             step->verb == RecordedStep::Verb::kCalled)) {

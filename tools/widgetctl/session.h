@@ -4,6 +4,7 @@
 #define TOOLS_WIDGETCTL_SESSION_H_
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "google/protobuf/descriptor.h"
 #include "google/protobuf/message.h"
 
+#include "tools/widgetctl/answer_template.h"
 #include "tools/widgetctl/call.h"
 #include "tools/widgetctl/session_file.h"
 #include "tools/widgetctl/streams.h"
@@ -23,6 +25,7 @@ namespace widgetctl {
 struct CallStep {
   UnaryCall call;
   Answer expected;
+  bool may_have_more;  // Fields than `expected`.
 };
 
 struct WatchStep {
@@ -31,7 +34,7 @@ struct WatchStep {
 
 struct ServeStep {
   Subscription subscription;
-  Answer answer;  // To every call.
+  std::optional<AnswerTemplate> answer;  // To every call; none: see below.
 };
 
 // The fields that the next event, or call from the widget, must have. It may
@@ -39,24 +42,35 @@ struct ServeStep {
 struct ArrivalStep {
   const google::protobuf::MethodDescriptor* method;
   std::unique_ptr<google::protobuf::Message> expected;
+  std::optional<Answer> answer;  // To the call, of a stream without answers.
 };
 
 struct EndStep {
   Subscription subscription;  // The one that opened the stream.
 };
 
+// What arrives of the method may be unexpected from here on.
+struct AllowStep {
+  const google::protobuf::MethodDescriptor* method;
+};
+
+// Ends the connection, with its streams.
+struct DisconnectStep {};
+
 struct SessionStep {
-  int line;  // Of the file.
-  std::variant<Remark, CallStep, WatchStep, ServeStep, ArrivalStep, EndStep>
+  int line;                // Of the file.
+  std::string connection;  // Its name; empty for the one without.
+  std::variant<Remark, CallStep, WatchStep, ServeStep, ArrivalStep, EndStep,
+               AllowStep, DisconnectStep>
       action;
 };
 
-// Reads the text of a session file. Looks up every method and parses all JSON,
-// so that a session with a mistake does nothing at all. It is an error to open
-// a stream that is open, to end one that is not, and to expect an event or a
-// call of a method that was not watched or served before. An error names its
-// line. A session is about one service: that of `services` which has its first
-// method.
+// Reads the text of a session file. Looks up every method in `services`, at
+// least one, and parses all JSON, so that a session with a mistake does nothing
+// at all. It is an error to open a stream that is open, to end one that is not,
+// to expect an event or a call of a method that was not watched or served
+// before, and to answer a call that its stream answers. An error names its
+// line.
 absl::StatusOr<std::vector<SessionStep>> LoadSession(
     absl::Span<const google::protobuf::ServiceDescriptor* const> services,
     absl::string_view text);

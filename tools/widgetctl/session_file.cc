@@ -1,6 +1,7 @@
 #include "tools/widgetctl/session_file.h"
 
 #include <cstddef>
+#include <optional>
 #include <utility>
 
 #include "absl/status/status.h"
@@ -12,10 +13,7 @@
 namespace widgetctl {
 namespace {
 
-constexpr absl::string_view kArrow = "=>";
-constexpr absl::string_view kServe = "serve";
-
-// The position of the first arrow outside the JSON's strings.
+// Where the arrow outside the JSON's strings begins: `=>` or `=~`.
 std::size_t FindArrow(absl::string_view text) {
   bool in_string = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -23,7 +21,8 @@ std::size_t FindArrow(absl::string_view text) {
       ++i;  // An escaped quote does not end the string.
     } else if (text[i] == '"') {
       in_string = !in_string;
-    } else if (!in_string && text.substr(i, kArrow.size()) == kArrow) {
+    } else if (!in_string && text[i] == '=' && i + 1 < text.size() &&
+               (text[i + 1] == '>' || text[i + 1] == '~')) {
       return i;
     }
   }
@@ -39,88 +38,127 @@ std::pair<absl::string_view, absl::string_view> SplitWord(
   return {parts.first, absl::StripLeadingAsciiWhitespace(parts.second)};
 }
 
-// Parses METHOD JSON => ANSWER. `subject` and `request` are for the errors:
-// what the line is, such as "a call", and what the JSON is.
-absl::StatusOr<RecordedCall> ParseAnswered(absl::string_view line,
-                                           absl::string_view subject,
-                                           absl::string_view request) {
-  const std::size_t arrow = FindArrow(line);
-  if (arrow == absl::string_view::npos) {
-    return absl::InvalidArgumentError(
-        absl::StrCat(subject, " lacks its `=>` and answer"));
-  }
-  const auto call = SplitWord(line.substr(0, arrow));
-  absl::string_view answer =
-      absl::StripLeadingAsciiWhitespace(line.substr(arrow + kArrow.size()));
-  const auto outcome = absl::ConsumePrefix(&answer, "error:")
-                           ? RecordedCall::Outcome::kError
-                           : RecordedCall::Outcome::kResponse;
-  if (outcome == RecordedCall::Outcome::kError) {
-    absl::ConsumePrefix(&answer, " ");  // The rest is the exact text.
-  } else {
-    answer = absl::StripTrailingAsciiWhitespace(answer);
-  }
+// What stands in front of an arrow, and what behind it.
+struct Answered {
+  absl::string_view question;
+  std::optional<RecordedAnswer> answer;
+};
 
-  if (call.first.empty()) {
-    return absl::InvalidArgumentError("no method in front of `=>`");
+// `method` is for the error.
+absl::StatusOr<Answered> SplitAnswer(absl::string_view line,
+                                     absl::string_view method) {
+  const std::size_t arrow = FindArrow(line);
+  if (arrow == absl::string_view::npos) return Answered{line, std::nullopt};
+  const bool is_part = line[arrow + 1] == '~';
+  // The text of an error may end in blanks.
+  absl::string_view text =
+      absl::StripLeadingAsciiWhitespace(line.substr(arrow + 2));
+  if (!is_part && absl::ConsumePrefix(&text, "error:")) {
+    absl::ConsumePrefix(&text, " ");
+    return Answered{
+        line.substr(0, arrow),
+        RecordedAnswer{RecordedAnswer::Kind::kError, std::string(text)}};
   }
-  if (call.second.empty()) {
-    return absl::InvalidArgumentError(
-        absl::StrCat(call.first, " lacks its ", request));
-  }
-  if (answer.empty() && outcome == RecordedCall::Outcome::kResponse) {
+  text = absl::StripTrailingAsciiWhitespace(text);
+  if (text.empty()) {
     return absl::InvalidArgumentError(absl::StrCat(
-        call.first, " lacks its answer; an empty response is written {}"));
+        method, " lacks its answer; an empty response is written {}"));
+  }
+  return Answered{line.substr(0, arrow),
+                  RecordedAnswer{is_part ? RecordedAnswer::Kind::kFields
+                                         : RecordedAnswer::Kind::kResponse,
+                                 std::string(text)}};
+}
+
+absl::StatusOr<RecordedCall> ParseCall(absl::string_view line) {
+  const absl::string_view method = SplitWord(line).first;
+  absl::StatusOr<Answered> parts = SplitAnswer(line, method);
+  if (!parts.ok()) return parts.status();
+  if (!parts->answer.has_value())
+    return absl::InvalidArgumentError("a call lacks its `=>` and answer");
+  const auto call = SplitWord(parts->question);
+  if (call.first.empty())
+    return absl::InvalidArgumentError("no method in front of `=>`");
+  if (call.second.empty()) {
+    return absl::InvalidArgumentError(absl::StrCat(
+        call.first, " lacks its request; an empty one is written {}"));
   }
   return RecordedCall{std::string(call.first), std::string(call.second),
-                      outcome, std::string(answer)};
+                      *std::move(parts->answer)};
 }
 
 struct VerbWords {
   absl::string_view word;
   RecordedStep::Verb verb;
-  absl::string_view json;  // What the JSON is, for errors.
+  absl::string_view json;  // What the JSON is, for errors; empty without any.
+  bool may_answer = false;
 };
 
 constexpr VerbWords kVerbs[] = {
     {"watch", RecordedStep::Verb::kWatch, "key"},
     {"event", RecordedStep::Verb::kEvent, "event"},
-    {"called", RecordedStep::Verb::kCalled, "call"},
+    {"serve", RecordedStep::Verb::kServe, "key", true},
+    {"called", RecordedStep::Verb::kCalled, "call", true},
     {"end", RecordedStep::Verb::kEnd, "key"},
+    {"allow", RecordedStep::Verb::kAllow, ""},
 };
+constexpr absl::string_view kDisconnect = "disconnect";
 
 absl::StatusOr<RecordedStep> ParseStep(const VerbWords& verb,
                                        absl::string_view rest) {
-  const auto [method, json] = SplitWord(rest);
+  absl::StatusOr<Answered> parts = Answered{rest, std::nullopt};
+  if (verb.may_answer) parts = SplitAnswer(rest, SplitWord(rest).first);
+  if (!parts.ok()) return parts.status();
+  const auto [method, json] = SplitWord(parts->question);
   if (method.empty()) {
     return absl::InvalidArgumentError(
         absl::StrCat(verb.word, " lacks its method"));
   }
-  if (json.empty()) {
+  if (json.empty() != verb.json.empty()) {
     return absl::InvalidArgumentError(
-        absl::StrCat(verb.word, " ", method, " lacks its ", verb.json));
+        json.empty()
+            ? absl::StrCat(verb.word, " ", method, " lacks its ", verb.json)
+            : absl::StrCat(verb.word, " takes a method and nothing else"));
   }
-  return RecordedStep{verb.verb, std::string(method), std::string(json)};
+  if (parts->answer.has_value() &&
+      parts->answer->kind == RecordedAnswer::Kind::kFields) {
+    return absl::InvalidArgumentError(absl::StrCat(
+        verb.word, " ", method, " gives an answer, which needs `=>`"));
+  }
+  return RecordedStep{verb.verb, std::string(method), std::string(json),
+                      std::move(parts->answer)};
 }
 
 // `line` is neither blank nor a remark.
-absl::StatusOr<SessionLine> ParseLine(int number, absl::string_view line) {
-  const auto [word, rest] = SplitWord(line);
+absl::StatusOr<decltype(SessionLine::content)> ParseContent(
+    absl::string_view line) {
+  const auto [word, stripped] = SplitWord(line);
+  if (word == kDisconnect && stripped.empty())
+    return RecordedStep{RecordedStep::Verb::kDisconnect, "", ""};
   for (const VerbWords& verb : kVerbs) {
-    if (verb.word != word) continue;
-    absl::StatusOr<RecordedStep> step = ParseStep(verb, rest);
-    if (!step.ok()) return step.status();
-    return SessionLine{number, *std::move(step)};
+    // Not `stripped`: the text of an error may end in blanks.
+    if (verb.word == word) return ParseStep(verb, line.substr(word.size()));
   }
-  // Not `rest`: the text of an error may end in blanks.
-  const bool is_serve = word == kServe;
-  absl::StatusOr<RecordedCall> call =
-      is_serve ? ParseAnswered(line.substr(kServe.size()), kServe, "key")
-               : ParseAnswered(line, "a call",
-                               "request; an empty one is written {}");
-  if (!call.ok()) return call.status();
-  if (is_serve) return SessionLine{number, RecordedServe{*std::move(call)}};
-  return SessionLine{number, *std::move(call)};
+  return ParseCall(line);
+}
+
+absl::StatusOr<SessionLine> ParseLine(int number, absl::string_view line) {
+  SessionLine parsed{number, Remark{}};
+  if (absl::ConsumePrefix(&line, "@")) {
+    parsed.connection = std::string(SplitWord(line).first);
+    line.remove_prefix(parsed.connection.size());
+    line = absl::StripLeadingAsciiWhitespace(line);
+    if (parsed.connection.empty())
+      return absl::InvalidArgumentError("`@` lacks the connection's name");
+    if (line.empty()) {
+      return absl::InvalidArgumentError(absl::StrCat(
+          "nothing is to be done over connection @", parsed.connection));
+    }
+  }
+  auto content = ParseContent(line);
+  if (!content.ok()) return content.status();
+  parsed.content = *std::move(content);
+  return parsed;
 }
 
 }  // namespace

@@ -16,20 +16,35 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+std::string Words(const RecordedAnswer& answer) {
+  switch (answer.kind) {
+    case RecordedAnswer::Kind::kResponse:
+      return absl::StrCat(" = ", answer.text);
+    case RecordedAnswer::Kind::kFields:
+      return absl::StrCat(" ~ ", answer.text);
+    case RecordedAnswer::Kind::kError:
+      return absl::StrCat(" ! ", answer.text);
+  }
+  return "";
+}
+
 std::string Words(const RecordedCall& call) {
-  const bool is_error = call.outcome == RecordedCall::Outcome::kError;
-  return absl::StrCat(call.method, " ", call.request, is_error ? " ! " : " = ",
-                      call.answer);
+  return absl::StrCat(call.method, " ", call.request, Words(call.answer));
 }
 
 std::string Words(const RecordedStep& step) {
-  constexpr absl::string_view kVerbs[] = {"watch", "event", "called", "end"};
-  return absl::StrCat(kVerbs[static_cast<int>(step.verb)], ": ", step.method,
-                      " ", step.json);
+  constexpr absl::string_view kVerbs[] = {
+      "watch", "event", "serve", "called", "end", "allow", "disconnect"};
+  std::string words =
+      absl::StrCat(kVerbs[static_cast<int>(step.verb)], ": ", step.method);
+  if (!step.json.empty()) absl::StrAppend(&words, " ", step.json);
+  if (step.answer.has_value()) absl::StrAppend(&words, Words(*step.answer));
+  return words;
 }
 
 // "3 Show {} = {}" for a response, "3 Show {} ! text" for an error, "3 # text"
-// for a remark, and "3 watch: WhenDone 1" for a line with a verb.
+// for a remark, and "3 watch: WhenDone 1" for a line with a verb. " @ b"
+// follows if the line names a connection.
 std::vector<std::string> Lines(absl::string_view text) {
   const absl::StatusOr<std::vector<SessionLine>> lines = ParseSession(text);
   EXPECT_TRUE(lines.ok()) << lines.status();
@@ -42,13 +57,11 @@ std::vector<std::string> Lines(absl::string_view text) {
     if (const auto* const call = std::get_if<RecordedCall>(&line.content)) {
       words.push_back(absl::StrCat(line.number, " ", Words(*call)));
     }
-    if (const auto* const serve = std::get_if<RecordedServe>(&line.content)) {
-      words.push_back(
-          absl::StrCat(line.number, " serve: ", Words(serve->call)));
-    }
     if (const auto* const step = std::get_if<RecordedStep>(&line.content)) {
       words.push_back(absl::StrCat(line.number, " ", Words(*step)));
     }
+    if (!line.connection.empty())
+      absl::StrAppend(&words.back(), " @ ", line.connection);
   }
   return words;
 }
@@ -158,14 +171,16 @@ TEST(SessionFile, RefusesAVerbWithoutAMethod) {
   EXPECT_EQ(Complaint("event \n"), "line 1: event lacks its method");
   EXPECT_EQ(Complaint("called\t\n"), "line 1: called lacks its method");
   EXPECT_EQ(Complaint("end"), "line 1: end lacks its method");
-  EXPECT_EQ(Complaint("serve => {}"), "line 1: no method in front of `=>`");
+  EXPECT_EQ(Complaint("serve => {}"), "line 1: serve lacks its method");
+  EXPECT_EQ(Complaint("allow"), "line 1: allow lacks its method");
 }
 
 TEST(SessionFile, RefusesAStreamWithoutAKey) {
   EXPECT_EQ(Complaint("watch WhenDone"),
             "line 1: watch WhenDone lacks its key");
   EXPECT_EQ(Complaint("end WhenDone "), "line 1: end WhenDone lacks its key");
-  EXPECT_EQ(Complaint("serve OnAsk => {}"), "line 1: OnAsk lacks its key");
+  EXPECT_EQ(Complaint("serve OnAsk => {}"),
+            "line 1: serve OnAsk lacks its key");
 }
 
 TEST(SessionFile, RefusesToExpectNothingInParticular) {
@@ -174,11 +189,61 @@ TEST(SessionFile, RefusesToExpectNothingInParticular) {
   EXPECT_EQ(Complaint("called OnAsk"), "line 1: called OnAsk lacks its call");
 }
 
-TEST(SessionFile, RefusesToServeWithoutAnAnswer) {
-  EXPECT_EQ(Complaint("serve OnAsk 1"),
-            "line 1: serve lacks its `=>` and answer");
+TEST(SessionFile, RefusesAnArrowWithoutAnAnswer) {
   EXPECT_EQ(Complaint("serve OnAsk 1 =>"),
             "line 1: OnAsk lacks its answer; an empty response is written {}");
+  EXPECT_EQ(Complaint("called OnAsk {} => "),
+            "line 1: OnAsk lacks its answer; an empty response is written {}");
+  EXPECT_EQ(Complaint("Show {} =~"),
+            "line 1: Show lacks its answer; an empty response is written {}");
+}
+
+TEST(SessionFile, AnswersCallsByTheirOwnLines) {
+  EXPECT_THAT(
+      Lines("serve OnAsk 1\n"
+            "called OnAsk {} => {\"yes\": true}\n"
+            "called OnAsk {} => error: no \n"),
+      ElementsAre("1 serve: OnAsk 1", "2 called: OnAsk {} = {\"yes\": true}",
+                  "3 called: OnAsk {} ! no "));
+}
+
+TEST(SessionFile, ExpectsSomeFieldsOfAResponse) {
+  EXPECT_THAT(Lines("Show {} =~ {\"a\": \"=~\"}\nHide {}=~{}\n"),
+              ElementsAre("1 Show {} ~ {\"a\": \"=~\"}", "2 Hide {} ~ {}"));
+}
+
+TEST(SessionFile, AnErrorIsNotExpectedInPart) {
+  EXPECT_THAT(Lines("Show {} =~ error: x\n"),
+              ElementsAre("1 Show {} ~ error: x"));
+}
+
+TEST(SessionFile, RefusesToAnswerInPart) {
+  EXPECT_EQ(Complaint("serve OnAsk 1 =~ {}"),
+            "line 1: serve OnAsk gives an answer, which needs `=>`");
+  EXPECT_EQ(Complaint("called OnAsk {} =~ {}"),
+            "line 1: called OnAsk gives an answer, which needs `=>`");
+}
+
+TEST(SessionFile, AllowsMethods) {
+  EXPECT_THAT(Lines("allow WhenDone\n"), ElementsAre("1 allow: WhenDone"));
+  EXPECT_EQ(Complaint("allow WhenDone 1"),
+            "line 1: allow takes a method and nothing else");
+}
+
+TEST(SessionFile, NamesConnections) {
+  EXPECT_THAT(Lines("@b Show {} => {}\n"
+                    "  @b\twatch WhenDone 1\n"
+                    "@other disconnect\n"
+                    "disconnect \n"),
+              ElementsAre("1 Show {} = {} @ b", "2 watch: WhenDone 1 @ b",
+                          "3 disconnect:  @ other", "4 disconnect: "));
+}
+
+TEST(SessionFile, RefusesAConnectionWithoutANameOrALine) {
+  EXPECT_EQ(Complaint("@ Show {} => {}"),
+            "line 1: `@` lacks the connection's name");
+  EXPECT_EQ(Complaint("@b"),
+            "line 1: nothing is to be done over connection @b");
 }
 
 }  // namespace

@@ -5,7 +5,10 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -25,6 +28,7 @@ namespace widgetctl {
 
 using google::protobuf::Message;
 using google::protobuf::MethodDescriptor;
+using google::protobuf::ServiceDescriptor;
 using google::protobuf::util::MessageDifferencer;
 
 namespace {
@@ -73,21 +77,79 @@ absl::string_view ArrivalVerb(const MethodDescriptor& method) {
   return IsEvent(method) ? "event" : "called";
 }
 
+// An event, or a call that waits for its answer.
+struct Arrival {
+  const Message& message() const {
+    return event != nullptr ? *event : call->message();
+  }
+
+  std::unique_ptr<Message> event;
+  std::optional<WidgetCall> call;
+};
+
+struct InServiceOrder {
+  bool operator()(const MethodDescriptor* one,
+                  const MethodDescriptor* other) const {
+    return std::pair(one->service()->full_name(), one->index()) <
+           std::pair(other->service()->full_name(), other->index());
+  }
+};
+
+struct OpenStream {
+  const MethodDescriptor* method;
+  std::unique_ptr<orvane::ClientStream> stream;
+};
+
+// What belongs to one name of connections, which is as good as a host of its
+// own. It has a connection for each service.
+struct Host {
+  std::map<const ServiceDescriptor*, std::unique_ptr<orvane::SocketClient>>
+      clients;
+  std::set<const MethodDescriptor*> allowed;
+  // What no step has expected yet.
+  std::map<const MethodDescriptor*, std::deque<Arrival>, InServiceOrder>
+      arrived;
+  // Streams that ended by themselves.
+  std::vector<std::pair<std::string, absl::Status>> ended;
+  // By the subscription's name. The last member, since handlers use the others.
+  std::map<std::string, OpenStream> open;
+};
+
+// Of a method whose arrivals may be unexpected, the latest are kept.
+constexpr std::size_t kMaxAllowedArrivals = 100;
+
 class Runner {
  public:
-  Runner(absl::Duration timeout, orvane::EventLoop& loop,
-         orvane::SocketClient& client, std::ostream& transcript)
-      : timeout_(timeout),
+  Runner(const std::vector<SessionStep>& steps, absl::Duration timeout,
+         orvane::EventLoop& loop, const Connect& connect,
+         std::ostream& transcript)
+      : steps_(steps),
+        timeout_(timeout),
         loop_(loop),
-        client_(client),
+        connect_(connect),
         transcript_(transcript) {}
 
+  SessionOutcome Run() {
+    while (next_ < steps_.size()) {
+      if (!Take(steps_[next_++])) return {false, connection_};
+    }
+    return {Finish(), absl::OkStatus()};
+  }
+
+ private:
   // Runs a step. False if the session cannot go on.
   bool Take(const SessionStep& step) {
     line_ = step.line;
+    host_ = &hosts_[step.connection];
+    label_ =
+        step.connection.empty() ? "" : absl::StrCat("@", step.connection, " ");
     const int different = different_;
     std::visit([this](const auto& action) { Do(action); }, step.action);
-    if (different_ == different || client_.status().ok()) return true;
+    if (!connection_.ok()) return false;
+    if (different_ == different) return true;
+    for (const auto& [service, client] : host_->clients)
+      connection_.Update(client->status());
+    if (connection_.ok()) return true;
     transcript_ << "\nthe connection is gone; no further calls are made\n";
     return false;
   }
@@ -95,17 +157,7 @@ class Runner {
   // Reports what arrived unexpectedly, and the totals. True if everything was
   // as expected.
   bool Finish() {
-    for (const auto& [name, why] : ended_) {
-      Unexpected(absl::StrCat(
-          "end of ", name,
-          why.ok() ? "" : ": " + orvane::Printable(why.message())));
-    }
-    for (const auto& [method, messages] : arrived_) {
-      for (const auto& message : messages) {
-        Unexpected(absl::StrCat(ArrivalVerb(*method), " ", method->name(), " ",
-                                ToJson(*message)));
-      }
-    }
+    for (const auto& [name, host] : hosts_) TellUnexpected(host);
     transcript_ << '\n' << Count(calls_, "call");
     if (events_ > 0) transcript_ << ", " << Count(events_, "event");
     if (served_ > 0) transcript_ << ", " << Count(served_, "served call");
@@ -119,17 +171,26 @@ class Runner {
     return as_expected;
   }
 
- private:
   void Do(const Remark& remark) {
     transcript_ << (follows_step_ ? "\n" : "") << remark.text << '\n';
     follows_step_ = false;
   }
 
   void Do(const CallStep& step) {
+    orvane::SocketClient* const client = ClientFor(*step.call.method);
+    if (client == nullptr) return;
     ++calls_;
     const Clock::time_point begin = Clock::now();
-    const Answer actual = MakeCall(step.call, timeout_, client_);
-    const bool is_expected = AreSame(actual, step.expected);
+    std::optional<Answer> ended;
+    client->Call(step.call.method, *step.call.request,
+                 [&ended](Answer answer) { ended = std::move(answer); },
+                 {.timeout = timeout_});
+    AnswerMeanwhile();
+    loop_.RunUntil([&ended] { return ended.has_value(); });
+    const Answer actual = *std::move(ended);
+    const bool is_expected =
+        step.may_have_more ? actual.ok() && HasAllOf(**actual, **step.expected)
+                           : AreSame(actual, step.expected);
     const std::string made =
         absl::StrCat(Prefix(is_expected, begin), step.call.method->name(), " ",
                      ToJson(*step.call.request));
@@ -143,73 +204,153 @@ class Runner {
 
   void Do(const WatchStep& step) {
     const Subscription& watch = step.subscription;
+    orvane::SocketClient* const client = ClientFor(*watch.method);
+    if (client == nullptr) return;
     Note(absl::StrCat("watch ", watch.Name()));
-    Add(watch, OpenWatch(
-                   watch, client_,
-                   [this, &watch](const Message& event) {
-                     std::unique_ptr<Message>& arrived =
-                         arrived_[watch.method].emplace_back(event.New());
-                     arrived->CopyFrom(event);
-                   },
-                   EndOf(watch)));
+    Add(watch,
+        OpenWatch(
+            watch, *client,
+            [this, host = host_, &watch](const Message& event) {
+              std::unique_ptr<Message> copy(event.New());
+              copy->CopyFrom(event);
+              Arrived(*host, watch.method, {std::move(copy), std::nullopt});
+            },
+            EndOf(watch)));
   }
 
   void Do(const ServeStep& step) {
     const Subscription& serve = step.subscription;
-    Note(absl::StrCat("serve ", serve.Name(), kArrow, ToText(step.answer)));
-    Add(serve, OpenServe(
-                   serve, client_,
-                   [this, &step](WidgetCall call) {
-                     // An error is what the session asks for.
-                     call.Give(step.answer).IgnoreError();
-                     arrived_[step.subscription.method].push_back(
-                         std::move(call).TakeMessage());
-                   },
-                   EndOf(serve)));
+    orvane::SocketClient* const client = ClientFor(*serve.method);
+    if (client == nullptr) return;
+    Note(absl::StrCat(
+        "serve ", serve.Name(),
+        step.answer.has_value()
+            ? absl::StrCat(kArrow, orvane::Printable(step.answer->text()))
+            : ""));
+    Add(serve,
+        OpenServe(
+            serve, *client,
+            [this, host = host_, &step](WidgetCall call) {
+              // An error is what the session asks for.
+              if (step.answer.has_value()) {
+                call.Give(step.answer->For(call.message())).IgnoreError();
+              }
+              Arrived(*host, step.subscription.method,
+                      {nullptr, std::move(call)});
+            },
+            EndOf(serve)));
   }
 
   void Do(const ArrivalStep& step) {
     ++(IsEvent(*step.method) ? events_ : served_);
     const Clock::time_point begin = Clock::now();
-    const std::string missing = Await(step.method);
-    std::unique_ptr<Message> actual;
-    if (missing.empty()) {
-      std::deque<std::unique_ptr<Message>>& messages = arrived_[step.method];
-      actual = std::move(messages.front());
-      messages.pop_front();
-    }
+    std::deque<Arrival>& arrived = host_->arrived[step.method];
+    const std::string missing = Await(step);
     const bool is_expected =
-        actual != nullptr && HasAllOf(*actual, *step.expected);
+        missing.empty() && HasAllOf(arrived.front().message(), *step.expected);
     const std::string expected = ToJson(*step.expected);
     const std::string made =
         absl::StrCat(Prefix(is_expected, begin), ArrivalVerb(*step.method), " ",
                      step.method->name());
+    const std::string answer = step.answer.has_value()
+                                   ? absl::StrCat(kArrow, ToText(*step.answer))
+                                   : "";
     if (is_expected) {
-      transcript_ << made << ' ' << expected << '\n';
+      transcript_ << made << ' ' << expected << answer << '\n';
     } else {
-      Differs(made, expected, actual == nullptr ? missing : ToJson(*actual));
+      Differs(made, expected,
+              missing.empty() ? ToJson(arrived.front().message()) : missing);
     }
+    if (!missing.empty()) return;
+    // An error is what the session asks for.
+    if (step.answer.has_value())
+      arrived.front().call->Give(*step.answer).IgnoreError();
+    arrived.pop_front();
   }
 
   void Do(const EndStep& step) {
     const std::string name = step.subscription.Name();
     Note(absl::StrCat("end ", name));
-    open_.erase(name);
+    host_->open.erase(name);
   }
 
-  // Waits until something of this method has arrived, or tells why nothing has.
-  std::string Await(const MethodDescriptor* method) {
+  void Do(const AllowStep& step) {
+    Note(absl::StrCat("allow ", step.method->name()));
+    host_->allowed.insert(step.method);
+  }
+
+  void Do(const DisconnectStep&) {
+    Note("disconnect");
+    TellUnexpected(*host_);
+    host_->open.clear();  // First, so that no handler learns of it.
+    *host_ = {};
+  }
+
+  // Takes the steps behind a call that answer calls of the widget's, since it
+  // may wait for them before it answers the call itself.
+  void AnswerMeanwhile() {
+    const auto is_one = [](const SessionStep& step) {
+      const auto* const arrival = std::get_if<ArrivalStep>(&step.action);
+      return (arrival != nullptr && arrival->answer.has_value()) ||
+             std::holds_alternative<Remark>(step.action);
+    };
+    std::size_t behind = next_;
+    while (behind < steps_.size() && is_one(steps_[behind])) ++behind;
+    // Remarks at the end are about what follows.
+    while (behind > next_ &&
+           std::holds_alternative<Remark>(steps_[behind - 1].action)) {
+      --behind;
+    }
+    const auto of_call = std::tuple(line_, host_, label_);
+    while (next_ < behind && Take(steps_[next_])) ++next_;
+    std::tie(line_, host_, label_) = of_call;
+  }
+
+  // The connection for methods of that service. Null if there is none.
+  orvane::SocketClient* ClientFor(const MethodDescriptor& method) {
+    auto& client = host_->clients[method.service()];
+    if (client == nullptr) {
+      auto connected = connect_();
+      connection_.Update(connected.status());
+      if (connected.ok()) client = *std::move(connected);
+    }
+    return client.get();
+  }
+
+  void Arrived(Host& host, const MethodDescriptor* method, Arrival arrival) {
+    std::deque<Arrival>& arrived = host.arrived[method];
+    arrived.push_back(std::move(arrival));
+    if (host.allowed.contains(method) && arrived.size() > kMaxAllowedArrivals)
+      arrived.pop_front();
+  }
+
+  // Waits until what the step expects is the first of what has arrived, or
+  // tells why it is not. What is not allowed to be passed over stays the first.
+  std::string Await(const ArrivalStep& step) {
     bool is_late = false;
     const auto deadline =
         loop_.RunAfter(timeout_, [&is_late] { is_late = true; });
-    const auto is_open = [this, method] {
-      return absl::c_any_of(open_, [method](const auto& entry) {
-        return entry.second.method == method;
+    const auto is_open = [this, &step] {
+      return absl::c_any_of(host_->open, [&step](const auto& entry) {
+        return entry.second.method == step.method;
       });
     };
-    const std::deque<std::unique_ptr<Message>>& messages = arrived_[method];
-    loop_.RunUntil([&] { return !messages.empty() || is_late || !is_open(); });
-    if (!messages.empty()) return "";
+    std::deque<Arrival>& arrived = host_->arrived[step.method];
+    const auto is_there = [&] {
+      if (!host_->allowed.contains(step.method)) return !arrived.empty();
+      const auto fits = [&](const Arrival& one) {
+        return HasAllOf(one.message(), *step.expected);
+      };
+      if (absl::c_none_of(arrived, fits)) return false;
+      while (!fits(arrived.front())) arrived.pop_front();
+      return true;
+    };
+    bool found = false;
+    loop_.RunUntil([&] {
+      found = is_there();
+      return found || is_late || !is_open();
+    });
+    if (found) return "";
     return is_late
                ? absl::StrCat("nothing within ", absl::FormatDuration(timeout_))
                : "nothing, and no stream is open";
@@ -217,14 +358,14 @@ class Runner {
 
   void Add(const Subscription& subscription,
            std::unique_ptr<orvane::ClientStream> stream) {
-    open_.emplace(subscription.Name(),
-                  OpenStream{subscription.method, std::move(stream)});
+    host_->open.emplace(subscription.Name(),
+                        OpenStream{subscription.method, std::move(stream)});
   }
 
   orvane::OnEnd EndOf(const Subscription& subscription) {
-    return [this, name = subscription.Name()](const absl::Status& why) {
-      ended_.emplace_back(name, why);
-      open_.erase(name);
+    return [host = host_, name = subscription.Name()](const absl::Status& why) {
+      host->ended.emplace_back(name, why);
+      host->open.erase(name);
     };
   }
 
@@ -233,14 +374,14 @@ class Runner {
     follows_step_ = true;
     const absl::Duration spent = absl::FromChrono(Clock::now() - begin);
     total_ += spent;
-    return absl::StrFormat("%-7s %9.3f ms  ", is_expected ? "ok" : "DIFFERS",
-                           absl::ToDoubleMilliseconds(spent));
+    return absl::StrFormat("%-7s %9.3f ms  %s", is_expected ? "ok" : "DIFFERS",
+                           absl::ToDoubleMilliseconds(spent), label_);
   }
 
   // Writes a step that has no result.
   void Note(absl::string_view what) {
     follows_step_ = true;
-    transcript_ << absl::StrFormat("%22s%s\n", "", what);
+    transcript_ << absl::StrFormat("%22s%s%s\n", "", label_, what);
   }
 
   void Differs(absl::string_view made, absl::string_view expected,
@@ -251,29 +392,36 @@ class Runner {
                 << "  line " << line_ << ", actual:   " << actual << '\n';
   }
 
+  void TellUnexpected(const Host& host) {
+    for (const auto& [name, why] : host.ended) {
+      Unexpected(absl::StrCat(
+          "end of ", name,
+          why.ok() ? "" : ": " + orvane::Printable(why.message())));
+    }
+    for (const auto& [method, arrivals] : host.arrived) {
+      if (host.allowed.contains(method)) continue;
+      for (const Arrival& arrival : arrivals) {
+        Unexpected(absl::StrCat(ArrivalVerb(*method), " ", method->name(), " ",
+                                ToJson(arrival.message())));
+      }
+    }
+  }
+
   void Unexpected(absl::string_view what) {
     ++unexpected_;
     transcript_ << absl::StrFormat("%-22s%s\n", "UNEXPECTED", what);
   }
 
-  struct OpenStream {
-    const MethodDescriptor* method;
-    std::unique_ptr<orvane::ClientStream> stream;
-  };
-
-  struct InServiceOrder {
-    bool operator()(const MethodDescriptor* one,
-                    const MethodDescriptor* other) const {
-      return one->index() < other->index();
-    }
-  };
-
+  const std::vector<SessionStep>& steps_;
+  std::size_t next_ = 0;
   const absl::Duration timeout_;
   orvane::EventLoop& loop_;
-  orvane::SocketClient& client_;
+  const Connect& connect_;
   std::ostream& transcript_;
+  absl::Status connection_;
 
   int line_ = 0;
+  std::string label_;  // Of the connection, in front of what is done over it.
   bool follows_step_ = false;
   int calls_ = 0;
   int events_ = 0;
@@ -282,26 +430,16 @@ class Runner {
   int unexpected_ = 0;
   absl::Duration total_;
 
-  // Messages that no step has expected yet.
-  std::map<const MethodDescriptor*, std::deque<std::unique_ptr<Message>>,
-           InServiceOrder>
-      arrived_;
-  // Streams that ended by themselves.
-  std::vector<std::pair<std::string, absl::Status>> ended_;
-  // By the subscription's name. The last member, since handlers use the others.
-  std::map<std::string, OpenStream> open_;
+  Host* host_ = nullptr;  // Of the step.
+  std::map<std::string, Host> hosts_;
 };
 
 }  // namespace
 
-bool RunSession(const std::vector<SessionStep>& steps, absl::Duration timeout,
-                orvane::EventLoop& loop, orvane::SocketClient& client,
-                std::ostream& transcript) {
-  Runner runner(timeout, loop, client, transcript);
-  for (const SessionStep& step : steps) {
-    if (!runner.Take(step)) return false;
-  }
-  return runner.Finish();
+SessionOutcome RunSession(const std::vector<SessionStep>& steps,
+                          absl::Duration timeout, orvane::EventLoop& loop,
+                          const Connect& connect, std::ostream& transcript) {
+  return Runner(steps, timeout, loop, connect, transcript).Run();
 }
 
 }  // namespace widgetctl

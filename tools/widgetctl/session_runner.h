@@ -3,9 +3,13 @@
 #ifndef TOOLS_WIDGETCTL_SESSION_RUNNER_H_
 #define TOOLS_WIDGETCTL_SESSION_RUNNER_H_
 
+#include <functional>
+#include <memory>
 #include <ostream>
 #include <vector>
 
+#include "absl/status/status.h"
+#include "absl/status/statusor.h"
 #include "absl/time/time.h"
 
 #include "tools/widgetctl/session.h"
@@ -14,17 +18,29 @@
 
 namespace widgetctl {
 
+// Makes a connection to the widget.
+using Connect =
+    std::function<absl::StatusOr<std::unique_ptr<orvane::SocketClient>>()>;
+
+struct SessionOutcome {
+  bool is_as_expected;
+
+  // Why the session could not go on, if it has lost a connection, or could not
+  // make one.
+  absl::Status connection;
+};
+
 // Runs the steps in order and writes their results to `transcript`. `timeout`
 // limits each call and each wait for an event or a call from the widget. After
 // a step whose result was not as expected the session goes on, unless the
 // connection is gone.
 //
-// Returns whether everything was as expected. It was not if a stream ended
-// before the session ended it, or if something arrived that no step expected.
-// `loop` is the client's.
-bool RunSession(const std::vector<SessionStep>& steps, absl::Duration timeout,
-                orvane::EventLoop& loop, orvane::SocketClient& client,
-                std::ostream& transcript);
+// It was not as expected either if a stream ended before the session ended it,
+// or if something arrived that no step expected or allowed. `loop` is that of
+// the connections.
+SessionOutcome RunSession(const std::vector<SessionStep>& steps,
+                          absl::Duration timeout, orvane::EventLoop& loop,
+                          const Connect& connect, std::ostream& transcript);
 
 }  // namespace widgetctl
 

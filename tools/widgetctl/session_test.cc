@@ -10,6 +10,7 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
+#include "rpc/browser/page.rpc.h"
 
 namespace widgetctl {
 namespace {
@@ -72,7 +73,49 @@ TEST(Session, ServesWithTheErrorToTheLetter) {
   ASSERT_TRUE(steps.ok()) << steps.status();
   const auto* const serve = std::get_if<ServeStep>(&steps->front().action);
   ASSERT_NE(serve, nullptr);
-  EXPECT_EQ(serve->answer.status().message(), "no ");
+  EXPECT_EQ(serve->answer->text(), "error: no ");
+}
+
+TEST(Session, FindsTheServiceOfEachMethod) {
+  const auto steps = LoadSession(
+      {rpc::BrowserWidgetRpc::descriptor(), rpc::PageRpc::descriptor()},
+      "Show {\"value\": 1} => {}\n"
+      "Reload {\"value\": 1} => {}\n");
+  ASSERT_TRUE(steps.ok()) << steps.status();
+  const auto* const reload = std::get_if<CallStep>(&(*steps)[1].action);
+  ASSERT_NE(reload, nullptr);
+  EXPECT_EQ(reload->call.method->service(), rpc::PageRpc::descriptor());
+}
+
+TEST(Session, MayOpenTheSameOverAnotherConnection) {
+  EXPECT_EQ(Complaint("watch WhenCursorChanged 1\n"
+                      "@b watch WhenCursorChanged 1\n"),
+            "none");
+  EXPECT_EQ(Complaint("@b watch WhenCursorChanged 1\n"
+                      "end WhenCursorChanged 1\n"),
+            "line 2: WhenCursorChanged {\"value\":\"1\"} is not open");
+}
+
+TEST(Session, MayOpenTheSameAfterTheConnectionsEnd) {
+  EXPECT_EQ(Complaint("watch WhenCursorChanged 1\n"
+                      "disconnect\n"
+                      "watch WhenCursorChanged 1\n"),
+            "none");
+}
+
+TEST(Session, AnswersWhereTheStreamDoesNot) {
+  EXPECT_EQ(Complaint("serve OnTakeFocus 1\n"
+                      "called OnTakeFocus {} => {\"taken\": true}\n"
+                      "called OnTakeFocus {} => error: no\n"),
+            "none");
+  EXPECT_EQ(Complaint("serve OnTakeFocus 1 => {}\n"
+                      "called OnTakeFocus {} => {}\n"),
+            "line 2: the calls of OnTakeFocus are answered in line 1");
+}
+
+TEST(Session, RefusesToAllowACall) {
+  EXPECT_EQ(Complaint("allow Show\n"),
+            "line 1: Show cannot be allowed: it is of kind unary");
 }
 
 TEST(Session, RefusesToOpenWhatIsOpen) {
@@ -123,6 +166,7 @@ TEST(Session, RefusesMethodsOfAnotherKind) {
 TEST(Session, RefusesUnknownMethodsBehindAVerb) {
   for (const std::string line :
        {"watch WhenCursorChange 1", "event WhenCursorChange {}",
+        "allow WhenCursorChange", "serve WhenCursorChange 1",
         "end WhenCursorChange 1", "serve WhenCursorChange 1 => {}",
         "called WhenCursorChange {}"}) {
     EXPECT_EQ(Complaint(line),

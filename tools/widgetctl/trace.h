@@ -3,15 +3,24 @@
 #ifndef TOOLS_WIDGETCTL_TRACE_H_
 #define TOOLS_WIDGETCTL_TRACE_H_
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "tools/widgetctl/commands.h"
+#include "tools/widgetctl/interceptor.h"
 
 namespace widgetctl {
 
 // For Command::run. The argument is the path where hosts connect.
 ExitCode Trace(const Options& options, const std::vector<std::string>& path);
+
+// Also for `record`: intercepts until SIGINT or SIGTERM what hosts that connect
+// to `path` and the widget at `options.socket` say. `on_listening` runs first.
+// Fails if nobody can connect to `path`, or if the widget is to listen there.
+ExitCode Intercept(const Options& options, const std::string& path,
+                   bool wants_payloads, Listener* listener,
+                   const std::function<void()>& on_listening);
 
 }  // namespace widgetctl
 

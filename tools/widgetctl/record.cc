@@ -1,0 +1,90 @@
+#include "tools/widgetctl/record.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <set>
+
+#include "absl/status/status.h"
+#include "absl/strings/str_cat.h"
+#include "google/protobuf/descriptor.h"
+
+#include "tools/widgetctl/methods.h"
+#include "tools/widgetctl/recorder.h"
+#include "tools/widgetctl/trace.h"
+#include "zimbrel/src/core/common/rpc/method_kind.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+#include "zimbrel/src/core/common/rpc/version.h"
+
+namespace widgetctl {
+namespace {
+
+using google::protobuf::Descriptor;
+using google::protobuf::ServiceDescriptor;
+
+// The names of all fields in the type and in what it consists of.
+void AddFields(const Descriptor* type, std::set<const Descriptor*>& seen,
+               std::set<std::string>& names) {
+  if (!seen.insert(type).second) return;
+  for (int i = 0; i < type->field_count(); ++i) {
+    const auto* const field = type->field(i);
+    names.emplace(field->json_name());
+    if (field->message_type() != nullptr)
+      AddFields(field->message_type(), seen, names);
+  }
+}
+
+// Each varying name is one of a field or of an event stream.
+absl::Status CheckVarying(const Options& options) {
+  std::set<const Descriptor*> seen;
+  std::set<std::string> names;
+  for (const ServiceDescriptor* const service : options.services) {
+    for (int i = 0; i < service->method_count(); ++i) {
+      const auto* const method = service->method(i);
+      AddFields(method->output_type(), seen, names);
+      if (orvane::KindOf(*method) == orvane::MethodKind::kEventStream)
+        names.emplace(method->name());
+    }
+  }
+  for (const std::string& name : options.varying) {
+    if (!names.contains(name)) {
+      return absl::NotFoundError(
+          absl::StrCat("--varying: no field or event stream ", name,
+                       DidYouMean(name, names)));
+    }
+  }
+  return absl::OkStatus();
+}
+
+}  // namespace
+
+ExitCode Record(const Options& options,
+                const std::vector<std::string>& file_and_path) {
+  if (const absl::Status varying = CheckVarying(options); !varying.ok())
+    return Fail(kUsage, varying.message());
+  const std::string& path = file_and_path[0];
+  const std::string hosts = file_and_path.size() > 1
+                                ? file_and_path[1]
+                                : orvane::DefaultSocketPath("widget");
+  std::ofstream file(path);
+  file << "# Recorded by widgetctl " << orvane::kVersion << ".\n" << std::flush;
+  if (!file) {
+    return Fail(kUsage, absl::StrCat("cannot write ", path, ": ",
+                                     std::strerror(errno)));
+  }
+  Recorder recorder(
+      {{options.varying.begin(), options.varying.end()}, options.has_text},
+      &file);
+  const ExitCode intercepted = Intercept(
+      options, hosts, /*wants_payloads=*/true, &recorder,
+      [&] { std::cout << "hosts connect to " << hosts << std::endl; });
+  recorder.Finish();
+  if (!file) {
+    return Fail(kFailed, absl::StrCat("the recording is not complete: ", path,
+                                      " cannot be written"));
+  }
+  return intercepted;
+}
+
+}  // namespace widgetctl

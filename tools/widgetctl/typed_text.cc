@@ -1,0 +1,91 @@
+#include "tools/widgetctl/typed_text.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "rpc/browser/input.pb.h"
+#include "rpc/browser/keyboard.pb.h"
+#include "rpc/browser/native_input.pb.h"
+#include "rpc/browser/web_dialog.pb.h"
+
+namespace widgetctl {
+namespace {
+
+using google::protobuf::Message;
+
+constexpr char kHiddenKey[] = "x";
+constexpr char kHiddenCode[] = "KeyX";
+constexpr std::uint32_t kHiddenWindowsCode = 'X';
+
+std::ptrdiff_t CharactersIn(const std::string& text) {
+  return std::count_if(text.begin(), text.end(), [](char byte) {
+    return (static_cast<unsigned char>(byte) & 0xc0) != 0x80;
+  });
+}
+
+std::string Hidden(const std::string& text) {
+  // Enter and Tab are no secrets.
+  if (text.size() == 1 && static_cast<unsigned char>(text[0]) < ' ')
+    return text;
+  return std::string(static_cast<std::size_t>(CharactersIn(text)), 'x');
+}
+
+bool IsShortcut(const rpc::InputInfo& input) {
+  constexpr std::uint32_t kOfShortcuts = rpc::MODIFIER_FLAG_CONTROL |
+                                         rpc::MODIFIER_FLAG_ALT |
+                                         rpc::MODIFIER_FLAG_META;
+  return (input.modifiers() & kOfShortcuts) != 0 &&
+         (input.modifiers() & rpc::MODIFIER_FLAG_ALT_GRAPH) == 0;
+}
+
+// Whether the key tells something of a text: a character, or a step towards
+// one.
+bool IsOfText(const rpc::Key& key) {
+  const std::string name(key.key());
+  return CharactersIn(name) <= 1 || name == "Dead" || name == "Process" ||
+         name == "Unidentified";
+}
+
+void Hide(rpc::Key* key) {
+  if (!IsOfText(*key)) return;
+  key->Clear();
+  key->set_key(kHiddenKey);
+  key->set_code(kHiddenCode);
+  key->set_windows_key_code(kHiddenWindowsCode);
+}
+
+}  // namespace
+
+void TypedTextHider::Hide(Message* message) {
+  if (auto* const press = dynamic_cast<rpc::KeyPressRequest*>(message)) {
+    if (IsShortcut(press->input())) {
+      shortcuts_.emplace(press->browser_id().value(), press->key().code());
+    } else {
+      widgetctl::Hide(press->mutable_key());
+    }
+  } else if (auto* const release =
+                 dynamic_cast<rpc::KeyReleaseRequest*>(message)) {
+    if (shortcuts_.erase({release->browser_id().value(),
+                          std::string(release->key().code())}) == 0) {
+      widgetctl::Hide(release->mutable_key());
+    }
+  } else if (auto* const type = dynamic_cast<rpc::KeyTypeRequest*>(message)) {
+    if (IsShortcut(type->input())) return;
+    type->set_text(Hidden(std::string(type->text())));
+    if (!type->unmodified_text().empty())
+      type->set_unmodified_text(Hidden(std::string(type->unmodified_text())));
+    if (type->has_key()) widgetctl::Hide(type->mutable_key());
+  } else if (auto* const dialog =
+                 dynamic_cast<rpc::CreateWebDialog*>(message)) {
+    if (!dialog->response().text().empty()) {
+      auto* const response = dialog->mutable_response();
+      response->set_text(Hidden(std::string(response->text())));
+    }
+  }
+}
+
+bool TypedTextHider::IsOpaque(const Message& message) {
+  return dynamic_cast<const rpc::NativeKeyEventRequest*>(&message) != nullptr;
+}
+
+}  // namespace widgetctl

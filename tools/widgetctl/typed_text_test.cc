@@ -1,0 +1,103 @@
+#include "tools/widgetctl/typed_text.h"
+
+#include <memory>
+#include <string>
+
+#include "gtest/gtest.h"
+
+#include "rpc/browser/browser_widget.rpc.h"
+#include "tools/widgetctl/json.h"
+
+namespace widgetctl {
+namespace {
+
+class TypedTextTest : public ::testing::Test {
+ protected:
+  // What is left of a message in JSON.
+  template <typename T>
+  std::string Hide(const std::string& json) {
+    T message;
+    EXPECT_TRUE(FromJson(json, &message).ok()) << json;
+    hider_.Hide(&message);
+    return ToJson(message);
+  }
+
+  TypedTextHider hider_;
+};
+
+constexpr char kHidden[] =
+    R"({"key":{"key":"x","code":"KeyX","windowsKeyCode":88}})";
+
+TEST_F(TypedTextTest, ACharactersKeyIsHidden) {
+  EXPECT_EQ(Hide<rpc::KeyPressRequest>(
+                R"({"key":{"key":"S","code":"KeyS","windowsKeyCode":83,)"
+                R"("nativeKeyCode":39}})"),
+            kHidden);
+  EXPECT_EQ(Hide<rpc::KeyReleaseRequest>(R"({"key":{"key":"ß"}})"), kHidden);
+}
+
+TEST_F(TypedTextTest, AKeyWithoutANameIsHidden) {
+  EXPECT_EQ(Hide<rpc::KeyPressRequest>(R"({"key":{"windowsKeyCode":83}})"),
+            kHidden);
+}
+
+TEST_F(TypedTextTest, StepsTowardsACharacterAreHidden) {
+  EXPECT_EQ(
+      Hide<rpc::KeyPressRequest>(R"({"key":{"key":"Dead","code":"Quote"}})"),
+      kHidden);
+  EXPECT_EQ(
+      Hide<rpc::KeyPressRequest>(R"({"key":{"key":"Process","code":"KeyN"}})"),
+      kHidden);
+}
+
+TEST_F(TypedTextTest, NamedKeysStay) {
+  const std::string enter = R"({"key":{"key":"Enter","code":"Enter"}})";
+  EXPECT_EQ(Hide<rpc::KeyPressRequest>(enter), enter);
+  const std::string shift = R"({"key":{"key":"Shift","code":"ShiftLeft"}})";
+  EXPECT_EQ(Hide<rpc::KeyReleaseRequest>(shift), shift);
+}
+
+TEST_F(TypedTextTest, EachTypedCharacterBecomesAnX) {
+  EXPECT_EQ(
+      Hide<rpc::KeyTypeRequest>(R"({"text":"pä漢","unmodifiedText":"p"})"),
+      R"({"text":"xxx","unmodifiedText":"x"})");
+}
+
+TEST_F(TypedTextTest, EnterStays) {
+  const std::string enter = R"({"key":{"key":"Enter"},"text":"\r"})";
+  EXPECT_EQ(Hide<rpc::KeyTypeRequest>(enter), enter);
+}
+
+TEST_F(TypedTextTest, ShortcutsStayAlsoWhenTheModifierComesUpFirst) {
+  const std::string press =
+      R"({"input":{"modifiers":2},"key":{"key":"c","code":"KeyC"}})";
+  EXPECT_EQ(Hide<rpc::KeyPressRequest>(press), press);
+  const std::string release = R"({"key":{"key":"c","code":"KeyC"}})";
+  EXPECT_EQ(Hide<rpc::KeyReleaseRequest>(release), release);
+  EXPECT_EQ(Hide<rpc::KeyReleaseRequest>(release), kHidden);
+}
+
+TEST_F(TypedTextTest, WhatAltGraphTypesIsNoShortcut) {
+  EXPECT_EQ(
+      Hide<rpc::KeyTypeRequest>(R"({"input":{"modifiers":131},"text":"@"})"),
+      R"({"input":{"modifiers":131},"text":"x"})");
+}
+
+TEST_F(TypedTextTest, TheAnswerOfADialogIsHidden) {
+  EXPECT_EQ(Hide<rpc::CreateWebDialog>(
+                R"({"response":{"accepted":true,"text":"secret"}})"),
+            R"({"response":{"accepted":true,"text":"xxxxxx"}})");
+}
+
+TEST_F(TypedTextTest, OtherMessagesStay) {
+  const std::string move = R"({"pointer":{"position":{"x":1,"y":2}}})";
+  EXPECT_EQ(Hide<rpc::MouseMoveRequest>(move), move);
+}
+
+TEST_F(TypedTextTest, OnlyNativeKeyEventsAreOpaque) {
+  EXPECT_TRUE(TypedTextHider::IsOpaque(rpc::NativeKeyEventRequest()));
+  EXPECT_FALSE(TypedTextHider::IsOpaque(rpc::NativeMouseEventRequest()));
+}
+
+}  // namespace
+}  // namespace widgetctl
