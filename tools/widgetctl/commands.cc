@@ -20,6 +20,7 @@
 #include "tools/widgetctl/record.h"
 #include "tools/widgetctl/session.h"
 #include "tools/widgetctl/session_runner.h"
+#include "tools/widgetctl/status.h"
 #include "tools/widgetctl/stream_commands.h"
 #include "tools/widgetctl/trace.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
@@ -200,6 +201,15 @@ with @NAME goes over a connection of its own. The session fails if something
 differs, or if something arrives that no line expects or allows.
 )",
      &Run},
+    {"status", "", "[--watch] [--json]", 0, 0, "tells what the widget is doing",
+     R"(Prints the clients of the widget, with the oldest call that each waits for, how
+much of its limits the widget uses, and whom it has refused. If the widget does
+not answer within the timeout, tells in which state its process is.
+
+  --watch  print it again each second, until SIGINT or SIGTERM
+  --json   print each status as a line of JSON
+)",
+     &Status},
     {"record", "FILE [PATH]", "[--varying NAME]... [--text]", 1, 2,
      "writes what hosts say as a session",
      R"(Stands between hosts and the widget like `trace`, and writes FILE, which `run`

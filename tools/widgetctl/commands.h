@@ -42,8 +42,13 @@ struct Options {
   std::optional<std::string> fail = std::nullopt;
   std::optional<std::string> command = std::nullopt;
 
-  // For `trace`. Empty: all methods, all browsers.
+  // For `status`.
+  bool watches = false;
+
+  // For `trace` and `status`.
   bool json = false;
+
+  // For `trace`. Empty: all methods, all browsers.
   bool no_payloads = false;
   std::vector<std::string> methods = {};
   std::optional<std::uint64_t> browser = std::nullopt;

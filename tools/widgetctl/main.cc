@@ -60,7 +60,8 @@ std::string Help(const Options& defaults) {
       "  --reply JSON       serve: answer with this response\n"
       "  --fail TEXT        serve: fail each call with this text\n"
       "  --command COMMAND  serve: answer with what this shell command prints\n"
-      "  --json             trace: print lines of JSON\n"
+      "  --watch            status: print it again each second\n"
+      "  --json             status, trace: print lines of JSON\n"
       "  --method NAME      trace: only this method; may be given again\n"
       "  --browser ID       trace: only this browser\n"
       "  --no-payloads      trace: without the messages\n"
@@ -122,6 +123,7 @@ absl::string_view ForeignOption(const Command& command,
       {"--reply", options.reply.has_value()},
       {"--fail", options.fail.has_value()},
       {"--command", options.command.has_value()},
+      {"--watch", options.watches},
       {"--json", options.json},
       {"--method", !options.methods.empty()},
       {"--browser", options.browser.has_value()},
@@ -169,6 +171,7 @@ ExitCode Main(int argc, char** argv) {
                           {"reply", required_argument, nullptr, 'r'},
                           {"fail", required_argument, nullptr, 'f'},
                           {"command", required_argument, nullptr, 'c'},
+                          {"watch", no_argument, nullptr, 'w'},
                           {"json", no_argument, nullptr, 'j'},
                           {"method", required_argument, nullptr, 'm'},
                           {"browser", required_argument, nullptr, 'b'},
@@ -215,6 +218,9 @@ ExitCode Main(int argc, char** argv) {
         break;
       case 'c':
         options.command = optarg;
+        break;
+      case 'w':
+        options.watches = true;
         break;
       case 'j':
         options.json = true;

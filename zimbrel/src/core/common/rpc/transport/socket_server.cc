@@ -1,5 +1,9 @@
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
 #include <optional>
 #include <unordered_map>
 #include <utility>
@@ -9,16 +13,23 @@
 #include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
 
+#include "rpc/transport/status.pb.h"
+#include "zimbrel/src/core/common/rpc/coarse_clock.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
 #include "zimbrel/src/core/common/rpc/transport/server/acceptor.h"
 #include "zimbrel/src/core/common/rpc/transport/server/client_budget.h"
 #include "zimbrel/src/core/common/rpc/transport/server/server_connection.h"
+#include "zimbrel/src/core/common/rpc/transport/server/status_service.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
+#include "zimbrel/src/core/common/rpc/version.h"
 
 namespace orvane {
 
 using internal::Acceptor;
 using internal::ClientBudget;
+using internal::CoarseClock;
 using internal::ServerConnection;
+using rpc::transport::ServerStatus;
 
 class SocketServer::Impl {
  public:
@@ -29,6 +40,7 @@ class SocketServer::Impl {
         limits_(limits),
         budget_(ClientBudget::MakeTotal(limits)) {
     loop->CheckServiceThread("SocketServer");
+    services_.push_back(&status_service_);
   }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
@@ -132,7 +144,7 @@ class SocketServer::Impl {
   void Take(OwnedDescriptor client) {
     const absl::Status served = Admit(std::move(client));
     if (served.ok()) return;
-    ++counters_.thrown_out;
+    counters_.ThrowOut(served);
     LOG_EVERY_N_SEC(WARNING, 1) << "a client was refused: " << served.message();
   }
 
@@ -215,6 +227,35 @@ class SocketServer::Impl {
     PostForMe(std::exchange(done_, nullptr));
   }
 
+  void Describe(ServerStatus* status) const {
+    status->set_version(std::string(kVersion));
+    status->set_process_id(static_cast<std::uint32_t>(::getpid()));
+    status->set_uptime_ms(internal::MillisecondsSince(begun_));
+    for (Service* const service : services_) {
+      if (service != &status_service_)
+        status->add_services(
+            std::string(service->GetDescriptor()->full_name()));
+    }
+    std::vector<int> ids;
+    for (const auto& [id, connection] : connections_) ids.push_back(id);
+    std::sort(ids.begin(), ids.end());
+    for (const int id : ids)
+      connections_.at(id)->Describe(status->add_connections());
+    rpc::transport::BudgetStatus* const budget = status->add_budgets();
+    budget->set_limit("max_connections");
+    budget->set_used(connections_.size());
+    budget->set_available(limits_.max_connections);
+    ClientBudget::Describe(*budget_, status);
+    status->set_replaced_events(counters_.replaced_events);
+    for (const auto& [code, alike] : counters_.refusals) {
+      rpc::transport::RefusalStatus* const refusals = status->add_refusals();
+      refusals->set_code(absl::StatusCodeToString(code));
+      refusals->set_count(alike.count);
+      refusals->set_latest_reason(Printable(alike.latest_reason));
+    }
+    status->set_is_shutting_down(is_shutting_down_);
+  }
+
   // Unless the server is gone by then.
   void PostForMe(Task task) {
     if (!task) return;
@@ -226,7 +267,10 @@ class SocketServer::Impl {
 
   EventLoop* const loop_;
   const internal::ServingScope serving_{loop_};
-  const std::vector<Service*> services_;
+  const CoarseClock::time_point begun_ = CoarseClock::now();
+  internal::StatusService status_service_{
+      [this](ServerStatus* status) { Describe(status); }};
+  std::vector<Service*> services_;  // The last one: status_service_.
   const ServerLimits limits_;
   const std::shared_ptr<ClientBudget::Total> budget_;
   ServerCounters counters_;

@@ -17,7 +17,8 @@ constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 
 // One row of the limits on what is held.
 struct HeldLimit {
-  absl::string_view name;
+  absl::string_view what;
+  absl::string_view name;  // Of the total, in ServerLimits.
   std::size_t each_client;
   std::size_t total;
 };
@@ -28,14 +29,16 @@ using Buckets = std::array<TokenBucket, kDoneKinds>;
 // In the order of Held.
 HeldLimits HeldLimitsOf(const ServerLimits& limits) {
   return {{
-      {"calls in progress", limits.max_calls, limits.max_total_calls},
-      {"bytes of requests in progress", limits.max_request_bytes,
-       limits.max_total_request_bytes},
-      {"streams open", limits.max_streams, limits.max_total_streams},
-      {"subscriptions", limits.max_subscriptions,
+      {"calls in progress", "max_total_calls", limits.max_calls,
+       limits.max_total_calls},
+      {"bytes of requests in progress", "max_total_request_bytes",
+       limits.max_request_bytes, limits.max_total_request_bytes},
+      {"streams open", "max_total_streams", limits.max_streams,
+       limits.max_total_streams},
+      {"subscriptions", "max_total_subscriptions", limits.max_subscriptions,
        limits.max_total_subscriptions},
-      {"subscriptions since the server was made", kNoLimit,
-       limits.max_lifetime_subscriptions},
+      {"subscriptions since the server was made", "max_lifetime_subscriptions",
+       kNoLimit, limits.max_lifetime_subscriptions},
   }};
 }
 
@@ -94,6 +97,16 @@ std::shared_ptr<ClientBudget::Total> ClientBudget::MakeTotal(
   return std::make_shared<Total>(limits);
 }
 
+void ClientBudget::Describe(const Total& total,
+                            rpc::transport::ServerStatus* status) {
+  for (std::size_t kind = 0; kind < kHeldKinds; ++kind) {
+    rpc::transport::BudgetStatus* const budget = status->add_budgets();
+    budget->set_limit(std::string(total.held_limits[kind].name));
+    budget->set_used(total.held[kind]);
+    budget->set_available(total.held_limits[kind].total);
+  }
+}
+
 ClientBudget::ClientBudget(std::shared_ptr<Total> total)
     : total_(std::move(total)), done_(BucketsOfClient(total_->limits)) {}
 
@@ -103,7 +116,7 @@ absl::Status ClientBudget::Take(Held what, std::size_t amount) {
   std::size_t& own = held_[kind];
   if (amount > limit.each_client - own) {
     return absl::ResourceExhaustedError(
-        absl::StrCat(Sum(own, amount), " ", limit.name, "; the limit is ",
+        absl::StrCat(Sum(own, amount), " ", limit.what, "; the limit is ",
                      limit.each_client));
   }
 
@@ -117,7 +130,7 @@ absl::Status ClientBudget::Take(Held what, std::size_t amount) {
   if (amount > limit.total - all ||
       more_beyond > limit.total - shared_out - beyond_shares) {
     return absl::ResourceExhaustedError(absl::StrCat(
-        Sum(all, amount), " ", limit.name, ", of all clients; the limit is ",
+        Sum(all, amount), " ", limit.what, ", of all clients; the limit is ",
         limit.total, ", half of it in equal parts for each client"));
   }
   own += amount;

@@ -11,6 +11,7 @@
 #include "absl/status/status.h"
 #include "absl/time/time.h"
 
+#include "rpc/transport/status.pb.h"
 #include "zimbrel/src/core/common/rpc/transport/server_limits.h"
 
 namespace orvane::internal {
@@ -55,6 +56,10 @@ class ClientBudget {
   // What all clients of a server have taken together.
   class Total;
   static std::shared_ptr<Total> MakeTotal(const ServerLimits& limits);
+
+  // Tells all limits on what clients hold together, by their names.
+  static void Describe(const Total& total,
+                       rpc::transport::ServerStatus* status);
 
   explicit ClientBudget(std::shared_ptr<Total> total);
 

@@ -10,12 +10,14 @@ namespace orvane::internal {
 using google::protobuf::Message;
 
 ServerCall::ServerCall(std::uint64_t id, ServerConnection* connection,
+                       const google::protobuf::MethodDescriptor* method,
                        const EventLoop* loop, std::shared_ptr<Mailbox> mailbox,
                        std::shared_ptr<ClientBudget> budget,
                        std::size_t request_bytes,
                        const Message& request_prototype,
                        const Message& response_prototype)
     : id_(id),
+      method_(method),
       loop_(loop),
       mailbox_(std::move(mailbox)),
       budget_(std::move(budget)),

@@ -10,9 +10,11 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/status/status.h"
+#include "google/protobuf/descriptor.h"
 #include "google/protobuf/message.h"
 #include "google/protobuf/service.h"
 
+#include "zimbrel/src/core/common/rpc/coarse_clock.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/mutex.h"
 #include "zimbrel/src/core/common/rpc/transport/server/client_budget.h"
@@ -33,6 +35,7 @@ class ServerCall final : public google::protobuf::RpcController,
   // `request_bytes` is the size of the request as it came. `budget` has this
   // call and its bytes, and gets them back when the call has been answered.
   ServerCall(std::uint64_t id, ServerConnection* connection,
+             const google::protobuf::MethodDescriptor* method,
              const EventLoop* loop, std::shared_ptr<Mailbox> mailbox,
              std::shared_ptr<ClientBudget> budget, std::size_t request_bytes,
              const google::protobuf::Message& request_prototype,
@@ -40,6 +43,8 @@ class ServerCall final : public google::protobuf::RpcController,
   ~ServerCall() override;
 
   std::uint64_t id() const { return id_; }
+  const google::protobuf::MethodDescriptor& method() const { return *method_; }
+  CoarseClock::time_point begun() const { return begun_; }
 
   // The client that made the call; null once the call has been abandoned.
   std::shared_ptr<ClientPresence> client() const;
@@ -78,6 +83,8 @@ class ServerCall final : public google::protobuf::RpcController,
   void Finish();
 
   const std::uint64_t id_;
+  const google::protobuf::MethodDescriptor* const method_;
+  const CoarseClock::time_point begun_ = CoarseClock::now();
   const EventLoop* const loop_;  // May be gone.
   const std::shared_ptr<Mailbox> mailbox_;
   const std::shared_ptr<ClientBudget> budget_;

@@ -23,6 +23,7 @@ namespace orvane::internal {
 
 using google::protobuf::MethodDescriptor;
 using google::protobuf::ServiceDescriptor;
+using rpc::transport::ConnectionStatus;
 using rpc::transport::Hello;
 using rpc::transport::Limits;
 using rpc::transport::StreamMessage;
@@ -87,6 +88,15 @@ Limits InHello(const ServerLimits& limits) {
   return told;
 }
 
+// 0 if it is not known.
+std::uint32_t ProcessAtTheOtherEnd(int socket) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  const bool is_known =
+      ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+  return is_known ? static_cast<std::uint32_t>(peer.pid) : 0;
+}
+
 absl::Status ShuttingDown() {
   return absl::UnavailableError("the server is shutting down");
 }
@@ -100,7 +110,8 @@ ServerConnection::ServerConnection(EventLoop* loop,
                                    ServerCounters* counters,
                                    std::unique_ptr<EventLoop::Watch> socket,
                                    absl::AnyInvocable<void() &&> on_end)
-    : client_(std::make_shared<ClientPresence>(loop)),
+    : client_process_(ProcessAtTheOtherEnd(socket->descriptor())),
+      client_(std::make_shared<ClientPresence>(loop)),
       services_(services),
       context_{.loop = loop,
                .service = nullptr,  // Until the client's hello.
@@ -208,6 +219,33 @@ void ServerConnection::OnHello(const StreamMessage& frame,
   hello_deadline_.reset();
 }
 
+void ServerConnection::Describe(ConnectionStatus* status) const {
+  if (has_received_hello_)
+    status->set_service(
+        std::string(context_.service->GetDescriptor()->full_name()));
+  status->set_process_id(client_process_);
+  status->set_age_ms(MillisecondsSince(begun_));
+  status->set_calls(static_cast<std::uint32_t>(calls_.size()));
+  const auto oldest = std::min_element(calls_.begin(), calls_.end(),
+                                       [](const auto& one, const auto& other) {
+                                         return one.first < other.first;
+                                       });
+  if (oldest != calls_.end()) {
+    status->mutable_oldest_call()->set_method(
+        std::string(oldest->second->method().name()));
+    status->mutable_oldest_call()->set_age_ms(
+        MillisecondsSince(oldest->second->begun()));
+  }
+  status->set_streams(static_cast<std::uint32_t>(streams_.size()));
+  std::size_t subscriptions = 0;
+  for (const auto& [id, stream] : streams_)
+    subscriptions += stream->subscriptions();
+  status->set_subscriptions(static_cast<std::uint32_t>(subscriptions));
+  status->set_queued_bytes(context_.socket->queued_bytes());
+  if (const auto since = context_.socket->stalled_since(); since.has_value())
+    status->set_unread_ms(MillisecondsSince(*since));
+}
+
 bool ServerConnection::IsSilent() const {
   return !has_received_hello_ && !context_.socket->HasInput();
 }
@@ -240,8 +278,8 @@ void ServerConnection::BeginCall(const StreamMessage& frame,
   const MethodDescriptor* const method = *found;
 
   auto call = std::make_unique<ServerCall>(
-      id, this, context_.loop, mailbox_, context_.budget, payload.size(),
-      context_.service->GetRequestPrototype(method),
+      id, this, method, context_.loop, mailbox_, context_.budget,
+      payload.size(), context_.service->GetRequestPrototype(method),
       context_.service->GetResponsePrototype(method));
   if (!ParsePayload(payload, context_.limits.max_message_depth,
                     &call->request())) {
@@ -349,7 +387,7 @@ void ServerConnection::SendError(std::uint64_t id, const absl::Status& why) {
 
 void ServerConnection::Close(const absl::Status& why) {
   if (!why.ok()) {
-    ++context_.counters->thrown_out;
+    context_.counters->ThrowOut(why);
     LOG_EVERY_N_SEC(WARNING, 1)
         << "a client was disconnected: " << why.message();
     SendError(0, why);

@@ -13,7 +13,9 @@
 #include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
 
+#include "rpc/transport/status.pb.h"
 #include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/coarse_clock.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/service.h"
 #include "zimbrel/src/core/common/rpc/transport/server/client_presence.h"
@@ -60,6 +62,8 @@ class ServerConnection final : public FrameSocket::Receiver {
   // For code that waits for the end of the connection.
   const std::shared_ptr<ClientPresence>& client() const { return client_; }
 
+  void Describe(rpc::transport::ConnectionStatus* status) const;
+
   // Whether nothing has come from the client yet.
   bool IsSilent() const;
 
@@ -102,6 +106,8 @@ class ServerConnection final : public FrameSocket::Receiver {
   void FinishClosing();
 
   const std::shared_ptr<char> alive_ = std::make_shared<char>();
+  const CoarseClock::time_point begun_ = CoarseClock::now();
+  const std::uint32_t client_process_;
   const std::shared_ptr<ClientPresence> client_;
   const std::vector<Service*>& services_;
   StreamContext context_;

@@ -3,6 +3,7 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_STREAM_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_SERVER_SERVER_STREAM_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -62,6 +63,9 @@ class ServerStream {
   // The client has ended the stream or is gone: unsubscribes it from what is
   // left, completes the stream and destroys it.
   ~ServerStream();
+
+  // How many keys the client is subscribed to.
+  std::size_t subscriptions() const { return keys_.size(); }
 
   // Unsubscribes the stream from all its keys. The destructor does that too. A
   // stream that ends looks at all keys of its type, whoever is subscribed to

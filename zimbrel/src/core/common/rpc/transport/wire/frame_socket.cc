@@ -132,6 +132,7 @@ void FrameSocket::Flush() {
 
 void FrameSocket::AwaitRoom() {
   writing_ = Writing::kAwaitingRoom;
+  stalled_since_ = CoarseClock::now();
   socket_->WhenWritable([this] {
     writing_ = Writing::kIdle;
     Flush();

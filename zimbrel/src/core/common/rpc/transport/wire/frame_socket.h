@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "absl/functional/function_ref.h"
@@ -14,6 +15,7 @@
 #include "google/protobuf/message_lite.h"
 
 #include "rpc/transport/stream_message.pb.h"
+#include "zimbrel/src/core/common/rpc/coarse_clock.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/framing.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/outbox.h"
@@ -107,6 +109,14 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   // OnBroken with OK, in a task of its own.
   void FinishWriting();
 
+  // Bytes that wait for room in the system's buffer, and since when it has had
+  // none, if they do.
+  std::size_t queued_bytes() const { return outbox_.size(); }
+  std::optional<CoarseClock::time_point> stalled_since() const {
+    if (writing_ != Writing::kAwaitingRoom) return std::nullopt;
+    return stalled_since_;
+  }
+
   // Whether bytes have arrived that have not been read.
   bool HasInput() const;
 
@@ -176,6 +186,7 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
   std::unique_ptr<EventLoop::Timer> pause_end_;  // With kPaused.
 
   Writing writing_ = Writing::kIdle;
+  CoarseClock::time_point stalled_since_;  // With kAwaitingRoom.
   Outbox outbox_;
   absl::Status write_error_;  // Set with kFailed; OK if the peer has left.
   bool has_told_full_ = false;
