@@ -154,8 +154,7 @@ std::string StatusInWords(const ServerStatus& status) {
   std::string text = absl::StrCat(
       "process ", status.process_id(), ", version ",
       orvane::Printable(status.version()), ", up ", Age(status.uptime_ms()),
-      status.is_shutting_down() ? ", shutting down" : "", "\n",
-      "services: ", orvane::Printable(absl::StrJoin(status.services(), ", ")),
+      "\nservices: ", orvane::Printable(absl::StrJoin(status.services(), ", ")),
       "\n\n");
   Table clients({"client", "service", "connected", "calls", "oldest call",
                  "streams", "keys", "queued", "reads nothing for"});

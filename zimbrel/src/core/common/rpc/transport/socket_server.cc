@@ -253,7 +253,6 @@ class SocketServer::Impl {
       refusals->set_count(alike.count);
       refusals->set_latest_reason(Printable(alike.latest_reason));
     }
-    status->set_is_shutting_down(is_shutting_down_);
   }
 
   // Unless the server is gone by then.
