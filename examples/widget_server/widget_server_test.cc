@@ -27,6 +27,7 @@ namespace {
 
 using ::orvane::testing::CallByName;
 using ::orvane::testing::ChildProcess;
+using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -263,6 +264,31 @@ TEST_F(WidgetServerTest, RefusesWhatIsNoOption) {
   EXPECT_EQ(result.errors,
             "widget_server: unexpected argument 'widget.sock'\n"
             "See widget_server --help.\n");
+}
+
+TEST_F(WidgetServerTest, IsFoundOutWhileItIsStoppedAndLosesNothing) {
+  const auto server = Serve();
+  const auto client = Connect();
+  rpc::BrowserWidgetRpcClient widget(client.get());
+  BrowserId browser;
+  browser.set_value(1);
+  ASSERT_TRUE(widget.Unfocus(browser).ok());
+  std::vector<std::string> told;
+  client->WatchServer(
+      absl::Milliseconds(50), [&](const orvane::Responsiveness& found) {
+        told.emplace_back(found.responds ? "responds" : "hangs");
+      });
+  server->Signal(SIGSTOP);
+  int answers = 0;
+  for (int calls = 0; calls < 10; ++calls)
+    widget.Unfocus(browser,
+                   [&](const auto& answer) { answers += answer.ok(); });
+  ASSERT_TRUE(loop_.RunUntil([&] { return !told.empty(); }));
+  EXPECT_EQ(answers, 0);
+  server->Signal(SIGCONT);
+  ASSERT_TRUE(
+      loop_.RunUntil([&] { return answers == 10 && told.size() == 2; }));
+  EXPECT_THAT(told, ElementsAre("hangs", "responds"));
 }
 
 // Inherited sockets

@@ -113,6 +113,11 @@ absl::StatusOr<AnyMessage> SocketClient::CallAndWait(
   return answer;
 }
 
+void SocketClient::WatchServer(absl::Duration patience,
+                               OnResponsiveness on_change) {
+  connection_->WatchServer(patience, std::move(on_change));
+}
+
 std::unique_ptr<ClientStream> SocketClient::OpenStream(
     const MethodDescriptor* method, ClientStreamHandlers handlers) {
   return connection_->OpenStream(*method, std::move(handlers));

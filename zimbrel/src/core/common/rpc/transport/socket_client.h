@@ -18,6 +18,7 @@
 #include "zimbrel/src/core/common/rpc/transport/client/client_call.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
+#include "zimbrel/src/core/common/rpc/transport/responsiveness.h"
 
 namespace orvane {
 
@@ -117,6 +118,19 @@ class SocketClient {
   [[nodiscard]] std::unique_ptr<ClientStream> OpenStream(
       const google::protobuf::MethodDescriptor* method,
       ClientStreamHandlers handlers);
+
+  // Tells when the server hangs: at the latest `patience` after it has stopped
+  // to handle what is sent to it; and when it does so again. By default nobody
+  // looks. The connection goes on in any case, and nothing is lost.
+  //
+  // A server that has nothing to say is asked whether it is there, about every
+  // third of `patience`, which wakes its process up. One whose handler blocks
+  // counts as one that hangs; one that answers a call late does not.
+  //
+  // `on_change` runs as a task of the loop, not after the connection's end, and
+  // may destroy the client. Another call replaces it; with an infinite patience
+  // nobody looks any more.
+  void WatchServer(absl::Duration patience, OnResponsiveness on_change);
 
   // OK while the connection exists, then the reason why it ended.
   const absl::Status& status() const;

@@ -11,9 +11,12 @@
 namespace orvane::internal {
 
 void ClientCall::Attach(ClientConnection* connection, std::uint64_t id,
+                        const google::protobuf::MethodDescriptor* method,
                         std::unique_ptr<EventLoop::Timer> deadline) {
   connection_ = connection;
   id_ = id;
+  method_ = method;
+  begun_ = CoarseClock::now();
   deadline_ = std::move(deadline);
 }
 

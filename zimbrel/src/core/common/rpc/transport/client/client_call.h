@@ -12,6 +12,7 @@
 #include "google/protobuf/message.h"
 
 #include "zimbrel/src/core/common/rpc/calling.h"
+#include "zimbrel/src/core/common/rpc/coarse_clock.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 
 namespace orvane {
@@ -37,7 +38,12 @@ class ClientCall : public Cancellable {
   // Called when `connection` puts the call into its table as `id`. `deadline`
   // may be null, and is kept until the call has ended.
   void Attach(ClientConnection* connection, std::uint64_t id,
+              const google::protobuf::MethodDescriptor* method,
               std::unique_ptr<EventLoop::Timer> deadline);
+
+  // Of an attached call.
+  const google::protobuf::MethodDescriptor* method() const { return method_; }
+  CoarseClock::time_point begun() const { return begun_; }
 
   // Called when the connection has removed the call from its table. Cancelling
   // it does nothing afterwards.
@@ -65,6 +71,8 @@ class ClientCall : public Cancellable {
 
   ClientConnection* connection_ = nullptr;  // Null while detached.
   std::uint64_t id_ = 0;
+  const google::protobuf::MethodDescriptor* method_ = nullptr;
+  CoarseClock::time_point begun_;
   std::unique_ptr<EventLoop::Timer> deadline_;
   bool has_ended_ = false;
 };

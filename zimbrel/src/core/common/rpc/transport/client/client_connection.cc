@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <limits>
 #include <map>
 #include <utility>
 
@@ -76,7 +77,7 @@ void ClientConnection::BeginCall(const MethodDescriptor& method,
   loop_->CheckServiceThread(method.full_name());
   const std::uint64_t id = ++last_id_;
   absl::Status sent = SendRequest(id, method, request, timeout);
-  if (sent.ok()) return ListCall(id, std::move(call), timeout);
+  if (sent.ok()) return ListCall(id, method, std::move(call), timeout);
   EndSoon([call = std::move(call), sent = std::move(sent)]() mutable {
     call->End(std::move(sent));
   });
@@ -94,13 +95,14 @@ void ClientConnection::BeginCallAndWait(const MethodDescriptor& method,
   const std::uint64_t id = ++last_id_;
   if (absl::Status sent = SendRequest(id, method, request, timeout); !sent.ok())
     return call->End(std::move(sent));
-  ListCall(id, call, timeout);
+  ListCall(id, method, call, timeout);
   socket_->Flush();
   if (loop_->RunUntil([&call] { return call->has_ended(); })) return;
   AbandonCall(id, absl::CancelledError("the loop was stopped"));
 }
 
 void ClientConnection::ListCall(std::uint64_t id,
+                                const MethodDescriptor& method,
                                 std::shared_ptr<ClientCall> call,
                                 absl::Duration timeout) {
   std::unique_ptr<EventLoop::Timer> deadline;
@@ -110,7 +112,7 @@ void ClientConnection::ListCall(std::uint64_t id,
                           "no answer within ", absl::FormatDuration(timeout))));
     });
   }
-  call->Attach(this, id, std::move(deadline));
+  call->Attach(this, id, &method, std::move(deadline));
   calls_.emplace(id, std::move(call));
 }
 
@@ -232,6 +234,52 @@ void ClientConnection::SendEnd(StreamMessage::Kind kind, std::uint64_t id) {
   socket_->SendEnd(frame).IgnoreError();
 }
 
+// Whether the server is there -------------------------------------------------
+
+void ClientConnection::WatchServer(absl::Duration patience,
+                                   OnResponsiveness on_change) {
+  loop_->CheckServiceThread("SocketClient::WatchServer");
+  watch_ = nullptr;
+  if (patience == absl::InfiniteDuration() || !status_.ok()) return;
+  watch_ = std::make_unique<ServerWatch>(
+      loop_, patience,
+      ServerWatch::Callbacks{
+          .ask = [this] { return AskWhetherItIsThere(); },
+          .has_input = [this] { return socket_->HasInput(); },
+          .on_change =
+              [this, told = std::make_shared<OnResponsiveness>(
+                         std::move(on_change))](bool responds) {
+                // The callback may replace the watch, and destroy this object.
+                const auto kept = told;
+                const CallbackScope scope(callbacks_);
+                (*kept)(Describe(responds));
+              }});
+}
+
+bool ClientConnection::AskWhetherItIsThere() {
+  if (service_ == nullptr || !status_.ok()) return false;
+  StreamMessage call;
+  call.set_kind(StreamMessage::KIND_CALL);
+  call.set_stream_id(++last_id_);
+  call.set_method(std::numeric_limits<std::uint32_t>::max());
+  return socket_->Send(call).ok();
+}
+
+Responsiveness ClientConnection::Describe(bool responds) const {
+  Responsiveness described;
+  described.responds = responds;
+  const auto oldest = std::min_element(calls_.begin(), calls_.end(),
+                                       [](const auto& one, const auto& other) {
+                                         return one.first < other.first;
+                                       });
+  if (oldest != calls_.end()) {
+    described.oldest_call = oldest->second->method();
+    described.oldest_call_age =
+        absl::Milliseconds(MillisecondsSince(oldest->second->begun()));
+  }
+  return described;
+}
+
 // The connection --------------------------------------------------------------
 
 const absl::Status& ClientConnection::status() const {
@@ -285,6 +333,7 @@ absl::Status ClientConnection::CompareHellos() const {
 
 // A callback may destroy this object.
 void ClientConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
+  if (watch_ != nullptr) watch_->Heard();
   const std::uint64_t id = frame.stream_id();
   const bool ends_all = frame.kind() == StreamMessage::KIND_ERROR && id == 0;
   if (ends_all) {
@@ -327,6 +376,7 @@ void ClientConnection::OnBroken(const absl::Status& why) {
 void ClientConnection::OnFull(const absl::Status& /*why*/) {}
 
 void ClientConnection::Close(absl::Status why) {
+  watch_ = nullptr;
   status_ = std::move(why);
   socket_->Close();
   QueueEnds(status_);

@@ -17,7 +17,9 @@
 
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/client/server_watch.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
+#include "zimbrel/src/core/common/rpc/transport/responsiveness.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
 
 namespace orvane::internal {
@@ -58,6 +60,9 @@ class ClientConnection final : public FrameSocket::Receiver {
   std::unique_ptr<ClientStream> OpenStream(
       const google::protobuf::MethodDescriptor& method,
       ClientStreamHandlers handlers);
+
+  // See SocketClient::WatchServer.
+  void WatchServer(absl::Duration patience, OnResponsiveness on_change);
 
   // OK while the connection exists, then the reason why it ended.
   const absl::Status& status() const;
@@ -114,9 +119,15 @@ class ClientConnection final : public FrameSocket::Receiver {
   // Runs the queued ends. This object may have been destroyed when it returns.
   void RunEnds();
 
-  void ListCall(std::uint64_t id, std::shared_ptr<ClientCall> call,
-                absl::Duration timeout);
+  void ListCall(std::uint64_t id,
+                const google::protobuf::MethodDescriptor& method,
+                std::shared_ptr<ClientCall> call, absl::Duration timeout);
   bool IsInsideACallback() const;
+
+  // Makes a call that the server refuses at once, whatever its version. False
+  // if the connection cannot be used, or not yet.
+  bool AskWhetherItIsThere();
+  Responsiveness Describe(bool responds) const;
 
   // Outlives the connection, so that code that runs a callback can see
   // afterwards whether the callback has destroyed the connection.
@@ -136,6 +147,7 @@ class ClientConnection final : public FrameSocket::Receiver {
   const google::protobuf::ServiceDescriptor* service_ = nullptr;
   // Set by OnHello.
   std::optional<rpc::transport::Hello> server_hello_;
+  std::unique_ptr<ServerWatch> watch_;  // Null unless it was asked for.
   std::uint64_t last_id_ = 0;
   absl::flat_hash_map<std::uint64_t, std::shared_ptr<ClientCall>> calls_;
   absl::flat_hash_map<std::uint64_t, std::shared_ptr<ClientStreamState>>
