@@ -13,8 +13,8 @@
 #include "absl/functional/any_invocable.h"
 #include "absl/strings/string_view.h"
 
-#include "host/pixels.h"
 #include "host/connector.h"
+#include "host/pixels.h"
 #include "rpc/browser/browser_id.pb.h"
 #include "rpc/browser/page.client.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"

@@ -88,6 +88,7 @@ void View::SetState(ViewState state, absl::Status status) {
 }
 
 std::string View::StateText() const {
+  if (is_hung_) return "The browser does not respond";
   const std::string reason =
       status_.ok() ? "" : absl::StrCat(": ", Printable(status_.message()));
   switch (state_) {
@@ -126,6 +127,7 @@ void View::Connect() {
     return;
   }
   session_ = std::make_shared<Session>(*std::move(connection), this);
+  WatchWidget();
   OpenStreams();
   const std::weak_ptr<Session> session = session_;
   if (handlers_.on_connected) handlers_.on_connected(session_->calls.client());
@@ -134,6 +136,15 @@ void View::Connect() {
     session_->calls.Send(&Client::SetDisplay, *display_);
   SetState(ViewState::kConnected, absl::OkStatus());
   AttachIfPossible();
+}
+
+void View::WatchWidget() {
+  session_->connection->WatchServer(options_.patience,
+                                    [this](const Responsiveness& widget) {
+                                      is_hung_ = !widget.responds;
+                                      if (handlers_.on_state)
+                                        handlers_.on_state(state_);
+                                    });
 }
 
 void View::ConnectLater() {
@@ -181,6 +192,7 @@ void View::OnWidgetGone(const absl::Status& end) {
   session_ = nullptr;
   scene_.Stop();
   is_attaching_ = false;
+  is_hung_ = false;
   absl::Status why = ended->connection->status();
   // A widget that shuts down completes its streams before the connection ends;
   // one that is older, or has narrow limits, may refuse the stream.

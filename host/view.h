@@ -67,6 +67,10 @@ struct ViewOptions {
   // first to the last.
   absl::Duration first_retry = absl::Milliseconds(100);
   absl::Duration last_retry = absl::Seconds(5);
+
+  // How long the widget may do nothing before it counts as hanging; see
+  // SocketClient::WatchServer. Some seconds are usual. By default nobody looks.
+  absl::Duration patience = absl::InfiniteDuration();
 };
 
 // Each may be left out.
@@ -77,9 +81,9 @@ struct ViewHandlers {
   // the state is kWaiting or kIncompatible.
   absl::AnyInvocable<void(rpc::BrowserWidgetRpcClient&)> on_connected = nullptr;
 
-  // Runs after each change of the state or of its reason. A drop-down or dialog
-  // of the page's that is open is closed when the view is not attached any
-  // more.
+  // Runs after each change of the state, of its reason, and of whether the
+  // widget hangs. A drop-down or dialog of the page's that is open is closed
+  // when the view is not attached any more.
   absl::AnyInvocable<void(ViewState)> on_state = nullptr;
 
   // Runs when View::scene() is to be drawn anew. Without it, pictures are left
@@ -131,8 +135,12 @@ class View {
   // Why the state is not kAttached; OK if nothing has gone wrong.
   const absl::Status& status() const { return status_; }
 
+  // Whether the widget hangs. The window may offer to end it; see also
+  // WidgetProcess::Restart.
+  bool is_hung() const { return is_hung_; }
+
   // What the window says over the page, in words that are fit to be shown: why
-  // the view is not attached. Empty while it is.
+  // the view is not attached, or that the widget hangs. Empty if all is well.
   std::string StateText() const;
 
   // What to draw, also while there is no widget: the last picture, dimmed.
@@ -190,6 +198,7 @@ class View {
 
   void Connect();
   void ConnectLater();
+  void WatchWidget();
   absl::Duration NextRetry();
   void OpenStreams();
   void OnWidgetGone(const absl::Status& end);
@@ -219,7 +228,8 @@ class View {
 
   absl::Duration retry_;
   std::unique_ptr<EventLoop::Timer> retry_timer_;
-  bool is_attaching_ = false;         // Attach has no answer yet.
+  bool is_attaching_ = false;  // Attach has no answer yet.
+  bool is_hung_ = false;
   rpc::ViewBounds told_bounds_;       // What the widget knows of bounds_.
   std::shared_ptr<Session> session_;  // Answers hold a weak pointer.
 };

@@ -15,6 +15,7 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 
+#include "host/view.h"
 #include "rpc/browser/browser_widget.client.h"
 #include "zimbrel/src/core/common/rpc/testing/keys.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
@@ -221,6 +222,43 @@ TEST_F(WidgetProcessTest, ItsDestructionKillsTheWidget) {
   const pid_t pid = process_->pid();
   process_ = nullptr;
   EXPECT_EQ(::kill(pid, 0), -1);
+}
+
+TEST_F(WidgetProcessTest, AViewTellsThatItsWidgetHangs) {
+  StartWidget();
+  View view(&loop_,
+            {.connect = process_->connector(),
+             .browser = testing::Browser(1),
+             .patience = absl::Milliseconds(50)},
+            {});
+  view.SetSize(100, 100);
+  ASSERT_TRUE(
+      loop_.RunUntil([&] { return view.state() == ViewState::kAttached; }));
+  EXPECT_EQ(view.StateText(), "");
+  ::kill(process_->pid(), SIGSTOP);
+  ASSERT_TRUE(loop_.RunUntil([&] { return view.is_hung(); }));
+  EXPECT_EQ(view.StateText(), "The browser does not respond");
+  ::kill(process_->pid(), SIGCONT);
+  ASSERT_TRUE(loop_.RunUntil([&] { return !view.is_hung(); }));
+  EXPECT_EQ(view.state(), ViewState::kAttached);
+}
+
+TEST_F(WidgetProcessTest, AViewComesBackAfterAHang) {
+  StartWidget();
+  View view(&loop_,
+            {.connect = process_->connector(),
+             .browser = testing::Browser(1),
+             .patience = absl::Milliseconds(50)},
+            {});
+  view.SetSize(100, 100);
+  ASSERT_TRUE(
+      loop_.RunUntil([&] { return view.state() == ViewState::kAttached; }));
+  ::kill(process_->pid(), SIGSTOP);
+  ASSERT_TRUE(loop_.RunUntil([&] { return view.is_hung(); }));
+  process_->Restart();
+  ASSERT_TRUE(loop_.RunUntil([&] { return !view.is_hung(); }));
+  ASSERT_TRUE(
+      loop_.RunUntil([&] { return view.state() == ViewState::kAttached; }));
 }
 
 TEST_F(WidgetProcessTest, InheritsItsSocketAndTheOutputsOnly) {

@@ -36,14 +36,13 @@ void ShowIcon(GtkWidget* image, GdkTexture* icon) {
 }  // namespace
 
 BrowserWindow::Tab::Tab(BrowserWindow* window, orvane::EventLoop* loop,
-                        const orvane::host::Connector& connect,
-                        std::uint64_t browser)
+                        const WidgetSource& source, std::uint64_t browser)
     : number(browser),
       icon(gtk_image_new()),
       label(GTK_WIDGET(g_object_new(GTK_TYPE_LABEL, "ellipsize",
                                     PANGO_ELLIPSIZE_END, "hexpand", TRUE,
                                     nullptr))),
-      page(connect, IdOf(browser),
+      page(source.connect, IdOf(browser),
            {.on_state =
                 [this, window](const rpc::PageState* told) {
                   window->OnState(*this, told);
@@ -66,11 +65,11 @@ BrowserWindow::Tab::Tab(BrowserWindow* window, orvane::EventLoop* loop,
                          const rpc::DownloadChanged& change) {
                   window->downloads_.Update(path, change);
                 }}),
-      view(loop, connect, IdOf(browser), [this] { page.Connect(); }) {}
+      view(loop, source, IdOf(browser), [this] { page.Connect(); }) {}
 
 BrowserWindow::BrowserWindow(GtkApplication* application,
                              orvane::EventLoop* loop,
-                             const orvane::host::Connector& connect,
+                             const WidgetSource& source,
                              const std::vector<std::uint64_t>& browsers)
     : window_(gtk_application_window_new(application)),
       bar_(gtk_box_new(GTK_ORIENTATION_HORIZONTAL, kSpace)),
@@ -110,7 +109,7 @@ BrowserWindow::BrowserWindow(GtkApplication* application,
   Enable("next-tab", has_tabs);
   Enable("previous-tab", has_tabs);
   for (const std::uint64_t browser : browsers) {
-    tabs_.push_back(std::make_unique<Tab>(this, loop, connect, browser));
+    tabs_.push_back(std::make_unique<Tab>(this, loop, source, browser));
     GtkWidget* const head = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, kSpace);
     gtk_box_append(GTK_BOX(head), tabs_.back()->icon);
     gtk_box_append(GTK_BOX(head), tabs_.back()->label);

@@ -30,7 +30,7 @@ namespace gtk_host {
 class BrowserWindow {
  public:
   BrowserWindow(GtkApplication* application, orvane::EventLoop* loop,
-                const orvane::host::Connector& connect,
+                const WidgetSource& source,
                 const std::vector<std::uint64_t>& browsers);
   BrowserWindow(const BrowserWindow&) = delete;
   BrowserWindow& operator=(const BrowserWindow&) = delete;
@@ -44,7 +44,7 @@ class BrowserWindow {
  private:
   struct Tab {
     Tab(BrowserWindow* window, orvane::EventLoop* loop,
-        const orvane::host::Connector& connect, std::uint64_t number);
+        const WidgetSource& source, std::uint64_t number);
 
     const std::uint64_t number;
     std::optional<rpc::PageState> state;  // None: it has no page service.

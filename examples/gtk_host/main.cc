@@ -153,7 +153,7 @@ class Program {
         return EXIT_FAILURE;
       }
       widget_ = *std::move(widget);
-      connect_ = widget_->connector();
+      source_ = {widget_->connector(), [this] { widget_->Restart(); }};
     }
     const orvane::GlibSource source(&loop_, nullptr, GDK_PRIORITY_REDRAW + 10);
     for (const int signal : {SIGINT, SIGTERM})
@@ -166,7 +166,7 @@ class Program {
 
  private:
   void Start() {
-    window_ = std::make_unique<BrowserWindow>(application_, &loop_, connect_,
+    window_ = std::make_unique<BrowserWindow>(application_, &loop_, source_,
                                               options_.browsers);
     Connect<&Program::OnClose>(window_->window(), "close-request", this);
   }
@@ -192,8 +192,7 @@ class Program {
   GtkApplication* const application_;
   orvane::EventLoop loop_;
   std::unique_ptr<orvane::host::WidgetProcess> widget_;
-  orvane::host::Connector connect_ =
-      orvane::host::ConnectorTo(&loop_, options_.socket);
+  WidgetSource source_ = {orvane::host::ConnectorTo(&loop_, options_.socket)};
   std::unique_ptr<BrowserWindow> window_;
 };
 

@@ -14,6 +14,10 @@ using orvane::host::Picture;
 using orvane::host::ViewState;
 
 constexpr double kDimmed = 0.4;
+constexpr int kMessageSpacing = 12;
+
+// Pages that work keep the widget's process busy for a second at most.
+constexpr absl::Duration kPatience = absl::Seconds(5);
 
 // GTK asks the class of a widget for its size and for what to draw.
 WebView* ViewOf(GtkWidget* canvas) {
@@ -60,19 +64,24 @@ graphene_rect_t RectangleOf(const rpc::RectDip& rect) {
 
 }  // namespace
 
-WebView::WebView(orvane::EventLoop* loop,
-                 const orvane::host::Connector& connect,
+WebView::WebView(orvane::EventLoop* loop, const WidgetSource& source,
                  const BrowserId& browser, std::function<void()> on_connected)
-    : canvas_(NewCanvas(this)),
+    : source_(source),
+      canvas_(NewCanvas(this)),
       canvas_reference_(g_object_ref_sink(canvas_), g_object_unref),
       overlay_(gtk_overlay_new()),
+      message_(gtk_box_new(GTK_ORIENTATION_VERTICAL, kMessageSpacing)),
       words_(gtk_label_new(nullptr)),
+      restart_(gtk_button_new_with_label("Start it again")),
       motion_(gtk_event_controller_motion_new()),
       scroll_(gtk_event_controller_scroll_new(
           GTK_EVENT_CONTROLLER_SCROLL_BOTH_AXES)),
       input_method_(gtk_im_multicontext_new()),
       popups_(canvas_),
-      view_(loop, {.connect = connect, .browser = browser},
+      view_(loop,
+            {.connect = source_.connect,
+             .browser = browser,
+             .patience = kPatience},
             {.on_connected =
                  [this, browser, then = std::move(on_connected)](auto& widget) {
                    popups_.Serve(widget, browser);
@@ -96,9 +105,15 @@ WebView::WebView(orvane::EventLoop* loop,
              .on_drop_operation = [this](auto op) { drops_.OnOperation(op); }}),
       drops_(canvas_, &view_) {
   gtk_overlay_set_child(GTK_OVERLAY(overlay_), canvas_);
-  gtk_overlay_add_overlay(GTK_OVERLAY(overlay_), words_);
+  gtk_overlay_add_overlay(GTK_OVERLAY(overlay_), message_);
+  gtk_widget_set_halign(message_, GTK_ALIGN_CENTER);
+  gtk_widget_set_valign(message_, GTK_ALIGN_CENTER);
+  gtk_box_append(GTK_BOX(message_), words_);
+  gtk_box_append(GTK_BOX(message_), restart_);
   gtk_label_set_wrap(GTK_LABEL(words_), TRUE);
+  gtk_widget_set_halign(restart_, GTK_ALIGN_CENTER);
   gtk_widget_set_can_target(words_, FALSE);
+  Connect<&WebView::Restart>(restart_, "clicked", this);
   TellState();
 
   gtk_im_context_set_client_widget(input_method_, canvas_);
@@ -139,10 +154,11 @@ void WebView::Detach() { view_.Detach(); }
 // What lies over the page
 
 void WebView::TellState() {
-  const bool is_attached = view_.state() == ViewState::kAttached;
-  if (!is_attached) popups_.CloseAll();
-  gtk_label_set_text(GTK_LABEL(words_), view_.StateText().c_str());
-  gtk_widget_set_visible(words_, !is_attached);
+  const std::string text = view_.StateText();
+  if (view_.state() != ViewState::kAttached) popups_.CloseAll();
+  gtk_label_set_text(GTK_LABEL(words_), text.c_str());
+  gtk_widget_set_visible(message_, !text.empty());
+  gtk_widget_set_visible(restart_, view_.is_hung() && source_.restart);
   gtk_widget_queue_draw(canvas_);
 }
 
@@ -167,7 +183,9 @@ void WebView::OnAllocated(int width, int height) {
 }
 
 void WebView::OnSnapshot(GtkSnapshot* snapshot) {
-  const double opacity = view_.state() == ViewState::kAttached ? 1 : kDimmed;
+  const bool is_live =
+      view_.state() == ViewState::kAttached && !view_.is_hung();
+  const double opacity = is_live ? 1 : kDimmed;
   for (orvane::host::Scene::Item* const item : view_.scene().items()) {
     if (item->drawable == nullptr) item->drawable = NewTexture(item->picture);
     auto* const texture = static_cast<GdkTexture*>(item->drawable.get());

@@ -19,6 +19,15 @@
 
 namespace gtk_host {
 
+// Where the widget comes from.
+struct WidgetSource {
+  orvane::host::Connector connect;
+
+  // Ends a widget that hangs, and starts it again. Empty if this program has
+  // not started it.
+  std::function<void()> restart = nullptr;
+};
+
 // Draws the page of a browser and passes input on to it. Says so in its place
 // while there is no widget, and comes back with the next one. A browser that
 // another host has attached comes here: that host has died, or the user wants
@@ -28,7 +37,7 @@ namespace gtk_host {
 class WebView {
  public:
   // `on_connected` runs for each widget process that comes.
-  WebView(orvane::EventLoop* loop, const orvane::host::Connector& connect,
+  WebView(orvane::EventLoop* loop, const WidgetSource& source,
           const BrowserId& browser, std::function<void()> on_connected);
   WebView(const WebView&) = delete;
   WebView& operator=(const WebView&) = delete;
@@ -52,6 +61,7 @@ class WebView {
 
  private:
   void TellState();
+  void Restart() { source_.restart(); }
   void ShowCursor(const rpc::Cursor& cursor);
   bool LeaveFocus(rpc::FocusDirection direction);
   void TellShown();
@@ -67,10 +77,13 @@ class WebView {
   gboolean OnScroll(double dx, double dy);
   void OnScrollEnd();
 
+  const WidgetSource source_;
   GtkWidget* const canvas_;
   const std::shared_ptr<void> canvas_reference_;  // As long as this object.
   GtkWidget* const overlay_;
-  GtkWidget* const words_;  // What is wrong, over the dimmed picture.
+  GtkWidget* const message_;  // What is wrong, over the dimmed picture:
+  GtkWidget* const words_;
+  GtkWidget* const restart_;  // Shown while the widget hangs.
   GtkEventController* const motion_;
   GtkEventController* const scroll_;
   std::vector<GtkEventController*> controllers_;  // Of the canvas; all.
