@@ -13,6 +13,7 @@
 #include "absl/strings/string_view.h"
 
 #include "tools/widgetctl/call.h"
+#include "tools/widgetctl/completion.h"
 #include "tools/widgetctl/describe.h"
 #include "tools/widgetctl/documented.h"
 #include "tools/widgetctl/json.h"
@@ -92,6 +93,20 @@ ExitCode Call(const Options& options,
                              orvane::Printable(answer.status().message())));
   }
   std::cout << ToJson(**answer) << '\n';
+  return kOk;
+}
+
+ExitCode CompleteLine(const Options& options,
+                      const std::vector<std::string>& line) {
+  std::vector<CompletedCommand> commands;
+  for (const Command& command : Commands()) {
+    commands.push_back(
+        {std::string(command.name), std::string(command.options)});
+  }
+  for (const std::string& continuation :
+       Continuations(options.services, commands, line[0])) {
+    std::cout << continuation << '\n';
+  }
   return kOk;
 }
 
@@ -201,6 +216,12 @@ with @NAME goes over a connection of its own. The session fails if something
 differs, or if something arrives that no line expects or allows.
 )",
      &Run},
+    {"complete", "LINE", "", 1, 1, "tells a shell how a line may go on",
+     R"(Prints what may follow at the end of LINE, a command line of this program that
+somebody is typing: one continuation a line, nothing where a file is named. The
+completions for bash and zsh use it.
+)",
+     &CompleteLine},
     {"status", "", "[--watch] [--json]", 0, 0, "tells what the widget is doing",
      R"(Prints the clients of the widget, with the oldest call that each waits for, how
 much of its limits the widget uses, and whom it has refused. If the widget does

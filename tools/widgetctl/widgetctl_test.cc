@@ -94,6 +94,25 @@ TEST_F(WidgetctlTest, ListNeedsNoServer) {
               Succeeds(ContainsRegex("^ 0  Focus .*\n")));
 }
 
+// As bash calls the completion's function, whose words are those of a shell.
+TEST_F(WidgetctlTest, BashCompletesTheFieldsOfARequest) {
+  const ChildProcess::Result result =
+      ChildProcess({"/bin/bash", "-c",
+                    "compopt() { :; }\n"
+                    "source " COMPLETIONS "/widgetctl.bash\n"
+                    "COMP_LINE=\"widgetctl call Focus '{\\\"bro\"\n"
+                    "COMP_POINT=${#COMP_LINE}\n"
+                    "COMP_WORDS=(widgetctl call Focus \"'{\\\"bro\")\n"
+                    "COMP_CWORD=3\n"
+                    "_widgetctl " WIDGETCTL " '{\"bro' Focus\n"
+                    "printf '%s|\\n' \"${COMPREPLY[@]}\""})
+          .Wait();
+  EXPECT_EQ(result.output,
+            "{\"browserId\": |\n"
+            "{\"browserId\":  |\n")
+      << result.errors;
+}
+
 TEST_F(WidgetctlTest, AServiceIsChosenByItsName) {
   EXPECT_THAT(Widgetctl({"--service", "PageRpc", "list"}),
               Succeeds(ContainsRegex("^ 0  Load .*\n")));
