@@ -20,6 +20,7 @@
 #include "host/view.h"
 #include "orvane/client.h"
 #include "rpc/browser/browser_widget.client.h"
+#include "zimbrel/src/core/common/rpc/version.h"
 
 namespace {
 
@@ -54,6 +55,7 @@ void PrintHelp() {
                "  --height DIPS   how high (default 600)\n"
                "  --take-over     also from the host that has it\n"
                "  --help          print this and exit\n"
+               "  --version       print the version and exit\n"
                "\n"
                "Exit code: 0 if the picture is saved, 1 if there is none,\n"
                "2 for wrong usage.\n";
@@ -72,6 +74,7 @@ Options ParseOptions(int argc, char** argv) {
                           {"help", no_argument, nullptr, 'h'},
                           {"socket", required_argument, nullptr, 's'},
                           {"take-over", no_argument, nullptr, 't'},
+                          {"version", no_argument, nullptr, 'v'},
                           {"width", required_argument, nullptr, 'x'},
                           {}};
   Options options;
@@ -95,6 +98,9 @@ Options ParseOptions(int argc, char** argv) {
       case 't':
         options.takes_over = true;
         break;
+      case 'v':
+        std::cout << "screenshot " << orvane::kVersion << "\n";
+        std::exit(EXIT_SUCCESS);
       case 'x':
         options.bounds.set_width(ParseSide(optarg));
         break;

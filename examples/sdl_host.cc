@@ -12,6 +12,7 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "absl/status/status.h"
@@ -24,6 +25,7 @@
 #include "orvane/client.h"
 #include "rpc/browser/browser_widget.client.h"
 #include "zimbrel/src/core/common/rpc/main_loops/sdl_events.h"
+#include "zimbrel/src/core/common/rpc/version.h"
 
 namespace {
 
@@ -326,6 +328,25 @@ bool Run(const std::string& socket) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const std::string_view argument = argc > 1 ? argv[1] : "";
+  if (argument == "--version") {
+    std::cout << "sdl_host " << orvane::kVersion << "\n";
+    return 0;
+  }
+  if (argc > 2 || argument.starts_with('-')) {
+    const bool is_asked = argument == "--help";
+    (is_asked ? std::cout : std::cerr)
+        << "Usage: sdl_host [--help | --version | SOCKET]\n"
+           "Shows browser 1 of the widget that listens at SOCKET in a window\n"
+           "(default "
+        << orvane::DefaultSocketPath("widget")
+        << ").\n"
+           "\n"
+           "Exit code: 0 after the window was closed, 1 without a display,\n"
+           "2 for wrong usage.\n";
+    return is_asked ? 0 : 2;
+  }
+
   // SDL is made for games: it would keep the screen on, switch off the
   // desktop's effects, and swallow the click that gives the window the focus.
   SDL_SetHint(SDL_HINT_VIDEO_ALLOW_SCREENSAVER, "1");
