@@ -47,8 +47,8 @@ TEST(SafeFileNameTest, WhatIsNotShownIsReplaced) {
 }
 
 TEST(SafeFileNameTest, ALongNameIsCutAndKeepsItsExtension) {
-  EXPECT_EQ(SafeFileName(std::string(100'000, 'x') + ".pdf"),
-            std::string(196, 'x') + ".pdf");
+  EXPECT_EQ(SafeFileName(absl::StrCat(std::string(100'000, 'x'), ".pdf")),
+            absl::StrCat(std::string(196, 'x'), ".pdf"));
   EXPECT_EQ(SafeFileName("x." + std::string(100'000, 'y')),
             "x." + std::string(198, 'y'));
   std::string umlauts;
@@ -89,7 +89,7 @@ TEST_F(NewFileTest, WhatHasTheNameIsLeftAlone) {
 TEST_F(NewFileTest, TheNumberFitsTheLongestName) {
   const std::string name(255, 'x');
   Create(name);
-  EXPECT_EQ(Create(name), PathOf(std::string(200, 'x') + " (2)"));
+  EXPECT_EQ(Create(name), PathOf(absl::StrCat(std::string(200, 'x'), " (2)")));
 }
 
 TEST_F(NewFileTest, NamesRunOut) {

@@ -12,7 +12,7 @@
 namespace gtk_host {
 namespace {
 
-constexpr int kMaxLines = 5;
+constexpr std::size_t kMaxLines = 5;
 constexpr int kOnlyForTheUser = 0700;
 constexpr std::size_t kMaxErrorBytes = 300;
 
@@ -33,8 +33,7 @@ GtkWidget* NewLine() {
   GtkWidget* const line = NewNotice();
   gtk_info_bar_set_show_close_button(GTK_INFO_BAR(line), TRUE);
   g_signal_connect(line, "response", G_CALLBACK(+[](GtkWidget* closed) {
-                     gtk_box_remove(GTK_BOX(gtk_widget_get_parent(closed)),
-                                    closed);
+                     gtk_widget_set_visible(closed, FALSE);
                    }),
                    nullptr);
   return line;
@@ -81,21 +80,20 @@ void Downloads::Say(const std::string& path, GtkMessageType type,
 // A line that has been closed comes back when there is news. Of too many lines,
 // the oldest becomes the newest.
 GtkWidget* Downloads::LineOf(const std::string& path) {
-  int count = 0;
-  for (GtkWidget* line = gtk_widget_get_first_child(lines_); line != nullptr;
-       line = gtk_widget_get_next_sibling(line), ++count) {
-    if (gtk_widget_get_name(line) == path) return line;
+  for (const Line& line : latest_) {
+    if (line.path == path) return line.notice;
   }
-  GtkWidget* const oldest = gtk_widget_get_first_child(lines_);
-  GtkWidget* const newest = gtk_widget_get_last_child(lines_);
-  GtkWidget* const line = count == kMaxLines ? oldest : NewLine();
-  gtk_widget_set_name(line, path.c_str());
-  if (line == oldest) {
-    gtk_box_reorder_child_after(GTK_BOX(lines_), line, newest);
+  GtkWidget* notice = nullptr;
+  if (latest_.size() < kMaxLines) {
+    notice = NewLine();
+    gtk_box_append(GTK_BOX(lines_), notice);
   } else {
-    gtk_box_append(GTK_BOX(lines_), line);
+    notice = latest_.front().notice;
+    latest_.pop_front();
+    gtk_box_reorder_child_after(GTK_BOX(lines_), notice, latest_.back().notice);
   }
-  return line;
+  latest_.push_back({path, notice});
+  return notice;
 }
 
 }  // namespace gtk_host

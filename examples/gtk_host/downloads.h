@@ -5,6 +5,7 @@
 
 #include <gtk/gtk.h>
 
+#include <deque>
 #include <string>
 
 #include "rpc/browser/page.pb.h"
@@ -32,7 +33,13 @@ class Downloads {
            const std::string& words);
   GtkWidget* LineOf(const std::string& path);
 
-  GtkWidget* const lines_;  // The latest at the bottom.
+  struct Line {
+    std::string path;
+    GtkWidget* notice;
+  };
+
+  GtkWidget* const lines_;
+  std::deque<Line> latest_;  // In it, the latest at the bottom and the end.
 };
 
 }  // namespace gtk_host

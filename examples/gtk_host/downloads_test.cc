@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -43,21 +44,24 @@ class WindowDownloadsTest : public WindowFixture {
 
   // Answers the paths that the host chooses.
   std::vector<std::string> Offer(const std::vector<std::string>& names) {
-    std::vector<std::string> paths;
-    std::size_t answers = 0;
+    struct Answers {
+      std::vector<std::string> paths;
+      std::size_t count = 0;
+    };
+    const auto answers = std::make_shared<Answers>();
     for (const std::string& name : names) {
       rpc::DownloadCall call;
       call.set_download_id(++last_id_);
       call.set_suggested_name(name);
       orvane::Call<rpc::Download>(
           browser_, call,
-          [&](const absl::StatusOr<rpc::DownloadResponse>& answer) {
-            ++answers;
-            if (answer.ok()) paths.emplace_back(answer->path());
+          [answers](const absl::StatusOr<rpc::DownloadResponse>& answer) {
+            ++answers->count;
+            if (answer.ok()) answers->paths.emplace_back(answer->path());
           });
     }
-    Await("the paths", [&] { return answers == names.size(); });
-    return paths;
+    Await("the paths", [&] { return answers->count == names.size(); });
+    return answers->paths;
   }
   void End(std::uint64_t id, rpc::DownloadStatus status) {
     rpc::DownloadChanged event;
