@@ -47,7 +47,7 @@ set(server_api "orvane/server\\.h" "${rpc}/stream/(call|publish)\\.h"
     "${rpc}/transport/(client_watch|in_process|server_[a-z]+|socket_server|unix_socket)\\.h")
 set(client_api "orvane/client\\.h"
     "${rpc}/transport/(client_stream|in_process|responder|socket_client|subscriptions|typed_client|unix_socket)\\.h")
-set(api "${server_api}" "${client_api}" "${contracts}" "${protos}" "${generated}" "${logging}")
+set(api "${server_api}" "${client_api}" "${rpc}/metrics/[a-z_]+\\.h" "${contracts}" "${protos}" "${generated}" "${logging}")
 
 # The runtime.
 allow(zimbrel/src/core/common/logging "${logging}")
@@ -61,9 +61,10 @@ allow(${rpc}/transport/server "${rpc}/transport/(server|wire)/[a-z_]+\\.h"
       "${rpc}/transport/(frame_limits|server_counters|server_limits)\\.h" "${contracts}"
       ${transport_protos})
 allow(${rpc}/transport/client "${rpc}/transport/(client|wire)/[a-z_]+\\.h"
-      "${rpc}/transport/(frame_limits|client_stream)\\.h" "${contracts}" ${transport_protos})
+      "${rpc}/transport/(frame_limits|client_stream|responsiveness)\\.h" "${contracts}" ${transport_protos})
 allow(${rpc}/transport "${rpc}/transport/((client|server|wire)/)?[a-z_]+\\.h" "${contracts}"
       ${transport_protos})
+allow(${rpc}/metrics "${rpc}/metrics/[a-z_]+\\.h" "${contracts}")
 allow(orvane "${contracts}" ${server_api} ${client_api})
 
 # Generated code, and the generator.

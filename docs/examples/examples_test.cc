@@ -1,7 +1,9 @@
 // Runs the programs that the pages show.
 
 #include <csignal>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -141,6 +143,20 @@ TEST_F(Examples, OwnWidgetStartsItAgain) {
   EXPECT_EQ(ReadUntil(host, "the widget exited"),
             "the widget exited with code 1; it is started again in 250ms");
   EXPECT_EQ(ReadUntil(host, "the widget runs"), "the widget runs again");
+}
+
+TEST_F(Examples, MetricsAreInTheFileAtTheEnd) {
+  const std::string file = folder_.path() + "/metrics";
+  ChildProcess metrics({METRICS, socket_, file});
+  EXPECT_EQ(metrics.ReadLine(), "metrics listens at " + socket_);
+  EXPECT_FALSE(CallByName(Connect().get(), "Show", "").ok());
+  metrics.Signal(SIGTERM);
+  EXPECT_EQ(metrics.Wait().exit_code, 0);
+  std::stringstream text;
+  text << std::ifstream(file).rdbuf();
+  EXPECT_THAT(text.str(),
+              HasSubstr("method=\"rpc.BrowserWidgetRpc.Show\","
+                        "code=\"UNKNOWN\"} 1"));
 }
 
 TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {

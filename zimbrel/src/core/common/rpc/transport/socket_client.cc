@@ -81,7 +81,8 @@ absl::StatusOr<std::unique_ptr<SocketClient>> SocketClient::Adopt(
                    loop, *std::move(socket),
                    FrameLimits{.max_frame_bytes = options.max_frame_bytes,
                                .max_queued_bytes = options.max_queued_bytes,
-                               .max_frame_time = absl::InfiniteDuration()})));
+                               .max_frame_time = absl::InfiniteDuration()},
+                   options.observer)));
 }
 
 SocketClient::SocketClient(const ClientOptions& options,

@@ -15,6 +15,7 @@
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/calling.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/operation_observer.h"
 #include "zimbrel/src/core/common/rpc/transport/client/client_call.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/frame_limits.h"
@@ -38,6 +39,10 @@ struct ClientOptions {
   // Calls of the server that wait for answers on one stream. Another one fails,
   // and no handler runs.
   std::size_t max_served_calls = 1024;
+
+  // Is told of the operations of this connection; null: nobody. It outlives the
+  // client.
+  OperationObserver* observer = nullptr;
 };
 
 // Calls the unary methods of the service at the other end of a Unix-domain

@@ -113,6 +113,11 @@ class SocketServer::Impl {
     FinishIfAllHaveLeft();
   }
 
+  void SetObserver(OperationObserver* observer) {
+    loop_->CheckServiceThread("SocketServer::SetObserver");
+    observer_ = observer;
+  }
+
   std::size_t connections() const {
     loop_->CheckServiceThread("SocketServer::connections");
     return connections_.size();
@@ -162,7 +167,7 @@ class SocketServer::Impl {
     connections_.emplace(id, std::make_unique<ServerConnection>(
                                  loop_, services_, limits_,
                                  std::make_unique<ClientBudget>(budget_),
-                                 &counters_, std::move(socket),
+                                 &counters_, observer_, std::move(socket),
                                  [this, id, alive = std::weak_ptr(alive_),
                                   on_end = std::move(on_end)]() mutable {
                                    connections_.extract(id);
@@ -273,6 +278,7 @@ class SocketServer::Impl {
   const ServerLimits limits_;
   const std::shared_ptr<ClientBudget::Total> budget_;
   ServerCounters counters_;
+  OperationObserver* observer_ = nullptr;
   const std::shared_ptr<char> alive_ = std::make_shared<char>();
   // Removes the socket file, after the acceptors below have been closed.
   std::optional<ListeningSocket> listening_;
@@ -304,6 +310,10 @@ absl::Status SocketServer::Adopt(int descriptor, Task on_end) {
 
 void SocketServer::Shutdown(absl::Duration within, Task done) {
   impl_->Shutdown(within, std::move(done));
+}
+
+void SocketServer::SetObserver(OperationObserver* observer) {
+  impl_->SetObserver(observer);
 }
 
 std::size_t SocketServer::connections() const { return impl_->connections(); }

@@ -12,6 +12,7 @@
 #include "absl/time/time.h"
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/operation_observer.h"
 #include "zimbrel/src/core/common/rpc/service.h"
 #include "zimbrel/src/core/common/rpc/transport/server_counters.h"
 #include "zimbrel/src/core/common/rpc/transport/server_limits.h"
@@ -95,6 +96,10 @@ class SocketServer {
   // after `within` at the latest; it never runs if the server is destroyed
   // before. A second call of Shutdown does nothing, and its `done` never runs.
   void Shutdown(absl::Duration within, Task done);
+
+  // Tells `observer` of the operations of the clients that come from now on;
+  // null: of none, as without this call. It outlives the server.
+  void SetObserver(OperationObserver* observer);
 
   // The number of connected clients.
   std::size_t connections() const;

@@ -26,6 +26,7 @@ void ClientCall::Detach() {
 }
 
 void ClientCall::Receive(std::string_view payload) {
+  response_bytes_ = payload.size();
   if (ParsePayload(payload, kMaxMessageDepth, &response())) {
     return End(absl::OkStatus());
   }
@@ -37,6 +38,7 @@ void ClientCall::End(absl::Status outcome) {
   if (has_ended_) return;
   has_ended_ = true;
   Detach();
+  if (observed_ != nullptr) observed_->End(outcome.code(), response_bytes_);
   RunContinuation(std::move(outcome));
 }
 

@@ -3,9 +3,11 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_CALL_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_CALL_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "absl/status/status.h"
 #include "google/protobuf/descriptor.h"
@@ -14,6 +16,7 @@
 #include "zimbrel/src/core/common/rpc/calling.h"
 #include "zimbrel/src/core/common/rpc/coarse_clock.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/observed_operation.h"
 
 namespace orvane {
 
@@ -49,6 +52,11 @@ class ClientCall : public Cancellable {
   // it does nothing afterwards.
   void Detach();
 
+  // Tells the observer, if there is one, how the call ends.
+  void Observe(std::unique_ptr<ObservedOperation> observed) {
+    observed_ = std::move(observed);
+  }
+
   // Parses the response and ends the call.
   void Receive(std::string_view response);
 
@@ -74,6 +82,8 @@ class ClientCall : public Cancellable {
   const google::protobuf::MethodDescriptor* method_ = nullptr;
   CoarseClock::time_point begun_;
   std::unique_ptr<EventLoop::Timer> deadline_;
+  std::unique_ptr<ObservedOperation> observed_;
+  std::size_t response_bytes_ = 0;
   bool has_ended_ = false;
 };
 

@@ -51,8 +51,10 @@ class ClientConnection::CallbackScope {
 
 ClientConnection::ClientConnection(EventLoop* loop,
                                    std::unique_ptr<EventLoop::Watch> socket,
-                                   const FrameLimits& limits)
+                                   const FrameLimits& limits,
+                                   OperationObserver* observer)
     : loop_(loop),
+      observer_(observer),
       socket_(std::make_shared<FrameSocket>(loop, std::move(socket), limits,
                                             this)) {
   socket_->Start();
@@ -75,6 +77,7 @@ void ClientConnection::BeginCall(const MethodDescriptor& method,
                                  std::shared_ptr<ClientCall> call,
                                  absl::Duration timeout) {
   loop_->CheckServiceThread(method.full_name());
+  Observe(method, request, *call);
   const std::uint64_t id = ++last_id_;
   absl::Status sent = SendRequest(id, method, request, timeout);
   if (sent.ok()) return ListCall(id, method, std::move(call), timeout);
@@ -88,6 +91,7 @@ void ClientConnection::BeginCallAndWait(const MethodDescriptor& method,
                                         const std::shared_ptr<ClientCall>& call,
                                         absl::Duration timeout) {
   loop_->CheckServiceThread(method.full_name());
+  Observe(method, request, *call);
   if (IsInsideACallback()) {
     return call->End(absl::FailedPreconditionError(
         "a blocking call inside a callback of the same client"));
@@ -114,6 +118,13 @@ void ClientConnection::ListCall(std::uint64_t id,
   }
   call->Attach(this, id, &method, std::move(deadline));
   calls_.emplace(id, std::move(call));
+}
+
+void ClientConnection::Observe(const MethodDescriptor& method,
+                               const Message& request, ClientCall& call) const {
+  if (observer_ == nullptr) return;
+  call.Observe(ObservedOperation::Begin(
+      observer_, {OperationKind::kCall, &method}, request.ByteSizeLong()));
 }
 
 absl::Status ClientConnection::SendRequest(std::uint64_t id,
@@ -175,8 +186,8 @@ std::unique_ptr<ClientStream> ClientConnection::OpenStream(
     const MethodDescriptor& method, ClientStreamHandlers handlers) {
   loop_->CheckServiceThread(method.full_name());
   const std::uint64_t id = ++last_id_;
-  const auto stream = std::make_shared<ClientStreamState>(loop_, id, socket_,
-                                                          std::move(handlers));
+  const auto stream = std::make_shared<ClientStreamState>(
+      loop_, id, method, observer_, socket_, std::move(handlers));
   StreamMessage frame;
   frame.set_kind(StreamMessage::KIND_OPEN);
   frame.set_stream_id(id);

@@ -17,6 +17,7 @@
 
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/operation_observer.h"
 #include "zimbrel/src/core/common/rpc/transport/client/server_watch.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/responsiveness.h"
@@ -32,8 +33,9 @@ class ClientStreamState;
 // inside the destructor. Callbacks may destroy it.
 class ClientConnection final : public FrameSocket::Receiver {
  public:
+  // `observer` may be null.
   ClientConnection(EventLoop* loop, std::unique_ptr<EventLoop::Watch> socket,
-                   const FrameLimits& limits);
+                   const FrameLimits& limits, OperationObserver* observer);
   ClientConnection(const ClientConnection&) = delete;
   ClientConnection& operator=(const ClientConnection&) = delete;
   ~ClientConnection() override;
@@ -88,6 +90,9 @@ class ClientConnection final : public FrameSocket::Receiver {
                            const google::protobuf::MethodDescriptor& method,
                            const google::protobuf::Message& request,
                            absl::Duration timeout);
+  void Observe(const google::protobuf::MethodDescriptor& method,
+               const google::protobuf::Message& request,
+               ClientCall& call) const;
   void EndCall(const rpc::transport::StreamMessage& frame,
                std::string_view payload);
   // Ends a call that the server may still be handling.
@@ -138,6 +143,7 @@ class ClientConnection final : public FrameSocket::Receiver {
   class CallbackScope;
 
   EventLoop* const loop_;
+  OperationObserver* const observer_;
   const std::shared_ptr<FrameSocket> socket_;
   const std::shared_ptr<Callbacks> callbacks_ = std::make_shared<Callbacks>();
   std::deque<Task> ends_;

@@ -2,16 +2,23 @@
 
 #include <utility>
 
+#include "zimbrel/src/core/common/rpc/method_kind.h"
+
 namespace orvane::internal {
 
 using google::protobuf::MessageLite;
+using google::protobuf::MethodDescriptor;
 using rpc::transport::StreamMessage;
 
 ClientStreamState::ClientStreamState(EventLoop* loop, std::uint64_t id,
+                                     const MethodDescriptor& method,
+                                     OperationObserver* observer,
                                      std::shared_ptr<FrameSocket> socket,
                                      ClientStreamHandlers handlers)
     : loop_(loop),
       id_(id),
+      method_(&method),
+      observer_(observer),
       socket_(std::move(socket)),
       handlers_(std::make_shared<ClientStreamHandlers>(std::move(handlers))) {}
 
@@ -36,10 +43,29 @@ absl::Status ClientStreamState::Receive(std::string_view payload,
   // Keeps the handlers until on_next has returned, since it may close the
   // stream.
   const std::shared_ptr<ClientStreamHandlers> handlers = handlers_;
-  return handlers->on_next(payload, call_id);
+  if (observer_ == nullptr) return handlers->on_next(payload, call_id);
+  const bool is_event = KindOf(*method_) == MethodKind::kEventStream;
+  if (!is_event) {
+    observed_calls_.emplace(
+        call_id,
+        ObservedOperation::Begin(observer_, {OperationKind::kCallback, method_},
+                                 payload.size()));
+  }
+  absl::Status received = handlers->on_next(payload, call_id);
+  if (is_event)
+    ObserveEvent(observer_, method_, received.code(), payload.size());
+  return received;
+}
+
+void ClientStreamState::EndObservedCall(std::int64_t call_id,
+                                        absl::StatusCode code,
+                                        std::size_t bytes) {
+  const auto call = observed_calls_.extract(call_id);
+  if (!call.empty()) call.mapped()->End(code, bytes);
 }
 
 void ClientStreamState::GiveUpCall(std::int64_t call_id) {
+  observed_calls_.extract(call_id);
   const std::shared_ptr<ClientStreamHandlers> handlers = handlers_;
   if (handlers->on_call_given_up) handlers->on_call_given_up(call_id);
 }
@@ -72,7 +98,10 @@ absl::Status ClientStreamState::Send(StreamMessage::Kind kind,
   header.set_call_id(call_id);
   header.set_error_code(static_cast<int>(error.code()));
   header.set_error_text(std::string(error.message()));
-  return socket_->Send(header, message);
+  absl::Status sent = socket_->Send(header, message);
+  if (observer_ != nullptr && sent.ok())
+    EndObservedCall(call_id, error.code(), message.ByteSizeLong());
+  return sent;
 }
 
 }  // namespace orvane::internal

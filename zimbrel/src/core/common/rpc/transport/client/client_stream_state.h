@@ -3,16 +3,20 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_STREAM_STATE_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_CLIENT_STREAM_STATE_H_
 
+#include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include "absl/status/status.h"
+#include "google/protobuf/descriptor.h"
 #include "google/protobuf/message_lite.h"
 
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/observed_operation.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
 
@@ -29,8 +33,10 @@ namespace orvane::internal {
 // Thread: the service thread. May outlive the connection.
 class ClientStreamState final : public ClientStreamSender {
  public:
-  // `loop` outlives the connection.
+  // `loop` outlives the connection. `observer` may be null.
   ClientStreamState(EventLoop* loop, std::uint64_t id,
+                    const google::protobuf::MethodDescriptor& method,
+                    OperationObserver* observer,
                     std::shared_ptr<FrameSocket> socket,
                     ClientStreamHandlers handlers);
 
@@ -52,7 +58,10 @@ class ClientStreamState final : public ClientStreamSender {
   void GiveUpCall(std::int64_t call_id);
 
   // Shuts an open stream: nothing is sent or received afterwards.
-  void Shut() { is_open_ = false; }
+  void Shut() {
+    is_open_ = false;
+    observed_calls_.clear();
+  }
 
   // Ends the stream and runs `on_end`, unless it has ended.
   void End(const absl::Status& why);
@@ -65,8 +74,17 @@ class ClientStreamState final : public ClientStreamSender {
                     const google::protobuf::MessageLite& message,
                     std::int64_t call_id, const absl::Status& error);
 
+  // Of a call of the server's; ids repeat under other keys, and of these any
+  // one ends.
+  void EndObservedCall(std::int64_t call_id, absl::StatusCode code,
+                       std::size_t bytes);
+
   EventLoop* const loop_;  // May be gone once the stream has ended.
   const std::uint64_t id_;
+  const google::protobuf::MethodDescriptor* const method_;
+  OperationObserver* const observer_;
+  std::multimap<std::int64_t, std::unique_ptr<ObservedOperation>>
+      observed_calls_;
   const std::shared_ptr<FrameSocket> socket_;
   std::shared_ptr<ClientStreamHandlers> handlers_;  // Null once it has ended.
   bool is_open_ = true;

@@ -49,8 +49,15 @@ std::shared_ptr<ClientPresence> ServerCall::client() const {
   return connection_ == nullptr ? nullptr : connection_->client();
 }
 
+void ServerCall::EndObserved(absl::StatusCode code) {
+  if (observed_ == nullptr) return;
+  observed_->End(code,
+                 code == absl::StatusCode::kOk ? response_->ByteSizeLong() : 0);
+}
+
 void ServerCall::Abandon() {
   connection_ = nullptr;
+  observed_ = nullptr;
   Closure* on_cancel = nullptr;
   {
     const MutexLock lock(mutex_);

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/status/status.h"
@@ -17,6 +18,7 @@
 #include "zimbrel/src/core/common/rpc/coarse_clock.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/mutex.h"
+#include "zimbrel/src/core/common/rpc/observed_operation.h"
 #include "zimbrel/src/core/common/rpc/transport/server/client_budget.h"
 
 namespace orvane::internal {
@@ -45,6 +47,12 @@ class ServerCall final : public google::protobuf::RpcController,
   std::uint64_t id() const { return id_; }
   const google::protobuf::MethodDescriptor& method() const { return *method_; }
   CoarseClock::time_point begun() const { return begun_; }
+
+  // Tells the observer, if there is one, how the call ends.
+  void Observe(std::unique_ptr<ObservedOperation> observed) {
+    observed_ = std::move(observed);
+  }
+  void EndObserved(absl::StatusCode code);
 
   // The client that made the call; null once the call has been abandoned.
   std::shared_ptr<ClientPresence> client() const;
@@ -89,6 +97,7 @@ class ServerCall final : public google::protobuf::RpcController,
   const std::shared_ptr<Mailbox> mailbox_;
   const std::shared_ptr<ClientBudget> budget_;
   const std::size_t request_bytes_;
+  std::unique_ptr<ObservedOperation> observed_;  // Service thread.
   const std::unique_ptr<google::protobuf::Message> request_;
   const std::unique_ptr<google::protobuf::Message> response_;
 

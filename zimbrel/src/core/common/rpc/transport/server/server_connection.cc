@@ -108,6 +108,7 @@ ServerConnection::ServerConnection(EventLoop* loop,
                                    const ServerLimits& limits,
                                    std::unique_ptr<ClientBudget> budget,
                                    ServerCounters* counters,
+                                   OperationObserver* observer,
                                    std::unique_ptr<EventLoop::Watch> socket,
                                    absl::AnyInvocable<void() &&> on_end)
     : client_process_(ProcessAtTheOtherEnd(socket->descriptor())),
@@ -123,6 +124,7 @@ ServerConnection::ServerConnection(EventLoop* loop,
                    this),
                .protocol = 0,  // Until then, too.
                .limits = limits,
+               .observer = observer,
                .counters = counters,
                .budget = std::move(budget)},
       mailbox_(loop->mailbox()),
@@ -273,9 +275,13 @@ void ServerConnection::BeginCall(const StreamMessage& frame,
   const absl::StatusOr<const MethodDescriptor*> found = FindMethod(
       *context_.service->GetDescriptor(), frame.method(), /*stream=*/false);
   if (!found.ok()) return SendError(id, found.status());
-  if (absl::Status taken = TakeCall(payload.size()); !taken.ok())
-    return SendError(id, taken);
   const MethodDescriptor* const method = *found;
+  std::unique_ptr<ObservedOperation> observed = ObservedOperation::Begin(
+      context_.observer, {OperationKind::kCall, method}, payload.size());
+  if (absl::Status taken = TakeCall(payload.size()); !taken.ok()) {
+    if (observed != nullptr) observed->End(taken.code(), 0);
+    return SendError(id, taken);
+  }
 
   auto call = std::make_unique<ServerCall>(
       id, this, method, context_.loop, mailbox_, context_.budget,
@@ -285,12 +291,15 @@ void ServerConnection::BeginCall(const StreamMessage& frame,
                     &call->request())) {
     context_.budget->GiveBack(Held::kCalls);
     context_.budget->GiveBack(Held::kRequestBytes, payload.size());
+    if (observed != nullptr)
+      observed->End(absl::StatusCode::kInvalidArgument, 0);
     return SendError(id, absl::InvalidArgumentError(absl::StrCat(
                              "the request cannot be parsed as ",
                              method->input_type()->full_name(),
                              " (malformed, or nested deeper than ",
                              context_.limits.max_message_depth, " levels)")));
   }
+  call->Observe(std::move(observed));
   calls_.emplace(id, call.get());
   ServerCall* const handed_over = call.release();
   context_.service->CallMethod(method, handed_over, &handed_over->request(),
@@ -306,7 +315,7 @@ absl::Status ServerConnection::TakeCall(std::size_t request_bytes) {
   return taken;
 }
 
-void ServerConnection::Finish(const ServerCall& call) {
+void ServerConnection::Finish(ServerCall& call) {
   calls_.erase(call.id());
   absl::Status outcome = call.outcome();
   if (outcome.ok()) {
@@ -315,6 +324,7 @@ void ServerConnection::Finish(const ServerCall& call) {
     header.set_stream_id(call.id());
     outcome = context_.socket->Send(header, call.response());
   }
+  call.EndObserved(outcome.code());
   if (!outcome.ok()) SendError(call.id(), outcome);
   FinishIfAllIsAnswered();
 }

@@ -34,12 +34,13 @@ class ServerCall;
 class ServerConnection final : public FrameSocket::Receiver {
  public:
   // The client chooses one of `services`, at least one. `budget` is its part of
-  // the limits. `on_end` runs once when the connection has ended, called by
-  // this object, which it may destroy. The destructor does not call it.
+  // the limits, and `observer` may be null. `on_end` runs once when the
+  // connection has ended, called by this object, which it may destroy. The
+  // destructor does not call it.
   ServerConnection(EventLoop* loop, const std::vector<Service*>& services,
                    const ServerLimits& limits,
                    std::unique_ptr<ClientBudget> budget,
-                   ServerCounters* counters,
+                   ServerCounters* counters, OperationObserver* observer,
                    std::unique_ptr<EventLoop::Watch> socket,
                    absl::AnyInvocable<void() &&> on_end);
   ServerConnection(const ServerConnection&) = delete;
@@ -73,7 +74,7 @@ class ServerConnection final : public FrameSocket::Receiver {
 
   // Called when a handler has answered: sends the answer and removes the call
   // from the table.
-  void Finish(const ServerCall& call);
+  void Finish(ServerCall& call);
 
  private:
   void OnFrame(rpc::transport::StreamMessage& frame,

@@ -20,31 +20,32 @@ namespace {
 class Endpoint final : public StreamEndpoint {
  public:
   Endpoint(StreamContext* context, const MethodDescriptor& method,
-           std::uint64_t id)
+           std::uint64_t id, ObservedCallbacks* observed)
       : context_(context),
+        method_(method),
+        observed_(observed),
         keeps_latest_(method.options().GetExtension(rpc::slow_host) ==
                       rpc::SLOW_HOST_KEEP_LATEST) {
     header_.set_stream_id(id);
   }
 
   absl::Status Send(const StreamMessage& frame) override {
-    return socket().Send(NextHeader(frame), frame.payload());
+    absl::Status sent = socket().Send(NextHeader(frame), frame.payload());
+    if (observed_ != nullptr && sent.ok())
+      observed_->Begin(frame.call_id(), frame.payload());
+    return sent;
   }
 
   absl::Status SendEvent(const StreamMessage& frame,
                          const Message& key) override {
-    if (!keeps_latest_) return Send(frame);
-    const absl::StatusOr<Outbox::Placed> placed =
-        socket().SendLatest(NextHeader(frame), frame.payload(), [&] {
-          return Outbox::Slot{header_.stream_id(), key.SerializeAsString()};
-        });
-    if (!placed.ok()) return placed.status();
-    if (*placed == Outbox::Placed::kInsteadOfAnother)
-      ++context_->counters->replaced_events;
-    return absl::OkStatus();
+    absl::Status sent = keeps_latest_ ? SendLatest(frame, key) : Send(frame);
+    ObserveEvent(context_->observer, &method_, sent.code(),
+                 frame.payload().size());
+    return sent;
   }
 
   void CancelCall(std::int64_t call_id) override {
+    if (observed_ != nullptr) observed_->GiveUp(call_id);
     if (context_->protocol < kProtocolWithCancelledCalls) return;
     header_.set_kind(StreamMessage::KIND_CANCEL);
     header_.set_call_id(call_id);
@@ -63,6 +64,17 @@ class Endpoint final : public StreamEndpoint {
  private:
   FrameSocket& socket() { return *context_->socket; }
 
+  absl::Status SendLatest(const StreamMessage& frame, const Message& key) {
+    const absl::StatusOr<Outbox::Placed> placed =
+        socket().SendLatest(NextHeader(frame), frame.payload(), [&] {
+          return Outbox::Slot{header_.stream_id(), key.SerializeAsString()};
+        });
+    if (!placed.ok()) return placed.status();
+    if (*placed == Outbox::Placed::kInsteadOfAnother)
+      ++context_->counters->replaced_events;
+    return absl::OkStatus();
+  }
+
   const StreamMessage& NextHeader(const StreamMessage& frame) {
     header_.set_kind(StreamMessage::KIND_NEXT);
     header_.set_call_id(frame.call_id());
@@ -70,6 +82,8 @@ class Endpoint final : public StreamEndpoint {
   }
 
   StreamContext* const context_;
+  const MethodDescriptor& method_;
+  ObservedCallbacks* const observed_;  // May be null.
   const bool keeps_latest_;
   StreamMessage header_;
 };
@@ -90,9 +104,12 @@ ServingStreams& AllServingStreams() {
 ServerStream::ServerStream(StreamContext* context,
                            const MethodDescriptor* method, std::uint64_t id)
     : context_(context),
+      observed_(
+          ObservedCallbacks::Of(context->observer, *method,
+                                context->service->GetRequestPrototype(method))),
       stream_(context->service->OpenStream(
-          method,
-          StreamChannel(std::make_unique<Endpoint>(context, *method, id)))),
+          method, StreamChannel(std::make_unique<Endpoint>(context, *method, id,
+                                                           observed_.get())))),
       request_(*method, context->service->GetRequestPrototype(method)) {}
 
 ServerStream::~ServerStream() {
@@ -119,6 +136,7 @@ absl::Status ServerStream::Next(StreamMessage& frame) {
   const StreamRequest::Action action = request_.action();
   if (action == StreamRequest::Action::kAnswer) {
     if (MayConcernCall(frame)) {
+      EndObservedCall(frame, absl::StatusCode::kOk);
       stream_->OnNext(&frame);
       LetContinuationsRun();
     }
@@ -145,6 +163,7 @@ absl::Status ServerStream::Error(StreamMessage& frame) {
   }
   if (absl::Status read = Read(frame); !read.ok()) return read;
   if (MayConcernCall(frame)) {
+    EndObservedCall(frame, absl::StatusCode::kUnknown);
     stream_->OnError(&frame);
     LetContinuationsRun();
   }
@@ -207,6 +226,12 @@ void ServerStream::Pass(StreamRequest::Action action, const std::string& key) {
   StreamMessage frame;
   frame.set_payload(request_.message().SerializeAsString());
   stream_->OnNext(&frame);
+}
+
+void ServerStream::EndObservedCall(const StreamMessage& frame,
+                                   absl::StatusCode code) {
+  if (observed_ == nullptr) return;
+  observed_->End(frame.call_id(), request_.key(), code, frame.payload().size());
 }
 
 // A continuation is a task of its own. It runs before what the client has sent

@@ -16,8 +16,10 @@
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/abstract_stream.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/operation_observer.h"
 #include "zimbrel/src/core/common/rpc/service.h"
 #include "zimbrel/src/core/common/rpc/transport/server/client_budget.h"
+#include "zimbrel/src/core/common/rpc/transport/server/observed_callbacks.h"
 #include "zimbrel/src/core/common/rpc/transport/server/stream_request.h"
 #include "zimbrel/src/core/common/rpc/transport/server_counters.h"
 #include "zimbrel/src/core/common/rpc/transport/server_limits.h"
@@ -33,6 +35,7 @@ struct StreamContext {
   std::shared_ptr<FrameSocket> socket;
   std::uint32_t protocol;  // The one that both ends speak.
   const ServerLimits& limits;
+  OperationObserver* observer;  // May be null.
   ServerCounters* counters;
   std::shared_ptr<ClientBudget> budget;
 
@@ -92,11 +95,14 @@ class ServerStream {
   // `frame` is made to name the key as the stream knows it.
   bool MayConcernCall(rpc::transport::StreamMessage& frame);
   void LetContinuationsRun();
+  void EndObservedCall(const rpc::transport::StreamMessage& frame,
+                       absl::StatusCode code);
 
   // The type of what the client sends.
   const google::protobuf::Descriptor* Type() const;
 
   StreamContext* const context_;
+  const std::unique_ptr<ObservedCallbacks> observed_;  // May be null.
   const std::unique_ptr<AbstractStream> stream_;
   StreamRequest request_;  // The latest of the client.
   // The keys to which the client is subscribed, as StreamRequest::key() returns
