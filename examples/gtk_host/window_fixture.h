@@ -118,6 +118,16 @@ class WindowFixture : public ::testing::Test {
         screen_->CommandOf(std::move(command), environment));
   }
 
+  // A host that starts the toy widget itself.
+  void StartHostWithItsWidget() {
+    host_ = std::make_unique<orvane::testing::ChildProcess>(
+        screen_->CommandOf({GTK_HOST, "--start", "--", WIDGET_SERVER}, {}));
+  }
+  pid_t widget_of_host() const {
+    const std::vector<pid_t> children = host_->Children();
+    return children.size() == 1 ? children.front() : 0;
+  }
+
   // Fails, and fails again at once, if that does not happen in the test's time.
   void Await(const std::string& what, const std::function<bool()>& is_true) {
     ASSERT_TRUE(screen_->RunUntil(is_true, deadline_))

@@ -354,6 +354,49 @@ TEST_F(WindowTest, AWidgetThatIsStoppedLeavesTheWindowUsable) {
   AwaitNoWindow();
 }
 
+TEST_F(WindowTest, AWidgetOfItsOwnIsStartedAgain) {
+  StartHostWithItsWidget();
+  AwaitWindow();
+  AwaitPage();
+  const pid_t first = widget_of_host();
+  ASSERT_NE(first, 0);
+  ::kill(first, SIGKILL);
+  Await("another widget",
+        [&] { return widget_of_host() != 0 && widget_of_host() != first; });
+  AwaitPage();
+}
+
+TEST_F(WindowTest, AWidgetOfItsOwnThatHangsIsStartedAgainByAClick) {
+  StartHostWithItsWidget();
+  AwaitWindow();
+  AwaitPage();
+  const pid_t first = widget_of_host();
+  ASSERT_NE(first, 0);
+  ::kill(first, SIGSTOP);
+  // The button appears below the middle of the page.
+  const Area place = screen_->PlaceOf(window());
+  int below = 0;
+  Await("another widget", [&] {
+    screen_->Click(
+        {place.x + place.width / 2, place.y + place.height / 2 + below});
+    below = (below + 8) % (place.height / 4);
+    return widget_of_host() != 0 && widget_of_host() != first;
+  });
+  AwaitPage();
+}
+
+TEST_F(WindowTest, AWidgetOfItsOwnEndsWithTheWindow) {
+  StartHostWithItsWidget();
+  AwaitWindow();
+  AwaitPage();
+  const pid_t widget = widget_of_host();
+  ASSERT_NE(widget, 0);
+  screen_->Close(window());
+  AwaitNoWindow();
+  EXPECT_EQ(std::exchange(host_, nullptr)->Wait().exit_code, 0);
+  EXPECT_NE(::kill(widget, 0), 0);
+}
+
 TEST_F(WindowTest, AHostThatWasKilledIsFollowedByTheNext) {
   Start();
   ClickTheField();

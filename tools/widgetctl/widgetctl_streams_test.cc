@@ -318,7 +318,7 @@ TEST_F(WidgetctlStreamsTest, ServeRunsSomeCommandsAtOnceAndTheOthersLater) {
   // A line is printed before its command begins, so all but one have begun if
   // they are ever to begin before others have ended.
   for (int i = 0; i < 40; ++i) serve.ReadLine();
-  EXPECT_EQ(serve.CountChildren(), 16);
+  EXPECT_EQ(serve.Children().size(), 16u);
   both_ends << std::string(40, '\n') << std::flush;  // A line for each.
   for (std::future<Answer>& answer : answers) EXPECT_TRUE(answer.get().ok());
   EXPECT_THAT(serve.Wait(), Succeeds(""));

@@ -83,12 +83,11 @@ std::string ChildProcess::ReadLine() {
 
 void ChildProcess::Signal(int number) const { ::kill(pid_, number); }
 
-int ChildProcess::CountChildren() const {
+std::vector<pid_t> ChildProcess::Children() const {
   const std::string id = std::to_string(pid_);
   std::ifstream children("/proc/" + id + "/task/" + id + "/children");
   if (!children) LOG(FATAL) << "the system does not tell a process's children";
-  return static_cast<int>(
-      std::distance(std::istream_iterator<pid_t>(children), {}));
+  return {std::istream_iterator<pid_t>(children), {}};
 }
 
 ChildProcess::Result ChildProcess::Wait() {

@@ -37,8 +37,8 @@ class ChildProcess {
 
   void Signal(int number) const;
 
-  // How many processes it has started that have not been waited for.
-  int CountChildren() const;
+  // The processes that it has started and not waited for.
+  std::vector<pid_t> Children() const;
 
   // Waits until the child has ended. No other member may be called afterwards.
   Result Wait();
