@@ -342,8 +342,8 @@
   addEventListener("dragover", (event) => {
     if (takenEffect) return;
     const target = innermost(event);
+    const types = event.dataTransfer.types;  // None once the event is over.
     setTimeout(() => {
-      const types = event.dataTransfer.types;
       const takesText = target && types.includes("text/plain") &&
         (bare(target).isContentEditable ||
          bare(target).matches("textarea, input"));
