@@ -101,8 +101,13 @@ WebView::WebView(orvane::EventLoop* loop, const std::string& socket,
                    GrabFocus();
                    return gtk_widget_has_focus(canvas_);
                  },
-             .on_drop_operation = [this](auto op) { drops_.OnOperation(op); }}),
-      drops_(canvas_, &view_) {
+             .on_drop_operation = [this](auto op) { drops_.OnOperation(op); },
+             .on_page_drag =
+                 [this](const auto& items, std::uint32_t allowed) {
+                   return drags_.Begin(items, allowed);
+                 }}),
+      drops_(canvas_, &view_),
+      drags_(canvas_, &view_) {
   gtk_overlay_set_child(GTK_OVERLAY(overlay_), canvas_);
   gtk_overlay_add_overlay(GTK_OVERLAY(overlay_), words_);
   gtk_label_set_wrap(GTK_LABEL(words_), TRUE);

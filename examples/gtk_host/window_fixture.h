@@ -133,6 +133,18 @@ class WindowFixture : public ::testing::Test {
   void MoveTo(int x, int y) { screen_->MoveTo(At(x, y)); }
   void Click(int x, int y) { screen_->Click(At(x, y)); }
 
+  // Moves to and fro there until that is so, as users move on: the engine wants
+  // some movement before it drags, and GTK leaves movements out while the
+  // target has not answered the one before.
+  void MoveUntil(const std::string& what, const Point& place,
+                 const std::function<bool()>& is_true) {
+    for (int step = 0; !is_true() && absl::Now() < deadline_; ++step) {
+      screen_->MoveTo({place.x + 4 * (step % 4), place.y});
+      screen_->RunUntil(is_true, absl::Now() + absl::Milliseconds(50));
+    }
+    Await(what, is_true);
+  }
+
   // The host's, which is the oldest; 0 if there is none.
   static WindowId window() {
     const std::vector<WindowId> windows = screen_->Windows();

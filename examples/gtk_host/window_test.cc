@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "absl/strings/match.h"
 #include "absl/time/clock.h"
 #include "absl/time/time.h"
 #include "gmock/gmock.h"
@@ -231,8 +232,8 @@ TEST_F(WindowTest, ThePagesPictureIsDraggedIntoItsField) {
   Listen();
   MoveTo(30, 30);
   screen_->Press();
-  for (int step = 1; step <= 10; ++step) MoveTo(30 + 16 * step, 30 + 3 * step);
-  Await("the cursor of a copy", [] { return screen_->Cursor() == "copy"; });
+  MoveUntil("the cursor of a copy", At(180, 60),
+            [] { return absl::StrContains(screen_->Cursor(), "copy"); });
   screen_->Release();
   AwaitTold("picture");
   AwaitCharacter(6);
