@@ -29,8 +29,10 @@ void SetItems(std::vector<rpc::DragItem> items, Request& request) {
 
 }  // namespace
 
-DropTarget::DropTarget(InputCalls* calls, OnOperation on_operation)
+DropTarget::DropTarget(InputCalls* calls, const Pointer* pointer,
+                       OnOperation on_operation)
     : calls_(calls),
+      pointer_(pointer),
       on_operation_(std::move(on_operation)),
       drag_events_(calls->client().WhenDragCursorUpdated(
           calls->browser(), [this](const rpc::DragCursorUpdated& event) {
@@ -41,8 +43,9 @@ void DropTarget::Enter(const PointerSample& sample, std::uint32_t allowed,
                        std::vector<rpc::DragItem> items) {
   Leave(sample.input);
   is_over_view_ = true;
+  is_own_ = pointer_->is_toolkit_dragging();
   auto enter = NewRequest<rpc::DragEnterRequest>(sample, allowed);
-  SetItems(std::move(items), enter);
+  if (!is_own_) SetItems(std::move(items), enter);
   calls_->Send(&Client::ForwardDragEnter, std::move(enter),
                [self = std::weak_ptr(self_),
                 drag = ++drag_](const absl::StatusOr<Empty>& answer) {
@@ -62,6 +65,9 @@ void DropTarget::Leave(const rpc::InputInfo& input) {
   rpc::DragLeaveRequest leave;
   *leave.mutable_input() = input;
   calls_->Send(&Client::ForwardDragLeave, std::move(leave));
+  auto drop = std::exchange(pending_drop_, std::nullopt);
+  if (drop.has_value())
+    std::move(drop->on_done)(rpc::DRAG_OPERATION_UNSPECIFIED);
 }
 
 void DropTarget::Drop(const PointerSample& sample, std::uint32_t allowed,
@@ -73,7 +79,7 @@ void DropTarget::Drop(const PointerSample& sample, std::uint32_t allowed,
   }
   pending_drop_.emplace(PendingDrop{
       NewRequest<rpc::DragDropRequest>(sample, allowed), std::move(on_done)});
-  SetItems(std::move(items), pending_drop_->request);
+  if (!is_own_) SetItems(std::move(items), pending_drop_->request);
   if (decided_.has_value()) FinishDrop();
 }
 
@@ -92,7 +98,7 @@ void DropTarget::FinishDrop() {
 }
 
 void DropTarget::OnDragCursorUpdated(const rpc::DragCursorUpdated& event) {
-  if (event.began_in_page() || !is_over_view_) return;
+  if (event.began_in_page() != is_own_ || !is_over_view_) return;
   decided_ = event.operation();
   if (pending_drop_.has_value()) {
     FinishDrop();

@@ -20,8 +20,9 @@
 namespace orvane::host {
 
 // Turns what a toolkit reports of a drag into drag calls, and asks the page
-// before anything is dropped. The drag comes from another program or from
-// another control of the window; one that begins in the page is Pointer's.
+// before anything is dropped. The drag comes from another program, from another
+// control of the window, or from the page itself if the toolkit drags for it;
+// see Pointer::OnPageDrag.
 //
 // A page decides later than the call that asks it, so the operation changes
 // between the toolkit's events: pass it on when `on_operation` runs, as
@@ -30,15 +31,18 @@ namespace orvane::host {
 // Samples carry time, modifiers and position; buttons are not used. `allowed`
 // is the sum of the DragOperation values that the drag's source allows.
 //
-// Thread: the service thread. Lifetime: `calls` outlives this object. One that
-// is destroyed sends nothing, and runs no callback any more.
+// Thread: the service thread. Lifetime: `calls` and `pointer` outlive this
+// object. One that is destroyed sends nothing, and runs no callback any more.
 class DropTarget {
  public:
   using OnOperation = std::function<void(rpc::DragOperation)>;
 
-  // Watches the browser's drags, so make it before Attach. `on_operation` runs
-  // when the page has decided, or decided anew, what a drop would do.
-  explicit DropTarget(InputCalls* calls, OnOperation on_operation = nullptr);
+  // Watches the browser's drags, so make it before Attach. `pointer` knows
+  // whether a drag is the page's own; the items of such a one are not sent,
+  // since the widget has them. `on_operation` runs when the page has decided,
+  // or decided anew, what a drop would do.
+  DropTarget(InputCalls* calls, const Pointer* pointer,
+             OnOperation on_operation = nullptr);
   DropTarget(const DropTarget&) = delete;
   DropTarget& operator=(const DropTarget&) = delete;
 
@@ -55,7 +59,8 @@ class DropTarget {
   // Drops the items if the page takes them. `on_done` runs with what was done,
   // which the drag's source wants to know; with UNSPECIFIED if the page has
   // refused, or if there was no drag. It may run inside this call; if the page
-  // has not decided about this drag yet, it runs once that is so.
+  // has not decided about this drag yet, it runs once that is so, or at a
+  // Leave.
   void Drop(const PointerSample& sample, std::uint32_t allowed,
             std::vector<rpc::DragItem> items,
             absl::AnyInvocable<void(rpc::DragOperation) &&> on_done);
@@ -76,9 +81,11 @@ class DropTarget {
   void FinishDrop();
 
   InputCalls* const calls_;
+  const Pointer* const pointer_;
   const OnOperation on_operation_;
   bool is_over_view_ = false;
-  std::uint64_t drag_ = 0;                     // Counts drags.
+  bool is_own_ = false;     // The drag over the view began in its page.
+  std::uint64_t drag_ = 0;  // Counts drags.
   std::optional<rpc::DragOperation> decided_;  // By the page, on this drag.
   std::optional<PendingDrop> pending_drop_;    // Until the page has decided.
   const std::unique_ptr<ClientStream> drag_events_;

@@ -43,7 +43,7 @@ class DropTargetTest : public RecordingWidgetFixture {
     rpc::DragCursorUpdated event;
     event.set_operation(operation);
     event.set_began_in_page(began_in_page);
-    EXPECT_EQ(Publish<rpc::DragCursorUpdated>(kBrowser, event), 1u);
+    EXPECT_GE(Publish<rpc::DragCursorUpdated>(kBrowser, event), 1u);
     loop.RunUntilIdle();
   }
   void Drop(const std::string& text) {
@@ -51,10 +51,22 @@ class DropTargetTest : public RecordingWidgetFixture {
                  [this](rpc::DragOperation operation) { done = operation; });
   }
 
+  // The toolkit drags what the page began to drag.
+  void BeginPageDrag() {
+    pointer.Press(At(1, 2), rpc::MOUSE_BUTTON_PRIMARY);
+    rpc::DragCursorUpdated event;
+    *event.add_items() = Text("Ada")[0];
+    event.set_allowed_operations(kAllowed);
+    event.set_began_in_page(true);
+    Publish<rpc::DragCursorUpdated>(kBrowser, event);
+    EXPECT_THAT(Calls().back(), "DragLeave");
+  }
+
+  Pointer pointer{&*calls, {}, nullptr, [](auto, auto) { return true; }};
   std::vector<rpc::DragOperation> told;
   std::optional<rpc::DragOperation> done;
   std::optional<DropTarget> target{
-      std::in_place, &*calls,
+      std::in_place, &*calls, &pointer,
       [this](rpc::DragOperation operation) { told.push_back(operation); }};
 };
 
@@ -107,6 +119,44 @@ TEST_F(DropTargetTest, ADecisionAboutADragOfThePagesDoesNotCount) {
   PageDecides(kCopy, true);
   EXPECT_EQ(target->operation(), kNone);
   EXPECT_THAT(told, IsEmpty());
+}
+
+TEST_F(DropTargetTest, ADragOfThePagesOwnHasItsItemsInTheWidget) {
+  BeginPageDrag();
+  target->Enter(At(1, 2), kAllowed, Text("Ada"));
+  EXPECT_THAT(Latest<rpc::DragEnterRequest>().items(), IsEmpty());
+  PageDecides(kMove, true);
+  EXPECT_EQ(target->operation(), kMove);
+  EXPECT_THAT(told, ElementsAre(kMove));
+  PageDecides(kCopy, false);
+  EXPECT_EQ(target->operation(), kMove);
+  Drop("Ada");
+  EXPECT_EQ(done, kMove);
+  EXPECT_THAT(Latest<rpc::DragDropRequest>().items(), IsEmpty());
+  pointer.EndDrag(kMove);
+  EXPECT_THAT(Calls(), ElementsAre("DragEnter 1,2", "DragDrop 5,6",
+                                   "DragEnd 1,2 MOVE", "MouseExit 1,2"));
+}
+
+TEST_F(DropTargetTest, AfterADragOfThePagesOwnOthersComeFromElsewhere) {
+  BeginPageDrag();
+  target->Enter(At(1, 2), kAllowed, Text("Ada"));
+  target->Leave({});
+  pointer.EndDrag(kNone);
+  target->Enter(At(1, 2), kAllowed, Text("Bob"));
+  EXPECT_EQ(Latest<rpc::DragEnterRequest>().items_size(), 1);
+  PageDecides(kCopy, true);  // Late.
+  EXPECT_EQ(target->operation(), kNone);
+  PageDecides(kCopy, false);
+  EXPECT_EQ(target->operation(), kCopy);
+}
+
+TEST_F(DropTargetTest, ADropThatWaitsIsDoneWithAtALeave) {
+  target->Enter(At(1, 2), kAllowed, Text("Ada"));
+  Drop("Ada");
+  target->Leave({});
+  EXPECT_EQ(done, kNone);
+  EXPECT_THAT(Calls(), ElementsAre("DragEnter 1,2", "DragLeave"));
 }
 
 TEST_F(DropTargetTest, ADragThatTheWidgetRefusesIsNotOverItsView) {

@@ -3,9 +3,15 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <iterator>
+#include <string>
 #include <utility>
 
 #include "absl/status/statusor.h"
+#include "absl/strings/ascii.h"
+#include "absl/strings/match.h"
+#include "absl/strings/str_split.h"
+#include "absl/strings/string_view.h"
 
 #include "host/cursor.h"
 #include "host/finite.h"
@@ -64,6 +70,23 @@ double TurnOf(double told) {
   return std::abs(told) <= kMaxTurn ? told : 0;  // False for NaN.
 }
 
+bool NamesAFile(const rpc::DragText& text) {
+  const std::vector<std::string> lines =
+      absl::StrSplit(std::string(text.value()), absl::ByAnyChar("\r\n"));
+  return absl::EqualsIgnoreCase(std::string(text.mime_type()),
+                                "text/uri-list") &&
+         std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+           return absl::StartsWithIgnoreCase(
+               absl::StripLeadingAsciiWhitespace(line), "file:");
+         });
+}
+
+bool MayLeaveThePage(const rpc::DragItem& item) {
+  if (item.has_text())
+    return !item.text().mime_type().empty() && !NamesAFile(item.text());
+  return !item.binary().mime_type().empty();
+}
+
 // Returns the whole units of what has been turned, and keeps the rest.
 std::int32_t TakeWholeUnits(double& turned) {
   const double whole = std::round(turned);
@@ -104,9 +127,11 @@ std::uint32_t ButtonsOfX11State(std::uint32_t state) {
   return buttons;
 }
 
-Pointer::Pointer(InputCalls* calls, PointerOptions options, OnCursor on_cursor)
+Pointer::Pointer(InputCalls* calls, PointerOptions options, OnCursor on_cursor,
+                 OnPageDrag on_page_drag)
     : calls_(calls),
       options_(options),
+      on_page_drag_(std::move(on_page_drag)),
       on_cursor_(std::move(on_cursor)),
       cursor_events_(calls->client().WhenCursorChanged(
           calls->browser(),
@@ -165,6 +190,8 @@ void Pointer::Press(const PointerSample& sample, rpc::MouseButton button,
                     std::uint32_t click_count) {
   const std::uint32_t flag = FlagOf(button);
   if (flag == 0) return;
+  // A toolkit that drags reports no press.
+  EndDrag(rpc::DRAG_OPERATION_UNSPECIFIED);
   Remember(sample);
   NoteLostReleases(sample.pointer.buttons() | flag);
   // Of a button that was down already, the release was lost.
@@ -251,6 +278,7 @@ void Pointer::EndScroll(const PointerSample& sample) {
 
 void Pointer::Cancel() {
   EndScroll(latest_);
+  if (phase_ == Phase::kToolkitDrag) return;
   if (phase_ == Phase::kPageDrag) {
     EndPageDrag(Drop::kNo);
     if (!is_inside_) SendExit();
@@ -320,9 +348,7 @@ void Pointer::LeaveNow() {
     SendExit();
   } else if (phase_ == Phase::kPageDrag) {
     operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
-    rpc::DragLeaveRequest leave;
-    *leave.mutable_input() = latest_.input;
-    calls_->Send(&Client::ForwardDragLeave, std::move(leave));
+    SendDragLeave();
     drag_cursor_ = CursorOf(rpc::DragCursorUpdated());
     ShowCursor();
   }
@@ -356,6 +382,8 @@ void Pointer::ReleaseNow(std::uint32_t flag, Drop drop) {
       phase_ = down_ != 0 ? Phase::kSwallow : Phase::kMouse;
       if (phase_ == Phase::kMouse) SettleAfterButtons();
       ShowCursor();
+      break;
+    case Phase::kToolkitDrag:
       break;
     case Phase::kSwallow:
       if (down_ != 0) break;
@@ -408,6 +436,7 @@ void Pointer::ForgetClicksThatMoved() {
 void Pointer::OnDragCursorUpdated(const rpc::DragCursorUpdated& event) {
   // Until the end is answered, events may be about the drag that it ended.
   if (!event.began_in_page() || unanswered_ends_ > 0) return;
+  if (phase_ == Phase::kToolkitDrag) return;  // It is about DropTarget's calls.
   if (phase_ == Phase::kPageDrag) {
     operation_ = event.operation();
     drag_cursor_ = CursorOf(event);
@@ -416,9 +445,10 @@ void Pointer::OnDragCursorUpdated(const rpc::DragCursorUpdated& event) {
   }
   const bool is_too_late = phase_ == Phase::kSwallow || held_ == 0;
   if (!is_too_late) {
-    phase_ = Phase::kPageDrag;
     ++drag_;
     drag_button_ = LowestOf(held_);
+    if (HandToToolkit(event)) return;
+    phase_ = Phase::kPageDrag;
     operation_ = event.operation();
     drag_cursor_ = CursorOf(event);
     ShowCursor();
@@ -426,11 +456,33 @@ void Pointer::OnDragCursorUpdated(const rpc::DragCursorUpdated& event) {
     operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
   }
   // The widget takes a drag that has begun to be over the view.
-  rpc::DragLeaveRequest leave;
-  *leave.mutable_input() = latest_.input;
-  calls_->Send(&Client::ForwardDragLeave, std::move(leave));
+  SendDragLeave();
   // The button's release was sent before the page's drag was known.
   if (is_too_late) SendDragEnd(rpc::DRAG_OPERATION_UNSPECIFIED);
+}
+
+bool Pointer::HandToToolkit(const rpc::DragCursorUpdated& event) {
+  std::vector<rpc::DragItem> items;
+  std::copy_if(event.items().begin(), event.items().end(),
+               std::back_inserter(items), MayLeaveThePage);
+  const std::uint32_t allowed = event.allowed_operations() & kAllOperations;
+  if (!on_page_drag_ || items.empty() || allowed == 0) return false;
+  // The toolkit may report a leave or a broken grab while it begins.
+  phase_ = Phase::kToolkitDrag;
+  const bool is_handed = on_page_drag_(std::move(items), allowed);
+  if (phase_ != Phase::kToolkitDrag) return true;  // It has ended already.
+  // The toolkit says when it is over the view; the widget takes it to be.
+  if (is_handed) SendDragLeave();
+  return is_handed;
+}
+
+void Pointer::EndDrag(rpc::DragOperation operation) {
+  if (phase_ != Phase::kToolkitDrag) return;
+  SendDragEnd(operation);
+  SendExit();
+  // What is held, and where the pointer is, the next sample tells.
+  is_inside_ = false;
+  phase_ = down_ != 0 ? Phase::kSwallow : Phase::kMouse;
 }
 
 void Pointer::OnDragOverAnswered(bool is_ok, std::uint64_t drag) {
@@ -451,13 +503,9 @@ void Pointer::EndPageDrag(Drop drop) {
     request.set_allowed_operations(kAllOperations);
     calls_->Send(&Client::ForwardDragDrop, std::move(request));
   } else if (is_inside_) {
-    rpc::DragLeaveRequest leave;
-    *leave.mutable_input() = latest_.input;
-    calls_->Send(&Client::ForwardDragLeave, std::move(leave));
+    SendDragLeave();
   }
   SendDragEnd(operation);
-  held_ &= ~drag_button_;  // The end counts as its release.
-  while (held_ != 0) SendRelease(LowestOf(held_), 0);
 }
 
 void Pointer::ShowCursor() {
@@ -504,6 +552,12 @@ void Pointer::SendRelease(std::uint32_t flag, std::uint32_t click_count) {
   calls_->Send(&Client::ForwardMouseRelease, std::move(release));
 }
 
+void Pointer::SendDragLeave() {
+  rpc::DragLeaveRequest leave;
+  *leave.mutable_input() = latest_.input;
+  calls_->Send(&Client::ForwardDragLeave, std::move(leave));
+}
+
 void Pointer::SendDragEnd(rpc::DragOperation operation) {
   auto end = NewDrag<rpc::DragEndRequest>();
   end.set_operation(operation);
@@ -513,6 +567,8 @@ void Pointer::SendDragEnd(rpc::DragOperation operation) {
                  if (const auto alive = self.lock())
                    --(*alive)->unanswered_ends_;
                });
+  held_ &= ~drag_button_;  // The end counts as its release.
+  while (held_ != 0) SendRelease(LowestOf(held_), 0);
 }
 
 }  // namespace orvane::host

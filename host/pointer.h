@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "absl/functional/any_invocable.h"
 #include "absl/time/time.h"
@@ -75,6 +76,10 @@ struct PointerOptions {
 // calls; every press that was sent is followed by its release or by the end of
 // the drag.
 //
+// What the page drags stays in the view unless the toolkit drags it, so that it
+// can be dropped elsewhere. From OnPageDrag to EndDrag nothing is sent here;
+// over the view, the drag is DropTarget's.
+//
 // Toolkits differ in whether they report that the pointer leaves while a button
 // is held. With SetViewSize it does not matter, and a host that gets all motion
 // of a window, as with SDL, may pass all of it.
@@ -87,12 +92,23 @@ class Pointer {
  public:
   using OnCursor = absl::AnyInvocable<void(const rpc::Cursor&)>;
 
+  // The page has begun to drag these items, and allows the sum of these
+  // DragOperations; neither is empty. Returns whether the toolkit drags them
+  // now; false if it cannot, for example since the button is up already.
+  //
+  // The page chooses types and contents, so offer other programs only types
+  // that you know. It cannot name files, which are left out: a page that they
+  // are dropped on would get to read them.
+  using OnPageDrag = absl::AnyInvocable<bool(std::vector<rpc::DragItem> items,
+                                             std::uint32_t allowed)>;
+
   // Watches the browser's cursor and its drags, so make it before Attach.
   // `on_cursor` runs when the cursor over the view is to look otherwise: as the
   // page says, or as its drag does while there is one. It must not call this
-  // object.
+  // object. Without `on_page_drag`, the page's drags stay in the view.
   explicit Pointer(InputCalls* calls, PointerOptions options = {},
-                   OnCursor on_cursor = nullptr);
+                   OnCursor on_cursor = nullptr,
+                   OnPageDrag on_page_drag = nullptr);
   Pointer(const Pointer&) = delete;
   Pointer& operator=(const Pointer&) = delete;
 
@@ -132,17 +148,28 @@ class Pointer {
   // about to be detached, or a grab was broken; or the user has pressed Escape
   // while is_page_dragging(). Held buttons are released without a click, and a
   // drag of the page's ends without a drop. What is still held then is not
-  // reported to the page again.
+  // reported to the page again. A drag that the toolkit has taken over goes on:
+  // toolkits break grabs to begin one, and it may be over another view.
   void Cancel();
 
-  // The page drags something: from the event of WhenDragCursorUpdated on that
-  // says so until the button is up.
+  // The page drags something, and the toolkit does not: from the event of
+  // WhenDragCursorUpdated on that says so until the button is up.
   bool is_page_dragging() const { return phase_ == Phase::kPageDrag; }
+
+  // The toolkit drags for the page: from OnPageDrag to EndDrag.
+  bool is_toolkit_dragging() const { return phase_ == Phase::kToolkitDrag; }
+
+  // The toolkit's drag has ended, and this is what its target did; UNSPECIFIED
+  // if nothing was dropped. Ignored if the page's drag is over already: a press
+  // that the toolkit reports ends it too. View::EndPageDrag also lets the drag
+  // leave the view that it is over.
+  void EndDrag(rpc::DragOperation operation);
 
  private:
   enum class Phase {
     kMouse,
     kPageDrag,
+    kToolkitDrag,
     // Cancelled with a button held, until all are up.
     kSwallow,
   };
@@ -167,6 +194,7 @@ class Pointer {
   void ForgetClicksThatMoved();
 
   void OnDragCursorUpdated(const rpc::DragCursorUpdated& event);
+  bool HandToToolkit(const rpc::DragCursorUpdated& event);
   void OnDragOverAnswered(bool is_ok, std::uint64_t drag);
   void EndPageDrag(Drop drop);
   void ShowCursor();
@@ -178,6 +206,7 @@ class Pointer {
   void SendEnter();
   void SendExit();
   void SendRelease(std::uint32_t flag, std::uint32_t click_count);
+  void SendDragLeave();
   void SendDragEnd(rpc::DragOperation operation);
   bool IsOverView() const;
 
@@ -200,6 +229,7 @@ class Pointer {
   rpc::DragOperation operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
   std::size_t unanswered_ends_ = 0;
 
+  OnPageDrag on_page_drag_;
   OnCursor on_cursor_;
   rpc::Cursor page_cursor_;
   rpc::Cursor drag_cursor_;

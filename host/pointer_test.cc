@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <random>
@@ -95,6 +96,42 @@ class PointerTest : public RecordingWidgetFixture {
     PageDrags(rpc::DRAG_OPERATION_COPY);
     Calls();
   }
+  // From now on the toolkit drags what the page drags, if it can.
+  void HaveAToolkitThatDrags() {
+    pointer.emplace(
+        &*calls, PointerOptions{}, nullptr,
+        [this](std::vector<rpc::DragItem> items, std::uint32_t allowed) {
+          for (const rpc::DragItem& item : items) {
+            dragged.push_back(std::string(
+                item.has_text() ? item.text().value() : item.binary().value()));
+          }
+          allowed_operations = allowed;
+          if (while_it_begins) while_it_begins();
+          return can_drag;
+        });
+    Calls();
+  }
+  static rpc::DragItem Item(const std::string& mime_type,
+                            const std::string& value) {
+    rpc::DragItem item;
+    item.mutable_text()->set_mime_type(mime_type);
+    item.mutable_text()->set_value(value);
+    return item;
+  }
+  void PageDragsItems(const std::vector<rpc::DragItem>& items) {
+    rpc::DragCursorUpdated event;
+    event.mutable_items()->Assign(items.begin(), items.end());
+    event.set_allowed_operations(rpc::DRAG_OPERATION_COPY);
+    event.set_began_in_page(true);
+    Publish<rpc::DragCursorUpdated>(kBrowser, event);
+    loop.RunUntilIdle();
+  }
+  // The toolkit drags a text, which the page began at 1,2.
+  void BeginToolkitDrag() {
+    pointer->Press(At(1, 2), kPrimary);
+    PageDragsItems({Item("text/plain", "Ada")});
+    Calls();
+  }
   // Presses and releases the primary button.
   void Click(double x, double y, double milliseconds) {
     const auto time_ns = static_cast<std::int64_t>(milliseconds * 1e6);
@@ -103,6 +140,10 @@ class PointerTest : public RecordingWidgetFixture {
   }
 
   rpc::CursorType cursor = rpc::CURSOR_TYPE_UNSPECIFIED;  // The latest.
+  std::vector<std::string> dragged;                       // By the toolkit.
+  std::uint32_t allowed_operations = 0;
+  std::function<void()> while_it_begins;
+  bool can_drag = true;
   std::optional<Pointer> pointer{
       std::in_place, &*calls, PointerOptions{},
       [this](const rpc::Cursor& shown) { cursor = shown.type(); }};
@@ -612,6 +653,173 @@ TEST_F(PointerTest, AWidgetThatRefusesADragMakesThePointerAMouseAgain) {
   pointer->Release(At(5, 6, 1), kPrimary);
   EXPECT_THAT(Calls(), ElementsAre("MouseDrag 5,6 held 1",
                                    "MouseRelease 5,6 PRIMARY x1"));
+}
+
+// Drags of the page's that the toolkit drags
+
+TEST_F(PointerTest, AToolkitDragsWhatThePageDrags) {
+  HaveAToolkitThatDrags();
+  pointer->Press(At(1, 2), kPrimary);
+  Calls();
+  PageDragsItems({Item("text/plain", "Ada"), Item("text/html", "<b>Ada</b>")});
+  EXPECT_THAT(dragged, ElementsAre("Ada", "<b>Ada</b>"));
+  EXPECT_EQ(allowed_operations, std::uint32_t{rpc::DRAG_OPERATION_COPY});
+  EXPECT_TRUE(pointer->is_toolkit_dragging());
+  EXPECT_FALSE(pointer->is_page_dragging());
+  EXPECT_THAT(Calls(), ElementsAre("DragLeave"));
+  pointer->EndDrag(rpc::DRAG_OPERATION_COPY);
+  EXPECT_FALSE(pointer->is_toolkit_dragging());
+  EXPECT_THAT(Calls(), ElementsAre("DragEnd 1,2 COPY", "MouseExit 1,2"));
+  pointer->Move(At(3, 4));
+  EXPECT_THAT(Calls(), ElementsAre("MouseEnter 3,4", "MouseMove 3,4"));
+}
+
+TEST_F(PointerTest, NothingIsSentWhileTheToolkitDrags) {
+  HaveAToolkitThatDrags();
+  BeginToolkitDrag();
+  pointer->Move(At(3, 4, kPrimaryFlag));
+  pointer->Leave(At(-1, 2, kPrimaryFlag));
+  pointer->Enter(At(3, 4));
+  pointer->TurnWheel(At(3, 4), 0, 1);
+  pointer->Scroll(At(3, 4), 1, 1);
+  pointer->Release(At(3, 4), kPrimary);
+  pointer->Cancel();  // As for a grab that the drag breaks.
+  PageDrags(rpc::DRAG_OPERATION_COPY);
+  EXPECT_TRUE(pointer->is_toolkit_dragging());
+  EXPECT_THAT(Calls(), IsEmpty());
+}
+
+TEST_F(PointerTest, WhatAToolkitCannotDragStaysInTheView) {
+  HaveAToolkitThatDrags();
+  can_drag = false;
+  BeginToolkitDrag();
+  EXPECT_THAT(dragged, ElementsAre("Ada"));
+  EXPECT_TRUE(pointer->is_page_dragging());
+  pointer->Move(At(3, 4, kPrimaryFlag));
+  pointer->EndDrag(rpc::DRAG_OPERATION_COPY);  // It has none.
+  EXPECT_THAT(Calls(), ElementsAre("DragOver 3,4"));
+}
+
+TEST_F(PointerTest, ADragWithoutItemsStaysInTheView) {
+  HaveAToolkitThatDrags();
+  pointer->Press(At(1, 2), kPrimary);
+  PageDragsItems({});
+  EXPECT_TRUE(pointer->is_page_dragging());
+  EXPECT_THAT(dragged, IsEmpty());
+}
+
+TEST_F(PointerTest, ADragThatAllowsNothingStaysInTheView) {
+  HaveAToolkitThatDrags();
+  pointer->Press(At(1, 2), kPrimary);
+  rpc::DragCursorUpdated event;
+  *event.add_items() = Item("text/plain", "Ada");
+  event.set_began_in_page(true);
+  Publish<rpc::DragCursorUpdated>(kBrowser, event);
+  loop.RunUntilIdle();
+  EXPECT_TRUE(pointer->is_page_dragging());
+  EXPECT_THAT(dragged, IsEmpty());
+}
+
+// Another page would get to read it.
+TEST_F(PointerTest, APageCannotDragAFileThatItNames) {
+  HaveAToolkitThatDrags();
+  rpc::DragItem file;
+  file.mutable_file()->set_path("/etc/passwd");
+  rpc::DragItem bytes;
+  bytes.mutable_binary()->set_mime_type("image/png");
+  bytes.mutable_binary()->set_value("picture");
+  pointer->Press(At(1, 2), kPrimary);
+  PageDragsItems({file, bytes, Item("text/uri-list", "https://a.example/"),
+                  Item("Text/URI-list", "# Two\r\n FILE:///etc/passwd"),
+                  Item("text/plain", "file:///etc/passwd"),
+                  Item("", "of no type"), rpc::DragItem()});
+  EXPECT_THAT(dragged, ElementsAre("picture", "https://a.example/",
+                                   "file:///etc/passwd"));
+}
+
+TEST_F(PointerTest, ADragThatIsAnnouncedAfterTheReleaseIsNotTheToolkits) {
+  HaveAToolkitThatDrags();
+  Click(1, 2, 1000);
+  Calls();
+  PageDragsItems({Item("text/plain", "Ada")});
+  EXPECT_THAT(dragged, IsEmpty());
+  EXPECT_THAT(Calls(), ElementsAre("DragLeave", "DragEnd 1,2 UNSPECIFIED"));
+}
+
+TEST_F(PointerTest, AToolkitMayReportALeaveAndABrokenGrabAsItBegins) {
+  HaveAToolkitThatDrags();
+  while_it_begins = [this] {
+    pointer->Leave(At(1, 2, kPrimaryFlag));
+    pointer->Cancel();
+  };
+  BeginToolkitDrag();
+  EXPECT_TRUE(pointer->is_toolkit_dragging());
+}
+
+TEST_F(PointerTest, AToolkitsDragMayEndAsItBegins) {
+  HaveAToolkitThatDrags();
+  while_it_begins = [this] { pointer->EndDrag({}); };
+  pointer->Press(At(1, 2), kPrimary);
+  Calls();
+  PageDragsItems({Item("text/plain", "Ada")});
+  EXPECT_FALSE(pointer->is_toolkit_dragging());
+  EXPECT_FALSE(pointer->is_page_dragging());
+  EXPECT_THAT(Calls(), ElementsAre("DragEnd 1,2 UNSPECIFIED", "MouseExit 1,2"));
+}
+
+TEST_F(PointerTest, EventsBeforeTheEndOfAToolkitsDragIsAnsweredAreIgnored) {
+  HaveAToolkitThatDrags();
+  BeginToolkitDrag();
+  widget.is_holding = true;
+  pointer->EndDrag({});
+  pointer->Press(At(3, 4), kPrimary);
+  Calls();
+  PageDragsItems({Item("text/plain", "late")});
+  EXPECT_THAT(dragged, ElementsAre("Ada"));
+  EXPECT_THAT(Calls(), IsEmpty());
+  widget.is_holding = false;
+  widget.AnswerAll();
+  Calls();
+  PageDragsItems({Item("text/plain", "next")});
+  EXPECT_THAT(dragged, ElementsAre("Ada", "next"));
+  EXPECT_TRUE(pointer->is_toolkit_dragging());
+}
+
+// Toolkits keep for themselves what ends their drags.
+TEST_F(PointerTest, WhatIsHeldAtTheEndOfAToolkitsDragIsNotTold) {
+  HaveAToolkitThatDrags();
+  BeginToolkitDrag();
+  pointer->EndDrag({});  // By Escape.
+  Calls();
+  pointer->Move(At(3, 4, kPrimaryFlag));
+  EXPECT_THAT(Calls(), IsEmpty());
+  pointer->Press(At(5, 6), kPrimary);
+  EXPECT_THAT(Calls(), ElementsAre("MouseEnter 5,6",
+                                   "MousePress 5,6 held 1 PRIMARY x1"));
+}
+
+TEST_F(PointerTest, OtherButtonsAreReleasedAtTheEndOfAToolkitsDrag) {
+  HaveAToolkitThatDrags();
+  pointer->Press(At(1, 2), kPrimary);
+  pointer->Press(At(1, 2, kPrimaryFlag), kSecondary);
+  PageDragsItems({Item("text/plain", "Ada")});
+  Calls();
+  pointer->EndDrag({});
+  EXPECT_THAT(Calls(),
+              ElementsAre("DragEnd 1,2 UNSPECIFIED",
+                          "MouseRelease 1,2 SECONDARY x0", "MouseExit 1,2"));
+}
+
+// A target that died may keep the toolkit waiting for ever.
+TEST_F(PointerTest, APressEndsAToolkitsDrag) {
+  HaveAToolkitThatDrags();
+  BeginToolkitDrag();
+  pointer->Press(At(3, 4), kPrimary);
+  EXPECT_THAT(Calls(), ElementsAre("DragEnd 1,2 UNSPECIFIED", "MouseExit 1,2",
+                                   "MouseEnter 3,4",
+                                   "MousePress 3,4 held 1 PRIMARY x1"));
+  pointer->EndDrag(rpc::DRAG_OPERATION_COPY);
+  EXPECT_THAT(Calls(), IsEmpty());
 }
 
 // Cancelling

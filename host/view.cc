@@ -38,11 +38,16 @@ rpc::Display NewDisplay(double width, double height, double scale_factor) {
 View::Session::Session(std::unique_ptr<SocketClient> new_connection, View* view)
     : connection(std::move(new_connection)),
       calls(connection.get(), view->options_.browser),
-      pointer(&calls, view->options_.pointer,
-              [view](const rpc::Cursor& cursor) { view->ShowCursor(cursor); }),
+      pointer(
+          &calls, view->options_.pointer,
+          [view](const rpc::Cursor& cursor) { view->ShowCursor(cursor); },
+          [view](std::vector<rpc::DragItem> items, std::uint32_t allowed) {
+            return view->handlers_.on_page_drag &&
+                   view->handlers_.on_page_drag(std::move(items), allowed);
+          }),
       keyboard(&calls),
       touch(&calls),
-      drop_target(&calls, view->handlers_.on_drop_operation) {}
+      drop_target(&calls, &pointer, view->handlers_.on_drop_operation) {}
 
 View::View(EventLoop* loop, ViewOptions options, ViewHandlers handlers)
     : loop_(loop),
@@ -271,6 +276,7 @@ void View::Detach() {
   if (session_ == nullptr) return;
   // What is not attached here may be attached to another host.
   if (state_ == ViewState::kAttached) {
+    EndPageDrag(rpc::DRAG_OPERATION_UNSPECIFIED);
     CancelInput();
     session_->calls.Send(&Client::Unfocus);
     session_->calls.Send(&Client::Detach);
@@ -284,6 +290,12 @@ void View::TakeOver() {
   retry_ = options_.first_retry;
   SetState(ViewState::kConnected, absl::OkStatus());
   AttachIfPossible();
+}
+
+void View::EndPageDrag(rpc::DragOperation operation) {
+  if (session_ == nullptr || !session_->pointer.is_toolkit_dragging()) return;
+  session_->drop_target.Leave({});
+  session_->pointer.EndDrag(operation);
 }
 
 void View::CancelInput() {

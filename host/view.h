@@ -109,9 +109,14 @@ struct ViewHandlers {
   absl::AnyInvocable<bool(const rpc::AccessibilityRequestFocusCall&)>
       on_accessibility_focus = nullptr;
 
-  // Runs when the page has decided what a drop of what is dragged over the view
-  // from elsewhere would do.
+  // Runs when the page has decided what a drop of what the toolkit drags over
+  // the view would do.
   std::function<void(rpc::DragOperation)> on_drop_operation = nullptr;
+
+  // Has the toolkit drag what the page drags, and returns whether it does so;
+  // View::EndPageDrag then tells how that has ended. Without it, the page's
+  // drags stay in the view.
+  Pointer::OnPageDrag on_page_drag = nullptr;
 };
 
 // A display of that size in DIPs, for toolkits that tell no more about it.
@@ -172,6 +177,11 @@ class View {
   // After kRefused: detaches the browser from whoever has it and attaches it
   // here. A host that lives loses its view.
   void TakeOver();
+
+  // The drag of on_page_drag has ended, and this is what its target did;
+  // UNSPECIFIED if nothing was dropped. Ignored if the page's drag is over
+  // already, as it is after Detach and with the next widget.
+  void EndPageDrag(rpc::DragOperation operation);
 
   // Where input goes. Null unless the view is attached.
   Pointer* pointer();

@@ -40,6 +40,10 @@ class AttachingWidget final : public rpc::BrowserWidgetRpc {
     if (failing.contains(method->name())) controller->SetFailed("it cannot");
     if (method->name() == "SetDisplay")
       display = static_cast<const rpc::Display&>(*request);
+    if (const auto* const enter =
+            dynamic_cast<const rpc::DragEnterRequest*>(request)) {
+      dragged_items = enter->items_size();
+    }
     if (auto* const result = dynamic_cast<rpc::AttachResult*>(response)) {
       const auto& bounds =
           static_cast<const rpc::AttachRequest*>(request)->bounds();
@@ -56,6 +60,7 @@ class AttachingWidget final : public rpc::BrowserWidgetRpc {
   std::set<std::string> failing;
   std::string refusal;
   rpc::Display display;
+  int dragged_items = 0;                      // Of the latest DragEnter.
   std::optional<rpc::AttachResult> nonsense;  // The answer to Attach.
 };
 
@@ -93,6 +98,25 @@ class ViewTest : public ::testing::Test {
     return sample;
   }
 
+  // Attached, and the toolkit drags what the page drags.
+  void BeginPageDrag() {
+    Attach();
+    DragInPage();
+    EXPECT_TRUE(view_->pointer()->is_toolkit_dragging());
+  }
+  void DragInPage() {
+    view_->pointer()->Press(At(1, 2), rpc::MOUSE_BUTTON_PRIMARY);
+    rpc::DragCursorUpdated event;
+    event.mutable_browser_id()->set_value(7);
+    event.set_began_in_page(true);
+    event.set_allowed_operations(rpc::DRAG_OPERATION_COPY);
+    rpc::DragText& text = *event.add_items()->mutable_text();
+    text.set_mime_type("text/plain");
+    text.set_value("Ada");
+    orvane::Publish<rpc::DragCursorUpdated>(testing::Browser(7), event);
+    Calls();
+  }
+
   const orvane::testing::TemporaryFolder folder_;
   const std::string socket_ = folder_.path() + "/widget.sock";
   EventLoop loop_;
@@ -108,6 +132,7 @@ class ViewTest : public ::testing::Test {
   bool has_other_controls_ = true;
   rpc::FocusDirection focus_left_ = rpc::FOCUS_DIRECTION_UNSPECIFIED;
   rpc::DragOperation drop_operation_ = rpc::DRAG_OPERATION_UNSPECIFIED;
+  std::string dragged_;  // By the toolkit, for the page.
   std::optional<View> view_{
       std::in_place, &loop_,
       ViewOptions{.connect = ConnectorTo(&loop_, socket_),
@@ -141,6 +166,11 @@ class ViewTest : public ::testing::Test {
           .on_drop_operation =
               [this](rpc::DragOperation operation) {
                 drop_operation_ = operation;
+              },
+          .on_page_drag =
+              [this](const std::vector<rpc::DragItem>& items, std::uint32_t) {
+                dragged_ = std::string(items[0].text().value());
+                return true;
               }}};
 };
 
@@ -604,6 +634,90 @@ TEST_F(ViewTest, WhateverTheWindowDoesTheCallsFitEachOther) {
   EXPECT_EQ(story.is_shown_, is_shown);
   EXPECT_EQ(story.is_minimized_, is_minimized);
   EXPECT_EQ(story.has_focus_, has_focus);
+}
+
+// Drags of the page's that the toolkit drags
+
+TEST_F(ViewTest, ADragOfThePagesIsHandedToTheToolkit) {
+  BeginPageDrag();
+  EXPECT_EQ(dragged_, "Ada");
+  view_->EndPageDrag(rpc::DRAG_OPERATION_COPY);
+  EXPECT_FALSE(view_->pointer()->is_toolkit_dragging());
+  EXPECT_THAT(Calls(), ElementsAre("ForwardDragEnd", "ForwardMouseExit"));
+  view_->EndPageDrag(rpc::DRAG_OPERATION_COPY);
+  EXPECT_THAT(Calls(), IsEmpty());
+}
+
+TEST_F(ViewTest, AToolkitsDragLeavesTheViewBeforeItEnds) {
+  BeginPageDrag();
+  view_->drop_target()->Enter(At(3, 4), rpc::DRAG_OPERATION_COPY, {});
+  view_->EndPageDrag(rpc::DRAG_OPERATION_UNSPECIFIED);
+  EXPECT_THAT(Calls(), ElementsAre("ForwardDragEnter", "ForwardDragLeave",
+                                   "ForwardDragEnd", "ForwardMouseExit"));
+  view_->drop_target()->Leave({});
+  EXPECT_THAT(Calls(), IsEmpty());
+}
+
+// The user may drag from one tab to another.
+TEST_F(ViewTest, AToolkitsDragGoesOnWhileItsViewIsHidden) {
+  BeginPageDrag();
+  view_->SetShown(true);
+  view_->SetShown(false);
+  EXPECT_TRUE(view_->pointer()->is_toolkit_dragging());
+  EXPECT_THAT(Calls(), ElementsAre("Show", "Hide"));
+  view_->EndPageDrag(rpc::DRAG_OPERATION_COPY);
+  EXPECT_THAT(Calls(), ElementsAre("ForwardDragEnd", "ForwardMouseExit"));
+}
+
+TEST_F(ViewTest, AToolkitsDragIsNotThePagesAnyMoreOnceTheViewIsDetached) {
+  BeginPageDrag();
+  view_->Detach();
+  view_->EndPageDrag(rpc::DRAG_OPERATION_COPY);
+  EXPECT_THAT(Calls(), ElementsAre("ForwardDragEnd", "ForwardMouseExit",
+                                   "Unfocus", "Detach"));
+  view_->SetBounds(Bounds(320, 200), std::nullopt);
+  Await(ViewState::kAttached);
+  DragInPage();
+  EXPECT_TRUE(view_->pointer()->is_toolkit_dragging());
+}
+
+TEST_F(ViewTest, AToolkitsDragMayOutliveTheWidget) {
+  BeginPageDrag();
+  states_.clear();
+  KillWidget();
+  Await(ViewState::kWaiting);
+  view_->EndPageDrag(rpc::DRAG_OPERATION_COPY);
+  StartWidget();
+  Await(ViewState::kAttached);
+  Calls();
+  view_->EndPageDrag(rpc::DRAG_OPERATION_COPY);
+  EXPECT_THAT(Calls(), IsEmpty());
+  DragInPage();
+  EXPECT_TRUE(view_->pointer()->is_toolkit_dragging());
+}
+
+TEST_F(ViewTest, AViewMayEndWhileTheToolkitDrags) {
+  BeginPageDrag();
+  view_->drop_target()->Enter(At(3, 4), rpc::DRAG_OPERATION_COPY, {});
+  view_.reset();
+  EXPECT_THAT(Calls(), ElementsAre("ForwardDragEnter"));
+}
+
+// Such as one in another tab.
+TEST_F(ViewTest, AnotherViewGetsTheItemsOfAPagesDrag) {
+  BeginPageDrag();
+  View other(&loop_, {.socket = socket_, .browser = testing::Browser(8)}, {});
+  other.SetBounds(Bounds(320, 200), std::nullopt);
+  loop_.RunUntil([&] { return other.state() == ViewState::kAttached; });
+  Calls();
+  std::vector<rpc::DragItem> items(1);
+  items[0].mutable_text()->set_mime_type("text/plain");
+  other.drop_target()->Enter(At(3, 4), rpc::DRAG_OPERATION_COPY, items);
+  EXPECT_THAT(Calls(), ElementsAre("ForwardDragEnter"));
+  EXPECT_EQ(widget_.dragged_items, 1);
+  view_->drop_target()->Enter(At(3, 4), rpc::DRAG_OPERATION_COPY, items);
+  Calls();
+  EXPECT_EQ(widget_.dragged_items, 0);
 }
 
 }  // namespace

@@ -63,6 +63,31 @@ Json DataOf(const Items& items, std::uint32_t allowed_operations) {
           {"dragOperationsMask", allowed_operations}};
 }
 
+// What the page drags, as a host takes it; none if it is too much. Without
+// files: which there are on the disk is not the page's to say.
+Items ItemsOf(const Json& data) {
+  constexpr std::size_t kMaxItems = 100;
+  constexpr std::size_t kMaxBytes = 2 << 20;
+  const Json::array_t& told = List(data, "items");
+  Items items;
+  std::size_t bytes = 0;
+  for (const Json& item : told) {
+    if (Text(item, "mimeType").empty()) continue;
+    rpc::DragText& text = *items.Add()->mutable_text();
+    text.set_mime_type(Text(item, "mimeType"));
+    text.set_value(Text(item, "data"));
+    text.set_base_url(Text(item, "baseURL"));
+    bytes += text.ByteSizeLong();
+    if (told.size() <= kMaxItems && bytes <= kMaxBytes) continue;
+    LOG_EVERY_N_SEC(WARNING, 10)
+        << "a page drags " << told.size() << " items, " << bytes
+        << " bytes or more, and cannot drop them elsewhere; the limits are "
+        << kMaxItems << " and " << kMaxBytes;
+    return {};
+  }
+  return items;
+}
+
 rpc::DragOperation OperationOf(const std::string& effect) {
   if (effect == "copy") return rpc::DRAG_OPERATION_COPY;
   if (effect == "link") return rpc::DRAG_OPERATION_LINK;
@@ -98,7 +123,10 @@ void Drags::Begin(const Json& data, const rpc::PointDip& position) {
   told_.reset();
   SendAt("dragEnter", data_, position);
   SendAt("dragOver", data_, position);
-  if (Tell(rpc::DRAG_OPERATION_UNSPECIFIED) > 0) return;
+  rpc::DragCursorUpdated begun;
+  *begun.mutable_items() = ItemsOf(data);
+  if (!begun.items().empty()) begun.set_allowed_operations(allowed_operations_);
+  if (Tell(std::move(begun)) > 0) return;
   // Nobody will drag it, and the page takes no clicks while it is dragged.
   SendAt("dragCancel", data_, position);
   Forget();
@@ -191,13 +219,14 @@ void Drags::TakeEffect(const std::string& effect) {
   rpc::DragOperation operation = OperationOf(effect);
   if ((operation & allowed_operations_) == 0)
     operation = rpc::DRAG_OPERATION_UNSPECIFIED;
-  if (std::exchange(told_, operation) != operation) Tell(operation);
+  if (std::exchange(told_, operation) == operation) return;
+  rpc::DragCursorUpdated event;
+  event.set_operation(operation);
+  Tell(std::move(event));
 }
 
-std::size_t Drags::Tell(rpc::DragOperation operation) {
-  rpc::DragCursorUpdated event;
+std::size_t Drags::Tell(rpc::DragCursorUpdated event) {
   *event.mutable_browser_id() = browser_;
-  event.set_operation(operation);
   event.set_began_in_page(has_begun_in_page());
   return service_->WhenDragCursorUpdated()(browser_, event);
 }

@@ -56,7 +56,7 @@ class Drags {
   void SendAt(const char* type, const Json& data, const rpc::PointDip& position,
               std::uint32_t modifiers = 0);
   // Returns how many hosts learn it.
-  std::size_t Tell(rpc::DragOperation operation);
+  std::size_t Tell(rpc::DragCursorUpdated event);
 
   const BrowserId browser_;
   rpc::BrowserWidgetRpc* const service_;

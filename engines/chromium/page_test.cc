@@ -678,10 +678,15 @@ class PageDragTest : public PageTest {
         });
     loop_.RunUntilIdle();
   }
-  void BeginDrag() {
+  void BeginDrag(const Json& items = Json::array(), int mask = 17) {
     scripted_->ForgetCommands();
-    Tell("Input.dragIntercepted",
-         {{"data", {{"items", Json::array()}, {"dragOperationsMask", 17}}}});
+    Tell("Input.dragIntercepted", {{"data",
+                                    {{"items", items},
+                                     {"files", {"/etc/passwd"}},
+                                     {"dragOperationsMask", mask}}}});
+  }
+  static Json Item(const std::string& value) {
+    return {{"mimeType", "text/plain"}, {"data", value}};
   }
   std::vector<std::string> Sent() {
     std::vector<std::string> types;
@@ -722,6 +727,51 @@ TEST_F(PageDragTest, OneIsTheHostsToDrag) {
   EXPECT_THAT(Sent(), ElementsAre("dragOver"));
   Input<rpc::DragEnterRequest>(&Client::ForwardDragEnter, "");
   EXPECT_THAT(Sent(), ElementsAre("dragEnter", "dragOver"));
+}
+
+TEST_F(PageDragTest, ItsFirstEventTellsWhatIsDragged) {
+  Watch();
+  BeginDrag({Item("Ada"),
+             {{"mimeType", "text/html"},
+              {"data", "<b>Ada</b>"},
+              {"baseURL", "https://a.example/"}},
+             {{"mimeType", ""}, {"data", "of no type"}},
+             "no item"});
+  Report({{"kind", "drag"}, {"effect", "move"}});
+  ASSERT_THAT(told_, SizeIs(2));
+  EXPECT_EQ(told_[0].allowed_operations(), 17u);
+  ASSERT_THAT(told_[0].items(), SizeIs(2));
+  EXPECT_EQ(told_[0].items(0).text().mime_type(), "text/plain");
+  EXPECT_EQ(told_[0].items(0).text().value(), "Ada");
+  EXPECT_EQ(told_[0].items(1).text().mime_type(), "text/html");
+  EXPECT_EQ(told_[0].items(1).text().value(), "<b>Ada</b>");
+  EXPECT_EQ(told_[0].items(1).text().base_url(), "https://a.example/");
+  EXPECT_THAT(told_[1].items(), IsEmpty());
+  EXPECT_EQ(told_[1].allowed_operations(), 0u);
+}
+
+TEST_F(PageDragTest, AMaskThatIsNegativeAllowsAllOperations) {
+  Watch();
+  BeginDrag(Json::array({Item("Ada")}), -1);
+  ASSERT_THAT(told_, SizeIs(1));
+  EXPECT_EQ(told_[0].allowed_operations(), 1u + 2 + 16);
+}
+
+TEST_F(PageDragTest, WhatIsTooMuchIsDraggedInThePageAlone) {
+  Watch();
+  for (const Json::array_t& items :
+       {Json::array_t(2, Item(std::string(1 << 20, 'a'))),
+        Json::array_t(101, Item("a"))}) {
+    told_.clear();
+    BeginDrag(items);
+    ASSERT_THAT(told_, SizeIs(1));
+    EXPECT_TRUE(told_[0].began_in_page());
+    EXPECT_THAT(told_[0].items(), IsEmpty());
+    EXPECT_EQ(told_[0].allowed_operations(), 0u);
+    Input<rpc::DragEndRequest>(&Client::ForwardDragEnd, "");
+  }
+  BeginDrag(Json::array_t(100, Item("a")));
+  EXPECT_THAT(told_.back().items(), SizeIs(100));
 }
 
 TEST_F(PageDragTest, OneThatIsDroppedInThePageHasEnded) {

@@ -439,7 +439,56 @@ TEST_F(RealEngineTest, ATextThatIsDroppedOnAFieldIsEntered) {
   EXPECT_EQ(Told(), "hello");
 }
 
-TEST_F(RealEngineTest, ADragOfThePagesIsDraggedByTheHost) {
+// A page that drags something.
+class RealDragTest : public RealEngineTest {
+ protected:
+  // Returns once the page drags what is there.
+  void Drag(int from_x, int y) {
+    if (watching_ == nullptr) {
+      watching_ = widget_->WhenDragCursorUpdated(
+          browser_, [this](const rpc::DragCursorUpdated& event) {
+            updates_.push_back(event);
+          });
+    }
+    updates_.clear();
+    EXPECT_TRUE(widget_
+                    ->ForwardMousePress(New<rpc::MousePressRequest>(
+                        At(from_x, y, "buttons: 1") +
+                        "button: MOUSE_BUTTON_PRIMARY click_count: 1"))
+                    .ok());
+    // Until it is one: the engine wants some movement.
+    for (int step = 2; updates_.empty(); step = step % 20 + 2) {
+      EXPECT_TRUE(widget_
+                      ->ForwardMouseDrag(New<rpc::MouseDragRequest>(
+                          At(from_x + step, y, "buttons: 1")))
+                      .ok());
+    }
+    EXPECT_TRUE(updates_[0].began_in_page());
+  }
+
+  // Of what is dragged.
+  std::string TextOf(const std::string& mime_type) const {
+    for (const rpc::DragItem& item : updates_[0].items()) {
+      if (item.text().mime_type() == mime_type)
+        return std::string(item.text().value());
+    }
+    return "nothing of that type";
+  }
+
+  // What another program does with it.
+  void DropElsewhere(const std::string& operation) {
+    EXPECT_TRUE(widget_->ForwardDragLeave(New<rpc::DragLeaveRequest>()).ok());
+    EXPECT_TRUE(widget_
+                    ->ForwardDragEnd(New<rpc::DragEndRequest>(
+                        "operation: DRAG_OPERATION_" + operation))
+                    .ok());
+  }
+
+  Stream watching_;
+  std::vector<rpc::DragCursorUpdated> updates_;
+};
+
+TEST_F(RealDragTest, ADragOfThePagesIsDraggedByTheHost) {
   Open(
       "<div id=s draggable=true style='width:50px;height:50px'></div>"
       "<div id=t style='position:absolute;left:100px;top:100px;width:50px;"
@@ -451,33 +500,13 @@ TEST_F(RealEngineTest, ADragOfThePagesIsDraggedByTheHost) {
       "t.ondrop = (e) => { e.preventDefault();"
       "  tell('drop ' + e.dataTransfer.getData('text/plain')); };"
       "onclick = () => tell('click');</script>");
-  std::vector<rpc::DragCursorUpdated> updates;
-  const Stream watching = widget_->WhenDragCursorUpdated(
-      browser_,
-      [&](const rpc::DragCursorUpdated& event) { updates.push_back(event); });
-  const auto drag = [&] {
-    updates.clear();
-    EXPECT_TRUE(widget_
-                    ->ForwardMousePress(New<rpc::MousePressRequest>(
-                        At(20, 20, "buttons: 1") +
-                        "button: MOUSE_BUTTON_PRIMARY click_count: 1"))
-                    .ok());
-    // Until it is one: the engine wants some movement.
-    for (int x = 22; updates.empty(); x = x == 40 ? 22 : x + 2) {
-      EXPECT_TRUE(widget_
-                      ->ForwardMouseDrag(
-                          New<rpc::MouseDragRequest>(At(x, 20, "buttons: 1")))
-                      .ok());
-    }
-    EXPECT_TRUE(updates[0].began_in_page());
-  };
-  drag();
+  Drag(20, 20);
   ASSERT_TRUE(widget_
                   ->ForwardDragOver(New<rpc::DragOverRequest>(
                       "allowed_operations: 19 position { x: 120 y: 120 }"))
                   .ok());
   loop_.RunUntil(
-      [&] { return updates.back().operation() == rpc::DRAG_OPERATION_COPY; });
+      [&] { return updates_.back().operation() == rpc::DRAG_OPERATION_COPY; });
   ASSERT_TRUE(widget_
                   ->ForwardDragDrop(
                       New<rpc::DragDropRequest>("position { x: 120 y: 120 }"))
@@ -488,17 +517,39 @@ TEST_F(RealEngineTest, ADragOfThePagesIsDraggedByTheHost) {
                   .ok());
   EXPECT_EQ(Told(), "drop mine");
   EXPECT_EQ(Told(), "end copy");
-  // What another program does with it.
-  drag();
-  ASSERT_TRUE(widget_->ForwardDragLeave(New<rpc::DragLeaveRequest>()).ok());
-  ASSERT_TRUE(widget_
-                  ->ForwardDragEnd(New<rpc::DragEndRequest>(
-                      "operation: DRAG_OPERATION_MOVE"))
-                  .ok());
+  Drag(20, 20);
+  DropElsewhere("MOVE");
   EXPECT_EQ(Told(), "end move");
   // And the page takes clicks again.
   Click(60, 60);
   EXPECT_EQ(Told(), "click");
+}
+
+TEST_F(RealDragTest, ALinkIsDraggedOutOfThePage) {
+  Open(
+      "<a href='https://a.example/?q=1' style='display:block;width:100px;"
+      "height:50px'>Manual</a><script>"
+      "ondragend = (e) => tell('end ' + e.dataTransfer.dropEffect);</script>");
+  Drag(20, 10);
+  EXPECT_EQ(TextOf("text/uri-list"), "https://a.example/?q=1");
+  EXPECT_EQ(TextOf("text/plain"), "https://a.example/?q=1");
+  EXPECT_NE(updates_[0].allowed_operations() & rpc::DRAG_OPERATION_COPY, 0u);
+  EXPECT_NE(updates_[0].allowed_operations() & rpc::DRAG_OPERATION_LINK, 0u);
+  DropElsewhere("COPY");
+  EXPECT_EQ(Told(), "end copy");
+}
+
+TEST_F(RealDragTest, SelectedTextIsDraggedOutOfThePage) {
+  Open(
+      "<p style='margin:0;font:30px monospace'>tea <b>for</b> Ada</p><script>"
+      "getSelection().selectAllChildren(document.querySelector('p'));"
+      "ondragend = (e) => tell('end ' + e.dataTransfer.dropEffect);</script>");
+  Drag(20, 15);
+  EXPECT_EQ(TextOf("text/plain"), "tea for Ada");
+  EXPECT_THAT(TextOf("text/html"), ::testing::HasSubstr(">for</b>"));
+  EXPECT_NE(updates_[0].allowed_operations() & rpc::DRAG_OPERATION_COPY, 0u);
+  DropElsewhere("COPY");
+  EXPECT_EQ(Told(), "end copy");
 }
 
 // Accessibility

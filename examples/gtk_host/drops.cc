@@ -5,6 +5,7 @@
 
 #include "absl/strings/str_cat.h"
 
+#include "examples/gtk_host/events.h"
 #include "examples/gtk_host/signals.h"
 #include "host/drop_target.h"
 #include "host/key.h"
@@ -12,19 +13,8 @@
 namespace gtk_host {
 namespace {
 
-constexpr std::pair<GdkDragAction, rpc::DragOperation> kOperations[] = {
-    {GDK_ACTION_COPY, rpc::DRAG_OPERATION_COPY},
-    {GDK_ACTION_MOVE, rpc::DRAG_OPERATION_MOVE},
-    {GDK_ACTION_LINK, rpc::DRAG_OPERATION_LINK}};
 constexpr auto kAllActions = static_cast<GdkDragAction>(
     GDK_ACTION_COPY | GDK_ACTION_MOVE | GDK_ACTION_LINK);
-
-GdkDragAction ActionOf(rpc::DragOperation operation) {
-  for (const auto& [action, known] : kOperations) {
-    if (known == operation) return action;
-  }
-  return GdkDragAction{};
-}
 
 rpc::DragItem TextItem(const char* mime_type, const std::string& value) {
   rpc::DragItem item;
@@ -40,6 +30,7 @@ Drops::Drops(GtkWidget* canvas, orvane::host::View* view)
       view_(view),
       controller_(GTK_EVENT_CONTROLLER(
           gtk_drop_target_async_new(nullptr, kAllActions))) {
+  Connect<&Drops::OnAccept>(controller_, "accept", this);
   Connect<&Drops::OnEnter>(controller_, "drag-enter", this);
   Connect<&Drops::OnMotion>(controller_, "drag-motion", this);
   Connect<&Drops::OnLeave>(controller_, "drag-leave", this);
@@ -51,6 +42,9 @@ Drops::~Drops() {
   Finish(rpc::DRAG_OPERATION_UNSPECIFIED);
   g_signal_handlers_disconnect_by_data(controller_, this);
 }
+
+// OnEnter looks at the formats. GTK itself accepts none, as it knows none.
+gboolean Drops::OnAccept(GdkDrop*) { return TRUE; }
 
 GdkDragAction Drops::OnEnter(GdkDrop* drop, double x, double y) {
   Finish(rpc::DRAG_OPERATION_UNSPECIFIED);
@@ -129,12 +123,12 @@ GdkDragAction Drops::OnMotion(GdkDrop* drop, double x, double y) {
   x_ = x;
   y_ = y;
   target->Move(Sample(), allowed());
-  return ActionOf(target->operation());
+  return ActionsOf(target->operation());
 }
 
 void Drops::OnOperation(rpc::DragOperation operation) {
   if (drop_ == nullptr || is_dropped_) return;
-  const GdkDragAction action = ActionOf(operation);
+  const GdkDragAction action = ActionsOf(operation);
   gdk_drop_status(drop_, action, action);
 }
 
@@ -162,9 +156,10 @@ void Drops::Finish(rpc::DragOperation operation) {
   unread_.clear();
   items_.clear();
   if (drop_ == nullptr) return;
-  if (is_dropped_) gdk_drop_finish(drop_, ActionOf(operation));
+  // A drop that still waits for the page comes here again as it leaves.
+  if (std::exchange(is_dropped_, false))
+    gdk_drop_finish(drop_, ActionsOf(operation));
   if (auto* const target = view_->drop_target()) target->Leave(Sample().input);
-  is_dropped_ = false;
   g_clear_object(&drop_);
 }
 
@@ -178,11 +173,7 @@ orvane::host::PointerSample Drops::Sample() const {
 }
 
 std::uint32_t Drops::allowed() const {
-  std::uint32_t allowed = 0;
-  for (const auto& [action, operation] : kOperations) {
-    if ((gdk_drop_get_actions(drop_) & action) != 0) allowed |= operation;
-  }
-  return allowed;
+  return OperationsOf(gdk_drop_get_actions(drop_));
 }
 
 }  // namespace gtk_host

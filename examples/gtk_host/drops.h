@@ -1,4 +1,4 @@
-// What is dragged over a view from elsewhere.
+// What is dragged over a view.
 
 #ifndef EXAMPLES_GTK_HOST_DROPS_H_
 #define EXAMPLES_GTK_HOST_DROPS_H_
@@ -27,6 +27,7 @@ class Drops {
   void OnOperation(rpc::DragOperation operation);
 
  private:
+  gboolean OnAccept(GdkDrop* drop);
   GdkDragAction OnEnter(GdkDrop* drop, double x, double y);
   GdkDragAction OnMotion(GdkDrop* drop, double x, double y);
   void OnLeave(GdkDrop* drop);

@@ -2,12 +2,20 @@
 
 #include <cstdint>
 #include <limits>
+#include <utility>
+
+#include "rpc/browser/drag.pb.h"
 
 namespace gtk_host {
 namespace {
 
 constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 constexpr std::int64_t kNsPerMs = 1'000'000;
+
+constexpr std::pair<GdkDragAction, rpc::DragOperation> kOperations[] = {
+    {GDK_ACTION_COPY, rpc::DRAG_OPERATION_COPY},
+    {GDK_ACTION_MOVE, rpc::DRAG_OPERATION_MOVE},
+    {GDK_ACTION_LINK, rpc::DRAG_OPERATION_LINK}};
 
 rpc::InputInfo InputOf(GdkEvent* event) {
   rpc::InputInfo input;
@@ -66,6 +74,22 @@ orvane::host::KeySample KeySampleOf(GdkEvent* event) {
                             &unshifted, nullptr, nullptr, nullptr);
   sample.unshifted_character = gdk_keyval_to_unicode(unshifted);
   return sample;
+}
+
+GdkDragAction ActionsOf(std::uint32_t operations) {
+  unsigned actions = 0;
+  for (const auto& [action, operation] : kOperations) {
+    if ((operations & operation) != 0) actions |= action;
+  }
+  return static_cast<GdkDragAction>(actions);
+}
+
+std::uint32_t OperationsOf(GdkDragAction actions) {
+  std::uint32_t operations = 0;
+  for (const auto& [action, operation] : kOperations) {
+    if ((actions & action) != 0) operations |= operation;
+  }
+  return operations;
 }
 
 }  // namespace gtk_host

@@ -5,6 +5,8 @@
 
 #include <gtk/gtk.h>
 
+#include <cstdint>
+
 #include "host/key.h"
 #include "host/pointer.h"
 #include "rpc/browser/mouse.pb.h"
@@ -22,6 +24,10 @@ orvane::host::PointerSample PointerSampleOf(GtkEventController* controller);
 // Of a press or a release.
 rpc::MouseButton ButtonOf(GdkEvent* event);
 orvane::host::KeySample KeySampleOf(GdkEvent* event);
+
+// Sums of DragOperations as GDK's, and back. GDK's others are left out.
+GdkDragAction ActionsOf(std::uint32_t operations);
+std::uint32_t OperationsOf(GdkDragAction actions);
 
 }  // namespace gtk_host
 

@@ -94,6 +94,33 @@ class RealWindowTest : public WindowFixture {
   }
 
   void ClickHere() { Click(40, 35); }
+
+  // In the middle of the address bar, between what lies at its ends.
+  Point AddressBar() const {
+    const Area place = screen_->PlaceOf(window());
+    return {place.x + place.width / 2, (place.y + page_.y) / 2};
+  }
+
+  // The page's address is there too, so what is loaded is none.
+  void AwaitInTheAddress(const std::string& text) {
+    screen_->Click(AddressBar());
+    screen_->PressKey("Return");
+    Await("a page whose address has " + text,
+          [&] { return absl::StrContains(screen_->TitleOf(window()), text); });
+  }
+
+  // Begins to drag what is .here, over which the page has this cursor.
+  void BeginDrag(const std::string& cursor) {
+    MoveTo(40, 35);
+    Await("the page's cursor", [&] { return screen_->Cursor() == cursor; });
+    screen_->Press();
+    MoveUntil("the cursor of a drag", At(50, 35),
+              [&] { return screen_->Cursor() != cursor; });
+  }
+  void DragTo(const Point& target) {
+    MoveUntil("the cursor of a copy", target,
+              [] { return absl::StrContains(screen_->Cursor(), "copy"); });
+  }
 };
 
 TEST_F(RealWindowTest, TypedTextReachesTheField) {
@@ -237,6 +264,86 @@ TEST_F(RealWindowTest, AFileIsNotSavedOverAnother) {
   ClickHere();
   Await("another one", [this] { return Saved("name (3).txt") == "hello"; });
   EXPECT_EQ(Saved("name.txt"), "mine");
+}
+
+// Tells how a drag of the page's has ended. A title would put the page's
+// address back into the bar.
+constexpr char kTellsOfDrags[] =
+    "<script>ondragend = (e) => document.body.style.background ="
+    "    {copy: '#00ff00', none: '#ff0000'}[e.dataTransfer.dropEffect];"
+    "</script>";
+constexpr Rgb kCopied = 0x00ff00;
+constexpr Rgb kNotDropped = 0xff0000;
+
+// Selected once the pointer is there: what is selected before the page has the
+// focus may not stay so.
+constexpr char kSelectedText[] =
+    "<p class=here style='margin:0' onmousemove='"
+    "  event.buttons || getSelection().selectAllChildren(this)'>"
+    "tea for Ada</p>";
+
+TEST_F(RealWindowTest, SelectedTextIsDraggedToTheAddressBar) {
+  Start(absl::StrCat(kSelectedText, kTellsOfDrags));
+  BeginDrag("text");
+  DragTo(AddressBar());
+  screen_->Release();
+  AwaitColor(300, 300, kCopied);
+  AwaitInTheAddress("tea for Ada");
+}
+
+TEST_F(RealWindowTest, ALinkIsDraggedToTheAddressBar) {
+  Start(absl::StrCat("<a class=here href='https://a.example/tea'>Tea</a>",
+                     kTellsOfDrags));
+  BeginDrag("pointer");
+  DragTo(AddressBar());
+  screen_->Release();
+  AwaitColor(300, 300, kCopied);
+  AwaitInTheAddress("https://a.example/tea");
+}
+
+TEST_F(RealWindowTest, SelectedTextIsDraggedIntoAFieldOfThePage) {
+  Start(absl::StrCat(
+      kSelectedText, kTellsOfDrags,
+      "<input style='left:20px;top:100px;width:200px' oninput='tell(value)'>"));
+  BeginDrag("text");
+  DragTo(At(40, 110));
+  screen_->Release();
+  AwaitTitle("tea for Ada");
+  AwaitColor(300, 300, kCopied);
+  // The mouse is the page's again.
+  Click(100, 110);
+  screen_->PressKey("End");
+  screen_->Type("!");
+  AwaitTitle("tea for Ada!");
+}
+
+TEST_F(RealWindowTest, WhatIsDroppedNowhereIsTold) {
+  Start(absl::StrCat(kSelectedText, kTellsOfDrags,
+                     "<script>onclick = () => tell('clicked')</script>"));
+  BeginDrag("text");
+  DragTo(AddressBar());
+  const Area place = screen_->PlaceOf(window());
+  screen_->MoveTo({place.x + place.width + 200, place.y + 200});
+  Await("the cursor of none",
+        [] { return !absl::StrContains(screen_->Cursor(), "copy"); });
+  screen_->Release();
+  AwaitColor(300, 300, kNotDropped);
+  Click(300, 300);
+  AwaitTitle("clicked");
+}
+
+TEST_F(RealWindowTest, AWidgetMayDieWhileItsPageDrags) {
+  Start(absl::StrCat(kSelectedText, kTellsOfDrags));
+  BeginDrag("text");
+  widget_->Signal(SIGKILL);
+  widget_->Wait();
+  Await("a dimmed picture", [this] { return ColorAt(4, 4) != kMark; });
+  screen_->MoveTo({page_.x + 300, page_.y + 300});
+  screen_->Release();
+  StartWidget("<script>onclick = () => tell('clicked')</script>");
+  AwaitPageBelowTheBar();
+  Click(300, 300);
+  AwaitTitle("clicked");
 }
 
 TEST_F(RealWindowTest, TheWheelScrollsThePage) {

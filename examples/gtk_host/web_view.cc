@@ -102,8 +102,13 @@ WebView::WebView(orvane::EventLoop* loop, const WidgetSource& source,
                    GrabFocus();
                    return gtk_widget_has_focus(canvas_);
                  },
-             .on_drop_operation = [this](auto op) { drops_.OnOperation(op); }}),
-      drops_(canvas_, &view_) {
+             .on_drop_operation = [this](auto op) { drops_.OnOperation(op); },
+             .on_page_drag =
+                 [this](const auto& items, std::uint32_t allowed) {
+                   return drags_.Begin(items, allowed);
+                 }}),
+      drops_(canvas_, &view_),
+      drags_(canvas_, &view_) {
   gtk_overlay_set_child(GTK_OVERLAY(overlay_), canvas_);
   gtk_overlay_add_overlay(GTK_OVERLAY(overlay_), message_);
   gtk_widget_set_halign(message_, GTK_ALIGN_CENTER);

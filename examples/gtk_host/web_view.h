@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "examples/gtk_host/drags.h"
 #include "examples/gtk_host/drops.h"
 #include "examples/gtk_host/page_popups.h"
 #include "host/view.h"
@@ -94,6 +95,7 @@ class WebView {
   PagePopups popups_;
   orvane::host::View view_;
   Drops drops_;
+  Drags drags_;
 };
 
 }  // namespace gtk_host

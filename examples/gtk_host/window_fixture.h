@@ -118,16 +118,6 @@ class WindowFixture : public ::testing::Test {
         screen_->CommandOf(std::move(command), environment));
   }
 
-  // A host that starts the toy widget itself.
-  void StartHostWithItsWidget() {
-    host_ = std::make_unique<orvane::testing::ChildProcess>(
-        screen_->CommandOf({GTK_HOST, "--start", "--", WIDGET_SERVER}, {}));
-  }
-  pid_t widget_of_host() const {
-    const std::vector<pid_t> children = host_->Children();
-    return children.size() == 1 ? children.front() : 0;
-  }
-
   // Fails, and fails again at once, if that does not happen in the test's time.
   void Await(const std::string& what, const std::function<bool()>& is_true) {
     ASSERT_TRUE(screen_->RunUntil(is_true, deadline_))
@@ -157,6 +147,18 @@ class WindowFixture : public ::testing::Test {
   Rgb ColorAt(int x, int y) const { return screen_->ColorAt(At(x, y)); }
   void MoveTo(int x, int y) { screen_->MoveTo(At(x, y)); }
   void Click(int x, int y) { screen_->Click(At(x, y)); }
+
+  // Moves to and fro there until that is so, as users move on: the engine wants
+  // some movement before it drags, and GTK leaves movements out while the
+  // target has not answered the one before.
+  void MoveUntil(const std::string& what, const Point& place,
+                 const std::function<bool()>& is_true) {
+    for (int step = 0; !is_true() && absl::Now() < deadline_; ++step) {
+      screen_->MoveTo({place.x + 4 * (step % 4), place.y});
+      screen_->RunUntil(is_true, absl::Now() + absl::Milliseconds(50));
+    }
+    Await(what, is_true);
+  }
 
   // The host's, which is the oldest; 0 if there is none.
   static WindowId window() {

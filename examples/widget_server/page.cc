@@ -388,15 +388,25 @@ void Page::MouseDrag(const rpc::MouseDragRequest& event) {
   if (!viewport_.has_drag_begun_in_page || is_own_drag_announced_) return;
   is_own_drag_announced_ = true;
   pressed_.reset();
-  UpdateDrag(event.pointer().position(), rpc::DRAG_OPERATION_COPY, true);
+  rpc::DragCursorUpdated begun;
+  rpc::DragText& text = *begun.add_items()->mutable_text();
+  text.set_mime_type("text/plain");
+  text.set_value(std::string(GetElement(ElementId::kPicture).name));
+  begun.set_allowed_operations(rpc::DRAG_OPERATION_COPY);
+  drag_operation_ =
+      OperationAt(event.pointer().position(), begun.allowed_operations());
+  TellOfDrag(std::move(begun));
 }
 
 void Page::DragEnter(const rpc::DragEnterRequest& event) {
-  UpdateDrag(event.position(), event.allowed_operations(), true);
+  drag_operation_ = OperationAt(event.position(), event.allowed_operations());
+  TellOfDrag({});
 }
 
 void Page::DragOver(const rpc::DragOverRequest& event) {
-  UpdateDrag(event.position(), event.allowed_operations(), false);
+  const rpc::DragOperation operation =
+      OperationAt(event.position(), event.allowed_operations());
+  if (std::exchange(drag_operation_, operation) != operation) TellOfDrag({});
 }
 
 void Page::DragDrop(const rpc::DragDropRequest& event) {
@@ -409,17 +419,18 @@ void Page::DragDrop(const rpc::DragDropRequest& event) {
   }
 }
 
-void Page::UpdateDrag(const rpc::PointDip& position,
-                      std::uint32_t allowed_operations, bool is_due) {
+rpc::DragOperation Page::OperationAt(const rpc::PointDip& position,
+                                     std::uint32_t allowed_operations) const {
   const Element* const element = ElementAt(position);
-  const rpc::DragOperation operation =
-      element != nullptr && element->id == ElementId::kField &&
-              (allowed_operations & rpc::DRAG_OPERATION_COPY) != 0
-          ? rpc::DRAG_OPERATION_COPY
-          : rpc::DRAG_OPERATION_UNSPECIFIED;
-  if (std::exchange(drag_operation_, operation) == operation && !is_due) return;
-  auto event = New<rpc::DragCursorUpdated>();
-  event.set_operation(operation);
+  return element != nullptr && element->id == ElementId::kField &&
+                 (allowed_operations & rpc::DRAG_OPERATION_COPY) != 0
+             ? rpc::DRAG_OPERATION_COPY
+             : rpc::DRAG_OPERATION_UNSPECIFIED;
+}
+
+void Page::TellOfDrag(rpc::DragCursorUpdated event) {
+  *event.mutable_browser_id() = browser_;
+  event.set_operation(drag_operation_);
   event.set_began_in_page(viewport_.has_drag_begun_in_page);
   service_->WhenDragCursorUpdated()(browser_, event);
 }

@@ -102,9 +102,12 @@ class Page : public AbstractPage, public std::enable_shared_from_this<Page> {
   void MoveFocus(rpc::FocusDirection direction);
   void LeavePage(rpc::FocusDirection direction);
 
-  // Publishes what a drop would do, if that has changed or `is_due`.
-  void UpdateDrag(const rpc::PointDip& position,
-                  std::uint32_t allowed_operations, bool is_due);
+  // What a drop there would do.
+  rpc::DragOperation OperationAt(const rpc::PointDip& position,
+                                 std::uint32_t allowed_operations) const;
+
+  // Publishes the event with what a drop would do now.
+  void TellOfDrag(rpc::DragCursorUpdated event);
 
   const BrowserId browser_;
   rpc::BrowserWidgetRpc* const service_;

@@ -52,8 +52,12 @@ class RecordingService final : public rpc::BrowserWidgetRpc {
   orvane::Publisher<rpc::DragCursorUpdated> WhenDragCursorUpdated() override {
     return Record<rpc::DragCursorUpdated>(
         [](const rpc::DragCursorUpdated& event) {
-          return absl::StrCat(event.began_in_page() ? "own drag, " : "drag, ",
-                              rpc::DragOperation_Name(event.operation()));
+          std::string words =
+              absl::StrCat(event.began_in_page() ? "own drag, " : "drag, ",
+                           rpc::DragOperation_Name(event.operation()));
+          for (const rpc::DragItem& item : event.items())
+            absl::StrAppend(&words, " of '", item.text().value(), "'");
+          return words;
         });
   }
   orvane::Publisher<rpc::AriaLiveRegionChanged> WhenAriaLiveRegionChanged()

@@ -246,7 +246,7 @@ TEST_F(PageDragTest, ADragOfThePictureSaysThatItBeganInThePage) {
   *over.mutable_position() = Middle(ElementId::kField);
   page_->DragOver(over);
   EXPECT_THAT(service_.Published(),
-              ElementsAre("own drag, DRAG_OPERATION_UNSPECIFIED",
+              ElementsAre("own drag, DRAG_OPERATION_UNSPECIFIED of 'picture'",
                           "own drag, DRAG_OPERATION_COPY"));
   page_->DragDrop({});
   EXPECT_EQ(page_->look().text, "picture");
