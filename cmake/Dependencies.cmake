@@ -14,6 +14,8 @@ if(NOT TARGET protobuf::libprotobuf)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND ORVANE_SANITIZE STREQUAL "thread")
   add_compile_options("SHELL:-include \"${CMAKE_CURRENT_LIST_DIR}/protobuf_under_tsan.h\"")
+  # Which have to be the first for g++.
+  set(CMAKE_DISABLE_PRECOMPILE_HEADERS ON)
 endif()
 
 # Event loops inside toolkits' main loops, for the toolkits that are installed.
