@@ -4,10 +4,20 @@
 //   --interface thread    unary: the event loop has a thread of its own, and
 //                         the thread that calls waits for each answer
 //   --interface toolkit   posts, idle: measures the main loop itself
+//   --interface observed  with an observer at both ends
+//   --interface watched   the host looks whether its server hangs
+//   --interface traced    `widgetctl trace` stands between the two
+//   --interface traced-without-payloads
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <semaphore>
 #include <string>
 #include <thread>
@@ -24,10 +34,12 @@
 #include "benchmarks/transport/peer.rpc.h"
 #include "benchmarks/transport/picture.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/metrics/prometheus_metrics.h"
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace benchmarks {
 namespace {
@@ -110,6 +122,8 @@ void Serve(const Options& options, Meter& meter) {
   orvane::SocketServer server(
       &loop, &service,
       {.max_frame_bytes = kMaxFrameBytes, .max_connections = kMaxHosts});
+  orvane::PrometheusMetrics metrics("server");
+  if (options.interface == "observed") server.SetObserver(&metrics);
   if (const absl::Status listening = server.Listen(options.socket_path);
       !listening.ok())
     Fail(std::string(listening.message()));
@@ -322,17 +336,60 @@ class Host {
   Payload payload_;
 };
 
+// A process of widgetctl that the host connects to instead of its server. What
+// it prints is read by nobody who takes time.
+class Trace {
+ public:
+  explicit Trace(const Options& options)
+      : path_(options.socket_path + ".traced"), pid_(::fork()) {
+    if (pid_ < 0) Fail("no process for widgetctl");
+    if (pid_ == 0) {
+      if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
+      const bool has_payloads = options.interface == "traced";
+      ::execl(WIDGETCTL, WIDGETCTL, "--socket", options.socket_path.c_str(),
+              has_payloads ? "--json" : "--no-payloads", "trace", path_.c_str(),
+              nullptr);
+      ::_exit(1);
+    }
+    while (!orvane::ConnectTo(path_).ok())
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  Trace(const Trace&) = delete;
+  Trace& operator=(const Trace&) = delete;
+  ~Trace() {
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+  }
+
+  const std::string& path() const { return path_; }
+
+ private:
+  const std::string path_;
+  const pid_t pid_;
+};
+
 void Drive(const Options& options, Meter& meter) {
   if (options.figure == Figure::kIdle && options.interface == "toolkit")
     return RunIdle(meter, MakeMainLoop(nullptr).get());
   orvane::EventLoop loop(LoopOptions(options));
   const std::unique_ptr<MainLoop> main_loop = MakeMainLoop(&loop);
+  std::optional<Trace> trace;
+  if (options.interface.starts_with("traced")) trace.emplace(options);
+  orvane::PrometheusMetrics metrics("client");
+  orvane::ClientOptions client_options = {.max_frame_bytes = kMaxFrameBytes};
+  if (options.interface == "observed") client_options.observer = &metrics;
   std::vector<std::unique_ptr<orvane::SocketClient>> connections;
   std::vector<PeerRpcClient> clients;
   for (int i = 0; i < options.hosts; ++i) {
     auto connection = orvane::SocketClient::Connect(
-        &loop, options.socket_path, {.max_frame_bytes = kMaxFrameBytes});
+        &loop, trace.has_value() ? trace->path() : options.socket_path,
+        client_options);
     if (!connection.ok()) Fail(std::string(connection.status().message()));
+    if (options.interface == "watched") {
+      (*connection)->WatchServer(absl::Seconds(1), [](const auto& server) {
+        if (!server.responds) Fail("the server hangs");
+      });
+    }
     connections.push_back(*std::move(connection));
     clients.emplace_back(connections.back().get());
   }
