@@ -22,9 +22,10 @@ function(allow folder)
     # the includes of its output.
     file(READ "${ROOT}/${file}" text)
     string(REGEX REPLACE "\nnamespace .*" "" text "${text}")
-    string(REGEX MATCHALL "#include \"(${ours})/[^\"]+" lines "${text}")
+    # Ours, however they are written: in angle brackets, or from where the file is.
+    string(REGEX MATCHALL "#include ([\"<](${ours})/[^\">]+|\"[.][^\"]+|\"[^/\"]+\\.h)" lines "${text}")
     foreach(line IN LISTS lines)
-      string(REPLACE "#include \"" "" included "${line}")
+      string(REGEX REPLACE "#include [\"<]" "" included "${line}")
       if(NOT included MATCHES "^(${allowed})$")
         message(SEND_ERROR "${file} must not include ${included}")
       endif()

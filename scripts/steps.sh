@@ -13,6 +13,17 @@ fail() {
   exit 1
 }
 
+# help_if_asked ARGUMENT...: with --help as the first, prints the comment at the top of
+# the script and ends it. In the project's folder.
+help_if_asked() {
+  case ${1-} in
+    -h | --help)
+      sed -n '/^#!/d; /^#/!q; s/^# \{0,1\}//p' "scripts/$(basename "$0")"
+      exit
+      ;;
+  esac
+}
+
 # need_writable FOLDER OTHERWISE: makes the folder, or tells what else to do.
 need_writable() {
   mkdir -p "$1" 2>/dev/null && [ -w "$1" ] ||
