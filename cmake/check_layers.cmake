@@ -23,7 +23,7 @@ function(allow folder)
     file(READ "${ROOT}/${file}" text)
     string(REGEX REPLACE "\nnamespace .*" "" text "${text}")
     # Ours, however they are written: in angle brackets, or from where the file is.
-    string(REGEX MATCHALL "#include ([\"<](${ours})/[^\">]+|\"[.][^\"]+|\"[^/\"]+\\.h)" lines "${text}")
+    string(REGEX MATCHALL "#include ([\"<](${ours})/[^\">]+|\"[.][^\"]+|\"[^/\".]+\\.h)" lines "${text}")
     foreach(line IN LISTS lines)
       string(REGEX REPLACE "#include [\"<]" "" included "${line}")
       if(NOT included MATCHES "^(${allowed})$")
