@@ -175,7 +175,7 @@ TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {
   const ChildProcess::Result ended = operating->Wait();
   EXPECT_EQ(ended.exit_code, 0);
   EXPECT_THAT(ended.errors,
-              HasSubstr("0 hosts, 0 thrown out, 0 events replaced"));
+              HasSubstr("0 hosts, 0 refused, 0 events replaced"));
   EXPECT_THAT(ended.errors,
               HasSubstr("a client was refused: 2 clients are connected"));
 }

@@ -23,7 +23,7 @@ class Watch {
  private:
   void Look() {
     LOG(INFO) << server_->connections() << " hosts, "
-              << server_->counters().thrown_out << " thrown out, "
+              << server_->counters().refused << " refused, "
               << server_->counters().replaced_events << " events replaced";
     next_ = loop_->RunAfter(absl::Minutes(1), [this] { Look(); });
   }

@@ -20,7 +20,7 @@ struct ServerCounters {
   // Connections that the server refused or ended: because of what the client
   // sent, because of a limit, or because another user runs the client. The
   // reasons are logged, at most one per second.
-  std::uint64_t thrown_out = 0;
+  std::uint64_t refused = 0;
 
   // The same by the code of the reason.
   std::map<absl::StatusCode, Refusals> refusals;
@@ -30,8 +30,8 @@ struct ServerCounters {
   std::uint64_t replaced_events = 0;
 
   // Counts a connection that is refused or ended.
-  void ThrowOut(const absl::Status& why) {
-    ++thrown_out;
+  void Refuse(const absl::Status& why) {
+    ++refused;
     Refusals& alike = refusals[why.code()];
     ++alike.count;
     alike.latest_reason = std::string(why.message());

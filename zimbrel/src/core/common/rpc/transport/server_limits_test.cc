@@ -287,7 +287,7 @@ TEST_F(FrameTimeLimit, AFrameThatIsNotFinishedInTimeEndsTheConnection) {
       ElementsAre("ERROR 0 DEADLINE_EXCEEDED: frame not finished within "
                   "20ms; 5 bytes of it have arrived"));
   EXPECT_TRUE(client.closed);
-  EXPECT_EQ(server->counters().thrown_out, 1u);
+  EXPECT_EQ(server->counters().refused, 1u);
   ExpectOthersAreServed();
 }
 

@@ -135,7 +135,7 @@ TEST_F(SlowClientTest, IsThrownOutAtTheLimitWhereEveryEventCounts) {
     received += Settle(&reading).size();
   }
   EXPECT_EQ(received, published);
-  EXPECT_EQ(server->counters().thrown_out, 1u);
+  EXPECT_EQ(server->counters().refused, 1u);
   // The client gets what the socket had taken before, in order, then the end.
   std::uint64_t expected = 0;
   while (!stalled.closed) {

@@ -149,7 +149,7 @@ class SocketServer::Impl {
   void Take(OwnedDescriptor client) {
     const absl::Status served = Admit(std::move(client));
     if (served.ok()) return;
-    counters_.ThrowOut(served);
+    counters_.Refuse(served);
     LOG_EVERY_N_SEC(WARNING, 1) << "a client was refused: " << served.message();
   }
 

@@ -397,7 +397,7 @@ void ServerConnection::SendError(std::uint64_t id, const absl::Status& why) {
 
 void ServerConnection::Close(const absl::Status& why) {
   if (!why.ok()) {
-    context_.counters->ThrowOut(why);
+    context_.counters->Refuse(why);
     LOG_EVERY_N_SEC(WARNING, 1)
         << "a client was disconnected: " << why.message();
     SendError(0, why);
