@@ -706,7 +706,10 @@ TEST_F(ViewTest, AViewMayEndWhileTheToolkitDrags) {
 // Such as one in another tab.
 TEST_F(ViewTest, AnotherViewGetsTheItemsOfAPagesDrag) {
   BeginPageDrag();
-  View other(&loop_, {.socket = socket_, .browser = testing::Browser(8)}, {});
+  View other(
+      &loop_,
+      {.connect = ConnectorTo(&loop_, socket_), .browser = testing::Browser(8)},
+      {});
   other.SetBounds(Bounds(320, 200), std::nullopt);
   loop_.RunUntil([&] { return other.state() == ViewState::kAttached; });
   Calls();
