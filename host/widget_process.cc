@@ -102,10 +102,7 @@ WidgetProcess::~WidgetProcess() {
   loop_->CheckServiceThread("~WidgetProcess");
   if (!running_.has_value()) return;
   Signal(SIGKILL);
-  siginfo_t end = {};
-  TEMP_FAILURE_RETRY(
-      ::waitid(P_PIDFD, static_cast<id_t>(running_->process->descriptor()),
-               &end, WEXITED));
+  TEMP_FAILURE_RETRY(::waitpid(running_->pid, nullptr, 0));
 }
 
 absl::StatusOr<std::unique_ptr<SocketClient>> WidgetProcess::Connect(

@@ -142,9 +142,10 @@ Answer AnswerTemplate::For(const Message& message) const {
 }
 
 std::string AnswerTemplate::text() const {
-  return absl::StrCat(
-      recorded_.kind == RecordedAnswer::Kind::kError ? "error: " : "",
-      recorded_.text);
+  if (recorded_.kind == RecordedAnswer::Kind::kError)
+    return absl::StrCat("error: ", recorded_.text);
+  if (!paths_.empty()) return recorded_.text;
+  return ToJson(**For(*NewMessage(method_->output_type())));
 }
 
 }  // namespace widgetctl

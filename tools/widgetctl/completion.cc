@@ -64,10 +64,21 @@ class JsonReader {
     kBehindKey,  // Before the colon.
   };
 
+  // An object or a list.
   struct Level {
-    const Descriptor* type;  // Null in a list.
-    Words keys;              // That have been there.
+    const Descriptor* type;        // Null in a list.
+    const FieldDescriptor* field;  // Of a list: whose values are in it.
+    Words keys;                    // That have been there.
   };
+
+  bool IsInList() const {
+    return !levels_.empty() && levels_.back().type == nullptr;
+  }
+
+  // Whose value is next. Null for the whole message.
+  const FieldDescriptor* Field() const {
+    return IsInList() ? levels_.back().field : field_;
+  }
 
   bool Take(char c) {
     if (is_escaped_) {
@@ -108,7 +119,7 @@ class JsonReader {
       case At::kBehindValue:
         if (c == '}' || c == ']') return EndLevel();
         if (c != ',' || levels_.empty()) return false;
-        at_ = levels_.back().type == nullptr ? At::kValue : At::kKey;
+        at_ = IsInList() ? At::kValue : At::kKey;
         return true;
       case At::kKey:
         if (c == '}') return EndLevel();
@@ -127,12 +138,12 @@ class JsonReader {
       at_ = At::kInString;
     } else if (c == '{') {
       const Descriptor* const type =
-          field_ == nullptr ? root_ : field_->message_type();
-      levels_.push_back({type, {}});
+          Field() == nullptr ? root_ : Field()->message_type();
+      levels_.push_back({type, nullptr, {}});
       at_ = At::kKey;
       return type != nullptr;
     } else if (c == '[') {
-      levels_.push_back({nullptr, {}});
+      levels_.push_back({nullptr, Field(), {}});
     } else if (c == ']') {
       return EndLevel();
     } else {
@@ -166,16 +177,17 @@ class JsonReader {
       case At::kValue:
         return Values();
       case At::kInString:
-        return field_ != nullptr && field_->enum_type() != nullptr
-                   ? Rest(ValuesOf(*field_->enum_type()), token_, "\"")
+        return Field() != nullptr && Field()->enum_type() != nullptr
+                   ? Rest(ValuesOf(*Field()->enum_type()), token_, "\"")
                    : std::vector<std::string>();
       case At::kInLiteral:
-        return field_ != nullptr && field_->type() == FieldDescriptor::TYPE_BOOL
+        return Field() != nullptr &&
+                       Field()->type() == FieldDescriptor::TYPE_BOOL
                    ? Rest({"false", "true"}, token_, "")
                    : std::vector<std::string>();
       case At::kBehindValue:
         if (levels_.empty()) return {};
-        return {", ", levels_.back().type == nullptr ? "]" : "}"};
+        return {", ", IsInList() ? "]" : "}"};
       case At::kKey:
         return Keys("\"");
       case At::kInKey:
@@ -198,10 +210,10 @@ class JsonReader {
 
   // What a value of the field begins with, or is.
   std::vector<std::string> Values() const {
-    if (field_ == nullptr) return {"{"};
-    const bool is_in_list = levels_.back().type == nullptr;
-    if (field_->is_repeated() && !is_in_list) return {"["};
-    switch (field_->cpp_type()) {
+    const FieldDescriptor* const field = Field();
+    if (field == nullptr) return {"{"};
+    if (field->is_repeated() && !IsInList()) return {"["};
+    switch (field->cpp_type()) {
       case FieldDescriptor::CPPTYPE_MESSAGE:
         return {"{"};
       case FieldDescriptor::CPPTYPE_STRING:
@@ -210,7 +222,7 @@ class JsonReader {
         return {"false", "true"};
       case FieldDescriptor::CPPTYPE_ENUM: {
         std::vector<std::string> values;
-        for (const std::string& value : ValuesOf(*field_->enum_type()))
+        for (const std::string& value : ValuesOf(*field->enum_type()))
           values.push_back(absl::StrCat("\"", value, "\""));
         return values;
       }

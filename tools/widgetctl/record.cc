@@ -14,6 +14,7 @@
 #include "tools/widgetctl/recorder.h"
 #include "tools/widgetctl/trace.h"
 #include "zimbrel/src/core/common/rpc/method_kind.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 #include "zimbrel/src/core/common/rpc/version.h"
 
@@ -57,6 +58,26 @@ absl::Status CheckVarying(const Options& options) {
   return absl::OkStatus();
 }
 
+// Says what becomes of each connection, so that the user knows that something
+// is being recorded.
+class TellingRecorder final : public Recorder {
+ public:
+  using Recorder::Recorder;
+
+  void OnConnected(int connection, const absl::Status& joined) override {
+    std::cout << "connection " << connection;
+    if (!joined.ok()) {
+      std::cout << " is refused: " << orvane::Printable(joined.message());
+    }
+    std::cout << std::endl;
+  }
+
+  void OnEnded(int connection) override {
+    Recorder::OnEnded(connection);
+    std::cout << "connection " << connection << " has ended" << std::endl;
+  }
+};
+
 }  // namespace
 
 ExitCode Record(const Options& options,
@@ -73,7 +94,7 @@ ExitCode Record(const Options& options,
     return Fail(kUsage, absl::StrCat("cannot write ", path, ": ",
                                      std::strerror(errno)));
   }
-  Recorder recorder(
+  TellingRecorder recorder(
       {{options.varying.begin(), options.varying.end()}, options.has_text},
       &file);
   const ExitCode intercepted = Intercept(

@@ -43,7 +43,7 @@ struct RecorderOptions {
 // Of what the widget says, bytes (pictures, tokens) and times are left out. The
 // calls of a stream with pictures are answered alike, with the ids of each
 // call, and need not be as many.
-class Recorder final : public Listener {
+class Recorder : public Listener {
  public:
   // The file outlives the recorder.
   Recorder(RecorderOptions options, std::ostream* file);

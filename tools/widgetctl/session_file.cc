@@ -145,7 +145,7 @@ absl::StatusOr<decltype(SessionLine::content)> ParseContent(
 absl::StatusOr<SessionLine> ParseLine(int number, absl::string_view line) {
   SessionLine parsed{number, Remark{}};
   if (absl::ConsumePrefix(&line, "@")) {
-    parsed.connection = std::string(SplitWord(line).first);
+    parsed.connection = std::string(line.substr(0, line.find_first_of(" \t")));
     line.remove_prefix(parsed.connection.size());
     line = absl::StripLeadingAsciiWhitespace(line);
     if (parsed.connection.empty())

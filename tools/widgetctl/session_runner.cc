@@ -133,7 +133,9 @@ class Runner {
     while (next_ < steps_.size()) {
       if (!Take(steps_[next_++])) return {false, connection_};
     }
-    return {Finish(), absl::OkStatus()};
+    const bool is_as_expected = Finish();
+    if (!is_as_expected) LookForLostConnections();
+    return {is_as_expected, connection_};
   }
 
  private:
@@ -147,8 +149,7 @@ class Runner {
     std::visit([this](const auto& action) { Do(action); }, step.action);
     if (!connection_.ok()) return false;
     if (different_ == different) return true;
-    for (const auto& [service, client] : host_->clients)
-      connection_.Update(client->status());
+    LookForLostConnections();
     if (connection_.ok()) return true;
     transcript_ << "\nthe connection is gone; no further calls are made\n";
     return false;
@@ -304,6 +305,13 @@ class Runner {
     const auto of_call = std::tuple(line_, host_, label_);
     while (next_ < behind && Take(steps_[next_])) ++next_;
     std::tie(line_, host_, label_) = of_call;
+  }
+
+  void LookForLostConnections() {
+    for (const auto& [name, host] : hosts_) {
+      for (const auto& [service, client] : host.clients)
+        connection_.Update(client->status());
+    }
   }
 
   // The connection for methods of that service. Null if there is none.

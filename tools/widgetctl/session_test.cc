@@ -80,11 +80,11 @@ TEST(Session, FindsTheServiceOfEachMethod) {
   const auto steps = LoadSession(
       {rpc::BrowserWidgetRpc::descriptor(), rpc::PageRpc::descriptor()},
       "Show {\"value\": 1} => {}\n"
-      "Reload {\"value\": 1} => {}\n");
+      "GetPage {\"value\": 1} => {}\n");
   ASSERT_TRUE(steps.ok()) << steps.status();
-  const auto* const reload = std::get_if<CallStep>(&(*steps)[1].action);
-  ASSERT_NE(reload, nullptr);
-  EXPECT_EQ(reload->call.method->service(), rpc::PageRpc::descriptor());
+  const auto* const page = std::get_if<CallStep>(&(*steps)[1].action);
+  ASSERT_NE(page, nullptr);
+  EXPECT_EQ(page->call.method->service(), rpc::PageRpc::descriptor());
 }
 
 TEST(Session, MayOpenTheSameOverAnotherConnection) {

@@ -114,6 +114,13 @@ class WidgetctlRecordTest : public ProgramTest<MovingWidget> {
     return *std::move(client);
   }
 
+  // Waits until the recording knows that this has happened.
+  void Await(const std::string& what) {
+    std::string line = record_->ReadLine();
+    while (!line.empty() && line != what) line = record_->ReadLine();
+    EXPECT_EQ(line, what);
+  }
+
   // The lines after the first, once the recording has ended.
   std::vector<std::string> Lines() {
     if (record_.has_value()) {
@@ -152,6 +159,7 @@ TEST_F(WidgetctlRecordTest, CallsAndTheirAnswersAreWritten) {
     EXPECT_TRUE(widget.Show(Browser(1)).ok());
     EXPECT_FALSE(widget.Hide(Browser(1)).ok());
   }
+  Await("connection 1 has ended");
   EXPECT_THAT(Lines(), ElementsAre("Show {\"value\":\"1\"} => {}",
                                    "Hide {\"value\":\"1\"} => error: it stays",
                                    "disconnect"));
@@ -272,6 +280,8 @@ TEST_F(WidgetctlRecordTest, HostsHaveConnectionsOfTheirOwn) {
     EXPECT_TRUE(
         rpc::BrowserWidgetRpcClient(second.get()).Show(Browser(2)).ok());
   }
+  Await("connection 2 has ended");
+  Await("connection 1 has ended");
   EXPECT_THAT(Lines(), ElementsAre("Show {\"value\":\"1\"} => {}",
                                    "@2 Show {\"value\":\"2\"} => {}",
                                    "@2 disconnect", "disconnect"));

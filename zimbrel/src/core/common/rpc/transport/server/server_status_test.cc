@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "absl/status/status.h"
 #include "gmock/gmock.h"
@@ -61,7 +63,9 @@ TEST_F(ServerStatusTest, TellsWhatItIs) {
 }
 
 TEST_F(ServerStatusTest, AClientThatHasSaidNothingHasNoService) {
-  const RawPeer silent = ConnectRaw(*server);
+  auto pair = ConnectedPair();
+  ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
+  const RawPeer silent(std::move(pair->second), std::nullopt);
   EXPECT_EQ(AskAboutTheOther().service(), "");
 }
 
