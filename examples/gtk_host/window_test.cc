@@ -48,10 +48,13 @@ constexpr long kMaxGrowthKiB = 16 << 10;
 
 class WindowTest : public WindowFixture {
  protected:
-  // A host that starts the toy widget itself.
+  // A host that starts the toy widget itself, which logs that it serves no
+  // pages.
   void StartHostWithItsWidget() {
     host_ = std::make_unique<orvane::testing::ChildProcess>(
-        screen_->CommandOf({GTK_HOST, "--start", "--", WIDGET_SERVER}, {}));
+        screen_->CommandOf({GTK_HOST, "--start", "--", "sh", "-c",
+                            "exec \"$0\" \"$@\" 2>/dev/null", WIDGET_SERVER},
+                           {}));
   }
   pid_t widget_of_host() const {
     const std::vector<pid_t> children = host_->Children();
