@@ -178,11 +178,11 @@ TEST_F(RealWindowTest, AnAddressThatCannotBeLoadedIsToldAboveThePage) {
   AwaitColor(400, 6, kPaper);
 }
 
-constexpr Rgb kIcon = 0x00c8ff;
+constexpr Rgb kIcon = 0xffc800;
 constexpr char kHasAnIcon[] =
     "<link rel=icon href=\"data:image/svg+xml,<svg xmlns='http://www.w3.org/"
     "2000/svg' width='32' height='32'><rect width='32' height='32' "
-    "fill='%2300c8ff'/></svg>\">";
+    "fill='%23ffc800'/></svg>\">";
 
 TEST_F(RealWindowTest, ThePagesIconIsSeenInTheBarWhileThePageIs) {
   Start(kHasAnIcon);
