@@ -9,10 +9,12 @@
 #include "zimbrel/src/core/common/rpc/mutex.h"
 
 namespace orvane {
-namespace {
 
-// Nearly everything happens inside a task, so that this nearly always answers.
-constinit thread_local const internal::LoopThread* running = nullptr;
+using internal::running;
+
+constinit thread_local const internal::LoopThread* internal::running = nullptr;
+
+namespace {
 
 // Of all loops.
 constinit std::atomic<int> servers = 0;
@@ -78,7 +80,7 @@ EventLoop* CurrentLoop() {
 
 namespace internal {
 
-void CheckServiceThread(absl::string_view operation) {
+void SearchServiceThread(absl::string_view operation) {
   const int min_servers = servers > 0 ? 1 : 0;
   if (running != nullptr && running->servers() >= min_servers) return;
   if (ThereAreLoops() && LatestHere(min_servers) == nullptr)

@@ -33,7 +33,7 @@ inline constexpr ServiceThread kServiceThread{};
 // the loop that has a server. While no loop has one, that of any loop will do.
 // A process without a loop has no service thread, so that nothing is checked
 // there. Thread: any.
-void CheckServiceThread(absl::string_view operation)
+inline void CheckServiceThread(absl::string_view operation)
     ABSL_ASSERT_EXCLUSIVE_LOCK(kServiceThread);
 
 // The loop that has a server and the calling thread as its service thread; the
@@ -122,6 +122,24 @@ class LoopThread::RunScope {
   const bool is_outermost_;        // Of the runs of this loop.
   const LoopThread* const outer_;  // What the thread was running.
 };
+
+// ---------------------------------------------------------------------------
+
+// Of the loop that the calling thread is running; null if it is running none.
+extern constinit thread_local const LoopThread* running;
+
+// Whether the calling thread is running a loop that has a server. Nearly all
+// that a server does happens there.
+inline bool IsRunningAServer() {
+  return running != nullptr && running->servers() > 0;
+}
+
+// CheckServiceThread where the short way does not tell.
+void SearchServiceThread(absl::string_view operation);
+
+inline void CheckServiceThread(absl::string_view operation) {
+  if (!IsRunningAServer()) SearchServiceThread(operation);
+}
 
 }  // namespace internal
 }  // namespace orvane

@@ -94,8 +94,10 @@ std::size_t Publish(const google::protobuf::Message& key, const T& event) {
   std::size_t reached = 0;
   for (EventStream<T>* const stream : streams) {
     if (!registrations.Has(stream, own_key)) continue;
-    // Once: the streams of one process live on one thread.
-    if (reached == 0) stream->loop().CheckServiceThread("orvane::Publish");
+    // Once: the streams of one process live on one thread, that of its server
+    // if it has one.
+    if (reached == 0 && !internal::IsRunningAServer())
+      stream->loop().CheckServiceThread("orvane::Publish");
     if (stream->SendEvent(*frame.get(), key).ok()) ++reached;
   }
   return reached;

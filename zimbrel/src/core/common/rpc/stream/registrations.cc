@@ -10,24 +10,30 @@ Registrations& Registrations::Get() {
 }
 
 void Registrations::Add(const AbstractStream* stream, const Message* key) {
+  all_.insert({stream, key});
   keys_[stream].insert(key);
 }
 
 void Registrations::Remove(const AbstractStream* stream, const Message* key) {
   const auto keys = keys_.find(stream);
   if (keys == keys_.end()) return;
+  all_.erase({stream, key});
   keys->second.erase(key);
   if (keys->second.empty()) keys_.erase(keys);
+  Shrink();
 }
 
 void Registrations::Forget(const AbstractStream* stream) {
-  keys_.erase(stream);
+  const auto keys = keys_.find(stream);
+  if (keys == keys_.end()) return;
+  for (const Message* const key : keys->second) all_.erase({stream, key});
+  keys_.erase(keys);
+  Shrink();
 }
 
-bool Registrations::Has(const AbstractStream* stream,
-                        const Message* key) const {
-  const auto keys = keys_.find(stream);
-  return keys != keys_.end() && keys->second.contains(key);
+// A client that has subscribed to very many keys leaves no large table behind.
+void Registrations::Shrink() {
+  if (all_.size() < all_.capacity() / 8) all_.rehash(0);
 }
 
 const Message* CopyKey(const Message& key) {

@@ -3,6 +3,8 @@
 #ifndef ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_REGISTRATIONS_H_
 #define ZIMBREL_SRC_CORE_COMMON_RPC_STREAM_REGISTRATIONS_H_
 
+#include <utility>
+
 #include "absl/container/flat_hash_map.h"
 #include "absl/container/flat_hash_set.h"
 #include "google/protobuf/message.h"
@@ -32,9 +34,18 @@ class Registrations {
   void Forget(const AbstractStream* stream);
 
   bool Has(const AbstractStream* stream,
-           const google::protobuf::Message* key) const;
+           const google::protobuf::Message* key) const {
+    return all_.contains({stream, key});
+  }
 
  private:
+  void Shrink();
+
+  // The same twice: to ask about one, which every event does, and to forget all
+  // of a stream.
+  absl::flat_hash_set<
+      std::pair<const AbstractStream*, const google::protobuf::Message*>>
+      all_;
   absl::flat_hash_map<const AbstractStream*,
                       absl::flat_hash_set<const google::protobuf::Message*>>
       keys_;

@@ -468,6 +468,23 @@ TEST_F(HostileClientTest, OthersHaveTheirTurnsBetweenFramesThatTakeLong) {
   EXPECT_THAT((std::vector(shown.begin(), shown.begin() + 3)), Contains(2u));
 }
 
+TEST_F(HostileClientTest, OthersHaveTheirTurnsThoughQuickFramesComeFirst) {
+  std::vector<std::uint64_t> shown;
+  widget.on_show = [&shown](std::uint64_t browser) {
+    shown.push_back(browser);
+    if (browser == 1) WorkFor(absl::Milliseconds(2));
+  };
+  RawPeer slow = ConnectRaw(*server);
+  RawPeer other = ConnectRaw(*server);
+  loop.RunUntilIdle();
+  slow.Send(CallFrame(1, kShow, 3));
+  for (std::uint64_t id = 2; id <= 40; ++id) slow.Send(CallFrame(id, kShow, 1));
+  other.Send(CallFrame(1, kShow, 2));
+  loop.RunUntilIdle();
+  ASSERT_EQ(shown.size(), 41u);
+  EXPECT_THAT((std::vector(shown.begin(), shown.begin() + 12)), Contains(2u));
+}
+
 TEST_F(HostileClientTest, OthersHaveTheirTurnsWhileTheStreamsOfOneEnd) {
   UseNotingWidget();
   noting.time_of_an_end = absl::Milliseconds(2);

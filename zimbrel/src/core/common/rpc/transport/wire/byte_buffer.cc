@@ -25,9 +25,7 @@ char* ByteBuffer::Reserve(std::size_t bytes) {
   return bytes_.get() + end_;
 }
 
-void ByteBuffer::Consume(std::size_t bytes) {
-  begin_ += bytes;
-  if (!empty() || end_ == 0) return;
+void ByteBuffer::OnEmptied() {
   begin_ = end_ = 0;
   const std::size_t used = std::exchange(used_, 0);
   if (capacity_ > kUsualBytes && used < capacity_ / 4) {

@@ -38,9 +38,14 @@ class ByteBuffer {
   std::size_t room() const { return capacity_ - end_; }
 
   // Drops bytes from the front.
-  void Consume(std::size_t bytes);
+  void Consume(std::size_t bytes) {
+    begin_ += bytes;
+    if (empty() && end_ > 0) OnEmptied();
+  }
 
  private:
+  void OnEmptied();
+
   std::unique_ptr<char[]> bytes_;
   std::size_t capacity_ = 0;
   std::size_t begin_ = 0;

@@ -24,25 +24,33 @@ constexpr std::uint32_t kPayloadTag =
     WireFormatLite::MakeTag(StreamMessage::kPayloadFieldNumber,
                             WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
 
+// Takes a varint from the front of `bytes`. False if there is none, or if it
+// has more than 64 bits.
+bool TakeVarint(std::string_view* bytes, std::uint64_t* value) {
+  std::uint64_t result = 0;
+  for (int shift = 0; shift < 64 && !bytes->empty(); shift += 7) {
+    const auto byte = static_cast<unsigned char>(bytes->front());
+    bytes->remove_prefix(1);
+    result |= std::uint64_t{byte & 0x7fu} << shift;
+    if (byte < 0x80) {
+      *value = result;
+      return true;
+    }
+  }
+  return false;
+}
+
 // Parses a frame of numbers and possibly a payload behind them, without copying
 // the payload. Nearly all frames are like that. False for every other frame,
 // valid or not.
 bool ParseUsualFrame(std::string_view frame, StreamMessage* header,
                      std::string_view* payload) {
-  CodedInputStream input(reinterpret_cast<const std::uint8_t*>(frame.data()),
-                         static_cast<int>(frame.size()));
   header->Clear();
   *payload = {};
-  while (const std::uint32_t tag = input.ReadTag()) {
-    if (tag == kPayloadTag) {
-      std::uint32_t length = 0;
-      if (!input.ReadVarint32(&length)) return false;
-      *payload =
-          frame.substr(static_cast<std::size_t>(input.CurrentPosition()));
-      return payload->size() == length;
-    }
+  while (!frame.empty()) {
+    std::uint64_t tag = 0;
     std::uint64_t value = 0;
-    if (!input.ReadVarint64(&value)) return false;
+    if (!TakeVarint(&frame, &tag) || !TakeVarint(&frame, &value)) return false;
     switch (tag) {
       case Varint(StreamMessage::kKindFieldNumber):
         header->set_kind(static_cast<StreamMessage::Kind>(value));
@@ -56,19 +64,14 @@ bool ParseUsualFrame(std::string_view frame, StreamMessage* header,
       case Varint(StreamMessage::kCallIdFieldNumber):
         header->set_call_id(static_cast<std::int64_t>(value));
         break;
+      case kPayloadTag:
+        *payload = frame;
+        return frame.size() == value;
       default:
         return false;
     }
   }
-  return input.ConsumedEntireMessage();
-}
-
-std::size_t ReadLength(std::string_view bytes) {
-  std::uint32_t length = 0;
-  for (std::size_t i = 0; i < kFrameLengthBytes; ++i) {
-    length |= std::uint32_t{static_cast<unsigned char>(bytes[i])} << (8 * i);
-  }
-  return length;
+  return true;
 }
 
 absl::Status TooLong(std::size_t length, std::size_t limit) {
@@ -114,16 +117,8 @@ char* FrameReader::Space() {
   return received_.Reserve(1);
 }
 
-absl::StatusOr<std::optional<std::string_view>> FrameReader::Next() {
-  received_.Consume(handed_out_);
-  handed_out_ = 0;
-  const std::string_view bytes = received_.content();
-  if (bytes.size() < kFrameLengthBytes) return std::nullopt;
-  const std::size_t length = ReadLength(bytes);
-  if (length > max_frame_bytes_) return TooLong(length, max_frame_bytes_);
-  if (bytes.size() - kFrameLengthBytes < length) return std::nullopt;
-  handed_out_ = kFrameLengthBytes + length;
-  return bytes.substr(kFrameLengthBytes, length);
+absl::Status FrameReader::TooLong(std::size_t length) const {
+  return internal::TooLong(length, max_frame_bytes_);
 }
 
 absl::Status AppendFrame(const StreamMessage& header,

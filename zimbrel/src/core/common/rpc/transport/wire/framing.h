@@ -49,7 +49,20 @@ class FrameReader {
   // The next whole frame, without its length; nullopt if more bytes are needed.
   // Valid until the next call of Next or Space. An error means that the rest of
   // the stream cannot be read.
-  absl::StatusOr<std::optional<std::string_view>> Next();
+  absl::StatusOr<std::optional<std::string_view>> Next() {
+    received_.Consume(handed_out_);
+    handed_out_ = 0;
+    const std::string_view bytes = received_.content();
+    if (bytes.size() < kFrameLengthBytes) return std::nullopt;
+    std::uint32_t length = 0;
+    for (std::size_t i = 0; i < kFrameLengthBytes; ++i) {
+      length |= std::uint32_t{static_cast<unsigned char>(bytes[i])} << (8 * i);
+    }
+    if (length > max_frame_bytes_) return TooLong(length);
+    if (bytes.size() - kFrameLengthBytes < length) return std::nullopt;
+    handed_out_ = kFrameLengthBytes + length;
+    return bytes.substr(kFrameLengthBytes, length);
+  }
 
   // How many bytes of a frame have arrived that is not complete yet.
   std::size_t unfinished_bytes() const {
@@ -57,6 +70,8 @@ class FrameReader {
   }
 
  private:
+  absl::Status TooLong(std::size_t length) const;
+
   const std::size_t max_frame_bytes_;
   ByteBuffer received_;
   std::size_t handed_out_ = 0;  // Bytes of the frame that Next returned last.
