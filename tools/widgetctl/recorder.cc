@@ -240,6 +240,9 @@ void Recorder::OnEnded(int connection) {
       line->is_complete = true;
     stream = streams_.erase(stream);
   }
+  std::erase_if(subscribed_, [&](const auto& entry) {
+    return std::get<0>(entry.first) == connection;
+  });
   std::erase_if(allowed_,
                 [&](const auto& entry) { return entry.first == connection; });
   std::erase_if(latest_events_, [&](const auto& entry) {
@@ -294,6 +297,9 @@ void Recorder::OnSubscribed(int connection, const Said& said) {
   stream.has_pictures = HasPictures(*said.method);
   const std::string key = KeyText(*said.payload);
   if (!stream.keys.insert(key).second) return;
+  auto& streams = subscribed_[{connection, said.method, key}];
+  streams.insert(said.stream);
+  if (streams.size() > 1) return;
   const bool has_events =
       orvane::KindOf(*said.method) == MethodKind::kEventStream;
   const std::string name(said.method->name());
@@ -313,7 +319,7 @@ void Recorder::OnUnsubscribed(int connection, const Said& said) {
   const std::string key = KeyText(*said.payload);
   if (stream->second.keys.erase(key) == 0) return;
   TellWhen();
-  Write(connection, absl::StrCat("end ", said.method->name(), " ", key));
+  EndSubscription(connection, said.stream, said.method, key);
 }
 
 void Recorder::EndStream(int connection, std::uint64_t id) {
@@ -322,17 +328,31 @@ void Recorder::EndStream(int connection, std::uint64_t id) {
   for (const auto& [browser, line] : stream->second.unanswered)
     line->is_complete = true;
   TellWhen();
-  for (const std::string& key : stream->second.keys) {
-    Write(connection,
-          absl::StrCat("end ", stream->second.method->name(), " ", key));
-  }
+  for (const std::string& key : stream->second.keys)
+    EndSubscription(connection, id, stream->second.method, key);
   streams_.erase(stream);
+}
+
+void Recorder::EndSubscription(int connection, std::uint64_t stream,
+                               Method method, const std::string& key) {
+  const auto subscribed = subscribed_.find({connection, method, key});
+  subscribed->second.erase(stream);
+  if (!subscribed->second.empty()) return;
+  subscribed_.erase(subscribed);
+  Write(connection, absl::StrCat("end ", method->name(), " ", key));
 }
 
 void Recorder::OnEvent(int connection, Said said) {
   if (said.payload == nullptr ||
       !streams_.contains({connection, said.stream})) {
     return;
+  }
+  if (said.browser.has_value()) {
+    const auto subscribed = subscribed_.find(
+        {connection, said.method, absl::StrCat(*said.browser)});
+    if (subscribed != subscribed_.end() &&
+        *subscribed->second.begin() != said.stream)
+      return;
   }
   Clean(said.payload.get());
   if (allowed_.contains({connection, said.method})) {

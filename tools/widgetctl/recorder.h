@@ -98,6 +98,9 @@ class Recorder : public Listener {
   void OnWidgetsCall(Said said, Stream& stream);
   void OnWidgetsCallEnded(int connection, Said said, Stream& stream);
   void EndStream(int connection, std::uint64_t stream);
+  // A stream is subscribed to a key no longer.
+  void EndSubscription(int connection, std::uint64_t stream, Method method,
+                       const std::string& key);
 
   // Without what varies; true if there was something.
   bool Clean(google::protobuf::Message* message) const;
@@ -110,6 +113,10 @@ class Recorder : public Listener {
   std::deque<Line> lines_;
   std::map<StreamId, Line*> calls_;  // Without answer.
   std::map<StreamId, Stream> streams_;
+  // By connection, method and key. A session has one line for all of them, and
+  // the events of the first: the widget tells each the same.
+  std::map<std::tuple<int, Method, std::string>, std::set<std::uint64_t>>
+      subscribed_;
   std::set<std::pair<int, Method>> allowed_;
   std::set<int> spoke_;  // Connections that lines are about.
   std::map<std::tuple<int, Method, Browser>,

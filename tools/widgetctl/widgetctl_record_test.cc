@@ -186,6 +186,38 @@ TEST_F(WidgetctlRecordTest, EventsAreExpectedWhereTheyCame) {
   EXPECT_EQ(played.exit_code, 0) << played.output << played.errors;
 }
 
+// A window's parts may each watch the same.
+TEST_F(WidgetctlRecordTest, WhatIsWatchedTwiceIsWrittenOnce) {
+  Record();
+  const auto client = Connect();
+  rpc::BrowserWidgetRpcClient widget(client.get());
+  int events = 0;
+  const auto count = [&](const rpc::CursorChanged&) { ++events; };
+  auto first = widget.WhenCursorChanged(Browser(1), count);
+  auto second = widget.WhenCursorChanged(Browser(1), count);
+  EXPECT_TRUE(widget.Show(Browser(1)).ok());
+  ASSERT_TRUE(host_loop_.RunUntil([&] { return events == 4; }));
+  first.reset();
+  EXPECT_TRUE(widget.Show(Browser(1)).ok());
+  ASSERT_TRUE(host_loop_.RunUntil([&] { return events == 6; }));
+  second.reset();
+  EXPECT_FALSE(widget.Hide(Browser(1)).ok());
+  const std::string pointer =
+      "event WhenCursorChanged {\"browserId\":{\"value\":\"1\"},"
+      "\"cursor\":{\"type\":\"CURSOR_TYPE_POINTER\"}}";
+  const std::string text =
+      "event WhenCursorChanged {\"browserId\":{\"value\":\"1\"},"
+      "\"cursor\":{\"type\":\"CURSOR_TYPE_TEXT\"}}";
+  EXPECT_THAT(
+      Lines(),
+      ElementsAre("watch WhenCursorChanged 1", "Show {\"value\":\"1\"} => {}",
+                  pointer, text, "Show {\"value\":\"1\"} => {}", pointer, text,
+                  "end WhenCursorChanged 1",
+                  "Hide {\"value\":\"1\"} => error: it stays"));
+  const ChildProcess::Result played = PlayBack();
+  EXPECT_EQ(played.exit_code, 0) << played.output << played.errors;
+}
+
 TEST_F(WidgetctlRecordTest, OfAVaryingStreamTheLatestEventCounts) {
   Record({"--varying", "WhenCursorChanged"});
   const auto client = Connect();
