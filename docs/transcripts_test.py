@@ -61,7 +61,7 @@ class Shell:
                 sys.exit("that line is not one of these:\n" + "\n".join(awaited))
 
     def close(self) -> None:
-        self.bash.stdin.write("kill $(jobs -p) 2>/dev/null; wait\n")
+        self.bash.stdin.write("kill -KILL $(jobs -p) 2>/dev/null; wait\n")
         self.bash.stdin.close()
         self.bash.wait()
 

@@ -1,12 +1,14 @@
 #include "host/pointer.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <iterator>
 #include <string>
 #include <utility>
 
+#include "absl/algorithm/container.h"
 #include "absl/status/statusor.h"
 #include "absl/strings/ascii.h"
 #include "absl/strings/match.h"
@@ -70,21 +72,34 @@ double TurnOf(double told) {
   return std::abs(told) <= kMaxTurn ? told : 0;  // False for NaN.
 }
 
-bool NamesAFile(const rpc::DragText& text) {
-  const std::vector<std::string> lines =
-      absl::StrSplit(std::string(text.value()), absl::ByAnyChar("\r\n"));
-  return absl::EqualsIgnoreCase(std::string(text.mime_type()),
-                                "text/uri-list") &&
-         std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
-           return absl::StartsWithIgnoreCase(
-               absl::StripLeadingAsciiWhitespace(line), "file:");
-         });
+// A file manager takes files from links, also from some that do not look like
+// it, so a page may give away links to the web only.
+bool IsToTheWeb(absl::string_view link) {
+  link = absl::StripLeadingAsciiWhitespace(link);
+  if (link.empty() || link.front() == '#') return true;  // A remark.
+  return absl::c_any_of(std::array{"http:", "https:", "ftp:", "mailto:"},
+                        [link](const char* scheme) {
+                          return absl::StartsWithIgnoreCase(link, scheme);
+                        });
+}
+
+bool IsHarmless(absl::string_view mime_type, absl::string_view content) {
+  const absl::string_view type =
+      absl::StripAsciiWhitespace(mime_type.substr(0, mime_type.find(';')));
+  // What toolkits mean by these is files.
+  if (type.empty() || absl::StartsWithIgnoreCase(type, "x-special/") ||
+      absl::StartsWithIgnoreCase(type, "application/vnd.portal."))
+    return false;
+  if (!absl::EqualsIgnoreCase(type, "text/uri-list")) return true;
+  return absl::c_all_of(
+      absl::StrSplit(content, absl::ByAnyChar("\r\n")),
+      [](absl::string_view line) { return IsToTheWeb(line); });
 }
 
 bool MayLeaveThePage(const rpc::DragItem& item) {
-  if (item.has_text())
-    return !item.text().mime_type().empty() && !NamesAFile(item.text());
-  return !item.binary().mime_type().empty();
+  return item.has_text()
+             ? IsHarmless(item.text().mime_type(), item.text().value())
+             : IsHarmless(item.binary().mime_type(), item.binary().value());
 }
 
 // Returns the whole units of what has been turned, and keeps the rest.

@@ -728,10 +728,16 @@ TEST_F(PointerTest, APageCannotDragAFileThatItNames) {
   rpc::DragItem bytes;
   bytes.mutable_binary()->set_mime_type("image/png");
   bytes.mutable_binary()->set_value("picture");
+  rpc::DragItem links;
+  links.mutable_binary()->set_mime_type("text/uri-list");
+  links.mutable_binary()->set_value("file:///etc/passwd");
   pointer->Press(At(1, 2), kPrimary);
   PageDragsItems({file, bytes, Item("text/uri-list", "https://a.example/"),
                   Item("Text/URI-list", "# Two\r\n FILE:///etc/passwd"),
-                  Item("text/plain", "file:///etc/passwd"),
+                  Item("text/uri-list;charset=utf-8", "file:///etc/passwd"),
+                  Item("text/uri-list", "https://a.example/\ntrash:///a"),
+                  Item("x-special/gnome-copied-files", "copy\nfile:///etc"),
+                  links, Item("text/plain", "file:///etc/passwd"),
                   Item("", "of no type"), rpc::DragItem()});
   EXPECT_THAT(dragged, ElementsAre("picture", "https://a.example/",
                                    "file:///etc/passwd"));

@@ -132,7 +132,6 @@ void View::Connect() {
     return;
   }
   session_ = std::make_shared<Session>(*std::move(connection), this);
-  WatchWidget();
   OpenStreams();
   const std::weak_ptr<Session> session = session_;
   if (handlers_.on_connected) handlers_.on_connected(session_->calls.client());
@@ -235,6 +234,9 @@ void View::Attach() {
 
 void View::OnAttached(const absl::StatusOr<rpc::AttachResult>& answer) {
   is_attaching_ = false;
+  // Before its first answer a widget may be starting, for as long as that
+  // takes.
+  if (!std::exchange(session_->is_watched, true)) WatchWidget();
   if (!answer.ok() || !answer->attached()) {
     // Without a connection, its end is told in a moment.
     if (!session_->connection->status().ok() || !bounds_.has_value()) return;

@@ -68,8 +68,9 @@ struct ViewOptions {
   absl::Duration first_retry = absl::Milliseconds(100);
   absl::Duration last_retry = absl::Seconds(5);
 
-  // How long the widget may do nothing before it counts as hanging; see
-  // SocketClient::WatchServer. Some seconds are usual. By default nobody looks.
+  // A widget that does nothing for so long counts as hanging, once it has
+  // answered for the first time; see SocketClient::WatchServer. Some seconds
+  // are usual. By default nobody looks.
   absl::Duration patience = absl::InfiniteDuration();
 };
 
@@ -198,6 +199,7 @@ class View {
     Session(std::unique_ptr<SocketClient> new_connection, View* view);
 
     const std::unique_ptr<SocketClient> connection;
+    bool is_watched = false;
     InputCalls calls;
     Pointer pointer;
     Keyboard keyboard;

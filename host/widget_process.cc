@@ -101,7 +101,7 @@ WidgetProcess::WidgetProcess(EventLoop* loop, WidgetProcessOptions options,
 WidgetProcess::~WidgetProcess() {
   loop_->CheckServiceThread("~WidgetProcess");
   if (!running_.has_value()) return;
-  Signal(SIGKILL);
+  Kill();
   TEMP_FAILURE_RETRY(::waitpid(running_->pid, nullptr, 0));
 }
 
@@ -122,7 +122,7 @@ void WidgetProcess::Restart() {
   loop_->CheckServiceThread("WidgetProcess::Restart");
   pause_ = absl::ZeroDuration();
   if (state_ == WidgetProcessState::kRunning) {
-    Signal(SIGKILL);
+    Kill();
   } else if (state_ == WidgetProcessState::kPausing) {
     StartLater();
   }
@@ -134,7 +134,7 @@ void WidgetProcess::Stop(absl::Duration within, Task done) {
     case WidgetProcessState::kRunning:
       stopped_ = std::move(done);
       Signal(SIGTERM);
-      timer_ = loop_->RunAfter(within, [this] { Signal(SIGKILL); });
+      timer_ = loop_->RunAfter(within, [this] { Kill(); });
       SetState(WidgetProcessState::kEnding, absl::OkStatus());
       break;
     case WidgetProcessState::kPausing:
@@ -172,6 +172,10 @@ void WidgetProcess::Signal(int number) {
             nullptr, 0);
 }
 
+// With all that it has started, such as the program behind a script. The group
+// keeps its number until the process has been waited for.
+void WidgetProcess::Kill() { ::kill(-running_->pid, SIGKILL); }
+
 void WidgetProcess::OnEnd() {
   siginfo_t end = {};
   if (::waitid(P_PIDFD, static_cast<id_t>(running_->process->descriptor()),
@@ -196,9 +200,12 @@ void WidgetProcess::OnEnd() {
 }
 
 void WidgetProcess::Pause(const absl::Status& why) {
-  const absl::Status told(
-      why.code(), absl::StrCat(why.message(), "; it is started again in ",
-                               absl::FormatDuration(pause_)));
+  // Whatever the reason is, trying again later may help.
+  const absl::Status told = absl::UnavailableError(
+      absl::StrCat(why.message(), "; it is started again ",
+                   pause_ > absl::ZeroDuration()
+                       ? absl::StrCat("in ", absl::FormatDuration(pause_))
+                       : "at once"));
   StartLater();
   SetState(WidgetProcessState::kPausing, told);
 }
@@ -209,7 +216,8 @@ void WidgetProcess::StartLater() {
     status.ok() ? SetState(WidgetProcessState::kRunning, status)
                 : Pause(status);
   });
-  pause_ = std::clamp(2 * pause_, options_.first_pause, options_.last_pause);
+  pause_ =
+      std::max(std::min(2 * pause_, options_.last_pause), options_.first_pause);
 }
 
 void WidgetProcess::SetState(WidgetProcessState state,

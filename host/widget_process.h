@@ -29,7 +29,8 @@ struct WidgetProcessOptions {
 
   // The time between the end of a process and the start of the next one. It
   // doubles from the first to the last, and begins anew once a process has run
-  // for longer than the last.
+  // for longer than the last. A last that is shorter than the first counts as
+  // the first.
   absl::Duration first_pause = absl::Milliseconds(250);
   absl::Duration last_pause = absl::Seconds(30);
 };
@@ -43,7 +44,8 @@ enum class WidgetProcessState {
 
 // Runs a widget and starts it again whenever it ends. The widget can be reached
 // through this object only: over a socket that it inherits, and no path on
-// disk. It ends if the host does, however the host ends.
+// disk. If the host dies, the widget sees the end of that socket and ends too,
+// unless it hangs.
 //
 // The process has a group of its own, so that Ctrl+C at the host's terminal is
 // for the host, which ends the widget in order; no standard input, and the
@@ -106,6 +108,7 @@ class WidgetProcess {
 
   absl::Status Spawn();
   void Signal(int number);
+  void Kill();
   void OnEnd();
   void Pause(const absl::Status& why);
   void StartLater();

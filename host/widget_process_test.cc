@@ -5,8 +5,10 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -145,6 +147,44 @@ TEST_F(WidgetProcessTest, AProgramThatHasGoneIsTriedAgain) {
   std::filesystem::create_symlink(WIDGET_SERVER, program);
   Await(State::kRunning);
   EXPECT_TRUE(Answers());
+}
+
+// A View gives up for good where it has no permission.
+TEST_F(WidgetProcessTest, OneThatMayNotBeStartedIsTriedAgain) {
+  const testing::TemporaryFolder folder;
+  const std::string program = folder.path() + "/program";
+  std::filesystem::create_symlink(WIDGET_SERVER, program);
+  Start({.command = {program}, .first_pause = absl::Milliseconds(1)});
+  ASSERT_TRUE(Answers());
+  std::filesystem::remove(program);
+  std::ofstream(program) << "not executable";
+  ::kill(process_->pid(), SIGKILL);
+  ASSERT_TRUE(loop_.RunUntil([this] {
+    return !whys_.empty() &&
+           absl::StrContains(whys_.back(), "Permission denied");
+  }));
+  EXPECT_EQ(process_->Connect().status().code(),
+            absl::StatusCode::kUnavailable);
+}
+
+// Whether it has not ended. One that nobody waits for stays in the list.
+bool IsAlive(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string state;
+  file.ignore(std::numeric_limits<std::streamsize>::max(), ')') >> state;
+  return !state.empty() && state != "Z";
+}
+
+TEST_F(WidgetProcessTest, WhatAScriptHasStartedIsKilledToo) {
+  const testing::TemporaryFolder folder;
+  const std::string file = folder.path() + "/number";
+  Start(
+      {.command = {"bash", "-c", "sleep 1000 & echo $! > " + file + "; wait"}});
+  pid_t started = 0;
+  while (!(std::ifstream(file) >> started)) std::this_thread::yield();
+  EXPECT_TRUE(IsAlive(started));
+  process_ = nullptr;
+  while (IsAlive(started)) std::this_thread::yield();
 }
 
 TEST_F(WidgetProcessTest, WhileItPausesConnectingTellsWhy) {

@@ -17,9 +17,12 @@
 #include "gtest/gtest.h"
 
 #include "examples/gtk_host/window_fixture.h"
+#include "rpc/browser/page.client.h"
 
 namespace gtk_host::testing {
 namespace {
+
+using orvane::testing::ChildProcess;
 
 constexpr Rgb kMark = 0xff0080;
 constexpr Rgb kPaper = 0xffffff;
@@ -36,14 +39,15 @@ class RealWindowTest : public WindowFixture {
  protected:
   RealWindowTest() : WindowFixture(kMark, {0, 0}) {}
 
-  void StartWidget(const std::string& body) {
+  void StartWidget(const std::string& body) { StartWidgetAt(socket(), body); }
+  void StartWidgetAt(const std::string& path, const std::string& body) {
     widget_ = std::make_unique<orvane::testing::ChildProcess>(
         std::vector<std::string>{
-            ORVANE_CHROMIUM, "--socket", socket(), "--page=2=about:blank",
+            ORVANE_CHROMIUM, "--socket", path, "--page=2=about:blank",
             absl::StrCat("--page=1=data:text/html;base64,",
                          absl::Base64Escape(kBegin + body))});
     const std::string line = widget_->ReadLine();
-    if (line == "orvane-chromium listens at " + socket()) return;
+    if (line == "orvane-chromium listens at " + path) return;
     const std::string why = std::exchange(widget_, nullptr)->Wait().errors;
     // Some containers forbid what the engine's sandbox is made of.
     for (const char* const part : {"no engine at", "sandbox", "zygote"}) {
@@ -370,6 +374,76 @@ TEST_F(RealWindowTest, AWidgetThatDiesIsToldAndTheNextTakesItsPlace) {
   ClickHere();
   screen_->Type("again");
   AwaitTitle("again");
+}
+
+class RecordedWindowTest : public RealWindowTest {
+ protected:
+  static ChildProcess::Result Widgetctl(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), WIDGETCTL);
+    return ChildProcess(std::move(arguments)).Wait();
+  }
+
+  // The engine, whose page has been loaded.
+  void StartEngine() {
+    StartWidgetAt(engine_, kBody);
+    if (widget_ == nullptr) return;
+    const auto connection =
+        orvane::SocketClient::Connect(&screen_->loop(), engine_);
+    ASSERT_TRUE(connection.ok()) << connection.status();
+    rpc::PageRpcClient pages(connection->get());
+    bool is_loaded = false;
+    const auto look = [&is_loaded](const rpc::PageState& page) {
+      is_loaded = page.title() == "Ready" && !page.is_loading();
+    };
+    const auto changes = pages.WhenPageChanged(
+        browser_, [&](const rpc::PageChanged& event) { look(event.state()); });
+    pages.GetPage(browser_, [&](const absl::StatusOr<rpc::PageState>& page) {
+      if (page.ok()) look(*page);
+    });
+    Await("a loaded page", [&is_loaded] { return is_loaded; });
+  }
+  void StopEngine() {
+    widget_->Signal(SIGTERM);
+    EXPECT_EQ(std::exchange(widget_, nullptr)->Wait().exit_code, 0);
+  }
+
+  static constexpr char kBody[] =
+      "<input class=here style='cursor: crosshair' oninput='tell(value)'>"
+      "<select class=here style='top: 60px' onchange='tell(value)'>"
+      "<option>Assam<option>Darjeeling<option>Sencha</select>";
+  const std::string engine_ = folder_.path() + "/engine.sock";
+  const std::string session_ = folder_.path() + "/recorded.session";
+};
+
+TEST_F(RecordedWindowTest, WhatAUserDoesIsPlayedBackToAnotherWidget) {
+  StartEngine();
+  if (widget_ == nullptr) return;
+  ChildProcess recorder({WIDGETCTL, "--socket", engine_, "record", session_,
+                         socket(), "--text", "--varying", "WhenPageChanged",
+                         "--varying", "WhenCursorChanged"});
+  ASSERT_EQ(recorder.ReadLine(), "hosts connect to " + socket());
+  StartHost();
+  AwaitPageBelowTheBar();
+  ClickHere();
+  screen_->Type("Ada");
+  AwaitTitle("Ada");
+  Click(40, 75);
+  AwaitPopup();
+  screen_->Click(LineBelowTheChosen(2));
+  AwaitTitle("Sencha");
+  AwaitNoPopup();
+  screen_->Close(window());
+  AwaitNoWindow();
+  EXPECT_EQ(std::exchange(host_, nullptr)->Wait().exit_code, 0);
+  recorder.Signal(SIGTERM);
+  EXPECT_EQ(recorder.Wait().exit_code, 0);
+  StopEngine();
+
+  StartEngine();
+  const ChildProcess::Result played =
+      Widgetctl({"--socket", engine_, "--timeout", "30", "run", session_});
+  EXPECT_EQ(played.exit_code, 0) << played.output << played.errors;
+  StopEngine();
 }
 
 }  // namespace

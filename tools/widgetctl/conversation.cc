@@ -236,8 +236,12 @@ void Conversation::ExplainNext(absl::string_view payload, absl::Time now,
 // stream.
 void Conversation::ExplainEnd(absl::Time now, Said& said) {
   const auto found = streams_.find(said.stream);
-  if (found == streams_.end() || found->second.method == nullptr) return;
+  if (found == streams_.end()) return;
   Stream& stream = found->second;
+  if (stream.method == nullptr) {  // Not known here.
+    streams_.erase(found);
+    return;
+  }
   if (IsUnary(stream.method)) {
     said.browser = stream.browser;
     said.elapsed = now - stream.begun;

@@ -1,5 +1,7 @@
 #include "tools/widgetctl/record.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -14,6 +16,7 @@
 #include "tools/widgetctl/recorder.h"
 #include "tools/widgetctl/trace.h"
 #include "zimbrel/src/core/common/rpc/method_kind.h"
+#include "zimbrel/src/core/common/rpc/owned_descriptor.h"
 #include "zimbrel/src/core/common/rpc/printable.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 #include "zimbrel/src/core/common/rpc/version.h"
@@ -34,6 +37,19 @@ void AddFields(const Descriptor* type, std::set<const Descriptor*>& seen,
     if (field->message_type() != nullptr)
       AddFields(field->message_type(), seen, names);
   }
+}
+
+// Only this user may read what users do.
+absl::Status Begin(const std::string& path, std::ofstream* file) {
+  constexpr mode_t kOnlyThisUser = 0600;
+  const orvane::OwnedDescriptor created(
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kOnlyThisUser));
+  file->open(path);
+  *file << "# Recorded by widgetctl " << orvane::kVersion << ".\n"
+        << std::flush;
+  if (*file) return absl::OkStatus();
+  return absl::UnknownError(
+      absl::StrCat("cannot write ", path, ": ", std::strerror(errno)));
 }
 
 // Each varying name is one of a field or of an event stream.
@@ -88,24 +104,23 @@ ExitCode Record(const Options& options,
   const std::string hosts = file_and_path.size() > 1
                                 ? file_and_path[1]
                                 : orvane::DefaultSocketPath("widget");
-  std::ofstream file(path);
-  file << "# Recorded by widgetctl " << orvane::kVersion << ".\n" << std::flush;
-  if (!file) {
-    return Fail(kUsage, absl::StrCat("cannot write ", path, ": ",
-                                     std::strerror(errno)));
-  }
+  std::ofstream file;
   TellingRecorder recorder(
       {{options.varying.begin(), options.varying.end()}, options.has_text},
       &file);
-  const ExitCode intercepted = Intercept(
-      options, hosts, /*wants_payloads=*/true, &recorder,
-      [&] { std::cout << "hosts connect to " << hosts << std::endl; });
+  const ExitCode intercepted =
+      Intercept(options, hosts, /*wants_payloads=*/true, &recorder, [&] {
+        absl::Status begun = Begin(path, &file);
+        if (begun.ok()) std::cout << "hosts connect to " << hosts << std::endl;
+        return begun;
+      });
+  if (intercepted != kOk) return intercepted;
   recorder.Finish();
   if (!file) {
     return Fail(kFailed, absl::StrCat("the recording is not complete: ", path,
                                       " cannot be written"));
   }
-  return intercepted;
+  return kOk;
 }
 
 }  // namespace widgetctl

@@ -1,6 +1,7 @@
 #include "tools/widgetctl/recorder.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <vector>
 
 #include "absl/strings/match.h"
@@ -12,6 +13,7 @@
 #include "rpc/browser/browser_id.pb.h"
 #include "tools/widgetctl/json.h"
 #include "zimbrel/src/core/common/rpc/method_kind.h"
+#include "zimbrel/src/core/common/rpc/printable.h"
 
 namespace widgetctl {
 namespace {
@@ -23,6 +25,10 @@ using google::protobuf::MethodDescriptor;
 using orvane::MethodKind;
 
 constexpr absl::Duration kPauseToTell = absl::Milliseconds(100);
+
+// A line that waits for its answer holds back those behind it. So many are
+// lost if this process is killed.
+constexpr std::size_t kMaxHeldLines = 1000;
 
 bool HasBytes(const Descriptor* type, std::set<const Descriptor*>& seen) {
   if (!seen.insert(type).second) return false;
@@ -55,11 +61,9 @@ std::string KeyText(const Message& key) {
 }
 
 // What stands behind the arrow for a failed call. Empty if a line cannot tell
-// it.
+// it, or if a terminal that shows the file would obey it.
 std::string ErrorText(const std::string& text) {
-  return absl::StrContains(text, '\n') || absl::StrContains(text, '\r')
-             ? ""
-             : absl::StrCat("error: ", text);
+  return orvane::Printable(text) == text ? absl::StrCat("error: ", text) : "";
 }
 
 // Removes what `is_varying` says from the message and all in it. True if
@@ -158,13 +162,16 @@ void Recorder::TellWhen() {
       {absl::StrFormat("# %.1f s", absl::ToDoubleSeconds(now)), true});
 }
 
-void Recorder::TellLatestEvents() {
+void Recorder::TellWhatTheHostKnows() {
   for (const auto& [of, event] : latest_events_) {
     const auto& [connection, method, browser] = of;
     Write(connection,
           absl::StrCat("event ", method->name(), " ", ToJson(*event)));
   }
   latest_events_.clear();
+  for (const auto& [connection, line] : first_pictures_)
+    Write(connection, line);
+  first_pictures_.clear();
 }
 
 void Recorder::Allow(int connection, Method method) {
@@ -181,15 +188,27 @@ bool Recorder::Clean(Message* message) const {
 }
 
 void Recorder::OnPause() {
-  while (!lines_.empty() && lines_.front().is_complete) {
+  while (!lines_.empty() &&
+         (lines_.front().is_complete || lines_.size() > kMaxHeldLines)) {
+    if (!lines_.front().is_complete) AwaitNoAnswer(&lines_.front());
     *file_ << lines_.front().text << '\n';
     lines_.pop_front();
   }
   file_->flush();
 }
 
+void Recorder::AwaitNoAnswer(Line* line) {
+  const auto is_about_it = [line](const auto& entry) {
+    return entry.second == line;
+  };
+  if (std::erase_if(calls_, is_about_it) > 0)
+    line->text = absl::StrCat("# without an answer: ", line->text);
+  for (auto& [id, stream] : streams_)
+    std::erase_if(stream.unanswered, is_about_it);
+}
+
 void Recorder::Finish() {
-  TellLatestEvents();
+  TellWhatTheHostKnows();
   for (const auto& [id, line] : calls_) {
     line->text = absl::StrCat("# without an answer: ", line->text);
     line->is_complete = true;
@@ -209,7 +228,9 @@ void Recorder::OnSaid(int connection, Said said) {
     if (stream != nullptr) OnWidgetsCall(std::move(said), *stream);
     return;
   }
-  if (said.from == Side::kHost) TellLatestEvents();
+  // Pictures are given back without a thought.
+  if (said.from == Side::kHost && (stream == nullptr || !stream->has_pictures))
+    TellWhatTheHostKnows();
   if (said.what == "call") {
     OnCall(connection, said);
   } else if (said.what == "subscribe") {
@@ -245,6 +266,10 @@ void Recorder::OnEnded(int connection) {
   });
   std::erase_if(allowed_,
                 [&](const auto& entry) { return entry.first == connection; });
+  hider_.OnEnded(connection);
+  std::erase_if(first_pictures_, [&](const auto& picture) {
+    return picture.first == connection;
+  });
   std::erase_if(latest_events_, [&](const auto& entry) {
     return std::get<0>(entry.first) == connection;
   });
@@ -264,7 +289,7 @@ void Recorder::OnCall(int connection, const Said& said) {
                                      "typed: see --text"));
       return;
     }
-    hider_.Hide(said.payload.get());
+    hider_.Hide(connection, said.payload.get());
   }
   calls_[{connection, said.stream}] =
       Begin(connection,
@@ -318,6 +343,11 @@ void Recorder::OnUnsubscribed(int connection, const Said& said) {
   if (stream == streams_.end() || said.payload == nullptr) return;
   const std::string key = KeyText(*said.payload);
   if (stream->second.keys.erase(key) == 0) return;
+  const auto unanswered = stream->second.unanswered.find(said.browser);
+  if (unanswered != stream->second.unanswered.end()) {
+    unanswered->second->is_complete = true;
+    stream->second.unanswered.erase(unanswered);
+  }
   TellWhen();
   EndSubscription(connection, said.stream, said.method, key);
 }
@@ -389,7 +419,7 @@ void Recorder::OnWidgetsCallEnded(int connection, Said said, Stream& stream) {
 
   std::string answer;
   if (said.what == "answer" && said.payload != nullptr) {
-    if (!options_.has_text) hider_.Hide(said.payload.get());
+    if (!options_.has_text) hider_.Hide(connection, said.payload.get());
     answer = ToJson(Member(*said.payload, orvane::kResponseField));
   } else if (said.what == "error") {
     answer = ErrorText(said.error);
@@ -414,6 +444,12 @@ void Recorder::OnWidgetsCallEnded(int connection, Said said, Stream& stream) {
   absl::StrAppend(&line->second->text, " => ", answer);
   line->second->is_complete = true;
   stream.unanswered.erase(line);
+  RemoveFields(call.message.get(), [](const FieldDescriptor& field) {
+    return field.name() == orvane::kCallField;
+  });
+  first_pictures_.emplace_back(
+      connection,
+      absl::StrCat("called ", said.method->name(), " ", ToJson(*call.message)));
   std::erase_if(stream.calls, [&](const auto& other) {
     return other.first.second == browser;
   });

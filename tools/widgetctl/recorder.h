@@ -13,6 +13,7 @@
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "absl/status/status.h"
 #include "absl/strings/string_view.h"
@@ -77,8 +78,7 @@ class Recorder : public Listener {
     bool has_pictures;
     // As lines name them.
     std::set<std::string> keys;
-    // That wait for the first answer, which tells how all are answered; null
-    // for a key whose line is complete.
+    // Lines that wait for the first answer, which tells how all are answered.
     std::map<Browser, Line*> unanswered;
     // Ids repeat under other keys.
     std::map<std::pair<std::int64_t, Browser>, WidgetsCall> calls;
@@ -87,7 +87,8 @@ class Recorder : public Listener {
   Line* Begin(int connection, absl::string_view text);
   void Write(int connection, absl::string_view text);
   void TellWhen();
-  void TellLatestEvents();
+  // Before the host does something: what it may do that on account of.
+  void TellWhatTheHostKnows();
   void Allow(int connection, Method method);
 
   void OnCall(int connection, const Said& said);
@@ -98,6 +99,8 @@ class Recorder : public Listener {
   void OnWidgetsCall(Said said, Stream& stream);
   void OnWidgetsCallEnded(int connection, Said said, Stream& stream);
   void EndStream(int connection, std::uint64_t stream);
+  // Nobody completes the line any more.
+  void AwaitNoAnswer(Line* line);
   // A stream is subscribed to a key no longer.
   void EndSubscription(int connection, std::uint64_t stream, Method method,
                        const std::string& key);
@@ -122,6 +125,9 @@ class Recorder : public Listener {
   std::map<std::tuple<int, Method, Browser>,
            std::unique_ptr<google::protobuf::Message>>
       latest_events_;  // Of varying methods, since the host did something.
+  // Likewise. Users act on what they see, and engines drop input for a page
+  // that has not been drawn. By connection; the line that waits for it.
+  std::vector<std::pair<int, std::string>> first_pictures_;
 };
 
 }  // namespace widgetctl

@@ -3,10 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
-#include <cstddef>
-#include <cstdint>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -16,14 +13,14 @@
 #include "absl/status/statusor.h"
 #include "absl/strings/match.h"
 #include "absl/strings/str_cat.h"
-#include "absl/strings/str_format.h"
-#include "absl/strings/str_join.h"
 #include "absl/strings/string_view.h"
 #include "absl/strings/strip.h"
 #include "absl/time/time.h"
 #include "google/protobuf/empty.pb.h"
 
+#include "rpc/transport/status.pb.h"
 #include "tools/widgetctl/json.h"
+#include "tools/widgetctl/status_text.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/printable.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
@@ -37,44 +34,6 @@ namespace {
 
 constexpr absl::Duration kPeriod = absl::Seconds(1);
 constexpr absl::string_view kClearTerminal = "\033[H\033[J";
-
-// Without the parts of a second once it is long.
-std::string Age(std::uint64_t milliseconds) {
-  absl::Duration age = absl::Milliseconds(milliseconds);
-  if (age >= absl::Minutes(1)) age = absl::Trunc(age, absl::Seconds(1));
-  return absl::FormatDuration(age);
-}
-
-// Rows of words, each column as wide as its widest word.
-class Table {
- public:
-  using Row = std::vector<std::string>;
-
-  explicit Table(Row head) { Add(std::move(head)); }
-
-  void Add(Row row) {
-    widths_.resize(std::max(widths_.size(), row.size()));
-    for (std::size_t i = 0; i < row.size(); ++i)
-      widths_[i] = std::max(widths_[i], row[i].size());
-    rows_.push_back(std::move(row));
-  }
-
-  std::string Text() const {
-    std::string text;
-    for (const Row& row : rows_) {
-      std::string line;
-      for (std::size_t i = 0; i < row.size(); ++i)
-        absl::StrAppendFormat(&line, "  %-*s", static_cast<int>(widths_[i]),
-                              row[i]);
-      absl::StrAppend(&text, absl::StripTrailingAsciiWhitespace(line), "\n");
-    }
-    return text;
-  }
-
- private:
-  std::vector<Row> rows_;
-  std::vector<std::size_t> widths_;
-};
 
 // The process that listens at the other end; 0 if it is not known.
 pid_t ProcessAtTheOtherEnd(int socket) {
@@ -149,44 +108,6 @@ class StatusReader {
 };
 
 }  // namespace
-
-std::string StatusInWords(const ServerStatus& status) {
-  std::string text = absl::StrCat(
-      "process ", status.process_id(), ", version ",
-      orvane::Printable(status.version()), ", up ", Age(status.uptime_ms()),
-      "\nservices: ", orvane::Printable(absl::StrJoin(status.services(), ", ")),
-      "\n\n");
-  Table clients({"client", "service", "connected", "calls", "oldest call",
-                 "streams", "keys", "queued", "reads nothing for"});
-  for (const auto& client : status.connections()) {
-    const auto& oldest = client.oldest_call();
-    clients.Add({absl::StrCat(client.process_id()),
-                 client.service().empty() ? "has said nothing"
-                                          : orvane::Printable(client.service()),
-                 Age(client.age_ms()), absl::StrCat(client.calls()),
-                 client.has_oldest_call()
-                     ? absl::StrCat(orvane::Printable(oldest.method()), " ",
-                                    Age(oldest.age_ms()))
-                     : "",
-                 absl::StrCat(client.streams()),
-                 absl::StrCat(client.subscriptions()),
-                 absl::StrCat(client.queued_bytes()),
-                 client.has_unread_ms() ? Age(client.unread_ms()) : ""});
-  }
-  Table budgets({"limit", "used", "of"});
-  for (const auto& budget : status.budgets()) {
-    budgets.Add({orvane::Printable(budget.limit()), absl::StrCat(budget.used()),
-                 absl::StrCat(budget.available())});
-  }
-  absl::StrAppend(&text, clients.Text(), "\n", budgets.Text(), "\n",
-                  status.replaced_events(), " events replaced\n");
-  for (const auto& refusals : status.refusals()) {
-    absl::StrAppend(&text, refusals.count(), " clients refused or ended, ",
-                    orvane::Printable(refusals.code()), ", the latest: ",
-                    orvane::Printable(refusals.latest_reason()), "\n");
-  }
-  return text;
-}
 
 ExitCode Status(const Options& options, const std::vector<std::string>&) {
   orvane::EventLoop loop;

@@ -6,16 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "rpc/transport/status.pb.h"
 #include "tools/widgetctl/commands.h"
 
 namespace widgetctl {
 
 // For Command::run.
 ExitCode Status(const Options& options, const std::vector<std::string>&);
-
-// Some lines for a terminal.
-std::string StatusInWords(const rpc::transport::ServerStatus& status);
 
 }  // namespace widgetctl
 

@@ -180,7 +180,7 @@ absl::Status CheckMethods(const Options& options) {
 
 ExitCode Intercept(const Options& options, const std::string& path,
                    bool wants_payloads, Listener* listener,
-                   const std::function<void()>& on_listening) {
+                   const std::function<absl::Status()>& on_listening) {
   if (path == options.socket) {
     return Fail(kUsage, absl::StrCat("hosts connect to ", path,
                                      ", so the widget must listen elsewhere: "
@@ -191,8 +191,9 @@ ExitCode Intercept(const Options& options, const std::string& path,
       &loop, {options.socket, options.services, wants_payloads}, listener);
   if (const absl::Status listens = interceptor.Listen(path); !listens.ok())
     return Fail(kNoConnection, listens.message());
-  on_listening();
-  loop.OnSignal({SIGINT, SIGTERM}, [&loop] { loop.Stop(); });
+  loop.OnSignal({SIGINT, SIGTERM, SIGHUP}, [&loop] { loop.Stop(); });
+  if (const absl::Status begun = on_listening(); !begun.ok())
+    return Fail(kUsage, begun.message());
   loop.Run();
   return kOk;
 }
@@ -205,8 +206,10 @@ ExitCode Trace(const Options& options, const std::vector<std::string>& path) {
   Printer printer(options);
   const bool wants_payloads =
       !options.no_payloads || options.browser.has_value();
-  return Intercept(options, hosts, wants_payloads, &printer,
-                   [&] { printer.PrintPath(hosts); });
+  return Intercept(options, hosts, wants_payloads, &printer, [&] {
+    printer.PrintPath(hosts);
+    return absl::OkStatus();
+  });
 }
 
 }  // namespace widgetctl

@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "absl/status/status.h"
 #include "tools/widgetctl/commands.h"
+
 #include "tools/widgetctl/interceptor.h"
 
 namespace widgetctl {
@@ -15,12 +17,13 @@ namespace widgetctl {
 // For Command::run. The argument is the path where hosts connect.
 ExitCode Trace(const Options& options, const std::vector<std::string>& path);
 
-// Also for `record`: intercepts until SIGINT or SIGTERM what hosts that connect
-// to `path` and the widget at `options.socket` say. `on_listening` runs first.
-// Fails if nobody can connect to `path`, or if the widget is to listen there.
+// Also for `record`: intercepts until SIGINT, SIGTERM or SIGHUP what hosts that
+// connect to `path` and the widget at `options.socket` say. `on_listening` runs
+// first; its error is told, and ends this. Fails if nobody can connect to
+// `path`, or if the widget is to listen there.
 ExitCode Intercept(const Options& options, const std::string& path,
                    bool wants_payloads, Listener* listener,
-                   const std::function<void()>& on_listening);
+                   const std::function<absl::Status()>& on_listening);
 
 }  // namespace widgetctl
 

@@ -30,6 +30,13 @@ std::string Hidden(const std::string& text) {
   return std::string(static_cast<std::size_t>(CharactersIn(text)), 'x');
 }
 
+// On some keyboards Alt makes other characters.
+bool IsAscii(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](char byte) {
+    return static_cast<unsigned char>(byte) < 0x80;
+  });
+}
+
 bool IsShortcut(const rpc::InputInfo& input) {
   constexpr std::uint32_t kOfShortcuts = rpc::MODIFIER_FLAG_CONTROL |
                                          rpc::MODIFIER_FLAG_ALT |
@@ -56,21 +63,24 @@ void Hide(rpc::Key* key) {
 
 }  // namespace
 
-void TypedTextHider::Hide(Message* message) {
+void TypedTextHider::Hide(int connection, Message* message) {
+  const auto shortcut = [connection](const auto& event) {
+    return std::tuple(connection, event.browser_id().value(),
+                      std::string(event.key().code()));
+  };
   if (auto* const press = dynamic_cast<rpc::KeyPressRequest*>(message)) {
-    if (IsShortcut(press->input())) {
-      shortcuts_.emplace(press->browser_id().value(), press->key().code());
+    if (IsShortcut(press->input()) &&
+        IsAscii(std::string(press->key().key()))) {
+      shortcuts_.insert(shortcut(*press));
     } else {
+      shortcuts_.erase(shortcut(*press));
       widgetctl::Hide(press->mutable_key());
     }
   } else if (auto* const release =
                  dynamic_cast<rpc::KeyReleaseRequest*>(message)) {
-    if (shortcuts_.erase({release->browser_id().value(),
-                          std::string(release->key().code())}) == 0) {
+    if (shortcuts_.erase(shortcut(*release)) == 0)
       widgetctl::Hide(release->mutable_key());
-    }
   } else if (auto* const type = dynamic_cast<rpc::KeyTypeRequest*>(message)) {
-    if (IsShortcut(type->input())) return;
     type->set_text(Hidden(std::string(type->text())));
     if (!type->unmodified_text().empty())
       type->set_unmodified_text(Hidden(std::string(type->unmodified_text())));
@@ -82,6 +92,12 @@ void TypedTextHider::Hide(Message* message) {
       response->set_text(Hidden(std::string(response->text())));
     }
   }
+}
+
+void TypedTextHider::OnEnded(int connection) {
+  std::erase_if(shortcuts_, [connection](const auto& shortcut) {
+    return std::get<0>(shortcut) == connection;
+  });
 }
 
 bool TypedTextHider::IsOpaque(const Message& message) {

@@ -6,28 +6,31 @@
 #include <cstdint>
 #include <set>
 #include <string>
-#include <utility>
+#include <tuple>
 
 #include "google/protobuf/message.h"
 
 namespace widgetctl {
 
 // Puts an x in the place of each character that is typed into a page or a
-// dialog. Named keys, such as Enter, stay, and so do keys pressed with Control,
-// Alt or Meta, which are shortcuts.
+// dialog. Named keys, such as Enter, stay, and so do keys of ASCII pressed with
+// Control, Alt or Meta, which are shortcuts.
 class TypedTextHider {
  public:
-  // `message` is what a host says, in its order.
-  void Hide(google::protobuf::Message* message);
+  // `message` is what the host of that connection says, in its order.
+  void Hide(int connection, google::protobuf::Message* message);
+
+  // What it has not released is never released.
+  void OnEnded(int connection);
 
   // Whether text could be in there that cannot be told from the rest: a key
   // event in the platform's own form.
   static bool IsOpaque(const google::protobuf::Message& message);
 
  private:
-  // Shortcuts whose keys are down, by browser and code: they are released as
-  // they were pressed, whatever else is held by then.
-  std::set<std::pair<std::uint64_t, std::string>> shortcuts_;
+  // Shortcuts whose keys are down, by connection, browser and code: they are
+  // released as they were pressed, whatever else is held by then.
+  std::set<std::tuple<int, std::uint64_t, std::string>> shortcuts_;
 };
 
 }  // namespace widgetctl

@@ -18,7 +18,7 @@ class TypedTextTest : public ::testing::Test {
   std::string Hide(const std::string& json) {
     T message;
     EXPECT_TRUE(FromJson(json, &message).ok()) << json;
-    hider_.Hide(&message);
+    hider_.Hide(1, &message);
     return ToJson(message);
   }
 
@@ -75,6 +75,33 @@ TEST_F(TypedTextTest, ShortcutsStayAlsoWhenTheModifierComesUpFirst) {
   const std::string release = R"({"key":{"key":"c","code":"KeyC"}})";
   EXPECT_EQ(Hide<rpc::KeyReleaseRequest>(release), release);
   EXPECT_EQ(Hide<rpc::KeyReleaseRequest>(release), kHidden);
+}
+
+TEST_F(TypedTextTest, AKeyThatIsPressedAgainIsNoShortcutAnyMore) {
+  Hide<rpc::KeyPressRequest>(
+      R"({"input":{"modifiers":2},"key":{"key":"c","code":"KeyC"}})");
+  const std::string key = R"({"key":{"key":"c","code":"KeyC"}})";
+  EXPECT_EQ(Hide<rpc::KeyPressRequest>(key), kHidden);
+  EXPECT_EQ(Hide<rpc::KeyReleaseRequest>(key), kHidden);
+}
+
+TEST_F(TypedTextTest, WhatAConnectionHasNotReleasedIsForgotten) {
+  Hide<rpc::KeyPressRequest>(
+      R"({"input":{"modifiers":2},"key":{"key":"c","code":"KeyC"}})");
+  hider_.OnEnded(1);
+  EXPECT_EQ(
+      Hide<rpc::KeyReleaseRequest>(R"({"key":{"key":"c","code":"KeyC"}})"),
+      kHidden);
+}
+
+TEST_F(TypedTextTest, CharactersMadeWithAltAreHidden) {
+  EXPECT_EQ(Hide<rpc::KeyPressRequest>(
+                R"({"input":{"modifiers":4},"key":{"key":"å","code":"KeyA"}})"),
+            R"({"input":{"modifiers":4},"key":{"key":"x","code":"KeyX",)"
+            R"("windowsKeyCode":88}})");
+  EXPECT_EQ(
+      Hide<rpc::KeyTypeRequest>(R"({"input":{"modifiers":4},"text":"å"})"),
+      R"({"input":{"modifiers":4},"text":"x"})");
 }
 
 TEST_F(TypedTextTest, WhatAltGraphTypesIsNoShortcut) {

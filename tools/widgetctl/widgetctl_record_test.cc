@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -80,6 +81,14 @@ class MovingWidget final : public rpc::BrowserWidgetRpc {
           done->Run();
         });
   }
+  // Answers at the end.
+  void Restore(RpcController*, const BrowserId*, Empty*,
+               Closure* done) override {
+    waiting_.emplace_back(done);
+  }
+  ~MovingWidget() override {
+    for (Closure* const done : waiting_) done->Run();
+  }
   void ForwardKeyType(RpcController*, const rpc::KeyTypeRequest* request,
                       Empty*, Closure* done) override {
     typed += request->text();
@@ -96,6 +105,7 @@ class MovingWidget final : public rpc::BrowserWidgetRpc {
   std::string typed;
 
  private:
+  std::vector<Closure*> waiting_;
   std::uint64_t next_frame_ = 1 + reinterpret_cast<std::uintptr_t>(this) % 1000;
 };
 
@@ -259,6 +269,8 @@ TEST_F(WidgetctlRecordTest, PicturesAreGivenBackByTheirOwnIds) {
                                    "\"frameId\":\"${frame.frameId}\","
                                    "\"outcome\":\"FRAME_OUTCOME_PRESENTED\"}}",
                                    "Minimize {\"value\":\"1\"} => {}",
+                                   "called OnUpdateSurface "
+                                   "{\"browserId\":{\"value\":\"1\"}}",
                                    "Minimize {\"value\":\"1\"} => {}"));
   const ChildProcess::Result played = PlayBack();
   EXPECT_EQ(played.exit_code, 0) << played.output << played.errors;
@@ -301,6 +313,20 @@ TEST_F(WidgetctlRecordTest, TokensAreNotExpected) {
   EXPECT_TRUE(widget.GetAccessibilityToken(Browser(1)).ok());
   EXPECT_THAT(Lines(),
               ElementsAre("GetAccessibilityToken {\"value\":\"1\"} =~ {}"));
+}
+
+TEST_F(WidgetctlRecordTest, ACallThatIsNeverAnsweredHoldsNothingBackForEver) {
+  Record();
+  const auto client = Connect();
+  rpc::BrowserWidgetRpcClient widget(client.get());
+  widget.Restore(Browser(1), [](const auto&) {});
+  for (int i = 0; i < 2000; ++i) EXPECT_TRUE(widget.Show(Browser(1)).ok());
+  record_->Signal(SIGKILL);
+  record_->Wait();
+  record_.reset();
+  const std::vector<std::string> lines = Lines();
+  EXPECT_THAT(lines.front(), "# without an answer: Restore {\"value\":\"1\"}");
+  EXPECT_GT(lines.size(), 900u);
 }
 
 TEST_F(WidgetctlRecordTest, HostsHaveConnectionsOfTheirOwn) {
@@ -347,6 +373,25 @@ TEST_F(WidgetctlRecordTest, WhatIsTypedIsNotWritten) {
                           "\"text\":\"xxxxxx\"} => {}"));
 }
 
+TEST_F(WidgetctlRecordTest, OnlyThisUserMayReadTheFile) {
+  Record();
+  EXPECT_EQ(
+      std::filesystem::status(file_).permissions(),
+      std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+TEST_F(WidgetctlRecordTest, AFileIsKeptIfNobodyCanConnect) {
+  std::ofstream(file_) << "# kept\n";
+  const ChildProcess::Result result =
+      ChildProcess(
+          {WIDGETCTL, "--socket", recorded_, "record", file_, recorded_})
+          .Wait();
+  EXPECT_EQ(result.exit_code, 2);
+  std::stringstream text;
+  text << std::ifstream(file_).rdbuf();
+  EXPECT_EQ(text.str(), "# kept\n");
+}
+
 TEST_F(WidgetctlRecordTest, WhatIsTypedIsWrittenIfItIsAskedFor) {
   Record({"--text"});
   const auto client = Connect();
@@ -375,6 +420,27 @@ TEST_F(WidgetctlRecordTest, TellsThatTheFileCannotBeWritten) {
 }
 
 TEST_F(WidgetctlRecordTest, TellsAtTheEndThatTheDiskWasFull) {
+  // The file may have one block.
+  std::vector<std::string> command = {
+      "/bin/bash", "-c", "trap '' XFSZ; ulimit -f 1; exec \"$@\"", "bash"};
+  for (std::string& word : Command({"record", file_, recorded_}))
+    command.push_back(std::move(word));
+  record_.emplace(std::move(command));
+  ASSERT_EQ(record_->ReadLine(), "hosts connect to " + recorded_);
+  {
+    const auto client = Connect();
+    rpc::BrowserWidgetRpcClient widget(client.get());
+    for (int i = 0; i < 100; ++i) EXPECT_TRUE(widget.Show(Browser(1)).ok());
+  }
+  Await("connection 1 has ended");
+  record_->Signal(SIGTERM);
+  const ChildProcess::Result result = record_->Wait();
+  record_.reset();
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors, HasSubstr("the recording is not complete"));
+}
+
+TEST_F(WidgetctlRecordTest, TellsThatTheDiskIsFull) {
   record_.emplace(Command({"record", "/dev/full", recorded_}));
   const ChildProcess::Result result = record_->Wait();
   record_.reset();

@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "absl/strings/str_cat.h"
+#include "absl/strings/str_format.h"
 #include "absl/strings/str_replace.h"
 #include "absl/strings/string_view.h"
 #include "absl/time/time.h"
@@ -71,8 +72,9 @@ std::string PrometheusMetrics::Text() const {
     }
     absl::StrAppend(
         &seconds, "orvane_operation_seconds_bucket", labels, ",le=\"+Inf\"} ",
-        count, "\n", "orvane_operation_seconds_sum", labels, "} ", sums.seconds,
-        "\n", "orvane_operation_seconds_count", labels, "} ", count, "\n");
+        count, "\n", "orvane_operation_seconds_sum", labels, "} ",
+        absl::StrFormat("%.9f", sums.seconds), "\n",
+        "orvane_operation_seconds_count", labels, "} ", count, "\n");
   }
   return absl::StrCat(operations, requests, responses, seconds);
 }

@@ -65,7 +65,7 @@ TEST(PrometheusMetrics, SortsDurationsIntoBuckets) {
   EXPECT_THAT(text, HasSubstr("le=\"0.001\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("le=\"10\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("le=\"+Inf\"} 2\n"));
-  EXPECT_THAT(text, HasSubstr("Show\"} 20.001\n"));
+  EXPECT_THAT(text, HasSubstr("Show\"} 20.001000000\n"));
 }
 
 TEST(PrometheusMetrics, EventsTakeNoTime) {

@@ -115,7 +115,7 @@ TEST_F(InheritedSocketsTest, AChannelWhoseServerIsGoneRefusesConnections) {
 }
 
 TEST_F(InheritedSocketsTest, AMessageWithoutAConnectionDoesNoHarm) {
-  const auto channel = OpenChannel();
+  auto channel = OpenChannel();
   ASSERT_EQ(::send(channel->get(), "text", 4, 0), 4);
   const std::array<int, 2> numbers = {channel->get(), channel->get()};
   iovec text = {const_cast<char*>("x"), 1};
@@ -132,6 +132,10 @@ TEST_F(InheritedSocketsTest, AMessageWithoutAConnectionDoesNoHarm) {
   std::memcpy(CMSG_DATA(part), numbers.data(), sizeof numbers);
   ASSERT_EQ(::sendmsg(channel->get(), &message, 0), 1);  // Not of clients.
   EXPECT_TRUE(IsServed(ConnectThrough(channel->get())));
+  // The server has kept none of them.
+  channel.reset();
+  loop.RunUntilIdle();
+  EXPECT_EQ(ends_, 1);
 }
 
 TEST_F(InheritedSocketsTest, TheEndOfAChannelIsTold) {

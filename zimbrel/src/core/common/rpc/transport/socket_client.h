@@ -124,13 +124,14 @@ class SocketClient {
       const google::protobuf::MethodDescriptor* method,
       ClientStreamHandlers handlers);
 
-  // Tells when the server hangs: at the latest `patience` after it has stopped
-  // to handle what is sent to it; and when it does so again. By default nobody
-  // looks. The connection goes on in any case, and nothing is lost.
+  // Tells when the server hangs, and when it goes on. A server hangs that has
+  // handled nothing for some time between a third of `patience` and all of it;
+  // less than 3 ms count as 3 ms. By default nobody looks. The connection goes
+  // on in any case, and nothing is lost.
   //
-  // A server that has nothing to say is asked whether it is there, about every
-  // third of `patience`, which wakes its process up. One whose handler blocks
-  // counts as one that hangs; one that answers a call late does not.
+  // A server that has nothing to say is asked whether it is there, once or
+  // twice in each `patience`, which wakes its process up. One whose handler
+  // blocks counts as one that hangs; one that answers a call late does not.
   //
   // `on_change` runs as a task of the loop, not after the connection's end, and
   // may destroy the client. Another call replaces it; with an infinite patience

@@ -138,6 +138,11 @@ class SocketServer::Impl {
   }
 
   absl::Status Admit(OwnedDescriptor client) {
+    // Over a channel any descriptor may come.
+    const absl::StatusOr<SocketKind> kind = KindOfSocket(client.get());
+    if (!kind.ok()) return kind.status();
+    if (*kind != SocketKind::kConnected)
+      return absl::InvalidArgumentError("a socket that is not connected");
     if (absl::Status peer = CheckPeerIsThisUser(client.get()); !peer.ok())
       return peer;
     absl::StatusOr<std::unique_ptr<EventLoop::Watch>> socket =
@@ -172,8 +177,7 @@ class SocketServer::Impl {
                                   on_end = std::move(on_end)]() mutable {
                                    connections_.extract(id);
                                    if (alive.expired()) return;
-                                   if (!is_shutting_down_)
-                                     PostForMe(std::move(on_end));
+                                   TellEnd(std::move(on_end));
                                    FinishIfAllHaveLeft();
                                  }));
     return absl::OkStatus();
@@ -261,6 +265,14 @@ class SocketServer::Impl {
   }
 
   // Unless the server is gone by then.
+  // After Shutdown nobody is told.
+  void TellEnd(Task on_end) {
+    if (!on_end) return;
+    PostForMe([this, on_end = std::move(on_end)]() mutable {
+      if (!is_shutting_down_) std::move(on_end)();
+    });
+  }
+
   void PostForMe(Task task) {
     if (!task) return;
     loop_->Post(

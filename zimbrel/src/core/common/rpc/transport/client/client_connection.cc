@@ -247,11 +247,19 @@ void ClientConnection::SendEnd(StreamMessage::Kind kind, std::uint64_t id) {
 
 // Whether the server is there -------------------------------------------------
 
+namespace {
+
+// Less says nothing about a server, and would keep both ends busy.
+constexpr absl::Duration kMinPatience = absl::Milliseconds(3);
+
+}  // namespace
+
 void ClientConnection::WatchServer(absl::Duration patience,
                                    OnResponsiveness on_change) {
   loop_->CheckServiceThread("SocketClient::WatchServer");
   watch_ = nullptr;
   if (patience == absl::InfiniteDuration() || !status_.ok()) return;
+  patience = std::max(patience, kMinPatience);
   watch_ = std::make_unique<ServerWatch>(
       loop_, patience,
       ServerWatch::Callbacks{
@@ -273,7 +281,9 @@ bool ClientConnection::AskWhetherItIsThere() {
   call.set_kind(StreamMessage::KIND_CALL);
   call.set_stream_id(++last_id_);
   call.set_method(std::numeric_limits<std::uint32_t>::max());
-  return socket_->Send(call).ok();
+  const absl::Status sent = socket_->Send(call);
+  // While it reads nothing, what waits for it is question enough.
+  return sent.ok() || absl::IsResourceExhausted(sent);
 }
 
 Responsiveness ClientConnection::Describe(bool responds) const {

@@ -52,7 +52,8 @@ absl::Status ClientStreamState::Receive(std::string_view payload,
                                  payload.size()));
   }
   absl::Status received = handlers->on_next(payload, call_id);
-  if (is_event)
+  // A handler that has closed the stream may have destroyed the observer too.
+  if (is_event && handlers_ != nullptr)
     ObserveEvent(observer_, method_, received.code(), payload.size());
   return received;
 }
@@ -99,8 +100,10 @@ absl::Status ClientStreamState::Send(StreamMessage::Kind kind,
   header.set_error_code(static_cast<int>(error.code()));
   header.set_error_text(std::string(error.message()));
   absl::Status sent = socket_->Send(header, message);
-  if (observer_ != nullptr && sent.ok())
-    EndObservedCall(call_id, error.code(), message.ByteSizeLong());
+  if (observer_ != nullptr) {
+    EndObservedCall(call_id, sent.ok() ? error.code() : sent.code(),
+                    message.ByteSizeLong());
+  }
   return sent;
 }
 

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "absl/time/clock.h"
+
 namespace orvane::internal {
 
 ServerWatch::ServerWatch(EventLoop* loop, absl::Duration patience,
@@ -11,12 +13,16 @@ ServerWatch::ServerWatch(EventLoop* loop, absl::Duration patience,
 }
 
 void ServerWatch::LookLater() {
+  next_ = absl::Now() + period_;
   next_look_ = loop_->RunAfter(period_, [this] { Look(); });
 }
 
 void ServerWatch::Look() {
+  // If this process has been busy itself, the server may have had no time.
+  const bool is_late = absl::Now() > next_ + period_ / 2;
   LookLater();
-  const bool is_alive = heard_ != seen_heard_ || callbacks_.has_input();
+  const bool is_alive =
+      is_late || heard_ != seen_heard_ || callbacks_.has_input();
   seen_heard_ = heard_;
   if (is_alive) {
     has_asked_ = false;

@@ -50,6 +50,7 @@ class ServerWatch {
 
   EventLoop* const loop_;
   const absl::Duration period_;
+  absl::Time next_;  // When the next look is due.
   Callbacks callbacks_;
   std::uint64_t heard_ = 0;       // Frames.
   std::uint64_t seen_heard_ = 0;  // At the last look.

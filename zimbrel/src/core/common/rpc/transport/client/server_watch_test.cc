@@ -162,6 +162,9 @@ TEST_F(WatchedServerTest, MayBeWatchedOtherwiseWhenItHangs) {
 TEST_F(WatchedServerTest, IsNotToldAfterTheConnectionsEnd) {
   Open();
   Watch();
+  bool has_asked = false;
+  const auto asked = loop.RunAfter(kPatience / 2, [&] { has_asked = true; });
+  ASSERT_TRUE(loop.RunUntil([&] { return has_asked; }));
   server.reset();
   ASSERT_TRUE(loop.RunUntil([this] { return !client->status().ok(); }));
   const std::size_t count = told.size();

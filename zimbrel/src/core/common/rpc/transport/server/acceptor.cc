@@ -21,18 +21,20 @@ int AcceptFrom(int listening) {
 int ReceiveFrom(int channel) {
   char byte = 0;
   iovec text = {&byte, sizeof byte};
-  // Room for one; the system closes what is too much.
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
   msghdr message = {};
   message.msg_iov = &text;
   message.msg_iovlen = 1;
   message.msg_control = control;
-  message.msg_controllen = sizeof control;
+  // Room for one descriptor and not, as with the padding, for two. The system
+  // closes what is too much.
+  message.msg_controllen = CMSG_LEN(sizeof(int));
   const ssize_t received = ::recvmsg(channel, &message, MSG_CMSG_CLOEXEC);
   if (received < 0) return -errno;
   const cmsghdr* const part = CMSG_FIRSTHDR(&message);
   if (part == nullptr) return received == 0 ? -EPIPE : -ECONNABORTED;
-  if (part->cmsg_type != SCM_RIGHTS || part->cmsg_len < CMSG_LEN(sizeof(int)))
+  if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS ||
+      part->cmsg_len < CMSG_LEN(sizeof(int)))
     return -ECONNABORTED;
   int client = -1;
   std::memcpy(&client, CMSG_DATA(part), sizeof client);

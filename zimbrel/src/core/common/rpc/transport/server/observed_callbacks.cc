@@ -35,4 +35,9 @@ void ObservedCallbacks::GiveUp(std::int64_t call_id) {
   if (call != calls_.end() && call->first.first == call_id) calls_.erase(call);
 }
 
+void ObservedCallbacks::GiveUpAll(const std::string& key) {
+  std::erase_if(calls_,
+                [&key](const auto& call) { return call.first.second == key; });
+}
+
 }  // namespace orvane::internal

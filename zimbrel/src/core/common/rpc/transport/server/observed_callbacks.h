@@ -43,6 +43,9 @@ class ObservedCallbacks {
   // ends.
   void GiveUp(std::int64_t call_id);
 
+  // The stream serves the key no longer, which ends its calls.
+  void GiveUpAll(const std::string& key);
+
  private:
   ObservedCallbacks(OperationObserver* observer,
                     const google::protobuf::MethodDescriptor& method,

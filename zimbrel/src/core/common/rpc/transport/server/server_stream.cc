@@ -222,6 +222,8 @@ void ServerStream::Unsubscribe(const std::string& key) {
 }
 
 void ServerStream::Pass(StreamRequest::Action action, const std::string& key) {
+  if (observed_ != nullptr && action == StreamRequest::Action::kUnsubscribe)
+    observed_->GiveUpAll(key);
   request_.Make(action, key);
   StreamMessage frame;
   frame.set_payload(request_.message().SerializeAsString());
