@@ -119,16 +119,16 @@ TEST_F(WidgetProcessTest, ConnectionsEndWithTheProcess) {
 
 TEST_F(WidgetProcessTest, ThePausesGrow) {
   Start({.command = {"false"},
-         .first_pause = absl::Milliseconds(1),
-         .last_pause = absl::Milliseconds(4)});
+         .first_pause = absl::Milliseconds(100),
+         .last_pause = absl::Milliseconds(400)});
   ASSERT_TRUE(loop_.RunUntil([this] { return whys_.size() >= 7; }));
   for (std::size_t i = 0; i < 7; i += 2) {
     EXPECT_EQ(whys_[i],
               absl::StrCat("the widget exited with code 1; it is started "
                            "again in ",
-                           i == 0   ? "1ms"
-                           : i == 2 ? "2ms"
-                                    : "4ms"));
+                           i == 0   ? "100ms"
+                           : i == 2 ? "200ms"
+                                    : "400ms"));
   }
 }
 

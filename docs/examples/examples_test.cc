@@ -154,9 +154,8 @@ TEST_F(Examples, MetricsAreInTheFileAtTheEnd) {
   EXPECT_EQ(metrics.Wait().exit_code, 0);
   std::stringstream text;
   text << std::ifstream(file).rdbuf();
-  EXPECT_THAT(text.str(),
-              HasSubstr("method=\"rpc.BrowserWidgetRpc.Show\","
-                        "code=\"UNKNOWN\"} 1"));
+  EXPECT_THAT(text.str(), HasSubstr("method=\"rpc.BrowserWidgetRpc.Show\","
+                                    "code=\"UNKNOWN\"} 1"));
 }
 
 TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {
@@ -174,8 +173,7 @@ TEST_F(Examples, OperatingKeepsItsLimitsAndTells) {
   operating->Signal(SIGTERM);
   const ChildProcess::Result ended = operating->Wait();
   EXPECT_EQ(ended.exit_code, 0);
-  EXPECT_THAT(ended.errors,
-              HasSubstr("0 hosts, 0 refused, 0 events replaced"));
+  EXPECT_THAT(ended.errors, HasSubstr("0 hosts, 0 refused, 0 events replaced"));
   EXPECT_THAT(ended.errors,
               HasSubstr("a client was refused: 2 clients are connected"));
 }

@@ -54,9 +54,12 @@ int main(int argc, char** argv) {
       argc > 1 ? argv[1] : orvane::DefaultSocketPath("thermostat");
 
   orvane::EventLoop loop;
-  loop.OnSignal({SIGINT, SIGTERM}, [&loop] { loop.Stop(); });
   HomeThermostat thermostat;
   orvane::SocketServer server(&loop, &thermostat);
+  // Who waits for an answer is told, and has some time to read it.
+  loop.OnSignal({SIGINT, SIGTERM}, [&] {
+    server.Shutdown(absl::Seconds(2), [&loop] { loop.Stop(); });
+  });
   if (const absl::Status status = server.Listen(path); !status.ok()) {
     std::cerr << status.message() << std::endl;
     return 1;

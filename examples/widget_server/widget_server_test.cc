@@ -340,6 +340,21 @@ TEST_F(WidgetServerTest, ServesTheListeningSocketOfAServiceManager) {
   EXPECT_EQ(server->Wait().exit_code, EXIT_SUCCESS);
 }
 
+// The real thing, which starts the program when the first client connects.
+TEST_F(WidgetServerTest, IsStartedByTheServiceManagersOwnProgram) {
+  const std::string activate = "/usr/bin/systemd-socket-activate";
+  if (!std::filesystem::exists(activate)) GTEST_SKIP() << "no " << activate;
+  ChildProcess server({activate, "--listen=" + socket_, WIDGET_SERVER});
+  std::unique_ptr<orvane::SocketClient> client;
+  while (client == nullptr) {
+    auto connected = orvane::SocketClient::Connect(&loop_, socket_);
+    if (connected.ok()) client = *std::move(connected);
+  }
+  EXPECT_EQ(CallByName(client.get(), "Unfocus", "value: 3"), absl::OkStatus());
+  server.Signal(SIGTERM);
+  EXPECT_EQ(server.Wait().exit_code, EXIT_SUCCESS);
+}
+
 TEST_F(WidgetServerTest, RefusesADescriptorThatIsNoSocket) {
   const ChildProcess::Result result = Run({"--descriptor", "0"});
   EXPECT_EQ(result.exit_code, EXIT_FAILURE);

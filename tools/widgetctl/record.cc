@@ -2,16 +2,19 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <set>
+#include <utility>
 
 #include "absl/status/status.h"
 #include "absl/strings/str_cat.h"
 #include "google/protobuf/descriptor.h"
 
+#include "rpc/transport/stream_message.pb.h"
 #include "tools/widgetctl/methods.h"
 #include "tools/widgetctl/recorder.h"
 #include "tools/widgetctl/trace.h"
@@ -78,7 +81,11 @@ absl::Status CheckVarying(const Options& options) {
 // is being recorded.
 class TellingRecorder final : public Recorder {
  public:
-  using Recorder::Recorder;
+  TellingRecorder(const Options& options, std::ostream* file)
+      : Recorder({{options.varying.begin(), options.varying.end()},
+                  options.has_text},
+                 file),
+        services_(options.services) {}
 
   void OnConnected(int connection, const absl::Status& joined) override {
     std::cout << "connection " << connection;
@@ -88,10 +95,32 @@ class TellingRecorder final : public Recorder {
     std::cout << std::endl;
   }
 
+  void OnSaid(int connection, Said said) override {
+    if (said.what == "hello" && said.from == Side::kHost &&
+        said.payload != nullptr) {
+      const auto& hello =
+          static_cast<const rpc::transport::Hello&>(*said.payload);
+      const bool is_known =
+          std::any_of(services_.begin(), services_.end(),
+                      [&hello](const ServiceDescriptor* service) {
+                        return service->full_name() == hello.service();
+                      });
+      if (!is_known) {
+        std::cout << "connection " << connection << " is for "
+                  << orvane::Printable(hello.service())
+                  << ", of which nothing is recorded" << std::endl;
+      }
+    }
+    Recorder::OnSaid(connection, std::move(said));
+  }
+
   void OnEnded(int connection) override {
     Recorder::OnEnded(connection);
     std::cout << "connection " << connection << " has ended" << std::endl;
   }
+
+ private:
+  const std::vector<const ServiceDescriptor*>& services_;
 };
 
 }  // namespace
@@ -105,9 +134,7 @@ ExitCode Record(const Options& options,
                                 ? file_and_path[1]
                                 : orvane::DefaultSocketPath("widget");
   std::ofstream file;
-  TellingRecorder recorder(
-      {{options.varying.begin(), options.varying.end()}, options.has_text},
-      &file);
+  TellingRecorder recorder(options, &file);
   const ExitCode intercepted =
       Intercept(options, hosts, /*wants_payloads=*/true, &recorder, [&] {
         absl::Status begun = Begin(path, &file);

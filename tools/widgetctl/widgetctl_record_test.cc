@@ -373,6 +373,16 @@ TEST_F(WidgetctlRecordTest, WhatIsTypedIsNotWritten) {
                           "\"text\":\"xxxxxx\"} => {}"));
 }
 
+TEST_F(WidgetctlRecordTest, TellsThatAServiceIsNotKnown) {
+  Record();
+  const ChildProcess::Result status =
+      ChildProcess({WIDGETCTL, "--socket", recorded_, "status"}).Wait();
+  EXPECT_EQ(status.exit_code, 0) << status.errors;
+  Await(
+      "connection 1 is for rpc.transport.StatusRpc, of which nothing is "
+      "recorded");
+}
+
 TEST_F(WidgetctlRecordTest, OnlyThisUserMayReadTheFile) {
   Record();
   EXPECT_EQ(

@@ -54,7 +54,9 @@ struct EventLoopOptions {
 // Run, RunReady, RunUntilIdle and RunUntil may be called from inside a task.
 // Such a nested run sees all that was posted before it, whoever posted it. The
 // task that called it goes on when it returns, so a task that waits delays
-// those that are nested around it.
+// those that are nested around it. Inside a handler of a client's stream
+// nothing else comes from that server meanwhile, so what waits there for the
+// server's answer waits for ever.
 //
 // Thread: Post, Stop, mailbox, IsRunningHere and CheckServiceThread from any,
 // the rest from the service thread; elsewhere it ends the process with a fatal

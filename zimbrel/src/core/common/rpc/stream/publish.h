@@ -23,7 +23,8 @@
 namespace orvane {
 
 // Sends `event` to the streams that are subscribed to `key` (compared by
-// content), in the order of EventStream<T>::stream_map_. Returns how many have
+// content), in the order of EventStream<T>::stream_map_. Clients subscribe to a
+// BrowserId, so a message of another type reaches nobody. Returns how many have
 // accepted it, 0 if none is subscribed; the result may be ignored.
 //
 // What a publisher may rely on:

@@ -48,10 +48,12 @@ class ClientStreamSender {
 using OnEnd = absl::AnyInvocable<void(const absl::Status&) &&>;
 
 // What a stream calls at the client. Handlers run on the service thread and may
-// do anything, including destroying the stream or its client, but a blocking
-// call inside one fails. No handler runs inside another, except the `on_end` of
-// streams whose client is destroyed there. Both are destroyed when the stream
-// has ended or its handle is gone, but not while one of them runs.
+// do anything, including destroying the stream or its client, but no other
+// frame of the connection is handled meanwhile: a blocking call inside one
+// fails, and EventLoop::RunUntil waits in vain for an answer. No handler runs
+// inside another, except the `on_end` of streams whose client is destroyed
+// there. Both are destroyed when the stream has ended or its handle is gone,
+// but not while one of them runs.
 struct ClientStreamHandlers {
   // Runs for each message. `payload` is the serialised message, of the type
   // that the method declares for this direction, and is borrowed for the call.
