@@ -14,15 +14,16 @@
 namespace orvane {
 
 // The continuation of a call: runs exactly once, with the answer or with the
-// reason why there is none. It runs as a task of the loop, on the service
-// thread, never inside the call that it was passed to, and may do anything. May
-// be empty, for callers that do not care.
+// reason why there is none; if the loop is destroyed first, it is destroyed
+// with it. It runs as a task of the loop, on the service thread, or while its
+// client is destroyed, but never inside the call that it was passed to, and may
+// do anything. May be empty, for callers that do not care.
 template <typename Answer>
 using OnAnswer = absl::AnyInvocable<void(absl::StatusOr<Answer>) &&>;
 
 struct CallOptions {
   // How long the answer may take; then the call ends with kDeadlineExceeded.
-  // With 0 or less, it ends so at once.
+  // With 0 or less nothing is sent, and it ends so at once.
   absl::Duration timeout = absl::InfiniteDuration();
 };
 

@@ -127,6 +127,13 @@ CallHandle Call(const KeyOf<T>& key, CallOf<T> call,
   if (stream == nullptr) {
     return internal::EndUnserved(key, *T::descriptor(), std::move(on_end));
   }
+  // The client would do something in vain.
+  if (options.timeout <= absl::ZeroDuration()) {
+    return internal::EndUnsent(
+        *stream,
+        absl::DeadlineExceededError("the call's timeout is not above 0"),
+        std::move(on_end));
+  }
 
   T message;
   *message.mutable_browser_id() = key;

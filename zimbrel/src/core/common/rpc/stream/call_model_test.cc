@@ -183,7 +183,7 @@ class CallModelTest : public CallbackStreamFixture {
           HasEnded(call, answer.status().code());
         },
         {.timeout =
-             has_deadline ? absl::ZeroDuration() : absl::InfiniteDuration()});
+             has_deadline ? absl::Nanoseconds(1) : absl::InfiniteDuration()});
     if (serving == serving_.end()) {
       calls_.push_back(
           {0, browser, 0, false, std::move(handle), StatusCode::kNotFound});

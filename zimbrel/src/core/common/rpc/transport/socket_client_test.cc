@@ -13,9 +13,12 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
+#include "rpc/event_subscription.pb.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
+#include "zimbrel/src/core/common/rpc/transport/socket_server.h"
+#include "zimbrel/src/core/common/rpc/transport/subscriptions.h"
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace orvane::testing {
@@ -454,6 +457,24 @@ TEST_F(SocketClientTest, ABlockingCallInsideAContinuationIsRefused) {
 TEST_F(SocketClientTest, ConnectingWhereNobodyListensIsUnavailable) {
   EXPECT_TRUE(absl::IsUnavailable(
       SocketClient::Connect(&loop, ::testing::TempDir() + "nobody").status()));
+}
+
+TEST(ServeCallsTest, AMethodOfAnotherKindIsRefused) {
+  EventLoop loop;
+  rpc::BrowserWidgetRpc widget;
+  SocketServer server(&loop, &widget);
+  auto pair = ConnectedPair();
+  ASSERT_EQ(server.Adopt(pair->first.Release()), absl::OkStatus());
+  const auto client = *SocketClient::Adopt(&loop, pair->second.Release());
+  absl::Status why;
+  const auto stream =
+      ServeCalls(client.get(),
+                 rpc::BrowserWidgetRpc::descriptor()->FindMethodByName(
+                     "WhenCursorChanged"),
+                 BrowserId(), std::make_unique<rpc::EventSubscription>(),
+                 nullptr, [&why](const absl::Status& end) { why = end; });
+  loop.RunUntilIdle();
+  EXPECT_TRUE(absl::IsInvalidArgument(why)) << why;
 }
 
 }  // namespace

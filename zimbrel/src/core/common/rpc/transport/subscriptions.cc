@@ -85,10 +85,13 @@ std::unique_ptr<ClientStream> ServeCalls(
     OnEnd on_end) {
   const std::unique_ptr<Message> subscription(message->New());
   const google::protobuf::Reflection& fields = *message->GetReflection();
-  fields.MutableMessage(subscription.get(), Field(*subscription, kKeyField))
-      ->CopyFrom(key);
-  fields.SetBool(subscription.get(), Field(*subscription, kSubscribeField),
-                 true);
+  // A method of another kind is refused by the server.
+  if (KindOf(*method) == MethodKind::kCallbackStream) {
+    fields.MutableMessage(subscription.get(), Field(*subscription, kKeyField))
+        ->CopyFrom(key);
+    fields.SetBool(subscription.get(), Field(*subscription, kSubscribeField),
+                   true);
+  }
 
   // Set once the stream is open. Weak, since the stream owns its handlers.
   const auto sender = std::make_shared<std::weak_ptr<ClientStreamSender>>();
