@@ -41,11 +41,10 @@ class RealWindowTest : public WindowFixture {
 
   void StartWidget(const std::string& body) { StartWidgetAt(socket(), body); }
   void StartWidgetAt(const std::string& path, const std::string& body) {
-    widget_ = std::make_unique<orvane::testing::ChildProcess>(
-        std::vector<std::string>{
-            ORVANE_CHROMIUM, "--socket", path, "--page=2=about:blank",
-            absl::StrCat("--page=1=data:text/html;base64,",
-                         absl::Base64Escape(kBegin + body))});
+    widget_ = std::make_unique<ChildProcess>(std::vector<std::string>{
+        ORVANE_CHROMIUM, "--socket", path, "--page=2=about:blank",
+        absl::StrCat("--page=1=data:text/html;base64,",
+                     absl::Base64Escape(kBegin + body))});
     const std::string line = widget_->ReadLine();
     if (line == "orvane-chromium listens at " + path) return;
     const std::string why = std::exchange(widget_, nullptr)->Wait().errors;
@@ -77,7 +76,6 @@ class RealWindowTest : public WindowFixture {
     AwaitPage();
   }
 
-  // Leads the focus into the bar above the page, which marks what has it.
   // GTK's mark of the focus, and what is selected, are blue. Both take some
   // time to appear and to go.
   bool IsFocusInTheBar() const {
@@ -88,6 +86,8 @@ class RealWindowTest : public WindowFixture {
       return (color & 0xff) > (color >> 16) + 0x30;
     });
   }
+
+  // Leads the focus into the bar above the page, which marks what has it.
   void LeaveThePageBy(const std::string& key) {
     Await("the bar without the focus", [this] { return !IsFocusInTheBar(); });
     screen_->PressKey(key);

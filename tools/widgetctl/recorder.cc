@@ -153,6 +153,11 @@ void Recorder::Write(int connection, absl::string_view text) {
   Begin(connection, text)->is_complete = true;
 }
 
+void Recorder::CompleteUnanswered(Line* call) {
+  call->text = absl::StrCat("# without an answer: ", call->text);
+  call->is_complete = true;
+}
+
 // Before the host does something.
 void Recorder::TellWhen() {
   const absl::Duration now = absl::Now() - begun_;
@@ -201,18 +206,14 @@ void Recorder::AwaitNoAnswer(Line* line) {
   const auto is_about_it = [line](const auto& entry) {
     return entry.second == line;
   };
-  if (std::erase_if(calls_, is_about_it) > 0)
-    line->text = absl::StrCat("# without an answer: ", line->text);
+  if (std::erase_if(calls_, is_about_it) > 0) CompleteUnanswered(line);
   for (auto& [id, stream] : streams_)
     std::erase_if(stream.unanswered, is_about_it);
 }
 
 void Recorder::Finish() {
   TellWhatTheHostKnows();
-  for (const auto& [id, line] : calls_) {
-    line->text = absl::StrCat("# without an answer: ", line->text);
-    line->is_complete = true;
-  }
+  for (const auto& [id, line] : calls_) CompleteUnanswered(line);
   for (Line& line : lines_) line.is_complete = true;
   OnPause();
 }
@@ -249,9 +250,7 @@ void Recorder::OnSaid(int connection, Said said) {
 void Recorder::OnEnded(int connection) {
   for (auto call = calls_.lower_bound({connection, 0});
        call != calls_.end() && call->first.first == connection;) {
-    call->second->text =
-        absl::StrCat("# without an answer: ", call->second->text);
-    call->second->is_complete = true;
+    CompleteUnanswered(call->second);
     call = calls_.erase(call);
   }
   // Their lines wait for an answer that does not come any more.
@@ -301,15 +300,16 @@ void Recorder::OnCallEnded(int connection, const Said& said) {
   if (call == calls_.end()) return;
   Line* const line = call->second;
   calls_.erase(call);
-  line->is_complete = true;
   if (said.what == "reply" && said.payload != nullptr) {
     const bool varies = Clean(said.payload.get());
     absl::StrAppend(&line->text, varies ? " =~ " : " => ",
                     ToJson(*said.payload));
+    line->is_complete = true;
   } else if (said.what == "error" && !ErrorText(said.error).empty()) {
     absl::StrAppend(&line->text, " => ", ErrorText(said.error));
+    line->is_complete = true;
   } else {
-    line->text = absl::StrCat("# without an answer: ", line->text);
+    CompleteUnanswered(line);
   }
 }
 

@@ -86,6 +86,7 @@ class Recorder : public Listener {
 
   Line* Begin(int connection, absl::string_view text);
   void Write(int connection, absl::string_view text);
+  static void CompleteUnanswered(Line* call);
   void TellWhen();
   // Before the host does something: what it may do that on account of.
   void TellWhatTheHostKnows();

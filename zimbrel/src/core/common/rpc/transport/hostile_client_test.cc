@@ -451,38 +451,45 @@ TEST_F(HostileClientTest, AServerEndsWhileAClientIsSlowed) {
 
 // Turns ----------------------------------------------------------------------
 
-// Sixteen frames were handled before the clock was looked at.
-TEST_F(HostileClientTest, OthersHaveTheirTurnsBetweenFramesThatTakeLong) {
+class HostileClientTurnsTest : public HostileClientTest {
+ protected:
+  HostileClientTurnsTest() {
+    widget.on_show = [this](std::uint64_t browser) {
+      shown.push_back(browser);
+      if (browser == kSlowBrowser) WorkFor(absl::Milliseconds(2));
+    };
+    loop.RunUntilIdle();
+  }
+
+  static constexpr std::uint64_t kSlowBrowser = 1;
+  static constexpr std::uint64_t kQuickBrowser = 2;
+  static constexpr std::uint64_t kOthersBrowser = 3;
+
   std::vector<std::uint64_t> shown;
-  widget.on_show = [&shown](std::uint64_t browser) {
-    shown.push_back(browser);
-    if (browser == 1) WorkFor(absl::Milliseconds(2));
-  };
   RawPeer slow = ConnectRaw(*server);
   RawPeer other = ConnectRaw(*server);
-  loop.RunUntilIdle();
-  for (std::uint64_t id = 1; id <= 10; ++id) slow.Send(CallFrame(id, kShow, 1));
-  other.Send(CallFrame(1, kShow, 2));
+};
+
+// Sixteen frames were handled before the clock was looked at.
+TEST_F(HostileClientTurnsTest, OthersHaveTheirTurnsBetweenFramesThatTakeLong) {
+  for (std::uint64_t id = 1; id <= 10; ++id)
+    slow.Send(CallFrame(id, kShow, kSlowBrowser));
+  other.Send(CallFrame(1, kShow, kOthersBrowser));
   loop.RunUntilIdle();
   ASSERT_EQ(shown.size(), 11u);
-  EXPECT_THAT((std::vector(shown.begin(), shown.begin() + 3)), Contains(2u));
+  EXPECT_THAT((std::vector(shown.begin(), shown.begin() + 3)),
+              Contains(kOthersBrowser));
 }
 
-TEST_F(HostileClientTest, OthersHaveTheirTurnsThoughQuickFramesComeFirst) {
-  std::vector<std::uint64_t> shown;
-  widget.on_show = [&shown](std::uint64_t browser) {
-    shown.push_back(browser);
-    if (browser == 1) WorkFor(absl::Milliseconds(2));
-  };
-  RawPeer slow = ConnectRaw(*server);
-  RawPeer other = ConnectRaw(*server);
-  loop.RunUntilIdle();
-  slow.Send(CallFrame(1, kShow, 3));
-  for (std::uint64_t id = 2; id <= 40; ++id) slow.Send(CallFrame(id, kShow, 1));
-  other.Send(CallFrame(1, kShow, 2));
+TEST_F(HostileClientTurnsTest, OthersHaveTheirTurnsThoughQuickFramesComeFirst) {
+  slow.Send(CallFrame(1, kShow, kQuickBrowser));
+  for (std::uint64_t id = 2; id <= 40; ++id)
+    slow.Send(CallFrame(id, kShow, kSlowBrowser));
+  other.Send(CallFrame(1, kShow, kOthersBrowser));
   loop.RunUntilIdle();
   ASSERT_EQ(shown.size(), 41u);
-  EXPECT_THAT((std::vector(shown.begin(), shown.begin() + 12)), Contains(2u));
+  EXPECT_THAT((std::vector(shown.begin(), shown.begin() + 12)),
+              Contains(kOthersBrowser));
 }
 
 TEST_F(HostileClientTest, OthersHaveTheirTurnsWhileTheStreamsOfOneEnd) {
