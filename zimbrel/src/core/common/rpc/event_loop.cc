@@ -88,7 +88,9 @@ class EventLoop::State {
   // Turns all that is ready into tasks; returns how many are queued then.
   std::size_t Collect(EpollSet::Waiting waiting = EpollSet::Waiting::kNo) {
     RunWhatPrecedesWaiting();
-    set_.Look(waiting);
+    // The wakers matter only to whoever waits, here or outside.
+    if (waiting == EpollSet::Waiting::kYes || is_watched_ || !set_.empty())
+      set_.Look(waiting);
     timers_.PostDue();
     inbox_->MoveTo(&queue_);
     until_look_ = queue_.size();

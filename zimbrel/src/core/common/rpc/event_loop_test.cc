@@ -3,6 +3,7 @@
 #include <csignal>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -26,6 +27,24 @@ TEST(EventLoop, RunsTasksInOrderAndNotInsidePost) {
 }
 
 // Those of a run used to overtake them.
+TEST(EventLoop, RunsManyTasksInOrderWhileTheyPostOthers) {
+  EventLoop loop;
+  std::vector<int> ran;
+  int posted = 0;
+  std::function<void()> post = [&] {
+    if (posted == 1000) return;
+    loop.Post([&, number = posted++] {
+      ran.push_back(number);
+      post();
+    });
+  };
+  for (int i = 0; i < 300; ++i) post();
+  EXPECT_EQ(loop.RunUntilIdle(), 1000u);
+  std::vector<int> in_order(1000);
+  std::iota(in_order.begin(), in_order.end(), 0);
+  EXPECT_EQ(ran, in_order);
+}
+
 TEST(EventLoop, RunsWhatWasPostedBetweenTwoRunsBeforeWhatTheSecondPosts) {
   EventLoop loop;
   std::vector<int> ran;
