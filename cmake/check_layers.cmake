@@ -59,7 +59,7 @@ allow(${rpc}/stream "${rpc}/stream/[a-z_]+\\.h" "${contracts}" "${protos}" "${lo
 allow(${rpc}/transport/wire "${rpc}/transport/wire/[a-z_]+\\.h" "${rpc}/transport/frame_limits\\.h"
       "${contracts}" ${transport_protos})
 allow(${rpc}/transport/server "${rpc}/transport/(server|wire)/[a-z_]+\\.h"
-      "${rpc}/transport/(frame_limits|server_counters|server_limits)\\.h" "${contracts}"
+      "${rpc}/transport/(frame_limits|responsiveness|server_counters|server_limits)\\.h" "${contracts}"
       ${transport_protos})
 allow(${rpc}/transport/client "${rpc}/transport/(client|wire)/[a-z_]+\\.h"
       "${rpc}/transport/(frame_limits|client_stream|responsiveness)\\.h" "${contracts}" ${transport_protos})

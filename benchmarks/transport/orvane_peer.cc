@@ -5,7 +5,7 @@
 //                         the thread that calls waits for each answer
 //   --interface toolkit   posts, idle: measures the main loop itself
 //   --interface observed  with an observer at both ends
-//   --interface watched   the host looks whether its server hangs
+//   --interface watched   each end looks whether the other one hangs
 //   --interface traced    `widgetctl trace` stands between the two
 //   --interface traced-without-payloads
 
@@ -116,6 +116,8 @@ class Server final : public PeerRpc {
   std::unique_ptr<SharedPicture> picture_;
 };
 
+constexpr absl::Duration kPatience = absl::Seconds(1);
+
 void Serve(const Options& options, Meter& meter) {
   orvane::EventLoop loop(LoopOptions(options));
   Server service(options, meter, &loop);
@@ -124,6 +126,11 @@ void Serve(const Options& options, Meter& meter) {
       {.max_frame_bytes = kMaxFrameBytes, .max_connections = kMaxHosts});
   orvane::PrometheusMetrics metrics("server");
   if (options.interface == "observed") server.SetObserver(&metrics);
+  if (options.interface == "watched") {
+    server.WatchClients(kPatience, [](const auto&, bool responds) {
+      if (!responds) Fail("the host hangs");
+    });
+  }
   if (const absl::Status listening = server.Listen(options.socket_path);
       !listening.ok())
     Fail(std::string(listening.message()));
@@ -386,7 +393,7 @@ void Drive(const Options& options, Meter& meter) {
         client_options);
     if (!connection.ok()) Fail(std::string(connection.status().message()));
     if (options.interface == "watched") {
-      (*connection)->WatchServer(absl::Seconds(1), [](const auto& server) {
+      (*connection)->WatchServer(kPatience, [](const auto& server) {
         if (!server.responds) Fail("the server hangs");
       });
     }

@@ -44,6 +44,9 @@ void PrintHelp() {
          "  --files DIR     let pages load the files in DIR too; may be given\n"
          "                  several times\n"
          "  --allow-scripts let hosts run scripts in pages\n"
+         "  --patience SECONDS\n"
+         "                  log which host neither answers nor reads for so "
+         "long\n"
          "  --engine PATH   the engine's program\n"
          "                  (default "
       << defaults.engine.path
@@ -83,6 +86,12 @@ int DescriptorOf(absl::string_view text) {
   return *descriptor;
 }
 
+absl::Duration PatienceOf(absl::string_view text) {
+  const auto patience = widget_server::ParsePatience(text);
+  if (!patience.ok()) RefuseUsage(patience.status().message());
+  return *patience;
+}
+
 void AddPage(absl::string_view text, Options* options) {
   const std::size_t equals = text.find('=');
   std::uint64_t browser = 0;
@@ -106,6 +115,7 @@ Options ParseOptions(int argc, char** argv) {
                           {"files", required_argument, nullptr, 'f'},
                           {"help", no_argument, nullptr, 'h'},
                           {"page", required_argument, nullptr, 'p'},
+                          {"patience", required_argument, nullptr, 't'},
                           {"profile", required_argument, nullptr, 'd'},
                           {"schemes", required_argument, nullptr, 'c'},
                           {"socket", required_argument, nullptr, 's'},
@@ -141,6 +151,9 @@ Options ParseOptions(int argc, char** argv) {
         break;
       case 's':
         options.endpoints.socket = optarg;
+        break;
+      case 't':
+        options.endpoints.patience = PatienceOf(optarg);
         break;
       case 'v':
         std::cout << "orvane-chromium " << orvane::kVersion << "\n";

@@ -1,14 +1,27 @@
 #include "examples/widget_server/endpoints.h"
 
+#include <cmath>
 #include <memory>
 #include <utility>
 
+#include "absl/log/log.h"
 #include "absl/strings/numbers.h"
 #include "absl/strings/str_cat.h"
 
 #include "zimbrel/src/core/common/rpc/transport/unix_socket.h"
 
 namespace widget_server {
+namespace {
+
+void LogResponsiveness(const rpc::transport::ConnectionStatus& host,
+                       bool responds) {
+  LOG(WARNING) << "the host in process " << host.process_id() << " ("
+               << host.service() << ") "
+               << (responds ? "goes on"
+                            : "hangs: it neither answers nor reads");
+}
+
+}  // namespace
 
 absl::StatusOr<int> ParseDescriptor(absl::string_view text) {
   int descriptor = 0;
@@ -16,6 +29,14 @@ absl::StatusOr<int> ParseDescriptor(absl::string_view text) {
   return absl::InvalidArgumentError(absl::StrCat(
       "--descriptor takes the number of an inherited socket, not '", text,
       "'"));
+}
+
+absl::StatusOr<absl::Duration> ParsePatience(absl::string_view text) {
+  double seconds = 0;
+  if (absl::SimpleAtod(text, &seconds) && seconds > 0 && std::isfinite(seconds))
+    return absl::Seconds(seconds);
+  return absl::InvalidArgumentError(
+      absl::StrCat("--patience takes seconds, not '", text, "'"));
 }
 
 void AddInheritedSockets(Endpoints* endpoints) {
@@ -26,6 +47,7 @@ void AddInheritedSockets(Endpoints* endpoints) {
 absl::StatusOr<std::string> Serve(const Endpoints& endpoints,
                                   orvane::SocketServer* server,
                                   orvane::Task on_abandoned) {
+  server->WatchClients(endpoints.patience, LogResponsiveness);
   const std::vector<int>& inherited = endpoints.descriptors;
   std::string path = endpoints.socket;
   if (path.empty() && inherited.empty())

@@ -1,4 +1,4 @@
-// Where a widget's hosts come from.
+// Where a widget's hosts come from, and what is logged of them.
 
 #ifndef EXAMPLES_WIDGET_SERVER_ENDPOINTS_H_
 #define EXAMPLES_WIDGET_SERVER_ENDPOINTS_H_
@@ -9,6 +9,7 @@
 #include "absl/status/status.h"
 #include "absl/status/statusor.h"
 #include "absl/strings/string_view.h"
+#include "absl/time/time.h"
 
 #include "orvane/server.h"
 
@@ -17,10 +18,14 @@ namespace widget_server {
 struct Endpoints {
   std::string socket = "";       // A path. Empty: none was given.
   std::vector<int> descriptors;  // Of inherited sockets.
+
+  // A host that neither answers nor reads for so long is logged.
+  absl::Duration patience = absl::InfiniteDuration();
 };
 
-// Of an inherited socket, from the command line.
+// What --descriptor and --patience take on the command line.
 absl::StatusOr<int> ParseDescriptor(absl::string_view text);
+absl::StatusOr<absl::Duration> ParsePatience(absl::string_view text);
 
 // Adds those that a service manager passes (see TakeInheritedSockets).
 void AddInheritedSockets(Endpoints* endpoints);

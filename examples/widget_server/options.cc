@@ -31,7 +31,10 @@ void PrintHelp() {
          "                 socket; may be given several times\n"
          "  --browsers N   serve the browsers 1 to N, at most "
       << kMaxBrowsers << " (default " << defaults.browsers << ")\n"
-      << "  --help         print this and exit\n"
+      << "  --patience SECONDS\n"
+         "                 log which host neither answers nor reads for so "
+         "long\n"
+         "  --help         print this and exit\n"
          "  --version      print the version and exit\n"
          "\n"
          "Sockets of a service manager (LISTEN_FDS) are served too.\n"
@@ -67,12 +70,19 @@ int DescriptorOf(absl::string_view text) {
   return *descriptor;
 }
 
+absl::Duration PatienceOf(absl::string_view text) {
+  const absl::StatusOr<absl::Duration> patience = ParsePatience(text);
+  if (!patience.ok()) RefuseUsage(patience.status().message());
+  return *patience;
+}
+
 }  // namespace
 
 Options ParseOptions(int argc, char** argv) {
   const option known[] = {{"socket", required_argument, nullptr, 's'},
                           {"descriptor", required_argument, nullptr, 'd'},
                           {"browsers", required_argument, nullptr, 'b'},
+                          {"patience", required_argument, nullptr, 'p'},
                           {"help", no_argument, nullptr, 'h'},
                           {"version", no_argument, nullptr, 'v'},
                           {}};
@@ -88,6 +98,9 @@ Options ParseOptions(int argc, char** argv) {
         break;
       case 'b':
         options.browsers = ParseBrowsers(optarg);
+        break;
+      case 'p':
+        options.endpoints.patience = PatienceOf(optarg);
         break;
       case 'h':
         PrintHelp();

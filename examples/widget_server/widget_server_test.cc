@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "absl/strings/str_cat.h"
 #include "absl/time/time.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -289,6 +290,31 @@ TEST_F(WidgetServerTest, IsFoundOutWhileItIsStoppedAndLosesNothing) {
   ASSERT_TRUE(
       loop_.RunUntil([&] { return answers == 10 && told.size() == 2; }));
   EXPECT_THAT(told, ElementsAre("hangs", "responds"));
+}
+
+TEST_F(WidgetServerTest, LogsWhichHostHangs) {
+  ChildProcess server(
+      {"/bin/bash", "-c",
+       "exec " WIDGET_SERVER " --patience 0.05 --socket " + socket_ + " 2>&1"});
+  server.ReadLine();
+  const auto host = Connect();
+  ASSERT_EQ(CallByName(host.get(), "Unfocus", "value: 3"), absl::OkStatus());
+  // Now nobody runs the host's loop.
+  const std::string who = absl::StrCat("the host in process ", ::getpid(),
+                                       " (rpc.BrowserWidgetRpc)");
+  EXPECT_THAT(server.ReadLine(),
+              EndsWith(who + " hangs: it neither answers nor reads"));
+  ASSERT_EQ(CallByName(host.get(), "Unfocus", "value: 3"), absl::OkStatus());
+  EXPECT_THAT(server.ReadLine(), EndsWith(who + " goes on"));
+}
+
+TEST_F(WidgetServerTest, RefusesAPatienceThatIsNoTime) {
+  for (const std::string patience : {"0", "-1", "soon", "inf", "nan"}) {
+    const ChildProcess::Result result = Run({"--patience=" + patience});
+    EXPECT_EQ(result.exit_code, 2);
+    EXPECT_EQ(result.errors, "widget_server: --patience takes seconds, not '" +
+                                 patience + "'\nSee widget_server --help.\n");
+  }
 }
 
 // Inherited sockets

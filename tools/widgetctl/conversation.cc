@@ -167,6 +167,12 @@ Said Conversation::Explain(Side from, const StreamMessage& frame,
       // The last frame of a stream is the widget's.
       if (from == Side::kWidget) streams_.erase(said.stream);
       break;
+    case StreamMessage::KIND_PING:
+      said.what = "ping";
+      break;
+    case StreamMessage::KIND_PONG:
+      said.what = "pong";
+      break;
     default:
       break;
   }

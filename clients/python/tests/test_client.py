@@ -110,6 +110,15 @@ class ClientTest(unittest.IsolatedAsyncioTestCase):
             frame = await widget.frame()
             self.assertEqual(frame.kind, StreamMessage.KIND_CANCEL)
 
+    async def test_a_widget_may_ask_whether_the_host_is_there(self) -> None:
+        async with self.connected() as (_, connection, widget):
+            await widget.send(kind=StreamMessage.KIND_PONG)
+            await widget.send(kind=StreamMessage.KIND_PING)
+            self.assertEqual(await widget.frame(), StreamMessage(
+                kind=StreamMessage.KIND_PONG
+            ))
+            await self.settle_as_first(connection, widget)
+
     async def test_an_infinite_timeout_is_none(self) -> None:
         async with self.connected() as (client, connection, widget):
             with mock.patch.object(connection.loop, "call_later") as call_later:

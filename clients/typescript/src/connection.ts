@@ -482,6 +482,12 @@ export class Connection {
         if (this.#calls.has(streamId)) this.#endCall(frame);
         else this.#endStream(streamId, errorOf(frame));
         return;
+      case Kind.PING:
+        // What the server has not read yet says as much.
+        if (this.#socket.writableLength === 0) this.#write({ kind: Kind.PONG });
+        return;
+      case Kind.PONG:
+        return;
       default:
         throw new RpcError(Code.UNAVAILABLE, `the server sent a frame of kind ${kind}`);
     }

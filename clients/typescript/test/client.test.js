@@ -96,6 +96,14 @@ test('an aborted signal gives up its call', { timeout: 20_000 }, () =>
     assert.equal(frame.streamId, sent.streamId);
   }));
 
+test('a widget may ask whether the host is there', { timeout: 20_000 }, () =>
+  connected(async (host, widget, connection) => {
+    widget.send({ kind: Kind.PONG });
+    widget.send({ kind: Kind.PING });
+    assert.equal((await widget.frame()).kind, Kind.PONG);
+    await widget.settleAsFirst(connection);
+  }));
+
 test('an aborted signal ends its streams with its reason', { timeout: 20_000 }, () =>
   connected(async (host, widget) => {
     const controller = new AbortController();

@@ -46,6 +46,8 @@ _OPEN = int(StreamMessage.KIND_OPEN)
 _NEXT = int(StreamMessage.KIND_NEXT)
 _COMPLETE = int(StreamMessage.KIND_COMPLETE)
 _HELLO = int(StreamMessage.KIND_HELLO)
+_PING = int(StreamMessage.KIND_PING)
+_PONG = int(StreamMessage.KIND_PONG)
 
 # What one task of the loop sends leaves together, or as soon as it is so much.
 _ENOUGH_TO_WRITE = 8 << 10
@@ -519,7 +521,12 @@ class Connection:
                 stream.end(error_of(frame) if kind == _ERROR else None)
         elif kind == _HELLO:
             self._meet(frame)
-        else:
+        elif kind == _PING:
+            # What the server has not read yet says as much.
+            assert self._transport is not None
+            if self._transport.get_write_buffer_size() == 0:
+                self._write(encode(_PONG, 0))
+        elif kind != _PONG:
             raise RpcError(
                 Code.UNAVAILABLE, f"the server sent a frame of kind {kind}"
             )

@@ -8,6 +8,8 @@
 #include "absl/time/time.h"
 #include "google/protobuf/descriptor.h"
 
+#include "rpc/transport/status.pb.h"
+
 namespace orvane {
 
 // What a client knows of its server.
@@ -22,6 +24,11 @@ struct Responsiveness {
 };
 
 using OnResponsiveness = std::function<void(const Responsiveness&)>;
+
+// What a server knows of a client. `responds` is false if it has neither sent
+// nor read anything since it was asked whether it is there.
+using OnClientResponsiveness = std::function<void(
+    const rpc::transport::ConnectionStatus& client, bool responds)>;
 
 }  // namespace orvane
 

@@ -130,8 +130,9 @@ class SocketClient {
   // on in any case, and nothing is lost.
   //
   // A server that has nothing to say is asked whether it is there, once or
-  // twice in each `patience`, which wakes its process up. One whose handler
-  // blocks counts as one that hangs; one that answers a call late does not.
+  // twice in each `patience`, which wakes its process up; one that speaks
+  // protocol 1 only cannot be asked. One whose handler blocks counts as one
+  // that hangs; one that answers a call late does not.
   //
   // `on_change` runs as a task of the loop, not after the connection's end, and
   // may destroy the client. Another call replaces it; with an infinite patience

@@ -16,6 +16,7 @@
 #include "rpc/event_subscription.pb.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
 #include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_server.h"
 #include "zimbrel/src/core/common/rpc/transport/subscriptions.h"
@@ -330,6 +331,16 @@ TEST_F(SocketClientTest, AFrameThatServersDoNotSendEndsTheConnection) {
             absl::UnavailableError(
                 "the server sent a frame of kind 1, which a server never "
                 "sends"));
+}
+
+TEST_F(SocketClientTest, AnswersTheQuestionWhetherItIsThere) {
+  PendingCall call;
+  Begin(&call);
+  server->Send(Frame(StreamMessage::KIND_PONG, 0));  // Nobody has asked.
+  server->Send(Frame(StreamMessage::KIND_PING, 0));
+  Settle();
+  ASSERT_EQ(server->frames.size(), 2u);
+  EXPECT_EQ(InWords(server->frames.back()), "PONG 0");
 }
 
 TEST_F(SocketClientTest, BytesThatAreNoFrameEndTheConnection) {

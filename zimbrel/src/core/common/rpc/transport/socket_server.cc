@@ -118,6 +118,14 @@ class SocketServer::Impl {
     observer_ = observer;
   }
 
+  void WatchClients(absl::Duration patience, OnClientResponsiveness on_change) {
+    loop_->CheckServiceThread("SocketServer::WatchClients");
+    patience_ = patience;
+    on_responsiveness_ = std::move(on_change);
+    for (const auto& [id, connection] : connections_)
+      connection->Watch(patience_, on_responsiveness_);
+  }
+
   std::size_t connections() const {
     loop_->CheckServiceThread("SocketServer::connections");
     return connections_.size();
@@ -169,17 +177,18 @@ class SocketServer::Impl {
       return why;
     }
     const int id = next_id_++;
-    connections_.emplace(id, std::make_unique<ServerConnection>(
-                                 loop_, services_, limits_,
-                                 std::make_unique<ClientBudget>(budget_),
-                                 &counters_, observer_, std::move(socket),
-                                 [this, id, alive = std::weak_ptr(alive_),
-                                  on_end = std::move(on_end)]() mutable {
-                                   connections_.extract(id);
-                                   if (alive.expired()) return;
-                                   TellEnd(std::move(on_end));
-                                   FinishIfAllHaveLeft();
-                                 }));
+    auto connection = std::make_unique<ServerConnection>(
+        loop_, services_, limits_, std::make_unique<ClientBudget>(budget_),
+        &counters_, observer_, std::move(socket),
+        [this, id, alive = std::weak_ptr(alive_),
+         on_end = std::move(on_end)]() mutable {
+          connections_.extract(id);
+          if (alive.expired()) return;
+          TellEnd(std::move(on_end));
+          FinishIfAllHaveLeft();
+        });
+    connection->Watch(patience_, on_responsiveness_);
+    connections_.emplace(id, std::move(connection));
     return absl::OkStatus();
   }
 
@@ -291,6 +300,8 @@ class SocketServer::Impl {
   const std::shared_ptr<ClientBudget::Total> budget_;
   ServerCounters counters_;
   OperationObserver* observer_ = nullptr;
+  absl::Duration patience_ = absl::InfiniteDuration();
+  OnClientResponsiveness on_responsiveness_;
   const std::shared_ptr<char> alive_ = std::make_shared<char>();
   // Removes the socket file, after the acceptors below have been closed.
   std::optional<ListeningSocket> listening_;
@@ -322,6 +333,11 @@ absl::Status SocketServer::Adopt(int descriptor, Task on_end) {
 
 void SocketServer::Shutdown(absl::Duration within, Task done) {
   impl_->Shutdown(within, std::move(done));
+}
+
+void SocketServer::WatchClients(absl::Duration patience,
+                                OnClientResponsiveness on_change) {
+  impl_->WatchClients(patience, std::move(on_change));
 }
 
 void SocketServer::SetObserver(OperationObserver* observer) {

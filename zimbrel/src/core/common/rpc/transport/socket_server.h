@@ -14,6 +14,7 @@
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/operation_observer.h"
 #include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/transport/responsiveness.h"
 #include "zimbrel/src/core/common/rpc/transport/server_counters.h"
 #include "zimbrel/src/core/common/rpc/transport/server_limits.h"
 
@@ -96,6 +97,21 @@ class SocketServer {
   // after `within` at the latest; it never runs if the server is destroyed
   // before. A second call of Shutdown does nothing, and its `done` never runs.
   void Shutdown(absl::Duration within, Task done);
+
+  // Tells when a client hangs, and when it goes on. A client hangs that has
+  // neither sent nor read anything for some time between a third of `patience`
+  // and all of it; less than 3 ms count as 3 ms. By default nobody looks. The
+  // connection goes on in any case, and nothing is lost but the events that are
+  // replaced by later ones.
+  //
+  // A client that is silent is asked whether it is there, once or twice in each
+  // `patience`, which wakes its process up. One that speaks protocol 1 only
+  // cannot be asked: it hangs if it does not read what waits for it.
+  //
+  // `on_change` runs as a task of the loop, not after the connection's end, and
+  // may destroy the server. Another call replaces it; with an infinite patience
+  // nobody looks any more.
+  void WatchClients(absl::Duration patience, OnClientResponsiveness on_change);
 
   // Tells `observer` of the operations of the clients that come from now on;
   // null: of none, as without this call. It outlives the server.

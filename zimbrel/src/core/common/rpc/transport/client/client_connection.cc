@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <limits>
 #include <map>
 #include <utility>
 
@@ -247,22 +246,14 @@ void ClientConnection::SendEnd(StreamMessage::Kind kind, std::uint64_t id) {
 
 // Whether the server is there -------------------------------------------------
 
-namespace {
-
-// Less says nothing about a server, and would keep both ends busy.
-constexpr absl::Duration kMinPatience = absl::Milliseconds(3);
-
-}  // namespace
-
 void ClientConnection::WatchServer(absl::Duration patience,
                                    OnResponsiveness on_change) {
   loop_->CheckServiceThread("SocketClient::WatchServer");
   watch_ = nullptr;
   if (patience == absl::InfiniteDuration() || !status_.ok()) return;
-  patience = std::max(patience, kMinPatience);
-  watch_ = std::make_unique<ServerWatch>(
+  watch_ = std::make_unique<PeerWatch>(
       loop_, patience,
-      ServerWatch::Callbacks{
+      PeerWatch::Callbacks{
           .ask = [this] { return AskWhetherItIsThere(); },
           .has_input = [this] { return socket_->HasInput(); },
           .on_change =
@@ -276,14 +267,10 @@ void ClientConnection::WatchServer(absl::Duration patience,
 }
 
 bool ClientConnection::AskWhetherItIsThere() {
-  if (service_ == nullptr || !status_.ok()) return false;
-  StreamMessage call;
-  call.set_kind(StreamMessage::KIND_CALL);
-  call.set_stream_id(++last_id_);
-  call.set_method(std::numeric_limits<std::uint32_t>::max());
-  const absl::Status sent = socket_->Send(call);
-  // While it reads nothing, what waits for it is question enough.
-  return sent.ok() || absl::IsResourceExhausted(sent);
+  if (service_ == nullptr) return false;
+  // Our hello has to be answered, too.
+  if (!server_hello_.has_value()) return true;
+  return Ask(*socket_, server_hello_->newest_protocol());
 }
 
 Responsiveness ClientConnection::Describe(bool responds) const {
@@ -380,6 +367,10 @@ void ClientConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
     case StreamMessage::KIND_ERROR:
       if (streams_.contains(id)) return EndStream(id, ErrorOf(frame));
       return EndCall(frame, payload);
+    case StreamMessage::KIND_PING:
+      return AnswerPing(*socket_);
+    case StreamMessage::KIND_PONG:
+      return;
     default:
       return Close(absl::UnavailableError(
           absl::StrCat("the server sent a frame of kind ", frame.kind(),
@@ -391,6 +382,10 @@ void ClientConnection::OnBroken(const absl::Status& why) {
   Close(why.ok() ? absl::UnavailableError("the server closed the connection")
                  : absl::UnavailableError(
                        absl::StrCat("the connection broke: ", why.message())));
+}
+
+void ClientConnection::OnRoom() {
+  if (watch_ != nullptr) watch_->Heard();
 }
 
 // The caller that wanted to send has received the error.

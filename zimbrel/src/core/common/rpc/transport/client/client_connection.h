@@ -18,10 +18,10 @@
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/operation_observer.h"
-#include "zimbrel/src/core/common/rpc/transport/client/server_watch.h"
 #include "zimbrel/src/core/common/rpc/transport/client_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/responsiveness.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/peer_watch.h"
 
 namespace orvane::internal {
 
@@ -76,6 +76,7 @@ class ClientConnection final : public FrameSocket::Receiver {
   void OnFrame(rpc::transport::StreamMessage& frame,
                std::string_view payload) override;
   void OnBroken(const absl::Status& why) override;
+  void OnRoom() override;
   void OnFull(const absl::Status& why) override;
 
   // Sends the hello when a service is used for the first time; the connection
@@ -129,8 +130,7 @@ class ClientConnection final : public FrameSocket::Receiver {
                 std::shared_ptr<ClientCall> call, absl::Duration timeout);
   bool IsInsideACallback() const;
 
-  // Makes a call that the server refuses at once, whatever its version. False
-  // if the connection cannot be used, or not yet.
+  // See PeerWatch::Callbacks.
   bool AskWhetherItIsThere();
   Responsiveness Describe(bool responds) const;
 
@@ -153,7 +153,7 @@ class ClientConnection final : public FrameSocket::Receiver {
   const google::protobuf::ServiceDescriptor* service_ = nullptr;
   // Set by OnHello.
   std::optional<rpc::transport::Hello> server_hello_;
-  std::unique_ptr<ServerWatch> watch_;  // Null unless it was asked for.
+  std::unique_ptr<PeerWatch> watch_;  // Null unless it was asked for.
   std::uint64_t last_id_ = 0;
   absl::flat_hash_map<std::uint64_t, std::shared_ptr<ClientCall>> calls_;
   absl::flat_hash_map<std::uint64_t, std::shared_ptr<ClientStreamState>>

@@ -174,6 +174,7 @@ void ServerConnection::Refuse(std::unique_ptr<EventLoop::Watch> socket,
 }
 
 void ServerConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
+  if (watch_ != nullptr) watch_->Heard();
   if (!has_received_hello_) return OnHello(frame, payload);
   switch (frame.kind()) {
     case StreamMessage::KIND_CALL:
@@ -189,6 +190,10 @@ void ServerConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
       return CompleteStream(frame.stream_id());
     case StreamMessage::KIND_HELLO:
       return Close(absl::InvalidArgumentError("a second hello"));
+    case StreamMessage::KIND_PING:
+      return AnswerPing(*context_.socket);
+    case StreamMessage::KIND_PONG:
+      return;
     default:
       return Close(absl::InvalidArgumentError(absl::StrCat(
           "frame of kind ", frame.kind(), ", which a client never sends")));
@@ -248,11 +253,34 @@ void ServerConnection::Describe(ConnectionStatus* status) const {
     status->set_unread_ms(MillisecondsSince(*since));
 }
 
+void ServerConnection::Watch(absl::Duration patience,
+                             OnClientResponsiveness on_change) {
+  watch_ = nullptr;
+  if (patience == absl::InfiniteDuration()) return;
+  watch_ = std::make_unique<PeerWatch>(
+      context_.loop, patience,
+      PeerWatch::Callbacks{
+          .ask = [this] { return Ask(*context_.socket, context_.protocol); },
+          .has_input = [this] { return context_.socket->HasInput(); },
+          .on_change =
+              [this, on_change = std::move(on_change)](bool responds) {
+                ConnectionStatus client;
+                Describe(&client);
+                // May destroy this object, and the callable that is running.
+                const OnClientResponsiveness told = on_change;
+                told(client, responds);
+              }});
+}
+
 bool ServerConnection::IsSilent() const {
   return !has_received_hello_ && !context_.socket->HasInput();
 }
 
 void ServerConnection::OnBroken(const absl::Status& why) { Close(why); }
+
+void ServerConnection::OnRoom() {
+  if (watch_ != nullptr) watch_->Heard();
+}
 
 void ServerConnection::OnFull(const absl::Status& why) { Close(why); }
 
@@ -404,6 +432,7 @@ void ServerConnection::Close(const absl::Status& why) {
   }
   context_.socket->Close();
   hello_deadline_.reset();
+  watch_ = nullptr;
   FinishClosing();
 }
 

@@ -12,16 +12,19 @@
 #include "absl/container/flat_hash_map.h"
 #include "absl/functional/any_invocable.h"
 #include "absl/status/status.h"
+#include "absl/time/time.h"
 
 #include "rpc/transport/status.pb.h"
 #include "rpc/transport/stream_message.pb.h"
 #include "zimbrel/src/core/common/rpc/coarse_clock.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/service.h"
+#include "zimbrel/src/core/common/rpc/transport/responsiveness.h"
 #include "zimbrel/src/core/common/rpc/transport/server/client_presence.h"
 #include "zimbrel/src/core/common/rpc/transport/server/server_stream.h"
 #include "zimbrel/src/core/common/rpc/transport/server_limits.h"
 #include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/peer_watch.h"
 
 namespace orvane::internal {
 
@@ -65,6 +68,9 @@ class ServerConnection final : public FrameSocket::Receiver {
 
   void Describe(rpc::transport::ConnectionStatus* status) const;
 
+  // See SocketServer::WatchClients.
+  void Watch(absl::Duration patience, OnClientResponsiveness on_change);
+
   // Whether nothing has come from the client yet.
   bool IsSilent() const;
 
@@ -80,6 +86,7 @@ class ServerConnection final : public FrameSocket::Receiver {
   void OnFrame(rpc::transport::StreamMessage& frame,
                std::string_view payload) override;
   void OnBroken(const absl::Status& why) override;
+  void OnRoom() override;
   void OnFull(const absl::Status& why) override;
 
   // The client's first frame.
@@ -117,6 +124,7 @@ class ServerConnection final : public FrameSocket::Receiver {
   absl::AnyInvocable<void() &&> on_end_;
   bool has_received_hello_ = false;
   std::unique_ptr<EventLoop::Timer> hello_deadline_;  // Until then.
+  std::unique_ptr<PeerWatch> watch_;  // Null unless it was asked for.
   bool is_shutting_down_ = false;
   // Calls without an answer yet. Each is owned by its handler, through `done`.
   absl::flat_hash_map<std::uint64_t, ServerCall*> calls_;

@@ -46,7 +46,7 @@ class Endpoint final : public StreamEndpoint {
 
   void CancelCall(std::int64_t call_id) override {
     if (observed_ != nullptr) observed_->GiveUp(call_id);
-    if (context_->protocol < kProtocolWithCancelledCalls) return;
+    if (context_->protocol < kSecondProtocol) return;
     header_.set_kind(StreamMessage::KIND_CANCEL);
     header_.set_call_id(call_id);
     socket().Send(header_).IgnoreError();  // Fails if the client has gone.

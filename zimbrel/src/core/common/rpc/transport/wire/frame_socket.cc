@@ -158,6 +158,7 @@ void FrameSocket::AwaitRoom() {
   stalled_since_ = CoarseClock::now();
   socket_->WhenWritable([this] {
     writing_ = Writing::kIdle;
+    receiver_->OnRoom();
     Flush();
   });
 }

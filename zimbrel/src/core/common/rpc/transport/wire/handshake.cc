@@ -20,7 +20,7 @@ using rpc::transport::Hello;
 namespace {
 
 constexpr std::uint32_t kOldestProtocol = 1;
-constexpr std::uint32_t kNewestProtocol = kProtocolWithCancelledCalls;
+constexpr std::uint32_t kNewestProtocol = kSecondProtocol;
 
 // 64-bit FNV-1a, which takes three lines in any language.
 constexpr std::uint64_t kFnvOffset = 0xcbf29ce484222325;

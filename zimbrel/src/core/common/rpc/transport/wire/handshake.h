@@ -13,8 +13,9 @@
 
 namespace orvane::internal {
 
-// The first protocol in which a server tells that it gives up a call.
-inline constexpr std::uint32_t kProtocolWithCancelledCalls = 2;
+// In this protocol a server tells when it gives up a call, and either end
+// answers the question whether it is there.
+inline constexpr std::uint32_t kSecondProtocol = 2;
 
 // The hello of an end that knows this version of the service.
 rpc::transport::Hello MakeHello(

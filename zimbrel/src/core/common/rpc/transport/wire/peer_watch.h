@@ -1,8 +1,9 @@
-// Finds out that a server hangs.
+// Finds out that the process at the other end of a connection hangs.
 
-#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_SERVER_WATCH_H_
-#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_SERVER_WATCH_H_
+#ifndef ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_PEER_WATCH_H_
+#define ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_PEER_WATCH_H_
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -10,19 +11,20 @@
 #include "absl/time/time.h"
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/transport/wire/frame_socket.h"
 
 namespace orvane::internal {
 
-// Looks three times in each `patience` whether something has come. If not, it
-// asks the server, and if nothing has come at the next look either, the server
-// hangs. So a server that stops is found out within `patience`.
+// Looks three times in each `patience` whether there was a sign of life. If
+// not, it asks the peer, and if there is none at the next look either, the peer
+// hangs. So a peer that stops is found out within `patience`.
 //
 // Thread: the service thread. The callbacks may destroy the watch.
-class ServerWatch {
+class PeerWatch {
  public:
   struct Callbacks {
-    // Sends something that the server answers at once. False if that is not
-    // possible now.
+    // Whether the peer has something to answer or to read now. Sends it a
+    // question if need be and possible.
     absl::AnyInvocable<bool()> ask;
 
     // Whether bytes have come that have not been read, since this process was
@@ -33,11 +35,11 @@ class ServerWatch {
     absl::AnyInvocable<void(bool responds)> on_change;
   };
 
-  ServerWatch(EventLoop* loop, absl::Duration patience, Callbacks callbacks);
-  ServerWatch(const ServerWatch&) = delete;
-  ServerWatch& operator=(const ServerWatch&) = delete;
+  PeerWatch(EventLoop* loop, absl::Duration patience, Callbacks callbacks);
+  PeerWatch(const PeerWatch&) = delete;
+  PeerWatch& operator=(const PeerWatch&) = delete;
 
-  // Called with each frame that comes.
+  // Called at each sign of life: a frame that comes, and bytes that are read.
   void Heard() {
     ++heard_;
     if (is_hung_) Recover();
@@ -50,9 +52,9 @@ class ServerWatch {
 
   EventLoop* const loop_;
   const absl::Duration period_;
-  absl::Time next_;  // When the next look is due.
+  std::chrono::steady_clock::time_point latest_look_;
   Callbacks callbacks_;
-  std::uint64_t heard_ = 0;       // Frames.
+  std::uint64_t heard_ = 0;       // Signs of life.
   std::uint64_t seen_heard_ = 0;  // At the last look.
   bool has_asked_ = false;        // At the last look.
   bool is_hung_ = false;
@@ -60,6 +62,13 @@ class ServerWatch {
   std::unique_ptr<EventLoop::Timer> recovery_;
 };
 
+// Makes sure that the peer has something to read. False if it cannot be asked,
+// since it speaks an older protocol.
+bool Ask(FrameSocket& socket, std::uint32_t protocol);
+
+// Answers a frame of kind KIND_PING.
+void AnswerPing(FrameSocket& socket);
+
 }  // namespace orvane::internal
 
-#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_CLIENT_SERVER_WATCH_H_
+#endif  // ZIMBREL_SRC_CORE_COMMON_RPC_TRANSPORT_WIRE_PEER_WATCH_H_
