@@ -139,7 +139,7 @@ void WidgetProcess::Stop(absl::Duration within, Task done) {
       break;
     case WidgetProcessState::kPausing:
       timer_.reset();
-      loop_->Post(std::move(done));
+      TellStopped(std::move(done));
       SetState(WidgetProcessState::kEnded, absl::OkStatus());
       break;
     case WidgetProcessState::kEnding:
@@ -192,7 +192,7 @@ void WidgetProcess::OnEnd() {
   running_.reset();
   timer_.reset();
   if (state_ == WidgetProcessState::kEnding) {
-    loop_->Post(std::move(stopped_));
+    TellStopped(std::move(stopped_));
     SetState(WidgetProcessState::kEnded, EndInWords(end));
   } else {
     Pause(EndInWords(end));
@@ -226,6 +226,13 @@ void WidgetProcess::SetState(WidgetProcessState state,
   why_ = why;
   const auto on_state = on_state_;  // It may destroy this object.
   if (*on_state) (*on_state)(state, absl::Status(why));
+}
+
+void WidgetProcess::TellStopped(Task done) {
+  loop_->Post(
+      [alive = std::weak_ptr(on_state_), done = std::move(done)]() mutable {
+        if (!alive.expired() && done) std::move(done)();
+      });
 }
 
 }  // namespace orvane::host

@@ -86,8 +86,9 @@ class WidgetProcess {
   void Restart();
 
   // Ends the widget with SIGTERM and, if that takes longer than `within`, with
-  // SIGKILL; then runs `done` as a task. The widget's connections may be closed
-  // before or after. A second call does nothing.
+  // SIGKILL; then runs `done` as a task, unless this object is destroyed
+  // before. The widget's connections may be closed before or after. A second
+  // call does nothing.
   void Stop(absl::Duration within, Task done);
 
   WidgetProcessState state() const { return state_; }
@@ -113,10 +114,11 @@ class WidgetProcess {
   void Pause(const absl::Status& why);
   void StartLater();
   void SetState(WidgetProcessState state, const absl::Status& why);
+  void TellStopped(Task done);
 
   EventLoop* const loop_;
   const WidgetProcessOptions options_;
-  const std::shared_ptr<const OnState> on_state_;
+  const std::shared_ptr<const OnState> on_state_;  // Exists while this does.
   WidgetProcessState state_ = WidgetProcessState::kRunning;
   absl::Status why_;
   std::optional<Running> running_;

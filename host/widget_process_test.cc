@@ -256,6 +256,25 @@ TEST_F(WidgetProcessTest, MayBeDestroyedWhenToldOfItsEnd) {
   EXPECT_TRUE(loop_.RunUntil([this] { return process_ == nullptr; }));
 }
 
+// What waited for that may be gone as well.
+TEST_F(WidgetProcessTest,
+       OneThatIsDestroyedWhenToldOfItsEndDoesNotTellStopped) {
+  bool has_ended = false;
+  bool is_told = false;
+  auto process = WidgetProcess::Start(&loop_, {.command = {"cat"}},
+                                      [&](State state, const absl::Status&) {
+                                        if (state != State::kEnded) return;
+                                        process_ = nullptr;
+                                        has_ended = true;
+                                      });
+  ASSERT_TRUE(process.ok()) << process.status();
+  process_ = *std::move(process);
+  process_->Stop(absl::Minutes(1), [&] { is_told = true; });
+  ASSERT_TRUE(loop_.RunUntil([&] { return has_ended; }));
+  loop_.RunUntilIdle();
+  EXPECT_FALSE(is_told);
+}
+
 TEST_F(WidgetProcessTest, ItsDestructionKillsTheWidget) {
   StartWidget();
   ASSERT_TRUE(Answers());

@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
+#include <system_error>
 #include <utility>
 
 #include "absl/status/status.h"
@@ -30,6 +32,14 @@ constexpr absl::string_view kOfHost = "\033[36m";    // Cyan.
 constexpr absl::string_view kOfWidget = "\033[32m";  // Green.
 constexpr absl::string_view kOfErrors = "\033[31m";  // Red.
 constexpr absl::string_view kPlain = "\033[0m";
+
+// The path itself if there is no such folder.
+std::filesystem::path Canonical(const std::filesystem::path& path) {
+  std::error_code error;
+  std::filesystem::path canonical =
+      std::filesystem::weakly_canonical(path, error);
+  return error ? path : canonical;
+}
 
 std::string Quoted(const std::string& text) {
   google::protobuf::StringValue value;
@@ -181,7 +191,7 @@ absl::Status CheckMethods(const Options& options) {
 ExitCode Intercept(const Options& options, const std::string& path,
                    bool wants_payloads, Listener* listener,
                    const std::function<absl::Status()>& on_listening) {
-  if (path == options.socket) {
+  if (Canonical(path) == Canonical(options.socket)) {
     return Fail(kUsage, absl::StrCat("hosts connect to ", path,
                                      ", so the widget must listen elsewhere: "
                                      "tell where with --socket"));

@@ -134,6 +134,14 @@ TEST_F(WidgetctlTraceTest, HostsAndWidgetHavePathsOfTheirOwn) {
                             "with --socket\n")));
 }
 
+// It connected to itself, and that connection to itself, and so on.
+TEST_F(WidgetctlTraceTest, APathIsTheSameHoweverItIsWritten) {
+  EXPECT_THAT(ChildProcess({WIDGETCTL, "--socket", Path("./traced.sock"),
+                            "trace", traced_})
+                  .Wait(),
+              Fails(2, HasSubstr("so the widget must listen elsewhere")));
+}
+
 TEST_F(WidgetctlTraceTest, AMethodMustExist) {
   EXPECT_THAT(Widgetctl({"trace", traced_, "--method", "Shwo"}),
               Fails(2, HasSubstr("did you mean Show")));

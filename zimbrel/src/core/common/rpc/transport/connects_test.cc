@@ -1,8 +1,6 @@
 // Clients that connect and disconnect leave nothing behind.
 
 #include <cstddef>
-#include <filesystem>
-#include <iterator>
 #include <memory>
 #include <string>
 
@@ -11,6 +9,7 @@
 #include "rpc/browser/browser_widget.client.h"
 #include "zimbrel/src/core/common/rpc/testing/frames.h"
 #include "zimbrel/src/core/common/rpc/testing/heap_probe.h"
+#include "zimbrel/src/core/common/rpc/testing/open_descriptors.h"
 #include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
@@ -19,11 +18,6 @@ namespace orvane::testing {
 namespace {
 
 constexpr int kVisits = 1000;
-
-std::ptrdiff_t OpenDescriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                       {});
-}
 
 class ConnectsTest : public StreamFixture {
  protected:

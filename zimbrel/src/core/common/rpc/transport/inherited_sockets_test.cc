@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.client.h"
+#include "zimbrel/src/core/common/rpc/testing/open_descriptors.h"
 #include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/testing/temporary_folder.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
@@ -147,6 +149,14 @@ TEST_F(InheritedSocketsTest, TheEndOfAChannelIsTold) {
   loop.RunUntilIdle();
   EXPECT_EQ(ends_, 1);
   EXPECT_TRUE(IsServed(std::move(connection)));  // Goes on.
+}
+
+TEST_F(InheritedSocketsTest, AChannelThatHasEndedIsClosed) {
+  const std::ptrdiff_t before = OpenDescriptors();
+  auto channel = OpenChannel();
+  channel.reset();
+  loop.RunUntilIdle();
+  EXPECT_EQ(OpenDescriptors(), before);
 }
 
 TEST_F(InheritedSocketsTest, TheEndOfAnAdoptedClientIsTold) {

@@ -76,6 +76,7 @@ void Acceptor::AcceptNext() {
       return AcceptAfter(absl::ZeroDuration());
     case EPIPE:
     case ECONNRESET:
+      socket_.reset();
       if (on_end_) std::exchange(on_end_, nullptr)();
       return;
     default:

@@ -46,7 +46,7 @@ class Acceptor {
 
   EventLoop* const loop_;
   const Source source_;
-  const std::unique_ptr<EventLoop::Watch> socket_;
+  std::unique_ptr<EventLoop::Watch> socket_;  // Null after the end.
   const std::shared_ptr<const OnClient> on_client_;
   Task on_end_;
   std::unique_ptr<EventLoop::Timer> next_;
