@@ -1,6 +1,8 @@
 #include "engines/chromium/downloads.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +16,7 @@
 
 #include "absl/log/log.h"
 #include "absl/strings/ascii.h"
+#include "absl/strings/match.h"
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
 
@@ -79,25 +82,60 @@ std::uint64_t BytesOf(const Json& params, const char* name) {
       std::clamp(Number(params, name), 0.0, 9e15));
 }
 
+constexpr absl::string_view kFolderName = "orvane-chromium-";
+
+// Below 0 if it fails, with errno.
+orvane::OwnedDescriptor LockFolder(const std::string& path, int options) {
+  orvane::OwnedDescriptor folder(
+      ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (folder.get() < 0 || ::flock(folder.get(), LOCK_EX | options) == 0)
+    return folder;
+  return orvane::OwnedDescriptor(-1);
+}
+
+// By processes that were killed.
+void RemoveWhatWasLeft(const std::filesystem::path& parent) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(parent, error), end;
+       !error && entry != end; entry.increment(error)) {
+    const std::filesystem::path& path = entry->path();
+    if (!absl::StartsWith(path.filename().string(), kFolderName)) continue;
+    const auto lock = LockFolder(path.string(), LOCK_NB);
+    struct stat found = {};
+    std::error_code ignored;
+    if (lock.get() >= 0 && ::fstat(lock.get(), &found) == 0 &&
+        found.st_uid == (::geteuid() == 0 ? kUnprivilegedUser : ::geteuid()))
+      std::filesystem::remove_all(path, ignored);
+  }
+}
+
 }  // namespace
 
 absl::StatusOr<std::unique_ptr<DownloadFolder>> DownloadFolder::Make() {
   std::error_code error;
-  std::string path =
-      (std::filesystem::temp_directory_path(error) / "orvane-chromium-XXXXXX")
-          .string();
+  const std::filesystem::path parent =
+      std::filesystem::temp_directory_path(error);
+  if (!error) RemoveWhatWasLeft(parent);
+  std::string path = (parent / absl::StrCat(kFolderName, "XXXXXX")).string();
   if (error || ::mkdtemp(path.data()) == nullptr) {
     return absl::UnavailableError(
         absl::StrCat("no folder for downloads at ", path, ": ",
                      error ? error.message() : std::strerror(errno)));
   }
-  std::unique_ptr<DownloadFolder> folder(new DownloadFolder(path));
   if (::geteuid() == 0 &&
       ::chown(path.c_str(), kUnprivilegedUser, kUnprivilegedUser) != 0) {
     return absl::UnavailableError(absl::StrCat(
         path, " cannot be given to the engine: ", std::strerror(errno)));
   }
-  return folder;
+  orvane::OwnedDescriptor lock = LockFolder(path, 0);
+  // Another process has just taken it for one that was left.
+  if (!std::filesystem::exists(path, error)) return Make();
+  if (lock.get() < 0) {
+    return absl::UnavailableError(
+        absl::StrCat(path, " cannot be locked: ", std::strerror(errno)));
+  }
+  return std::unique_ptr<DownloadFolder>(
+      new DownloadFolder(path, std::move(lock)));
 }
 
 DownloadFolder::~DownloadFolder() {

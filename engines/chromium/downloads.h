@@ -19,13 +19,15 @@
 #include "rpc/browser/page.rpc.h"
 #include "zimbrel/src/core/common/rpc/calling.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/owned_descriptor.h"
 
 namespace chromium {
 
 // A private folder that the engine downloads into; it goes with this object.
 class DownloadFolder {
  public:
-  // Below the system's folder for temporary files.
+  // Below the system's folder for temporary files. Removes what processes have
+  // left there that were killed.
   static absl::StatusOr<std::unique_ptr<DownloadFolder>> Make();
 
   DownloadFolder(const DownloadFolder&) = delete;
@@ -35,9 +37,11 @@ class DownloadFolder {
   const std::string& path() const { return path_; }
 
  private:
-  explicit DownloadFolder(std::string path) : path_(std::move(path)) {}
+  DownloadFolder(std::string path, orvane::OwnedDescriptor lock)
+      : path_(std::move(path)), lock_(std::move(lock)) {}
 
   const std::string path_;
+  const orvane::OwnedDescriptor lock_;  // Held as long as this process lives.
 };
 
 // The engine downloads while the host is asked, and what is complete is copied
