@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "absl/container/flat_hash_set.h"
+#include "absl/strings/ascii.h"
+#include "absl/strings/string_view.h"
+
 #include "rpc/browser/input.pb.h"
 #include "rpc/browser/keyboard.pb.h"
 #include "rpc/browser/native_input.pb.h"
@@ -30,7 +34,6 @@ std::string Hidden(const std::string& text) {
   return std::string(static_cast<std::size_t>(CharactersIn(text)), 'x');
 }
 
-// On some keyboards Alt makes other characters.
 bool IsAscii(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](char byte) {
     return static_cast<unsigned char>(byte) < 0x80;
@@ -38,23 +41,72 @@ bool IsAscii(const std::string& text) {
 }
 
 bool IsShortcut(const rpc::InputInfo& input) {
-  constexpr std::uint32_t kOfShortcuts = rpc::MODIFIER_FLAG_CONTROL |
-                                         rpc::MODIFIER_FLAG_ALT |
-                                         rpc::MODIFIER_FLAG_META;
+  constexpr std::uint32_t kOfShortcuts =
+      rpc::MODIFIER_FLAG_CONTROL | rpc::MODIFIER_FLAG_META;
+  constexpr std::uint32_t kOfCharacters =
+      rpc::MODIFIER_FLAG_ALT | rpc::MODIFIER_FLAG_ALT_GRAPH;
   return (input.modifiers() & kOfShortcuts) != 0 &&
-         (input.modifiers() & rpc::MODIFIER_FLAG_ALT_GRAPH) == 0;
+         (input.modifiers() & kOfCharacters) == 0;
 }
 
-// Whether the key tells something of a text: a character, or a step towards
-// one.
-bool IsOfText(const rpc::Key& key) {
-  const std::string name(key.key());
-  return CharactersIn(name) <= 1 || name == "Dead" || name == "Process" ||
-         name == "Unidentified";
+// Whether the key types nothing, and is no step towards a character either.
+// Some keys type several characters, so that not every long name is one.
+bool IsNamed(absl::string_view key) {
+  static const auto& names =
+      *new absl::flat_hash_set<absl::string_view>{"Alt",
+                                                  "AltGraph",
+                                                  "ArrowDown",
+                                                  "ArrowLeft",
+                                                  "ArrowRight",
+                                                  "ArrowUp",
+                                                  "Backspace",
+                                                  "CapsLock",
+                                                  "Clear",
+                                                  "ContextMenu",
+                                                  "Control",
+                                                  "Copy",
+                                                  "Cut",
+                                                  "Delete",
+                                                  "End",
+                                                  "Enter",
+                                                  "Escape",
+                                                  "F1",
+                                                  "F2",
+                                                  "F3",
+                                                  "F4",
+                                                  "F5",
+                                                  "F6",
+                                                  "F7",
+                                                  "F8",
+                                                  "F9",
+                                                  "F10",
+                                                  "F11",
+                                                  "F12",
+                                                  "Find",
+                                                  "Help",
+                                                  "Home",
+                                                  "Insert",
+                                                  "Meta",
+                                                  "NumLock",
+                                                  "PageDown",
+                                                  "PageUp",
+                                                  "Paste",
+                                                  "Pause",
+                                                  "PrintScreen",
+                                                  "Redo",
+                                                  "ScrollLock",
+                                                  "Select",
+                                                  "Shift",
+                                                  "Tab",
+                                                  "Undo",
+                                                  "BrowserBack",
+                                                  "BrowserForward",
+                                                  "BrowserRefresh"};
+  return names.contains(key);
 }
 
 void Hide(rpc::Key* key) {
-  if (!IsOfText(*key)) return;
+  if (IsNamed(std::string(key->key()))) return;
   key->Clear();
   key->set_key(kHiddenKey);
   key->set_code(kHiddenCode);
@@ -66,7 +118,8 @@ void Hide(rpc::Key* key) {
 void TypedTextHider::Hide(int connection, Message* message) {
   const auto shortcut = [connection](const auto& event) {
     return std::tuple(connection, event.browser_id().value(),
-                      std::string(event.key().code()));
+                      std::string(event.key().code()),
+                      absl::AsciiStrToLower(std::string(event.key().key())));
   };
   if (auto* const press = dynamic_cast<rpc::KeyPressRequest*>(message)) {
     if (IsShortcut(press->input()) &&

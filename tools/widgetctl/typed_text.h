@@ -13,8 +13,9 @@
 namespace widgetctl {
 
 // Puts an x in the place of each character that is typed into a page or a
-// dialog. Named keys, such as Enter, stay, and so do keys of ASCII pressed with
-// Control, Alt or Meta, which are shortcuts.
+// dialog. Keys that type nothing, such as Enter, stay, and so do keys of ASCII
+// pressed with Control or Meta, which are shortcuts; with Alt they may type
+// other characters.
 class TypedTextHider {
  public:
   // `message` is what the host of that connection says, in its order.
@@ -28,9 +29,9 @@ class TypedTextHider {
   static bool IsOpaque(const google::protobuf::Message& message);
 
  private:
-  // Shortcuts whose keys are down, by connection, browser and code: they are
-  // released as they were pressed, whatever else is held by then.
-  std::set<std::tuple<int, std::uint64_t, std::string>> shortcuts_;
+  // Shortcuts whose keys are down, by connection, browser, code and key: they
+  // are released as they were pressed, whatever else is held by then.
+  std::set<std::tuple<int, std::uint64_t, std::string, std::string>> shortcuts_;
 };
 
 }  // namespace widgetctl

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "absl/strings/str_cat.h"
 #include "gtest/gtest.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
@@ -50,6 +51,15 @@ TEST_F(TypedTextTest, StepsTowardsACharacterAreHidden) {
       kHidden);
 }
 
+// Arabic has lam and alef on one key, Breton c'h.
+TEST_F(TypedTextTest, AKeyOfSeveralCharactersIsHidden) {
+  for (const std::string key : {"لا", "c'h", "안녕", "p4ss", "Passw0rd"}) {
+    EXPECT_EQ(Hide<rpc::KeyPressRequest>(
+                  absl::StrCat(R"({"key":{"key":")", key, R"("}})")),
+              kHidden);
+  }
+}
+
 TEST_F(TypedTextTest, NamedKeysStay) {
   const std::string enter = R"({"key":{"key":"Enter","code":"Enter"}})";
   EXPECT_EQ(Hide<rpc::KeyPressRequest>(enter), enter);
@@ -85,6 +95,16 @@ TEST_F(TypedTextTest, AKeyThatIsPressedAgainIsNoShortcutAnyMore) {
   EXPECT_EQ(Hide<rpc::KeyReleaseRequest>(key), kHidden);
 }
 
+TEST_F(TypedTextTest, AnotherKeyThanTheShortcutsIsNotReleasedInItsPlace) {
+  Hide<rpc::KeyPressRequest>(R"({"input":{"modifiers":2},"key":{"key":"a"}})");
+  EXPECT_EQ(Hide<rpc::KeyReleaseRequest>(R"({"key":{"key":"y"}})"), kHidden);
+  Hide<rpc::KeyPressRequest>(
+      R"({"input":{"modifiers":2},"key":{"key":"c","code":"KeyC"}})");
+  EXPECT_EQ(
+      Hide<rpc::KeyReleaseRequest>(R"({"key":{"key":"z","code":"KeyC"}})"),
+      kHidden);
+}
+
 TEST_F(TypedTextTest, WhatAConnectionHasNotReleasedIsForgotten) {
   Hide<rpc::KeyPressRequest>(
       R"({"input":{"modifiers":2},"key":{"key":"c","code":"KeyC"}})");
@@ -102,6 +122,18 @@ TEST_F(TypedTextTest, CharactersMadeWithAltAreHidden) {
   EXPECT_EQ(
       Hide<rpc::KeyTypeRequest>(R"({"input":{"modifiers":4},"text":"å"})"),
       R"({"input":{"modifiers":4},"text":"x"})");
+}
+
+// As a Mac's Option key types them, and AltGr that is told as Control and Alt.
+TEST_F(TypedTextTest, AsciiCharactersMadeWithAltAreHidden) {
+  for (const char* const modifiers : {"1", "3"}) {
+    EXPECT_EQ(Hide<rpc::KeyPressRequest>(
+                  absl::StrCat(R"({"input":{"modifiers":)", modifiers,
+                               R"(},"key":{"key":"@","code":"KeyL"}})")),
+              absl::StrCat(
+                  R"({"input":{"modifiers":)", modifiers,
+                  R"(},"key":{"key":"x","code":"KeyX","windowsKeyCode":88}})"));
+  }
 }
 
 TEST_F(TypedTextTest, WhatAltGraphTypesIsNoShortcut) {
