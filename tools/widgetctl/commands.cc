@@ -248,6 +248,8 @@ to run.
                   does something
   --text          write what is typed into pages and dialogs; without it, each
                   character becomes an x
+                  (what is dropped into pages, names of files and scripts are
+                  written in any case)
 )",
      &Record},
     {"trace", "[PATH]",

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
-#include <limits>
 #include <string_view>
 
 #include "absl/status/statusor.h"
@@ -22,6 +21,10 @@ using google::protobuf::MethodDescriptor;
 using google::protobuf::ServiceDescriptor;
 using orvane::MethodKind;
 using rpc::transport::StreamMessage;
+
+// Four times what a server takes by default. What is longer is passed on, but
+// not kept to be read.
+constexpr std::size_t kMaxFrameBytes = std::size_t{16} << 20;
 
 // The submessage of a field, or null if it is not set.
 const Message* Member(const Message& message, const char* name) {
@@ -78,10 +81,9 @@ const MethodDescriptor* MethodAt(const ServiceDescriptor* service,
 Conversation::Conversation(std::vector<const ServiceDescriptor*> services,
                            bool wants_payloads)
     : services_(std::move(services)), wants_payloads_(wants_payloads) {
-  // The two sides know what is too long for them.
   for (Direction* const direction : {&from_host_, &from_widget_}) {
-    direction->reader = std::make_unique<orvane::internal::FrameReader>(
-        std::numeric_limits<std::uint32_t>::max());
+    direction->reader =
+        std::make_unique<orvane::internal::FrameReader>(kMaxFrameBytes);
   }
 }
 

@@ -247,6 +247,12 @@ TEST_F(ConversationTest, APayloadThatCannotBeParsedIsLeftOut) {
   EXPECT_THAT(Hear(Side::kHost, call), ElementsAre("call Show 1"));
 }
 
+TEST_F(ConversationTest, ALongFrameIsNotKept) {
+  EXPECT_THAT(Hear(Side::kHost, std::string("\x01\0\0\x01", 4)),
+              ElementsAre("unreadable 0: frame of 16777217 bytes; the limit is "
+                          "16777216"));
+}
+
 TEST_F(ConversationTest, BytesThatAreNoFramesAreToldOnce) {
   const std::string no_frame("\x02\0\0\0\xff\xff", 6);
   EXPECT_THAT(Hear(Side::kHost, no_frame),

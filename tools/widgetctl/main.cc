@@ -265,4 +265,8 @@ ExitCode Main(int argc, char** argv) {
 }  // namespace
 }  // namespace widgetctl
 
-int main(int argc, char** argv) { return widgetctl::Main(argc, argv); }
+int main(int argc, char** argv) {
+  const widgetctl::ExitCode outcome = widgetctl::Main(argc, argv);
+  if (outcome != widgetctl::kOk || std::cout.flush()) return outcome;
+  return widgetctl::Fail(widgetctl::kUsage, "cannot write the output");
+}

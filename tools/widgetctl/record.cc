@@ -4,10 +4,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <set>
+#include <string>
+#include <system_error>
 #include <utility>
 
 #include "absl/status/status.h"
@@ -45,12 +49,14 @@ void AddFields(const Descriptor* type, std::set<const Descriptor*>& seen,
 // Only this user may read what users do.
 absl::Status Begin(const std::string& path, std::ofstream* file) {
   constexpr mode_t kOnlyThisUser = 0600;
+  // A pipe without a reader is an error, in place of a wait for one.
   const orvane::OwnedDescriptor created(
-      ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kOnlyThisUser));
-  file->open(path);
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK,
+             kOnlyThisUser));
+  if (created.get() >= 0) file->open(path);
   *file << "# Recorded by widgetctl " << orvane::kVersion << ".\n"
         << std::flush;
-  if (*file) return absl::OkStatus();
+  if (file->is_open() && *file) return absl::OkStatus();
   return absl::UnknownError(
       absl::StrCat("cannot write ", path, ": ", std::strerror(errno)));
 }
@@ -78,14 +84,18 @@ absl::Status CheckVarying(const Options& options) {
 }
 
 // Says what becomes of each connection, so that the user knows that something
-// is being recorded.
+// is being recorded, and when the file cannot be written any more.
 class TellingRecorder final : public Recorder {
  public:
-  TellingRecorder(const Options& options, std::ostream* file)
+  TellingRecorder(const Options& options, std::string path, std::ofstream* file)
       : Recorder({{options.varying.begin(), options.varying.end()},
                   options.has_text},
                  file),
-        services_(options.services) {}
+        services_(options.services),
+        path_(std::move(path)),
+        file_(file) {}
+
+  bool is_complete() const { return is_complete_; }
 
   void OnConnected(int connection, const absl::Status& joined) override {
     std::cout << "connection " << connection;
@@ -114,6 +124,25 @@ class TellingRecorder final : public Recorder {
     Recorder::OnSaid(connection, std::move(said));
   }
 
+  void OnPause() override {
+    Recorder::OnPause();
+    if (!is_complete_) return;
+    if (*file_) {
+      bytes_of_whole_lines_ = file_->tellp();
+      return;
+    }
+    const int error = errno;
+    is_complete_ = false;
+    std::error_code ignored;
+    if (bytes_of_whole_lines_ > 0) {
+      std::filesystem::resize_file(
+          path_, static_cast<std::uintmax_t>(bytes_of_whole_lines_), ignored);
+    }
+    Fail(kUsage,
+         absl::StrCat("cannot write ", path_, ": ", std::strerror(error),
+                      "; the recording is not complete"));
+  }
+
   void OnEnded(int connection) override {
     Recorder::OnEnded(connection);
     std::cout << "connection " << connection << " has ended" << std::endl;
@@ -121,6 +150,10 @@ class TellingRecorder final : public Recorder {
 
  private:
   const std::vector<const ServiceDescriptor*>& services_;
+  const std::string path_;
+  std::ofstream* const file_;
+  bool is_complete_ = true;
+  std::streamoff bytes_of_whole_lines_ = 0;  // -1 in a pipe.
 };
 
 }  // namespace
@@ -134,20 +167,18 @@ ExitCode Record(const Options& options,
                                 ? file_and_path[1]
                                 : orvane::DefaultSocketPath("widget");
   std::ofstream file;
-  TellingRecorder recorder(options, &file);
-  const ExitCode intercepted =
-      Intercept(options, hosts, /*wants_payloads=*/true, &recorder, [&] {
+  TellingRecorder recorder(options, path, &file);
+  const ExitCode intercepted = Intercept(
+      options, hosts, /*wants_payloads=*/true, &recorder,
+      [&] {
         absl::Status begun = Begin(path, &file);
         if (begun.ok()) std::cout << "hosts connect to " << hosts << std::endl;
         return begun;
-      });
+      },
+      nullptr);
   if (intercepted != kOk) return intercepted;
   recorder.Finish();
-  if (!file) {
-    return Fail(kFailed, absl::StrCat("the recording is not complete: ", path,
-                                      " cannot be written"));
-  }
-  return kOk;
+  return recorder.is_complete() ? kOk : kUsage;
 }
 
 }  // namespace widgetctl

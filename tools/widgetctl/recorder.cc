@@ -221,7 +221,7 @@ void Recorder::Finish() {
 // What is said ---------------------------------------------------------------
 
 void Recorder::OnSaid(int connection, Said said) {
-  if (said.method == nullptr) return;
+  if (said.method == nullptr) return OnUnknown(connection, said);
   const auto found = streams_.find({connection, said.stream});
   Stream* const stream = found == streams_.end() ? nullptr : &found->second;
   if (said.what == "event") return OnEvent(connection, std::move(said));
@@ -244,6 +244,18 @@ void Recorder::OnSaid(int connection, Said said) {
     OnCallEnded(connection, said);
   } else if (said.call.has_value() && stream != nullptr) {
     OnWidgetsCallEnded(connection, std::move(said), *stream);
+  }
+}
+
+// What cannot be played back is a remark at least.
+void Recorder::OnUnknown(int connection, const Said& said) {
+  if (said.what == "call" || said.what == "open") {
+    Write(connection,
+          absl::StrCat("# a ", said.what == "call" ? "call" : "stream",
+                       " of a method that is not known here"));
+  } else if (said.what == "unreadable") {
+    Write(connection, absl::StrCat("# what follows cannot be read: ",
+                                   orvane::Printable(said.error)));
   }
 }
 
@@ -279,7 +291,10 @@ void Recorder::OnEnded(int connection) {
 // The host's calls -----------------------------------------------------------
 
 void Recorder::OnCall(int connection, const Said& said) {
-  if (said.payload == nullptr) return;
+  if (said.payload == nullptr) {
+    return Write(connection,
+                 absl::StrCat("# ", said.method->name(), " cannot be read"));
+  }
   TellWhen();
   if (!options_.has_text) {
     if (TypedTextHider::IsOpaque(*said.payload)) {
@@ -307,6 +322,10 @@ void Recorder::OnCallEnded(int connection, const Said& said) {
     line->is_complete = true;
   } else if (said.what == "error" && !ErrorText(said.error).empty()) {
     absl::StrAppend(&line->text, " => ", ErrorText(said.error));
+    line->is_complete = true;
+  } else if (said.what == "error") {
+    line->text = absl::StrCat("# failed with a text that no line can hold: ",
+                              line->text);
     line->is_complete = true;
   } else {
     CompleteUnanswered(line);

@@ -92,6 +92,7 @@ class Recorder : public Listener {
   void TellWhatTheHostKnows();
   void Allow(int connection, Method method);
 
+  void OnUnknown(int connection, const Said& said);
   void OnCall(int connection, const Said& said);
   void OnCallEnded(int connection, const Said& said);
   void OnSubscribed(int connection, const Said& said);

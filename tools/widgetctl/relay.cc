@@ -1,5 +1,6 @@
 #include "tools/widgetctl/relay.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -45,6 +46,13 @@ void PutDescriptors(const std::vector<orvane::OwnedDescriptor>& descriptors,
     const int descriptor = descriptors[i].get();
     std::memcpy(CMSG_DATA(part) + i * sizeof(int), &descriptor, sizeof(int));
   }
+}
+
+// Whether the process at the other end has closed its socket, so that it reads
+// no more either.
+bool IsGone(int socket) {
+  pollfd peer = {socket, 0, 0};
+  return ::poll(&peer, 1, 0) == 1 && (peer.revents & POLLHUP) != 0;
 }
 
 }  // namespace
@@ -103,7 +111,10 @@ bool Relay::Read(Direction& direction) {
     return false;
   }
   if (read <= 0) {
+    const bool is_gone = IsGone(direction.source->descriptor());
     End(direction);
+    Direction& back = direction.from == Side::kHost ? to_host_ : to_widget_;
+    if (is_gone && !back.has_ended) End(back);
     return false;
   }
   TakeDescriptors(message, direction.descriptors);

@@ -161,6 +161,15 @@ TEST_F(RelayTest, ASideThatIsGoneIsGoneForTheOther) {
   EXPECT_TRUE(has_ended_);
 }
 
+// Hosts that a widget turns away need not notice that soon.
+TEST_F(RelayTest, ASideThatIsGoneEndsTheConnectionThoughTheOtherStays) {
+  Write(*widget_, "no room");
+  widget_.reset();
+  loop_.RunUntilIdle();
+  EXPECT_TRUE(has_ended_);
+  EXPECT_EQ(Read(*host_), "no room");
+}
+
 TEST_F(RelayTest, ItsEndBreaksTheConnectionOff) {
   relay_.reset();
   EXPECT_TRUE(IsAtEnd(*host_));

@@ -114,15 +114,16 @@ ExitCode Status(const Options& options, const std::vector<std::string>&) {
   StatusReader reader(&loop, options);
   ExitCode outcome = reader.Connect();
   if (outcome == kOk) outcome = reader.Print(false);
-  if (outcome != kOk || !options.watches) return outcome;
+  if (!options.watches) return outcome;
 
   const bool clears_terminal = ::isatty(STDOUT_FILENO) != 0;
   loop.OnSignal({SIGINT, SIGTERM}, [&loop] { loop.Stop(); });
   bool is_time = false;
-  while (outcome == kOk) {
+  // A widget that hangs may come back.
+  while (outcome != kNoConnection && std::cout) {
     const auto period = loop.RunAfter(kPeriod, [&is_time] { is_time = true; });
     if (!loop.RunUntil([&is_time] { return std::exchange(is_time, false); }))
-      break;
+      return kOk;
     outcome = reader.Print(clears_terminal);
   }
   return outcome;

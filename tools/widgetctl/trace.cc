@@ -190,7 +190,8 @@ absl::Status CheckMethods(const Options& options) {
 
 ExitCode Intercept(const Options& options, const std::string& path,
                    bool wants_payloads, Listener* listener,
-                   const std::function<absl::Status()>& on_listening) {
+                   const std::function<absl::Status()>& on_listening,
+                   absl::AnyInvocable<bool()> is_output_lost) {
   if (Canonical(path) == Canonical(options.socket)) {
     return Fail(kUsage, absl::StrCat("hosts connect to ", path,
                                      ", so the widget must listen elsewhere: "
@@ -202,10 +203,13 @@ ExitCode Intercept(const Options& options, const std::string& path,
   if (const absl::Status listens = interceptor.Listen(path); !listens.ok())
     return Fail(kNoConnection, listens.message());
   loop.OnSignal({SIGINT, SIGTERM, SIGHUP}, [&loop] { loop.Stop(); });
+  // A reader that ends must not leave the socket's file behind.
+  std::signal(SIGPIPE, SIG_IGN);
   if (const absl::Status begun = on_listening(); !begun.ok())
     return Fail(kUsage, begun.message());
-  loop.Run();
-  return kOk;
+  return loop.RunUntil(std::move(is_output_lost))
+             ? Fail(kUsage, "cannot write what is traced")
+             : kOk;
 }
 
 ExitCode Trace(const Options& options, const std::vector<std::string>& path) {
@@ -216,10 +220,13 @@ ExitCode Trace(const Options& options, const std::vector<std::string>& path) {
   Printer printer(options);
   const bool wants_payloads =
       !options.no_payloads || options.browser.has_value();
-  return Intercept(options, hosts, wants_payloads, &printer, [&] {
-    printer.PrintPath(hosts);
-    return absl::OkStatus();
-  });
+  return Intercept(
+      options, hosts, wants_payloads, &printer,
+      [&] {
+        printer.PrintPath(hosts);
+        return absl::OkStatus();
+      },
+      [] { return !std::cout; });
 }
 
 }  // namespace widgetctl

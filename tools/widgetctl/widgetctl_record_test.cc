@@ -1,5 +1,8 @@
 // What `widgetctl record` writes, and that `widgetctl run` plays it back.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
@@ -22,7 +25,9 @@
 #include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
 #include "zimbrel/src/core/common/rpc/testing/child_process.h"
+#include "zimbrel/src/core/common/rpc/testing/frames.h"
 #include "zimbrel/src/core/common/rpc/testing/keys.h"
+#include "zimbrel/src/core/common/rpc/testing/raw_peer.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
 namespace widgetctl {
@@ -53,6 +58,11 @@ class MovingWidget final : public rpc::BrowserWidgetRpc {
   void Hide(RpcController* controller, const BrowserId*, Empty*,
             Closure* done) override {
     controller->SetFailed("it stays");
+    done->Run();
+  }
+  void Unfocus(RpcController* controller, const BrowserId*, Empty*,
+               Closure* done) override {
+    controller->SetFailed("one line\nand another");
     done->Run();
   }
   // Sends a picture, and is done when the host has given it back.
@@ -174,6 +184,20 @@ TEST_F(WidgetctlRecordTest, CallsAndTheirAnswersAreWritten) {
                                    "Hide {\"value\":\"1\"} => error: it stays",
                                    "disconnect"));
   EXPECT_EQ(PlayBack().exit_code, 0);
+}
+
+TEST_F(WidgetctlRecordTest, TellsThatACallFailedInWordsOfSeveralLines) {
+  Record();
+  {
+    const auto client = Connect();
+    rpc::BrowserWidgetRpcClient widget(client.get());
+    EXPECT_FALSE(widget.Unfocus(Browser(1)).ok());
+  }
+  Await("connection 1 has ended");
+  EXPECT_THAT(Lines(),
+              ElementsAre("# failed with a text that no line can hold: Unfocus "
+                          "{\"value\":\"1\"}",
+                          "disconnect"));
 }
 
 TEST_F(WidgetctlRecordTest, EventsAreExpectedWhereTheyCame) {
@@ -429,7 +453,7 @@ TEST_F(WidgetctlRecordTest, TellsThatTheFileCannotBeWritten) {
   EXPECT_THAT(result.errors, HasSubstr("cannot write /no/such/folder/file"));
 }
 
-TEST_F(WidgetctlRecordTest, TellsAtTheEndThatTheDiskWasFull) {
+TEST_F(WidgetctlRecordTest, KeepsTheWholeLinesWhenTheDiskBecomesFull) {
   // The file may have one block.
   std::vector<std::string> command = {
       "/bin/bash", "-c", "trap '' XFSZ; ulimit -f 1; exec \"$@\"", "bash"};
@@ -446,8 +470,54 @@ TEST_F(WidgetctlRecordTest, TellsAtTheEndThatTheDiskWasFull) {
   record_->Signal(SIGTERM);
   const ChildProcess::Result result = record_->Wait();
   record_.reset();
-  EXPECT_EQ(result.exit_code, 1);
-  EXPECT_THAT(result.errors, HasSubstr("the recording is not complete"));
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_EQ(result.errors,
+            absl::StrCat("widgetctl: cannot write ", file_,
+                         ": File too large; the recording is not complete\n"));
+  EXPECT_GT(Lines().size(), 10u);
+  EXPECT_EQ(PlayBack().exit_code, 0);
+}
+
+TEST_F(WidgetctlRecordTest, DoesNotWaitForSomebodyToReadAPipe) {
+  ASSERT_EQ(::mkfifo(file_.c_str(), 0600), 0);
+  EXPECT_EQ(Widgetctl({"record", file_, recorded_}).exit_code, 2);
+}
+
+// The pipe's end would have ended the process, and with it all connections.
+TEST_F(WidgetctlRecordTest, GoesOnWithoutAReaderOfItsPipe) {
+  ASSERT_EQ(::mkfifo(file_.c_str(), 0600), 0);
+  {
+    const orvane::OwnedDescriptor reader(
+        ::open(file_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    Record();
+  }
+  {
+    const auto client = Connect();
+    rpc::BrowserWidgetRpcClient widget(client.get());
+    EXPECT_TRUE(widget.Show(Browser(1)).ok());
+    EXPECT_TRUE(widget.Show(Browser(1)).ok());
+  }
+  record_->Signal(SIGTERM);
+  const ChildProcess::Result result = record_->Wait();
+  record_.reset();
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_THAT(result.errors, HasSubstr("Broken pipe"));
+}
+
+TEST_F(WidgetctlRecordTest, TellsWhatItCannotWriteAsACall) {
+  Record();
+  {
+    orvane::testing::RawPeer host(*orvane::ConnectTo(recorded_));
+    host.Send(orvane::testing::CallFrame(1, 700));
+    auto unreadable = orvane::testing::CallFrame(2, orvane::testing::kShow);
+    unreadable.set_payload("\xff");
+    host.Send(unreadable);
+    host.FinishSending();
+    Await("connection 1 has ended");
+  }
+  EXPECT_THAT(Lines(),
+              ElementsAre("# a call of a method that is not known here",
+                          "# Show cannot be read", "disconnect"));
 }
 
 TEST_F(WidgetctlRecordTest, TellsThatTheDiskIsFull) {

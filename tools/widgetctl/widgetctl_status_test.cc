@@ -83,6 +83,34 @@ TEST_F(WidgetctlStatusTest, IsPrintedAgainWhileItIsWatched) {
   EXPECT_EQ(status.Wait().exit_code, 0);
 }
 
+TEST_F(WidgetctlStatusTest, WatchesAWidgetThatHangsUntilItComesBack) {
+  const std::string socket = Path("hangs.sock");
+  ChildProcess server({WIDGET_SERVER, "--socket", socket});
+  ASSERT_EQ(server.ReadLine(), "widget_server listens at " + socket);
+  server.Signal(SIGSTOP);
+  ChildProcess status({"/bin/bash", "-c", "exec \"$@\" 2>&1", "bash", WIDGETCTL,
+                       "--socket", socket, "--timeout", "0.1", "--json",
+                       "status", "--watch"});
+  EXPECT_THAT(status.ReadLine(), HasSubstr("has not answered"));
+  server.Signal(SIGCONT);
+  std::string line;
+  do line = status.ReadLine();
+  while (line.find("has not answered") != std::string::npos);
+  EXPECT_THAT(line, HasSubstr("processId"));
+  status.Signal(SIGINT);
+  EXPECT_EQ(status.Wait().exit_code, 0);
+}
+
+TEST_F(WidgetctlStatusTest, TellsThatItCannotBeWritten) {
+  std::vector<std::string> command = {"/bin/bash", "-c",
+                                      "exec \"$@\" > /dev/full", "bash"};
+  for (std::string& word : Command({"status"}))
+    command.push_back(std::move(word));
+  const ChildProcess::Result result = ChildProcess(std::move(command)).Wait();
+  EXPECT_EQ(result.exit_code, 2);
+  EXPECT_EQ(result.errors, "widgetctl: cannot write the output\n");
+}
+
 TEST_F(WidgetctlStatusTest, TellsInWhichStateAWidgetIsThatDoesNotAnswer) {
   const std::string socket = Path("stopped.sock");
   ChildProcess server({WIDGET_SERVER, "--socket", socket});

@@ -142,6 +142,18 @@ TEST_F(WidgetctlTraceTest, APathIsTheSameHoweverItIsWritten) {
               Fails(2, HasSubstr("so the widget must listen elsewhere")));
 }
 
+TEST_F(WidgetctlTraceTest, EndsInOrderWithTheReaderOfItsOutput) {
+  std::vector<std::string> command = {"/bin/bash", "-c", "\"$@\" | head -n 1",
+                                      "bash"};
+  for (std::string& word : Command({"trace", traced_}))
+    command.push_back(std::move(word));
+  ChildProcess trace(std::move(command));
+  ASSERT_EQ(trace.ReadLine(), "hosts connect to " + traced_);
+  while (Call("Show", "1").exit_code == 0) continue;
+  EXPECT_THAT(trace.Wait().errors, HasSubstr("cannot write what is traced"));
+  EXPECT_FALSE(std::filesystem::exists(traced_));
+}
+
 TEST_F(WidgetctlTraceTest, AMethodMustExist) {
   EXPECT_THAT(Widgetctl({"trace", traced_, "--method", "Shwo"}),
               Fails(2, HasSubstr("did you mean Show")));
