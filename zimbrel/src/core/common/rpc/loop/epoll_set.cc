@@ -11,6 +11,7 @@
 
 #include "absl/log/log.h"
 #include "absl/status/status.h"
+#include "absl/strings/str_cat.h"
 
 namespace orvane::internal {
 namespace {
@@ -161,7 +162,8 @@ absl::StatusOr<std::unique_ptr<EventLoop::Watch>> EpollSet::Watch(
       ::fcntl(number, F_SETFD, FD_CLOEXEC) != 0 ||
       !watched->Control(EPOLL_CTL_ADD, kInput)) {
     const int error = errno;
-    return absl::ErrnoToStatus(error, "cannot watch the descriptor");
+    return absl::ErrnoToStatus(
+        error, absl::StrCat("cannot watch descriptor ", number));
   }
   watched_.insert(watched.get());
   return std::make_unique<WatchHandle>(watched);

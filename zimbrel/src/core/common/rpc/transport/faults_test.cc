@@ -198,7 +198,7 @@ TEST_F(FaultsTest, AListenThatFailsAtAnyStepLeavesNothingBehind) {
                   HasSubstr("cannot take the lock"),
                   HasSubstr("cannot make a socket"), HasSubstr("cannot bind"),
                   HasSubstr("/s private"), HasSubstr("cannot listen at"),
-                  HasSubstr("cannot watch the descriptor")));
+                  HasSubstr("cannot watch descriptor")));
   EXPECT_TRUE(ConnectTo(new_folder + "/s").ok());
 }
 

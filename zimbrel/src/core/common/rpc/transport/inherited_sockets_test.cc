@@ -203,6 +203,8 @@ TEST_F(InheritedSocketsTest, WhatCannotBeServedIsRefusedInWords) {
   EXPECT_EQ(AdoptionError(::socket(AF_UNIX, SOCK_DGRAM, 0)).substr(0, 11),
             "descriptor ");
   EXPECT_EQ(AdoptionError(987'654), "descriptor 987654: Bad file descriptor");
+  EXPECT_THAT(AdoptionError(::socket(AF_UNIX, SOCK_STREAM, 0)),
+              ::testing::EndsWith("endpoint is not connected"));
   std::array<int, 2> pipe{};
   ASSERT_EQ(::pipe(pipe.data()), 0);
   EXPECT_THAT(AdoptionError(pipe[0]),

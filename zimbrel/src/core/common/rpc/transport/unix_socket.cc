@@ -419,10 +419,18 @@ absl::StatusOr<SocketKind> KindOfSocket(int descriptor) {
   for (const auto* known : {&domain, &type, &listens}) {
     if (!known->ok()) return known->status();
   }
-  if (*domain == AF_UNIX && *type == SOCK_STREAM)
-    return *listens != 0 ? SocketKind::kListening : SocketKind::kConnected;
-  if (*domain == AF_UNIX && *type == SOCK_SEQPACKET && *listens == 0)
-    return SocketKind::kChannel;
+  if (*domain == AF_UNIX && *type == SOCK_STREAM && *listens != 0)
+    return SocketKind::kListening;
+  if (*domain == AF_UNIX && *listens == 0 &&
+      (*type == SOCK_STREAM || *type == SOCK_SEQPACKET)) {
+    sockaddr_un peer = {};
+    socklen_t size = sizeof peer;
+    if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size) !=
+        0) {
+      return SystemError(absl::StrCat("descriptor ", descriptor));
+    }
+    return *type == SOCK_STREAM ? SocketKind::kConnected : SocketKind::kChannel;
+  }
   return absl::InvalidArgumentError(absl::StrCat(
       "descriptor ", descriptor,
       " is not a Unix-domain socket of a kind that can be served"));

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -74,6 +75,7 @@ class WatchedClientsTest : public StreamFixture {
 
   std::vector<std::string> told;
   ConnectionStatus latest;
+  std::unique_ptr<EventLoop::Timer> next;
 };
 
 TEST_F(WatchedClientsTest, OneThatIsAskedAndDoesNotAnswerHangs) {
@@ -134,6 +136,23 @@ TEST_F(WatchedClientsTest, OneThatHasMuchToReadIsNotAsked) {
   std::vector<std::string> words;
   while (words.empty()) words = Settle(&client);
   EXPECT_THAT(words, ElementsAre("NEXT 1"));
+}
+
+// It cannot answer inside of a frame.
+TEST_F(WatchedClientsTest, OneThatIsSendingALongFrameDoesNotHang) {
+  RawPeer client = ConnectRaw(*server);
+  loop.RunUntilIdle();
+  Watch();
+  std::string frame =
+      RawPeer::Bytes(Frame(StreamMessage::KIND_PONG, 0, std::string(30, 'x')));
+  std::function<void()> send_byte = [&] {
+    client.SendBytes(frame.substr(0, 1));
+    frame.erase(0, 1);
+    if (!frame.empty()) next = loop.RunAfter(kPatience / 6, send_byte);
+  };
+  send_byte();
+  ASSERT_TRUE(loop.RunUntil([&] { return frame.empty(); }));
+  EXPECT_THAT(told, IsEmpty());
 }
 
 TEST_F(WatchedClientsTest, OneThatHasSaidNothingIsNotAsked) {

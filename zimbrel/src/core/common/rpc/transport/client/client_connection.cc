@@ -341,7 +341,6 @@ absl::Status ClientConnection::CompareHellos() const {
 
 // A callback may destroy this object.
 void ClientConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
-  if (watch_ != nullptr) watch_->Heard();
   const std::uint64_t id = frame.stream_id();
   const bool ends_all = frame.kind() == StreamMessage::KIND_ERROR && id == 0;
   if (ends_all) {
@@ -384,7 +383,7 @@ void ClientConnection::OnBroken(const absl::Status& why) {
                        absl::StrCat("the connection broke: ", why.message())));
 }
 
-void ClientConnection::OnRoom() {
+void ClientConnection::OnSignOfLife() {
   if (watch_ != nullptr) watch_->Heard();
 }
 

@@ -76,7 +76,7 @@ class ClientConnection final : public FrameSocket::Receiver {
   void OnFrame(rpc::transport::StreamMessage& frame,
                std::string_view payload) override;
   void OnBroken(const absl::Status& why) override;
-  void OnRoom() override;
+  void OnSignOfLife() override;
   void OnFull(const absl::Status& why) override;
 
   // Sends the hello when a service is used for the first time; the connection

@@ -174,7 +174,6 @@ void ServerConnection::Refuse(std::unique_ptr<EventLoop::Watch> socket,
 }
 
 void ServerConnection::OnFrame(StreamMessage& frame, std::string_view payload) {
-  if (watch_ != nullptr) watch_->Heard();
   if (!has_received_hello_) return OnHello(frame, payload);
   switch (frame.kind()) {
     case StreamMessage::KIND_CALL:
@@ -278,7 +277,7 @@ bool ServerConnection::IsSilent() const {
 
 void ServerConnection::OnBroken(const absl::Status& why) { Close(why); }
 
-void ServerConnection::OnRoom() {
+void ServerConnection::OnSignOfLife() {
   if (watch_ != nullptr) watch_->Heard();
 }
 

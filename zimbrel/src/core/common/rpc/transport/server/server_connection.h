@@ -86,7 +86,7 @@ class ServerConnection final : public FrameSocket::Receiver {
   void OnFrame(rpc::transport::StreamMessage& frame,
                std::string_view payload) override;
   void OnBroken(const absl::Status& why) override;
-  void OnRoom() override;
+  void OnSignOfLife() override;
   void OnFull(const absl::Status& why) override;
 
   // The client's first frame.

@@ -158,7 +158,7 @@ void FrameSocket::AwaitRoom() {
   stalled_since_ = CoarseClock::now();
   socket_->WhenWritable([this] {
     writing_ = Writing::kIdle;
-    receiver_->OnRoom();
+    receiver_->OnSignOfLife();
     Flush();
   });
 }
@@ -271,6 +271,7 @@ bool FrameSocket::Read() {
   // reports input again. Another read would only find that out.
   may_have_more_ = bytes == static_cast<ssize_t>(room);
   if (bytes > 0) {
+    receiver_->OnSignOfLife();
     reader_.Received(static_cast<std::size_t>(bytes));
     return true;
   }

@@ -49,8 +49,9 @@ class FrameSocket : public std::enable_shared_from_this<FrameSocket> {
     // call follows. Not called after Close.
     virtual void OnBroken(const absl::Status& why) = 0;
 
-    // The peer has read some of what waited for it. Must not close the socket.
-    virtual void OnRoom() = 0;
+    // The peer has sent some bytes, or read some of those that waited for it.
+    // Must not close the socket.
+    virtual void OnSignOfLife() = 0;
 
     // A frame was refused, since too many bytes wait for the peer to read them.
     // Called once, in a task of its own. Not called after Close.

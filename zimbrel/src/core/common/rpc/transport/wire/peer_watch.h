@@ -39,7 +39,7 @@ class PeerWatch {
   PeerWatch(const PeerWatch&) = delete;
   PeerWatch& operator=(const PeerWatch&) = delete;
 
-  // Called at each sign of life: a frame that comes, and bytes that are read.
+  // Called at each sign of life.
   void Heard() {
     ++heard_;
     if (is_hung_) Recover();

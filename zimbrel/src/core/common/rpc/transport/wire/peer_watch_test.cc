@@ -46,7 +46,7 @@ class PeerWatchTest : public ::testing::Test {
 TEST_F(PeerWatchTest, OneThatDoesNotAnswerIsToldOnce) {
   PeerWatch watch(&loop_, kPatience, Callbacks());
   ASSERT_TRUE(loop_.RunUntil([this] { return !told_.empty(); }));
-  EXPECT_EQ(asked_, 1);
+  EXPECT_GE(asked_, 1);  // Again, if this process was late itself.
   bool is_later = false;
   const auto later = loop_.RunAfter(4 * kPatience, [&] { is_later = true; });
   ASSERT_TRUE(loop_.RunUntil([&] { return is_later; }));
