@@ -334,8 +334,7 @@ TEST_F(SocketClientTest, AFrameThatServersDoNotSendEndsTheConnection) {
 }
 
 TEST_F(SocketClientTest, AnswersTheQuestionWhetherItIsThere) {
-  PendingCall call;
-  Begin(&call);
+  client->Call(Method(), BrowserId(), nullptr);
   server->Send(Frame(StreamMessage::KIND_PONG, 0));  // Nobody has asked.
   server->Send(Frame(StreamMessage::KIND_PING, 0));
   Settle();
