@@ -16,8 +16,8 @@ constinit thread_local const internal::LoopThread* internal::running = nullptr;
 
 namespace {
 
-// Of all loops.
-constinit std::atomic<int> servers = 0;
+constinit std::atomic<int> living_loops = 0;
+constinit std::atomic<int> servers = 0;  // Of all loops.
 
 struct LivingLoops {
   Mutex mutex;
@@ -28,12 +28,6 @@ struct LivingLoops {
 LivingLoops& Loops() {
   static auto& loops = *new LivingLoops;
   return loops;
-}
-
-bool ThereAreLoops() {
-  LivingLoops& loops = Loops();
-  const MutexLock lock(loops.mutex);
-  return !loops.in_order.empty();
 }
 
 // Of the calling thread, never used again; above 0.
@@ -83,7 +77,7 @@ namespace internal {
 void SearchServiceThread(absl::string_view operation) {
   const int min_servers = servers > 0 ? 1 : 0;
   if (running != nullptr && running->servers() >= min_servers) return;
-  if (ThereAreLoops() && LatestHere(min_servers) == nullptr)
+  if (living_loops > 0 && LatestHere(min_servers) == nullptr)
     DieOffServiceThread(operation);
 }
 
@@ -111,6 +105,7 @@ ServingScope::ServingScope(const EventLoop* loop) : loop_(loop) {
 ServingScope::~ServingScope() { CountServer(loop_, -1); }
 
 LoopThread::LoopThread(EventLoop* loop) : loop_(loop), maker_(ThreadNumber()) {
+  ++living_loops;
   LivingLoops& loops = Loops();
   const MutexLock lock(loops.mutex);
   loops.in_order.push_back(this);
@@ -121,6 +116,7 @@ LoopThread::~LoopThread() {
   const MutexLock lock(loops.mutex);
   loops.in_order.erase(
       std::find(loops.in_order.begin(), loops.in_order.end(), this));
+  --living_loops;
 }
 
 bool LoopThread::IsHere() const {

@@ -7,6 +7,7 @@
 
 #include "absl/log/log.h"
 
+#include "zimbrel/src/core/common/rpc/coarse_clock.h"
 #include "zimbrel/src/core/common/rpc/loop/epoll_set.h"
 #include "zimbrel/src/core/common/rpc/loop/inbox.h"
 #include "zimbrel/src/core/common/rpc/loop/signal_relay.h"
@@ -15,6 +16,7 @@
 
 namespace orvane {
 
+using internal::CoarseClock;
 using internal::EpollSet;
 using internal::Inbox;
 using internal::LoopThread;
@@ -254,11 +256,11 @@ std::size_t EventLoop::RunReady(absl::Duration max_time) {
 
 std::size_t EventLoop::RunUntilIdle(absl::Duration max_time) {
   const State::RunScope scope(state_.get());
-  const auto begun = steady_clock::now();
+  const auto begun = CoarseClock::now();
   std::size_t steps = 0;
   while (!state_->inbox()->is_stopped() && state_->Step()) {
     ++steps;
-    if (absl::FromChrono(steady_clock::now() - begun) >= max_time) break;
+    if (absl::FromChrono(CoarseClock::now() - begun) >= max_time) break;
   }
   return steps;
 }

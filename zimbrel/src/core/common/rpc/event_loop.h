@@ -127,8 +127,8 @@ class EventLoop {
   std::size_t RunReady(absl::Duration max_time = absl::InfiniteDuration());
 
   // Works until nothing is ready, without waiting for what is to come; but not
-  // longer than `max_time`, since work may come faster than it is done. For
-  // tests. Returns how many tasks there were.
+  // longer than `max_time`, give or take a few milliseconds, since work may
+  // come faster than it is done. For tests. Returns how many tasks there were.
   std::size_t RunUntilIdle(absl::Duration max_time = absl::Seconds(10));
 
   // Works until `done` holds, waiting where need be; looked at after each task.

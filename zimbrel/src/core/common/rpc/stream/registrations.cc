@@ -1,5 +1,7 @@
 #include "zimbrel/src/core/common/rpc/stream/registrations.h"
 
+#include <cstddef>
+
 namespace orvane::internal {
 
 using google::protobuf::Message;
@@ -33,7 +35,9 @@ void Registrations::Forget(const AbstractStream* stream) {
 
 // A client that has subscribed to very many keys leaves no large table behind.
 void Registrations::Shrink() {
-  if (all_.size() < all_.capacity() / 8) all_.rehash(0);
+  constexpr std::size_t kKeptCapacity = 1024;
+  if (all_.capacity() > kKeptCapacity && all_.size() < all_.capacity() / 8)
+    all_.rehash(0);
 }
 
 const Message* CopyKey(const Message& key) {
