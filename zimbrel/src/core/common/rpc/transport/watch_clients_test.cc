@@ -19,6 +19,7 @@
 #include "zimbrel/src/core/common/rpc/testing/frames.h"
 #include "zimbrel/src/core/common/rpc/testing/keys.h"
 #include "zimbrel/src/core/common/rpc/testing/link.h"
+#include "zimbrel/src/core/common/rpc/testing/run_for.h"
 #include "zimbrel/src/core/common/rpc/testing/stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
@@ -43,11 +44,6 @@ class WatchedClientsTest : public StreamFixture {
                            told.emplace_back(responds ? "responds" : "hangs");
                            latest = client;
                          });
-  }
-  void Await(absl::Duration time) {
-    bool is_over = false;
-    const auto end = loop.RunAfter(time, [&] { is_over = true; });
-    ASSERT_TRUE(loop.RunUntil([&] { return is_over; }));
   }
   void AwaitTold(std::size_t count) {
     ASSERT_TRUE(loop.RunUntil([&] { return told.size() >= count; }));
@@ -92,7 +88,7 @@ TEST_F(WatchedClientsTest, OneThatHasNothingToSayAnswers) {
   Watch();
   const std::unique_ptr<SocketClient> client = Connect(&loop, *server);
   rpc::BrowserWidgetRpcClient(client.get()).Show(Browser(1), nullptr);
-  Await(4 * kPatience);
+  RunFor(loop, 4 * kPatience);
   EXPECT_THAT(told, IsEmpty());
 }
 
@@ -110,7 +106,7 @@ TEST_F(WatchedClientsTest, OneThatComesBackIsTold) {
 TEST_F(WatchedClientsTest, OneThatCannotBeAskedDoesNotHang) {
   Watch();
   RawPeer client = ConnectOld();
-  Await(4 * kPatience);
+  RunFor(loop, 4 * kPatience);
   EXPECT_THAT(told, IsEmpty());
   EXPECT_THAT(Settle(&client), IsEmpty());
 }
@@ -160,7 +156,7 @@ TEST_F(WatchedClientsTest, OneThatHasSaidNothingIsNotAsked) {
   auto pair = ConnectedPair();
   ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
   RawPeer client(std::move(pair->second), std::nullopt);
-  Await(4 * kPatience);
+  RunFor(loop, 4 * kPatience);
   EXPECT_THAT(told, IsEmpty());
   EXPECT_THAT(Settle(&client), IsEmpty());
 }
@@ -193,7 +189,7 @@ TEST_F(WatchedClientsTest, NobodyLooksAnyMoreWithoutAnEndToPatience) {
   RawPeer client = ConnectRaw(*server);
   Watch();
   server->WatchClients(absl::InfiniteDuration(), nullptr);
-  Await(4 * kPatience);
+  RunFor(loop, 4 * kPatience);
   EXPECT_THAT(told, IsEmpty());
 }
 

@@ -13,6 +13,7 @@
 #include "zimbrel/src/core/common/rpc/testing/client_stream_fixture.h"
 #include "zimbrel/src/core/common/rpc/testing/frames.h"
 #include "zimbrel/src/core/common/rpc/testing/keys.h"
+#include "zimbrel/src/core/common/rpc/testing/run_for.h"
 #include "zimbrel/src/core/common/rpc/transport/socket_client.h"
 
 namespace orvane::testing {
@@ -37,11 +38,6 @@ class WatchedServerTest : public ClientStreamFixture {
     auto pair = ConnectedPair();
     server.emplace(std::move(pair->first), hello);
     client = *SocketClient::Adopt(&loop, pair->second.Release());
-  }
-  void Await(absl::Duration time) {
-    bool is_over = false;
-    const auto end = loop.RunAfter(time, [&] { is_over = true; });
-    ASSERT_TRUE(loop.RunUntil([&] { return is_over; }));
   }
   void AwaitTold(std::size_t count) {
     ASSERT_TRUE(loop.RunUntil([&] { return told.size() >= count; }));
@@ -74,7 +70,7 @@ TEST_F(WatchedServerTest, IsNotAskedIfItSpeaksTheFirstProtocolOnly) {
   Open();
   loop.RunUntilIdle();
   Watch();
-  Await(4 * kPatience);
+  RunFor(loop, 4 * kPatience);
   EXPECT_THAT(told, IsEmpty());
   EXPECT_THAT(Settle(), ElementsAre("OPEN 1"));
 }
@@ -90,7 +86,7 @@ TEST_F(WatchedServerTest, RespondsWithWhateverItSays) {
 
 TEST_F(WatchedServerTest, IsNotAskedBeforeItIsUsed) {
   Watch();
-  Await(4 * kPatience);
+  RunFor(loop, 4 * kPatience);
   EXPECT_THAT(Settle(), IsEmpty());
   EXPECT_THAT(told, IsEmpty());
 }
@@ -120,7 +116,7 @@ TEST_F(WatchedServerTest, IsNotToldAfterTheConnectionsEnd) {
   server.reset();
   ASSERT_TRUE(loop.RunUntil([this] { return !client->status().ok(); }));
   told.clear();
-  Await(4 * kPatience);
+  RunFor(loop, 4 * kPatience);
   EXPECT_THAT(told, IsEmpty());
 }
 
@@ -128,7 +124,7 @@ TEST_F(WatchedServerTest, IsNotWatchedAnyMoreWithoutAnEndToPatience) {
   Open();
   Watch();
   client->WatchServer(absl::InfiniteDuration(), nullptr);
-  Await(4 * kPatience);
+  RunFor(loop, 4 * kPatience);
   EXPECT_THAT(told, IsEmpty());
 }
 

@@ -8,6 +8,7 @@
 #include "gtest/gtest.h"
 
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/testing/run_for.h"
 
 namespace orvane::testing {
 namespace {
@@ -47,9 +48,7 @@ TEST_F(PeerWatchTest, OneThatDoesNotAnswerIsToldOnce) {
   PeerWatch watch(&loop_, kPatience, Callbacks());
   ASSERT_TRUE(loop_.RunUntil([this] { return !told_.empty(); }));
   EXPECT_GE(asked_, 1);  // Again, if this process was late itself.
-  bool is_later = false;
-  const auto later = loop_.RunAfter(4 * kPatience, [&] { is_later = true; });
-  ASSERT_TRUE(loop_.RunUntil([&] { return is_later; }));
+  RunFor(loop_, 4 * kPatience);
   EXPECT_THAT(told_, ElementsAre(false));
 }
 
