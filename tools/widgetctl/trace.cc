@@ -91,10 +91,11 @@ std::string InWords(const Place& place, const Said& said) {
                           absl::ToDoubleMilliseconds(*said.elapsed));
   }
   if (said.error_code != 0) absl::StrAppend(&line, " ", said.error_code, ":");
-  if (!said.error.empty()) absl::StrAppend(&line, " ", said.error);
+  if (!said.error.empty())
+    absl::StrAppend(&line, " ", orvane::Printable(said.error));
   if (said.payload != nullptr)
-    absl::StrAppend(&line, " ", ToJson(*said.payload));
-  return orvane::Printable(line);
+    absl::StrAppend(&line, " ", orvane::Printable(ToJson(*said.payload)));
+  return line;
 }
 
 // Prints what passes the filters of the options.
