@@ -14,8 +14,8 @@
 namespace widget_server {
 
 // A POSIX shared-memory object with a unique name, which the processes of this
-// user can map. A process that is killed leaves its objects behind. Thread:
-// any, one at a time.
+// user can map. What a process leaves behind that is killed is removed by the
+// next one that creates such an object. Thread: any, one at a time.
 class SharedPixels {
  public:
   // `length` must be above 0. The memory is reserved at once, so that a write
@@ -36,8 +36,12 @@ class SharedPixels {
   std::span<std::uint8_t> bytes() { return bytes_; }
 
  private:
-  SharedPixels(std::string name, std::span<std::uint8_t> bytes);
+  class Family;
 
+  SharedPixels(std::shared_ptr<const Family> family, std::string name,
+               std::span<std::uint8_t> bytes);
+
+  const std::shared_ptr<const Family> family_;
   const std::string name_;
   const std::span<std::uint8_t> bytes_;
 };
