@@ -15,6 +15,7 @@
 #include "benchmark/benchmark.h"
 
 #include "rpc/browser/browser_widget.rpc.h"
+#include "zimbrel/src/core/common/rpc/current_loop.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
 #include "zimbrel/src/core/common/rpc/stream/event_stream.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
@@ -156,7 +157,8 @@ void BM_Publish(benchmark::State& state) {
   rpc::CursorChanged event;
   *event.mutable_browser_id() = browser;
   event.mutable_cursor()->set_type(rpc::CURSOR_TYPE_POINTER);
-  // Inside a task, where applications publish.
+  // Where applications publish: inside a task of a loop that has a server.
+  const internal::ServingScope server(&Loop());
   Loop().Post([&] {
     for (auto _ : state) {
       if (Publish(browser, event) != streams.size()) {
