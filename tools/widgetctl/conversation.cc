@@ -192,6 +192,7 @@ void Conversation::ExplainHello(absl::string_view payload, Said& said) {
                        return service->full_name() == hello->service();
                      });
     service_ = spoken == services_.end() ? nullptr : *spoken;
+    said.service = service_;
   }
   hello->clear_methods();  // Hashes, which tell a reader nothing.
   if (wants_payloads_) said.payload = std::move(hello);

@@ -38,6 +38,9 @@ struct Said {
   // Null if it is not known.
   const google::protobuf::MethodDescriptor* method = nullptr;
 
+  // Of a host's hello. Null if it is not known.
+  const google::protobuf::ServiceDescriptor* service = nullptr;
+
   std::optional<std::uint64_t> browser = {};
 
   // Since the call that the frame answers or ends.

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -53,10 +52,12 @@ absl::Status Begin(const std::string& path, std::ofstream* file) {
   const orvane::OwnedDescriptor created(
       ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK,
              kOnlyThisUser));
-  if (created.get() >= 0) file->open(path);
-  *file << "# Recorded by widgetctl " << orvane::kVersion << ".\n"
-        << std::flush;
-  if (file->is_open() && *file) return absl::OkStatus();
+  if (created.get() >= 0) {
+    file->open(path);
+    *file << "# Recorded by widgetctl " << orvane::kVersion << ".\n"
+          << std::flush;
+    if (*file) return absl::OkStatus();
+  }
   return absl::UnknownError(
       absl::StrCat("cannot write ", path, ": ", std::strerror(errno)));
 }
@@ -91,7 +92,6 @@ class TellingRecorder final : public Recorder {
       : Recorder({{options.varying.begin(), options.varying.end()},
                   options.has_text},
                  file),
-        services_(options.services),
         path_(std::move(path)),
         file_(file) {}
 
@@ -107,19 +107,12 @@ class TellingRecorder final : public Recorder {
 
   void OnSaid(int connection, Said said) override {
     if (said.what == "hello" && said.from == Side::kHost &&
-        said.payload != nullptr) {
+        said.payload != nullptr && said.service == nullptr) {
       const auto& hello =
           static_cast<const rpc::transport::Hello&>(*said.payload);
-      const bool is_known =
-          std::any_of(services_.begin(), services_.end(),
-                      [&hello](const ServiceDescriptor* service) {
-                        return service->full_name() == hello.service();
-                      });
-      if (!is_known) {
-        std::cout << "connection " << connection << " is for "
-                  << orvane::Printable(hello.service())
-                  << ", of which nothing is recorded" << std::endl;
-      }
+      std::cout << "connection " << connection << " is for "
+                << orvane::Printable(hello.service())
+                << ", of which nothing is recorded" << std::endl;
     }
     Recorder::OnSaid(connection, std::move(said));
   }
@@ -133,6 +126,7 @@ class TellingRecorder final : public Recorder {
     }
     const int error = errno;
     is_complete_ = false;
+    file_->close();  // It tries to write the rest again, which is cut off here.
     std::error_code ignored;
     if (bytes_of_whole_lines_ > 0) {
       std::filesystem::resize_file(
@@ -149,7 +143,6 @@ class TellingRecorder final : public Recorder {
   }
 
  private:
-  const std::vector<const ServiceDescriptor*>& services_;
   const std::string path_;
   std::ofstream* const file_;
   bool is_complete_ = true;

@@ -1,6 +1,8 @@
 // What `widgetctl record` writes, and that `widgetctl run` plays it back.
 
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <csignal>
@@ -159,6 +161,19 @@ class WidgetctlRecordTest : public ProgramTest<MovingWidget> {
       return line.starts_with("# ") && line.ends_with(" s");
     });
     return lines;
+  }
+
+  // To the process that records, which had little.
+  void GiveRoomForFiles() {
+    const auto connection = orvane::ConnectTo(recorded_);
+    ASSERT_TRUE(connection.ok()) << connection.status();
+    ucred process = {};
+    socklen_t size = sizeof process;
+    ASSERT_EQ(::getsockopt(connection->get(), SOL_SOCKET, SO_PEERCRED, &process,
+                           &size),
+              0);
+    const rlimit room = {1 << 20, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(process.pid, RLIMIT_FSIZE, &room, nullptr), 0);
   }
 
   ChildProcess::Result PlayBack() {
@@ -456,7 +471,7 @@ TEST_F(WidgetctlRecordTest, TellsThatTheFileCannotBeWritten) {
 TEST_F(WidgetctlRecordTest, KeepsTheWholeLinesWhenTheDiskBecomesFull) {
   // The file may have one block.
   std::vector<std::string> command = {
-      "/bin/bash", "-c", "trap '' XFSZ; ulimit -f 1; exec \"$@\"", "bash"};
+      "/bin/bash", "-c", "trap '' XFSZ; ulimit -S -f 1; exec \"$@\"", "bash"};
   for (std::string& word : Command({"record", file_, recorded_}))
     command.push_back(std::move(word));
   record_.emplace(std::move(command));
@@ -467,6 +482,7 @@ TEST_F(WidgetctlRecordTest, KeepsTheWholeLinesWhenTheDiskBecomesFull) {
     for (int i = 0; i < 100; ++i) EXPECT_TRUE(widget.Show(Browser(1)).ok());
   }
   Await("connection 1 has ended");
+  GiveRoomForFiles();
   record_->Signal(SIGTERM);
   const ChildProcess::Result result = record_->Wait();
   record_.reset();
