@@ -319,17 +319,15 @@ void Recorder::OnCallEnded(int connection, const Said& said) {
     const bool varies = Clean(said.payload.get());
     absl::StrAppend(&line->text, varies ? " =~ " : " => ",
                     ToJson(*said.payload));
-    line->is_complete = true;
   } else if (said.what == "error" && !ErrorText(said.error).empty()) {
     absl::StrAppend(&line->text, " => ", ErrorText(said.error));
-    line->is_complete = true;
   } else if (said.what == "error") {
     line->text = absl::StrCat("# failed with a text that no line can hold: ",
                               line->text);
-    line->is_complete = true;
   } else {
-    CompleteUnanswered(line);
+    return CompleteUnanswered(line);
   }
+  line->is_complete = true;
 }
 
 // Streams --------------------------------------------------------------------

@@ -5,6 +5,7 @@
 
 #include "absl/container/flat_hash_set.h"
 #include "absl/strings/ascii.h"
+#include "absl/strings/str_split.h"
 #include "absl/strings/string_view.h"
 
 #include "rpc/browser/input.pb.h"
@@ -53,55 +54,14 @@ bool IsShortcut(const rpc::InputInfo& input) {
 // Some keys type several characters, so that not every long name is one.
 bool IsNamed(absl::string_view key) {
   static const auto& names =
-      *new absl::flat_hash_set<absl::string_view>{"Alt",
-                                                  "AltGraph",
-                                                  "ArrowDown",
-                                                  "ArrowLeft",
-                                                  "ArrowRight",
-                                                  "ArrowUp",
-                                                  "Backspace",
-                                                  "CapsLock",
-                                                  "Clear",
-                                                  "ContextMenu",
-                                                  "Control",
-                                                  "Copy",
-                                                  "Cut",
-                                                  "Delete",
-                                                  "End",
-                                                  "Enter",
-                                                  "Escape",
-                                                  "F1",
-                                                  "F2",
-                                                  "F3",
-                                                  "F4",
-                                                  "F5",
-                                                  "F6",
-                                                  "F7",
-                                                  "F8",
-                                                  "F9",
-                                                  "F10",
-                                                  "F11",
-                                                  "F12",
-                                                  "Find",
-                                                  "Help",
-                                                  "Home",
-                                                  "Insert",
-                                                  "Meta",
-                                                  "NumLock",
-                                                  "PageDown",
-                                                  "PageUp",
-                                                  "Paste",
-                                                  "Pause",
-                                                  "PrintScreen",
-                                                  "Redo",
-                                                  "ScrollLock",
-                                                  "Select",
-                                                  "Shift",
-                                                  "Tab",
-                                                  "Undo",
-                                                  "BrowserBack",
-                                                  "BrowserForward",
-                                                  "BrowserRefresh"};
+      *new absl::flat_hash_set<absl::string_view>(absl::StrSplit(
+          "Alt AltGraph ArrowDown ArrowLeft ArrowRight ArrowUp Backspace "
+          "CapsLock Clear ContextMenu Control Copy Cut Delete End Enter "
+          "Escape F1 F2 F3 F4 F5 F6 F7 F8 F9 F10 F11 F12 Find Help Home "
+          "Insert Meta NumLock PageDown PageUp Paste Pause PrintScreen Redo "
+          "ScrollLock Select Shift Tab Undo BrowserBack BrowserForward "
+          "BrowserRefresh",
+          ' '));
   return names.contains(key);
 }
 
