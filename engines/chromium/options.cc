@@ -80,16 +80,10 @@ void RefuseUnlessOk(absl::string_view option, const absl::Status& status) {
   if (!status.ok()) RefuseUsage(absl::StrCat(option, ": ", status.message()));
 }
 
-int DescriptorOf(absl::string_view text) {
-  const auto descriptor = widget_server::ParseDescriptor(text);
-  if (!descriptor.ok()) RefuseUsage(descriptor.status().message());
-  return *descriptor;
-}
-
-absl::Duration PatienceOf(absl::string_view text) {
-  const auto patience = widget_server::ParsePatience(text);
-  if (!patience.ok()) RefuseUsage(patience.status().message());
-  return *patience;
+template <typename T>
+T ValueOf(const absl::StatusOr<T>& parsed) {
+  if (!parsed.ok()) RefuseUsage(parsed.status().message());
+  return *parsed;
 }
 
 void AddPage(absl::string_view text, Options* options) {
@@ -144,7 +138,8 @@ Options ParseOptions(int argc, char** argv) {
         PrintHelp();
         std::exit(EXIT_SUCCESS);
       case 'i':
-        options.endpoints.descriptors.push_back(DescriptorOf(optarg));
+        options.endpoints.descriptors.push_back(
+            ValueOf(widget_server::ParseDescriptor(optarg)));
         break;
       case 'p':
         AddPage(optarg, &options);
@@ -153,7 +148,8 @@ Options ParseOptions(int argc, char** argv) {
         options.endpoints.socket = optarg;
         break;
       case 't':
-        options.endpoints.patience = PatienceOf(optarg);
+        options.endpoints.patience =
+            ValueOf(widget_server::ParsePatience(optarg));
         break;
       case 'v':
         std::cout << "orvane-chromium " << orvane::kVersion << "\n";

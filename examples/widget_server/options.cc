@@ -64,16 +64,10 @@ int ParseBrowsers(absl::string_view text) {
                            ", not '", text, "'"));
 }
 
-int DescriptorOf(absl::string_view text) {
-  const absl::StatusOr<int> descriptor = ParseDescriptor(text);
-  if (!descriptor.ok()) RefuseUsage(descriptor.status().message());
-  return *descriptor;
-}
-
-absl::Duration PatienceOf(absl::string_view text) {
-  const absl::StatusOr<absl::Duration> patience = ParsePatience(text);
-  if (!patience.ok()) RefuseUsage(patience.status().message());
-  return *patience;
+template <typename T>
+T ValueOf(const absl::StatusOr<T>& parsed) {
+  if (!parsed.ok()) RefuseUsage(parsed.status().message());
+  return *parsed;
 }
 
 }  // namespace
@@ -94,13 +88,14 @@ Options ParseOptions(int argc, char** argv) {
         options.endpoints.socket = optarg;
         break;
       case 'd':
-        options.endpoints.descriptors.push_back(DescriptorOf(optarg));
+        options.endpoints.descriptors.push_back(
+            ValueOf(ParseDescriptor(optarg)));
         break;
       case 'b':
         options.browsers = ParseBrowsers(optarg);
         break;
       case 'p':
-        options.endpoints.patience = PatienceOf(optarg);
+        options.endpoints.patience = ValueOf(ParsePatience(optarg));
         break;
       case 'h':
         PrintHelp();
