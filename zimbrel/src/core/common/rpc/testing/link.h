@@ -25,10 +25,13 @@
 namespace orvane::testing {
 
 // A new client of the server, which sends what the test tells it to.
-inline RawPeer ConnectRaw(SocketServer& server) {
+inline RawPeer ConnectRaw(
+    SocketServer& server,
+    const std::optional<rpc::transport::Hello>& greeting =
+        internal::MakeHello(*rpc::BrowserWidgetRpc::descriptor())) {
   auto pair = ConnectedPair();
   EXPECT_TRUE(server.Adopt(pair->first.Release()).ok());
-  return RawPeer(std::move(pair->second));
+  return {std::move(pair->second), greeting};
 }
 
 // A new client of the server, in `loop`.

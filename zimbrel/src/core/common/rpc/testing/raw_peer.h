@@ -22,6 +22,14 @@
 
 namespace orvane::testing {
 
+// Of an end that speaks the first protocol only.
+inline rpc::transport::Hello HelloOfProtocol1() {
+  rpc::transport::Hello hello =
+      internal::MakeHello(*rpc::BrowserWidgetRpc::descriptor());
+  hello.set_newest_protocol(1);
+  return hello;
+}
+
 // One end of a connection that says hello, and then just what a test tells it
 // to, byte by byte.
 class RawPeer {

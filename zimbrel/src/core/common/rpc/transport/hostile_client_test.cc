@@ -531,17 +531,11 @@ TEST_F(HostileClientTest, ShutdownUnsubscribesAllStreamsBeforeItEndsThem) {
 
 // Hello ----------------------------------------------------------------------
 
-RawPeer SilentClient(SocketServer* server) {
-  auto pair = ConnectedPair();
-  EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
-  return {std::move(pair->second), std::nullopt};
-}
-
 TEST_F(HostileClientTest, AClientThatSaysNoHelloInTimeHasToLeave) {
   server.emplace(&loop, &widget,
                  ServerLimits{.max_hello_time = absl::Milliseconds(20)});
   RawPeer greeting = ConnectRaw(*server);
-  RawPeer silent = SilentClient(&*server);
+  RawPeer silent = ConnectRaw(*server, std::nullopt);
   loop.RunUntil([this] { return server->connections() == 1; });
   EXPECT_THAT(Settle(&silent),
               ElementsAre("ERROR 0 DEADLINE_EXCEEDED: no hello within 20ms"));
@@ -552,8 +546,8 @@ TEST_F(HostileClientTest, AClientThatSaysNoHelloInTimeHasToLeave) {
 
 TEST_F(HostileClientTest, ClientsThatSayNothingMakeRoomTheOldestFirst) {
   server.emplace(&loop, &widget, ServerLimits{.max_connections = 2});
-  RawPeer oldest = SilentClient(&*server);
-  RawPeer older = SilentClient(&*server);
+  RawPeer oldest = ConnectRaw(*server, std::nullopt);
+  RawPeer older = ConnectRaw(*server, std::nullopt);
   RawPeer client = ConnectRaw(*server);
   EXPECT_THAT(
       Settle(&oldest),
@@ -587,9 +581,7 @@ TEST_F(HostileClientTest, TheNameOfAServiceCannotForgeLinesOfTheLog) {
   hello.set_service("evil\nWARNING \x1b[2J" + std::string(5000, 'x'));
   // Not every refusal is logged, but one a second.
   while (log.texts.empty()) {
-    auto pair = ConnectedPair();
-    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
-    RawPeer client(std::move(pair->second), hello);
+    RawPeer client = ConnectRaw(*server, hello);
     EXPECT_THAT(Settle(&client),
                 ElementsAre(HasSubstr("evil\\nWARNING \\033[2Jxxx")));
   }

@@ -8,7 +8,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "absl/time/time.h"
@@ -47,16 +46,6 @@ class WatchedClientsTest : public StreamFixture {
   }
   void AwaitTold(std::size_t count) {
     ASSERT_TRUE(loop.RunUntil([&] { return told.size() >= count; }));
-  }
-
-  // A client that speaks the first protocol only.
-  RawPeer ConnectOld() {
-    auto pair = ConnectedPair();
-    EXPECT_TRUE(server->Adopt(pair->first.Release()).ok());
-    rpc::transport::Hello hello =
-        internal::MakeHello(*rpc::BrowserWidgetRpc::descriptor());
-    hello.set_newest_protocol(1);
-    return {std::move(pair->second), hello};
   }
 
   // Publishes more than fits into the socket of a client that does not read.
@@ -105,7 +94,7 @@ TEST_F(WatchedClientsTest, OneThatComesBackIsTold) {
 
 TEST_F(WatchedClientsTest, OneThatCannotBeAskedDoesNotHang) {
   Watch();
-  RawPeer client = ConnectOld();
+  RawPeer client = ConnectRaw(*server, HelloOfProtocol1());
   RunFor(loop, 4 * kPatience);
   EXPECT_THAT(told, IsEmpty());
   EXPECT_THAT(Settle(&client), IsEmpty());
@@ -113,7 +102,7 @@ TEST_F(WatchedClientsTest, OneThatCannotBeAskedDoesNotHang) {
 
 TEST_F(WatchedClientsTest, OneThatCannotBeAskedHangsIfItDoesNotRead) {
   Watch();
-  RawPeer client = ConnectOld();
+  RawPeer client = ConnectRaw(*server, HelloOfProtocol1());
   FillUp(&client);
   AwaitTold(1);
   EXPECT_THAT(told, ElementsAre("hangs"));
@@ -153,9 +142,7 @@ TEST_F(WatchedClientsTest, OneThatIsSendingALongFrameDoesNotHang) {
 
 TEST_F(WatchedClientsTest, OneThatHasSaidNothingIsNotAsked) {
   Watch();
-  auto pair = ConnectedPair();
-  ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
-  RawPeer client(std::move(pair->second), std::nullopt);
+  RawPeer client = ConnectRaw(*server, std::nullopt);
   RunFor(loop, 4 * kPatience);
   EXPECT_THAT(told, IsEmpty());
   EXPECT_THAT(Settle(&client), IsEmpty());

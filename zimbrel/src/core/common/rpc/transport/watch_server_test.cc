@@ -63,10 +63,7 @@ TEST_F(WatchedServerTest, HangsIfItDoesNotAnswerTheHello) {
 }
 
 TEST_F(WatchedServerTest, IsNotAskedIfItSpeaksTheFirstProtocolOnly) {
-  rpc::transport::Hello hello =
-      internal::MakeHello(*rpc::BrowserWidgetRpc::descriptor());
-  hello.set_newest_protocol(1);
-  Reconnect(hello);
+  Reconnect(HelloOfProtocol1());
   Open();
   loop.RunUntilIdle();
   Watch();

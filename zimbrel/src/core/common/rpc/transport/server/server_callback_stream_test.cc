@@ -139,12 +139,7 @@ TEST_F(ServerCallbackStreamTest, AClientIsToldWhichCallIsGivenUp) {
 }
 
 TEST_F(ServerCallbackStreamTest, AClientOfTheFirstProtocolIsNotTold) {
-  rpc::transport::Hello hello =
-      internal::MakeHello(*rpc::BrowserWidgetRpc::descriptor());
-  hello.set_newest_protocol(1);
-  auto pair = ConnectedPair();
-  ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
-  RawPeer client(std::move(pair->second), hello);
+  RawPeer client = ConnectRaw(*server, HelloOfProtocol1());
   client.Send(OpenFrame(1, kOnCreateWebDialog));
   client.Send(NextFrame(1, Serve(7)));
   EXPECT_THAT(Settle(&client), IsEmpty());

@@ -63,9 +63,7 @@ TEST_F(ServerStatusTest, TellsWhatItIs) {
 }
 
 TEST_F(ServerStatusTest, AClientThatHasSaidNothingHasNoService) {
-  auto pair = ConnectedPair();
-  ASSERT_TRUE(server->Adopt(pair->first.Release()).ok());
-  const RawPeer silent(std::move(pair->second), std::nullopt);
+  const RawPeer silent = ConnectRaw(*server, std::nullopt);
   EXPECT_EQ(AskAboutTheOther().service(), "");
 }
 
