@@ -30,7 +30,8 @@ constexpr std::size_t kMaxWorlds = 2000;
 // The engine merges what it has not drawn yet, so more would only wait.
 constexpr int kMaxUnansweredMoves = 32;
 
-// While the focus is being moved, which a page that hangs keeps from ending.
+// While a script runs that input must not overtake, which a page that hangs
+// keeps from ending.
 constexpr std::size_t kMaxHeldInput = 1000;
 
 // A page that hangs answers nothing. Others' commands must still fit in the
@@ -295,7 +296,7 @@ void Page::OnTargetLost() {
 }
 
 absl::Status Page::CheckTakesInput() const {
-  if (target_.has_value() && held_.size() < kMaxHeldInput &&
+  if (target_.has_value() && held_input_.size() < kMaxHeldInput &&
       unanswered_->input < kMaxUnansweredInput) {
     return absl::OkStatus();
   }
@@ -439,70 +440,44 @@ void Page::Focus(const rpc::FocusRequest& event) {
   }
 }
 
-void Page::MoveFocus(orvane::Task begin) {
-  // As input is refused then.
-  if (!target_.has_value() || held_.size() >= kMaxHeldInput) return;
-  InOrder([this, begin = std::move(begin)]() mutable {
-    is_focus_moving_ = true;
-    begin_focus_move_ = std::move(begin);
-    BeginFocusMove();
-  });
-}
-
-void Page::BeginFocusMove() {
-  if (begin_focus_move_ && unanswered_->input == 0 && unanswered_->moves == 0)
-    std::exchange(begin_focus_move_, nullptr)();
-}
-
-void Page::FocusHasMoved() {
-  is_focus_moving_ = false;
-  // A task may move the focus again.
-  while (!held_.empty() && !is_focus_moving_) {
-    orvane::Task task = std::move(held_.front());
-    held_.pop_front();
-    std::move(task)();
-  }
-  SendNewestMove();
-}
-
 void Page::EnterPage() {
-  MoveFocus([this] {
+  HoldInput([this] {
     Run("orvaneAgent.come()",
-        [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+        [this](const absl::StatusOr<Json>&) { ResumeInput(); });
   });
 }
 
 void Page::EnterPageByTab(int modifiers) {
-  MoveFocus([this, modifiers] {
+  HoldInput([this, modifiers] {
     Run(modifiers == 0 ? "orvaneAgent.expectTab()"
                        : "orvaneAgent.expectBackTab()",
         [this, modifiers](const absl::StatusOr<Json>& expected) {
           if (!expected.ok()) {
-            FocusHasMoved();
+            ResumeInput();
             return;
           }
           SendTab(modifiers, [this](const absl::StatusOr<Json>&) {
             Run("orvaneAgent.haveTabbed()",
-                [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+                [this](const absl::StatusOr<Json>&) { ResumeInput(); });
           });
         });
   });
 }
 
 void Page::LeavePage() {
-  MoveFocus([this] {
+  HoldInput([this] {
     if (!is_drawn_) {
-      FocusHasMoved();
+      ResumeInput();
       return;
     }
     Run("orvaneAgent.leave()", [this](const absl::StatusOr<Json>& left) {
       if (absl::IsNotFound(left.status())) {
-        FocusHasMoved();
+        ResumeInput();
         return;
       }
       const auto finish = [this](const absl::StatusOr<Json>&) {
         Run("orvaneAgent.left()",
-            [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+            [this](const absl::StatusOr<Json>&) { ResumeInput(); });
       };
       // A page that does not answer, as in a dialog, may still run that script,
       // and gets the one that takes its effects back. But the Tab in between
@@ -550,11 +525,39 @@ void Page::OfferFocus(rpc::FocusDirection direction) {
 // Input
 
 void Page::InOrder(orvane::Task task) {
-  if (is_focus_moving_) {
-    held_.push_back(std::move(task));
+  if (is_input_held_) {
+    held_input_.push_back(std::move(task));
   } else {
     std::move(task)();
   }
+}
+
+void Page::HoldInput(orvane::Task begin) {
+  // As input is refused then.
+  if (!target_.has_value() || held_input_.size() >= kMaxHeldInput) return;
+  InOrder([this, begin = std::move(begin)]() mutable {
+    is_input_held_ = true;
+    begin_between_input_ = std::move(begin);
+    BeginBetweenInput();
+  });
+}
+
+void Page::BeginBetweenInput() {
+  if (begin_between_input_ && unanswered_->input == 0 &&
+      unanswered_->moves == 0) {
+    std::exchange(begin_between_input_, nullptr)();
+  }
+}
+
+void Page::ResumeInput() {
+  is_input_held_ = false;
+  // A task may hold the input again.
+  while (!held_input_.empty() && !is_input_held_) {
+    orvane::Task task = std::move(held_input_.front());
+    held_input_.pop_front();
+    std::move(task)();
+  }
+  SendNewestMove();
 }
 
 void Page::SendInput(const char* method, Json params,
@@ -568,7 +571,7 @@ void Page::SendInput(const char* method, Json params,
            --sent->input;
            if (sent == unanswered_) TakeInputsAnswer(answer.status());
            if (on_answer) std::move(on_answer)(std::move(answer));
-           BeginFocusMove();
+           BeginBetweenInput();
          },
          {.timeout = kInputTime});
   });
@@ -684,7 +687,7 @@ void Page::SendMove(Json command) {
 }
 
 void Page::SendNewestMove() {
-  if (!newest_move_.has_value() || is_focus_moving_ ||
+  if (!newest_move_.has_value() || is_input_held_ ||
       unanswered_->moves == kMaxUnansweredMoves) {
     return;
   }
@@ -692,7 +695,7 @@ void Page::SendNewestMove() {
   Send("Input.dispatchMouseEvent", *std::exchange(newest_move_, std::nullopt),
        [this, sent = unanswered_](const absl::StatusOr<Json>&) {
          --sent->moves;
-         BeginFocusMove();
+         BeginBetweenInput();
          SendNewestMove();
        });
 }
@@ -770,11 +773,9 @@ void Page::DropSilently(const std::string& effect, orvane::Task drop) {
   Run(absl::StrCat("orvaneAgent.takeDrops('", effect, "')"),
       [this, drop = std::move(drop)](const absl::StatusOr<Json>&) mutable {
         std::move(drop)();
-        // As a move of the focus does, this waits until the page has got what
-        // was sent before.
-        MoveFocus([this] {
+        HoldInput([this] {
           Run("orvaneAgent.takeDrops(null)",
-              [this](const absl::StatusOr<Json>&) { FocusHasMoved(); });
+              [this](const absl::StatusOr<Json>&) { ResumeInput(); });
         });
       });
 }
@@ -867,7 +868,7 @@ void Page::OnEvent(EngineEvent event) {
     drags_.Forget();
     // The new document does not answer for the old one's input.
     unanswered_ = std::make_shared<Unanswered>();
-    BeginFocusMove();
+    BeginBetweenInput();
     SendNewestMove();
   } else if (event.method == "Target.attachedToTarget") {
     engine_->AddSession(Text(params, "sessionId"), this);
@@ -911,9 +912,9 @@ void Page::Recover() {
 
 void Page::ForgetProcess() {
   worlds_.clear();
-  is_focus_moving_ = false;
-  held_.clear();
-  begin_focus_move_ = nullptr;
+  is_input_held_ = false;
+  held_input_.clear();
+  begin_between_input_ = nullptr;
   unanswered_ = std::make_shared<Unanswered>();
   drags_.Forget();
   dialogs_.Reset();
@@ -1052,10 +1053,9 @@ void Page::TakeList(const World& world, const Json& report) {
   }
   drop_downs_.Open(report, [this, world,
                             list](std::optional<std::uint32_t> index) {
-    if (!worlds_.contains(world)) return;
-    RunIn(world,
-          absl::StrCat("orvaneAgent.chooseFromList(", list, ", ",
-                       index.has_value() ? absl::StrCat(*index) : "null", ")"));
+    Choose(world, absl::StrCat(
+                      "orvaneAgent.chooseFromList(", list, ", ",
+                      index.has_value() ? absl::StrCat(*index) : "null", ")"));
   });
 }
 
@@ -1066,13 +1066,28 @@ void Page::TakeColorWish(const World& world, const std::string& frame,
   dialogs_.AskForColor(
       frame, report,
       [this, world, wish](const std::optional<std::string>& color) {
-        if (!worlds_.contains(world)) return;
-        RunIn(world,
-              absl::StrCat(
-                  "orvaneAgent.chooseColor(", wish, ", ",
-                  color.has_value() ? absl::StrCat("'", *color, "'") : "null",
-                  ")"));
+        Choose(world,
+               absl::StrCat(
+                   "orvaneAgent.chooseColor(", wish, ", ",
+                   color.has_value() ? absl::StrCat("'", *color, "'") : "null",
+                   ")"));
       });
+}
+
+void Page::Choose(const World& world, std::string script) {
+  if (!worlds_.contains(world)) return;
+  HoldInput([this, world, script = std::move(script)] {
+    engine_->Call(
+        world.session, "Runtime.evaluate",
+        {{"expression", script}, {"contextId", world.context}},
+        [this, sent = unanswered_, alive = std::weak_ptr<bool>(alive_)](
+            const absl::StatusOr<Json>& answer) {
+          if (alive.expired() || sent != unanswered_) return;
+          TakeInputsAnswer(answer.status());
+          ResumeInput();
+        },
+        {.timeout = kInputTime});
+  });
 }
 
 void Page::TakeLiveRegion(std::uint64_t document, const Json& report) {

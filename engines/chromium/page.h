@@ -168,12 +168,7 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void ExpectPicture();
   void LiftAll();
 
-  // The focus. The engine lets input and the scripts that move the focus
-  // overtake each other, so a move begins when the page has got the input that
-  // came before, and the input that comes after waits for its end.
-  void MoveFocus(orvane::Task begin);
-  void BeginFocusMove();
-  void FocusHasMoved();
+  // The focus.
   void EnterPage();
   void EnterPageByTab(int modifiers);
   void LeavePage();
@@ -184,6 +179,12 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
 
   // Input, in the order of the calls.
   void InOrder(orvane::Task task);
+  // The engine lets input and scripts overtake each other. What must not be
+  // overtaken begins when the page has got the input that came before, and the
+  // input that comes after waits until ResumeInput().
+  void HoldInput(orvane::Task begin);
+  void BeginBetweenInput();
+  void ResumeInput();
   void SendInput(const char* method, Json params,
                  orvane::OnAnswer<Json> on_answer = nullptr);
   void SendMouse(Json command);
@@ -202,6 +203,8 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void TakeList(const World& world, const Json& report);
   void TakeColorWish(const World& world, const std::string& frame,
                      const Json& report);
+  // Tells the page what the host has chosen. Input that follows finds it there.
+  void Choose(const World& world, std::string script);
   void TakeLiveRegion(std::uint64_t document, const Json& report);
   void TakeAccessibleFocus(const Json& report);
   void ForgetDocument();  // What the page showed is gone.
@@ -230,9 +233,9 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   std::unique_ptr<orvane::EventLoop::Timer> picture_timer_;
   absl::Duration picture_time_;  // Of the timer.
 
-  bool is_focus_moving_ = false;
-  orvane::Task begin_focus_move_;  // Null once it has begun.
-  std::deque<orvane::Task> held_;  // Input that waits for its end.
+  bool is_input_held_ = false;
+  orvane::Task begin_between_input_;  // Null once it has begun.
+  std::deque<orvane::Task> held_input_;
   // Shared with the continuations.
   std::shared_ptr<Unanswered> unanswered_ = std::make_shared<Unanswered>();
   std::optional<Json> newest_move_;  // That waits for the others' answers.

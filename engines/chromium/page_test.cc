@@ -1015,6 +1015,18 @@ TEST_F(PageListsTest, TheHostsChoiceIsThePages) {
   EXPECT_EQ(deleted_, created_);
 }
 
+TEST_F(PageListsTest, InputThatFollowsAChoiceWaitsUntilThePageHasIt) {
+  Serve();
+  OpenList();
+  scripted_->NeverReplyTo("Runtime.evaluate");
+  Answer("accepted: true selected_indices: 0");
+  ASSERT_THAT(Scripts(), ElementsAre("orvaneAgent.chooseFromList(4, 0)"));
+  Click();
+  EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), IsEmpty());
+  EndScript("result", Json::object());
+  EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), SizeIs(2));
+}
+
 TEST_F(PageListsTest, WhatCannotBeChosenIsNot) {
   for (const char* const answer :
        {"accepted: true selected_indices: 1",
