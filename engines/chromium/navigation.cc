@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <optional>
 #include <utility>
 
 #include "absl/log/log.h"
@@ -37,6 +38,15 @@ rpc::PageSecurity SecurityOf(absl::string_view address) {
   return rpc::PAGE_SECURITY_LOCAL;
 }
 
+// The id of an entry that is so many steps away from the present one.
+std::optional<Json> EntryAt(const Json& history, int steps) {
+  const auto& entries = List(history, "entries");
+  const double index = Number(history, "currentIndex") + steps;
+  if (index < 0 || index >= static_cast<double>(entries.size()))
+    return std::nullopt;
+  return Member(entries[static_cast<std::size_t>(index)], "id");
+}
+
 }  // namespace
 
 Navigation::Navigation(orvane::EventLoop* loop, BrowserId browser,
@@ -49,6 +59,7 @@ Navigation::Navigation(orvane::EventLoop* loop, BrowserId browser,
       send_(std::move(send)),
       shown_(std::move(address)) {
   state_.set_address(shown_);
+  state_.set_is_loading(true);
 }
 
 // For hosts
@@ -75,14 +86,7 @@ absl::Status Navigation::Load(const std::string& address) {
 
 absl::Status Navigation::Reload(bool bypass_cache) {
   crashes_.clear();
-  if (frame_.empty()) return absl::OkStatus();
-  if (has_given_up_ || !state_.error().empty()) {
-    Navigate(shown_);
-    return absl::OkStatus();
-  }
-  WhenResponsive([this, bypass_cache] {
-    send_("Page.reload", {{"ignoreCache", bypass_cache}}, nullptr);
-  });
+  if (!frame_.empty()) LoadAgain(bypass_cache);
   return absl::OkStatus();
 }
 
@@ -107,18 +111,19 @@ absl::Status Navigation::GoForward() {
 }
 
 void Navigation::Go(int steps) {
+  is_about_to_load_ = true;
+  Changed();
   WhenResponsive([this, steps] {
     send_("Page.getNavigationHistory", Json::object(),
           [this, steps](const absl::StatusOr<Json>& history) {
-            if (!history.ok()) return;
-            const auto& entries = List(*history, "entries");
-            const double index = Number(*history, "currentIndex") + steps;
-            if (index < 0 || index >= static_cast<double>(entries.size()))
+            const std::optional<Json> entry =
+                history.ok() ? EntryAt(*history, steps) : std::nullopt;
+            if (!entry.has_value()) {
+              HasBegun();
               return;
-            send_("Page.navigateToHistoryEntry",
-                  {{"entryId",
-                    Member(entries[static_cast<std::size_t>(index)], "id")}},
-                  nullptr);
+            }
+            send_("Page.navigateToHistoryEntry", {{"entryId", *entry}},
+                  [this](const absl::StatusOr<Json>&) { HasBegun(); });
           });
   });
 }
@@ -145,20 +150,41 @@ void Navigation::Begin(const std::string& frame) {
 void Navigation::End() {
   frame_.clear();
   is_asked_for_ = false;
+  is_about_to_load_ = false;
+  is_loading_ = false;
   is_looking_at_history_ = false;
   ForgetDocument();
-  state_.set_is_loading(false);
   state_.set_can_go_back(false);
   state_.set_can_go_forward(false);
   state_.set_address(shown_);
   Changed();
 }
 
-void Navigation::Navigate(const std::string& address) {
+void Navigation::LoadAgain(bool bypass_cache) {
+  const bool is_shown = blank_page_ != BlankPage::kShown && !is_asked_for_ &&
+                        !has_given_up_ && state_.error().empty();
+  if (!is_shown) {
+    Navigate(state_.address());
+    return;
+  }
+  is_about_to_load_ = true;
+  Changed();
+  WhenResponsive([this, bypass_cache] {
+    send_("Page.reload", {{"ignoreCache", bypass_cache}},
+          [this](const absl::StatusOr<Json>&) { HasBegun(); });
+  });
+}
+
+void Navigation::HasBegun() {
+  is_about_to_load_ = false;
+  Changed();
+}
+
+void Navigation::Navigate(std::string address) {
   is_asked_for_ = true;
   state_.set_address(address);
   Changed();
-  WhenResponsive([this, address, load = ++last_load_] {
+  WhenResponsive([this, address = std::move(address), load = ++last_load_] {
     send_("Page.navigate", {{"url", address}},
           [this, load,
            documents = documents_](const absl::StatusOr<Json>& answer) {
@@ -187,7 +213,8 @@ void Navigation::Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,
 }
 
 void Navigation::Recover() {
-  is_asked_for_ = false;
+  is_about_to_load_ = false;
+  is_loading_ = false;
   ForgetDocument();
   const absl::Time now = absl::Now();
   while (!crashes_.empty() && crashes_.front() < now - kCrashPeriod)
@@ -197,12 +224,13 @@ void Navigation::Recover() {
                << orvane::Printable(shown_, kLoggedBytes);
   has_given_up_ = crashes_.size() > kMaxCrashes;
   if (has_given_up_) {
+    is_asked_for_ = false;
     state_.set_error("the page keeps crashing");
     Fail(rpc::PAGE_FAILURE_KEEPS_CRASHING);
     send_("Page.navigate", {{"url", kCrashPage}}, nullptr);
   } else {
     Fail(rpc::PAGE_FAILURE_CRASHED);
-    send_("Page.reload", Json::object(), nullptr);
+    LoadAgain(/*bypass_cache=*/false);
   }
   Changed();
 }
@@ -237,11 +265,11 @@ void Navigation::OnEvent(const EngineEvent& event) {
     Changed();
   } else if (event.method == "Page.frameStartedLoading") {
     if (!is_main) return;
-    state_.set_is_loading(true);
+    is_loading_ = true;
     Changed();
   } else if (event.method == "Page.frameStoppedLoading") {
     if (!is_main) return;
-    state_.set_is_loading(false);
+    is_loading_ = false;
     ForgetBlankPage();
     LookAtHistory();
     Changed();
@@ -357,6 +385,8 @@ void Navigation::TakeIcon(const Json& report) {
 // What hosts are told
 
 void Navigation::Changed() {
+  state_.set_is_loading(frame_.empty() || is_asked_for_ || is_about_to_load_ ||
+                        is_loading_);
   if (std::exchange(is_publishing_, true)) return;
   loop_->Post([this, alive = std::weak_ptr<bool>(alive_)] {
     if (!alive.expired()) Publish();

@@ -79,7 +79,12 @@ class Navigation {
   // to go elsewhere while it hangs would never come back.
   void WhenResponsive(orvane::Task task);
 
-  void Navigate(const std::string& address);
+  void Navigate(std::string address);
+  // Loads the address that hosts are told. The engine would load the page that
+  // it shows, which is another one while that address is on its way.
+  void LoadAgain(bool bypass_cache);
+  // The engine has told what it loads, if anything.
+  void HasBegun();
   // `is_shown`: the page has got a document meanwhile.
   void Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,
               bool is_shown);
@@ -104,7 +109,10 @@ class Navigation {
   std::string frame_;  // The main one. Empty while there is no target.
   std::string shown_;  // The address of the page.
   std::uint64_t last_load_ = 0;
-  bool is_asked_for_ = false;    // The latest load is not finished yet.
+  bool is_asked_for_ = false;  // The latest load is not finished yet.
+  // It takes the engine a moment to tell that it loads something.
+  bool is_about_to_load_ = false;
+  bool is_loading_ = false;      // As it tells.
   std::uint64_t documents_ = 0;  // That the page has had.
   BlankPage blank_page_ = BlankPage::kShown;
   bool has_given_up_ = false;  // The page that is shown says that it crashes.

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -163,6 +164,48 @@ TEST_F(PageServiceTest, AReloadOfWhatFailedLoadsTheAddressAgain) {
   TellOfPage("chrome-error://chromewebdata/", "https://nowhere.example/");
   Reload();
   EXPECT_EQ(LoadedAddresses(), Json({"https://nowhere.example/"}));
+}
+
+// The engine would load the page that is still shown, and forget the other.
+TEST_F(PageServiceTest, AReloadOfWhatIsBeingLoadedLoadsThatAgain) {
+  EXPECT_EQ(Load("https://slow.example/"), absl::OkStatus());
+  Reload();
+  EXPECT_THAT(scripted_->Params("Page.reload"), IsEmpty());
+  EXPECT_EQ(LoadedAddresses(),
+            Json({"https://slow.example/", "https://slow.example/"}));
+}
+
+TEST_F(PageServiceTest, AReloadBeforeTheFirstPageIsThereLoadsThatPage) {
+  scripted_->Close();
+  LaunchEngine();
+  loop_.RunUntil([this] { return launches_ == 2; });
+  AnswerTheVersion();
+  scripted_->Settle();
+  scripted_->ForgetCommands();
+  Reload();
+  EXPECT_THAT(scripted_->Params("Page.reload"), IsEmpty());
+  EXPECT_EQ(LoadedAddresses(), Json({"https://first.example/"}));
+}
+
+// So that a host can wait until it has the page that it has asked for.
+TEST_F(PageServiceTest, APageIsLoadingAsSoonAsThatIsAskedFor) {
+  scripted_->ReplyTo("Page.navigate", {{"errorText", "net::ERR_ABORTED"}});
+  scripted_->ReplyTo("Page.getNavigationHistory",
+                     {{"currentIndex", 1},
+                      {"entries", {{{"id", 10}}, {{"id", 11}}, {{"id", 12}}}}});
+  TellOfPage("https://second.example/");
+  const auto load = New<rpc::LoadRequest>("address: 'https://next.example/'");
+  for (const auto& ask : std::vector<std::function<absl::Status()>>{
+           [&] { return pages_->Load(load).status(); },
+           [&] { return pages_->Reload(New<rpc::ReloadRequest>()).status(); },
+           [&] { return pages_->GoBack(browser_).status(); },
+           [&] { return pages_->GoForward(browser_).status(); }}) {
+    EXPECT_FALSE(State().is_loading());
+    EXPECT_EQ(ask(), absl::OkStatus());
+    EXPECT_TRUE(State().is_loading());
+    scripted_->Settle();
+  }
+  EXPECT_FALSE(State().is_loading());
 }
 
 TEST_F(PageServiceTest, ALoadThatIsStoppedLeavesThePage) {
@@ -337,6 +380,14 @@ TEST_F(PageServiceTest, ACrashIsTold) {
   Tell("Inspector.targetCrashed");
   EXPECT_THAT(failed_, ElementsAre(rpc::PAGE_FAILURE_CRASHED));
   EXPECT_THAT(scripted_->Params("Page.reload"), SizeIs(1));
+}
+
+TEST_F(PageServiceTest, ACrashWhileAnotherPageIsBeingLoadedLoadsThatAgain) {
+  EXPECT_EQ(Load("https://slow.example/"), absl::OkStatus());
+  Tell("Inspector.targetCrashed");
+  EXPECT_THAT(scripted_->Params("Page.reload"), IsEmpty());
+  EXPECT_EQ(LoadedAddresses(),
+            Json({"https://slow.example/", "https://slow.example/"}));
 }
 
 TEST_F(PageServiceTest, APageThatKeepsCrashingComesBackOnceItIsAskedFor) {

@@ -98,11 +98,15 @@ TEST_F(PageTest, AFrameOfAnotherSiteIsSetUpToo) {
 }
 
 TEST_F(PageTest, ACrashedPageIsLoadedAgain) {
+  Tell("Page.frameNavigated",
+       {{"frame", {{"id", "target"}, {"url", "https://first.example/"}}}});
   Tell("Inspector.targetCrashed");
   EXPECT_THAT(scripted_->Params("Page.reload"), SizeIs(1));
 }
 
 TEST_F(PageTest, APageThatKeepsCrashingIsNot) {
+  Tell("Page.frameNavigated",
+       {{"frame", {{"id", "target"}, {"url", "https://first.example/"}}}});
   for (int i = 0; i < 4; ++i) Tell("Inspector.targetCrashed");
   EXPECT_THAT(scripted_->Params("Page.reload"), SizeIs(3));
   EXPECT_THAT(Text(scripted_->Params("Page.navigate").back(), "url"),
