@@ -43,14 +43,19 @@ Engine::~Engine() = default;
 
 absl::Status Engine::Start() {
   if (absl::Status status = Begin(); !status.ok()) return status;
-  loop_->RunUntil([this] { return state_ != State::kStarting; });
-  return has_been_up_ ? absl::OkStatus() : last_end_;
+  if (!loop_->RunUntil(
+          [this] { return has_started_ || state_ == State::kDown; })) {
+    return absl::CancelledError("the loop was stopped");
+  }
+  return has_started_ ? absl::OkStatus() : last_end_;
 }
 
-bool Engine::has_all_targets() const {
-  return std::all_of(places_.begin(), places_.end(), [](const auto& place) {
-    return !place->target.screen.empty();
-  });
+void Engine::CheckHasStarted() {
+  has_started_ =
+      has_started_ ||
+      std::all_of(places_.begin(), places_.end(), [](const auto& place) {
+        return !place->target.screen.empty();
+      });
 }
 
 absl::Status Engine::Begin() {
@@ -80,7 +85,6 @@ absl::Status Engine::Begin() {
 void Engine::OnUp(const std::string& product) {
   LOG(INFO) << "the engine is up: " << orvane::Printable(product);
   state_ = State::kUp;
-  has_been_up_ = true;
   up_since_ = absl::Now();
   Call("", "Target.setDiscoverTargets",
        {{"discover", true}, {"filter", {{{"type", "page"}}}}});
@@ -91,6 +95,7 @@ void Engine::OnUp(const std::string& product) {
           {"eventsEnabled", true}});
   }
   for (const auto& place : places_) OpenTarget(place->client);
+  CheckHasStarted();
   timer_ = loop_->RunAfter(patience_, [this] { AskWhetherItLives(); });
 }
 
@@ -111,7 +116,7 @@ void Engine::OnEnd(const absl::Status& why) {
   if (state_ == State::kDown) return;
   const bool is_wanted = state_ == State::kShuttingDown;
   const bool was_up = state_ == State::kUp;
-  state_ = State::kDown;
+  if (!is_wanted) state_ = State::kDown;
   sessions_.clear();
   pipe_.reset();  // Before the wait for the end, which follows from it.
   last_end_ = process_ == nullptr
@@ -124,7 +129,7 @@ void Engine::OnEnd(const absl::Status& why) {
     std::exchange(on_shut_down_, nullptr)();
     return;
   }
-  if (!has_been_up_) return;  // Start() tells why.
+  if (!has_started_) return;  // Start() tells why.
   if (was_up && absl::Now() - up_since_ > kLongEnough) delay_ = kFirstDelay;
   LOG(WARNING) << last_end_.message() << "; a new engine starts in " << delay_;
   timer_ = loop_->RunAfter(delay_, [this] {
@@ -142,7 +147,7 @@ void Engine::OnEnd(const absl::Status& why) {
 }
 
 void Engine::Shutdown(absl::Duration within, orvane::Task done) {
-  if (state_ == State::kDown) {
+  if (pipe_ == nullptr) {
     timer_.reset();
     loop_->Post(std::move(done));
     return;
@@ -277,9 +282,10 @@ void Engine::MakeScreen(Client* client) {
       std::find_if(places_.begin(), places_.end(),
                    [&](const auto& place) { return place->client == client; });
   const int left = kScreenStep * static_cast<int>(found - places_.begin());
-  const auto take = [](Place& place, const Json& screen) {
+  const auto take = [this](Place& place, const Json& screen) {
     place.target.screen = Text(screen, "id");
     place.client->OnTarget(place.target);
+    CheckHasStarted();
   };
   if (left == 0) {
     Step(client, "Emulation.getScreenInfos", Json::object(),

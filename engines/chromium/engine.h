@@ -74,12 +74,10 @@ class Engine {
   Engine& operator=(const Engine&) = delete;
   ~Engine();
 
-  // Starts the engine and runs the loop until it is up. Fails in words if it
-  // does not come up; then it is not started again.
+  // Starts the engine and runs the loop until every client has a target. Fails
+  // in words if it comes to nothing, as with an engine that lacks a command;
+  // then it is not started again. kCancelled if the loop was stopped meanwhile.
   absl::Status Start();
-
-  // Every client has a target now.
-  bool has_all_targets() const;
 
   // Lets the engine write what it has not written yet, and end by itself,
   // within that time. Then runs `done`.
@@ -111,6 +109,7 @@ class Engine {
 
   absl::Status Begin();
   void OnUp(const std::string& product);
+  void CheckHasStarted();
   void AskWhetherItLives();
   void OnEvent(EngineEvent event);
   void OnEnd(const absl::Status& why);
@@ -132,7 +131,7 @@ class Engine {
   const std::string downloads_;
   const absl::Duration patience_;
   State state_ = State::kDown;
-  bool has_been_up_ = false;
+  bool has_started_ = false;
   std::unique_ptr<EngineProcess> process_;
   std::unique_ptr<EnginePipe> pipe_;
   absl::Status last_end_;

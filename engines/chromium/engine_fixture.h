@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -58,6 +59,8 @@ class ScriptedEngine {
   void ReplyTo(const std::string& method, Json result) {
     results_[method] = std::move(result);
   }
+  // Settle() replies that there is no such command.
+  void DoesNotKnow(const std::string& method) { unknown_.insert(method); }
   // Settle() leaves the command without a reply.
   void NeverReplyTo(const std::string& method) { results_[method] = nullptr; }
 
@@ -92,7 +95,13 @@ class ScriptedEngine {
         const Json result =
             found == results_.end() ? Json::object() : found->second;
         if (result.is_null()) continue;
-        Json reply = {{"id", Member(command, "id")}, {"result", result}};
+        Json reply = {{"id", Member(command, "id")}};
+        if (const std::string& method = Text(command, "method");
+            unknown_.contains(method)) {
+          reply["error"] = {{"code", -32601}, {"message", "no " + method}};
+        } else {
+          reply["result"] = result;
+        }
         if (!Text(command, "sessionId").empty())
           reply["sessionId"] = Text(command, "sessionId");
         SendMessage(reply);
@@ -121,6 +130,7 @@ class ScriptedEngine {
   orvane::OwnedDescriptor socket_;
   std::string unread_;
   std::map<std::string, Json> results_;
+  std::set<std::string> unknown_;
   std::vector<Json> commands_;
 };
 

@@ -73,10 +73,8 @@ int main(int argc, char** argv) {
     });
   };
   loop.OnSignal({SIGINT, SIGTERM}, shut_down);
-  if (absl::Status status = engine.Start(); !status.ok()) return Fail(status);
-  // So that a host that connects at once finds its pages.
-  if (!loop.RunUntil([&] { return engine.has_all_targets(); }))
-    return EXIT_SUCCESS;
+  if (absl::Status status = engine.Start(); !status.ok())
+    return absl::IsCancelled(status) ? EXIT_SUCCESS : Fail(status);
   const auto where =
       widget_server::Serve(options.endpoints, &server, shut_down);
   if (!where.ok()) return Fail(where.status());

@@ -61,9 +61,12 @@ class PageFixture : public ::testing::Test {
                        {{"identifier", "1"}});
   }
 
-  // Start waits for a reply, which has to be there before.
+  // Start waits for replies.
   absl::Status StartEngine() {
-    loop_.Post([this] { AnswerTheVersion(); });
+    loop_.Post([this] {
+      AnswerTheVersion();
+      scripted_->Settle();
+    });
     absl::Status status = engine_.Start();
     scripted_->Settle();
     return status;

@@ -166,6 +166,26 @@ TEST_F(PageTest, AnEngineThatDoesNotAnswerAnyMoreIsStartedAgain) {
   loop_.RunUntil([&] { return launches == 2; });
 }
 
+// It would be started again and again, and serve nobody.
+TEST_F(PageTest, AnEngineThatLacksACommandDoesNotStart) {
+  struct Nobody final : Engine::Client {
+    void OnTarget(const Target&) override { ADD_FAILURE(); }
+    void OnEvent(EngineEvent) override {}
+    void OnTargetLost() override {}
+  } client;
+  auto pair = orvane::ConnectedPair();
+  ASSERT_TRUE(pair.ok());
+  testing::ScriptedEngine old(&loop_, std::move(pair->second));
+  old.DoesNotKnow("Emulation.getScreenInfos");
+  Engine engine(&loop_, [&]() -> absl::StatusOr<LaunchedEngine> {
+    return LaunchedEngine{nullptr, std::move(pair->first)};
+  });
+  engine.Add(&client);
+  loop_.Post([&] { old.Settle(); });
+  EXPECT_THAT(engine.Start().message(),
+              HasSubstr("no Emulation.getScreenInfos"));
+}
+
 TEST_F(PageTest, WhatIsNotAllowedIsNotLoaded) {
   Tell("Fetch.requestPaused",
        {{"requestId", "r1"}, {"request", {{"url", "file:///etc/passwd"}}}});

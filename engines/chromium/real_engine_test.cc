@@ -66,6 +66,21 @@ TEST_F(RealEngineTest, OnlyWhatHasChangedIsDamaged) {
   }
 }
 
+TEST_F(RealEngineTest, LayersOfThePageAreInThePictureOfTheView) {
+  Open(
+      "<dialog style='margin:0;border:0;padding:0;left:100px;top:50px;"
+      "width:100px;height:100px;background:rgb(255,0,128);"
+      "will-change:transform'></dialog><script>onclick = () =>"
+      "  document.querySelector('dialog').showModal()</script>");
+  int layers = 0;
+  const auto serving = widget_->OnUpdateLayer(
+      browser_, [&](const rpc::UpdateLayerCall&,
+                    orvane::Responder<rpc::UpdateLayer>) { ++layers; });
+  Click(10, 10);
+  AwaitColor(150, 100, 0xff0080);
+  EXPECT_EQ(layers, 0);
+}
+
 TEST_F(RealEngineTest, AnotherSizeIsLaidOutAndDrawn) {
   Open(
       "<script>addEventListener('resize', () =>"
