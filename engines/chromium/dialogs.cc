@@ -193,6 +193,11 @@ void Dialogs::Decline() {
   CloseDialog(false, "");
 }
 
+void Dialogs::DeclineUnasked(const EngineEvent& event) {
+  open_session_ = event.session;
+  CloseDialog(false, "");
+}
+
 void Dialogs::CloseDialog(bool is_accepted, const std::string& text) {
   open_ = 0;
   send_(open_session_, "Page.handleJavaScriptDialog",

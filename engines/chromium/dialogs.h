@@ -51,6 +51,9 @@ class Dialogs {
   // Declines the dialog for which the page waits, if there is one.
   void Decline();
 
+  // In place of OnEvent, for a dialog that opens while nobody wants to know.
+  void DeclineUnasked(const EngineEvent& event);
+
   // A dialog for which the page waits.
   bool is_open() const { return open_ != 0; }
 

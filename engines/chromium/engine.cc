@@ -177,6 +177,12 @@ void Engine::Remove(Client* client) {
   places_.erase(found);
 }
 
+void Engine::Replace(Client* client) {
+  const Place* const place = FindPlace(client);
+  if (place == nullptr || place->target.id.empty()) return;
+  Call("", "Target.closeTarget", {{"targetId", place->target.id}});
+}
+
 void Engine::AddSession(const std::string& session, Client* client) {
   sessions_[session] = client;
 }

@@ -88,6 +88,9 @@ class Engine {
   void Add(Client* client);
   void Remove(Client* client);
 
+  // Closes the client's target, whatever its page does. Another one follows.
+  void Replace(Client* client);
+
   // Events of this session too are for that client, until the session is
   // removed or the engine ends.
   void AddSession(const std::string& session, Client* client);

@@ -22,6 +22,11 @@ constexpr std::size_t kMaxTitleBytes = 4096;
 constexpr std::size_t kLoggedBytes = 200;  // Of an address.
 constexpr int kMaxIconSide = 64;
 
+// Within which a page answers that no script keeps busy, and how often one that
+// is to go is asked.
+constexpr absl::Duration kResponseTime = absl::Seconds(3);
+constexpr absl::Duration kLeavingInterval = absl::Seconds(5);
+
 constexpr std::size_t kMaxCrashes = 3;
 constexpr absl::Duration kCrashPeriod = absl::Minutes(1);
 constexpr char kCrashPage[] =
@@ -51,12 +56,12 @@ std::optional<Json> EntryAt(const Json& history, int steps) {
 
 Navigation::Navigation(orvane::EventLoop* loop, BrowserId browser,
                        std::string address, const Addresses* addresses,
-                       rpc::PageRpc* service, Send send)
+                       rpc::PageRpc* service, Window window)
     : loop_(loop),
       browser_(std::move(browser)),
       addresses_(addresses),
       service_(service),
-      send_(std::move(send)),
+      window_(std::move(window)),
       shown_(std::move(address)) {
   state_.set_address(shown_);
   state_.set_is_loading(true);
@@ -75,6 +80,7 @@ absl::Status Navigation::Load(const std::string& address) {
   crashes_.clear();
   if (frame_.empty()) {
     // The engine is being started again, and then loads this.
+    is_stopped_ = false;
     shown_ = address;
     state_.set_address(address);
     Changed();
@@ -86,13 +92,26 @@ absl::Status Navigation::Load(const std::string& address) {
 
 absl::Status Navigation::Reload(bool bypass_cache) {
   crashes_.clear();
-  if (!frame_.empty()) LoadAgain(bypass_cache);
+  if (!frame_.empty()) {
+    LoadAgain(bypass_cache);
+  } else {
+    is_stopped_ = false;
+    Changed();
+  }
   return absl::OkStatus();
 }
 
 absl::Status Navigation::Stop() {
-  WhenResponsive(
-      [this] { send_("Page.stopLoading", Json::object(), nullptr); });
+  if (frame_.empty()) {
+    is_stopped_ = true;
+    Changed();
+    return absl::OkStatus();
+  }
+  is_stopping_ = true;
+  WhenResponsive([this] {
+    is_stopping_ = false;
+    Send("Page.stopLoading");
+  });
   return absl::OkStatus();
 }
 
@@ -111,32 +130,85 @@ absl::Status Navigation::GoForward() {
 }
 
 void Navigation::Go(int steps) {
+  BeginLeaving();
   is_about_to_load_ = true;
   Changed();
   WhenResponsive([this, steps] {
-    send_("Page.getNavigationHistory", Json::object(),
-          [this, steps](const absl::StatusOr<Json>& history) {
-            const std::optional<Json> entry =
-                history.ok() ? EntryAt(*history, steps) : std::nullopt;
-            if (!entry.has_value()) {
-              HasBegun();
-              return;
-            }
-            send_("Page.navigateToHistoryEntry", {{"entryId", *entry}},
-                  [this](const absl::StatusOr<Json>&) { HasBegun(); });
-          });
+    Send("Page.getNavigationHistory", {},
+         [this, steps](const absl::StatusOr<Json>& history) {
+           const std::optional<Json> entry =
+               history.ok() ? EntryAt(*history, steps) : std::nullopt;
+           if (!entry.has_value()) {
+             HasBegun();
+             return;
+           }
+           Send("Page.navigateToHistoryEntry", {{"entryId", *entry}},
+                [this](const absl::StatusOr<Json>&) { HasBegun(); });
+         });
   });
 }
 
 void Navigation::WhenResponsive(orvane::Task task) {
-  if (!state_.is_unresponsive()) {
-    std::move(task)();
+  if (state_.is_unresponsive()) {
+    EndScript(std::move(task));
     return;
   }
-  send_("Runtime.terminateExecution", Json::object(),
-        [task = std::move(task)](const absl::StatusOr<Json>&) mutable {
-          std::move(task)();
-        });
+  window_.send("Runtime.evaluate", {{"expression", "0"}},
+               [this, task = std::move(task)](
+                   const absl::StatusOr<Json>& answer) mutable {
+                 if (absl::IsDeadlineExceeded(answer.status())) {
+                   EndScript(std::move(task));
+                 } else {
+                   std::move(task)();
+                 }
+               },
+               {.timeout = kResponseTime});
+}
+
+void Navigation::EndScript(orvane::Task then) {
+  window_.send("Runtime.terminateExecution", Json::object(),
+               [this, then = std::move(then)](
+                   const absl::StatusOr<Json>& answer) mutable {
+                 if (!absl::IsDeadlineExceeded(answer.status())) {
+                   std::move(then)();
+                   return;
+                 }
+                 LOG(WARNING) << "browser " << browser_.value()
+                              << ": its page cannot be stopped, and is ended: "
+                              << orvane::Printable(shown_, kLoggedBytes);
+                 window_.replace();
+               },
+               {.timeout = kResponseTime});
+}
+
+void Navigation::BeginLeaving() {
+  is_leaving_ = true;
+  WatchLeaving();
+}
+
+void Navigation::WatchLeaving() {
+  leaving_timer_ = loop_->RunAfter(kLeavingInterval, [this] {
+    // A host may take its time to say whether the page may be left.
+    if (window_.has_dialog()) {
+      WatchLeaving();
+      return;
+    }
+    WhenResponsive([this] {
+      if (is_leaving_) WatchLeaving();
+    });
+  });
+}
+
+void Navigation::EndLeaving() {
+  is_leaving_ = false;
+  leaving_timer_.reset();
+}
+
+void Navigation::Send(absl::string_view method, Json params,
+                      orvane::OnAnswer<Json> on_answer) {
+  // A site may take its time to answer.
+  window_.send(method, std::move(params), std::move(on_answer),
+               {.timeout = absl::InfiniteDuration()});
 }
 
 // Loading
@@ -144,16 +216,24 @@ void Navigation::WhenResponsive(orvane::Task task) {
 void Navigation::Begin(const std::string& frame) {
   frame_ = frame;
   blank_page_ = BlankPage::kShown;
-  Navigate(shown_);
+  if (std::exchange(is_stopped_, false)) {
+    Changed();
+  } else {
+    Navigate(shown_);
+  }
 }
 
 void Navigation::End() {
   frame_.clear();
+  if (is_leaving_) shown_ = state_.address();
+  EndLeaving();
+  is_stopping_ = false;
   is_asked_for_ = false;
   is_about_to_load_ = false;
   is_loading_ = false;
   is_looking_at_history_ = false;
   ForgetDocument();
+  state_.clear_error();
   state_.set_can_go_back(false);
   state_.set_can_go_forward(false);
   state_.set_address(shown_);
@@ -161,17 +241,18 @@ void Navigation::End() {
 }
 
 void Navigation::LoadAgain(bool bypass_cache) {
-  const bool is_shown = blank_page_ != BlankPage::kShown && !is_asked_for_ &&
+  const bool is_shown = blank_page_ != BlankPage::kShown && !is_leaving_ &&
                         !has_given_up_ && state_.error().empty();
   if (!is_shown) {
     Navigate(state_.address());
     return;
   }
+  BeginLeaving();
   is_about_to_load_ = true;
   Changed();
   WhenResponsive([this, bypass_cache] {
-    send_("Page.reload", {{"ignoreCache", bypass_cache}},
-          [this](const absl::StatusOr<Json>&) { HasBegun(); });
+    Send("Page.reload", {{"ignoreCache", bypass_cache}},
+         [this](const absl::StatusOr<Json>&) { HasBegun(); });
   });
 }
 
@@ -181,27 +262,45 @@ void Navigation::HasBegun() {
 }
 
 void Navigation::Navigate(std::string address) {
+  // The engine would not begin to load again what it is loading.
+  const bool must_stop = is_leaving_;
+  BeginLeaving();
   is_asked_for_ = true;
   state_.set_address(address);
+  state_.clear_error();
   Changed();
-  WhenResponsive([this, address = std::move(address), load = ++last_load_] {
-    send_("Page.navigate", {{"url", address}},
-          [this, load,
-           documents = documents_](const absl::StatusOr<Json>& answer) {
-            Finish(load, answer, documents != documents_);
-          });
-  });
+  WhenResponsive(
+      [this, must_stop, address = std::move(address), load = ++last_load_] {
+        if (must_stop) Send("Page.stopLoading");
+        Send("Page.navigate", {{"url", address}},
+             [this, load,
+              documents = documents_](const absl::StatusOr<Json>& answer) {
+               Finish(load, answer, documents != documents_);
+             });
+      });
 }
 
 void Navigation::Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,
                         bool is_shown) {
-  if (load != last_load_) return;
-  is_asked_for_ = false;
+  if (load != last_load_ || !is_asked_for_) return;
+  // The engine has ended, which is told next.
+  if (absl::IsUnavailable(answer.status())) return;
   const std::string error =
       answer.ok() ? Text(*answer, "errorText") : answer.status().ToString();
   if (error == kAborted) {
-    state_.set_address(shown_);
-  } else if (!error.empty()) {
+    // So it says, too, when the page's process has ended, which is told before
+    // it answers anything else.
+    window_.send("Runtime.evaluate", {{"expression", "0"}},
+                 [this, load](const absl::StatusOr<Json>&) {
+                   if (load != last_load_ || !is_asked_for_) return;
+                   is_asked_for_ = false;
+                   state_.set_address(shown_);
+                   Changed();
+                 },
+                 {.timeout = kResponseTime});
+    return;
+  }
+  if (!error.empty()) {
     LOG(WARNING) << "browser " << browser_.value() << ": "
                  << orvane::Printable(state_.address(), kLoggedBytes) << ": "
                  << orvane::Printable(error);
@@ -209,10 +308,12 @@ void Navigation::Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,
   } else if (is_shown) {
     state_.set_address(shown_);
   }  // Else the engine tells of the document next.
+  is_asked_for_ = false;
   Changed();
 }
 
 void Navigation::Recover() {
+  is_stopping_ = false;
   is_about_to_load_ = false;
   is_loading_ = false;
   ForgetDocument();
@@ -225,9 +326,10 @@ void Navigation::Recover() {
   has_given_up_ = crashes_.size() > kMaxCrashes;
   if (has_given_up_) {
     is_asked_for_ = false;
+    EndLeaving();
     state_.set_error("the page keeps crashing");
     Fail(rpc::PAGE_FAILURE_KEEPS_CRASHING);
-    send_("Page.navigate", {{"url", kCrashPage}}, nullptr);
+    Send("Page.navigate", {{"url", kCrashPage}}, nullptr);
   } else {
     Fail(rpc::PAGE_FAILURE_CRASHED);
     LoadAgain(/*bypass_cache=*/false);
@@ -259,6 +361,7 @@ void Navigation::OnEvent(const EngineEvent& event) {
     if (Text(frame, "id") == frame_) TakeDocument(frame);
   } else if (event.method == "Page.navigatedWithinDocument") {
     if (!is_main || has_given_up_) return;
+    EndLeaving();
     shown_ = CutText(Text(params, "url"), kMaxAddressBytes);
     if (!is_asked_for_) state_.set_address(shown_);
     LookAtHistory();
@@ -280,6 +383,7 @@ void Navigation::OnEvent(const EngineEvent& event) {
 
 void Navigation::TakeDocument(const Json& frame) {
   ++documents_;
+  EndLeaving();
   ForgetDocument();
   if (blank_page_ == BlankPage::kShown) blank_page_ = BlankPage::kInHistory;
   ForgetBlankPage();
@@ -314,13 +418,13 @@ void Navigation::ForgetDocument() {
 void Navigation::ForgetBlankPage() {
   if (blank_page_ != BlankPage::kInHistory) return;
   blank_page_ = BlankPage::kBeingForgotten;
-  send_("Page.resetNavigationHistory", Json::object(),
-        [this](const absl::StatusOr<Json>& answer) {
-          // The engine refuses it at some moments, so it is tried again.
-          blank_page_ =
-              answer.ok() ? BlankPage::kForgotten : BlankPage::kInHistory;
-          LookAtHistory();
-        });
+  Send("Page.resetNavigationHistory", Json::object(),
+       [this](const absl::StatusOr<Json>& answer) {
+         // The engine refuses it at some moments, so it is tried again.
+         blank_page_ =
+             answer.ok() ? BlankPage::kForgotten : BlankPage::kInHistory;
+         LookAtHistory();
+       });
 }
 
 void Navigation::LookAtHistory() {
@@ -332,19 +436,19 @@ void Navigation::LookAtHistory() {
   }
   is_looking_at_history_ = true;
   must_look_again_ = false;
-  send_("Page.getNavigationHistory", Json::object(),
-        [this](const absl::StatusOr<Json>& history) {
-          is_looking_at_history_ = false;
-          if (history.ok()) {
-            const double index = Number(*history, "currentIndex");
-            const auto count =
-                static_cast<double>(List(*history, "entries").size());
-            state_.set_can_go_back(index > 0);
-            state_.set_can_go_forward(index + 1 < count);
-            Changed();
-          }
-          if (must_look_again_) LookAtHistory();
-        });
+  Send("Page.getNavigationHistory", Json::object(),
+       [this](const absl::StatusOr<Json>& history) {
+         is_looking_at_history_ = false;
+         if (history.ok()) {
+           const double index = Number(*history, "currentIndex");
+           const auto count =
+               static_cast<double>(List(*history, "entries").size());
+           state_.set_can_go_back(index > 0);
+           state_.set_can_go_forward(index + 1 < count);
+           Changed();
+         }
+         if (must_look_again_) LookAtHistory();
+       });
 }
 
 void Navigation::OfferWindow(const Json& params) {
@@ -385,8 +489,9 @@ void Navigation::TakeIcon(const Json& report) {
 // What hosts are told
 
 void Navigation::Changed() {
-  state_.set_is_loading(frame_.empty() || is_asked_for_ || is_about_to_load_ ||
-                        is_loading_);
+  state_.set_is_loading((frame_.empty() && !is_stopped_) || is_asked_for_ ||
+                        is_about_to_load_ || is_loading_);
+  if (!state_.is_loading()) EndLeaving();
   if (std::exchange(is_publishing_, true)) return;
   loop_->Post([this, alive = std::weak_ptr<bool>(alive_)] {
     if (!alive.expired()) Publish();

@@ -29,14 +29,25 @@ namespace chromium {
 // Thread: the service thread. Lifetime: loop, addresses and service outlive it.
 class Navigation {
  public:
-  // Sends a command to the page's main session. Without one, and if the page is
-  // lost before the reply, the continuation does not run.
-  using Send = std::function<void(absl::string_view method, Json params,
-                                  orvane::OnAnswer<Json> on_answer)>;
+  // The page's place in the engine.
+  struct Window {
+    // Sends a command to the page's main session. Without one, and if the page
+    // is lost before the reply, the continuation does not run.
+    std::function<void(absl::string_view method, Json params,
+                       orvane::OnAnswer<Json> on_answer,
+                       orvane::CallOptions options)>
+        send;
+
+    // Whether the page waits for the answer to a dialog.
+    std::function<bool()> has_dialog;
+
+    // Ends the page, however busy it is. End and Begin follow.
+    std::function<void()> replace;
+  };
 
   // `address` is allowed.
   Navigation(orvane::EventLoop* loop, BrowserId browser, std::string address,
-             const Addresses* addresses, rpc::PageRpc* service, Send send);
+             const Addresses* addresses, rpc::PageRpc* service, Window window);
   Navigation(const Navigation&) = delete;
   Navigation& operator=(const Navigation&) = delete;
 
@@ -48,6 +59,9 @@ class Navigation {
   absl::Status GoForward();
   const rpc::PageState& state() const { return state_; }
   const rpc::PageIcon& icon() const { return icon_; }
+
+  // A host has asked the page to go or to stop, and it has not done so yet.
+  bool is_leaving() const { return is_leaving_ || is_stopping_; }
 
   // There is a blank target for the page, with that main frame. Loads the
   // address in it.
@@ -76,8 +90,19 @@ class Navigation {
   enum class BlankPage { kShown, kInHistory, kBeingForgotten, kForgotten };
 
   // Runs it when no script keeps the page from following. A page that is told
-  // to go elsewhere while it hangs would never come back.
+  // to go elsewhere while it hangs would never come back. So a script that goes
+  // on is ended, and a page whose script cannot be ended is replaced.
   void WhenResponsive(orvane::Task task);
+  void EndScript(orvane::Task then);
+
+  // The host has asked for another page. Scripts of the old one may hang then,
+  // too.
+  void BeginLeaving();
+  void WatchLeaving();
+  void EndLeaving();
+
+  void Send(absl::string_view method, Json params = Json::object(),
+            orvane::OnAnswer<Json> on_answer = nullptr);
 
   void Navigate(std::string address);
   // Loads the address that hosts are told. The engine would load the page that
@@ -104,12 +129,16 @@ class Navigation {
   const BrowserId browser_;
   const Addresses* const addresses_;
   rpc::PageRpc* const service_;
-  const Send send_;
+  const Window window_;
 
   std::string frame_;  // The main one. Empty while there is no target.
   std::string shown_;  // The address of the page.
   std::uint64_t last_load_ = 0;
   bool is_asked_for_ = false;  // The latest load is not finished yet.
+  bool is_leaving_ = false;    // The present page is to go.
+  bool is_stopping_ = false;   // Its script is to end.
+  bool is_stopped_ = false;    // Before there was a page.
+  std::unique_ptr<orvane::EventLoop::Timer> leaving_timer_;
   // It takes the engine a moment to tell that it loads something.
   bool is_about_to_load_ = false;
   bool is_loading_ = false;      // As it tells.

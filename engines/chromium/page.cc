@@ -158,14 +158,16 @@ Page::Page(const Context& context, std::uint64_t browser, std::string address,
           [this](const std::string& effect, orvane::Task drop) {
             DropSilently(effect, std::move(drop));
           }),
-      navigation_(loop_, browser_, std::move(address), addresses_,
-                  context.page_service,
-                  [this](absl::string_view method, Json params,
-                         orvane::OnAnswer<Json> on_answer) {
-                    // A site may take its time to answer.
-                    Send(method, std::move(params), std::move(on_answer),
-                         {.timeout = absl::InfiniteDuration()});
-                  }),
+      navigation_(
+          loop_, browser_, std::move(address), addresses_, context.page_service,
+          {.send =
+               [this](absl::string_view method, Json params,
+                      orvane::OnAnswer<Json> on_answer,
+                      orvane::CallOptions options) {
+                 Send(method, std::move(params), std::move(on_answer), options);
+               },
+           .has_dialog = [this] { return dialogs_.is_open(); },
+           .replace = [this] { engine_->Replace(this); }}),
       downloads_(
           loop_, browser_, context.downloads, context.page_service,
           [this](const std::string& guid) {
@@ -825,7 +827,12 @@ void Page::OnEvent(EngineEvent event) {
   if (!target_.has_value()) return;
   const bool is_main = event.session == target_->session;
   const Json& params = event.params;
-  dialogs_.OnEvent(event);
+  if (event.method == "Page.javascriptDialogOpening" &&
+      navigation_.is_leaving() && Text(params, "type") != "beforeunload") {
+    dialogs_.DeclineUnasked(event);
+  } else {
+    dialogs_.OnEvent(event);
+  }
   if (is_main) {
     navigation_.OnEvent(event);
     downloads_.OnEvent(event);

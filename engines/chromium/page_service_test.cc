@@ -284,10 +284,54 @@ TEST_F(PageServiceTest, AnOpenDialogIsDeclinedBeforeThePageGoes) {
   std::vector<std::string> methods;
   for (const Json& command : scripted_->commands())
     methods.push_back(Text(command, "method"));
-  EXPECT_THAT(methods,
-              ElementsAre("Page.handleJavaScriptDialog", "Page.navigate"));
+  EXPECT_THAT(methods, ElementsAre("Page.handleJavaScriptDialog",
+                                   "Runtime.evaluate", "Page.navigate"));
   EXPECT_FALSE(
       Flag(scripted_->Params("Page.handleJavaScriptDialog")[0], "accept"));
+}
+
+TEST_F(PageServiceTest, APageThatIsToGoOpensNoDialogAnyMore) {
+  std::vector<rpc::CreateWebDialogCall> asked;
+  const auto serving = host_->OnCreateWebDialog(
+      browser_,
+      [&](const rpc::CreateWebDialogCall& call,
+          orvane::Responder<rpc::CreateWebDialog>) { asked.push_back(call); });
+  loop_.RunUntilIdle();
+  EXPECT_EQ(Load("https://next.example/"), absl::OkStatus());
+  for (const char* const type : {"alert", "beforeunload"}) {
+    Tell("Page.javascriptDialogOpening",
+         {{"url", "https://a.example/"}, {"type", type}});
+  }
+  ASSERT_THAT(asked, SizeIs(1));
+  EXPECT_TRUE(asked[0].has_before_unload());
+  TellOfPage("https://next.example/");
+  Tell("Page.javascriptDialogOpening",
+       {{"url", "https://a.example/"}, {"type", "alert"}});
+  EXPECT_THAT(asked, SizeIs(2));
+}
+
+TEST_F(PageServiceTest, AnEngineThatEndsDuringALoadIsFollowedByOneThatLoads) {
+  EXPECT_EQ(Load("https://slow.example/"), absl::OkStatus());
+  scripted_->Close();
+  LaunchEngine();
+  loop_.RunUntil([this] { return launches_ == 2; });
+  EXPECT_EQ(State().error(), "");
+  AnswerTheVersion();
+  scripted_->Settle();
+  EXPECT_EQ(LoadedAddresses(), Json({"https://slow.example/"}));
+}
+
+TEST_F(PageServiceTest, WhatIsStoppedWhileThereIsNoEngineIsNotLoaded) {
+  scripted_->Close();
+  LaunchEngine();
+  loop_.RunUntil([this] { return launches_ == 2; });
+  EXPECT_TRUE(pages_->Stop(browser_).ok());
+  AnswerTheVersion();
+  scripted_->Settle();
+  EXPECT_THAT(LoadedAddresses(), IsEmpty());
+  EXPECT_FALSE(State().is_loading());
+  Reload();
+  EXPECT_EQ(LoadedAddresses(), Json({"https://first.example/"}));
 }
 
 TEST_F(PageServiceTest, WhatIsAskedForWhileThereIsNoEngineIsLoadedByTheNext) {
@@ -386,6 +430,17 @@ TEST_F(PageServiceTest, ACrashWhileAnotherPageIsBeingLoadedLoadsThatAgain) {
   EXPECT_EQ(Load("https://slow.example/"), absl::OkStatus());
   Tell("Inspector.targetCrashed");
   EXPECT_THAT(scripted_->Params("Page.reload"), IsEmpty());
+  EXPECT_EQ(LoadedAddresses(),
+            Json({"https://slow.example/", "https://slow.example/"}));
+}
+
+// The engine says first that the load was aborted.
+TEST_F(PageServiceTest, ALoadThatACrashAbortsIsBegunAgain) {
+  EXPECT_EQ(Load("https://slow.example/"), absl::OkStatus());
+  scripted_->NeverReplyTo("Runtime.evaluate");
+  EndLoad({{"errorText", "net::ERR_ABORTED"}});
+  scripted_->ReplyTo("Runtime.evaluate", Json::object());
+  Tell("Inspector.targetCrashed");
   EXPECT_EQ(LoadedAddresses(),
             Json({"https://slow.example/", "https://slow.example/"}));
 }

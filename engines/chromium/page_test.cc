@@ -81,7 +81,8 @@ TEST_F(PageTest, IsSetUpBeforeItIsNavigated) {
                   "Fetch.enable", "Target.setAutoAttach", "Inspector.enable",
                   "Input.setInterceptDrags", "Page.startScreencast",
                   "Emulation.updateScreen",
-                  "Page.addScriptToEvaluateOnNewDocument", "Page.navigate"));
+                  "Page.addScriptToEvaluateOnNewDocument", "Runtime.evaluate",
+                  "Page.navigate"));
   EXPECT_THAT(scripted_->Params("Page.navigate"),
               ElementsAre(Json{{"url", "https://first.example/"}}));
 }

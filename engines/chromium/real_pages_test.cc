@@ -17,6 +17,8 @@ namespace {
 using testing::AddressOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using testing::kBegin;
+using ::testing::SizeIs;
 using testing::Stream;
 
 // Follows the state of the page.
@@ -24,6 +26,9 @@ class RealPagesTest : public testing::RealEngineFixture {
  protected:
   void Open(const std::string& body, std::vector<std::string> options = {}) {
     RealEngineFixture::Open(body, std::move(options));
+    Watch();
+  }
+  void Watch() {
     watching_ = pages_->WhenPageChanged(
         browser_,
         [this](const rpc::PageChanged& event) { state_ = event.state(); });
@@ -114,6 +119,75 @@ TEST_F(RealPagesTest, APageThatWaitsForADialogCanBeLeft) {
   loop_.RunUntil([&] { return !responders.empty(); });
   Load(Titled("Elsewhere"));
   AwaitTitle("Elsewhere");
+}
+
+// Of two pages of one site, which share a process.
+class RealSiteTest : public RealPagesTest {
+ protected:
+  void Open(const std::string& body) {
+    const std::string first = Write("first.html", kBegin + body);
+    second_ = Write("second.html", "<!DOCTYPE html><title>Second</title>");
+    LetTheEngineReadFiles();
+    OpenAddress(first, {"--files", files_.path(), "--allow-scripts"});
+    AwaitColor(0, 199, 0x008000);
+    Watch();
+  }
+  std::string Write(const std::string& name, const std::string& content) {
+    const std::string path = files_.path() + "/" + name;
+    std::ofstream(path) << content;
+    return "file://" + path;
+  }
+  void ExpectThatItCanBeLeft() {
+    Load(second_);
+    AwaitTitle("Second");
+    EXPECT_EQ(state_.address(), second_);
+  }
+
+  std::string second_;
+};
+
+TEST_F(RealSiteTest, APageThatOpensDialogAfterDialogCanBeLeft) {
+  Open(
+      "<script>onclick = () => setTimeout(() => {"
+      "  for (const i of [1, 2, 3]) alert(i); });</script>");
+  std::vector<orvane::Responder<rpc::CreateWebDialog>> responders;
+  dialogs_ = widget_->OnCreateWebDialog(
+      browser_, [&](const rpc::CreateWebDialogCall&,
+                    orvane::Responder<rpc::CreateWebDialog> responder) {
+        responders.push_back(std::move(responder));
+      });
+  Click(5, 5);
+  loop_.RunUntil([&] { return !responders.empty(); });
+  ExpectThatItCanBeLeft();
+  EXPECT_THAT(responders, SizeIs(1));
+}
+
+TEST_F(RealSiteTest, APageThatOpensDialogsWithoutEndCanBeLeft) {
+  Open("<script>onclick = () => { for (;;) alert(1); };</script>");
+  Click(5, 5);
+  loop_.RunUntil([this] { return !asked_.empty(); });
+  ExpectThatItCanBeLeft();
+}
+
+TEST_F(RealSiteTest, APageThatHangsCanBeLeft) {
+  Open("");
+  Evaluate("setTimeout(() => { for (;;); })");
+  ExpectThatItCanBeLeft();
+}
+
+TEST_F(RealSiteTest, APageThatHangsWhenItIsLeftCanBeLeft) {
+  for (const char* const type : {"beforeunload", "pagehide"}) {
+    Open(absl::StrCat("<script>on", type, " = () => { for (;;); };</script>"));
+    Click(5, 5);
+    ExpectThatItCanBeLeft();
+  }
+}
+
+TEST_F(RealSiteTest, AScriptThatHangsIsStopped) {
+  Open("");
+  Evaluate("setTimeout(() => { for (;;); })");
+  EXPECT_TRUE(pages_->Stop(browser_).ok());
+  EXPECT_EQ(Evaluate("1 + 1").json(), "2");
 }
 
 TEST_F(RealPagesTest, ATitleAndAnIconThatChangeAreTold) {
