@@ -15,6 +15,7 @@
 #include "absl/strings/numbers.h"
 #include "absl/strings/str_cat.h"
 #include "absl/strings/string_view.h"
+#include "absl/time/time.h"
 
 #include "host/pixels.h"
 #include "host/view.h"
@@ -34,6 +35,7 @@ struct Options {
   BrowserId browser;
   rpc::RectDip bounds;
   bool takes_over = false;
+  absl::Duration timeout = absl::Seconds(30);
   std::string file;
 };
 
@@ -54,6 +56,8 @@ void PrintHelp() {
                "  --width DIPS    how wide (default 800)\n"
                "  --height DIPS   how high (default 600)\n"
                "  --take-over     also from the host that has it\n"
+               "  --timeout SECONDS\n"
+               "                  how long to wait for a picture (default 30)\n"
                "  --help          print this and exit\n"
                "  --version       print the version and exit\n"
                "\n"
@@ -68,12 +72,20 @@ double ParseSide(absl::string_view text) {
   return side;
 }
 
+absl::Duration ParseTimeout(absl::string_view text) {
+  double seconds = 0;
+  if (!absl::SimpleAtod(text, &seconds) || !(seconds > 0))
+    RefuseUsage(absl::StrCat("--timeout: '", text, "' is not a number of seconds above 0"));
+  return absl::Seconds(seconds);
+}
+
 Options ParseOptions(int argc, char** argv) {
   const option known[] = {{"browser", required_argument, nullptr, 'b'},
                           {"height", required_argument, nullptr, 'y'},
                           {"help", no_argument, nullptr, 'h'},
                           {"socket", required_argument, nullptr, 's'},
                           {"take-over", no_argument, nullptr, 't'},
+                          {"timeout", required_argument, nullptr, 'w'},
                           {"version", no_argument, nullptr, 'v'},
                           {"width", required_argument, nullptr, 'x'},
                           {}};
@@ -101,6 +113,9 @@ Options ParseOptions(int argc, char** argv) {
       case 'v':
         std::cout << "screenshot " << orvane::kVersion << "\n";
         std::exit(EXIT_SUCCESS);
+      case 'w':
+        options.timeout = ParseTimeout(optarg);
+        break;
       case 'x':
         options.bounds.set_width(ParseSide(optarg));
         break;
@@ -149,10 +164,18 @@ absl::StatusOr<Picture> TakePicture(const Options& options) {
            }});
   view.SetBounds(options.bounds, std::nullopt);
   view.SetShown(true);
+  bool is_late = false;
+  const auto timer = loop.RunAfter(options.timeout, [&] { is_late = true; });
   loop.RunUntil([&] {
-    return !picture.is_empty() || !copied.ok() || !view.status().ok();
+    return !picture.is_empty() || !copied.ok() || !view.status().ok() ||
+           is_late;
   });
   if (!copied.ok()) return copied;
+  if (picture.is_empty() && view.status().ok()) {
+    return absl::DeadlineExceededError(absl::StrCat(
+        "browser ", options.browser.value(), " has sent no picture within ",
+        absl::FormatDuration(options.timeout)));
+  }
   if (picture.is_empty()) return view.status();
   view.Detach();
   loop.RunUntilIdle();

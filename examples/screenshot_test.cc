@@ -53,6 +53,14 @@ TEST_F(ScreenshotTest, LeavesTheBrowserToTheNext) {
   EXPECT_EQ(Run({file_}).exit_code, 0);
 }
 
+TEST_F(ScreenshotTest, DoesNotWaitLongerThanItMay) {
+  server_.Signal(SIGSTOP);
+  const ChildProcess::Result result = Run({"--timeout", "0.1", file_});
+  EXPECT_EQ(result.exit_code, 1);
+  EXPECT_THAT(result.errors,
+              HasSubstr("browser 1 has sent no picture within 100ms"));
+}
+
 TEST_F(ScreenshotTest, TellsWhatIsWrong) {
   const ChildProcess::Result unknown = Run({"--browser", "7", file_});
   EXPECT_EQ(unknown.exit_code, 1);
