@@ -360,6 +360,7 @@ void Page::UpdateWindow() {
   if (is_drawn_ && !viewport_.is_drawn_off_screen) {
     is_drawn_ = false;
     SetWindowState("minimized");
+    pictures_.Rest();
     HideTooltip();
   } else if (!is_drawn_ && viewport_.is_drawn_off_screen) {
     is_drawn_ = true;

@@ -62,6 +62,16 @@ void PictureSender::Await() {
 
 void PictureSender::ForgetShown() { is_shown_forgotten_ = true; }
 
+void PictureSender::Rest() {
+  is_resting_ = true;
+  if (!is_busy_) FreeMemory();
+}
+
+void PictureSender::FreeMemory() {
+  shown_ = Picture();
+  spare_.reset();
+}
+
 void PictureSender::Reset() {
   waiting_.reset();
   ++generation_;
@@ -70,6 +80,7 @@ void PictureSender::Reset() {
 }
 
 void PictureSender::Take(EngineEvent event) {
+  is_resting_ = false;
   // One that was not begun is not shown any more.
   if (waiting_.has_value()) acknowledge_(waiting_->number);
   waiting_ = {std::move(event.picture),
@@ -185,6 +196,7 @@ void PictureSender::TakeAnswer(
 
 void PictureSender::Finish(std::int64_t number) {
   is_busy_ = false;
+  if (is_resting_) FreeMemory();
   if (number != 0) acknowledge_(number);
   Next();
 }

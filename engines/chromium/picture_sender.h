@@ -44,6 +44,10 @@ class PictureSender {
   // The host may have lost what it was sent, so the next picture is sent whole.
   void ForgetShown();
 
+  // Nobody sees the view: takes no memory for pictures until the next comes,
+  // which is sent whole.
+  void Rest();
+
   // The engine, or the page's place in it, is gone: its pictures are void.
   void Reset();
 
@@ -79,6 +83,7 @@ class PictureSender {
             std::int64_t time_ns);
   void TakeAnswer(const absl::StatusOr<rpc::UpdateSurfaceResponse>& response);
   void Finish(std::int64_t number);
+  void FreeMemory();
 
   orvane::EventLoop* const loop_;
   const BrowserId browser_;
@@ -94,6 +99,7 @@ class PictureSender {
   bool is_current_ = false;
   std::optional<Waiting> waiting_;  // The newest that is not begun.
   bool is_busy_ = false;            // One is being decoded or shown.
+  bool is_resting_ = false;
   // Grows with Reset, whose pictures are not acknowledged.
   std::uint64_t generation_ = 0;
   std::uint64_t last_frame_ = 0;

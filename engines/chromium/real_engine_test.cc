@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "absl/strings/match.h"
 #include "absl/strings/str_cat.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
@@ -125,6 +127,20 @@ TEST_F(RealEngineTest, AHiddenPageKnowsThatItIs) {
 }
 
 // Input
+
+TEST_F(RealEngineTest, AHiddenViewTakesNoMemoryForPictures) {
+  const auto count_of_pictures = [this] {
+    const std::string prefix = absl::StrCat("orvane-pixels-", ServerPid(), "-");
+    return std::ranges::count_if(
+        std::filesystem::directory_iterator("/dev/shm"), [&](const auto& file) {
+          return absl::StartsWith(file.path().filename().string(), prefix);
+        });
+  };
+  Open("");
+  EXPECT_GT(count_of_pictures(), 0);
+  EXPECT_TRUE(widget_->Hide(browser_).ok());
+  while (count_of_pictures() > 0) loop_.RunUntilIdle();
+}
 
 TEST_F(RealEngineTest, AClickIsOne) {
   Open(
