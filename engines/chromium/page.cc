@@ -30,13 +30,8 @@ constexpr std::size_t kMaxWorlds = 2000;
 // The engine merges what it has not drawn yet, so more would only wait.
 constexpr int kMaxUnansweredMoves = 32;
 
-// While a script runs that input must not overtake, which a page that hangs
-// keeps from ending.
-constexpr std::size_t kMaxHeldInput = 1000;
-
-// A page that hangs answers nothing. Others' commands must still fit in the
-// engine's pipe.
-constexpr int kMaxUnansweredInput = 4000;
+// That wait for their turn, which a page that hangs keeps from coming.
+constexpr std::size_t kMaxSteps = 1000;
 
 // As our script does. The protocol's limit is twice that.
 constexpr int kMaxCursorSide = 128;
@@ -298,10 +293,7 @@ void Page::OnTargetLost() {
 }
 
 absl::Status Page::CheckTakesInput() const {
-  if (target_.has_value() && held_input_.size() < kMaxHeldInput &&
-      unanswered_->input < kMaxUnansweredInput) {
-    return absl::OkStatus();
-  }
+  if (target_.has_value() && steps_.size() < kMaxSteps) return absl::OkStatus();
   return absl::UnavailableError(absl::StrCat(
       "browser ", browser_.value(), " takes no input now: ",
       target_.has_value() ? "its page does not answer"
@@ -444,43 +436,43 @@ void Page::Focus(const rpc::FocusRequest& event) {
 }
 
 void Page::EnterPage() {
-  HoldInput([this] {
+  AddScript([this] {
     Run("orvaneAgent.come()",
-        [this](const absl::StatusOr<Json>&) { ResumeInput(); });
+        [this](const absl::StatusOr<Json>&) { EndStep(); });
   });
 }
 
 void Page::EnterPageByTab(int modifiers) {
-  HoldInput([this, modifiers] {
+  AddScript([this, modifiers] {
     Run(modifiers == 0 ? "orvaneAgent.expectTab()"
                        : "orvaneAgent.expectBackTab()",
         [this, modifiers](const absl::StatusOr<Json>& expected) {
           if (!expected.ok()) {
-            ResumeInput();
+            EndStep();
             return;
           }
           SendTab(modifiers, [this](const absl::StatusOr<Json>&) {
             Run("orvaneAgent.haveTabbed()",
-                [this](const absl::StatusOr<Json>&) { ResumeInput(); });
+                [this](const absl::StatusOr<Json>&) { EndStep(); });
           });
         });
   });
 }
 
 void Page::LeavePage() {
-  HoldInput([this] {
+  AddScript([this] {
     if (!is_drawn_) {
-      ResumeInput();
+      EndStep();
       return;
     }
     Run("orvaneAgent.leave()", [this](const absl::StatusOr<Json>& left) {
       if (absl::IsNotFound(left.status())) {
-        ResumeInput();
+        EndStep();
         return;
       }
       const auto finish = [this](const absl::StatusOr<Json>&) {
         Run("orvaneAgent.left()",
-            [this](const absl::StatusOr<Json>&) { ResumeInput(); });
+            [this](const absl::StatusOr<Json>&) { EndStep(); });
       };
       // A page that does not answer, as in a dialog, may still run that script,
       // and gets the one that takes its effects back. But the Tab in between
@@ -527,63 +519,57 @@ void Page::OfferFocus(rpc::FocusDirection direction) {
 
 // Input
 
-void Page::InOrder(orvane::Task task) {
-  if (is_input_held_) {
-    held_input_.push_back(std::move(task));
-  } else {
-    std::move(task)();
-  }
+void Page::AddStep(Step step) {
+  steps_.push_back(std::move(step));
+  BeginSteps();
 }
 
-void Page::HoldInput(orvane::Task begin) {
-  // As input is refused then.
-  if (!target_.has_value() || held_input_.size() >= kMaxHeldInput) return;
-  InOrder([this, begin = std::move(begin)]() mutable {
-    is_input_held_ = true;
-    begin_between_input_ = std::move(begin);
-    BeginBetweenInput();
-  });
-}
-
-void Page::BeginBetweenInput() {
-  if (begin_between_input_ && unanswered_->input == 0 &&
-      unanswered_->moves == 0) {
-    std::exchange(begin_between_input_, nullptr)();
+void Page::BeginSteps() {
+  if (std::exchange(is_beginning_steps_, true)) return;
+  while (step_ == StepKind::kNone && !steps_.empty() && !has_dialog_ &&
+         !navigation_.state().is_unresponsive()) {
+    if (steps_.front().kind == StepKind::kScript && unanswered_->moves > 0)
+      break;
+    Step next = std::move(steps_.front());
+    steps_.pop_front();
+    step_ = next.kind;
+    std::move(next.begin)();
   }
-}
-
-void Page::ResumeInput() {
-  is_input_held_ = false;
-  // A task may hold the input again.
-  while (!held_input_.empty() && !is_input_held_) {
-    orvane::Task task = std::move(held_input_.front());
-    held_input_.pop_front();
-    std::move(task)();
-  }
+  is_beginning_steps_ = false;
   SendNewestMove();
+}
+
+void Page::EndStep() {
+  step_ = StepKind::kNone;
+  BeginSteps();
+}
+
+void Page::AddScript(orvane::Task begin) {
+  // As input is refused then.
+  if (!target_.has_value() || steps_.size() >= kMaxSteps) return;
+  AddStep({StepKind::kScript, std::move(begin)});
 }
 
 void Page::SendInput(const char* method, Json params,
                      orvane::OnAnswer<Json> on_answer) {
-  InOrder([this, method, params = std::move(params),
-           on_answer = std::move(on_answer)]() mutable {
-    ++unanswered_->input;
-    Send(method, std::move(params),
-         [this, sent = unanswered_, on_answer = std::move(on_answer)](
-             absl::StatusOr<Json> answer) mutable {
-           --sent->input;
-           if (sent == unanswered_) TakeInputsAnswer(answer.status());
-           if (on_answer) std::move(on_answer)(std::move(answer));
-           BeginBetweenInput();
-         },
-         {.timeout = kInputTime});
-  });
+  AddStep({StepKind::kInput, [this, method, params = std::move(params),
+                              on_answer = std::move(on_answer)]() mutable {
+             Send(method, std::move(params),
+                  [this, sent = unanswered_, on_answer = std::move(on_answer)](
+                      absl::StatusOr<Json> answer) mutable {
+                    const bool is_present = sent == unanswered_;
+                    if (is_present) TakeInputsAnswer(answer.status());
+                    if (on_answer) std::move(on_answer)(std::move(answer));
+                    if (is_present) EndStep();
+                  },
+                  {.timeout = kInputTime});
+           }});
 }
 
 void Page::TakeInputsAnswer(const absl::Status& status) {
   // A page that waits for its dialog answers nothing, nor does one that is not
   // drawn.
-  if (!absl::IsDeadlineExceeded(status) || dialogs_.is_open() || !is_drawn_ ||
+  if (!absl::IsDeadlineExceeded(status) || has_dialog_ || !is_drawn_ ||
       navigation_.state().is_unresponsive()) {
     return;
   }
@@ -592,6 +578,7 @@ void Page::TakeInputsAnswer(const absl::Status& status) {
   Send("Runtime.evaluate", {{"expression", "0"}},
        [this](const absl::StatusOr<Json>&) {
          navigation_.SetUnresponsive(false);
+         BeginSteps();
        },
        {.timeout = absl::InfiniteDuration()});
 }
@@ -690,7 +677,9 @@ void Page::SendMove(Json command) {
 }
 
 void Page::SendNewestMove() {
-  if (!newest_move_.has_value() || is_input_held_ ||
+  // It must not overtake what was asked for before.
+  if (!newest_move_.has_value() || !steps_.empty() ||
+      step_ == StepKind::kScript || has_dialog_ ||
       unanswered_->moves == kMaxUnansweredMoves) {
     return;
   }
@@ -698,8 +687,7 @@ void Page::SendNewestMove() {
   Send("Input.dispatchMouseEvent", *std::exchange(newest_move_, std::nullopt),
        [this, sent = unanswered_](const absl::StatusOr<Json>&) {
          --sent->moves;
-         BeginBetweenInput();
-         SendNewestMove();
+         BeginSteps();
        });
 }
 
@@ -776,9 +764,9 @@ void Page::DropSilently(const std::string& effect, orvane::Task drop) {
   Run(absl::StrCat("orvaneAgent.takeDrops('", effect, "')"),
       [this, drop = std::move(drop)](const absl::StatusOr<Json>&) mutable {
         std::move(drop)();
-        HoldInput([this] {
+        AddScript([this] {
           Run("orvaneAgent.takeDrops(null)",
-              [this](const absl::StatusOr<Json>&) { ResumeInput(); });
+              [this](const absl::StatusOr<Json>&) { EndStep(); });
         });
       });
 }
@@ -828,6 +816,7 @@ void Page::OnEvent(EngineEvent event) {
   if (!target_.has_value()) return;
   const bool is_main = event.session == target_->session;
   const Json& params = event.params;
+  if (event.method == "Page.javascriptDialogOpening") has_dialog_ = true;
   if (event.method == "Page.javascriptDialogOpening" &&
       navigation_.is_leaving() && Text(params, "type") != "beforeunload") {
     dialogs_.DeclineUnasked(event);
@@ -867,8 +856,10 @@ void Page::OnEvent(EngineEvent event) {
     // The focus cannot be taken from a page that has no document yet,
     if (is_main) LeavePageUnlessFocused();
   } else if (event.method == "Page.javascriptDialogClosed") {
+    has_dialog_ = false;
     // nor from one that waits for a dialog.
     LeavePageUnlessFocused();
+    BeginSteps();
   } else if (event.method == "Page.frameNavigated") {
     const Json& frame = Member(params, "frame");
     if (Text(frame, "id") != target_->id) return;
@@ -876,8 +867,8 @@ void Page::OnEvent(EngineEvent event) {
     drags_.Forget();
     // The new document does not answer for the old one's input.
     unanswered_ = std::make_shared<Unanswered>();
-    BeginBetweenInput();
-    SendNewestMove();
+    if (step_ == StepKind::kInput) step_ = StepKind::kNone;
+    BeginSteps();
   } else if (event.method == "Target.attachedToTarget") {
     engine_->AddSession(Text(params, "sessionId"), this);
     SetUpSession(Text(params, "sessionId"));
@@ -920,9 +911,9 @@ void Page::Recover() {
 
 void Page::ForgetProcess() {
   worlds_.clear();
-  is_input_held_ = false;
-  held_input_.clear();
-  begin_between_input_ = nullptr;
+  steps_.clear();
+  step_ = StepKind::kNone;
+  has_dialog_ = false;
   unanswered_ = std::make_shared<Unanswered>();
   drags_.Forget();
   dialogs_.Reset();
@@ -1084,15 +1075,15 @@ void Page::TakeColorWish(const World& world, const std::string& frame,
 
 void Page::Choose(const World& world, std::string script) {
   if (!worlds_.contains(world)) return;
-  HoldInput([this, world, script = std::move(script)] {
+  AddScript([this, world, script = std::move(script)] {
     engine_->Call(
         world.session, "Runtime.evaluate",
         {{"expression", script}, {"contextId", world.context}},
         [this, sent = unanswered_, alive = std::weak_ptr<bool>(alive_)](
             const absl::StatusOr<Json>& answer) {
-          if (alive.expired() || sent != unanswered_) return;
-          TakeInputsAnswer(answer.status());
-          ResumeInput();
+          if (alive.expired()) return;
+          if (sent == unanswered_) TakeInputsAnswer(answer.status());
+          EndStep();
         },
         {.timeout = kInputTime});
   });

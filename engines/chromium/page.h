@@ -126,8 +126,14 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
 
   // What was sent to the present document.
   struct Unanswered {
-    int input = 0;
     int moves = 0;
+  };
+
+  enum class StepKind { kNone, kInput, kScript };
+
+  struct Step {
+    StepKind kind;
+    orvane::Task begin;
   };
 
   struct ShownCursor {
@@ -177,14 +183,14 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void SendTab(int modifiers, orvane::OnAnswer<Json> on_answer);
   void OfferFocus(rpc::FocusDirection direction);
 
-  // Input, in the order of the calls.
-  void InOrder(orvane::Task task);
-  // The engine lets input and scripts overtake each other. What must not be
-  // overtaken begins when the page has got the input that came before, and the
-  // input that comes after waits until ResumeInput().
-  void HoldInput(orvane::Task begin);
-  void BeginBetweenInput();
-  void ResumeInput();
+  // Input, in the order of the calls. The engine lets input and scripts
+  // overtake each other and drops input while a dialog is open. So input is
+  // sent step by step, once the page has got the one before and has no dialog;
+  // a script that input must not overtake is a step, too.
+  void AddStep(Step step);
+  void AddScript(orvane::Task begin);
+  void BeginSteps();
+  void EndStep();
   void SendInput(const char* method, Json params,
                  orvane::OnAnswer<Json> on_answer = nullptr);
   void SendMouse(Json command);
@@ -233,9 +239,10 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   std::unique_ptr<orvane::EventLoop::Timer> picture_timer_;
   absl::Duration picture_time_;  // Of the timer.
 
-  bool is_input_held_ = false;
-  orvane::Task begin_between_input_;  // Null once it has begun.
-  std::deque<orvane::Task> held_input_;
+  std::deque<Step> steps_;           // That are not begun yet.
+  StepKind step_ = StepKind::kNone;  // The one that has begun and not ended.
+  bool is_beginning_steps_ = false;
+  bool has_dialog_ = false;  // The page waits for its end.
   // Shared with the continuations.
   std::shared_ptr<Unanswered> unanswered_ = std::make_shared<Unanswered>();
   std::optional<Json> newest_move_;  // That waits for the others' answers.

@@ -51,6 +51,17 @@ class PageTest : public testing::PageFixture {
     scripted_->Settle();
   }
 
+  // The engine answers again, also what it was asked before.
+  void AnswerLate(const std::string& method) {
+    scripted_->ReplyTo(method, Json::object());
+    for (const Json& command : scripted_->commands()) {
+      if (Text(command, "method") != method) continue;
+      scripted_->SendMessage(
+          {{"id", Member(command, "id")}, {"result", Json::object()}});
+    }
+    scripted_->Settle();
+  }
+
   void Click() {
     const std::string button = "button: MOUSE_BUTTON_PRIMARY click_count: 1";
     Input<rpc::MousePressRequest>(&Client::ForwardMousePress, button);
@@ -433,11 +444,7 @@ TEST_F(PageTest, TheFocusLeavesOnceThePageHasGotTheClick) {
   scripted_->NeverReplyTo("Input.dispatchMouseEvent");
   Click();
   ASSERT_THAT(Scripts(), IsEmpty());
-  for (const Json& command : scripted_->commands()) {
-    scripted_->SendMessage(
-        {{"id", Member(command, "id")}, {"result", Json::object()}});
-  }
-  scripted_->Settle();
+  AnswerLate("Input.dispatchMouseEvent");
   EXPECT_THAT(Scripts(),
               ElementsAre("orvaneAgent.leave()", "orvaneAgent.left()"));
 }
@@ -454,11 +461,7 @@ TEST_F(PageTest, TheFocusLeavesOnceThePageHasGotTheMove) {
   EXPECT_TRUE(host_->Unfocus(browser_).ok());
   scripted_->Settle();
   ASSERT_THAT(Scripts(), IsEmpty());
-  for (const Json& command : scripted_->commands()) {
-    scripted_->SendMessage(
-        {{"id", Member(command, "id")}, {"result", Json::object()}});
-  }
-  scripted_->Settle();
+  AnswerLate("Input.dispatchMouseEvent");
   EXPECT_THAT(Scripts(),
               ElementsAre("orvaneAgent.leave()", "orvaneAgent.left()"));
 }
@@ -470,6 +473,7 @@ TEST_F(PageTest, TheFocusDoesNotWaitForADocumentThatIsGone) {
   scripted_->ForgetCommands();
   scripted_->NeverReplyTo("Input.dispatchMouseEvent");
   Click();
+  scripted_->ReplyTo("Input.dispatchMouseEvent", Json::object());
   Tell("Page.frameNavigated",
        {{"frame", {{"id", "target"}, {"url", "https://next.example/"}}}});
   EXPECT_THAT(Scripts(),
@@ -622,6 +626,28 @@ TEST_F(PageTest, InputWaitsWhileTheFocusMoves) {
   EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), SizeIs(1));
 }
 
+// The engine drops what comes while a page waits for its dialog, which may open
+// at a press.
+TEST_F(PageTest, ThePageGetsTheReleaseOnceItHasGotThePress) {
+  Attach();
+  scripted_->NeverReplyTo("Input.dispatchMouseEvent");
+  Click();
+  EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), SizeIs(1));
+  AnswerLate("Input.dispatchMouseEvent");
+  EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), SizeIs(2));
+}
+
+TEST_F(PageTest, InputWaitsForTheEndOfADialog) {
+  Attach();
+  Tell("Page.javascriptDialogOpening",
+       {{"url", "https://a.example/"}, {"type", "alert"}});
+  Click();
+  Input<rpc::MouseMoveRequest>(&Client::ForwardMouseMove, "");
+  EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), IsEmpty());
+  Tell("Page.javascriptDialogClosed");
+  EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), SizeIs(3));
+}
+
 TEST_F(PageTest, APageThatDoesNotAnswerIsSentNoMoreInput) {
   Attach();
   TellOfDocument();
@@ -669,6 +695,7 @@ TEST_F(PageTest, OfMovesThatAHungPageDoesNotTakeTheNewestWaits) {
   // A press does not overtake it.
   Input<rpc::MousePressRequest>(&Client::ForwardMousePress,
                                 "button: MOUSE_BUTTON_PRIMARY click_count: 1");
+  AnswerLate("Input.dispatchMouseEvent");
   const auto sent = scripted_->Params("Input.dispatchMouseEvent");
   ASSERT_THAT(sent, SizeIs(34));
   EXPECT_EQ(Number(sent[32], "x"), 39);

@@ -620,6 +620,21 @@ TEST_F(RealEngineTest, AnswersOfDialogsReachThePage) {
   EXPECT_EQ(asked_[1].confirm().message(), "Sure?");
 }
 
+TEST_F(RealEngineTest, ClicksAroundDialogsAreWhole) {
+  Open(
+      "<script>for (const type of ['mousedown', 'mouseup', 'click'])"
+      "  addEventListener(type, () => { tell(type); alert(type); });"
+      "</script>");
+  answer_.set_accepted(true);
+  constexpr int kClicks = 3;
+  for (int i = 0; i < kClicks; ++i) Click(5, 5);
+  for (int i = 0; i < kClicks; ++i) {
+    for (const char* const type : {"mousedown", "mouseup", "click"})
+      EXPECT_EQ(Told(), type);
+  }
+  EXPECT_EQ(asked_.size(), std::size_t{3 * kClicks});
+}
+
 TEST_F(RealEngineTest, DialogsThatNobodyServesAreDeclined) {
   Open(
       "<script>addEventListener('click', () => setTimeout(() => {"
