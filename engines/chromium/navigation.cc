@@ -134,7 +134,7 @@ void Navigation::Go(int steps) {
   is_about_to_load_ = true;
   Changed();
   WhenResponsive([this, steps] {
-    Send("Page.getNavigationHistory", {},
+    Send("Page.getNavigationHistory", Json::object(),
          [this, steps](const absl::StatusOr<Json>& history) {
            const std::optional<Json> entry =
                history.ok() ? EntryAt(*history, steps) : std::nullopt;

@@ -137,7 +137,7 @@ class Navigation {
   bool is_asked_for_ = false;  // The latest load is not finished yet.
   bool is_leaving_ = false;    // The present page is to go.
   bool is_stopping_ = false;   // Its script is to end.
-  bool is_stopped_ = false;    // Before there was a page.
+  bool is_stopped_ = false;    // The next target is to stay blank.
   std::unique_ptr<orvane::EventLoop::Timer> leaving_timer_;
   // It takes the engine a moment to tell that it loads something.
   bool is_about_to_load_ = false;
