@@ -50,6 +50,14 @@ class RealPagesTest : public testing::RealEngineFixture {
     loop_.RunUntil([&] { return state_.title() == title; });
   }
 
+  void KeepDialogsWaiting() {
+    dialogs_ = widget_->OnCreateWebDialog(
+        browser_, [this](const rpc::CreateWebDialogCall&,
+                         orvane::Responder<rpc::CreateWebDialog> responder) {
+          waiting_.push_back(std::move(responder));
+        });
+  }
+
   rpc::EvaluateResponse Evaluate(const std::string& script) {
     auto request = New<rpc::EvaluateRequest>();
     request.set_script(script);
@@ -60,6 +68,7 @@ class RealPagesTest : public testing::RealEngineFixture {
 
   rpc::PageState state_;
   Stream watching_;
+  std::vector<orvane::Responder<rpc::CreateWebDialog>> waiting_;
 };
 
 TEST_F(RealPagesTest, PagesTakeInputOnceTheProgramListens) {
@@ -109,14 +118,9 @@ TEST_F(RealPagesTest, APageThatWaitsForADialogCanBeLeft) {
   Open(
       "<script>addEventListener('click', () =>"
       "  setTimeout(() => alert('?')));</script>");
-  std::vector<orvane::Responder<rpc::CreateWebDialog>> responders;
-  dialogs_ = widget_->OnCreateWebDialog(
-      browser_, [&](const rpc::CreateWebDialogCall&,
-                    orvane::Responder<rpc::CreateWebDialog> responder) {
-        responders.push_back(std::move(responder));
-      });
+  KeepDialogsWaiting();
   Click(5, 5);
-  loop_.RunUntil([&] { return !responders.empty(); });
+  loop_.RunUntil([this] { return !waiting_.empty(); });
   Load(Titled("Elsewhere"));
   AwaitTitle("Elsewhere");
 }
@@ -150,16 +154,11 @@ TEST_F(RealSiteTest, APageThatOpensDialogAfterDialogCanBeLeft) {
   Open(
       "<script>onclick = () => setTimeout(() => {"
       "  for (const i of [1, 2, 3]) alert(i); });</script>");
-  std::vector<orvane::Responder<rpc::CreateWebDialog>> responders;
-  dialogs_ = widget_->OnCreateWebDialog(
-      browser_, [&](const rpc::CreateWebDialogCall&,
-                    orvane::Responder<rpc::CreateWebDialog> responder) {
-        responders.push_back(std::move(responder));
-      });
+  KeepDialogsWaiting();
   Click(5, 5);
-  loop_.RunUntil([&] { return !responders.empty(); });
+  loop_.RunUntil([this] { return !waiting_.empty(); });
   ExpectThatItCanBeLeft();
-  EXPECT_THAT(responders, SizeIs(1));
+  EXPECT_THAT(waiting_, SizeIs(1));
 }
 
 TEST_F(RealSiteTest, APageThatOpensDialogsWithoutEndCanBeLeft) {
