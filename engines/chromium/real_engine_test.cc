@@ -91,7 +91,7 @@ TEST_F(RealEngineTest, AnotherSizeIsLaidOutAndDrawn) {
                   ->SetViewBounds(
                       New<rpc::ViewBounds>("bounds { width: 400 height: 300 }"))
                   .ok());
-  EXPECT_EQ(Told(), "400 x 300");
+  AwaitTold("400 x 300");  // It may tell the size before, too.
   AwaitPicture([](const Picture& picture) {
     return picture.width() == 400 && picture.height() == 300;
   });
