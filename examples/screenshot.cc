@@ -75,7 +75,8 @@ double ParseSide(absl::string_view text) {
 absl::Duration ParseTimeout(absl::string_view text) {
   double seconds = 0;
   if (!absl::SimpleAtod(text, &seconds) || !(seconds > 0))
-    RefuseUsage(absl::StrCat("--timeout: '", text, "' is not a number of seconds above 0"));
+    RefuseUsage(absl::StrCat("--timeout: '", text,
+                             "' is not a number of seconds above 0"));
   return absl::Seconds(seconds);
 }
 
@@ -171,15 +172,15 @@ absl::StatusOr<Picture> TakePicture(const Options& options) {
            is_late;
   });
   if (!copied.ok()) return copied;
-  if (picture.is_empty() && view.status().ok()) {
-    return absl::DeadlineExceededError(absl::StrCat(
-        "browser ", options.browser.value(), " has sent no picture within ",
-        absl::FormatDuration(options.timeout)));
+  if (!picture.is_empty()) {
+    view.Detach();
+    loop.RunUntilIdle();
+    return picture;
   }
-  if (picture.is_empty()) return view.status();
-  view.Detach();
-  loop.RunUntilIdle();
-  return picture;
+  if (!view.status().ok()) return view.status();
+  return absl::DeadlineExceededError(absl::StrCat(
+      "browser ", options.browser.value(), " has sent no picture within ",
+      absl::FormatDuration(options.timeout)));
 }
 
 // Overwrites the file.

@@ -211,14 +211,12 @@ class WidgetBrowser final : public Browser {
     surfaces_ = client_->OnUpdateSurface(
         browser_, [this](const rpc::UpdateSurfaceCall& call,
                          orvane::Responder<rpc::UpdateSurface> responder) {
-          if (const absl::Status shown = picture_.Update(call.frame());
-              !shown.ok()) {
-            Fail(shown.ToString());
-          }
+          const absl::Status shown = picture_.Update(call.frame());
+          if (!shown.ok()) Fail(shown.ToString());
           CountPicture();
           rpc::UpdateSurfaceResponse answer;
-          answer.mutable_receipt()->set_frame_id(call.frame().frame_id());
-          answer.mutable_receipt()->set_outcome(rpc::FRAME_OUTCOME_PRESENTED);
+          *answer.mutable_receipt() =
+              orvane::host::ReceiptFor(call.frame(), shown);
           std::move(responder).Respond(answer).IgnoreError();
         });
     rpc::AttachRequest attach;
@@ -368,7 +366,7 @@ class PipeBrowser final : public Browser {
 
 // The figures
 
-// Since the page was put up. The page stands still then, unless it is animated.
+// Until the page stands still.
 void Settle(Browser& browser) {
   const absl::Time bound = absl::Now() + kBound;
   for (std::int64_t seen = -1; seen != browser.pictures();) {

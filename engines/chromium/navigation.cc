@@ -130,9 +130,7 @@ absl::Status Navigation::GoForward() {
 }
 
 void Navigation::Go(int steps) {
-  BeginLeaving();
-  is_about_to_load_ = true;
-  Changed();
+  AwaitBeginning();
   WhenResponsive([this, steps] {
     Send("Page.getNavigationHistory", Json::object(),
          [this, steps](const absl::StatusOr<Json>& history) {
@@ -153,15 +151,18 @@ void Navigation::WhenResponsive(orvane::Task task) {
     EndScript(std::move(task));
     return;
   }
-  window_.send("Runtime.evaluate", {{"expression", "0"}},
-               [this, task = std::move(task)](
-                   const absl::StatusOr<Json>& answer) mutable {
-                 if (absl::IsDeadlineExceeded(answer.status())) {
-                   EndScript(std::move(task));
-                 } else {
-                   std::move(task)();
-                 }
-               },
+  AskForResponse([this, task = std::move(task)](
+                     const absl::StatusOr<Json>& answer) mutable {
+    if (absl::IsDeadlineExceeded(answer.status())) {
+      EndScript(std::move(task));
+    } else {
+      std::move(task)();
+    }
+  });
+}
+
+void Navigation::AskForResponse(orvane::OnAnswer<Json> on_answer) {
+  window_.send("Runtime.evaluate", {{"expression", "0"}}, std::move(on_answer),
                {.timeout = kResponseTime});
 }
 
@@ -247,13 +248,17 @@ void Navigation::LoadAgain(bool bypass_cache) {
     Navigate(state_.address());
     return;
   }
-  BeginLeaving();
-  is_about_to_load_ = true;
-  Changed();
+  AwaitBeginning();
   WhenResponsive([this, bypass_cache] {
     Send("Page.reload", {{"ignoreCache", bypass_cache}},
          [this](const absl::StatusOr<Json>&) { HasBegun(); });
   });
+}
+
+void Navigation::AwaitBeginning() {
+  BeginLeaving();
+  is_about_to_load_ = true;
+  Changed();
 }
 
 void Navigation::HasBegun() {
@@ -290,14 +295,12 @@ void Navigation::Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,
   if (error == kAborted) {
     // So it says, too, when the page's process has ended, which is told before
     // it answers anything else.
-    window_.send("Runtime.evaluate", {{"expression", "0"}},
-                 [this, load](const absl::StatusOr<Json>&) {
-                   if (load != last_load_ || !is_asked_for_) return;
-                   is_asked_for_ = false;
-                   state_.set_address(shown_);
-                   Changed();
-                 },
-                 {.timeout = kResponseTime});
+    AskForResponse([this, load](const absl::StatusOr<Json>&) {
+      if (load != last_load_ || !is_asked_for_) return;
+      is_asked_for_ = false;
+      state_.set_address(shown_);
+      Changed();
+    });
     return;
   }
   if (!error.empty()) {

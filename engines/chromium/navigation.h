@@ -94,6 +94,8 @@ class Navigation {
   // on is ended, and a page whose script cannot be ended is replaced.
   void WhenResponsive(orvane::Task task);
   void EndScript(orvane::Task then);
+  // kDeadlineExceeded if the page does not respond.
+  void AskForResponse(orvane::OnAnswer<Json> on_answer);
 
   // The host has asked for another page. Scripts of the old one may hang then,
   // too.
@@ -108,7 +110,9 @@ class Navigation {
   // Loads the address that hosts are told. The engine would load the page that
   // it shows, which is another one while that address is on its way.
   void LoadAgain(bool bypass_cache);
-  // The engine has told what it loads, if anything.
+  // From the command to the engine until it has told what it loads, if
+  // anything.
+  void AwaitBeginning();
   void HasBegun();
   // `is_shown`: the page has got a document meanwhile.
   void Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,

@@ -220,9 +220,12 @@ void Page::Run(absl::string_view script, orvane::OnAnswer<Json> on_answer) {
        std::move(on_answer));
 }
 
-void Page::RunIn(const World& world, absl::string_view script) {
+void Page::RunIn(const World& world, absl::string_view script,
+                 orvane::OnAnswer<Json> on_answer,
+                 orvane::CallOptions options) {
   engine_->Call(world.session, "Runtime.evaluate",
-                {{"expression", script}, {"contextId", world.context}});
+                {{"expression", script}, {"contextId", world.context}},
+                std::move(on_answer), options);
 }
 
 void Page::RunInAll(absl::string_view script) {
@@ -816,9 +819,10 @@ void Page::OnEvent(EngineEvent event) {
   if (!target_.has_value()) return;
   const bool is_main = event.session == target_->session;
   const Json& params = event.params;
-  if (event.method == "Page.javascriptDialogOpening") has_dialog_ = true;
-  if (event.method == "Page.javascriptDialogOpening" &&
-      navigation_.is_leaving() && Text(params, "type") != "beforeunload") {
+  const bool opens_dialog = event.method == "Page.javascriptDialogOpening";
+  if (opens_dialog) has_dialog_ = true;
+  if (opens_dialog && navigation_.is_leaving() &&
+      Text(params, "type") != "beforeunload") {
     dialogs_.DeclineUnasked(event);
   } else {
     dialogs_.OnEvent(event);
@@ -1076,16 +1080,14 @@ void Page::TakeColorWish(const World& world, const std::string& frame,
 void Page::Choose(const World& world, std::string script) {
   if (!worlds_.contains(world)) return;
   AddScript([this, world, script = std::move(script)] {
-    engine_->Call(
-        world.session, "Runtime.evaluate",
-        {{"expression", script}, {"contextId", world.context}},
-        [this, sent = unanswered_, alive = std::weak_ptr<bool>(alive_)](
-            const absl::StatusOr<Json>& answer) {
-          if (alive.expired()) return;
-          if (sent == unanswered_) TakeInputsAnswer(answer.status());
-          EndStep();
-        },
-        {.timeout = kInputTime});
+    RunIn(world, script,
+          [this, sent = unanswered_, alive = std::weak_ptr<bool>(alive_)](
+              const absl::StatusOr<Json>& answer) {
+            if (alive.expired()) return;
+            if (sent == unanswered_) TakeInputsAnswer(answer.status());
+            EndStep();
+          },
+          {.timeout = kInputTime});
   });
 }
 

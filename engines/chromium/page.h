@@ -159,7 +159,9 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void StartScreencast();
 
   // Run a script in our world of one document or of all.
-  void RunIn(const World& world, absl::string_view script);
+  void RunIn(const World& world, absl::string_view script,
+             orvane::OnAnswer<Json> on_answer = nullptr,
+             orvane::CallOptions options = {.timeout = absl::Seconds(10)});
   void RunInAll(absl::string_view script);
   // In the main frame's document. kNotFound, at once, if there is none yet.
   void Run(absl::string_view script,
