@@ -94,13 +94,20 @@ class RealEngineFixture : public ::testing::Test {
 
   void Open(const std::string& body, std::vector<std::string> options = {}) {
     OpenAddress(AddressOf(kBegin + body), std::move(options));
-    // Before the page there is an empty one, which is white.
+    AwaitPage();
+  }
+
+  // Waits until the page takes input: it can be seen before all of it is there.
+  void AwaitPage() {
+    // Before it there is an empty page, which is white.
     AwaitPicture([this](const orvane::host::Picture&) {
       return PixelAt(0, 199) != 0xffffff;
     });
+    loop_.RunUntil([this] { return !state_.is_loading(); });
   }
 
-  // Starts the program with that page and connects to it.
+  // Starts the program with that page, connects to it, and follows the page's
+  // state.
   void Start(const std::string& address, std::vector<std::string> options) {
     std::vector<std::string> command = {ORVANE_CHROMIUM, "--socket=" + socket(),
                                         "--page=1=" + address};
@@ -113,6 +120,16 @@ class RealEngineFixture : public ::testing::Test {
     page_connection_ = Connect();
     pages_.emplace(page_connection_.get());
     browser_.set_value(1);
+    Watch();
+  }
+
+  void Watch() {
+    watching_ = pages_->WhenPageChanged(
+        browser_,
+        [this](const rpc::PageChanged& event) { state_ = event.state(); });
+    const auto state = pages_->GetPage(browser_);
+    ASSERT_TRUE(state.ok()) << state.status();
+    state_ = *state;
   }
 
   void OpenAddress(const std::string& address,
@@ -277,6 +294,8 @@ class RealEngineFixture : public ::testing::Test {
   std::unique_ptr<orvane::SocketClient> page_connection_;
   std::optional<rpc::PageRpcClient> pages_;
   BrowserId browser_;
+  rpc::PageState state_;
+  Stream watching_;
   Stream reports_;
   Stream dialogs_;
   Stream surfaces_;

@@ -701,7 +701,7 @@ TEST_F(RealEngineTest, FilesAreSeenOnlyBelowTheirFolder) {
   LetTheEngineReadFiles();
   OpenAddress("file://" + (pages / "page.html").string(),
               {"--files=" + pages.string()});
-  AwaitColor(10, 10, 0x008000);
+  AwaitPage();
   Click(5, 5);
   const std::string first = Told();
   EXPECT_THAT(
@@ -718,13 +718,7 @@ TEST_F(RealEngineTest, PlaysTheRecordedSession) {
   Start("file://" + files_.path() + "/order.html",
         {"--files=" + files_.path()});
   // Input for a page that is not there yet would be lost.
-  std::string title;
-  const Stream watching =
-      pages_->WhenPageChanged(browser_, [&](const rpc::PageChanged& event) {
-        title = std::string(event.state().title());
-      });
-  title = std::string(pages_->GetPage(browser_)->title());
-  loop_.RunUntil([&] { return title == "Order tea"; });
+  loop_.RunUntil([this] { return state_.title() == "Order tea"; });
   const auto played =
       orvane::testing::ChildProcess({WIDGETCTL, "--socket=" + socket(), "run",
                                      EXAMPLES "/pages/order.session"})

@@ -21,22 +21,8 @@ using testing::kBegin;
 using ::testing::SizeIs;
 using testing::Stream;
 
-// Follows the state of the page.
 class RealPagesTest : public testing::RealEngineFixture {
  protected:
-  void Open(const std::string& body, std::vector<std::string> options = {}) {
-    RealEngineFixture::Open(body, std::move(options));
-    Watch();
-  }
-  void Watch() {
-    watching_ = pages_->WhenPageChanged(
-        browser_,
-        [this](const rpc::PageChanged& event) { state_ = event.state(); });
-    const auto state = pages_->GetPage(browser_);
-    ASSERT_TRUE(state.ok()) << state.status();
-    state_ = *state;
-  }
-
   void Load(const std::string& address) {
     auto request = New<rpc::LoadRequest>();
     request.set_address(address);
@@ -66,8 +52,6 @@ class RealPagesTest : public testing::RealEngineFixture {
     return outcome.ok() ? *outcome : rpc::EvaluateResponse();
   }
 
-  rpc::PageState state_;
-  Stream watching_;
   std::vector<orvane::Responder<rpc::CreateWebDialog>> waiting_;
 };
 
@@ -98,7 +82,6 @@ TEST_F(RealPagesTest, AHostGoesSomewhereAndBackAndForth) {
 
 TEST_F(RealPagesTest, TheFirstPageHasNothingBeforeIt) {
   Open("");
-  loop_.RunUntil([this] { return !state_.is_loading(); });
   EXPECT_EQ(pages_->GoBack(browser_).status().message(),
             "there is no page to go back to");
 }
@@ -133,8 +116,7 @@ class RealSiteTest : public RealPagesTest {
     second_ = Write("second.html", "<!DOCTYPE html><title>Second</title>");
     LetTheEngineReadFiles();
     OpenAddress(first, {"--files", files_.path(), "--allow-scripts"});
-    AwaitColor(0, 199, 0x008000);
-    Watch();
+    AwaitPage();
   }
   std::string Write(const std::string& name, const std::string& content) {
     const std::string path = files_.path() + "/" + name;
