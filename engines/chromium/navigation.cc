@@ -43,7 +43,8 @@ rpc::PageSecurity SecurityOf(absl::string_view address) {
   return rpc::PAGE_SECURITY_LOCAL;
 }
 
-// The id of an entry that is so many steps away from the present one.
+// The id of an entry that is so many steps away from the one that is shown or
+// on its way.
 std::optional<Json> EntryAt(const Json& history, int steps) {
   const auto& entries = List(history, "entries");
   const double index = Number(history, "currentIndex") + steps;
@@ -108,9 +109,11 @@ absl::Status Navigation::Stop() {
     return absl::OkStatus();
   }
   is_stopping_ = true;
+  unsent_steps_ = 0;
   WhenResponsive([this] {
     is_stopping_ = false;
     Send("Page.stopLoading");
+    LookAtHistory();
   });
   return absl::OkStatus();
 }
@@ -130,20 +133,29 @@ absl::Status Navigation::GoForward() {
 }
 
 void Navigation::Go(int steps) {
+  // Instead of a load that has been asked for before.
+  is_asked_for_ = false;
+  state_.set_address(shown_);
+  unsent_steps_ += steps;
+  SetHistory(history_index_ + steps, history_size_);
   AwaitBeginning();
-  WhenResponsive([this, steps] {
+  WhenResponsive([this] {
     Send("Page.getNavigationHistory", Json::object(),
-         [this, steps](const absl::StatusOr<Json>& history) {
-           const std::optional<Json> entry =
-               history.ok() ? EntryAt(*history, steps) : std::nullopt;
-           if (!entry.has_value()) {
-             HasBegun();
-             return;
-           }
-           Send("Page.navigateToHistoryEntry", {{"entryId", *entry}},
-                [this](const absl::StatusOr<Json>&) { HasBegun(); });
+         [this](const absl::StatusOr<Json>& history) {
+           GoToEntry(history.ok() ? *history : Json());
          });
   });
+}
+
+void Navigation::GoToEntry(const Json& history) {
+  const int steps = std::exchange(unsent_steps_, 0);
+  const std::optional<Json> entry = EntryAt(history, steps);
+  if (steps == 0 || !entry.has_value()) {
+    HasBegun();
+    return;
+  }
+  Send("Page.navigateToHistoryEntry", {{"entryId", *entry}},
+       [this](const absl::StatusOr<Json>&) { HasBegun(); });
 }
 
 void Navigation::WhenResponsive(orvane::Task task) {
@@ -230,13 +242,13 @@ void Navigation::End() {
   EndLeaving();
   is_stopping_ = false;
   is_asked_for_ = false;
-  is_about_to_load_ = false;
+  awaited_beginnings_ = 0;
+  unsent_steps_ = 0;
   is_loading_ = false;
   is_looking_at_history_ = false;
   ForgetDocument();
   state_.clear_error();
-  state_.set_can_go_back(false);
-  state_.set_can_go_forward(false);
+  SetHistory(0, 0);
   state_.set_address(shown_);
   Changed();
 }
@@ -257,12 +269,13 @@ void Navigation::LoadAgain(bool bypass_cache) {
 
 void Navigation::AwaitBeginning() {
   BeginLeaving();
-  is_about_to_load_ = true;
+  ++awaited_beginnings_;
   Changed();
 }
 
 void Navigation::HasBegun() {
-  is_about_to_load_ = false;
+  --awaited_beginnings_;
+  LookAtHistory();
   Changed();
 }
 
@@ -270,6 +283,7 @@ void Navigation::Navigate(std::string address) {
   // The engine would not begin to load again what it is loading.
   const bool must_stop = is_leaving_;
   BeginLeaving();
+  unsent_steps_ = 0;
   is_asked_for_ = true;
   state_.set_address(address);
   state_.clear_error();
@@ -317,7 +331,6 @@ void Navigation::Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,
 
 void Navigation::Recover() {
   is_stopping_ = false;
-  is_about_to_load_ = false;
   is_loading_ = false;
   ForgetDocument();
   const absl::Time now = absl::Now();
@@ -443,15 +456,19 @@ void Navigation::LookAtHistory() {
        [this](const absl::StatusOr<Json>& history) {
          is_looking_at_history_ = false;
          if (history.ok()) {
-           const double index = Number(*history, "currentIndex");
-           const auto count =
-               static_cast<double>(List(*history, "entries").size());
-           state_.set_can_go_back(index > 0);
-           state_.set_can_go_forward(index + 1 < count);
+           SetHistory(static_cast<int>(Number(*history, "currentIndex")),
+                      static_cast<int>(List(*history, "entries").size()));
            Changed();
          }
          if (must_look_again_) LookAtHistory();
        });
+}
+
+void Navigation::SetHistory(int index, int size) {
+  history_index_ = index;
+  history_size_ = size;
+  state_.set_can_go_back(index > 0);
+  state_.set_can_go_forward(index + 1 < size);
 }
 
 void Navigation::OfferWindow(const Json& params) {
@@ -493,7 +510,7 @@ void Navigation::TakeIcon(const Json& report) {
 
 void Navigation::Changed() {
   state_.set_is_loading((frame_.empty() && !is_stopped_) || is_asked_for_ ||
-                        is_about_to_load_ || is_loading_);
+                        awaited_beginnings_ > 0 || is_loading_);
   if (!state_.is_loading()) EndLeaving();
   if (std::exchange(is_publishing_, true)) return;
   loop_->Post([this, alive = std::weak_ptr<bool>(alive_)] {

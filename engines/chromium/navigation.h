@@ -118,11 +118,13 @@ class Navigation {
   void Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,
               bool is_shown);
   void Go(int steps);
+  void GoToEntry(const Json& history);
   void TakeDocument(const Json& frame);
   void OfferWindow(const Json& params);
   void ForgetDocument();
   void ForgetBlankPage();
   void LookAtHistory();
+  void SetHistory(int index, int size);
   void Fail(rpc::PageFailure failure);
 
   // The state may have changed.
@@ -144,13 +146,17 @@ class Navigation {
   bool is_stopped_ = false;    // The next target is to stay blank.
   std::unique_ptr<orvane::EventLoop::Timer> leaving_timer_;
   // It takes the engine a moment to tell that it loads something.
-  bool is_about_to_load_ = false;
+  int awaited_beginnings_ = 0;
   bool is_loading_ = false;      // As it tells.
   std::uint64_t documents_ = 0;  // That the page has had.
   BlankPage blank_page_ = BlankPage::kShown;
   bool has_given_up_ = false;  // The page that is shown says that it crashes.
   std::deque<absl::Time> crashes_;  // The latest.
 
+  // Where the page is or, while it goes through its history, is to be.
+  int history_index_ = 0;
+  int history_size_ = 0;
+  int unsent_steps_ = 0;  // Through the history, of which the engine is told.
   bool is_looking_at_history_ = false;
   bool must_look_again_ = false;
   bool is_window_offered_ = false;

@@ -240,13 +240,74 @@ TEST_F(PageServiceTest, BackAndForwardFollowTheHistory) {
   TellOfPage("https://second.example/");
   EXPECT_TRUE(State().can_go_back());
   EXPECT_TRUE(State().can_go_forward());
+  scripted_->ForgetCommands();
   EXPECT_TRUE(pages_->GoBack(browser_).ok());
+  scripted_->Settle();
   EXPECT_TRUE(pages_->GoForward(browser_).ok());
   scripted_->Settle();
   const auto went = scripted_->Params("Page.navigateToHistoryEntry");
   ASSERT_THAT(went, SizeIs(2));
   EXPECT_EQ(Number(went[0], "entryId"), 10);
   EXPECT_EQ(Number(went[1], "entryId"), 12);
+}
+
+// Of three pages, the last one is shown.
+class HistoryTest : public PageServiceTest {
+ protected:
+  HistoryTest() {
+    scripted_->ReplyTo(
+        "Page.getNavigationHistory",
+        {{"currentIndex", 2},
+         {"entries", {{{"id", 10}}, {{"id", 11}}, {{"id", 12}}}}});
+    TellOfPage("https://third.example/");
+    scripted_->ForgetCommands();
+  }
+  std::vector<Json> Went() {
+    scripted_->Settle();
+    return scripted_->Params("Page.navigateToHistoryEntry");
+  }
+};
+
+TEST_F(HistoryTest, QuickStepsAddUp) {
+  EXPECT_TRUE(pages_->GoBack(browser_).ok());
+  EXPECT_TRUE(pages_->GoBack(browser_).ok());
+  EXPECT_EQ(pages_->GoBack(browser_).status().message(),
+            "there is no page to go back to");
+  const auto went = Went();
+  ASSERT_THAT(went, SizeIs(1));
+  EXPECT_EQ(Number(went[0], "entryId"), 10);
+}
+
+TEST_F(HistoryTest, AStepBackCanBeTakenBack) {
+  EXPECT_TRUE(pages_->GoBack(browser_).ok());
+  EXPECT_TRUE(State().can_go_forward());
+  EXPECT_TRUE(pages_->GoForward(browser_).ok());
+  EXPECT_THAT(Went(), IsEmpty());
+  EXPECT_FALSE(State().is_loading());
+}
+
+TEST_F(HistoryTest, ALoadReplacesTheStepBeforeIt) {
+  EXPECT_TRUE(pages_->GoBack(browser_).ok());
+  EXPECT_EQ(Load("https://next.example/"), absl::OkStatus());
+  EXPECT_THAT(Went(), IsEmpty());
+  EXPECT_EQ(LoadedAddresses(), Json({"https://next.example/"}));
+}
+
+TEST_F(HistoryTest, AStepReplacesTheLoadBeforeIt) {
+  EXPECT_EQ(Load("https://next.example/"), absl::OkStatus());
+  EXPECT_TRUE(pages_->GoBack(browser_).ok());
+  EXPECT_EQ(State().address(), "https://third.example/");
+  EXPECT_THAT(Went(), SizeIs(1));
+  EndLoad({{"errorText", "net::ERR_ABORTED"}});
+  EXPECT_FALSE(State().is_loading());
+}
+
+TEST_F(HistoryTest, AStepCanBeStopped) {
+  EXPECT_TRUE(pages_->GoBack(browser_).ok());
+  EXPECT_TRUE(pages_->Stop(browser_).ok());
+  EXPECT_THAT(Went(), IsEmpty());
+  EXPECT_FALSE(State().is_loading());
+  EXPECT_FALSE(State().can_go_forward());
 }
 
 TEST_F(PageServiceTest, TheBlankPageBeforeTheFirstIsForgotten) {

@@ -80,6 +80,20 @@ TEST_F(RealPagesTest, AHostGoesSomewhereAndBackAndForth) {
   loop_.RunUntil([this] { return !state_.is_loading(); });
 }
 
+TEST_F(RealPagesTest, TwoStepsBackAreTwo) {
+  Open("");
+  for (const char* const title : {"First", "Second", "Third"}) {
+    Load(Titled(title));
+    AwaitTitle(title);
+  }
+  loop_.RunUntil([this] { return state_.can_go_back(); });
+  EXPECT_TRUE(pages_->GoBack(browser_).ok());
+  EXPECT_TRUE(pages_->GoBack(browser_).ok());
+  AwaitTitle("First");
+  loop_.RunUntil([this] { return !state_.is_loading(); });
+  EXPECT_EQ(state_.address(), Titled("First"));
+}
+
 TEST_F(RealPagesTest, TheFirstPageHasNothingBeforeIt) {
   Open("");
   EXPECT_EQ(pages_->GoBack(browser_).status().message(),
