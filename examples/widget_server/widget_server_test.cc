@@ -74,7 +74,7 @@ std::unique_ptr<ChildProcess> StartWith(int socket,
   return std::make_unique<ChildProcess>(std::vector<std::string>{
       "/bin/bash", "-c",
       "exec 3<&" + std::to_string(::dup(socket)) + "; " + variables +
-          " exec " WIDGET_SERVER " " + arguments});
+          " exec '" WIDGET_SERVER "' " + arguments});
 }
 
 TEST_F(WidgetServerTest, ServesCalls) {
@@ -293,9 +293,9 @@ TEST_F(WidgetServerTest, IsFoundOutWhileItIsStoppedAndLosesNothing) {
 }
 
 TEST_F(WidgetServerTest, LogsWhichHostHangs) {
-  ChildProcess server(
-      {"/bin/bash", "-c",
-       "exec " WIDGET_SERVER " --patience 0.05 --socket " + socket_ + " 2>&1"});
+  ChildProcess server({"/bin/bash", "-c",
+                       "exec '" WIDGET_SERVER "' --patience 0.05 --socket " +
+                           socket_ + " 2>&1"});
   server.ReadLine();
   const auto host = Connect();
   ASSERT_EQ(CallByName(host.get(), "Unfocus", "value: 3"), absl::OkStatus());

@@ -99,12 +99,12 @@ TEST_F(WidgetctlTest, BashCompletesTheFieldsOfARequest) {
   const ChildProcess::Result result =
       ChildProcess({"/bin/bash", "-c",
                     "compopt() { :; }\n"
-                    "source " COMPLETIONS "/widgetctl.bash\n"
+                    "source '" COMPLETIONS "/widgetctl.bash'\n"
                     "COMP_LINE=\"widgetctl call Focus '{\\\"bro\"\n"
                     "COMP_POINT=${#COMP_LINE}\n"
                     "COMP_WORDS=(widgetctl call Focus \"'{\\\"bro\")\n"
                     "COMP_CWORD=3\n"
-                    "_widgetctl " WIDGETCTL " '{\"bro' Focus\n"
+                    "_widgetctl '" WIDGETCTL "' '{\"bro' Focus\n"
                     "printf '%s|\\n' \"${COMPREPLY[@]}\""})
           .Wait();
   EXPECT_EQ(result.output,
