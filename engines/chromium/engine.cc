@@ -71,10 +71,10 @@ absl::Status Engine::Begin() {
   state_ = State::kStarting;
   pipe_->Call("", "Browser.getVersion", Json::object(),
               [this](const absl::StatusOr<Json>& version) {
+                if (state_ != State::kStarting) return;
                 if (version.ok()) {
                   OnUp(Text(*version, "product"));
-                } else if (state_ == State::kStarting &&
-                           !absl::IsUnavailable(version.status())) {
+                } else if (!absl::IsUnavailable(version.status())) {
                   OnEnd(version.status());
                 }  // Else the pipe has ended and says so next.
               },

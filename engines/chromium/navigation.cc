@@ -110,9 +110,10 @@ absl::Status Navigation::Stop() {
   }
   is_stopping_ = true;
   unsent_steps_ = 0;
-  WhenResponsive([this] {
+  WhenResponsive([this, request = ++last_request_] {
     is_stopping_ = false;
-    Send("Page.stopLoading");
+    // What has been asked for since then is not to be stopped.
+    if (request == last_request_) Send("Page.stopLoading");
     LookAtHistory();
   });
   return absl::OkStatus();
@@ -195,6 +196,7 @@ void Navigation::EndScript(orvane::Task then) {
 }
 
 void Navigation::BeginLeaving() {
+  ++last_request_;
   is_leaving_ = true;
   WatchLeaving();
 }
@@ -207,7 +209,12 @@ void Navigation::WatchLeaving() {
       return;
     }
     WhenResponsive([this] {
-      if (is_leaving_) WatchLeaving();
+      if (is_asked_for_ && documents_ != documents_before_load_) {
+        // The engine can forget a load over one that it has begun before.
+        Navigate(state_.address());
+      } else if (is_leaving_) {
+        WatchLeaving();
+      }
     });
   });
 }
@@ -285,6 +292,7 @@ void Navigation::Navigate(std::string address) {
   BeginLeaving();
   unsent_steps_ = 0;
   is_asked_for_ = true;
+  documents_before_load_ = documents_;
   state_.set_address(address);
   state_.clear_error();
   Changed();
@@ -323,6 +331,7 @@ void Navigation::Finish(std::uint64_t load, const absl::StatusOr<Json>& answer,
                  << orvane::Printable(error);
     state_.set_error(error);
   } else if (is_shown) {
+    EndLeaving();
     state_.set_address(shown_);
   }  // Else the engine tells of the document next.
   is_asked_for_ = false;
@@ -399,7 +408,9 @@ void Navigation::OnEvent(const EngineEvent& event) {
 
 void Navigation::TakeDocument(const Json& frame) {
   ++documents_;
-  EndLeaving();
+  is_leaving_ = false;
+  // Else this may be another page than the one that was asked for.
+  if (!is_asked_for_) EndLeaving();
   ForgetDocument();
   if (blank_page_ == BlankPage::kShown) blank_page_ = BlankPage::kInHistory;
   ForgetBlankPage();

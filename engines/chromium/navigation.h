@@ -140,15 +140,17 @@ class Navigation {
   std::string frame_;  // The main one. Empty while there is no target.
   std::string shown_;  // The address of the page.
   std::uint64_t last_load_ = 0;
-  bool is_asked_for_ = false;  // The latest load is not finished yet.
-  bool is_leaving_ = false;    // The present page is to go.
-  bool is_stopping_ = false;   // Its script is to end.
-  bool is_stopped_ = false;    // The next target is to stay blank.
+  bool is_asked_for_ = false;       // The latest load is not finished yet.
+  std::uint64_t last_request_ = 0;  // Of a host to go or to stop.
+  bool is_leaving_ = false;         // The present page is to go.
+  bool is_stopping_ = false;        // Its script is to end.
+  bool is_stopped_ = false;         // The next target is to stay blank.
   std::unique_ptr<orvane::EventLoop::Timer> leaving_timer_;
   // It takes the engine a moment to tell that it loads something.
   int awaited_beginnings_ = 0;
   bool is_loading_ = false;      // As it tells.
   std::uint64_t documents_ = 0;  // That the page has had.
+  std::uint64_t documents_before_load_ = 0;
   BlankPage blank_page_ = BlankPage::kShown;
   bool has_given_up_ = false;  // The page that is shown says that it crashes.
   std::deque<absl::Time> crashes_;  // The latest.

@@ -289,7 +289,8 @@ void Page::OnTargetLost() {
   is_drawn_ = false;
   newest_move_.reset();
   fingers_ = Fingers();
-  pressed_.clear();
+  held_buttons_.clear();
+  held_fingers_.clear();
   native_input_.ForgetHeld();
   look_timer_.reset();
   picture_timer_.reset();
@@ -308,6 +309,8 @@ absl::Status Page::CheckTakesInput() const {
 void Page::SetViewport(const widget_server::Viewport& viewport) {
   const widget_server::Viewport old = std::exchange(viewport_, viewport);
   if (old.is_attached && !viewport_.is_attached) {
+    newest_move_.reset();
+    DropWaitingInput();
     LiftAll();
     if (std::exchange(is_pointer_inside_, false)) SendMouse(MouseGone());
     ForgetDocument();
@@ -324,21 +327,23 @@ void Page::SetViewport(const widget_server::Viewport& viewport) {
   if (old.has_focus && !viewport_.has_focus) LeavePage();
 }
 
-// So that nothing is held down for the next host.
 void Page::LiftAll() {
-  for (const rpc::MouseButton button : pressed_) {
-    rpc::MouseReleaseRequest release;
-    release.set_button(button);
-    SendMouse(MouseReleased(release));
-  }
-  pressed_.clear();
-  if (fingers_.are_down()) {
-    SendInput("Input.dispatchTouchEvent",
-              {{"type", "touchCancel"}, {"touchPoints", Json::array()}});
-  }
+  LiftHeld();
   fingers_ = Fingers();
   native_input_.ForgetHeld();
   drags_.Cancel();
+}
+
+void Page::LiftHeld() {
+  for (const std::string& button : std::exchange(held_buttons_, {})) {
+    Json release = MouseReleased(rpc::MouseReleaseRequest());
+    release["button"] = button;
+    SendMouse(std::move(release));
+  }
+  if (!std::exchange(held_fingers_, {}).empty()) {
+    SendInput("Input.dispatchTouchEvent",
+              {{"type", "touchCancel"}, {"touchPoints", Json::array()}});
+  }
 }
 
 void Page::UpdateScreen() {
@@ -553,10 +558,30 @@ void Page::AddScript(orvane::Task begin) {
   AddStep({StepKind::kScript, std::move(begin)});
 }
 
+void Page::DropWaitingInput() {
+  const auto dropped = std::erase_if(
+      steps_, [](const Step& step) { return step.kind == StepKind::kInput; });
+  // A release may have been among it.
+  if (dropped > 0) LiftHeld();
+}
+
+void Page::NoteHeld(const Json& input) {
+  const std::string& type = Text(input, "type");
+  if (type == "mousePressed") held_buttons_.insert(Text(input, "button"));
+  if (type == "mouseReleased") held_buttons_.erase(Text(input, "button"));
+  for (const Json& point : List(input, "touchPoints")) {
+    const auto finger = static_cast<int>(Number(point, "id"));
+    if (type == "touchStart") held_fingers_.insert(finger);
+    if (type == "touchEnd") held_fingers_.erase(finger);
+  }
+  if (type == "touchCancel") held_fingers_.clear();
+}
+
 void Page::SendInput(const char* method, Json params,
                      orvane::OnAnswer<Json> on_answer) {
   AddStep({StepKind::kInput, [this, method, params = std::move(params),
                               on_answer = std::move(on_answer)]() mutable {
+             NoteHeld(params);
              Send(method, std::move(params),
                   [this, sent = unanswered_, on_answer = std::move(on_answer)](
                       absl::StatusOr<Json> answer) mutable {
@@ -624,13 +649,11 @@ void Page::KeyType(const rpc::KeyTypeRequest& event) {
 
 void Page::MousePress(const rpc::MousePressRequest& event) {
   pointer_ = event.pointer().position();
-  pressed_.insert(event.button());
   SendMouse(MousePressed(event));
 }
 
 void Page::MouseRelease(const rpc::MouseReleaseRequest& event) {
   pointer_ = event.pointer().position();
-  pressed_.erase(event.button());
   SendMouse(MouseReleased(event));
   // The press has given the page the focus, which is the host's to give.
   if (!viewport_.has_focus && event.pointer().buttons() == 0) LeavePage();
@@ -758,7 +781,7 @@ void Page::DragLeave(const rpc::DragLeaveRequest&) { drags_.Leave(); }
 void Page::DragDrop(const rpc::DragDropRequest& event) { drags_.Drop(event); }
 
 void Page::DragEnd(const rpc::DragEndRequest& event) {
-  pressed_.clear();  // It counts as the release.
+  held_buttons_.clear();  // It counts as the release.
   native_input_.ForgetButtons();
   drags_.End(event);
 }
@@ -869,9 +892,11 @@ void Page::OnEvent(EngineEvent event) {
     if (Text(frame, "id") != target_->id) return;
     ForgetDocument();
     drags_.Forget();
-    // The new document does not answer for the old one's input.
+    // The new document does not answer for the old one's input, nor is it to
+    // get any.
     unanswered_ = std::make_shared<Unanswered>();
     if (step_ == StepKind::kInput) step_ = StepKind::kNone;
+    DropWaitingInput();
     BeginSteps();
   } else if (event.method == "Target.attachedToTarget") {
     engine_->AddSession(Text(params, "sessionId"), this);

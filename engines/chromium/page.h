@@ -174,7 +174,9 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void SendPlace();
   void SetWindowState(const char* state);
   void ExpectPicture();
+  // So that nothing is held down for the next host.
   void LiftAll();
+  void LiftHeld();
 
   // The focus.
   void EnterPage();
@@ -195,6 +197,9 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   void EndStep();
   void SendInput(const char* method, Json params,
                  orvane::OnAnswer<Json> on_answer = nullptr);
+  // What was meant for a page, or comes from a host, that is gone.
+  void DropWaitingInput();
+  void NoteHeld(const Json& input);
   void SendMouse(Json command);
   void SendMove(Json command);
   void SendNewestMove();
@@ -251,7 +256,10 @@ class Page final : public widget_server::AbstractPage, public Engine::Client {
   bool is_pointer_inside_ = false;
   rpc::PointDip pointer_;  // Where it was last.
   Fingers fingers_;
-  std::set<rpc::MouseButton> pressed_;
+  // What the engine has been told of, by its names for buttons. The host may
+  // hold more, or less, while input waits.
+  std::set<std::string> held_buttons_;
+  std::set<int> held_fingers_;
   NativeInput native_input_{this};
   bool is_focus_offered_ = false;
   // Of the latest Tab that was pressed. Shift may come up before it.

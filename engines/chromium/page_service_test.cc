@@ -218,6 +218,27 @@ TEST_F(PageServiceTest, ALoadThatIsStoppedLeavesThePage) {
   EXPECT_EQ(State().error(), "");
 }
 
+TEST_F(PageServiceTest, AStopDoesNotStopWhatIsAskedForAfterIt) {
+  EXPECT_TRUE(pages_->Stop(browser_).ok());
+  EXPECT_EQ(Load("https://next.example/"), absl::OkStatus());
+  EXPECT_THAT(scripted_->Params("Page.stopLoading"), IsEmpty());
+  EXPECT_EQ(LoadedAddresses(), Json({"https://next.example/"}));
+}
+
+// The engine has committed a step back, and never answers the load.
+TEST_F(PageServiceTest, ALoadThatTheEngineForgetsIsBegunAgain) {
+  EXPECT_EQ(Load("https://next.example/"), absl::OkStatus());
+  TellOfPage("https://first.example/");
+  EXPECT_TRUE(State().is_loading());
+  EXPECT_EQ(State().address(), "https://next.example/");
+  loop_.RunUntil([this] {
+    scripted_->Settle();
+    return LoadedAddresses().size() == 2;
+  });
+  EXPECT_EQ(LoadedAddresses(),
+            Json({"https://next.example/", "https://next.example/"}));
+}
+
 TEST_F(PageServiceTest, OfTwoLoadsTheLatestCounts) {
   EXPECT_EQ(Load("https://second.example/"), absl::OkStatus());
   EXPECT_EQ(Load("https://third.example/"), absl::OkStatus());

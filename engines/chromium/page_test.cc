@@ -179,6 +179,19 @@ TEST_F(PageTest, AnEngineThatDoesNotAnswerAnyMoreIsStartedAgain) {
 }
 
 // It would be started again and again, and serve nobody.
+TEST_F(PageTest, AnEngineThatIsStillStartingCanBeShutDown) {
+  scripted_->Close();
+  LaunchEngine();
+  loop_.RunUntil([this] { return launches_ == 2; });
+  bool is_over = false;
+  engine_.Shutdown(absl::Seconds(60), [&] { is_over = true; });
+  AnswerTheVersion();
+  scripted_->Settle();
+  EXPECT_THAT(scripted_->Params("Target.createTarget"), IsEmpty());
+  scripted_->Close();
+  loop_.RunUntil([&] { return is_over; });
+}
+
 TEST_F(PageTest, AnEngineThatLacksACommandDoesNotStart) {
   struct Nobody final : Engine::Client {
     void OnTarget(const Target&) override { ADD_FAILURE(); }
@@ -646,6 +659,42 @@ TEST_F(PageTest, InputWaitsForTheEndOfADialog) {
   EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), IsEmpty());
   Tell("Page.javascriptDialogClosed");
   EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), SizeIs(3));
+}
+
+TEST_F(PageTest, InputThatWaitsGoesWithItsPage) {
+  Attach();
+  Tell("Page.javascriptDialogOpening",
+       {{"url", "https://a.example/"}, {"type", "alert"}});
+  Click();
+  Tell("Page.frameNavigated", {{"frame", {{"id", "target"}}}});
+  Tell("Page.javascriptDialogClosed");
+  EXPECT_THAT(scripted_->Params("Input.dispatchMouseEvent"), IsEmpty());
+}
+
+TEST_F(PageTest, InputThatWaitsGoesWithItsHostAndNothingStaysHeld) {
+  Attach();
+  Input<rpc::TouchStartRequest>(&Client::ForwardTouchStart,
+                                "changed_points { id: 1 }");
+  const std::string button = "button: MOUSE_BUTTON_PRIMARY click_count: 1";
+  Input<rpc::MousePressRequest>(&Client::ForwardMousePress, button);
+  Tell("Page.javascriptDialogOpening",
+       {{"url", "https://a.example/"}, {"type", "alert"}});
+  Input<rpc::MouseReleaseRequest>(&Client::ForwardMouseRelease, button);
+  Input<rpc::TouchEndRequest>(&Client::ForwardTouchEnd,
+                              "changed_points { id: 1 }");
+  Click();
+  Input<rpc::MouseMoveRequest>(&Client::ForwardMouseMove, "");
+  EXPECT_TRUE(host_->Detach(browser_).ok());
+  scripted_->ForgetCommands();
+  Tell("Page.javascriptDialogClosed");
+  std::vector<std::string> types;
+  for (const char* const method :
+       {"Input.dispatchMouseEvent", "Input.dispatchTouchEvent"}) {
+    for (const Json& params : scripted_->Params(method))
+      types.push_back(Text(params, "type"));
+  }
+  // The movement leads out of the page.
+  EXPECT_THAT(types, ElementsAre("mouseReleased", "mouseMoved", "touchCancel"));
 }
 
 TEST_F(PageTest, APageThatDoesNotAnswerIsSentNoMoreInput) {
