@@ -294,7 +294,9 @@ class PipeBrowser final : public Browser {
         pipe_(Must(chromium::EnginePipe::Open(
             loop, process_->TakePipe(),
             [this](const chromium::EngineEvent& event) { OnEvent(event); },
-            [](const absl::Status& why) { Fail(why.ToString()); }))) {
+            [this](const absl::Status& why) {
+              Fail(absl::StrCat(why.message(), "; it ", process_->End()));
+            }))) {
     const std::string target =
         Text(Call("Target.createTarget",
                   {{"url", "about:blank"}, {"windowState", "minimized"}}),
