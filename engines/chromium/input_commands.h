@@ -50,8 +50,6 @@ class Fingers {
   // nothing any more until they are lifted.
   std::optional<Json> Cancel(const Points& changed);
 
-  bool are_down() const { return !numbers_.empty(); }
-
  private:
   std::optional<Json> Command(const char* type, const Points& changed,
                               const rpc::InputInfo& input) const;

@@ -545,19 +545,27 @@
     report({ kind: "title", title: cut(title) });
   };
 
+  let isHeadWatched = false;
   const watchHead = () => {
     reportTitle();
+    if (isHeadWatched) return;
+    isHeadWatched = true;
+    bodyAwaited.disconnect();
     new MutationObserver(() => {
       reportTitle();
       reportIcon();
     }).observe(doc.head ?? document, {
       attributes: true, characterData: true, childList: true, subtree: true });
   };
+  // A page whose loading is stopped never says that its content is there.
+  const bodyAwaited = new MutationObserver(() => {
+    if (doc.body) watchHead();
+  });
 
   if (window === window.top) {
-    if (doc.readyState === "loading")
-      addEventListener("DOMContentLoaded", watchHead, { once: true });
-    else watchHead();
+    if (doc.body || doc.readyState !== "loading") watchHead();
+    else bodyAwaited.observe(document, { childList: true, subtree: true });
+    addEventListener("DOMContentLoaded", watchHead, { once: true });
     addEventListener("load", reportIcon, { once: true });
   }
 

@@ -1,6 +1,10 @@
 // Whole sessions: where the host tells the page to go, and what it learns of
 // it.
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -10,6 +14,7 @@
 #include "gtest/gtest.h"
 
 #include "engines/chromium/real_engine_fixture.h"
+#include "zimbrel/src/core/common/rpc/owned_descriptor.h"
 
 namespace chromium {
 namespace {
@@ -206,6 +211,28 @@ TEST_F(RealPagesTest, ATitleAndAnIconThatChangeAreTold) {
   EXPECT_EQ(icon->image().size().height(), 4);
   EXPECT_EQ(icon->image().pixels().substr(0, 4),
             std::string("\xff\x00\x00\xff", 4));
+}
+
+// It is not all there before a script that its server does not send.
+TEST_F(RealPagesTest, ATitleIsToldWhileThePageIsStillLoading) {
+  const orvane::OwnedDescriptor silent(
+      ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(::listen(silent.get(), 1), 0);
+  sockaddr_in address = {};
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::getsockname(silent.get(), reinterpret_cast<sockaddr*>(&address),
+                          &length),
+            0);
+  Start(AddressOf(absl::StrCat(
+            "<!DOCTYPE html><title>Half</title><p>Half<script src='http://"
+            "127.0.0.1:",
+            ntohs(address.sin_port), "/'></script>")),
+        {});
+  AwaitTitle("Half");
+  EXPECT_TRUE(state_.is_loading());
+  EXPECT_TRUE(pages_->Stop(browser_).ok());
+  loop_.RunUntil([this] { return !state_.is_loading(); });
+  EXPECT_EQ(state_.title(), "Half");
 }
 
 TEST_F(RealPagesTest, AWindowThatThePageWantsIsOffered) {
