@@ -213,21 +213,24 @@ TEST_F(RealPagesTest, ATitleAndAnIconThatChangeAreTold) {
             std::string("\xff\x00\x00\xff", 4));
 }
 
-// It is not all there before a script that its server does not send.
+// Its server sends the first half and then no more.
 TEST_F(RealPagesTest, ATitleIsToldWhileThePageIsStillLoading) {
-  const orvane::OwnedDescriptor silent(
+  const orvane::OwnedDescriptor listener(
       ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  ASSERT_EQ(::listen(silent.get(), 1), 0);
+  ASSERT_EQ(::listen(listener.get(), 1), 0);
   sockaddr_in address = {};
   socklen_t length = sizeof address;
-  ASSERT_EQ(::getsockname(silent.get(), reinterpret_cast<sockaddr*>(&address),
+  ASSERT_EQ(::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address),
                           &length),
             0);
-  Start(AddressOf(absl::StrCat(
-            "<!DOCTYPE html><title>Half</title><p>Half<script src='http://"
-            "127.0.0.1:",
-            ntohs(address.sin_port), "/'></script>")),
-        {});
+  Start(absl::StrCat("http://127.0.0.1:", ntohs(address.sin_port), "/"), {});
+  const orvane::OwnedDescriptor server(
+      ::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const std::string half =
+      "HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nContent-Length: 1000\r\n"
+      "\r\n<!DOCTYPE html><title>Half</title><p>Half";
+  ASSERT_EQ(::send(server.get(), half.data(), half.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(half.size()));
   AwaitTitle("Half");
   EXPECT_TRUE(state_.is_loading());
   EXPECT_TRUE(pages_->Stop(browser_).ok());
