@@ -158,7 +158,7 @@ class Navigation {
   // Where the page is or, while it goes through its history, is to be.
   int history_index_ = 0;
   int history_size_ = 0;
-  int unsent_steps_ = 0;  // Through the history, of which the engine is told.
+  int unsent_steps_ = 0;  // The engine has not been told of these.
   bool is_looking_at_history_ = false;
   bool must_look_again_ = false;
   bool is_window_offered_ = false;
