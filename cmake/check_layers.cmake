@@ -92,7 +92,7 @@ allow(docs/examples ${api} "docs/examples/[a-z_.]+\\.h" "host/[a-z_]+\\.h")
 allow(tools/widgetctl "tools/widgetctl/[a-z_]+\\.h" "${rpc}/transport/wire/framing\\.h" ${api})
 allow(benchmarks "benchmarks/[a-z_.]+\\.h" ${api})
 allow(benchmarks/transport "benchmarks/transport/[a-z_.]+\\.h" "${rpc}/main_loops/[a-z_]+\\.h" ${api})
-allow(benchmarks/grpc "benchmarks/transport/[a-z_.]+\\.h" "rpc/[a-z_/]+\\.h")
+allow(benchmarks/grpc "benchmarks/(transport|grpc)/[a-z_.]+\\.h" "rpc/[a-z_/]+\\.h")
 allow(benchmarks/capnp "benchmarks/(transport|capnp)/[a-z_.]+\\.h")
 
 # Code that only tests use.

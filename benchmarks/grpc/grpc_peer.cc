@@ -1,28 +1,34 @@
 // gRPC over a Unix-domain socket.
 //
-//   --interface sync       blocking stubs and handlers; one thread for each
-//                          call in flight
-//   --interface callback   reactors on both sides; the end of a call begins
-//                          the next
+//   --interface sync             blocking stubs and handlers; one thread for
+//                                each call in flight
+//   --interface callback         reactors on both sides; the end of a call
+//                                begins the next
+//   --interface sync-stream      unary: a call is a message each way on one
+//   --interface callback-stream  stream that stays open
 //
 // A gRPC server cannot call its clients, so events and calls from the server go
 // through bidirectional streams. With `sync` the events of a burst are written
 // with the hint that more follow, except the last, and except the first of the
-// stream, since a stream whose first write has the hint does not move.
+// stream, since a stream whose first write has the hint does not move. So are
+// the messages of `callback-stream`, if others wait to be written.
 
 #include <grpcpp/grpcpp.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <functional>
 #include <latch>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "benchmarks/grpc/echo_stream.grpc.pb.h"
 #include "benchmarks/transport/measure.h"
 #include "benchmarks/transport/messages.h"
 #include "benchmarks/transport/peer.grpc.pb.h"
@@ -36,9 +42,20 @@ using rpc::EventSubscription;
 using rpc::TakeFocus;
 
 bool IsCallback(const Options& options) {
-  if (options.interface == "callback") return true;
-  if (options.interface == "sync" || options.interface.empty()) return false;
-  Fail("--interface is sync or callback");
+  const std::string& name = options.interface;
+  if (name == "callback" || name == "callback-stream") return true;
+  if (name == "sync" || name == "sync-stream" || name.empty()) return false;
+  Fail("--interface is sync, callback, sync-stream or callback-stream");
+}
+
+bool IsOneStream(const Options& options) {
+  return options.interface.ends_with("-stream");
+}
+
+grpc::WriteOptions MoreFollow(bool do_follow) {
+  grpc::WriteOptions options;
+  if (do_follow) options.set_buffer_hint();
+  return options;
 }
 
 void CheckOk(const grpc::Status& status) {
@@ -77,9 +94,7 @@ class SyncServer final : public PeerRpc::Service {
     EventSubscription asked;
     while (stream->Read(&asked)) {
       for (int i = 0; i < kBurst; ++i) {
-        grpc::WriteOptions options;
-        if (i > 0 && i + 1 < kBurst) options.set_buffer_hint();
-        stream->Write(event, options);
+        stream->Write(event, MoreFollow(i > 0 && i + 1 < kBurst));
       }
     }
     return grpc::Status::OK;
@@ -192,13 +207,70 @@ class CallbackServer final : public PeerRpc::CallbackService {
   Meter& meter_;
 };
 
-void Serve(const Options& options, Meter& meter) {
-  std::unique_ptr<grpc::Service> service;
-  if (IsCallback(options)) {
-    service = std::make_unique<CallbackServer>(meter);
-  } else {
-    service = std::make_unique<SyncServer>(meter);
+class SyncStreamServer final : public EchoStreamRpc::Service {
+ public:
+  grpc::Status Echo(
+      grpc::ServerContext*,
+      grpc::ServerReaderWriter<Payload, Payload>* stream) override {
+    Payload payload;
+    while (stream->Read(&payload) && stream->Write(payload)) continue;
+    return grpc::Status::OK;
   }
+};
+
+class CallbackStreamServer final : public EchoStreamRpc::CallbackService {
+ public:
+  grpc::ServerBidiReactor<Payload, Payload>* Echo(
+      grpc::CallbackServerContext*) override {
+    // Reads on while it writes, since several calls may be in flight.
+    class Reactor final : public grpc::ServerBidiReactor<Payload, Payload> {
+     public:
+      Reactor() { StartRead(&request_); }
+
+      void OnReadDone(bool ok) override {
+        if (!ok) return Finish(grpc::Status::OK);
+        {
+          const std::lock_guard lock(mutex_);
+          answers_.push_back(std::move(request_));
+          if (answers_.size() == 1) WriteFirst();
+        }
+        StartRead(&request_);
+      }
+
+      void OnWriteDone(bool ok) override {
+        if (!ok) return;
+        const std::lock_guard lock(mutex_);
+        answers_.pop_front();
+        if (!answers_.empty()) WriteFirst();
+      }
+
+      void OnDone() override { delete this; }
+
+     private:
+      void WriteFirst() {
+        StartWrite(&answers_.front(), MoreFollow(answers_.size() > 1));
+      }
+
+      Payload request_;
+      std::mutex mutex_;
+      std::deque<Payload> answers_;  // The first one is being written.
+    };
+    return new Reactor;
+  }
+};
+
+std::unique_ptr<grpc::Service> MakeService(const Options& options,
+                                           Meter& meter) {
+  if (IsOneStream(options)) {
+    if (IsCallback(options)) return std::make_unique<CallbackStreamServer>();
+    return std::make_unique<SyncStreamServer>();
+  }
+  if (IsCallback(options)) return std::make_unique<CallbackServer>(meter);
+  return std::make_unique<SyncServer>(meter);
+}
+
+void Serve(const Options& options, Meter& meter) {
+  const std::unique_ptr<grpc::Service> service = MakeService(options, meter);
   grpc::ServerBuilder builder;
   builder.SetMaxReceiveMessageSize(-1);
   builder.AddListeningPort("unix:" + options.socket_path,
@@ -214,12 +286,19 @@ void Serve(const Options& options, Meter& meter) {
 
 using Stub = std::unique_ptr<PeerRpc::Stub>;
 
+Payload RequestPayload(const Options& options) {
+  Payload payload;
+  payload.set_data(std::string(options.payload_bytes, '\0'));
+  return payload;
+}
+
 class Host {
  public:
   Host(const Options& options, Meter& meter, std::vector<Stub> stubs)
-      : options_(options), meter_(meter), stubs_(std::move(stubs)) {
-    payload_.set_data(std::string(options.payload_bytes, '\0'));
-  }
+      : options_(options),
+        meter_(meter),
+        stubs_(std::move(stubs)),
+        payload_(RequestPayload(options)) {}
 
   void Run() {
     const bool is_callback = IsCallback(options_);
@@ -391,20 +470,108 @@ class Host {
   const Options& options_;
   Meter& meter_;
   const std::vector<Stub> stubs_;
-  Payload payload_;
+  const Payload payload_;
 };
 
-void Drive(const Options& options, Meter& meter) {
-  std::vector<Stub> stubs;
-  for (int i = 0; i < options.hosts; ++i) {
-    grpc::ChannelArguments arguments;
-    arguments.SetMaxReceiveMessageSize(-1);
-    // Without this, channels to the same address share one connection.
-    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-    stubs.push_back(PeerRpc::NewStub(grpc::CreateCustomChannel(
-        "unix:" + options.socket_path, grpc::InsecureChannelCredentials(),
-        arguments)));
+// When each call in flight on one stream has begun. They end in the order in
+// which they began, and the end of each begins the next.
+class CallsInFlight {
+ public:
+  CallsInFlight(const Options& options, Meter& meter)
+      : meter_(meter),
+        begun_(static_cast<std::size_t>(options.in_flight), Now()) {}
+
+  // False once the measurement is over.
+  bool EndFirst() {
+    std::int64_t& begun = begun_[ended_++ % begun_.size()];
+    const bool goes_on = meter_.Ended(begun);
+    begun = Now();
+    return goes_on;
   }
+
+ private:
+  Meter& meter_;
+  std::vector<std::int64_t> begun_;
+  std::size_t ended_ = 0;
+};
+
+void CallOnStream(const Options& options, Meter& meter,
+                  EchoStreamRpc::Stub& stub) {
+  const Payload request = RequestPayload(options);
+  grpc::ClientContext context;
+  const auto stream = stub.Echo(&context);
+  CallsInFlight calls(options, meter);
+  for (int i = 0; i < options.in_flight; ++i)
+    stream->Write(request, MoreFollow(i > 0 && i + 1 < options.in_flight));
+  Payload response;
+  while (stream->Read(&response) && calls.EndFirst()) stream->Write(request);
+  context.TryCancel();
+  stream->Finish();
+}
+
+void CallOnStreamByCallback(const Options& options, Meter& meter,
+                            EchoStreamRpc::Stub& stub) {
+  class Reactor final : public grpc::ClientBidiReactor<Payload, Payload> {
+   public:
+    Reactor(const Options& options, Meter& meter, EchoStreamRpc::Stub& stub)
+        : request_(RequestPayload(options)),
+          calls_(options, meter),
+          to_write_(options.in_flight) {
+      stub.async()->Echo(&context_, this);
+      StartWrite(&request_);
+      StartRead(&response_);
+      StartCall();
+    }
+
+    void OnReadDone(bool ok) override {
+      if (!ok) return;
+      if (!calls_.EndFirst()) return context_.TryCancel();
+      if (to_write_++ == 0) StartWrite(&request_);
+      StartRead(&response_);
+    }
+
+    void OnWriteDone(bool ok) override {
+      if (!ok) return;
+      if (const int left = --to_write_; left > 0)
+        StartWrite(&request_, MoreFollow(left > 1));
+    }
+
+    void OnDone(const grpc::Status&) override { ended_.count_down(); }
+
+    void AwaitEnd() { ended_.wait(); }
+
+   private:
+    grpc::ClientContext context_;
+    const Payload request_;
+    Payload response_;
+    CallsInFlight calls_;
+    std::atomic<int> to_write_;  // With the one that is being written.
+    std::latch ended_{1};
+  };
+  Reactor(options, meter, stub).AwaitEnd();
+}
+
+std::shared_ptr<grpc::Channel> Connect(const Options& options) {
+  grpc::ChannelArguments arguments;
+  arguments.SetMaxReceiveMessageSize(-1);
+  // Without this, channels to the same address share one connection.
+  arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+  return grpc::CreateCustomChannel("unix:" + options.socket_path,
+                                   grpc::InsecureChannelCredentials(),
+                                   arguments);
+}
+
+void Drive(const Options& options, Meter& meter) {
+  if (IsOneStream(options)) {
+    if (options.figure != Figure::kUnary)
+      Fail("one stream carries calls; measure unary");
+    EchoStreamRpc::Stub stub(Connect(options));
+    return IsCallback(options) ? CallOnStreamByCallback(options, meter, stub)
+                               : CallOnStream(options, meter, stub);
+  }
+  std::vector<Stub> stubs;
+  for (int i = 0; i < options.hosts; ++i)
+    stubs.push_back(PeerRpc::NewStub(Connect(options)));
   Host(options, meter, std::move(stubs)).Run();
 }
 
