@@ -94,6 +94,7 @@ allow(benchmarks "benchmarks/[a-z_.]+\\.h" ${api})
 allow(benchmarks/transport "benchmarks/transport/[a-z_.]+\\.h" "${rpc}/main_loops/[a-z_]+\\.h" ${api})
 allow(benchmarks/grpc "benchmarks/(transport|grpc)/[a-z_.]+\\.h" "rpc/[a-z_/]+\\.h")
 allow(benchmarks/capnp "benchmarks/(transport|capnp)/[a-z_.]+\\.h")
+allow(benchmarks/sdbus "benchmarks/transport/[a-z_.]+\\.h")
 
 # Code that only tests use.
 allow(${rpc}/testing "${rpc}/testing/[a-z_]+\\.h" "${rpc}/stream/[a-z_]+\\.h"

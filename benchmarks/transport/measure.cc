@@ -305,7 +305,9 @@ bool Meter::Advance(std::int64_t now, int operations) {
 }
 
 Meter::Usage Meter::UsageNow() const {
-  return {Now(), CpuNs(host_) + CpuNs(server_), server_allocations_};
+  const std::int64_t helper_ns = helper_ == 0 ? 0 : CpuNs(helper_);
+  return {Now(), CpuNs(host_) + CpuNs(server_) + helper_ns,
+          server_allocations_};
 }
 
 void Meter::Start(const Options& options, pid_t server,

@@ -94,6 +94,10 @@ class Meter {
 
   bool is_done() const { return phase_ == Phase::kDone; }
 
+  // Counts the processor time of a further process that the server needs. Call
+  // it before SetReady.
+  void AlsoMeasure(pid_t helper) { helper_ = helper; }
+
   // Call it when the server listens.
   void SetReady() { is_ready_ = true; }
 
@@ -111,7 +115,7 @@ class Meter {
   // What both processes have used so far.
   struct Usage {
     std::int64_t time_ns;
-    std::int64_t cpu_ns;  // Of both processes.
+    std::int64_t cpu_ns;  // Of both processes, and of the helper.
     std::uint64_t server_allocations;
   };
 
@@ -129,6 +133,7 @@ class Meter {
   std::atomic<bool> is_ready_;
   pid_t host_;
   pid_t server_;
+  pid_t helper_;  // 0: none.
   std::int64_t spawned_ns_;
   Figure figure_;
   std::int64_t duration_ns_;
