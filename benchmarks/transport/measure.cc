@@ -42,20 +42,6 @@ std::int64_t CpuNs(pid_t process) {
   return ToNs(used);
 }
 
-// The memory that the process does not share, in KiB; 0 if the system does not
-// tell.
-std::int64_t PrivateBytes(pid_t process) {
-  std::ifstream rollup("/proc/" + std::to_string(process) + "/smaps_rollup");
-  std::int64_t kib = 0;
-  for (std::string word; rollup >> word;) {
-    std::int64_t value = 0;
-    if ((word == "Private_Clean:" || word == "Private_Dirty:") &&
-        rollup >> value)
-      kib += value;
-  }
-  return kib * 1024;
-}
-
 // The cores that a host and its server run on.
 struct Cores {
   int host;
@@ -264,6 +250,18 @@ void SleepUntil(std::int64_t time_ns) {
   const timespec time{.tv_sec = time_ns / kNsPerS,
                       .tv_nsec = time_ns % kNsPerS};
   clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, nullptr);
+}
+
+std::int64_t PrivateBytes(pid_t process) {
+  std::ifstream rollup("/proc/" + std::to_string(process) + "/smaps_rollup");
+  std::int64_t kib = 0;
+  for (std::string word; rollup >> word;) {
+    std::int64_t value = 0;
+    if ((word == "Private_Clean:" || word == "Private_Dirty:") &&
+        rollup >> value)
+      kib += value;
+  }
+  return kib * 1024;
 }
 
 bool Meter::Ended(std::int64_t begun_ns) {

@@ -74,6 +74,10 @@ std::int64_t Now();
 // Sleeps until that time.
 void SleepUntil(std::int64_t time_ns);
 
+// The memory in bytes that the process does not share with others; 0 if the
+// system does not tell.
+std::int64_t PrivateBytes(pid_t process);
+
 // Counts operations and their times, from the end of a warm-up until the
 // duration is over. Lies in memory shared by both processes.
 //
