@@ -11,6 +11,8 @@
 #include "google/protobuf/dynamic_message.h"
 #include "google/protobuf/io/coded_stream.h"
 
+#include "rpc/browser/browser_id.pb.h"
+
 namespace orvane {
 namespace {
 
@@ -67,9 +69,37 @@ bool AreOfOneType(const Message& left, const Message& right) {
          left.GetDescriptor() == right.GetDescriptor();
 }
 
+std::size_t SerialisedSize(std::uint64_t browser_id) {
+  using google::protobuf::io::CodedOutputStream;
+  return browser_id == 0 ? 0 : 1 + CodedOutputStream::VarintSize64(browser_id);
+}
+
+// What nearly every key is: a browser's id with nothing besides. Serialising
+// its one number takes longer than the rest of a look-up.
+const BrowserId* PlainBrowserId(const Message& message) {
+  if (&typeid(message) != &typeid(BrowserId)) return nullptr;
+  const auto& id = static_cast<const BrowserId&>(message);
+  // Any unknown field makes it longer.
+  return id.ByteSizeLong() == SerialisedSize(id.value()) ? &id : nullptr;
+}
+
+// The hash of the bytes that such an id is serialised to: the same id may also
+// come as a dynamic message, or as an unknown field.
+std::size_t HashOfBrowserId(std::uint64_t value) {
+  std::array<std::uint8_t, 11> bytes;
+  bytes[0] = BrowserId::kValueFieldNumber << 3;  // The tag of a varint.
+  google::protobuf::io::CodedOutputStream::WriteVarint64ToArray(value,
+                                                                &bytes[1]);
+  return absl::HashOf(absl::string_view(
+      reinterpret_cast<const char*>(bytes.data()), SerialisedSize(value)));
+}
+
 }  // namespace
 
 std::size_t MessageHash::operator()(const Message* message) const {
+  if (const BrowserId* id = PlainBrowserId(*message)) {
+    return HashOfBrowserId(id->value());
+  }
   const Content content(*message);
   // Without the type: keys that meet in one table are nearly always of one.
   return absl::HashOf(content.bytes());
@@ -77,6 +107,9 @@ std::size_t MessageHash::operator()(const Message* message) const {
 
 bool MessageEqual::operator()(const Message* left, const Message* right) const {
   if (left == right) return true;
+  const BrowserId* const left_id = PlainBrowserId(*left);
+  const BrowserId* const right_id = PlainBrowserId(*right);
+  if (left_id && right_id) return left_id->value() == right_id->value();
   if (!AreOfOneType(*left, *right)) return false;
   const std::size_t size = left->ByteSizeLong();
   if (right->ByteSizeLong() != size) return false;

@@ -14,6 +14,7 @@
 
 #include "keys.pb.h"
 #include "proto2_keys.pb.h"
+#include "rpc/browser/browser_id.pb.h"
 
 namespace orvane {
 namespace {
@@ -175,6 +176,66 @@ TEST(MessageContent, DynamicMessagesEqualGeneratedOnesOfTheSameDescriptor) {
       dynamic.get(), Small::descriptor()->FindFieldByName("value"), 7);
   EXPECT_TRUE(Same(*dynamic, MakeSmall(7)));
   EXPECT_TRUE(SameAsItsCopy(*dynamic));
+}
+
+BrowserId MakeId(std::uint64_t value) {
+  BrowserId id;
+  id.set_value(value);
+  return id;
+}
+
+// The id whose one field protobuf does not recognise: it is serialised to the
+// same bytes.
+BrowserId MakeIdAsUnknownField(std::uint64_t value) {
+  BrowserId id;
+  id.GetReflection()->MutableUnknownFields(&id)->AddVarint(
+      BrowserId::kValueFieldNumber, value);
+  return id;
+}
+
+std::unique_ptr<Message> MakeDynamicId(
+    google::protobuf::DynamicMessageFactory& factory, std::uint64_t value) {
+  std::unique_ptr<Message> id(
+      factory.GetPrototype(BrowserId::descriptor())->New());
+  id->GetReflection()->SetUInt64(
+      id.get(), BrowserId::descriptor()->FindFieldByName("value"), value);
+  return id;
+}
+
+TEST(MessageContent, ABrowserIdOfAnySizeEqualsAllItsForms) {
+  google::protobuf::DynamicMessageFactory factory;
+  for (int bits = 0; bits < 64; ++bits) {
+    for (const std::uint64_t value :
+         {std::uint64_t{1} << bits, (std::uint64_t{1} << bits) - 1,
+          ~std::uint64_t{0} << bits}) {
+      SCOPED_TRACE(value);
+      const BrowserId id = MakeId(value);
+      EXPECT_TRUE(SameAsItsCopy(id));
+      EXPECT_TRUE(Same(id, *MakeDynamicId(factory, value)));
+      EXPECT_FALSE(Same(id, MakeId(value ^ 1)));
+      EXPECT_FALSE(Same(id, *MakeDynamicId(factory, value ^ 1)));
+      // Zero is not serialised, except as an unknown field.
+      EXPECT_EQ(Same(id, MakeIdAsUnknownField(value)), value != 0);
+    }
+  }
+}
+
+TEST(MessageContent, AnUnknownFieldOfABrowserIdCounts) {
+  BrowserId extended = MakeId(7);
+  extended.GetReflection()->MutableUnknownFields(&extended)->AddVarint(2, 5);
+  EXPECT_TRUE(SameAsItsCopy(extended));
+  EXPECT_FALSE(Same(MakeId(7), extended));
+}
+
+// Its hash and comparison read this field and no other.
+TEST(MessageContent, ABrowserIdIsOneNumberWithoutPresence) {
+  const google::protobuf::Descriptor& id = *BrowserId::descriptor();
+  ASSERT_EQ(id.field_count(), 1);
+  EXPECT_EQ(id.extension_range_count(), 0);
+  EXPECT_EQ(id.field(0)->type(),
+            google::protobuf::FieldDescriptor::TYPE_UINT64);
+  EXPECT_FALSE(id.field(0)->has_presence());
+  EXPECT_FALSE(id.field(0)->is_repeated());
 }
 
 TEST(MessageContent, ACopyFindsTheEntryOfItsSourceAndTheSourceThatOfItsCopy) {
