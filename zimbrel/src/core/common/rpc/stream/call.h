@@ -150,9 +150,10 @@ CallHandle Call(const KeyOf<T>& key, CallOf<T> call,
   const auto open = std::make_shared<internal::OpenCall>(
       internal::OpenCall::Place{stream, own_key, id, &internal::Drop<T>},
       std::move(on_end));
+  // One of the two callables is enough to keep `open`.
   calls.emplace(id, typename CallbackStream<T>::StreamCall{
-                        [open](T& reply) {
-                          open->End(std::make_unique<T>(std::move(reply)));
+                        [answered = open.get()](T& reply) {
+                          answered->End(std::make_unique<T>(std::move(reply)));
                         },
                         [open](StreamCallFailure why) {
                           open->End(internal::ToStatus(why));

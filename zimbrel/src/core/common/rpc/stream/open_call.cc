@@ -31,6 +31,7 @@ OpenCall::OpenCall(Place place, OnEnd on_end)
     : place_(place), loop_(place.stream->loop()), on_end_(std::move(on_end)) {}
 
 OpenCall::~OpenCall() {
+  if (on_end_ == nullptr) return;
   End(absl::CancelledError(
       "the stream was destroyed before the client answered"));
 }

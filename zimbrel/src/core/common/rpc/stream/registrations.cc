@@ -42,7 +42,8 @@ void Registrations::Shrink() {
 
 const Message* CopyKey(const Message& key) {
   Message* const copy = key.New(nullptr);
-  copy->CopyFrom(key);
+  // CopyFrom would first look through both for each other.
+  copy->MergeFrom(key);
   return copy;
 }
 

@@ -97,8 +97,10 @@ absl::Status ClientStreamState::Send(StreamMessage::Kind kind,
   header.set_kind(kind);
   header.set_stream_id(id_);
   header.set_call_id(call_id);
-  header.set_error_code(static_cast<int>(error.code()));
-  header.set_error_text(std::string(error.message()));
+  if (!error.ok()) {
+    header.set_error_code(static_cast<int>(error.code()));
+    header.set_error_text(std::string(error.message()));
+  }
   absl::Status sent = socket_->Send(header, message);
   if (observer_ != nullptr) {
     EndObservedCall(call_id, sent.ok() ? error.code() : sent.code(),

@@ -14,6 +14,7 @@
 
 #include "rpc/browser/browser_widget.rpc.h"
 #include "zimbrel/src/core/common/rpc/event_loop.h"
+#include "zimbrel/src/core/common/rpc/stream/call.h"
 #include "zimbrel/src/core/common/rpc/stream/publish.h"
 #include "zimbrel/src/core/common/rpc/testing/frames.h"
 #include "zimbrel/src/core/common/rpc/testing/heap_probe.h"
@@ -106,6 +107,40 @@ TEST_F(ServerAllocation, AnEventTakesNone) {
     ASSERT_TRUE(DiscardReceived());
   }
   EXPECT_EQ(allocations, 0u);
+}
+
+// Nine to begin the call: its message's two parts and bytes, a key and two
+// entries of tables, its state, and two closures. Ten to end it: the answer is
+// parsed twice, once to be checked, into a key, a response and a text each, the
+// first of them into a message of its own; then it is moved into another and
+// posted.
+TEST_F(ServerAllocation, ACallOfAClientTakesNineteen) {
+  SendBytes(RawPeer::Bytes(OpenFrame(1, kOnCreateWebDialog)) +
+            RawPeer::Bytes(NextFrame(1, Serve(7))));
+  loop_.RunUntilIdle();
+  const BrowserId key = Browser(7);
+  std::size_t allocations = 0;
+  int answered = 0;
+  for (int i = 0; i < kWarmUp + kCounted; ++i) {
+    std::size_t before = heap_probe::Allocations();
+    Call<rpc::CreateWebDialog>(
+        key, {}, [&answered](const auto& answer) { answered += answer.ok(); });
+    loop_.RunUntilIdle();
+    std::size_t taken = heap_probe::Allocations() - before;
+
+    client_->frames.clear();
+    client_->Receive();
+    ASSERT_EQ(client_->frames.size(), 1u);
+    SendBytes(RawPeer::Bytes(
+        NextFrame(1, Answer(7, "yes"), client_->frames[0].call_id())));
+
+    before = heap_probe::Allocations();
+    loop_.RunUntilIdle();
+    taken += heap_probe::Allocations() - before;
+    if (i >= kWarmUp) allocations += taken;
+  }
+  EXPECT_EQ(answered, kWarmUp + kCounted);
+  EXPECT_LE(allocations, 19 * std::size_t{kCounted});
 }
 
 TEST_F(ServerAllocation, ABurstOfEventsTakesNone) {

@@ -56,13 +56,14 @@ StreamRequest::Action StreamRequest::action() const {
 }
 
 std::string StreamRequest::key() const {
-  std::string bytes;
-  google::protobuf::io::StringOutputStream stream(&bytes);
+  const Message& key = Key();
+  // As long as it will be from the start: short ones need no allocation.
+  std::string bytes(key.ByteSizeLong(), '\0');
+  google::protobuf::io::ArrayOutputStream stream(
+      bytes.data(), static_cast<int>(bytes.size()));
   google::protobuf::io::CodedOutputStream out(&stream);
   out.SetSerializationDeterministic(true);
-  // True: a key that lacks required fields would not have been parsed.
-  static_cast<void>(Key().SerializeToCodedStream(&out));
-  out.Trim();
+  key.SerializeWithCachedSizes(&out);
   return bytes;
 }
 
