@@ -52,7 +52,8 @@ set(api "${server_api}" "${client_api}" "${rpc}/metrics/[a-z_]+\\.h" "${contract
 
 # The runtime.
 allow(zimbrel/src/core/common/logging "${logging}")
-allow(${rpc} "${contracts}" "${rpc}/loop/[a-z_]+\\.h" "rpc/transport/stream_message.pb.h" "rpc/event_subscription.pb.h")
+allow(${rpc} "${contracts}" "${rpc}/loop/[a-z_]+\\.h" "rpc/transport/stream_message.pb.h" "rpc/event_subscription.pb.h"
+      "rpc/browser/browser_id.pb.h")
 allow(${rpc}/loop "${rpc}/loop/[a-z_]+\\.h" "${rpc}/(event_loop|mutex|owned_descriptor)\\.h")
 allow(${rpc}/main_loops "${rpc}/(event_loop|owned_descriptor)\\.h")
 allow(${rpc}/stream "${rpc}/stream/[a-z_]+\\.h" "${contracts}" "${protos}" "${logging}")
